@@ -1,0 +1,24 @@
+# The product: one shared library under its shipped file name, C++17 as the target's tool chain has it.
+add_library(quil_vendor_headers INTERFACE)
+target_include_directories(quil_vendor_headers INTERFACE ${CMAKE_SOURCE_DIR}/platform/vendor/include)
+
+add_library(quil_impl SHARED
+  common/log.cpp
+  mculink/frame.cpp
+  mculink/request.cpp
+  mculink/uart.cpp
+  service/control_manager.cpp
+  service/quil_service_callback.cpp
+  service/quil_service_manager.cpp
+  service/request_routing.cpp
+  service/mcu_forwarding.cpp
+  service/client_registry.cpp
+  update/config_info.cpp)
+set_target_properties(quil_impl PROPERTIES
+  PREFIX "" OUTPUT_NAME "quil.hardware.quilservicemanager@1.0-impl"
+  CXX_STANDARD 17 CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
+  LINK_DEPENDS ${CMAKE_SOURCE_DIR}/quil.map)
+target_include_directories(quil_impl PUBLIC ${CMAKE_SOURCE_DIR})
+target_link_libraries(quil_impl PUBLIC quil_interface hidlbase quil_vendor_headers Threads::Threads)
+target_link_options(quil_impl PRIVATE
+  -Wl,--version-script=${CMAKE_SOURCE_DIR}/quil.map -Wl,-z,relro,-z,now,-z,noexecstack)
