@@ -1,0 +1,33 @@
+#include "common/log.h"
+
+#include <cutils/properties.h>
+
+namespace quil::common {
+
+namespace {
+constexpr int kLevelDebug = 4, kLevelInfo = 3, kLevelWarning = 2, kLevelError = 1;
+}
+
+int get_log_level() {
+    char level[PROPERTY_VALUE_MAX] = {};
+    property_get(kLogLevelProperty, level, kDefaultLogLevel);
+    switch (level[0]) {
+        case 'D':
+            return kLevelDebug;
+        case 'I':
+            return kLevelInfo;
+        case 'W':
+            return kLevelWarning;
+        default:
+            return kLevelError;
+    }
+}
+
+bool isLogged(int priority) {
+    const int level = get_log_level();
+    if (priority >= ANDROID_LOG_ERROR) return true;
+    if (priority == ANDROID_LOG_INFO) return level >= kLevelInfo;
+    return level >= kLevelDebug;
+}
+
+}  // namespace quil::common
