@@ -1,0 +1,88 @@
+// An MCU request on its way out, the wait for its answer, and the answer's way in: a mailbox with one
+// slot. The answer is not matched to the request; what arrives during a wait is the answer.
+#include <errno.h>
+#include <time.h>
+
+#include "common/log.h"
+#include "common/mutex_lock.h"
+#include "mculink/request.h"
+#include "service/quil_service_manager.h"
+#include "update/config_info.h"
+
+namespace quil::hardware::quilservicemanager::implementation {
+
+using common::kServiceTag;
+using common::MutexLock;
+
+namespace {
+constexpr time_t kAnswerTimeoutSeconds = 5;
+constexpr uint8_t kFirmwareUpdating = 0xFF;
+}  // namespace
+
+Return<int32_t> QuilServiceManager::sendTclvDataToMcu(tclvMsg* msg, uint8_t is_write) {
+    const config_info_t* info = config_info;
+    if (info == nullptr || msg == nullptr) {
+        QUIL_LOG_ERROR(kServiceTag, "%s: config_info or msg is NULL\n", __func__);
+        return -1;
+    }
+    QUIL_LOG_DEBUG(kServiceTag, "%s: load mcu thread fd = %d, mcu_type = %d\n", __func__,
+                   info->mcu_fd, info->mcu_type);
+    // The host raises the flag from its own thread.
+    if (__atomic_load_n(&info->fw_updating, __ATOMIC_ACQUIRE) != 0) {
+        QUIL_LOG_ERROR(kServiceTag, "%s: now fw is updating...return 0xff\n", __func__);
+        const MutexLock lock(mWaitMutex);
+        recvData.assign(1, kFirmwareUpdating);
+        return -1;
+    }
+    if (msg->length > msg->msgBody.size()) {
+        QUIL_LOG_ERROR(kServiceTag, "%s: msg->length(0x%x) is above msgBody's size(0x%x)\n",
+                       __func__, msg->length, static_cast<unsigned>(msg->msgBody.size()));
+        return -1;
+    }
+    if (send_mcu_message(msg->cmd, is_write, msg->msgBody.data(), msg->length, info->mcu_fd) < 0) {
+        QUIL_LOG_ERROR(kServiceTag, "%s: send_mcu_message failed\n", __func__);
+        return -1;
+    }
+    doWaitMcu();
+    return 0;
+}
+
+// Waits on mWaitCond, with mWaitMutex held, until an answer is there: true; or the time is up: false,
+// even if an answer came with the very end of the wait.
+bool QuilServiceManager::waitForAnswer() {
+    timespec deadline = {};
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += kAnswerTimeoutSeconds;
+    while (!mDataReady) {
+        if (pthread_cond_timedwait(&mWaitCond, &mWaitMutex, &deadline) == ETIMEDOUT) return false;
+    }
+    return true;
+}
+
+Return<void> QuilServiceManager::doWaitMcu() {
+    // Before the lock, deliberately: an answer faster than this line is forgotten, as it always was.
+    mDataReady = false;
+    const MutexLock lock(mWaitMutex);
+    if (!waitForAnswer()) {
+        QUIL_LOG_ERROR(
+            kServiceTag,
+            "%s: Timeout 5s waiting for response from MCU. frame_seq_num = 0x%x\n", __func__,
+            g_n_lable);
+    }
+    // Said after a time-out too.
+    QUIL_LOG_DEBUG(kServiceTag, "%s data from thread_mcu is ready\n", __func__);
+    if (recvData.empty()) QUIL_LOG_DEBUG(kServiceTag, "%s: recvData is empty\n", __func__);
+    mDataReady = false;
+    return Void();
+}
+
+Return<void> QuilServiceManager::wakeUp(const hidl_vec<uint8_t>& data) {
+    QUIL_LOG_DEBUG(kServiceTag, "%s is called\n", __func__);
+    const MutexLock lock(mWaitMutex);
+    recvData.assign(data.begin(), data.end());
+    mDataReady = true;
+    pthread_cond_signal(&mWaitCond);
+    return Void();
+}
+
+}  // namespace quil::hardware::quilservicemanager::implementation
