@@ -63,6 +63,8 @@ function(hidl_interface target)
   set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS ${definitions})
   add_custom_command(OUTPUT ${headers}
     COMMAND ${HIDL_GEN} ${QUIL_HIDL_ROOTS} -L c++-headers -o ${QUIL_HIDL_OUT} ${fqnames}
+    # Debian's hidl-gen is from before the release that made these inline; clang needs them so.
+    COMMAND sed -i "s/^template<> constexpr /template<> inline constexpr /" ${headers}
     DEPENDS ${definitions} COMMENT "hidl-gen ${ARG_PACKAGE}" VERBATIM)
   target_sources(${target} PRIVATE ${headers})
   foreach(interface ${ARG_INTERFACES})

@@ -58,7 +58,7 @@ struct hidl_handle {
 
     details::hidl_pointer<const native_handle_t> mHandle = nullptr;
     bool mOwnsHandle = false;
-    uint8_t mPad[7] = {};
+    [[maybe_unused]] uint8_t mPad[7] = {};
 };
 
 // A NUL-terminated string that owns its bytes or refers to somebody else's.
@@ -93,7 +93,7 @@ struct hidl_string {
     details::hidl_pointer<const char> mBuffer;
     uint32_t mSize = 0;
     bool mOwnsBuffer = false;
-    uint8_t mPad[3] = {};
+    [[maybe_unused]] uint8_t mPad[3] = {};
 };
 
 inline int compare(const hidl_string& left, const char* right) {
@@ -250,7 +250,7 @@ struct hidl_vec {
     details::hidl_pointer<T> mBuffer = nullptr;
     uint32_t mSize = 0;
     bool mOwnsBuffer = false;
-    uint8_t mPad[3] = {};
+    [[maybe_unused]] uint8_t mPad[3] = {};
 };
 
 // An array of fixed length.
