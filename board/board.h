@@ -1,0 +1,71 @@
+// A whole board under an unmodified library: construct one to power it on.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "board/board_directory.h"
+#include "board/faults.h"
+#include "board/ini_reader.h"
+#include "board/mcu_application.h"
+#include "board/properties.h"
+#include "board/trace.h"
+#include "board/uart.h"
+
+namespace quil::board {
+
+struct BoardOptions {
+    bool realtime = false;  // board time is the workstation's, to watch or to let others take part
+    uint64_t seed = 1;
+};
+
+struct LogLine {
+    int priority;
+    std::string tag;
+    std::string text;
+};
+
+class Machine;
+
+// Power on by construction, off by destruction. One at a time in a process. The constructing thread
+// lives in board time, and so do the threads that it starts from then on; all of them should have
+// been joined before the power goes.
+class Board {
+  public:
+    explicit Board(Product = Product::kHeron, BoardOptions = {});  // in a directory of its own
+    explicit Board(const std::filesystem::path& dir, BoardOptions = {});
+    ~Board();
+    Board(const Board&) = delete;
+    Board& operator=(const Board&) = delete;
+
+    const std::filesystem::path& directory() const;
+    std::filesystem::path hostPath(std::string_view boardPath) const;
+    void writeFile(std::string_view boardPath, std::string_view content);
+
+    Nanos now() const;   // since power-on
+    void runFor(Nanos);  // the calling thread waits in board time
+
+    Trace& trace();
+    Properties& properties();
+    Faults& faults();
+    McuApplication& mcu();
+    Uart& mcuUart();
+    ProductInformation& productInformation();
+    IniReader& iniReader();
+
+    std::vector<std::string> log() const;
+    std::vector<std::string> log(int priority) const;
+    std::vector<LogLine> logLines() const;
+    std::vector<std::string> violations() const;
+    void clearLog();
+
+  private:
+    std::filesystem::path
+        temporary_;  // removed at the end; empty when the directory is the caller's
+    std::unique_ptr<Machine> machine_;
+};
+
+}  // namespace quil::board

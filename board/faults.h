@@ -1,0 +1,59 @@
+// Calls that fail, come up short, or lose what they were given.
+#pragma once
+
+#include <cstddef>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace quil::board {
+
+enum class Call {
+    kOpen,
+    kRead,
+    kWrite,
+    kClose,
+    kSelect,
+    kPoll,
+    kFcntl,
+    kTcgetattr,
+    kTcsetattr,
+    kTcflush,
+    kAccess,
+    kStat,
+    kFopen,
+    kRemove,
+    kSystem,
+    kMalloc
+};
+
+struct Fault {
+    Call call;
+    std::string path = {};               // board path, or "" for any file of the board
+    int error = 0;                       // errno of the failure
+    std::optional<size_t> shortTo = {};  // read and write: at most so many bytes
+    int after = 0;                       // calls let through first
+    int times = 1;                       // -1: for ever
+    bool lostSilently = false;           // write: reported as written, never sent
+};
+
+class Faults {
+  public:
+    Faults();
+    ~Faults();  // takes the hook for allocation faults out again
+    Faults(const Faults&) = delete;
+    Faults& operator=(const Faults&) = delete;
+
+    void add(Fault);
+    void clear();
+    // The board's own use: the fault that this call meets, if any.
+    std::optional<Fault> take(Call, std::string_view path);
+
+  private:
+    std::vector<Fault> faults_;
+};
+
+const char* nameOf(Call);
+
+}  // namespace quil::board

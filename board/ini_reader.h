@@ -1,0 +1,54 @@
+// The board's closed reader of INI files, and its product information block.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace quil::board {
+
+class IniReader {
+  public:
+    using Values = std::map<std::pair<std::string, std::string>, std::string>;  // section, key
+
+    IniReader();
+    ~IniReader();
+    IniReader(const IniReader&) = delete;
+    IniReader& operator=(const IniReader&) = delete;
+
+    void setMissingInteger(int);  // what a missing integer reads as, default 0
+
+    int load(const std::filesystem::path& hostPath);  // a handle, 0 when the file cannot be read
+    const std::string* find(int handle, const char* section, const char* key) const;
+    int integer(int handle, const char* section, const char* key) const;
+
+  private:
+    std::vector<Values> files_;
+    int missingInteger_ = 0;
+};
+
+// Parses a whole file's text. Values of any length; a NUL ends its line.
+IniReader::Values parseIni(const std::string& text);
+
+class ProductInformation {
+  public:
+    static constexpr size_t kSize = 2048, kModuleIdAt = 64;
+
+    explicit ProductInformation(std::filesystem::path file);
+    ~ProductInformation();
+    ProductInformation(const ProductInformation&) = delete;
+    ProductInformation& operator=(const ProductInformation&) = delete;
+
+    void setModuleId(std::string text);
+    void setFailing(bool);
+    int fill(uint8_t* block) const;
+
+  private:
+    std::filesystem::path file_;
+    bool failing_ = false;
+};
+
+}  // namespace quil::board
