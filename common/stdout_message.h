@@ -1,5 +1,5 @@
-// Messages of the UART module and the packet builders: they go to standard output, not to the platform
-// log, and have left the process when the call returns.
+// Messages of the UART module and the packet builders: they go to standard output, not to the
+// platform log, and have left the process when the call returns.
 #pragma once
 
 #include <stdio.h>
@@ -16,8 +16,6 @@ void printFlushed(const char* format, Args... args) {
 }
 
 // No line end: other components' tools match the text as it stands.
-inline void printErrorCode(int code) {
-    printFlushed("error code %d", code);
-}
+inline void printErrorCode(int code) { printFlushed("error code %d", code); }
 
 }  // namespace quil::common

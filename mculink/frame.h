@@ -48,7 +48,7 @@ extern "C" {
 
 // The request descriptor, one per request; a packed record in memory, never on the wire.
 typedef struct __attribute__((packed)) quil_request_param {
-    uint32_t param0;    // not used by the framing, as all paramN
+    uint32_t param0;  // not used by the framing, as all paramN
     uint32_t param1;
     uint32_t param2;
     uint32_t param3;
@@ -100,8 +100,9 @@ extern QUIL_EXPORT uint32_t stm_sem;
 // gives -1.
 QUIL_EXPORT int quil_transfer_checksum(const uint8_t* data, int len);
 
-// Writes header, payload (unless it is null: its bytes then stay as they are) and checksum to `frame`,
-// which must have room for `len` + 32 bytes. Returns 0; a null `frame` prints error code -4004, gives -1.
+// Writes header, payload (unless it is null: its bytes then stay as they are) and checksum to
+// `frame`, which must have room for `len` + 32 bytes. Returns 0; a null `frame` prints error code
+// -4004, gives -1.
 QUIL_EXPORT int quil_packet_data(uint8_t* frame, const uint8_t* payload, uint16_t len,
                                  quil_frame_header_t frame_header,
                                  quil_request_header_t request_header,
@@ -110,15 +111,15 @@ QUIL_EXPORT int quil_packet_data(uint8_t* frame, const uint8_t* payload, uint16_
 // Prints the four header lengths to standard output and returns that of the packet header, 30.
 QUIL_EXPORT int quil_get_packet_length(void);
 
-// Writes magic, reserved word, fixed word and the next label to the 10 bytes at `header`; the length
-// field, its last two bytes, is left alone. Returns 0; null: error code -4004, -1 (no label is taken).
+// Writes magic, reserved word, fixed word and the next label to the 10 bytes at `header`; the
+// length field, its last two bytes, is left alone. Returns 0; null: error code -4004, -1 (no label
+// is taken).
 QUIL_EXPORT int quil_packet_add_frame_header(uint8_t* header);
 
 // Writes the 12 bytes of the request header. Returns 0; null: error code -4004, -1.
 QUIL_EXPORT int quil_packet_add_request_header(uint8_t* header, uint32_t req_type,
-                                               uint32_t is_write, uint32_t flag_b,
-                                               uint16_t field_a, uint32_t field_b,
-                                               uint32_t field_c);
+                                               uint32_t is_write, uint32_t flag_b, uint16_t field_a,
+                                               uint32_t field_b, uint32_t field_c);
 
 // Writes the 8 bytes of the request body. Returns 0; null: error code -4004, -1.
 QUIL_EXPORT int quil_packet_add_request_body(uint8_t* body, uint32_t cmd);

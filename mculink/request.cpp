@@ -102,7 +102,8 @@ int quil_request(const uint8_t* payload, uint16_t len, quil_request_param_t* par
     const int result = quil_physical_send(block->frame, block->length, fd);
     if (result < 0) {
         // The number is always 0: nothing is received here.
-        QUIL_LOG_ERROR(kServiceTag, "%s: quil_physical_send failed, n_recv_len = %d\n", __func__, 0);
+        QUIL_LOG_ERROR(kServiceTag, "%s: quil_physical_send failed, n_recv_len = %d\n", __func__,
+                       0);
     }
     free(block);
     QUIL_LOG_DEBUG(kServiceTag, "%s: is end\n", __func__);

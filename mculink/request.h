@@ -12,9 +12,10 @@
 
 extern "C" {
 
-// Frames one request and writes it to the serial descriptor `fd`. `is_write` is 1 for a set, 0 for a
-// get (bit 0 counts). `payload` may be null: `len` zero bytes are then sent. Returns the number of
-// bytes written, or a negative value: descriptor out of memory, payload over 4112 bytes, failed write.
+// Frames one request and writes it to the serial descriptor `fd`. `is_write` is 1 for a set, 0 for
+// a get (bit 0 counts). `payload` may be null: `len` zero bytes are then sent. Returns the number
+// of bytes written, or a negative value: descriptor out of memory, payload over 4112 bytes, failed
+// write.
 QUIL_EXPORT int send_mcu_message(uint32_t cmd, uint8_t is_write, const uint8_t* payload,
                                  uint16_t len, int fd);
 

@@ -18,8 +18,8 @@ QUIL_EXPORT int sdk_uart_open(const char* path);
 
 // Sets speed, flow control, data bits (5 to 8), stop bits (1 or 2), parity ('N', 'E', 'O', 'S' in
 // either case) and raw mode with reads that return at once. `flow`: 0 none, 1 RTS/CTS, 2 as on the
-// board's first ports, anything else leaves it alone. A rate that the table lacks leaves the speed as
-// it was. Returns 0, or -1 with the port unchanged.
+// board's first ports, anything else leaves it alone. A rate that the table lacks leaves the speed
+// as it was. Returns 0, or -1 with the port unchanged.
 QUIL_EXPORT int sdk_uart_cfg(int fd, int baud, int flow, int databits, int stopbits, int parity);
 
 // Closes the descriptor. Returns 0.

@@ -1,5 +1,5 @@
-// An MCU request on its way out, the wait for its answer, and the answer's way in: a mailbox with one
-// slot. The answer is not matched to the request; what arrives during a wait is the answer.
+// An MCU request on its way out, the wait for its answer, and the answer's way in: a mailbox with
+// one slot. The answer is not matched to the request; what arrives during a wait is the answer.
 #include <errno.h>
 #include <time.h>
 
@@ -47,8 +47,8 @@ Return<int32_t> QuilServiceManager::sendTclvDataToMcu(tclvMsg* msg, uint8_t is_w
     return 0;
 }
 
-// Waits on mWaitCond, with mWaitMutex held, until an answer is there: true; or the time is up: false,
-// even if an answer came with the very end of the wait.
+// Waits on mWaitCond, with mWaitMutex held, until an answer is there: true; or the time is up:
+// false, even if an answer came with the very end of the wait.
 bool QuilServiceManager::waitForAnswer() {
     timespec deadline = {};
     clock_gettime(CLOCK_REALTIME, &deadline);
@@ -60,14 +60,14 @@ bool QuilServiceManager::waitForAnswer() {
 }
 
 Return<void> QuilServiceManager::doWaitMcu() {
-    // Before the lock, deliberately: an answer faster than this line is forgotten, as it always was.
+    // Before the lock, deliberately: an answer faster than this line is forgotten, as it always
+    // was.
     mDataReady = false;
     const MutexLock lock(mWaitMutex);
     if (!waitForAnswer()) {
-        QUIL_LOG_ERROR(
-            kServiceTag,
-            "%s: Timeout 5s waiting for response from MCU. frame_seq_num = 0x%x\n", __func__,
-            g_n_lable);
+        QUIL_LOG_ERROR(kServiceTag,
+                       "%s: Timeout 5s waiting for response from MCU. frame_seq_num = 0x%x\n",
+                       __func__, g_n_lable);
     }
     // Said after a time-out too.
     QUIL_LOG_DEBUG(kServiceTag, "%s data from thread_mcu is ready\n", __func__);

@@ -74,8 +74,8 @@ void QuilServiceManager::dispatch(const Method& method, tclvMsg& msg, hidl_servi
                    static_cast<unsigned>(type));
 }
 
-// The result callback runs without mWaitMutex, so that it may call wakeUp. What arrives while it runs
-// is emptied with the rest, as is everything when it throws.
+// The result callback runs without mWaitMutex, so that it may call wakeUp. What arrives while it
+// runs is emptied with the rest, as is everything when it throws.
 void QuilServiceManager::answer(const ResultCallback& result) {
     hidl_vec<uint8_t> bytes;
     {

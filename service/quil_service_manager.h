@@ -24,16 +24,17 @@ class QUIL_EXPORT QuilServiceManager : public IQuilServiceManager {
     QuilServiceManager();
     ~QuilServiceManager() override;
 
-    // Passes `data` to every registered callback, one after the other, on the caller's thread. Returns
-    // the number of bytes in `data`, or -1 without callbacks. A callback may register or unregister.
+    // Passes `data` to every registered callback, one after the other, on the caller's thread.
+    // Returns the number of bytes in `data`, or -1 without callbacks. A callback may register or
+    // unregister.
     Return<int32_t> hwInvoke(const hidl_vec<uint8_t>& data) override;
     // Returns 0, or -1 for a null callback. The same callback may be registered more than once.
     Return<int32_t> hwRegistCallback(const sp<IQuilServiceCallback>& callback) override;
     // Removes one registration, the oldest. Returns 0, or -1 when there is none.
     Return<int32_t> hwUnRegistCallback(const sp<IQuilServiceCallback>& callback) override;
-    // One request, from its bytes to its answer through `_hidl_cb`; an empty answer is a failure, the
-    // single byte 0xFF means that firmware is being updated. Blocks for as long as the MCU takes, at
-    // most about 5 s, and for as long as requests before it do.
+    // One request, from its bytes to its answer through `_hidl_cb`; an empty answer is a failure,
+    // the single byte 0xFF means that firmware is being updated. Blocks for as long as the MCU
+    // takes, at most about 5 s, and for as long as requests before it do.
     Return<void> set(const hidl_vec<uint8_t>& request, set_cb _hidl_cb) override;
     Return<void> get(const hidl_vec<uint8_t>& request, get_cb _hidl_cb) override;
     // Delivers the MCU's answer; whoever waits for one gets these bytes.
@@ -66,12 +67,12 @@ class QUIL_EXPORT QuilServiceManager : public IQuilServiceManager {
         uint8_t isWrite;
     };
 
-    Return<void> handleRequest(const Method& method, const hidl_vec<uint8_t>& request,
-                               const ResultCallback& result);
-    void dispatch(const Method& method, tclvMsg& msg, hidl_service_type_t type);
-    void answer(const ResultCallback& result);
-    bool waitForAnswer();
-    std::vector<sp<IQuilServiceCallback>> snapshotOfClients();
+    QUIL_HIDDEN Return<void> handleRequest(const Method& method, const hidl_vec<uint8_t>& request,
+                                           const ResultCallback& result);
+    QUIL_HIDDEN void dispatch(const Method& method, tclvMsg& msg, hidl_service_type_t type);
+    QUIL_HIDDEN void answer(const ResultCallback& result);
+    QUIL_HIDDEN bool waitForAnswer();
+    QUIL_HIDDEN std::vector<sp<IQuilServiceCallback>> snapshotOfClients();
 };
 
 // The factory that the platform's passthrough loader calls; the instance name is ignored.

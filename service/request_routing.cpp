@@ -74,10 +74,9 @@ Return<int32_t> QuilServiceManager::convertRequestToTclvMsg(const hidl_vec<uint8
     msg->errCode = getLe16(bytes + kErrCodeAt);
     msg->length = getLe16(bytes + kLengthAt);
     msg->msgBody.assign(bytes + kBodyAt, bytes + request.size());
-    QUIL_LOG_DEBUG(
-        kServiceTag,
-        "%s: request msg->cmd = 0x%08X, msg->errCode = 0x%04X, msg->length = 0x%04X\n", __func__,
-        msg->cmd, msg->errCode, msg->length);
+    QUIL_LOG_DEBUG(kServiceTag,
+                   "%s: request msg->cmd = 0x%08X, msg->errCode = 0x%04X, msg->length = 0x%04X\n",
+                   __func__, msg->cmd, msg->errCode, msg->length);
 
     // What was received wins over what was declared.
     const auto bodySize = static_cast<uint16_t>(msg->msgBody.size());

@@ -37,8 +37,11 @@ struct Key {
     int32_t substitute;
 };
 
-#define TEXT(rule, section, field, message) \
-    { rule, section, #field, offsetof(config_info_t, field), sizeof(config_info_t::field), message, 0 }
+#define TEXT(rule, section, field, message)                                                  \
+    {                                                                                        \
+        rule, section, #field, offsetof(config_info_t, field), sizeof(config_info_t::field), \
+            message, 0                                                                       \
+    }
 #define NUMBER(rule, section, field, message, substitute) \
     { rule, section, #field, offsetof(config_info_t, field), 0, message, substitute }
 
@@ -125,8 +128,8 @@ void readText(config_info_t& info, int32_t handle, const Key& key, Scratch& scra
 
 void readNumber(config_info_t& info, int32_t handle, const Key& key) {
     int32_t value = bi_common_ini_get_int(handle, key.section, key.key);
-    const bool refused = (key.rule == Rule::kNotNegative && value < 0) ||
-                         (key.rule == Rule::kPositive && value < 1);
+    const bool refused =
+        (key.rule == Rule::kNotNegative && value < 0) || (key.rule == Rule::kPositive && value < 1);
     if (refused) {
         QUIL_LOG_ERROR(kServiceTag, key.message, kFunction, value);
         value = key.substitute;

@@ -51,8 +51,8 @@ static_assert(sizeof(config_info_t) == 1088, "binding");
 extern QUIL_EXPORT config_info_t* config_info;
 
 // Fills the record. Returns 0, also when keys are missing (each is logged), or -1 when the record
-// cannot be allocated or the product information cannot be read; the record is then all zero. A second
-// call parses afresh into the same record.
+// cannot be allocated or the product information cannot be read; the record is then all zero. A
+// second call parses afresh into the same record.
 QUIL_EXPORT int32_t parseConfigInfo(void);
 
 }  // extern "C"
