@@ -1,0 +1,170 @@
+// What one request costs, beside the least that its contract asks for: the same write and one
+// hand-over between two threads. No board is powered: the calls go straight to the C library.
+#include <benchmark/benchmark.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <iostream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "mculink/frame.h"
+#include "mculink/request.h"
+#include "service/quil_service_manager.h"
+#include "update/config_info.h"
+
+// Heap blocks are counted by standing in front of the C library's allocator.
+extern "C" void* __libc_malloc(size_t size);
+static std::atomic<uint64_t> gHeapBlocks{0};
+extern "C" void* malloc(size_t size) {
+    gHeapBlocks.fetch_add(1, std::memory_order_relaxed);
+    return __libc_malloc(size);
+}
+
+namespace {
+
+using quil::hardware::quilservicemanager::implementation::QuilServiceManager;
+using quil::hardware::quilservicemanager::V1_0::IQuilServiceManager;
+
+constexpr char kLibrary[] = QUIL_LIB_DIR "/quil.hardware.quilservicemanager@1.0-impl.so";
+
+// Opens what tells whether an answer was taken.
+class OpenService : public QuilServiceManager {
+  public:
+    using QuilServiceManager::mDataReady;
+};
+
+// A pipe as the MCU's link, and the MCU: a thread that answers each frame as soon as it has read
+// it.
+class Link {
+  public:
+    explicit Link(std::function<void()> answer) {
+        if (pipe(mEnds) != 0) abort();
+        mThread = std::thread([this, answer = std::move(answer)] {
+            std::vector<uint8_t> frame(quil::mculink::kFrameMax);
+            while (read(mEnds[0], frame.data(), frame.size()) > 0) answer();
+        });
+    }
+    ~Link() {
+        close(mEnds[1]);
+        mThread.join();
+        close(mEnds[0]);
+    }
+    Link(const Link&) = delete;
+    Link& operator=(const Link&) = delete;
+    int fd() const { return mEnds[1]; }
+
+  private:
+    int mEnds[2] = {-1, -1};
+    std::thread mThread;
+};
+
+// A get with a body of `range` bytes, answered at once.
+void requestPath(benchmark::State& state) {
+    const android::sp<OpenService> service = new OpenService;
+    const android::hardware::hidl_vec<uint8_t> answer = {1, 2, 3, 4};
+    std::atomic<bool> waiting{false};
+    const Link link([&] {
+        // An answer that overtakes the start of the wait is forgotten by contract: say it again.
+        while (waiting) {
+            service->wakeUp(answer);
+            while (waiting && service->mDataReady) std::this_thread::yield();
+        }
+    });
+    config_info_t info = {};
+    info.mcu_fd = link.fd();
+    config_info = &info;
+    android::hardware::hidl_vec<uint8_t> request;
+    request.resize(8 + static_cast<size_t>(state.range(0)));
+    request[0] = 1;
+    const uint64_t before = gHeapBlocks;
+    for (auto _ : state) {
+        waiting = true;
+        service->get(request, [&](const auto& bytes) {
+            benchmark::DoNotOptimize(bytes.size());
+            waiting = false;
+        });
+    }
+    state.counters["heap_blocks"] = benchmark::Counter(static_cast<double>(gHeapBlocks - before),
+                                                       benchmark::Counter::kAvgIterations);
+    config_info = nullptr;
+}
+
+// The bare loop: a write of the same frame and one condition-variable hand-over back.
+void bareLoop(benchmark::State& state) {
+    pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
+    pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
+    bool ready = false;
+    const Link link([&] {
+        pthread_mutex_lock(&mutex);
+        ready = true;
+        pthread_cond_signal(&cond);
+        pthread_mutex_unlock(&mutex);
+    });
+    const std::vector<uint8_t> frame(32 + static_cast<size_t>(state.range(0)));
+    for (auto _ : state) {
+        if (write(link.fd(), frame.data(), frame.size()) < 0) abort();
+        timespec deadline = {};
+        clock_gettime(CLOCK_REALTIME, &deadline);
+        deadline.tv_sec += 5;
+        pthread_mutex_lock(&mutex);
+        while (!ready) pthread_cond_timedwait(&cond, &mutex, &deadline);
+        ready = false;
+        pthread_mutex_unlock(&mutex);
+    }
+}
+
+// One message that is off: the read of the level property and nothing else.
+void logGateOff(benchmark::State& state) {
+    const uint8_t byte = 0;
+    for (auto _ : state) printsend(&byte, 1);
+}
+
+// A copy of the library's file, since the library itself is loaded already.
+void loadToFactory(benchmark::State& state) {
+    const auto copy = std::filesystem::temp_directory_path() /
+                      ("quil-load-bench-" + std::to_string(getpid()) + ".so");
+    std::filesystem::copy_file(kLibrary, copy, std::filesystem::copy_options::overwrite_existing);
+    for (auto _ : state) {
+        void* library = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
+        auto* factory = reinterpret_cast<IQuilServiceManager* (*)(const char*)>(
+            library != nullptr ? dlsym(library, "HIDL_FETCH_IQuilServiceManager") : nullptr);
+        if (factory == nullptr) {
+            state.SkipWithError("the library does not load");
+            break;
+        }
+        android::sp<IQuilServiceManager> service = factory("default");
+        benchmark::DoNotOptimize(service.get());
+        service.clear();
+        dlclose(library);
+    }
+    std::filesystem::remove(copy);
+}
+
+BENCHMARK(requestPath)->Arg(1)->Arg(4112)->UseRealTime();
+BENCHMARK(bareLoop)->Arg(1)->Arg(4112)->UseRealTime();
+BENCHMARK(logGateOff);
+BENCHMARK(loadToFactory);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    // The request path prints four lines a request: they go nowhere, the report to where they went.
+    std::ofstream report("/proc/self/fd/" + std::to_string(dup(STDOUT_FILENO)), std::ios::app);
+    if (freopen("/dev/null", "w", stdout) == nullptr) return 1;
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 2;
+    benchmark::ConsoleReporter console(benchmark::ConsoleReporter::OO_Tabular);
+    console.SetOutputStream(&report);
+    console.SetErrorStream(&std::cerr);
+    benchmark::RunSpecifiedBenchmarks(&console);
+    return 0;
+}
