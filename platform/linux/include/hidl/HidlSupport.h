@@ -259,7 +259,6 @@ struct hidl_array {
     hidl_array() = default;
     hidl_array(const T (&source)[SIZE1]) { std::copy_n(source, SIZE1, mBuffer); }
     hidl_array(const std::array<T, SIZE1>& source) { std::copy_n(source.begin(), SIZE1, mBuffer); }
-    explicit hidl_array(const T* data) { std::copy_n(data, SIZE1, mBuffer); }
 
     T* data() { return mBuffer; }
     const T* data() const { return mBuffer; }
