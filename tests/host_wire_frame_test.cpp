@@ -89,8 +89,8 @@ TEST(WireFrame, TheChecksumDiscardsCarriesBeyondSixteenBits) {
 TEST(WireFrame, AnnouncedSizeRefusesLengthsThatNoFrameHas) {
     Bytes header(kGet0102.begin(), kGet0102.begin() + 10);
     EXPECT_EQ(announcedSize(header), 33u);
-    for (const auto [low, high] :
-         {std::pair{0x15, 0x00}, {0x00, 0x00}, {0xFF, 0xFF}, {0x27, 0x10}}) {
+    constexpr std::pair<int, int> kImpossible[] = {{0x15, 0}, {0, 0}, {0xFF, 0xFF}, {0x27, 0x10}};
+    for (const auto& [low, high] : kImpossible) {
         header[8] = static_cast<uint8_t>(low);
         header[9] = static_cast<uint8_t>(high);
         EXPECT_EQ(announcedSize(header), std::nullopt) << low << " " << high;

@@ -1,0 +1,36 @@
+#pragma once
+
+#include <quil/hardware/quilservicemanager/1.0/IQuilServiceManager.h>
+
+#include <memory>
+
+#include "host/mcu_reader.h"
+#include "host/start_up.h"
+
+namespace quil::host {
+
+using ::quil::hardware::quilservicemanager::V1_0::IQuilServiceManager;
+
+// A service that is up: configuration parsed, MCU link open, the service object loaded, the reader
+// bringing it the MCU's answers. Everything goes down with it, in the opposite order.
+class HostingComponent {
+  public:
+    HostingComponent() = default;
+    ~HostingComponent();
+    HostingComponent(const HostingComponent&) = delete;
+    HostingComponent& operator=(const HostingComponent&) = delete;
+
+    StartUpResult start();
+    void stop();
+
+    // What clients talk to; null unless started.
+    const android::sp<IQuilServiceManager>& service() const { return mService; }
+    // Null unless started.
+    const McuReader* reader() const { return mReader.get(); }
+
+  private:
+    android::sp<IQuilServiceManager> mService;
+    std::unique_ptr<McuReader> mReader;
+};
+
+}  // namespace quil::host
