@@ -1,0 +1,94 @@
+#include "tools/quilctl/board_session.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <ostream>
+#include <stdexcept>
+
+namespace quil::tools {
+namespace {
+
+constexpr char kLogLevelProperty[] = "persist.quil.device.log.level";
+
+std::unique_ptr<board::Board> powerOn(const Options& options) {
+    const board::BoardOptions how{options.realtime, options.seed};
+    if (options.boardDirectory.empty()) {
+        const auto product = board::productByName(options.product).value_or(board::Product::kHeron);
+        return std::make_unique<board::Board>(product, how);
+    }
+    if (!std::filesystem::is_directory(options.boardDirectory)) {
+        throw std::runtime_error("no board directory " + options.boardDirectory +
+                                 " (quilctl board new makes one)");
+    }
+    return std::make_unique<board::Board>(std::filesystem::path(options.boardDirectory), how);
+}
+
+void writeTrace(const board::Trace& trace, const std::filesystem::path& file) {
+    if (file.extension() == ".vcd") {
+        trace.writeVcd(file);
+    } else if (file.extension() == ".json") {
+        trace.writeTraceEventJson(file);
+    } else {
+        trace.writeText(file);
+    }
+}
+
+}  // namespace
+
+QuietStandardOutput::QuietStandardOutput() {
+    std::fflush(stdout);
+    mSaved = dup(STDOUT_FILENO);
+    const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (nowhere < 0) return;
+    dup2(nowhere, STDOUT_FILENO);
+    close(nowhere);
+}
+
+QuietStandardOutput::~QuietStandardOutput() {
+    std::fflush(stdout);
+    if (mSaved < 0) return;
+    dup2(mSaved, STDOUT_FILENO);
+    close(mSaved);
+}
+
+BoardSession::BoardSession(const Options& options, const Console& console)
+    : mOptions(options), mConsole(console), mBoard(powerOn(options)) {
+    mBoard->trace().onEvent([&err = console.err](const board::Event& event) {
+        if (event.kind != board::EventKind::kLog) return;
+        const bool ended = !event.text.empty() && event.text.back() == '\n';
+        err << "log: " << event.text << (ended ? "" : "\n");
+    });
+    applyLogLevel();
+    mHost.emplace();
+}
+
+BoardSession::~BoardSession() {
+    try {
+        finish();
+    } catch (const std::runtime_error& error) {
+        mConsole.err << "quilctl: " << error.what() << '\n';
+    }
+}
+
+// The level is for this run only, although the board keeps its properties.
+void BoardSession::applyLogLevel() {
+    if (mOptions.logLevel.empty()) return;
+    mFormerLevel = mBoard->properties().get(kLogLevelProperty, "E");
+    mBoard->properties().set(kLogLevelProperty, mOptions.logLevel);
+}
+
+void BoardSession::finish() {
+    mHost.reset();
+    if (!mFormerLevel.empty()) mBoard->properties().set(kLogLevelProperty, mFormerLevel);
+    if (!mOptions.traceFile.empty()) writeTrace(mBoard->trace(), mOptions.traceFile);
+}
+
+void BoardSession::startService() {
+    const host::StartUpResult result = mHost->start();
+    if (!result.ok()) throw std::runtime_error(result.text);
+}
+
+}  // namespace quil::tools

@@ -1,0 +1,50 @@
+#pragma once
+
+#include <memory>
+#include <optional>
+
+#include "board/board.h"
+#include "host/hosting_component.h"
+#include "tools/quilctl/cli.h"
+
+namespace quil::tools {
+
+// Turns standard output away for as long as it lives: the library prints progress there.
+class QuietStandardOutput {
+  public:
+    QuietStandardOutput();
+    ~QuietStandardOutput();
+    QuietStandardOutput(const QuietStandardOutput&) = delete;
+    QuietStandardOutput& operator=(const QuietStandardOutput&) = delete;
+
+  private:
+    int mSaved;
+};
+
+// A powered board as the options ask for it. Log lines go to the error stream as they come; the trace
+// is written at the end.
+class BoardSession {
+  public:
+    BoardSession(const Options& options, const Console& console);  // throws std::runtime_error
+    ~BoardSession();
+    BoardSession(const BoardSession&) = delete;
+    BoardSession& operator=(const BoardSession&) = delete;
+
+    board::Board& board() { return *mBoard; }
+    host::HostingComponent& host() { return *mHost; }
+
+    void startService();  // throws std::runtime_error when it does not come up
+
+  private:
+    void applyLogLevel();
+    void finish();
+
+    const Options mOptions;
+    const Console& mConsole;
+    QuietStandardOutput mQuiet;
+    std::unique_ptr<board::Board> mBoard;
+    std::optional<host::HostingComponent> mHost;
+    std::string mFormerLevel;
+};
+
+}  // namespace quil::tools

@@ -1,0 +1,56 @@
+// The command line: `run` is the whole program but its descriptors.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <iosfwd>
+#include <string>
+
+namespace CLI {
+class App;
+}
+
+namespace quil::tools {
+
+enum ExitCode : int {
+    kOk = 0,
+    kFailed = 1,   // no answer, or the demo met something unexpected
+    kUsage = 2,    // the command line itself is wrong
+    kBadData = 3,  // a product file or a frame with something wrong in it
+    kNoBoard = 4,  // the board directory cannot be used, or the service does not come up
+};
+
+struct Console {
+    std::istream& in;
+    std::ostream& out;
+    std::ostream& err;
+    bool styled = false;  // a terminal that wants bold and colour
+};
+
+struct Options {
+    std::string boardDirectory;  // empty: a temporary one
+    std::string product;
+    std::string traceFile;
+    std::string logLevel;  // empty: as the board has it
+    uint64_t seed = 1;
+    bool realtime = false;
+    bool json = false;
+};
+
+// What the parser leaves behind: the options, and what the chosen command will do.
+struct Cli {
+    Options options;
+    Console console;
+    std::function<int()> action;
+};
+
+int run(int argc, const char* const* argv, const Console& console);
+
+// Each adds its commands to the program.
+void addRequestCommands(CLI::App& app, Cli& cli);
+void addConfigCommands(CLI::App& app, Cli& cli);
+void addFrameCommands(CLI::App& app, Cli& cli);
+void addBoardCommands(CLI::App& app, Cli& cli);
+void addDemoCommand(CLI::App& app, Cli& cli);
+
+}  // namespace quil::tools

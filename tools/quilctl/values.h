@@ -1,0 +1,27 @@
+// Numbers and bytes as people type them.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace quil::tools {
+
+using Bytes = std::vector<uint8_t>;
+
+// Decimal, or hexadecimal after "0x"; nothing else, and not above `maximum`.
+std::optional<uint64_t> parseNumber(const std::string& text, uint64_t maximum);
+
+// Pairs of hexadecimal digits: "01 02", "0102", "0x01,0x02". Nothing for anything else.
+std::optional<Bytes> parseHex(const std::string& text);
+
+std::string toHex(std::span<const uint8_t> bytes);  // "01 02"
+
+// At most `limit` bytes as hex, then "..".
+std::string toShortHex(std::span<const uint8_t> bytes, size_t limit);
+
+std::string hex32(uint32_t value);  // "0x00000001"
+
+}  // namespace quil::tools
