@@ -4,9 +4,11 @@
 #include <hidl/ServiceManagement.h>
 #include <quil/hardware/quilservicemanager/1.0/IQuilServiceCallback.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdlib>
 #include <string>
+#include <thread>
 #include <vector>
 
 namespace {
@@ -215,6 +217,23 @@ TEST(HidlInterface, SameObjectIsEqualAndAnotherIsNot) {
     EXPECT_FALSE(interfacesEqual(object, new Callback));
     EXPECT_FALSE(interfacesEqual(object, nullptr));
     EXPECT_TRUE(interfacesEqual(nullptr, nullptr));
+}
+
+TEST(HidlInterface, ThreadsShareAnObjectUntilTheLastOneLetsGo) {
+    struct Shared : Callback {
+        explicit Shared(std::atomic<int>& gone) : mGone(gone) {}
+        ~Shared() override { ++mGone; }
+        std::atomic<int>& mGone;
+    };
+    std::atomic<int> gone{0};
+    sp<IQuilServiceCallback> object = new Shared(gone);
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) {
+        threads.emplace_back([object] { EXPECT_TRUE(object->ping().isOk()); });
+    }
+    object.clear();
+    for (auto& thread : threads) thread.join();
+    EXPECT_EQ(gone, 1);
 }
 
 TEST(HidlCast, FindsTheInterfaceOfAnObject) {

@@ -112,7 +112,7 @@ hidl_string& hidl_string::operator=(hidl_string&& other) noexcept {
 }
 
 void hidl_string::setToExternal(const char* data, size_t size) {
-    if (size > UINT32_MAX) details::logAlwaysFatal("string size can't exceed 2^32 bytes.");
+    details::requireSize(size, "string size can't exceed 2^32 bytes.");
     // Whoever reads c_str() would run past the end.
     if (data[size] != '\0') details::logAlwaysFatal("string must be NUL-terminated.");
     clear();
@@ -128,7 +128,7 @@ void hidl_string::clear() {
 }
 
 void hidl_string::copyFrom(const char* text, size_t size) {
-    if (size > UINT32_MAX) details::logAlwaysFatal("string size can't exceed 2^32 bytes.");
+    details::requireSize(size, "string size can't exceed 2^32 bytes.");
     if (size == 0) return;
     char* copy = new char[size + 1];
     memcpy(copy, text, size);

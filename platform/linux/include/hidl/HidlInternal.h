@@ -43,4 +43,9 @@ struct hidl_pointer {
 
 [[noreturn]] void logAlwaysFatal(const char* message);
 
+// Sizes are kept in 32 bits: a larger one ends the process.
+inline void requireSize(uint64_t size, const char* message) {
+    if (size > UINT32_MAX) logAlwaysFatal(message);
+}
+
 }  // namespace android::hardware::details

@@ -188,8 +188,7 @@ struct hidl_vec {
     // The elements stay the caller's (who must outlive the vector) unless shouldOwn, which takes
     // over an array made by new[].
     void setToExternal(T* data, size_t size, bool shouldOwn = false) {
-        if (size > UINT32_MAX)
-            details::logAlwaysFatal("external vector size exceeds 2^32 elements.");
+        details::requireSize(size, "external vector size exceeds 2^32 elements.");
         freeBuffer();
         mBuffer = data;
         mSize = static_cast<uint32_t>(size);
@@ -205,8 +204,7 @@ struct hidl_vec {
 
     // Moves the elements that stay into a buffer of its own; growing adds value-initialised ones.
     void resize(size_t size) {
-        if (size > UINT32_MAX)
-            details::logAlwaysFatal("hidl_vec can't hold more than 2^32 elements.");
+        details::requireSize(size, "hidl_vec can't hold more than 2^32 elements.");
         T* fresh = new T[size]();
         const size_t kept = std::min<size_t>(size, mSize);
         for (size_t i = 0; i < kept; ++i) {
@@ -225,8 +223,7 @@ struct hidl_vec {
   private:
     template <typename Source>
     void copyFrom(Source source, size_t size) {
-        if (size > UINT32_MAX)
-            details::logAlwaysFatal("hidl_vec can't hold more than 2^32 elements.");
+        details::requireSize(size, "hidl_vec can't hold more than 2^32 elements.");
         mSize = static_cast<uint32_t>(size);
         mOwnsBuffer = true;
         mBuffer = size > 0 ? new T[size]() : nullptr;
