@@ -1,4 +1,4 @@
-# hidl_interface(<target> PACKAGE <name@1.0> DIRECTORY <of the .hal files> INTERFACES <I...> [TYPES])
+# hidl_interface(<target> PACKAGE <name@1.0> DIRECTORY <its .hal files> INTERFACES <I...> [TYPES])
 #
 # Adds to <target> the headers that hidl-gen writes for a package (TYPES: it has a types.hal), and
 # for each interface a source with the methods that every interface has.
