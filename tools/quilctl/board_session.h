@@ -21,8 +21,8 @@ class QuietStandardOutput {
     int mSaved;
 };
 
-// A powered board as the options ask for it. Log lines go to the error stream as they come; the trace
-// is written at the end.
+// A powered board as the options ask for it. Log lines go to the error stream as they come; the
+// trace is written at the end.
 class BoardSession {
   public:
     BoardSession(const Options& options, const Console& console);  // throws std::runtime_error

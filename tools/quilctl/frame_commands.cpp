@@ -41,12 +41,12 @@ struct Field {
 };
 
 constexpr Field kFields[] = {
-    {wire::kMagicAt, 2, "magic"},         {wire::kReservedAt, 2, "reserved"},
-    {wire::kFixedWordAt, 2, "fixed"},     {wire::kLabelAt, 2, "label"},
-    {wire::kLengthAt, 2, "length"},       {wire::kFlagsAt, 1, "flags"},
-    {wire::kFieldAAt, 2, "field_a"},      {wire::kPadAt, 1, "reserved"},
-    {wire::kFieldBAt, 4, "field_b"},      {wire::kFieldCAt, 4, "field_c"},
-    {wire::kCommandAt, 4, "command"},     {wire::kTailAt, 4, "reserved"},
+    {wire::kMagicAt, 2, "magic"},     {wire::kReservedAt, 2, "reserved"},
+    {wire::kFixedWordAt, 2, "fixed"}, {wire::kLabelAt, 2, "label"},
+    {wire::kLengthAt, 2, "length"},   {wire::kFlagsAt, 1, "flags"},
+    {wire::kFieldAAt, 2, "field_a"},  {wire::kPadAt, 1, "reserved"},
+    {wire::kFieldBAt, 4, "field_b"},  {wire::kFieldCAt, 4, "field_c"},
+    {wire::kCommandAt, 4, "command"}, {wire::kTailAt, 4, "reserved"},
 };
 
 uint32_t valueOf(std::span<const uint8_t> bytes) {
@@ -135,9 +135,8 @@ void addEncode(CLI::App& frame, Cli& cli) {
         ->check(numberUpTo(UINT16_MAX));
     command->add_flag("--set", arguments->isWrite, "A writing request");
     command->footer("Example: quilctl frame encode 0x102 --label 5 --data 01");
-    command->callback([&cli, arguments] {
-        cli.action = [&cli, arguments] { return encode(cli, *arguments); };
-    });
+    command->callback(
+        [&cli, arguments] { cli.action = [&cli, arguments] { return encode(cli, *arguments); }; });
 }
 
 void addDecode(CLI::App& frame, Cli& cli) {

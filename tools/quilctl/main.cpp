@@ -1,7 +1,7 @@
-#include <ext/stdio_filebuf.h>
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ext/stdio_filebuf.h>
 #include <iostream>
 
 #include "tools/quilctl/cli.h"
