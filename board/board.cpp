@@ -1,0 +1,111 @@
+#include "board/board.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <stdexcept>
+
+#include "board/machine.h"
+
+namespace quil::board {
+namespace {
+
+std::filesystem::path makeTemporaryBoard(Product product) {
+    std::string pattern = (std::filesystem::temp_directory_path() / "board-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
+    createBoardDirectory(pattern, product);
+    return pattern;
+}
+
+std::unique_ptr<Machine> powerOn(const std::filesystem::path& dir, BoardOptions options) {
+    if (poweredMachine() != nullptr) throw std::runtime_error("a board is powered on already");
+    if (!std::filesystem::is_directory(dir / "rootfs")) {
+        throw std::runtime_error(dir.string() + ": not a board directory (no rootfs in it)");
+    }
+    auto machine = std::make_unique<Machine>(std::filesystem::absolute(dir), options);
+    machine->scheduler.powerOn(options.realtime);
+    g_poweredMachine.store(machine.get());
+    machine->trace.add(EventKind::kPower, "board", "on, seed " + std::to_string(options.seed));
+    return machine;
+}
+
+}  // namespace
+
+Board::Board(Product product, BoardOptions options)
+    : temporary_(makeTemporaryBoard(product)), machine_(powerOn(temporary_, options)) {}
+
+Board::Board(const std::filesystem::path& dir, BoardOptions options)
+    : machine_(powerOn(dir, options)) {}
+
+Board::~Board() {
+    machine_->trace.add(EventKind::kPower, "board", "off");
+    g_poweredMachine.store(nullptr);
+    machine_->scheduler.powerOff();
+    machine_.reset();
+    std::error_code ignored;
+    if (!temporary_.empty()) std::filesystem::remove_all(temporary_, ignored);
+}
+
+const std::filesystem::path& Board::directory() const { return machine_->directory; }
+
+std::filesystem::path Board::hostPath(std::string_view boardPath) const {
+    return machine_->hostPath(boardPath);
+}
+
+void Board::writeFile(std::string_view boardPath, std::string_view content) {
+    Guard guard(boardLock());
+    const auto path = machine_->hostPath(boardPath);
+    std::filesystem::create_directories(path.parent_path());
+    writeWholeFile(path, content);
+}
+
+Nanos Board::now() const {
+    Guard guard(boardLock());
+    return machine_->scheduler.now();
+}
+
+void Board::runFor(Nanos duration) {
+    Scheduler::arrive();
+    Guard guard(boardLock());
+    machine_->scheduler.sleepUntil(machine_->scheduler.now() + duration, "runFor");
+}
+
+Trace& Board::trace() { return machine_->trace; }
+Properties& Board::properties() { return machine_->properties; }
+Faults& Board::faults() { return machine_->faults; }
+McuApplication& Board::mcu() { return *machine_->mcu; }
+Uart& Board::mcuUart() { return *machine_->mcuUart; }
+ProductInformation& Board::productInformation() { return machine_->productInformation; }
+IniReader& Board::iniReader() { return machine_->iniReader; }
+
+std::vector<LogLine> Board::logLines() const {
+    Guard guard(boardLock());
+    return machine_->log;
+}
+
+std::vector<std::string> Board::log() const {
+    Guard guard(boardLock());
+    std::vector<std::string> texts;
+    for (const LogLine& line : machine_->log) texts.push_back(line.text);
+    return texts;
+}
+
+std::vector<std::string> Board::log(int priority) const {
+    Guard guard(boardLock());
+    std::vector<std::string> texts;
+    for (const LogLine& line : machine_->log) {
+        if (line.priority == priority) texts.push_back(line.text);
+    }
+    return texts;
+}
+
+std::vector<std::string> Board::violations() const {
+    Guard guard(boardLock());
+    return machine_->violations;
+}
+
+void Board::clearLog() {
+    Guard guard(boardLock());
+    machine_->log.clear();
+}
+
+}  // namespace quil::board

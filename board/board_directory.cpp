@@ -1,0 +1,146 @@
+#include "board/board_directory.h"
+
+#include <array>
+#include <fstream>
+#include <iterator>
+#include <stdexcept>
+
+namespace quil::board {
+namespace {
+
+struct ProductRow {
+    Product product;
+    const char* name;
+    const char* moduleId;
+    const char* uart;
+    int baud;
+    const char* mcuVersion;
+    const char* fpgaVersion;
+    int wdtSwitch, wdtPulse, wdtStartup;
+    int fpgaControl, fpgaConfig, fpgaDone;
+    const char* selfTestItems;
+    int audioCodecs;
+};
+constexpr std::array<ProductRow, 3> kProducts = {{
+    {Product::kHeron, "Heron", "101", "/dev/ttyS3", 115200, "V1.0.0", "V2.1.0", 431, 432, 1, 441,
+     442, 443, "1-2-3-5", 1},
+    {Product::kKestrel, "Kestrel", "102", "/dev/ttyS1", 115200, "V1.2.0", "V3.0.2", 451, 452, 1,
+     461, 462, 463, "1-3-4-5", 2},
+    {Product::kWrenT507, "Wren_t507", "103", "/dev/ttyS2", 1000000, "V2.0.1", "V1.4.0", 131, 132, 2,
+     141, 142, 143, "1-2-4", 1},
+}};
+
+const ProductRow& rowOf(Product product) { return kProducts.at(static_cast<size_t>(product)); }
+
+std::string productFile(const ProductRow& row) {
+    const std::string name = row.name;
+    const auto number = [](int value) { return std::to_string(value) + "\n"; };
+    return "; What this board is and where its parts are.\n"
+           "[product]\nproduct = " +
+           name +
+           "\n\n"
+           "[block]\nfpga_parameter = screen\nhex_parameter = hexparam\n\n"
+           "[fpga]\nfpga_fw_path = /vendor/firmware/fpga_" +
+           name +
+           ".bin\n"
+           "fpga_drv_path = /dev/fpga_spi\nfpga_fw_version = " +
+           row.fpgaVersion +
+           "\n"
+           "fpga_control_gpio = " +
+           number(row.fpgaControl) + "fpga_config_gpio = " + number(row.fpgaConfig) +
+           "fpga_done_gpio = " + number(row.fpgaDone) +
+           "\n"
+           "[mcu]\nmcu_type = 1\nmcu_serial = " +
+           row.uart +
+           "\n"
+           "mcu_fw_path = /vendor/firmware/mcu_" +
+           name +
+           ".bin\n"
+           "mcu_fw_version = " +
+           row.mcuVersion +
+           "\n"
+           "mcu_uart_path = " +
+           row.uart + "\nmcu_baud_rate = " + number(row.baud) +
+           "mcu_sock_path = /dev/socket/mcu\n\n"
+           "[mcu_wdt]\nmcu_wdt_switch = " +
+           number(row.wdtSwitch) + "mcu_wdt_pulse = " + number(row.wdtPulse) +
+           "mcu_wdt_startup_type = " + number(row.wdtStartup) +
+           "\n"
+           "[self_test]\nself_test_items = " +
+           row.selfTestItems +
+           "\n"
+           "audio_num = " +
+           number(row.audioCodecs);
+}
+
+// An image that no part would take for erased flash: a counting pattern.
+std::string placeholderImage(size_t size) {
+    std::string image(size, '\0');
+    for (size_t i = 0; i < size; ++i) image[i] = static_cast<char>((i * 7 + i / 256) & 0xFF);
+    return image;
+}
+
+constexpr const char kReadme[] =
+    "A simulated board. Everything here may be looked at and edited while the board is off.\n"
+    "\n"
+    "rootfs/                 the board's file system: /vendor/etc/product.ini stands in\n"
+    "                        rootfs/vendor/etc/product.ini, and so on\n"
+    "rootfs/vendor/firmware/ firmware images (placeholders)\n"
+    "rootfs/sdcard/          the SD card\n"
+    "mcu/version             the version text that the MCU answers to command 0x00000001\n"
+    "mcu/values              what the MCU keeps: one \"command = bytes\" a line, in hex\n"
+    "properties              the system properties: one \"name=value\" a line\n"
+    "product_information     the module id, decimal text\n";
+
+}  // namespace
+
+std::optional<Product> productByName(std::string_view name) {
+    for (const ProductRow& row : kProducts) {
+        if (name == row.name) return row.product;
+    }
+    return std::nullopt;
+}
+
+std::string_view nameOf(Product product) { return rowOf(product).name; }
+
+void createBoardDirectory(const std::filesystem::path& dir, Product product) {
+    namespace fs = std::filesystem;
+    const ProductRow& row = rowOf(product);
+    const std::string name = row.name;
+    std::error_code error;
+    for (const char* part :
+         {"rootfs/vendor/etc", "rootfs/vendor/firmware", "rootfs/sdcard", "mcu"}) {
+        if (fs::exists(dir / part, error)) {
+            throw std::runtime_error(dir.string() + ": holds a board already");
+        }
+        fs::create_directories(dir / part, error);
+        if (error) throw std::runtime_error((dir / part).string() + ": " + error.message());
+    }
+    writeWholeFile(dir / "README", kReadme);
+    writeWholeFile(dir / "rootfs/vendor/etc/product.ini", productFile(row));
+    writeWholeFile(dir / "rootfs/vendor/firmware" / ("mcu_" + name + ".bin"),
+                   placeholderImage(8192));
+    writeWholeFile(dir / "rootfs/vendor/firmware" / ("fpga_" + name + ".bin"),
+                   placeholderImage(65536));
+    writeWholeFile(dir / "mcu/version", std::string(row.mcuVersion) + "\n");
+    writeWholeFile(dir / "mcu/values", "");
+    writeWholeFile(dir / "properties", "");
+    writeWholeFile(dir / "product_information", std::string(row.moduleId) + "\n");
+}
+
+std::optional<std::string> readWholeFile(const std::filesystem::path& path) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(path, error)) return std::nullopt;
+    std::ifstream file(path, std::ios::binary);
+    if (!file) return std::nullopt;
+    return std::string(std::istreambuf_iterator<char>(file), {});
+}
+
+void writeWholeFile(const std::filesystem::path& path, std::string_view content) {
+    std::ofstream file(path, std::ios::binary | std::ios::trunc);
+    file.write(content.data(), static_cast<std::streamsize>(content.size()));
+    file.flush();
+    if (!file) throw std::runtime_error(path.string() + ": cannot be written");
+}
+
+}  // namespace quil::board

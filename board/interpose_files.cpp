@@ -1,0 +1,277 @@
+// The C library's file calls, by path and by descriptor.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "board/interpose.h"
+#include "board/machine.h"
+#include "board/real_calls.h"
+
+using namespace quil::board;
+
+namespace {
+
+using OpenCall = int (*)(const char*, int, ...);
+
+int failWith(int error) {
+    errno = error;
+    return -1;
+}
+
+int openUart(Machine& machine, Uart& uart, int flags) {
+    if (!uart.plugged()) return failWith(ENXIO);
+    const int fd = real().open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
+    if (fd < 0) return fd;
+    uart.opened();
+    machine.files[fd] = {uart.path(), &uart, flags};
+    return fd;
+}
+
+int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::string& hostPath,
+                int flags, mode_t mode) {
+    Guard guard(boardLock());
+    if (const auto fault = machine.faults.take(Call::kOpen, path)) return failWith(fault->error);
+    int fd = -1;
+    if (Uart* uart = machine.uartAt(path)) {
+        fd = openUart(machine, *uart, flags);
+    } else {
+        fd = call(hostPath.c_str(), flags, mode);
+        if (fd >= 0) machine.files[fd] = {path, nullptr, flags};
+    }
+    const int error = errno;
+    machine.trace.add(EventKind::kOpen, path, fd < 0 ? strerrorname_np(error) : "");
+    errno = error;
+    return fd;
+}
+
+int openAnywhere(OpenCall call, const char* path, int flags, mode_t mode) {
+    Machine* machine = machineForCall();
+    const auto host = machine ? machine->onHost(path) : std::nullopt;
+    if (!host) return call(path, flags, mode);
+    return openOnBoard(*machine, call, path, host->string(), flags, mode);
+}
+
+mode_t modeOf(int flags, va_list arguments) {
+    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
+}
+
+// A pipe or socket with nothing in it: the reader waits in board time, not with the turn in its
+// hands.
+void waitForPipe(Machine& machine, int fd) {
+    struct stat info {};
+    if (fd == 0 || machine.options.realtime || !machine.scheduler.attached()) return;
+    if (fstat(fd, &info) != 0 || S_ISREG(info.st_mode) || S_ISCHR(info.st_mode)) return;
+    if ((real().fcntl(fd, F_GETFL) & O_NONBLOCK) != 0) return;
+    pollfd entry{fd, POLLIN, 0};
+    while (real().poll(&entry, 1, 0) == 0 && poweredMachine() == &machine) {
+        machine.scheduler.park("input", &machine.files);
+    }
+}
+
+ssize_t resultOf(ssize_t result) {
+    if (result >= 0) return result;
+    errno = static_cast<int>(-result);
+    return -1;
+}
+
+ssize_t readOnBoard(Machine& machine, OpenFile file, int fd, void* data, size_t count) {
+    if (const auto fault = machine.faults.take(Call::kRead, file.path)) {
+        if (fault->error != 0) return failWith(fault->error);
+        if (fault->shortTo) count = std::min(count, *fault->shortTo);
+    }
+    if (file.uart == nullptr) return real().read(fd, data, count);
+    const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
+    return resultOf(file.uart->hostRead(static_cast<uint8_t*>(data), count, nonBlocking));
+}
+
+ssize_t writeOnBoard(Machine& machine, OpenFile file, int fd, const void* data, size_t count) {
+    if (const auto fault = machine.faults.take(Call::kWrite, file.path)) {
+        if (fault->error != 0) return failWith(fault->error);
+        if (fault->lostSilently) return static_cast<ssize_t>(count);
+        if (fault->shortTo) count = std::min(count, *fault->shortTo);
+    }
+    if (file.uart == nullptr) return real().write(fd, data, count);
+    const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
+    return resultOf(file.uart->hostWrite(static_cast<const uint8_t*>(data), count, nonBlocking));
+}
+
+int closeOnBoard(Machine& machine, OpenFile file, int fd) {
+    const auto fault = machine.faults.take(Call::kClose, file.path);
+    machine.trace.add(EventKind::kClose, file.path, "");
+    machine.files.erase(fd);
+    if (file.uart != nullptr) file.uart->closed();
+    const int result = real().close(fd);
+    return fault ? failWith(fault->error) : result;
+}
+
+// Status flags of a device are the board's; everything else is the descriptor's.
+int fcntlOnBoard(Machine& machine, OpenFile& file, int fd, int command, void* argument) {
+    if (const auto fault = machine.faults.take(Call::kFcntl, file.path)) {
+        return failWith(fault->error);
+    }
+    if (file.uart == nullptr) return real().fcntl(fd, command, argument);
+    if (command == F_GETFL) return file.flags & ~(O_CREAT | O_NOCTTY | O_CLOEXEC);
+    if (command != F_SETFL) return real().fcntl(fd, command, argument);
+    constexpr int kChangeable = O_NONBLOCK | O_APPEND;
+    const int flags = static_cast<int>(reinterpret_cast<intptr_t>(argument));
+    file.flags = (file.flags & ~kChangeable) | (flags & kChangeable);
+    return 0;
+}
+
+int fcntlAnywhere(int fd, int command, void* argument) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().fcntl(fd, command, argument);
+    Guard guard(boardLock());
+    OpenFile* file = machine->openFile(fd);
+    if (file == nullptr) return real().fcntl(fd, command, argument);
+    return fcntlOnBoard(*machine, *file, fd, command, argument);
+}
+
+FILE* fopenAnywhere(FILE* (*call)(const char*, const char*), const char* path, const char* mode) {
+    Machine* machine = machineForCall();
+    const auto host = machine ? machine->onHost(path) : std::nullopt;
+    if (!host) return call(path, mode);
+    Guard guard(boardLock());
+    if (const auto fault = machine->faults.take(Call::kFopen, path)) {
+        errno = fault->error;
+        return nullptr;
+    }
+    machine->trace.add(EventKind::kOpen, path, mode);
+    return call(host->c_str(), mode);
+}
+
+// For the calls that only need another path: the fault's result, or the call with the path
+// translated.
+template <typename Function>
+int withHostPath(Call call, const char* path, Function function) {
+    Machine* machine = machineForCall();
+    const auto host = machine ? machine->onHost(path) : std::nullopt;
+    if (!host) return function(path);
+    Guard guard(boardLock());
+    if (const auto fault = machine->faults.take(call, path)) return failWith(fault->error);
+    if (machine->uartAt(path) != nullptr) return function("/dev/null");
+    return function(host->c_str());
+}
+
+}  // namespace
+
+extern "C" {
+
+QUIL_EXPORT int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    return openAnywhere(real().open, path, flags, mode);
+}
+
+QUIL_EXPORT int open64(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    return openAnywhere(real().open64, path, flags, mode);
+}
+
+QUIL_EXPORT int __open_2(const char* path, int flags) {
+    return openAnywhere(real().open, path, flags, 0);
+}
+
+QUIL_EXPORT int __open64_2(const char* path, int flags) {
+    return openAnywhere(real().open64, path, flags, 0);
+}
+
+QUIL_EXPORT ssize_t read(int fd, void* data, size_t count) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().read(fd, data, count);
+    {
+        Guard guard(boardLock());
+        if (const OpenFile* file = machine->openFile(fd)) {
+            return readOnBoard(*machine, *file, fd, data, count);
+        }
+        waitForPipe(*machine, fd);
+    }
+    return real().read(fd, data, count);
+}
+
+QUIL_EXPORT ssize_t __read_chk(int fd, void* data, size_t count, size_t room) {
+    if (count > room) abort();
+    return read(fd, data, count);
+}
+
+QUIL_EXPORT ssize_t write(int fd, const void* data, size_t count) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().write(fd, data, count);
+    Guard guard(boardLock());
+    if (const OpenFile* file = machine->openFile(fd)) {
+        return writeOnBoard(*machine, *file, fd, data, count);
+    }
+    const ssize_t result = real().write(fd, data, count);
+    if (machine->scheduler.anyoneParked()) machine->readinessChanged();
+    return result;
+}
+
+QUIL_EXPORT int close(int fd) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().close(fd);
+    Guard guard(boardLock());
+    const OpenFile* file = machine->openFile(fd);
+    const int result = file ? closeOnBoard(*machine, *file, fd) : real().close(fd);
+    const int error = errno;
+    machine->readinessChanged();
+    errno = error;
+    return result;
+}
+
+QUIL_EXPORT int fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return fcntlAnywhere(fd, command, argument);
+}
+
+QUIL_EXPORT int fcntl64(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return fcntlAnywhere(fd, command, argument);
+}
+
+QUIL_EXPORT int access(const char* path, int mode) noexcept {
+    return withHostPath(Call::kAccess, path,
+                        [mode](const char* at) { return real().access(at, mode); });
+}
+
+QUIL_EXPORT int stat(const char* path, struct stat* info) noexcept {
+    return withHostPath(Call::kStat, path,
+                        [info](const char* at) { return real().stat(at, info); });
+}
+
+QUIL_EXPORT int remove(const char* path) noexcept {
+    return withHostPath(Call::kRemove, path, [](const char* at) { return real().remove(at); });
+}
+
+QUIL_EXPORT FILE* fopen(const char* path, const char* mode) {
+    return fopenAnywhere(real().fopen, path, mode);
+}
+
+QUIL_EXPORT FILE* fopen64(const char* path, const char* mode) {
+    return fopenAnywhere(real().fopen64, path, mode);
+}
+
+// The board's shell has none of the board's tools yet, and answers as a shell does then.
+QUIL_EXPORT int system(const char* command) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr || command == nullptr) return real().system(command);
+    Guard guard(boardLock());
+    const auto fault = machine->faults.take(Call::kSystem, command);
+    machine->trace.add(EventKind::kShell, "sh", command);
+    constexpr int kCommandNotFound = 127 << 8;
+    return fault ? failWith(fault->error) : kCommandNotFound;
+}
+
+}  // extern "C"

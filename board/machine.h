@@ -1,0 +1,69 @@
+// The powered board: all its parts, as the C library calls see them.
+#pragma once
+
+#include <atomic>
+#include <filesystem>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "board/board.h"
+#include "board/lock.h"
+#include "board/scheduler.h"
+
+namespace quil::board {
+
+// 2026-01-01T00:00:00Z: what the wall clock shows at power-on.
+constexpr int64_t kPowerOnEpoch = 1767225600;
+
+struct OpenFile {
+    std::string path;  // as the board knows it
+    Uart* uart = nullptr;
+    int flags = 0;
+};
+
+Scheduler& theScheduler();
+
+class Machine {
+  public:
+    Machine(std::filesystem::path directory, BoardOptions options);
+    ~Machine();
+
+    void violation(const std::string& source, const std::string& text);
+    // Where a board path lives on the workstation; nothing for paths that are not the board's.
+    std::optional<std::filesystem::path> onHost(const char* path) const;
+    std::filesystem::path hostPath(std::string_view boardPath) const;
+    Uart* uartAt(std::string_view path);
+    OpenFile* openFile(int fd);
+    void readinessChanged() { scheduler.wakeAll(&files); }
+
+    const std::filesystem::path directory;
+    const BoardOptions options;
+    Trace trace;
+    Scheduler& scheduler;
+    Faults faults;
+    Properties properties;
+    ProductInformation productInformation;
+    IniReader iniReader;
+    std::map<int, OpenFile> files;
+    std::vector<LogLine> log;
+    std::vector<std::string> violations;
+    std::unique_ptr<Uart> mcuUart;
+    std::unique_ptr<McuApplication> mcu;
+};
+
+extern std::atomic<Machine*> g_poweredMachine;
+inline Machine* poweredMachine() { return g_poweredMachine.load(std::memory_order_relaxed); }
+
+// The powered machine, for a C library call made by the program; null when the call is none of the
+// board's business (no power, or the board's own call).
+inline Machine* machineForCall() {
+    Machine* machine = poweredMachine();
+    if (machine == nullptr || BoardLock::mine()) return nullptr;
+    Scheduler::arrive();
+    return machine;
+}
+
+}  // namespace quil::board
