@@ -19,15 +19,12 @@ using ::android::sp;
 using ::android::wp;
 using ::android::hardware::hidl_death_recipient;
 using ::android::hardware::hidl_handle;
-using ::android::hardware::hidl_string;
 using ::android::hardware::hidl_vec;
 using ::android::hardware::interfacesEqual;
 using ::android::hardware::Return;
 using ::android::hardware::Status;
-using ::android::hardware::toString;
 using ::android::hardware::Void;
 using ::android::hardware::details::canCastInterface;
-using ::android::hardware::details::castInterface;
 using ::android::hardware::details::getRawServiceInternal;
 using ::android::hidl::base::V1_0::DebugInfo;
 using ::android::hidl::base::V1_0::IBase;
@@ -106,6 +103,7 @@ TEST(HidlReturn, MovedFailureIsCheckedInItsNewPlace) {
     Return<int32_t> first = Status::fromStatusT(DEAD_OBJECT);
     const Return<int32_t> second = std::move(first);
     EXPECT_FALSE(second.isOk());
+    // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move): what is left matters
     EXPECT_TRUE(first.isOkUnchecked());
 }
 
@@ -228,6 +226,7 @@ TEST(HidlInterface, ThreadsShareAnObjectUntilTheLastOneLetsGo) {
     std::atomic<int> gone{0};
     sp<IQuilServiceCallback> object = new Shared(gone);
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([object] { EXPECT_TRUE(object->ping().isOk()); });
     }

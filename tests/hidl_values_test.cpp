@@ -94,6 +94,7 @@ TEST(HidlVec, MoveLeavesTheSourceEmptyAndKeepsTheStorage) {
     const hidl_vec<uint8_t> target = std::move(source);
     EXPECT_EQ(target.data(), storage);
     EXPECT_THAT(target, ElementsAre(1, 2));
+    // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move): what is left matters
     EXPECT_EQ(source.size(), 0u);
     EXPECT_EQ(source.data(), nullptr);
 }
@@ -222,6 +223,7 @@ TEST(HidlString, NullPointerMakesAnEmptyText) {
 TEST(HidlString, CopiesAndConverts) {
     const std::string source = "board";
     const hidl_string text = source;
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): the copy is what is proved
     const hidl_string copy = text;
     EXPECT_NE(copy.c_str(), text.c_str());
     EXPECT_EQ(std::string(copy), "board");
@@ -233,6 +235,7 @@ TEST(HidlString, MoveLeavesTheSourceEmpty) {
     hidl_string source = "board";
     const hidl_string target = std::move(source);
     EXPECT_STREQ(target.c_str(), "board");
+    // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move): what is left matters
     EXPECT_STREQ(source.c_str(), "");
     EXPECT_TRUE(source.empty());
 }
@@ -322,6 +325,7 @@ TEST_F(HidlHandle, BorrowedDescriptorsStayOpenAndCopiesAreDuplicates) {
     int copied = -1;
     {
         const hidl_handle handle = native;
+        // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): the copy is what is proved
         const hidl_handle copy = handle;
         copied = copy->data[0];
         EXPECT_NE(copied, fd);
@@ -339,6 +343,8 @@ TEST_F(HidlHandle, MoveHandsOwnershipOver) {
     const int fd = source->data[0];
     {
         const hidl_handle target = std::move(source);
+        // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move): what is left
+        // matters
         EXPECT_EQ(source.getNativeHandle(), nullptr);
         EXPECT_TRUE(isOpen(fd));
     }

@@ -11,7 +11,6 @@
 namespace {
 
 using ::android::hardware::hidl_array;
-using ::android::hardware::hidl_string;
 using ::android::hardware::hidl_vec;
 using ::quil::hardware::quilservicemanager::V1_0::IQuilServiceCallback;
 using ::testing::ElementsAre;

@@ -41,14 +41,15 @@ struct Opened {
 };
 
 Opened openLibrary(const std::string& file) {
-    std::istringstream directories(getenv("QUIL_HW_LIBRARY_PATH") ? getenv("QUIL_HW_LIBRARY_PATH")
-                                                                  : "");
-    for (std::string directory; std::getline(directories, directory, ':');) {
-        const std::string path = directory + "/" + file;
+    const char* searched = getenv("QUIL_HW_LIBRARY_PATH");
+    std::istringstream directories(searched != nullptr ? searched : "");
+    for (std::string path; std::getline(directories, path, ':');) {
+        path.append("/").append(file);
         if (void* handle = dlopen(path.c_str(), RTLD_LAZY)) return {handle, path, ""};
     }
     if (void* handle = dlopen(file.c_str(), RTLD_LAZY)) return {handle, file, ""};
-    return {nullptr, file, dlerror()};
+    const char* failure = dlerror();
+    return {nullptr, file, failure != nullptr ? failure : "no reason given"};
 }
 
 sp<IBase> askFactory(const Opened& library, const std::string& symbol,
