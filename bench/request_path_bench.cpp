@@ -71,12 +71,14 @@ class Link {
 void requestPath(benchmark::State& state) {
     const android::sp<OpenService> service = new OpenService;
     const android::hardware::hidl_vec<uint8_t> answer = {1, 2, 3, 4};
-    std::atomic<bool> waiting{false};
+    std::atomic<uint64_t> served{0};
     const Link link([&] {
-        // An answer that overtakes the start of the wait is forgotten by contract: say it again.
-        while (waiting) {
+        // An answer that overtakes the start of the wait is forgotten by contract: say it again,
+        // until this request has come back.
+        const uint64_t before = served;
+        while (served == before) {
             service->wakeUp(answer);
-            while (waiting && service->mDataReady) std::this_thread::yield();
+            while (served == before && service->mDataReady) std::this_thread::yield();
         }
     });
     config_info_t info = {};
@@ -87,10 +89,9 @@ void requestPath(benchmark::State& state) {
     request[0] = 1;
     const uint64_t before = gHeapBlocks;
     for (auto _ : state) {
-        waiting = true;
         service->get(request, [&](const auto& bytes) {
             benchmark::DoNotOptimize(bytes.size());
-            waiting = false;
+            ++served;
         });
     }
     state.counters["heap_blocks"] = benchmark::Counter(static_cast<double>(gHeapBlocks - before),
