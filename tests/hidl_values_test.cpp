@@ -343,8 +343,7 @@ TEST_F(HidlHandle, MoveHandsOwnershipOver) {
     const int fd = source->data[0];
     {
         const hidl_handle target = std::move(source);
-        // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move): what is left
-        // matters
+        // NOLINTNEXTLINE(bugprone-use-after-move,clang-analyzer-cplusplus.Move): proves it
         EXPECT_EQ(source.getNativeHandle(), nullptr);
         EXPECT_TRUE(isOpen(fd));
     }
