@@ -54,13 +54,9 @@ QuietStandardOutput::~QuietStandardOutput() {
     close(mSaved);
 }
 
-BoardSession::BoardSession(const Options& options, const Console& console)
+BoardSession::BoardSession(const Options& options, const Console& console, bool showLog)
     : mOptions(options), mConsole(console), mBoard(powerOn(options)) {
-    mBoard->trace().onEvent([&err = console.err](const board::Event& event) {
-        if (event.kind != board::EventKind::kLog) return;
-        const bool ended = !event.text.empty() && event.text.back() == '\n';
-        err << "log: " << event.text << (ended ? "" : "\n");
-    });
+    if (showLog || !options.logLevel.empty()) showLogLines();
     applyLogLevel();
     mHost.emplace();
 }
@@ -71,6 +67,14 @@ BoardSession::~BoardSession() {
     } catch (const std::runtime_error& error) {
         mConsole.err << "quilctl: " << error.what() << '\n';
     }
+}
+
+void BoardSession::showLogLines() {
+    mBoard->trace().onEvent([&err = mConsole.err](const board::Event& event) {
+        if (event.kind != board::EventKind::kLog) return;
+        const bool ended = !event.text.empty() && event.text.back() == '\n';
+        err << "log: " << event.text << (ended ? "" : "\n");
+    });
 }
 
 // The level is for this run only, although the board keeps its properties.

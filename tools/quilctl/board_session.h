@@ -25,7 +25,8 @@ class QuietStandardOutput {
 // trace is written at the end.
 class BoardSession {
   public:
-    BoardSession(const Options& options, const Console& console);  // throws std::runtime_error
+    BoardSession(const Options& options, const Console& console,
+                 bool showLog = true);  // throws std::runtime_error
     ~BoardSession();
     BoardSession(const BoardSession&) = delete;
     BoardSession& operator=(const BoardSession&) = delete;
@@ -36,6 +37,7 @@ class BoardSession {
     void startService();  // throws std::runtime_error when it does not come up
 
   private:
+    void showLogLines();
     void applyLogLevel();
     void finish();
 

@@ -1,0 +1,27 @@
+// Runs the command line in this process and keeps what it said.
+#pragma once
+
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "tools/quilctl/cli.h"
+
+namespace quil::tests {
+
+struct Said {
+    int code;
+    std::string out;
+    std::string err;
+};
+
+inline Said quilctl(const std::vector<std::string>& words, const std::string& input = "") {
+    std::vector<const char*> argv = {"quilctl"};
+    for (const std::string& word : words) argv.push_back(word.c_str());
+    std::istringstream in(input);
+    std::ostringstream out, err;
+    const int code = tools::run(static_cast<int>(argv.size()), argv.data(), {in, out, err, false});
+    return {code, out.str(), err.str()};
+}
+
+}  // namespace quil::tests
