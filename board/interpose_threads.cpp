@@ -15,25 +15,17 @@ using namespace quil::board;
 
 namespace {
 
-struct Start {
-    void* (*routine)(void*);
-    void* argument;
-    std::shared_ptr<BoardThread> thread;
-};
-
 struct Turn {
-    explicit Turn(std::shared_ptr<BoardThread> thread) {
-        Scheduler::begin(std::move(thread), __tsan_init == nullptr && __asan_init == nullptr);
+    explicit Turn(BoardThread* thread) {
+        Scheduler::begin(thread, __tsan_init == nullptr && __asan_init == nullptr);
     }
     ~Turn() { Scheduler::end(); }
 };
 
 void* runThread(void* argument) {
-    auto* given = static_cast<Start*>(argument);
-    Start start = std::move(*given);
-    delete given;
-    Turn turn(std::move(start.thread));
-    return start.routine(start.argument);
+    auto* thread = static_cast<BoardThread*>(argument);
+    Turn turn(thread);
+    return thread->routine(thread->argument);
 }
 
 // The machine, when the calling thread takes turns on it.
@@ -87,13 +79,13 @@ QUIL_EXPORT int pthread_create(pthread_t* handle, const pthread_attr_t* attribut
     if (machine == nullptr) return real().pthread_create(handle, attributes, routine, argument);
     Guard guard(boardLock());
     const auto child = machine->scheduler.expectChild();
-    auto* start = new Start{routine, argument, child};
-    const int result = real().pthread_create(handle, attributes, runThread, start);
+    child->routine = routine;
+    child->argument = argument;
+    const int result = real().pthread_create(handle, attributes, runThread, child.get());
     if (result == 0) {
         machine->scheduler.started(child, *handle);
     } else {
         machine->scheduler.childFailed(child);
-        delete start;
     }
     return result;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "board/machine.h"
 #include "board/real_calls.h"
@@ -9,7 +10,7 @@
 namespace quil::board {
 namespace {
 
-thread_local std::shared_ptr<BoardThread> t_self;
+thread_local BoardThread* t_self = nullptr;
 
 int64_t realNanos() {
     timespec t{};
@@ -26,11 +27,11 @@ void Scheduler::powerOn(bool realtime) {
     realStart_ = realNanos();
     sequence_ = 0;
     threads_ = 0;
-    t_self = std::make_shared<BoardThread>();
+    all_.push_back(std::make_shared<BoardThread>());
+    t_self = all_.back().get();
     t_self->attached = !realtime;
     t_self->number = threads_++;
-    running_ = realtime ? nullptr : t_self.get();
-    all_.push_back(t_self);
+    running_ = realtime ? nullptr : t_self;
     if (realtime) startClockThread();
 }
 
@@ -44,12 +45,15 @@ void Scheduler::powerOff() {
         parked_.clear();
         runQueue_.clear();
         running_ = nullptr;
-        for (auto& thread : all_) thread->attached = false;
+        for (auto& thread : all_) {
+            thread->attached = false;
+            if (!thread->finished) outsiders_.push_back(thread);
+        }
         all_.clear();
         byHandle_.clear();
     }
     if (realtime_) stopClockThread();
-    t_self.reset();
+    t_self = nullptr;
 }
 
 Nanos Scheduler::now() const { return realtime_ ? Nanos(realNanos() - realStart_) : virtualNow_; }
@@ -66,8 +70,11 @@ Scheduler::TimerId Scheduler::at(Nanos when, std::function<void()> action) {
 }
 
 BoardThread* Scheduler::self() {
-    if (!t_self) t_self = std::make_shared<BoardThread>();
-    return t_self.get();
+    if (t_self == nullptr) {
+        outsiders_.push_back(std::make_shared<BoardThread>());
+        t_self = outsiders_.back().get();
+    }
+    return t_self;
 }
 
 bool Scheduler::attached() const { return t_self && t_self->attached; }
@@ -208,8 +215,8 @@ void Scheduler::forget(pthread_t handle) {
     byHandle_.erase(found);
 }
 
-void Scheduler::begin(std::shared_ptr<BoardThread> child, bool waitForTurn) {
-    t_self = std::move(child);
+void Scheduler::begin(BoardThread* child, bool waitForTurn) {
+    t_self = child;
     if (waitForTurn) arrive();
 }
 
@@ -221,14 +228,14 @@ void Scheduler::arrive() {
 
 void Scheduler::end() {
     arrive();
-    const auto me = std::move(t_self);
+    BoardThread* me = std::exchange(t_self, nullptr);
     Machine* machine = poweredMachine();
     Guard guard(boardLock());
     me->finished = true;
     if (machine == nullptr || !me->attached) return;
     Scheduler& scheduler = machine->scheduler;
-    scheduler.wakeAll(me.get());
-    if (scheduler.running_ != me.get()) return;
+    scheduler.wakeAll(me);
+    if (scheduler.running_ != me) return;
     scheduler.running_ = nullptr;
     scheduler.dispatch();
 }

@@ -29,6 +29,8 @@ struct BoardThread {
     const char* waitsFor = "";
     const void* object = nullptr;
     Gate gate;
+    void* (*routine)(void*) = nullptr;  // what a child runs
+    void* argument = nullptr;
 };
 
 class Scheduler {
@@ -60,7 +62,8 @@ class Scheduler {
     void started(const std::shared_ptr<BoardThread>&, pthread_t);
     std::shared_ptr<BoardThread> find(pthread_t);
     void forget(pthread_t);
-    static void begin(std::shared_ptr<BoardThread>, bool waitForTurn);
+    // Takes no memory: a sanitizer may not know the thread yet.
+    static void begin(BoardThread*, bool waitForTurn);
     static void end();
     // The first call of a thread that began without waiting for its turn. Called without the lock.
     static void arrive();
@@ -87,6 +90,8 @@ class Scheduler {
     BoardThread* running_ = nullptr;
     std::map<pthread_t, std::shared_ptr<BoardThread>> byHandle_;
     std::deque<std::shared_ptr<BoardThread>> all_;
+    std::deque<std::shared_ptr<BoardThread>>
+        outsiders_;  // not ours any more, or never: kept for good
     pthread_t clock_{};
     bool clockRuns_ = false;
     Gate clockWake_;
