@@ -9,6 +9,7 @@ HostingComponent::~HostingComponent() { stop(); }
 StartUpResult HostingComponent::start() {
     if (mService != nullptr) return {StartUpError::kService, "the service is already up"};
     if (const StartUpResult result = startUp(); !result.ok()) return result;
+    mLinkIsOpen = true;
     mService = IQuilServiceManager::getService("default", true /* passthrough */);
     if (mService == nullptr) {
         stop();
@@ -27,7 +28,8 @@ StartUpResult HostingComponent::start() {
 void HostingComponent::stop() {
     mReader.reset();
     mService = nullptr;
-    shutDown();
+    if (mLinkIsOpen) shutDown();
+    mLinkIsOpen = false;
 }
 
 }  // namespace quil::host

@@ -29,6 +29,7 @@ class HostingComponent {
     const McuReader* reader() const { return mReader.get(); }
 
   private:
+    bool mLinkIsOpen = false;  // a descriptor that the parse left at 0 is not ours to close
     android::sp<IQuilServiceManager> mService;
     std::unique_ptr<McuReader> mReader;
 };

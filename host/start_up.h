@@ -24,7 +24,8 @@ struct StartUpResult {
 // is let in: until then the record's descriptor is 0, which is a valid one.
 StartUpResult startUp();
 
-// Closes the link that startUp opened. The record's descriptor is -1 afterwards.
+// Closes the link that startUp opened; not for a configuration that was only parsed. The record's
+// descriptor is -1 afterwards.
 void shutDown();
 
 }  // namespace quil::host

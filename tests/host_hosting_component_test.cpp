@@ -152,6 +152,13 @@ TEST_F(HostingComponentTest, AfterAStopItStartsAgain) {
     EXPECT_EQ(getVersion(), version);
 }
 
+TEST_F(HostingComponentTest, AComponentThatWasNeverStartedLeavesDescriptorZeroOpen) {
+    ASSERT_EQ(parseConfigInfo(), 0);
+    const int before = fcntl(STDIN_FILENO, F_GETFD);
+    host.stop();
+    EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), before);
+}
+
 // The reader on an ordinary pipe, with no board: in real time, but without waiting for time to
 // pass.
 TEST(McuReader, FramesFromAnOrdinaryDescriptorReachTheHandler) {
