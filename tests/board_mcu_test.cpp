@@ -174,7 +174,7 @@ TEST(BoardMcu, NoiseAndACorruptChecksumComeOutOnTheLine) {
     board.runFor(seconds(1));
     Bytes expected = {0x01};
     expected.insert(expected.end(), kAnswer.begin(), kAnswer.end());
-    expected[1 + 34] ^= 0x01;
+    expected.at(1 + 34) ^= 0x01;
     expected.push_back(0x02);
     EXPECT_EQ(receive(fd), expected);
     close(fd);
