@@ -23,11 +23,11 @@ bool isLogged(int priority);
 
 }  // namespace quil::common
 
-#define QUIL_LOG(priority, tag, ...)                             \
-    do {                                                         \
-        if (::quil::common::isLogged(priority)) {                \
+#define QUIL_LOG(priority, tag, ...) \
+    do { \
+        if (::quil::common::isLogged(priority)) { \
             __android_log_print((priority), (tag), __VA_ARGS__); \
-        }                                                        \
+        } \
     } while (0)
 
 #define QUIL_LOG_ERROR(tag, ...) QUIL_LOG(ANDROID_LOG_ERROR, tag, __VA_ARGS__)

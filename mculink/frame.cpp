@@ -108,10 +108,13 @@ int quil_packet_data(uint8_t* frame, const uint8_t* payload, uint16_t len,
 }
 
 int quil_get_packet_length(void) {
-    printFlushed("n_frame_header_len is %d\n", static_cast<int>(kFrameHeaderSize));
-    printFlushed("n_request_header_len is %d\n", static_cast<int>(kRequestHeaderSize));
-    printFlushed("n_request_body_len is %d\n", static_cast<int>(kRequestBodySize));
-    printFlushed("n_packet_header_length is %d\n", static_cast<int>(kPacketHeaderSize));
+    printFlushed(
+        "n_frame_header_len is %d\n"
+        "n_request_header_len is %d\n"
+        "n_request_body_len is %d\n"
+        "n_packet_header_length is %d\n",
+        static_cast<int>(kFrameHeaderSize), static_cast<int>(kRequestHeaderSize),
+        static_cast<int>(kRequestBodySize), static_cast<int>(kPacketHeaderSize));
     return static_cast<int>(kPacketHeaderSize);
 }
 

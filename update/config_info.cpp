@@ -37,10 +37,10 @@ struct Key {
     int32_t substitute;
 };
 
-#define TEXT(rule, section, field, message)                                                  \
-    {                                                                                        \
+#define TEXT(rule, section, field, message) \
+    { \
         rule, section, #field, offsetof(config_info_t, field), sizeof(config_info_t::field), \
-            message, 0                                                                       \
+            message, 0 \
     }
 #define NUMBER(rule, section, field, message, substitute) \
     { rule, section, #field, offsetof(config_info_t, field), 0, message, substitute }
