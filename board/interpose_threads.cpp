@@ -75,7 +75,10 @@ extern "C" {
 
 QUIL_EXPORT int pthread_create(pthread_t* handle, const pthread_attr_t* attributes,
                                void* (*routine)(void*), void* argument) noexcept {
-    Machine* machine = machineOfTurns();
+    // The thread sanitizer's own background thread, the only one without an argument, takes no
+    // turns.
+    const bool sanitizersOwn = __tsan_init != nullptr && argument == nullptr;
+    Machine* machine = sanitizersOwn ? nullptr : machineOfTurns();
     if (machine == nullptr) return real().pthread_create(handle, attributes, routine, argument);
     Guard guard(boardLock());
     const auto child = machine->scheduler.expectChild();

@@ -14,41 +14,41 @@
 namespace quil::board {
 
 // clang-format off
-#define QUIL_REAL_CALLS(CALL)                                                                       \
-    CALL(int, open, (const char*, int, ...))                                                        \
-    CALL(int, open64, (const char*, int, ...))                                                      \
-    CALL(ssize_t, read, (int, void*, size_t))                                                       \
-    CALL(ssize_t, write, (int, const void*, size_t))                                                \
-    CALL(int, close, (int))                                                                         \
-    CALL(int, select, (int, fd_set*, fd_set*, fd_set*, timeval*))                                   \
-    CALL(int, poll, (pollfd*, nfds_t, int))                                                         \
-    CALL(int, fcntl, (int, int, ...))                                                               \
-    CALL(int, fcntl64, (int, int, ...))                                                             \
-    CALL(int, tcgetattr, (int, termios*))                                                           \
-    CALL(int, tcsetattr, (int, int, const termios*))                                                \
-    CALL(int, tcflush, (int, int))                                                                  \
-    CALL(int, access, (const char*, int))                                                           \
-    CALL(int, stat, (const char*, struct stat*))                                                    \
-    CALL(FILE*, fopen, (const char*, const char*))                                                  \
-    CALL(FILE*, fopen64, (const char*, const char*))                                                \
-    CALL(int, remove, (const char*))                                                                \
-    CALL(int, system, (const char*))                                                                \
-    CALL(int, usleep, (useconds_t))                                                                 \
-    CALL(unsigned, sleep, (unsigned))                                                               \
-    CALL(int, nanosleep, (const timespec*, timespec*))                                              \
-    CALL(int, clock_nanosleep, (clockid_t, int, const timespec*, timespec*))                        \
-    CALL(int, clock_gettime, (clockid_t, timespec*))                                                \
-    CALL(int, pthread_mutex_lock, (pthread_mutex_t*))                                               \
-    CALL(int, pthread_mutex_trylock, (pthread_mutex_t*))                                            \
-    CALL(int, pthread_mutex_unlock, (pthread_mutex_t*))                                             \
-    CALL(int, pthread_cond_wait, (pthread_cond_t*, pthread_mutex_t*))                               \
-    CALL(int, pthread_cond_timedwait, (pthread_cond_t*, pthread_mutex_t*, const timespec*))         \
-    CALL(int, pthread_cond_clockwait,                                                               \
-         (pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*))                           \
-    CALL(int, pthread_cond_signal, (pthread_cond_t*))                                               \
-    CALL(int, pthread_cond_broadcast, (pthread_cond_t*))                                            \
-    CALL(int, pthread_create,                                                                       \
-         (pthread_t*, const pthread_attr_t*, void* (*)(void*), void*))                              \
+#define QUIL_REAL_CALLS(CALL) \
+    CALL(int, open, (const char*, int, ...)) \
+    CALL(int, open64, (const char*, int, ...)) \
+    CALL(ssize_t, read, (int, void*, size_t)) \
+    CALL(ssize_t, write, (int, const void*, size_t)) \
+    CALL(int, close, (int)) \
+    CALL(int, select, (int, fd_set*, fd_set*, fd_set*, timeval*)) \
+    CALL(int, poll, (pollfd*, nfds_t, int)) \
+    CALL(int, fcntl, (int, int, ...)) \
+    CALL(int, fcntl64, (int, int, ...)) \
+    CALL(int, tcgetattr, (int, termios*)) \
+    CALL(int, tcsetattr, (int, int, const termios*)) \
+    CALL(int, tcflush, (int, int)) \
+    CALL(int, access, (const char*, int)) \
+    CALL(int, stat, (const char*, struct stat*)) \
+    CALL(FILE*, fopen, (const char*, const char*)) \
+    CALL(FILE*, fopen64, (const char*, const char*)) \
+    CALL(int, remove, (const char*)) \
+    CALL(int, system, (const char*)) \
+    CALL(int, usleep, (useconds_t)) \
+    CALL(unsigned, sleep, (unsigned)) \
+    CALL(int, nanosleep, (const timespec*, timespec*)) \
+    CALL(int, clock_nanosleep, (clockid_t, int, const timespec*, timespec*)) \
+    CALL(int, clock_gettime, (clockid_t, timespec*)) \
+    CALL(int, pthread_mutex_lock, (pthread_mutex_t*)) \
+    CALL(int, pthread_mutex_trylock, (pthread_mutex_t*)) \
+    CALL(int, pthread_mutex_unlock, (pthread_mutex_t*)) \
+    CALL(int, pthread_cond_wait, (pthread_cond_t*, pthread_mutex_t*)) \
+    CALL(int, pthread_cond_timedwait, (pthread_cond_t*, pthread_mutex_t*, const timespec*)) \
+    CALL(int, pthread_cond_clockwait, \
+         (pthread_cond_t*, pthread_mutex_t*, clockid_t, const timespec*)) \
+    CALL(int, pthread_cond_signal, (pthread_cond_t*)) \
+    CALL(int, pthread_cond_broadcast, (pthread_cond_t*)) \
+    CALL(int, pthread_create, \
+         (pthread_t*, const pthread_attr_t*, void* (*)(void*), void*)) \
     CALL(int, pthread_join, (pthread_t, void**))
 // clang-format on
 
