@@ -67,6 +67,7 @@ std::vector<Event> Trace::events(EventKind kind) const {
 }
 
 void Trace::add(EventKind kind, std::string source, std::string text, std::vector<uint8_t> bytes) {
+    Scheduler::arrive();
     Guard guard(boardLock());
     if (!recording_) return;
     events_.push_back(
