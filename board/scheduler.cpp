@@ -242,7 +242,7 @@ void Scheduler::end() {
 
 void Scheduler::startClockThread() {
     clockRuns_ = true;
-    real().pthread_create(&clock_, nullptr, clockThread, this);
+    ::pthread_create(&clock_, nullptr, clockThread, this);
 }
 
 void Scheduler::stopClockThread() {
@@ -251,7 +251,7 @@ void Scheduler::stopClockThread() {
         clockRuns_ = false;
     }
     clockWake_.open();
-    real().pthread_join(clock_, nullptr);
+    ::pthread_join(clock_, nullptr);
 }
 
 void* Scheduler::clockThread(void* self) {
