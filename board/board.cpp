@@ -76,6 +76,7 @@ McuApplication& Board::mcu() { return *machine_->mcu; }
 Uart& Board::mcuUart() { return *machine_->mcuUart; }
 ProductInformation& Board::productInformation() { return machine_->productInformation; }
 IniReader& Board::iniReader() { return machine_->iniReader; }
+Probes& Board::probes() { return *machine_->probes; }
 
 std::vector<LogLine> Board::logLines() const {
     Guard guard(boardLock());

@@ -11,6 +11,7 @@
 #include "board/faults.h"
 #include "board/ini_reader.h"
 #include "board/mcu_application.h"
+#include "board/probes.h"
 #include "board/properties.h"
 #include "board/trace.h"
 #include "board/uart.h"
@@ -55,6 +56,7 @@ class Board {
     Uart& mcuUart();
     ProductInformation& productInformation();
     IniReader& iniReader();
+    Probes& probes();
 
     std::vector<std::string> log() const;
     std::vector<std::string> log(int priority) const;

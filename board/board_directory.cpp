@@ -89,6 +89,9 @@ constexpr const char kReadme[] =
     "rootfs/sdcard/          the SD card\n"
     "mcu/version             the version text that the MCU answers to command 0x00000001\n"
     "mcu/values              what the MCU keeps: one \"command = bytes\" a line, in hex\n"
+    "parts                   what is wrong with parts: one \"rtc = faulty\" a line; rtc, es8316,\n"
+    "                        es8316.0, wifi-ap, wifi-sta, idt6965: healthy, faulty or absent;\n"
+    "                        sdcard: present, missing, full or read-only\n"
     "properties              the system properties: one \"name=value\" a line\n"
     "product_information     the module id, decimal text\n";
 

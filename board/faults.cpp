@@ -12,9 +12,9 @@
 namespace quil::board {
 namespace {
 
-constexpr std::array<const char*, 16> kCallNames = {
-    "open",      "read",    "write",  "close", "select", "poll",   "fcntl",  "tcgetattr",
-    "tcsetattr", "tcflush", "access", "stat",  "fopen",  "remove", "system", "malloc"};
+constexpr std::array<const char*, 17> kCallNames = {
+    "open",    "read",   "write", "close", "select", "poll",   "fcntl",  "tcgetattr", "tcsetattr",
+    "tcflush", "access", "stat",  "fopen", "remove", "system", "malloc", "probe"};
 
 std::string describe(const Fault& fault) {
     std::string text = nameOf(fault.call);

@@ -25,7 +25,8 @@ enum class Call {
     kFopen,
     kRemove,
     kSystem,
-    kMalloc
+    kMalloc,
+    kProbe  // path: the part's name; the probe answers -error
 };
 
 struct Fault {

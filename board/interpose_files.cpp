@@ -29,10 +29,21 @@ int openUart(Machine& machine, Uart& uart, int flags) {
     return fd;
 }
 
+Probes::Use useOf(int flags) {
+    if ((flags & O_CREAT) != 0) return Probes::Use::kCreate;
+    return (flags & O_ACCMODE) == O_RDONLY ? Probes::Use::kRead : Probes::Use::kWrite;
+}
+
+Probes::Use useOf(const char* mode) {
+    if (mode[0] != 'r') return Probes::Use::kCreate;
+    return strchr(mode, '+') == nullptr ? Probes::Use::kRead : Probes::Use::kWrite;
+}
+
 int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::string& hostPath,
                 int flags, mode_t mode) {
     Guard guard(boardLock());
     if (const auto fault = machine.faults.take(Call::kOpen, path)) return failWith(fault->error);
+    if (const int error = machine.probes->refusal(path, useOf(flags))) return failWith(error);
     int fd = -1;
     if (Uart* uart = machine.uartAt(path)) {
         fd = openUart(machine, *uart, flags);
@@ -138,6 +149,10 @@ FILE* fopenAnywhere(FILE* (*call)(const char*, const char*), const char* path, c
         errno = fault->error;
         return nullptr;
     }
+    if (const int error = machine->probes->refusal(path, useOf(mode))) {
+        errno = error;
+        return nullptr;
+    }
     machine->trace.add(EventKind::kOpen, path, mode);
     return call(host->c_str(), mode);
 }
@@ -151,6 +166,8 @@ int withHostPath(Call call, const char* path, Function function) {
     if (!host) return function(path);
     Guard guard(boardLock());
     if (const auto fault = machine->faults.take(call, path)) return failWith(fault->error);
+    const auto use = call == Call::kRemove ? Probes::Use::kWrite : Probes::Use::kRead;
+    if (const int error = machine->probes->refusal(path, use)) return failWith(error);
     if (machine->uartAt(path) != nullptr) return function("/dev/null");
     return function(host->c_str());
 }

@@ -28,6 +28,12 @@ int keepLogLine(int priority, const char* tag, const char* text) {
     return 1;
 }
 
+// Without power nobody answers.
+int32_t probe(const char* part) {
+    Machine* machine = machineForCall();
+    return machine != nullptr ? machine->probes->probe(part) : -1;
+}
+
 int copyProperty(const std::string& value, char* dest) {
     const size_t length = std::min(value.size(), kPropertyMax - 1);
     memcpy(dest, value.data(), length);
@@ -101,5 +107,16 @@ QUIL_EXPORT int32_t bi_info_get_product_info(void* block) {
     if (machine == nullptr || block == nullptr) return -1;
     return machine->productInformation.fill(static_cast<uint8_t*>(block));
 }
+
+QUIL_EXPORT int32_t bi_i2c_get_rtc_state(int32_t /*bus*/) { return probe(kRtc); }
+
+QUIL_EXPORT int32_t bi_i2c_get_audio_state(int32_t codec) {
+    Machine* machine = machineForCall();
+    return machine != nullptr ? machine->probes->probeCodec(codec) : -1;
+}
+
+QUIL_EXPORT int32_t bi_i2c_get_clock_chip_state(int32_t /*bus*/) { return probe(kClockChip); }
+QUIL_EXPORT int32_t bi_network_get_ap_state() { return probe(kWifiAp); }
+QUIL_EXPORT int32_t bi_network_get_sta_state() { return probe(kWifiSta); }
 
 }  // extern "C"

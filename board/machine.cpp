@@ -14,22 +14,24 @@ constexpr std::array<std::string_view, 8> kBoardPaths = {"/vendor/",
                                                          "/sys/class/ethernet/",
                                                          "/sdcard/"};
 
-struct McuLine {
-    std::string path = "/dev/ttyS3";
+struct Wiring {
+    std::string uart = "/dev/ttyS3";
     int baud = 115200;
+    int codecs = 0;
 };
 
 // The wiring follows the product file that stands in the board's file system at power-on.
-McuLine mcuLineOf(const std::filesystem::path& productFile) {
-    McuLine line;
+Wiring wiringOf(const std::filesystem::path& productFile) {
+    Wiring wiring;
     IniReader reader;
     const int handle = reader.load(productFile);
     if (const auto* path = reader.find(handle, "mcu", "mcu_uart_path")) {
-        if (path->rfind("/dev/", 0) == 0) line.path = *path;
+        if (path->rfind("/dev/", 0) == 0) wiring.uart = *path;
     }
     const int baud = reader.integer(handle, "mcu", "mcu_baud_rate");
-    if (baud > 0) line.baud = baud;
-    return line;
+    if (baud > 0) wiring.baud = baud;
+    wiring.codecs = reader.integer(handle, "self_test", "audio_num");
+    return wiring;
 }
 
 }  // namespace
@@ -48,9 +50,10 @@ Machine::Machine(std::filesystem::path dir, BoardOptions opts)
       scheduler(theScheduler()),
       properties(directory / "properties"),
       productInformation(directory / "product_information") {
-    const McuLine line = mcuLineOf(hostPath("/vendor/etc/product.ini"));
-    mcuUart = std::make_unique<Uart>(line.path);
-    mcu = std::make_unique<McuApplication>(directory / "mcu", *mcuUart, line.baud);
+    const Wiring wiring = wiringOf(hostPath("/vendor/etc/product.ini"));
+    mcuUart = std::make_unique<Uart>(wiring.uart);
+    mcu = std::make_unique<McuApplication>(directory / "mcu", *mcuUart, wiring.baud);
+    probes = std::make_unique<Probes>(directory / "parts", wiring.codecs);
 }
 
 Machine::~Machine() = default;

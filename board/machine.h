@@ -52,6 +52,7 @@ class Machine {
     std::vector<std::string> violations;
     std::unique_ptr<Uart> mcuUart;
     std::unique_ptr<McuApplication> mcu;
+    std::unique_ptr<Probes> probes;
 };
 
 extern std::atomic<Machine*> g_poweredMachine;

@@ -28,7 +28,8 @@ enum class EventKind {
     kProperty,
     kFault,
     kViolation,
-    kNote
+    kNote,
+    kProbe
 };
 
 struct Event {

@@ -7,10 +7,13 @@ add_library(quil_impl SHARED
   mculink/frame.cpp
   mculink/request.cpp
   mculink/uart.cpp
+  selftest/self_test.cpp
+  selftest/test_items.cpp
   service/control_manager.cpp
   service/quil_service_callback.cpp
   service/quil_service_manager.cpp
   service/request_routing.cpp
+  service/self_test_dispatch.cpp
   service/mcu_forwarding.cpp
   service/client_registry.cpp
   update/config_info.cpp)

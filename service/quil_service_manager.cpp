@@ -66,6 +66,11 @@ void QuilServiceManager::dispatch(const Method& method, tclvMsg& msg, hidl_servi
             return;
         case HIDL_SERVICE_TYPE_SELF_TEST:
             QUIL_LOG_DEBUG(kServiceTag, "%s: process HIDL_SERVICE_TYPE_SELF_TEST\n", method.name);
+            if (method.isWrite != 0) return;  // run by reading only
+            ret = selfTest(&msg);
+            if (ret < 0) {
+                QUIL_LOG_ERROR(kServiceTag, "%s: do selfTest failed, ret = %d\n", method.name, ret);
+            }
             return;
         case HIDL_SERVICE_TYPE_INVALID:
             break;

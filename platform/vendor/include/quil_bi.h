@@ -24,6 +24,14 @@ int32_t bi_common_ini_get_int(int32_t handle, const char* section, const char* k
 // byte 64 stands the module id as NUL-terminated decimal text.
 int32_t bi_info_get_product_info(void* block);
 
+// Probes of the self-test. Each returns 0 when the part is healthy, and anything else when it is
+// not.
+int32_t bi_i2c_get_rtc_state(int32_t bus);
+int32_t bi_i2c_get_audio_state(int32_t codec);  // codecs count from 0
+int32_t bi_i2c_get_clock_chip_state(int32_t bus);
+int32_t bi_network_get_ap_state(void);
+int32_t bi_network_get_sta_state(void);
+
 #ifdef __cplusplus
 }
 #endif

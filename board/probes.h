@@ -1,0 +1,60 @@
+// What the board's closed library finds when it probes a part for the self-test, and the SD card.
+//
+// The settings stand in the board directory's file "parts", one "name = state" a line; what is not
+// named there is healthy, or present.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace quil::board {
+
+// Names of parts, as the settings, the trace and injected faults (Call::kProbe) have them. One
+// codec alone is "es8316.0", "es8316.1", and so on.
+inline constexpr char kRtc[] = "rtc", kCodecs[] = "es8316", kWifiAp[] = "wifi-ap",
+                      kWifiSta[] = "wifi-sta", kClockChip[] = "idt6965";
+
+enum class Health { kHealthy, kFaulty, kAbsent };
+enum class SdCard { kPresent, kMissing, kFull, kReadOnly };
+
+class Probes {
+  public:
+    Probes(std::filesystem::path file, int codecs);
+    ~Probes();
+    Probes(const Probes&) = delete;
+    Probes& operator=(const Probes&) = delete;
+
+    static std::span<const char* const> partNames();
+    static bool isPart(const std::string& name);
+
+    void setHealth(const std::string& part, Health);  // throws std::runtime_error: no such part
+    Health health(const std::string& part) const;
+    void setSdCard(SdCard);
+    SdCard sdCard() const;
+
+    // The closed library's calls: 0 is healthy.
+    int32_t probe(const std::string& part);
+    int32_t probeCodec(int32_t index);
+    // The error that the SD card's state has for this use of a path; 0 when there is none.
+    enum class Use { kRead, kWrite, kCreate };
+    int refusal(std::string_view boardPath, Use) const;
+
+  private:
+    void set(const std::string& name, const std::string& state);
+    std::string stateOf(const std::string& name) const;
+    Health healthHere(const std::string& part) const;
+    static int32_t answer(const std::string& part, Health health);
+
+    const std::filesystem::path file_;
+    const int codecs_;
+    std::map<std::string, std::string> states_;
+};
+
+const char* nameOf(Health);
+const char* nameOf(SdCard);
+
+}  // namespace quil::board
