@@ -77,6 +77,21 @@ SdCard Probes::sdCard() const {
 void Probes::set(const std::string& name, const std::string& state) {
     Guard guard(boardLock());
     states_[name] = state;
+    save();
+}
+
+Probes::Settings Probes::settings() const {
+    Guard guard(boardLock());
+    return states_;
+}
+
+void Probes::restore(const Settings& settings) {
+    Guard guard(boardLock());
+    states_ = settings;
+    save();
+}
+
+void Probes::save() const {
     std::string text;
     for (const auto& [key, kept] : states_) text += key + " = " + kept + "\n";
     writeWholeFile(file_, text);

@@ -36,6 +36,11 @@ class Probes {
     void setSdCard(SdCard);
     SdCard sdCard() const;
 
+    // All that was set, to be put back later.
+    using Settings = std::map<std::string, std::string>;
+    Settings settings() const;
+    void restore(const Settings&);
+
     // The closed library's calls: 0 is healthy.
     int32_t probe(const std::string& part);
     int32_t probeCodec(int32_t index);
@@ -45,13 +50,14 @@ class Probes {
 
   private:
     void set(const std::string& name, const std::string& state);
+    void save() const;
     std::string stateOf(const std::string& name) const;
     Health healthHere(const std::string& part) const;
     static int32_t answer(const std::string& part, Health health);
 
     const std::filesystem::path file_;
     const int codecs_;
-    std::map<std::string, std::string> states_;
+    Settings states_;
 };
 
 const char* nameOf(Health);

@@ -13,7 +13,7 @@ namespace {
 constexpr char kFooter[] =
     "Exit codes:\n"
     "  0  done\n"
-    "  1  no answer, or something unexpected in the demo\n"
+    "  1  no answer, a part in error, or something unexpected in the demo\n"
     "  2  wrong command line\n"
     "  3  a product file or a frame with something wrong in it\n"
     "  4  the board directory cannot be used, or the service does not come up\n"
@@ -77,6 +77,7 @@ int run(int argc, const char* const* argv, const Console& console) {
     app.fallthrough();
     addGlobalOptions(app, cli.options);
     addRequestCommands(app, cli);
+    addSelfTestCommands(app, cli);
     addConfigCommands(app, cli);
     addFrameCommands(app, cli);
     addBoardCommands(app, cli);

@@ -14,7 +14,7 @@ namespace quil::tools {
 
 enum ExitCode : int {
     kOk = 0,
-    kFailed = 1,   // no answer, or the demo met something unexpected
+    kFailed = 1,   // no answer, a part in error, or the demo met something unexpected
     kUsage = 2,    // the command line itself is wrong
     kBadData = 3,  // a product file or a frame with something wrong in it
     kNoBoard = 4,  // the board directory cannot be used, or the service does not come up
@@ -48,6 +48,7 @@ int run(int argc, const char* const* argv, const Console& console);
 
 // Each adds its commands to the program.
 void addRequestCommands(CLI::App& app, Cli& cli);
+void addSelfTestCommands(CLI::App& app, Cli& cli);
 void addConfigCommands(CLI::App& app, Cli& cli);
 void addFrameCommands(CLI::App& app, Cli& cli);
 void addBoardCommands(CLI::App& app, Cli& cli);

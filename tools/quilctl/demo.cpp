@@ -7,6 +7,7 @@
 
 #include "host/firmware_update_guard.h"
 #include "tools/quilctl/client.h"
+#include "tools/quilctl/self_test.h"
 #include "update/config_info.h"
 
 namespace quil::tools {
@@ -44,6 +45,7 @@ class Demo {
     void firmwareUpdate();
     void silentMcu();
     void callback();
+    void selfTest();
 
     BoardSession& mSession;
     const Console& mConsole;
@@ -143,6 +145,17 @@ void Demo::callback() {
         run.arrived.empty() ? "not called" : quotedOrHex(run.arrived.front()), ok);
 }
 
+void Demo::selfTest() {
+    const SelfTestRun run = runSelfTest(mSession, {board::kRtc});
+    std::string errors;
+    for (const SelfTestItem& item : run.items) {
+        if (item.verdict == "Error") errors += item.name + ":" + item.verdict;
+    }
+    const std::string wire = newOnTheWire();
+    const bool ok = errors == "RTC:Error" && wire == "nothing" && !run.hasPassed();
+    row("self-test, clock broken", wire, errors.empty() ? "no error" : errors, ok);
+}
+
 int Demo::run() {
     const Bytes value = {0x0A, 0x0B};
     mConsole.out << "board time    step                           on the wire to the MCU     "
@@ -158,6 +171,7 @@ int Demo::run() {
     silentMcu();
     request("get 0x1 again", false, requestOf(kVersionCommand, {}), version, true);
     callback();
+    selfTest();
     for (const std::string& violation : mSession.board().violations()) {
         row("violation: " + violation, "", "", false);
     }
