@@ -93,7 +93,8 @@ void Probes::restore(const Settings& settings) {
 
 void Probes::save() const {
     std::string text;
-    for (const auto& [key, kept] : states_) text += key + " = " + kept + "\n";
+    for (const auto& [key, kept] : states_)
+        text.append(key).append(" = ").append(kept).append("\n");
     writeWholeFile(file_, text);
 }
 

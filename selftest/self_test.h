@@ -15,6 +15,7 @@ extern "C" {
 // the terminator. Returns 0, also when the part is faulty, or -1 when an argument is unusable.
 typedef int (*self_test_func_t)(const char* testName, char* resultStr, unsigned size);
 
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): the order is binding
 typedef struct test_option {
     uint32_t id;  // only the low byte is compared with the configuration's numbers
     const char* name;
