@@ -220,8 +220,8 @@ void Uart::received() {
     }
     startReceive();
     if (!receiving_ && !burst_.empty()) {
-        note(EventKind::kUartRx, path_, std::to_string(burst_.size()) + " bytes",
-             std::exchange(burst_, {}));
+        const std::vector<uint8_t> burst = std::exchange(burst_, {});
+        note(EventKind::kUartRx, path_, std::to_string(burst.size()) + " bytes", burst);
     }
     theScheduler().wakeAll(this);
     readinessChanged();
