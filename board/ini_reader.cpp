@@ -134,7 +134,7 @@ int IniReader::integer(int handle, const char* section, const char* key) const {
 ProductInformation::ProductInformation(std::filesystem::path file) : file_(std::move(file)) {}
 ProductInformation::~ProductInformation() = default;
 
-void ProductInformation::setModuleId(std::string text) {
+void ProductInformation::setModuleId(const std::string& text) {
     Guard guard(boardLock());
     writeWholeFile(file_, text + "\n");
 }

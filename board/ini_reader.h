@@ -42,7 +42,7 @@ class ProductInformation {
     ProductInformation(const ProductInformation&) = delete;
     ProductInformation& operator=(const ProductInformation&) = delete;
 
-    void setModuleId(std::string text);
+    void setModuleId(const std::string& text);
     void setFailing(bool);
     int fill(uint8_t* block) const;
 

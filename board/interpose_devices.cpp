@@ -36,12 +36,12 @@ short readyNow(Machine& machine, const pollfd& entry) {
         real().poll(&copy, 1, 0);
         return copy.revents;
     }
-    short ready = 0;
+    int ready = 0;
     if (file->uart->readable()) ready |= POLLIN;
     if (file->uart->writable()) ready |= POLLOUT;
     ready &= entry.events;
     if (!file->uart->plugged()) ready |= POLLHUP;
-    return ready;
+    return static_cast<short>(ready);
 }
 
 int countReady(Machine& machine, std::vector<pollfd>& entries) {
@@ -154,7 +154,7 @@ QUIL_EXPORT int poll(pollfd* entries, nfds_t count, int timeoutMs) {
             if (timeoutMs >= 0) timeout = std::chrono::milliseconds(timeoutMs);
             const int ready = waitForAny(*machine, copies, timeout);
             std::copy(copies.begin(), copies.end(), entries);
-            return ready;
+            return static_cast<short>(ready);
         }
     }
     return real().poll(entries, count, timeoutMs);

@@ -76,6 +76,7 @@ Tables tablesOf(const ElfW(Dyn) * entry) {
 
 template <typename Relocation>
 void hookIn(const Tables& tables, uintptr_t base, uintptr_t table, size_t size) {
+    if (table == 0 || tables.strings == nullptr || tables.symbols == nullptr) return;
     const auto* relocations = reinterpret_cast<const Relocation*>(table);
     for (size_t i = 0; i < size / sizeof(Relocation); ++i) {
         const auto symbol = sizeof(void*) == 8 ? relocations[i].r_info >> (sizeof(void*) * 4)

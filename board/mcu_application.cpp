@@ -263,7 +263,7 @@ void McuApplication::setLine(LineSettings line) {
     line_ = line;
 }
 
-void McuApplication::sendUnsolicited(std::vector<uint8_t> payload, uint32_t cmd) {
+void McuApplication::sendUnsolicited(const std::vector<uint8_t>& payload, uint32_t cmd) {
     Guard guard(boardLock());
     send(buildAnswer({}, cmd, false, payload));
 }

@@ -42,7 +42,7 @@ class McuApplication : public UartPeer {
     void setAnswer(uint32_t cmd, std::vector<uint8_t> payload);
     void setVersion(std::string);
     void setLine(LineSettings);
-    void sendUnsolicited(std::vector<uint8_t> payload, uint32_t cmd);
+    void sendUnsolicited(const std::vector<uint8_t>& payload, uint32_t cmd);
 
     void receive(uint8_t byte) override;
     LineSettings lineSettings() const override;

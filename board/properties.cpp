@@ -27,7 +27,7 @@ void Properties::set(const std::string& name, const std::string& value) {
     Guard guard(boardLock());
     values_[name] = value;
     std::string text;
-    for (const auto& [key, kept] : values_) text += key + "=" + kept + "\n";
+    for (const auto& [key, kept] : values_) text.append(key).append("=").append(kept).append("\n");
     writeWholeFile(file_, text);
     if (Machine* machine = poweredMachine()) {
         machine->trace.add(EventKind::kProperty, name, value);

@@ -53,6 +53,7 @@ namespace quil::board {
 // clang-format on
 
 struct RealCalls {
+// NOLINTNEXTLINE(bugprone-macro-parentheses): the arguments are types
 #define QUIL_REAL_MEMBER(result, name, arguments) result(*name) arguments = nullptr;
     QUIL_REAL_CALLS(QUIL_REAL_MEMBER)
 #undef QUIL_REAL_MEMBER

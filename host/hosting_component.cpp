@@ -8,7 +8,7 @@ HostingComponent::~HostingComponent() { stop(); }
 
 StartUpResult HostingComponent::start() {
     if (mService != nullptr) return {StartUpError::kService, "the service is already up"};
-    if (const StartUpResult result = startUp(); !result.ok()) return result;
+    if (StartUpResult result = startUp(); !result.ok()) return result;
     mLinkIsOpen = true;
     mService = IQuilServiceManager::getService("default", true /* passthrough */);
     if (mService == nullptr) {

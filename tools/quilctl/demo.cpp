@@ -93,7 +93,7 @@ std::string Demo::newOnTheWire() {
 
 Bytes Demo::request(const std::string& step, bool isWrite, const Bytes& bytes,
                     const Bytes& expected, bool reachesMcu) {
-    const Bytes answer = ask(mSession, isWrite, bytes);
+    Bytes answer = ask(mSession, isWrite, bytes);
     const std::string wire = newOnTheWire();
     const bool ok = answer == expected && (wire != "nothing") == reachesMcu;
     row(step, wire, answer.empty() ? "empty" : quotedOrHex(answer), ok);
