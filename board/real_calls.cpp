@@ -1,6 +1,7 @@
 #include "board/real_calls.h"
 
 #include <dlfcn.h>
+#include <string.h>
 
 #include <atomic>
 
@@ -13,7 +14,9 @@ std::atomic<bool> g_resolved{false};
 // Condition variables changed their layout once; an unversioned look-up may find the old functions.
 void* find(const char* name) {
 #ifdef __x86_64__
-    if (void* found = dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2")) return found;
+    const bool changed = strncmp(name, "pthread_cond_", 13) == 0;
+    void* found = changed ? dlvsym(RTLD_NEXT, name, "GLIBC_2.3.2") : nullptr;
+    if (found != nullptr) return found;
 #endif
     return dlsym(RTLD_NEXT, name);
 }
@@ -34,8 +37,10 @@ void resolveAll() {
 
 }  // namespace
 
+bool resolved() { return g_resolved.load(std::memory_order_acquire); }
+
 const RealCalls& real() {
-    if (!g_resolved.load(std::memory_order_acquire)) resolveAll();
+    if (!resolved()) resolveAll();
     return g_calls;
 }
 

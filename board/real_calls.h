@@ -61,5 +61,6 @@ struct RealCalls {
 };
 
 const RealCalls& real();
+bool resolved();
 
 }  // namespace quil::board

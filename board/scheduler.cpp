@@ -56,7 +56,9 @@ void Scheduler::powerOff() {
     t_self = nullptr;
 }
 
-Nanos Scheduler::now() const { return realtime_ ? Nanos(realNanos() - realStart_) : virtualNow_; }
+Nanos Scheduler::now() const {
+    return realtime_ ? Nanos(realNanos() - realStart_) : virtualNow_.load();
+}
 
 Scheduler::TimerId Scheduler::at(Nanos when, std::function<void()> action) {
     const TimerId id{std::max(when, now()), sequence_++};
@@ -162,7 +164,7 @@ void Scheduler::dispatch() {
 
 void Scheduler::fireNext() {
     auto node = timers_.extract(timers_.begin());
-    virtualNow_ = std::max(virtualNow_, node.key().first);
+    virtualNow_ = std::max(now(), node.key().first);
     node.mapped()();
 }
 

@@ -8,6 +8,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <deque>
 #include <functional>
 #include <list>
@@ -80,7 +81,7 @@ class Scheduler {
     static void* clockThread(void* self);
 
     bool realtime_ = false, on_ = false;
-    Nanos virtualNow_{0};
+    std::atomic<Nanos> virtualNow_{Nanos(0)};
     int64_t realStart_ = 0;
     uint64_t sequence_ = 0;
     int threads_ = 0;
