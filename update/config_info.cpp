@@ -16,7 +16,7 @@ namespace {
 constexpr char kFunction[] = "parseConfigInfo";
 constexpr char kProductFile[] = "/vendor/etc/product.ini";
 constexpr size_t kInformationSize = 2048, kModuleIdAt = 64;
-constexpr size_t kScratchLeast = 64 * 1024;
+constexpr size_t kScratchLeast = size_t{64} * 1024;
 
 enum class Rule {
     kText,         // missing: logged

@@ -67,6 +67,12 @@ function(hidl_interface target)
     COMMAND sed -i "s/^template<> constexpr /template<> inline constexpr /" ${headers}
     DEPENDS ${definitions} COMMENT "hidl-gen ${ARG_PACKAGE}" VERBATIM)
   target_sources(${target} PRIVATE ${headers})
+  if(NOT TARGET hidl_headers)
+    add_custom_target(hidl_headers)  # for who only reads the sources
+  endif()
+  string(REGEX REPLACE "[@.]" "_" headers_target hidl_headers_${ARG_PACKAGE})
+  add_custom_target(${headers_target} DEPENDS ${headers})
+  add_dependencies(hidl_headers ${headers_target})
   foreach(interface ${ARG_INTERFACES})
     hidl_interface_source(${target} ${ARG_PACKAGE} ${interface})
   endforeach()
