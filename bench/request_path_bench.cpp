@@ -42,15 +42,18 @@ class OpenService : public QuilServiceManager {
     using QuilServiceManager::mDataReady;
 };
 
-// A pipe as the MCU's link, and the MCU: a thread that answers each frame as soon as it has read
-// it.
+// A pipe as the MCU's link, and the MCU: a thread that hears how many bytes have come in all.
 class Link {
   public:
-    explicit Link(std::function<void()> answer) {
+    explicit Link(std::function<void(size_t)> heard) {
         if (pipe(mEnds) != 0) abort();
-        mThread = std::thread([this, answer = std::move(answer)] {
+        mThread = std::thread([this, heard = std::move(heard)] {
             std::vector<uint8_t> frame(quil::mculink::kFrameMax);
-            while (read(mEnds[0], frame.data(), frame.size()) > 0) answer();
+            size_t bytes = 0;
+            ssize_t count = 0;
+            while ((count = read(mEnds[0], frame.data(), frame.size())) > 0) {
+                heard(bytes += static_cast<size_t>(count));
+            }
         });
     }
     ~Link() {
@@ -71,21 +74,23 @@ class Link {
 void requestPath(benchmark::State& state) {
     const android::sp<OpenService> service = new OpenService;
     const android::hardware::hidl_vec<uint8_t> answer = {1, 2, 3, 4};
-    std::atomic<uint64_t> served{0};
-    const Link link([&] {
+    const auto body = static_cast<size_t>(state.range(0));
+    std::atomic<size_t> served{0};
+    const Link link([&](size_t bytes) {
         // An answer that overtakes the start of the wait is forgotten by contract: say it again,
-        // until this request has come back.
-        const uint64_t before = served;
-        while (served == before) {
+        // until as many requests have come back as have been read.
+        const size_t frames =
+            bytes / (quil::mculink::kPacketHeaderSize + body + quil::mculink::kChecksumSize);
+        while (served < frames) {
             service->wakeUp(answer);
-            while (served == before && service->mDataReady) std::this_thread::yield();
+            while (served < frames && service->mDataReady) std::this_thread::yield();
         }
     });
     config_info_t info = {};
     info.mcu_fd = link.fd();
     config_info = &info;
     android::hardware::hidl_vec<uint8_t> request;
-    request.resize(8 + static_cast<size_t>(state.range(0)));
+    request.resize(8 + body);
     request[0] = 1;
     const uint64_t before = gHeapBlocks;
     for (auto _ : state) {
@@ -104,7 +109,7 @@ void bareLoop(benchmark::State& state) {
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
     bool ready = false;
-    const Link link([&] {
+    const Link link([&](size_t) {
         pthread_mutex_lock(&mutex);
         ready = true;
         pthread_cond_signal(&cond);

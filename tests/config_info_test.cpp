@@ -182,6 +182,9 @@ struct MissingKey {
     const char* line;
     const char* text;
 };
+void PrintTo(const MissingKey& row, std::ostream* out) {
+    *out << std::string_view(row.line, strcspn(row.line, " "));
+}
 class ConfigInfoKey : public ConfigInfo, public testing::WithParamInterface<MissingKey> {};
 
 TEST_P(ConfigInfoKey, ThatIsMissingLogsItsOwnMessageFirst) {
@@ -337,6 +340,7 @@ TEST_P(ConfigInfoProduct, HasAProductFileWithNothingToComplainAbout) {
 
 INSTANTIATE_TEST_SUITE_P(Each, ConfigInfoProduct,
                          testing::Values(board::Product::kHeron, board::Product::kKestrel,
-                                         board::Product::kWrenT507));
+                                         board::Product::kWrenT507),
+                         [](const auto& info) { return std::string(nameOf(info.param)); });
 
 }  // namespace quil::tests

@@ -15,6 +15,7 @@ struct Gate {
     const char* level;
     std::set<int> printed;
 };
+void PrintTo(const Gate& gate, std::ostream* out) { *out << '"' << gate.level << '"'; }
 
 }  // namespace
 

@@ -271,8 +271,11 @@ TEST_F(SelfTestRun, LinesAreCutAt63BytesAndTheTextAt511) {
 }
 
 class UnusableCard : public SelfTestFixture, public testing::WithParamInterface<SdCard> {};
-INSTANTIATE_TEST_SUITE_P(Each, UnusableCard,
-                         testing::Values(SdCard::kMissing, SdCard::kFull, SdCard::kReadOnly));
+INSTANTIATE_TEST_SUITE_P(
+    Each, UnusableCard, testing::Values(SdCard::kMissing, SdCard::kFull, SdCard::kReadOnly),
+    [](const auto& info) {
+        return std::array{"present", "missing", "full", "readOnly"}[static_cast<int>(info.param)];
+    });
 
 TEST_P(UnusableCard, EndsTheRunAtItsFirstItem) {
     parseProduct();

@@ -97,6 +97,7 @@ struct Routed {
     uint32_t cmd;
     uint32_t type;
 };
+void PrintTo(const Routed& row, std::ostream* out) { *out << std::hex << row.cmd; }
 class Routing : public Service, public testing::WithParamInterface<Routed> {};
 
 TEST_P(Routing, MapsTheCommandToItsBusinessType) {

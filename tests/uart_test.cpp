@@ -52,6 +52,7 @@ struct Rate {
     int baud;
     speed_t speed;
 };
+void PrintTo(const Rate& rate, std::ostream* out) { *out << rate.baud << " baud"; }
 class UartRate : public UartPort, public testing::WithParamInterface<Rate> {};
 
 TEST_P(UartRate, OfTheTableIsSetInBothDirections) {
@@ -159,6 +160,9 @@ TEST_F(UartPort, RawModeClearsExactlyItsBitsAndMakesReadsReturnAtOnce) {
 struct Refused {
     int databits, stopbits, parity;
 };
+void PrintTo(const Refused& row, std::ostream* out) {
+    *out << row.databits << " data bits, " << row.stopbits << " stop bits, parity " << row.parity;
+}
 class UartRefusal : public UartPort, public testing::WithParamInterface<Refused> {};
 
 TEST_P(UartRefusal, GivesMinus1AndLeavesThePortAlone) {
