@@ -185,6 +185,7 @@ struct BadFrame {
     Bytes bytes;
     const char* violation;
 };
+void PrintTo(const BadFrame& frame, std::ostream* out) { *out << frame.name; }
 
 class BoardMcuRefuses : public testing::TestWithParam<BadFrame> {};
 

@@ -271,11 +271,13 @@ TEST_F(SelfTestRun, LinesAreCutAt63BytesAndTheTextAt511) {
 }
 
 class UnusableCard : public SelfTestFixture, public testing::WithParamInterface<SdCard> {};
-INSTANTIATE_TEST_SUITE_P(
-    Each, UnusableCard, testing::Values(SdCard::kMissing, SdCard::kFull, SdCard::kReadOnly),
-    [](const auto& info) {
-        return std::array{"present", "missing", "full", "readOnly"}[static_cast<int>(info.param)];
-    });
+std::string cardName(const testing::TestParamInfo<SdCard>& info) {
+    static constexpr const char* kNames[] = {"present", "missing", "full", "readOnly"};
+    return kNames[static_cast<size_t>(info.param)];
+}
+INSTANTIATE_TEST_SUITE_P(Each, UnusableCard,
+                         testing::Values(SdCard::kMissing, SdCard::kFull, SdCard::kReadOnly),
+                         cardName);
 
 TEST_P(UnusableCard, EndsTheRunAtItsFirstItem) {
     parseProduct();
