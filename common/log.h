@@ -9,6 +9,7 @@
 namespace quil::common {
 
 inline constexpr char kServiceTag[] = "quil_system_hidl_service";
+inline constexpr char kFirmwareUpdateTag[] = "quil_system_fw_update";
 inline constexpr char kControlManagerTag[] = "quil_system_hidl_controlManager";
 
 inline constexpr char kLogLevelProperty[] = "persist.quil.device.log.level";
