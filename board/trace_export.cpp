@@ -36,7 +36,8 @@ Levels levelsOf(const std::vector<WireByte>& wire) {
         const char line = byte.fromHost ? kTxLine : kRxLine;
         Nanos at = byte.start;
         for (const int bit : bitsOf(byte)) {
-            levels[micros(at)][line] = bit;
+            // What falls at time 0 has to be seen falling.
+            levels[std::max<int64_t>(1, micros(at))][line] = bit;
             at += byte.bit;
         }
     }

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "tests/library_test.h"
+#include "tests/program_output.h"
 
 namespace quil::tests {
 
@@ -77,6 +78,16 @@ TEST_F(BoardTrace, VcdHasMicrosecondsTimeThatNeverGoesBackAndTheBytesOnItsLine) 
         return decodeUart(line.second) == Bytes(std::begin(sent), std::end(sent));
     });
     EXPECT_TRUE(found) << vcd;
+}
+
+TEST_F(BoardTrace, VcdIsReadBackByALogicAnalysersDecoder) {
+    if (outputOf("command -v sigrok-cli").empty()) GTEST_SKIP() << "no sigrok-cli";
+    const auto path = board.directory() / "trace.vcd";
+    board.trace().writeVcd(path);
+    const std::string command = "sigrok-cli -i '" + path.string() +
+                                "' -I vcd -P uart:rx=mcu_tx:baudrate=115200:format=hex "
+                                "-A uart=rx-data";
+    EXPECT_EQ(outputOf(command), "uart-1: 55\nuart-1: A5\n");
 }
 
 TEST_F(BoardTrace, TraceEventJsonParsesAndHoldsEveryEvent) {

@@ -1,14 +1,13 @@
 // What leaves the library, read from the built file with binutils.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdio.h>
 
-#include <array>
 #include <fstream>
-#include <memory>
 #include <set>
 #include <sstream>
 #include <string>
+
+#include "tests/program_output.h"
 
 namespace quil::tests {
 
@@ -21,14 +20,6 @@ using testing::Not;
 namespace {
 
 constexpr char kLibrary[] = QUIL_LIB_DIR "/quil.hardware.quilservicemanager@1.0-impl.so";
-
-std::string outputOf(const std::string& command) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
-    std::string output;
-    std::array<char, 4096> chunk{};
-    while (pipe && fgets(chunk.data(), chunk.size(), pipe.get()) != nullptr) output += chunk.data();
-    return output;
-}
 
 // The plain C names that the library exports. Sanitizers add names of their own, which start with
 // "__".

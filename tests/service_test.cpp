@@ -179,14 +179,16 @@ TEST_F(Service, PowerModesLogThirteenFieldsOfTheConfiguration) {
     config_info->fpga_config_gpio = 6;
     config_info->fpga_done_gpio = 7;
     setLogLevel("D");
+    const std::string fields =
+        "mcu_fw_path = a, mcu_fw_version = b, fpga_fw_path = c, fpga_fw_version = d, mcu_type = 1, "
+        "mcu_sock_path = e, mcu_uart_path = f,     mcu_baud_rate = 2, mcu_witch_gpio_id = 3, "
+        "mcu_pulse_gpio_id = 4, fpga_control_gpio_id = 5, fpga_config_gpio_id = 6, "
+        "fpga_done_gpio_id = 7\n";
     EXPECT_EQ(service->lowPowerMode(), 0);
-    EXPECT_THAT(
-        board.log(ANDROID_LOG_DEBUG),
-        ElementsAre("lowPowerMode\n",
-                    "lowPowerMode: mcu_fw_path = a, mcu_fw_version = b, fpga_fw_path = c, "
-                    "fpga_fw_version = d, mcu_type = 1, mcu_sock_path = e, mcu_uart_path = f,     "
-                    "mcu_baud_rate = 2, mcu_witch_gpio_id = 3, mcu_pulse_gpio_id = 4, "
-                    "fpga_control_gpio_id = 5, fpga_config_gpio_id = 6, fpga_done_gpio_id = 7\n"));
+    EXPECT_EQ(service->normalPowerMode(), 0);
+    EXPECT_THAT(board.log(ANDROID_LOG_DEBUG),
+                ElementsAre("lowPowerMode\n", "lowPowerMode: " + fields, "normalPowerMode\n",
+                            "normalPowerMode: " + fields));
 }
 
 TEST_F(Service, PowerModesBeforeTheParseLogTheirNameOnly) {
