@@ -4,6 +4,13 @@ target_include_directories(quil_vendor_headers INTERFACE ${CMAKE_SOURCE_DIR}/pla
 
 add_library(quil_impl SHARED
   common/log.cpp
+  isp/boot_loader.cpp
+  isp/boot_loader_memory.cpp
+  isp/boot_mode.cpp
+  isp/firmware_file.cpp
+  isp/isp_tasks.cpp
+  isp/n32_upgrade.cpp
+  isp/serial_port.cpp
   mculink/frame.cpp
   mculink/request.cpp
   mculink/uart.cpp
@@ -16,7 +23,8 @@ add_library(quil_impl SHARED
   service/self_test_dispatch.cpp
   service/mcu_forwarding.cpp
   service/client_registry.cpp
-  update/config_info.cpp)
+  update/config_info.cpp
+  update/mcu_update.cpp)
 set_target_properties(quil_impl PROPERTIES
   PREFIX "" OUTPUT_NAME "quil.hardware.quilservicemanager@1.0-impl"
   CXX_STANDARD 17 CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON

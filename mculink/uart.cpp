@@ -10,8 +10,6 @@
 
 using quil::common::printFlushed;
 
-int32_t fd = -1;
-
 namespace {
 
 constexpr int kNullBuffer = -5;

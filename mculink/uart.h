@@ -6,11 +6,9 @@
 #include <stdint.h>
 
 #include "common/export.h"
+#include "common/serial_slot.h"  // which the functions here do not touch
 
 extern "C" {
-
-// A serial descriptor slot for other components, -1 at load; the functions here do not touch it.
-extern QUIL_EXPORT int32_t fd;
 
 // Opens a serial device, blocking. Returns the descriptor, or -1. When only the switch to blocking
 // mode fails, -1 is returned and the descriptor stays open.

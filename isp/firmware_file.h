@@ -1,0 +1,17 @@
+// The files of a programming session: the firmware image, and what a session reads back.
+#pragma once
+
+#include "common/export.h"
+
+extern "C" {
+
+// The size in bytes, 0 for a file that does not exist. Negative from 2 GiB on.
+QUIL_EXPORT int file_size(const char* path);
+
+// Reads `n` bytes to `buf`. Returns 0, or 15: no such file, or one shorter than `n`.
+QUIL_EXPORT int file_read(const char* path, void* buf, int n);
+
+// Writes `n` bytes. Returns 0, or 15 when the file cannot be opened.
+QUIL_EXPORT int file_write(const char* path, const void* buf, unsigned n);
+
+}  // extern "C"
