@@ -77,6 +77,9 @@ Uart& Board::mcuUart() { return *machine_->mcuUart; }
 ProductInformation& Board::productInformation() { return machine_->productInformation; }
 IniReader& Board::iniReader() { return machine_->iniReader; }
 Probes& Board::probes() { return *machine_->probes; }
+GpioLines& Board::gpio() { return machine_->gpio; }
+Shell& Board::shell() { return machine_->shell; }
+Sysfs& Board::sysfs() { return machine_->sysfs; }
 
 std::vector<LogLine> Board::logLines() const {
     Guard guard(boardLock());

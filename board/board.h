@@ -9,10 +9,13 @@
 
 #include "board/board_directory.h"
 #include "board/faults.h"
+#include "board/gpio_lines.h"
 #include "board/ini_reader.h"
 #include "board/mcu_application.h"
 #include "board/probes.h"
 #include "board/properties.h"
+#include "board/shell.h"
+#include "board/sysfs.h"
 #include "board/trace.h"
 #include "board/uart.h"
 
@@ -57,6 +60,9 @@ class Board {
     ProductInformation& productInformation();
     IniReader& iniReader();
     Probes& probes();
+    GpioLines& gpio();
+    Shell& shell();
+    Sysfs& sysfs();
 
     std::vector<std::string> log() const;
     std::vector<std::string> log(int priority) const;

@@ -12,15 +12,17 @@
 namespace quil::board {
 namespace {
 
-constexpr std::array<const char*, 17> kCallNames = {
-    "open",    "read",   "write", "close", "select", "poll",   "fcntl",  "tcgetattr", "tcsetattr",
-    "tcflush", "access", "stat",  "fopen", "remove", "system", "malloc", "probe"};
+constexpr std::array<const char*, 19> kCallNames = {
+    "open",      "read",      "write",   "close",    "select",  "poll",  "fcntl",
+    "tcgetattr", "tcsetattr", "tcflush", "access",   "stat",    "fopen", "remove",
+    "system",    "malloc",    "probe",   "gpio set", "gpio get"};
 
 std::string describe(const Fault& fault) {
     std::string text = nameOf(fault.call);
     if (fault.error != 0) text += " fails with " + std::string(strerrorname_np(fault.error));
     if (fault.shortTo) text += " stops at " + std::to_string(*fault.shortTo) + " bytes";
-    if (fault.lostSilently) text += " loses its bytes";
+    if (fault.lostSilently) text += " does nothing";
+    if (fault.exitCode) text += " exits with " + std::to_string(*fault.exitCode);
     return text;
 }
 

@@ -26,7 +26,9 @@ enum class Call {
     kRemove,
     kSystem,
     kMalloc,
-    kProbe  // path: the part's name; the probe answers -error
+    kProbe,    // path: the part's name; the probe answers -error
+    kGpioSet,  // path: the line's name
+    kGpioGet
 };
 
 struct Fault {
@@ -36,7 +38,8 @@ struct Fault {
     std::optional<size_t> shortTo = {};  // read and write: at most so many bytes
     int after = 0;                       // calls let through first
     int times = 1;                       // -1: for ever
-    bool lostSilently = false;           // write: reported as written, never sent
+    bool lostSilently = false;           // write, GPIO, system: reported as done, not done
+    std::optional<int> exitCode = {};    // system: the command does nothing and exits so
 };
 
 class Faults {

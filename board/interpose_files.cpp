@@ -13,6 +13,9 @@ using namespace quil::board;
 
 namespace {
 
+// Stands for a driver's attribute where only its being there is asked for.
+constexpr char kSomeFile[] = "/dev/null";
+
 using OpenCall = int (*)(const char*, int, ...);
 
 int failWith(int error) {
@@ -25,7 +28,17 @@ int openUart(Machine& machine, Uart& uart, int flags) {
     const int fd = real().open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
     if (fd < 0) return fd;
     uart.opened();
-    machine.files[fd] = {uart.path(), &uart, flags};
+    machine.files[fd] = {uart.path(), &uart, flags, nullptr};
+    return fd;
+}
+
+int openSysfs(Machine& machine, const char* path, int flags) {
+    const int access = flags & O_ACCMODE;
+    if (const int error = machine.sysfs.refusal(path, access != O_WRONLY, access != O_RDONLY)) {
+        return failWith(error);
+    }
+    const int fd = real().open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
+    if (fd >= 0) machine.files[fd] = {path, nullptr, flags, machine.sysfs.open(path)};
     return fd;
 }
 
@@ -47,9 +60,11 @@ int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::st
     int fd = -1;
     if (Uart* uart = machine.uartAt(path)) {
         fd = openUart(machine, *uart, flags);
+    } else if (machine.sysfs.exists(path)) {
+        fd = openSysfs(machine, path, flags);
     } else {
         fd = call(hostPath.c_str(), flags, mode);
-        if (fd >= 0) machine.files[fd] = {path, nullptr, flags};
+        if (fd >= 0) machine.files[fd] = {path, nullptr, flags, nullptr};
     }
     const int error = errno;
     machine.trace.add(EventKind::kOpen, path, fd < 0 ? strerrorname_np(error) : "");
@@ -92,6 +107,7 @@ ssize_t readOnBoard(Machine& machine, OpenFile file, int fd, void* data, size_t 
         if (fault->error != 0) return failWith(fault->error);
         if (fault->shortTo) count = std::min(count, *fault->shortTo);
     }
+    if (file.sysfs) return resultOf(file.sysfs->read(static_cast<char*>(data), count));
     if (file.uart == nullptr) return real().read(fd, data, count);
     const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
     return resultOf(file.uart->hostRead(static_cast<uint8_t*>(data), count, nonBlocking));
@@ -103,6 +119,7 @@ ssize_t writeOnBoard(Machine& machine, OpenFile file, int fd, const void* data, 
         if (fault->lostSilently) return static_cast<ssize_t>(count);
         if (fault->shortTo) count = std::min(count, *fault->shortTo);
     }
+    if (file.sysfs) return resultOf(file.sysfs->write(static_cast<const char*>(data), count));
     if (file.uart == nullptr) return real().write(fd, data, count);
     const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
     return resultOf(file.uart->hostWrite(static_cast<const uint8_t*>(data), count, nonBlocking));
@@ -140,6 +157,14 @@ int fcntlAnywhere(int fd, int command, void* argument) {
     return fcntlOnBoard(*machine, *file, fd, command, argument);
 }
 
+FILE* fopenSysfs(Machine& machine, const char* path, const char* mode) {
+    const bool both = strchr(mode, '+') != nullptr, reads = mode[0] == 'r';
+    const int error = machine.sysfs.refusal(path, reads || both, !reads || both);
+    if (error == 0) return Sysfs::openStream(machine.sysfs.open(path), mode);
+    errno = error;
+    return nullptr;
+}
+
 FILE* fopenAnywhere(FILE* (*call)(const char*, const char*), const char* path, const char* mode) {
     Machine* machine = machineForCall();
     const auto host = machine ? machine->onHost(path) : std::nullopt;
@@ -154,6 +179,7 @@ FILE* fopenAnywhere(FILE* (*call)(const char*, const char*), const char* path, c
         return nullptr;
     }
     machine->trace.add(EventKind::kOpen, path, mode);
+    if (machine->sysfs.exists(path)) return fopenSysfs(*machine, path, mode);
     return call(host->c_str(), mode);
 }
 
@@ -169,6 +195,9 @@ int withHostPath(Call call, const char* path, Function function) {
     const auto use = call == Call::kRemove ? Probes::Use::kWrite : Probes::Use::kRead;
     if (const int error = machine->probes->refusal(path, use)) return failWith(error);
     if (machine->uartAt(path) != nullptr) return function("/dev/null");
+    if (machine->sysfs.exists(path)) {
+        return call == Call::kRemove ? failWith(EPERM) : function(kSomeFile);
+    }
     return function(host->c_str());
 }
 
@@ -230,6 +259,35 @@ QUIL_EXPORT ssize_t write(int fd, const void* data, size_t count) {
     return result;
 }
 
+// On a board's file each part is a write of its own; what the last one did not take ends the call.
+QUIL_EXPORT ssize_t writev(int fd, const iovec* parts, int count) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().writev(fd, parts, count);
+    Guard guard(boardLock());
+    const OpenFile* file = machine->openFile(fd);
+    if (file == nullptr) return real().writev(fd, parts, count);
+    ssize_t total = 0;
+    for (const iovec* part = parts; part != parts + count; ++part) {
+        const ssize_t done = writeOnBoard(*machine, *file, fd, part->iov_base, part->iov_len);
+        if (done < 0) return total > 0 ? total : done;
+        total += done;
+        if (done < static_cast<ssize_t>(part->iov_len)) break;
+    }
+    return total;
+}
+
+QUIL_EXPORT int dup(int fd) noexcept {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().dup(fd);
+    Guard guard(boardLock());
+    const int copy = real().dup(fd);
+    const OpenFile* file = machine->openFile(fd);
+    if (copy < 0 || file == nullptr) return copy;
+    machine->files[copy] = *file;
+    if (file->uart != nullptr) file->uart->opened();
+    return copy;
+}
+
 QUIL_EXPORT int close(int fd) {
     Machine* machine = machineForCall();
     if (machine == nullptr) return real().close(fd);
@@ -268,6 +326,11 @@ QUIL_EXPORT int stat(const char* path, struct stat* info) noexcept {
                         [info](const char* at) { return real().stat(at, info); });
 }
 
+QUIL_EXPORT int stat64(const char* path, struct stat64* info) noexcept {
+    return withHostPath(Call::kStat, path,
+                        [info](const char* at) { return real().stat64(at, info); });
+}
+
 QUIL_EXPORT int remove(const char* path) noexcept {
     return withHostPath(Call::kRemove, path, [](const char* at) { return real().remove(at); });
 }
@@ -280,15 +343,10 @@ QUIL_EXPORT FILE* fopen64(const char* path, const char* mode) {
     return fopenAnywhere(real().fopen64, path, mode);
 }
 
-// The board's shell has none of the board's tools yet, and answers as a shell does then.
 QUIL_EXPORT int system(const char* command) {
     Machine* machine = machineForCall();
     if (machine == nullptr || command == nullptr) return real().system(command);
-    Guard guard(boardLock());
-    const auto fault = machine->faults.take(Call::kSystem, command);
-    machine->trace.add(EventKind::kShell, "sh", command);
-    constexpr int kCommandNotFound = 127 << 8;
-    return fault ? failWith(fault->error) : kCommandNotFound;
+    return machine->shell.run(command);
 }
 
 }  // extern "C"

@@ -86,4 +86,23 @@ QUIL_EXPORT int clock_gettime(clockid_t clock, timespec* time) noexcept {
                       : static_cast<int>(syscall(SYS_clock_gettime, clock, time));
 }
 
+QUIL_EXPORT int gettimeofday(timeval* time, void* zone) noexcept {
+    const Machine* machine = poweredMachine();
+    if (machine == nullptr || BoardLock::mine() || !resolved() || !machine->scheduler.attached()) {
+        return real().gettimeofday(time, zone);
+    }
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    time->tv_sec = now.tv_sec;
+    time->tv_usec = now.tv_nsec / 1000;
+    return 0;
+}
+
+QUIL_EXPORT time_t time(time_t* result) noexcept {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    if (result != nullptr) *result = now.tv_sec;
+    return now.tv_sec;
+}
+
 }  // extern "C"

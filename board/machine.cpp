@@ -51,6 +51,8 @@ Machine::Machine(std::filesystem::path dir, BoardOptions opts)
       properties(directory / "properties"),
       productInformation(directory / "product_information") {
     const Wiring wiring = wiringOf(hostPath("/vendor/etc/product.ini"));
+    gpio.add(kGpioBoot0, 0);
+    gpio.add(kGpioNrst, 1);
     mcuUart = std::make_unique<Uart>(wiring.uart);
     mcu = std::make_unique<McuApplication>(directory / "mcu", *mcuUart, wiring.baud);
     probes = std::make_unique<Probes>(directory / "parts", wiring.codecs);

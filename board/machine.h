@@ -22,6 +22,7 @@ struct OpenFile {
     std::string path;  // as the board knows it
     Uart* uart = nullptr;
     int flags = 0;
+    std::shared_ptr<SysfsHandle> sysfs = nullptr;
 };
 
 Scheduler& theScheduler();
@@ -47,6 +48,9 @@ class Machine {
     Properties properties;
     ProductInformation productInformation;
     IniReader iniReader;
+    Sysfs sysfs;
+    GpioLines gpio{sysfs};
+    Shell shell{*this};
     std::map<int, OpenFile> files;
     std::vector<LogLine> log;
     std::vector<std::string> violations;

@@ -7,6 +7,8 @@
 #include <stdio.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/time.h>
+#include <sys/uio.h>
 #include <termios.h>
 #include <time.h>
 #include <unistd.h>
@@ -19,6 +21,8 @@ namespace quil::board {
     CALL(int, open64, (const char*, int, ...)) \
     CALL(ssize_t, read, (int, void*, size_t)) \
     CALL(ssize_t, write, (int, const void*, size_t)) \
+    CALL(ssize_t, writev, (int, const iovec*, int)) \
+    CALL(int, dup, (int)) \
     CALL(int, close, (int)) \
     CALL(int, select, (int, fd_set*, fd_set*, fd_set*, timeval*)) \
     CALL(int, poll, (pollfd*, nfds_t, int)) \
@@ -29,6 +33,7 @@ namespace quil::board {
     CALL(int, tcflush, (int, int)) \
     CALL(int, access, (const char*, int)) \
     CALL(int, stat, (const char*, struct stat*)) \
+    CALL(int, stat64, (const char*, struct stat64*)) \
     CALL(FILE*, fopen, (const char*, const char*)) \
     CALL(FILE*, fopen64, (const char*, const char*)) \
     CALL(int, remove, (const char*)) \
@@ -37,6 +42,7 @@ namespace quil::board {
     CALL(unsigned, sleep, (unsigned)) \
     CALL(int, nanosleep, (const timespec*, timespec*)) \
     CALL(int, clock_nanosleep, (clockid_t, int, const timespec*, timespec*)) \
+    CALL(int, gettimeofday, (timeval*, void*)) \
     CALL(int, clock_gettime, (clockid_t, timespec*)) \
     CALL(int, pthread_mutex_lock, (pthread_mutex_t*)) \
     CALL(int, pthread_mutex_trylock, (pthread_mutex_t*)) \

@@ -1,0 +1,162 @@
+// What system() finds on the board: a shell with the programs that the devices brought along.
+#include <errno.h>
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <sys/wait.h>
+
+#include <fstream>
+
+#include "board/board.h"
+
+namespace {
+
+using namespace quil::board;
+using std::chrono::milliseconds;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using Words = std::vector<std::string>;
+
+std::string content(const Board& board, const char* path) {
+    return readWholeFile(board.hostPath(path)).value_or("(no such file)");
+}
+
+class BoardShell : public testing::Test {
+  protected:
+    // Installs a program that remembers what it was called with.
+    void install(const std::string& name, const ProgramResult& result = {}) {
+        board.shell().add(name, [this, result](const Words& argv) {
+            calls.push_back(argv);
+            return result;
+        });
+    }
+
+    // Standard error of a line, its status in `status`.
+    std::string errorsOf(const char* line) {
+        testing::internal::CaptureStderr();
+        status = system(line);
+        return testing::internal::GetCapturedStderr();
+    }
+
+    Board board;
+    std::vector<Words> calls;
+    int status = -1;
+};
+
+TEST_F(BoardShell, EchoIntoAFileWritesItsWordsAndALineEnd) {
+    EXPECT_EQ(system("echo one  'two  three' \"fo\\\"ur\" > /vendor/etc/note"), 0);
+    EXPECT_EQ(content(board, "/vendor/etc/note"), "one two  three fo\"ur\n");
+    EXPECT_EQ(system("echo -n 5>>/vendor/etc/note"), 0);
+    EXPECT_EQ(content(board, "/vendor/etc/note"), "one two  three fo\"ur\n5");
+    EXPECT_EQ(system("> /vendor/etc/note"), 0);
+    EXPECT_EQ(content(board, "/vendor/etc/note"), "");
+}
+
+TEST_F(BoardShell, EveryLineIsAnEvent) {
+    system("true");
+    system("echo 1 > /vendor/etc/note; false");
+    const auto events = board.trace().events(EventKind::kShell);
+    ASSERT_EQ(events.size(), 2U);
+    EXPECT_EQ(events[0].text, "true");
+    EXPECT_EQ(events[1].text, "echo 1 > /vendor/etc/note; false");
+}
+
+TEST_F(BoardShell, AProgramGetsItsWordsAndItsExitCodeComesBackShiftedByEight) {
+    install("mtd_debug", {3});
+    status = system("mtd_debug erase /dev/mtd0 0 0xD00000");
+    EXPECT_EQ(status, 3 << 8);
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_THAT(calls, ElementsAre(Words{"mtd_debug", "erase", "/dev/mtd0", "0", "0xD00000"}));
+}
+
+TEST_F(BoardShell, AnUnknownProgramEndsWith127AndTheShellsWords) {
+    EXPECT_EQ(errorsOf("frobnicate --all"), "sh: frobnicate: inaccessible or not found\n");
+    EXPECT_EQ(status, 127 << 8);
+}
+
+TEST_F(BoardShell, OperatorsRunWhatTheStatusBeforeThemAllows) {
+    install("a");
+    install("b", {1});
+    install("c");
+    EXPECT_EQ(system("a && b && c"), 1 << 8);
+    EXPECT_THAT(calls, ElementsAre(Words{"a"}, Words{"b"}));
+    calls.clear();
+    EXPECT_EQ(system("b || c; b;"), 1 << 8);
+    EXPECT_THAT(calls, ElementsAre(Words{"b"}, Words{"c"}, Words{"b"}));
+    calls.clear();
+    EXPECT_EQ(system("a || c # b"), 0);
+    EXPECT_THAT(calls, ElementsAre(Words{"a"}));
+}
+
+TEST_F(BoardShell, SleepTakesBoardTimeAlone) {
+    EXPECT_EQ(system("sleep 1.5 && true"), 0);
+    EXPECT_EQ(board.now(), milliseconds(1500));
+}
+
+TEST_F(BoardShell, OutputGoesToTheProgramsOwnUnlessItIsLedAway) {
+    install("both", {0, "out\n", "err\n"});
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(errorsOf("both"), "err\n");
+    EXPECT_EQ(errorsOf("both 2>/dev/null"), "");
+    EXPECT_EQ(errorsOf("both > /vendor/etc/o 2>&1"), "");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "out\nout\n");
+    EXPECT_EQ(content(board, "/vendor/etc/o"), "out\nerr\n");
+}
+
+TEST_F(BoardShell, AFileThatCannotBeCreatedKeepsTheProgramFromRunning) {
+    install("a");
+    EXPECT_EQ(errorsOf("a > /vendor/none/such"),
+              "sh: can't create /vendor/none/such: No such file or directory\n");
+    EXPECT_EQ(status, 1 << 8);
+    EXPECT_THAT(calls, IsEmpty());
+}
+
+TEST_F(BoardShell, CatShowsFilesAndSaysWhatIsMissing) {
+    board.writeFile("/vendor/etc/a", "first\n");
+    testing::internal::CaptureStdout();
+    EXPECT_EQ(errorsOf("cat /vendor/etc/a /vendor/etc/b"),
+              "cat: /vendor/etc/b: No such file or directory\n");
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "first\n");
+    EXPECT_EQ(status, 1 << 8);
+}
+
+TEST_F(BoardShell, FaultsFailTheCallOrTheCommandOrLoseIt) {
+    install("a");
+    board.faults().add({.call = Call::kSystem, .path = "a 1", .error = ENOMEM});
+    board.faults().add({.call = Call::kSystem, .path = "a 2", .exitCode = 5});
+    board.faults().add({.call = Call::kSystem, .path = "a 3", .lostSilently = true});
+    EXPECT_EQ(system("a 1"), -1);
+    EXPECT_EQ(errno, ENOMEM);
+    EXPECT_EQ(system("a 2"), 5 << 8);
+    EXPECT_EQ(system("a 3"), 0);
+    EXPECT_THAT(calls, IsEmpty());
+    EXPECT_EQ(system("a 1"), 0);
+    EXPECT_THAT(calls, ElementsAre(Words{"a", "1"}));
+}
+
+struct Unknown {
+    const char* name;
+    const char* line;
+};
+void PrintTo(const Unknown& unknown, std::ostream* out) { *out << unknown.name; }
+
+class BoardShellRefuses : public BoardShell, public testing::WithParamInterface<Unknown> {};
+
+TEST_P(BoardShellRefuses, WhatItDoesNotKnow) {
+    install("a");
+    EXPECT_THAT(errorsOf(GetParam().line), testing::StartsWith("sh: syntax error: "));
+    EXPECT_EQ(status, 1 << 8);
+    EXPECT_EQ(board.violations().size(), 1U);
+    EXPECT_THAT(calls, IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(Lines, BoardShellRefuses,
+                         testing::Values(Unknown{"pipe", "a | a"}, Unknown{"background", "a &"},
+                                         Unknown{"variable", "a $HOME"}, Unknown{"glob", "a *"},
+                                         Unknown{"openQuote", "a 'b"}, Unknown{"noTarget", "a >"},
+                                         Unknown{"emptyList", "; a"}, Unknown{"endlessAnd", "a &&"},
+                                         Unknown{"substitution", "a \"`b`\""}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace
