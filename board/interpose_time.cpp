@@ -1,5 +1,6 @@
 // Sleeping and telling the time.
 #include <errno.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -68,6 +69,19 @@ QUIL_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* time
         duration = std::max(Nanos(0), duration - nanosOf(now));
     }
     return sleepOnBoard(duration) ? 0 : real().clock_nanosleep(clock, flags, time, left);
+}
+
+// A thread that looks again and again would stop board time, which goes on only while all wait: each
+// time that it yields, time goes on to the next whole millisecond.
+QUIL_EXPORT int sched_yield() noexcept {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().sched_yield();
+    Guard guard(boardLock());
+    Scheduler& scheduler = machine->scheduler;
+    if (!scheduler.attached()) return real().sched_yield();
+    constexpr Nanos kStep = std::chrono::milliseconds(1);
+    scheduler.sleepUntil(scheduler.now() - scheduler.now() % kStep + kStep, "its next look");
+    return 0;
 }
 
 // Takes no lock and, before everything is resolved, no other call: the address sanitizer asks for

@@ -44,6 +44,7 @@ namespace quil::board {
     CALL(int, clock_nanosleep, (clockid_t, int, const timespec*, timespec*)) \
     CALL(int, gettimeofday, (timeval*, void*)) \
     CALL(int, clock_gettime, (clockid_t, timespec*)) \
+    CALL(int, sched_yield, ()) \
     CALL(int, pthread_mutex_lock, (pthread_mutex_t*)) \
     CALL(int, pthread_mutex_trylock, (pthread_mutex_t*)) \
     CALL(int, pthread_mutex_unlock, (pthread_mutex_t*)) \

@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
@@ -35,6 +36,17 @@ TEST(BoardTime, SleepsTakeBoardTimeAndHardlyAnyRealTime) {
     usleep(1500);
     EXPECT_EQ(board.now(), seconds(60) + std::chrono::microseconds(1500));
     EXPECT_LT(realNow() - start, seconds(1));
+}
+
+TEST(BoardTime, AYieldTakesTimeToTheNextWholeMillisecondSoThatALoopOfLooksComesToItsEnd) {
+    Board board;
+    usleep(300);
+    std::thread other([] { usleep(500); });
+    sched_yield();
+    EXPECT_EQ(board.now(), milliseconds(1));
+    sched_yield();
+    EXPECT_EQ(board.now(), milliseconds(2));
+    other.join();
 }
 
 TEST(BoardTime, TheWallClockStartsAtTheSameInstantOnEveryBoard) {
