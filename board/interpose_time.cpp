@@ -71,8 +71,8 @@ QUIL_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* time
     return sleepOnBoard(duration) ? 0 : real().clock_nanosleep(clock, flags, time, left);
 }
 
-// A thread that looks again and again would stop board time, which goes on only while all wait: each
-// time that it yields, time goes on to the next whole millisecond.
+// A thread that looks again and again would stop board time, which goes on only while all wait:
+// each time that it yields, time goes on to the next whole millisecond.
 QUIL_EXPORT int sched_yield() noexcept {
     Machine* machine = machineForCall();
     if (machine == nullptr) return real().sched_yield();
