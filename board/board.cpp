@@ -80,6 +80,15 @@ Probes& Board::probes() { return *machine_->probes; }
 GpioLines& Board::gpio() { return machine_->gpio; }
 Shell& Board::shell() { return machine_->shell; }
 Sysfs& Board::sysfs() { return machine_->sysfs; }
+Fpga& Board::fpga() { return *machine_->fpga; }
+SerialFlash& Board::flash() { return *machine_->flash; }
+Phy& Board::phy() { return *machine_->phy; }
+Network& Board::network() { return *machine_->network; }
+
+Nanos Board::deviceTime() const {
+    Guard guard(boardLock());
+    return machine_->deviceTime;
+}
 
 std::vector<LogLine> Board::logLines() const {
     Guard guard(boardLock());

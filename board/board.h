@@ -9,11 +9,15 @@
 
 #include "board/board_directory.h"
 #include "board/faults.h"
+#include "board/fpga.h"
 #include "board/gpio_lines.h"
 #include "board/ini_reader.h"
 #include "board/mcu_application.h"
+#include "board/network.h"
+#include "board/phy.h"
 #include "board/probes.h"
 #include "board/properties.h"
+#include "board/serial_flash.h"
 #include "board/shell.h"
 #include "board/sysfs.h"
 #include "board/trace.h"
@@ -49,8 +53,9 @@ class Board {
     std::filesystem::path hostPath(std::string_view boardPath) const;
     void writeFile(std::string_view boardPath, std::string_view content);
 
-    Nanos now() const;   // since power-on
-    void runFor(Nanos);  // the calling thread waits in board time
+    Nanos now() const;         // since power-on
+    void runFor(Nanos);        // the calling thread waits in board time
+    Nanos deviceTime() const;  // since power-on: what the program has waited for the FPGA's devices
 
     Trace& trace();
     Properties& properties();
@@ -63,6 +68,10 @@ class Board {
     GpioLines& gpio();
     Shell& shell();
     Sysfs& sysfs();
+    Fpga& fpga();
+    SerialFlash& flash();
+    Phy& phy();
+    Network& network();
 
     std::vector<std::string> log() const;
     std::vector<std::string> log(int priority) const;

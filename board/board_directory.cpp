@@ -5,6 +5,9 @@
 #include <iterator>
 #include <stdexcept>
 
+#include "board/fpga_image.h"
+#include "board/screen_partition.h"
+
 namespace quil::board {
 namespace {
 
@@ -16,18 +19,19 @@ struct ProductRow {
     int baud;
     const char* mcuVersion;
     const char* fpgaVersion;
+    const char* fpgaFormer;  // the version in the flash
     int wdtSwitch, wdtPulse, wdtStartup;
     int fpgaControl, fpgaConfig, fpgaDone;
     const char* selfTestItems;
     int audioCodecs;
 };
 constexpr std::array<ProductRow, 3> kProducts = {{
-    {Product::kHeron, "Heron", "101", "/dev/ttyS3", 115200, "V1.0.0", "V2.1.0", 431, 432, 1, 441,
-     442, 443, "1-2-3-5", 1},
-    {Product::kKestrel, "Kestrel", "102", "/dev/ttyS1", 115200, "V1.2.0", "V3.0.2", 451, 452, 1,
+    {Product::kHeron, "Heron", "101", "/dev/ttyS3", 115200, "V1.0.0", "V2.1.0", "V2.0.7", 431, 432,
+     1, 441, 442, 443, "1-2-3-5", 1},
+    {Product::kKestrel, "Kestrel", "102", "/dev/ttyS1", 115200, "V1.2.0", "V3.0.2", "", 451, 452, 1,
      461, 462, 463, "1-3-4-5", 2},
-    {Product::kWrenT507, "Wren_t507", "103", "/dev/ttyS2", 1000000, "V2.0.1", "V1.4.0", 131, 132, 2,
-     141, 142, 143, "1-2-4", 1},
+    {Product::kWrenT507, "Wren_t507", "103", "/dev/ttyS2", 1000000, "V2.0.1", "V1.4.0", "V1.3.2",
+     131, 132, 2, 141, 142, 143, "1-2-4", 1},
 }};
 
 const ProductRow& rowOf(Product product) { return kProducts.at(static_cast<size_t>(product)); }
@@ -86,9 +90,13 @@ constexpr const char kReadme[] =
     "rootfs/                 the board's file system: /vendor/etc/product.ini stands in\n"
     "                        rootfs/vendor/etc/product.ini, and so on\n"
     "rootfs/vendor/firmware/ firmware images (placeholders)\n"
+    "rootfs/dev/block/by-name/screen  the partition of screen parameters\n"
     "rootfs/sdcard/          the SD card\n"
     "mcu/version             the version text that the MCU answers to command 0x00000001\n"
     "mcu/values              what the MCU keeps: one \"command = bytes\" a line, in hex\n"
+    "mtd0                    the serial flash with the FPGA's configuration; behind the file's "
+    "end\n"
+    "                        it is erased\n"
     "parts                   what is wrong with parts: one \"rtc = faulty\" a line; rtc, es8316,\n"
     "                        es8316.0, wifi-ap, wifi-sta, idt6965: healthy, faulty or absent;\n"
     "                        sdcard: present, missing, full or read-only\n"
@@ -106,13 +114,37 @@ std::optional<Product> productByName(std::string_view name) {
 
 std::string_view nameOf(Product product) { return rowOf(product).name; }
 
+namespace {
+
+constexpr size_t kFpgaImageSize = 65536;
+
+// The flash holds an image that is older than the one in the file system; a Kestrel's FPGA is
+// loaded by the platform at each start.
+void writeFpgaSide(const std::filesystem::path& dir, const ProductRow& row) {
+    const auto root = dir / "rootfs";
+    const std::string image = "fpga_" + std::string(row.name) + ".bin";
+    writeWholeFile(root / "vendor/firmware" / image,
+                   makeFpgaImage(row.fpgaVersion, kFpgaImageSize));
+    writeWholeFile(root / "vendor/bin/mtd_debug", "the board's shell does its work\n");
+    writeWholeFile(root / "vendor_dlkm/lib/modules/dwmac-meson8b.ko", "a kernel module\n");
+    const auto blocks = root / "dev/block/by-name";
+    writeWholeFile(blocks / "screen", makeScreenPartition(factoryScreen()));
+    writeWholeFile(blocks / "hexparam", std::string(64, '\xA5'));
+    const bool bootsFromFlash = row.product != Product::kKestrel;
+    writeWholeFile(dir / "mtd0",
+                   bootsFromFlash ? makeFpgaImage(row.fpgaFormer, kFpgaImageSize) : "");
+}
+
+}  // namespace
+
 void createBoardDirectory(const std::filesystem::path& dir, Product product) {
     namespace fs = std::filesystem;
     const ProductRow& row = rowOf(product);
     const std::string name = row.name;
     std::error_code error;
     for (const char* part :
-         {"rootfs/vendor/etc", "rootfs/vendor/firmware", "rootfs/sdcard", "mcu"}) {
+         {"rootfs/vendor/etc", "rootfs/vendor/firmware", "rootfs/vendor/bin", "rootfs/sdcard",
+          "rootfs/vendor_dlkm/lib/modules", "rootfs/dev/block/by-name", "mcu"}) {
         if (fs::exists(dir / part, error)) {
             throw std::runtime_error(dir.string() + ": holds a board already");
         }
@@ -123,8 +155,7 @@ void createBoardDirectory(const std::filesystem::path& dir, Product product) {
     writeWholeFile(dir / "rootfs/vendor/etc/product.ini", productFile(row));
     writeWholeFile(dir / "rootfs/vendor/firmware" / ("mcu_" + name + ".bin"),
                    placeholderImage(8192));
-    writeWholeFile(dir / "rootfs/vendor/firmware" / ("fpga_" + name + ".bin"),
-                   placeholderImage(65536));
+    writeFpgaSide(dir, row);
     writeWholeFile(dir / "mcu/version", std::string(row.mcuVersion) + "\n");
     writeWholeFile(dir / "mcu/values", "");
     writeWholeFile(dir / "properties", "");

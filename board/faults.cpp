@@ -12,10 +12,11 @@
 namespace quil::board {
 namespace {
 
-constexpr std::array<const char*, 19> kCallNames = {
-    "open",      "read",      "write",   "close",    "select",  "poll",  "fcntl",
-    "tcgetattr", "tcsetattr", "tcflush", "access",   "stat",    "fopen", "remove",
-    "system",    "malloc",    "probe",   "gpio set", "gpio get"};
+constexpr std::array<const char*, 22> kCallNames = {
+    "open",     "read",        "write",         "close",   "select", "poll",
+    "fcntl",    "tcgetattr",   "tcsetattr",     "tcflush", "access", "stat",
+    "fopen",    "remove",      "system",        "malloc",  "probe",  "gpio set",
+    "gpio get", "flash erase", "flash program", "vendor"};
 
 std::string describe(const Fault& fault) {
     std::string text = nameOf(fault.call);

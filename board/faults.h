@@ -28,7 +28,10 @@ enum class Call {
     kMalloc,
     kProbe,    // path: the part's name; the probe answers -error
     kGpioSet,  // path: the line's name
-    kGpioGet
+    kGpioGet,
+    kFlashErase,    // path: "/dev/mtd0"; once for each sector
+    kFlashProgram,  // the same; once for each page
+    kVendor         // path: the closed library's function, which answers -error
 };
 
 struct Fault {

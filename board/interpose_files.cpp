@@ -23,12 +23,22 @@ int failWith(int error) {
     return -1;
 }
 
+bool isFpga(std::string_view path) { return path == kFpgaDevice; }
+
 int openUart(Machine& machine, Uart& uart, int flags) {
     if (!uart.plugged()) return failWith(ENXIO);
     const int fd = real().open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
     if (fd < 0) return fd;
     uart.opened();
     machine.files[fd] = {uart.path(), &uart, flags, nullptr};
+    return fd;
+}
+
+int openFpga(Machine& machine, int flags) {
+    const int fd = real().open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
+    if (fd < 0) return fd;
+    machine.fpga->checkOpenMode(flags);
+    machine.files[fd] = {kFpgaDevice, nullptr, flags, nullptr, machine.fpga.get()};
     return fd;
 }
 
@@ -62,6 +72,8 @@ int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::st
         fd = openUart(machine, *uart, flags);
     } else if (machine.sysfs.exists(path)) {
         fd = openSysfs(machine, path, flags);
+    } else if (isFpga(path)) {
+        fd = openFpga(machine, flags);
     } else {
         fd = call(hostPath.c_str(), flags, mode);
         if (fd >= 0) machine.files[fd] = {path, nullptr, flags, nullptr};
@@ -102,24 +114,37 @@ ssize_t resultOf(ssize_t result) {
     return -1;
 }
 
+// A read that comes up short has gone over the wire as a whole.
+ssize_t readFpga(Fpga& fpga, void* data, size_t whole, size_t count) {
+    const ssize_t done = fpga.spiRead({static_cast<uint8_t*>(data), whole});
+    return resultOf(std::min(done, static_cast<ssize_t>(count)));
+}
+
 ssize_t readOnBoard(Machine& machine, OpenFile file, int fd, void* data, size_t count) {
+    const size_t whole = count;
     if (const auto fault = machine.faults.take(Call::kRead, file.path)) {
         if (fault->error != 0) return failWith(fault->error);
         if (fault->shortTo) count = std::min(count, *fault->shortTo);
     }
     if (file.sysfs) return resultOf(file.sysfs->read(static_cast<char*>(data), count));
+    if (file.fpga != nullptr) return readFpga(*file.fpga, data, whole, count);
     if (file.uart == nullptr) return real().read(fd, data, count);
     const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
     return resultOf(file.uart->hostRead(static_cast<uint8_t*>(data), count, nonBlocking));
 }
 
 ssize_t writeOnBoard(Machine& machine, OpenFile file, int fd, const void* data, size_t count) {
+    const size_t whole = count;
     if (const auto fault = machine.faults.take(Call::kWrite, file.path)) {
         if (fault->error != 0) return failWith(fault->error);
         if (fault->lostSilently) return static_cast<ssize_t>(count);
         if (fault->shortTo) count = std::min(count, *fault->shortTo);
     }
     if (file.sysfs) return resultOf(file.sysfs->write(static_cast<const char*>(data), count));
+    if (file.fpga != nullptr) {
+        return resultOf(
+            file.fpga->spiWrite({static_cast<const uint8_t*>(data), count}, count < whole));
+    }
     if (file.uart == nullptr) return real().write(fd, data, count);
     const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
     return resultOf(file.uart->hostWrite(static_cast<const uint8_t*>(data), count, nonBlocking));
@@ -194,7 +219,7 @@ int withHostPath(Call call, const char* path, Function function) {
     if (const auto fault = machine->faults.take(call, path)) return failWith(fault->error);
     const auto use = call == Call::kRemove ? Probes::Use::kWrite : Probes::Use::kRead;
     if (const int error = machine->probes->refusal(path, use)) return failWith(error);
-    if (machine->uartAt(path) != nullptr) return function("/dev/null");
+    if (machine->uartAt(path) != nullptr || isFpga(path)) return function(kSomeFile);
     if (machine->sysfs.exists(path)) {
         return call == Call::kRemove ? failWith(EPERM) : function(kSomeFile);
     }

@@ -2,11 +2,14 @@
 
 #include <array>
 
+#include "board/mtd_debug.h"
+
 namespace quil::board {
 namespace {
 
-constexpr std::array<std::string_view, 8> kBoardPaths = {"/vendor/",
+constexpr std::array<std::string_view, 9> kBoardPaths = {"/vendor/",
                                                          "/dev/ttyS",
+                                                         "/vendor_dlkm/",
                                                          "/dev/fpga_spi",
                                                          "/dev/block/by-name/",
                                                          "/dev/mtd",
@@ -14,11 +17,23 @@ constexpr std::array<std::string_view, 8> kBoardPaths = {"/vendor/",
                                                          "/sys/class/ethernet/",
                                                          "/sdcard/"};
 
+}  // namespace
+
 struct Wiring {
     std::string uart = "/dev/ttyS3";
     int baud = 115200;
     int codecs = 0;
+    int fpgaControl = 441, fpgaConfig = 442, fpgaDone = 443;
+    bool fpgaBootsFromFlash = true;
 };
+
+namespace {
+
+// A line that the product file names, or the board's own number for it.
+void takeLine(const IniReader& reader, int handle, const char* key, int& line) {
+    const int number = reader.integer(handle, "fpga", key);
+    if (number > 0) line = number;
+}
 
 // The wiring follows the product file that stands in the board's file system at power-on.
 Wiring wiringOf(const std::filesystem::path& productFile) {
@@ -31,6 +46,11 @@ Wiring wiringOf(const std::filesystem::path& productFile) {
     const int baud = reader.integer(handle, "mcu", "mcu_baud_rate");
     if (baud > 0) wiring.baud = baud;
     wiring.codecs = reader.integer(handle, "self_test", "audio_num");
+    takeLine(reader, handle, "fpga_control_gpio", wiring.fpgaControl);
+    takeLine(reader, handle, "fpga_config_gpio", wiring.fpgaConfig);
+    takeLine(reader, handle, "fpga_done_gpio", wiring.fpgaDone);
+    const auto* product = reader.find(handle, "product", "product");
+    wiring.fpgaBootsFromFlash = product == nullptr || *product != nameOf(Product::kKestrel);
     return wiring;
 }
 
@@ -56,6 +76,22 @@ Machine::Machine(std::filesystem::path dir, BoardOptions opts)
     mcuUart = std::make_unique<Uart>(wiring.uart);
     mcu = std::make_unique<McuApplication>(directory / "mcu", *mcuUart, wiring.baud);
     probes = std::make_unique<Probes>(directory / "parts", wiring.codecs);
+    wireFpga(wiring);
+}
+
+void Machine::wireFpga(const Wiring& wiring) {
+    const Fpga::Lines lines = {gpio.add(wiring.fpgaControl, 1), gpio.add(wiring.fpgaConfig, 1),
+                               gpio.add(wiring.fpgaDone, 0)};
+    flash = std::make_unique<SerialFlash>(directory / "mtd0");
+    fpga = std::make_unique<Fpga>(lines, *flash, wiring.fpgaBootsFromFlash);
+    phy = std::make_unique<Phy>(gpio.add(kPhyResetLine, 1), sysfs);
+    phy->onReset([this] { fpga->phyWasReset(); });
+    network = std::make_unique<Network>(*phy);
+    network->addCommands(shell);
+    addMtdDebug(shell, *flash);
+    fpgaLibrary = std::make_unique<FpgaLibrary>(*this);
+    network->powerOn();
+    fpga->powerOn();
 }
 
 Machine::~Machine() = default;

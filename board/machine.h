@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "board/board.h"
+#include "board/fpga_library.h"
 #include "board/lock.h"
 #include "board/scheduler.h"
 
@@ -23,9 +24,12 @@ struct OpenFile {
     Uart* uart = nullptr;
     int flags = 0;
     std::shared_ptr<SysfsHandle> sysfs = nullptr;
+    Fpga* fpga = nullptr;
 };
 
 Scheduler& theScheduler();
+
+struct Wiring;
 
 class Machine {
   public:
@@ -57,6 +61,15 @@ class Machine {
     std::unique_ptr<Uart> mcuUart;
     std::unique_ptr<McuApplication> mcu;
     std::unique_ptr<Probes> probes;
+    Nanos deviceTime{0};  // waited for devices since power-on
+    std::unique_ptr<SerialFlash> flash;
+    std::unique_ptr<Fpga> fpga;
+    std::unique_ptr<Phy> phy;
+    std::unique_ptr<Network> network;
+    std::unique_ptr<FpgaLibrary> fpgaLibrary;
+
+  private:
+    void wireFpga(const Wiring&);
 };
 
 extern std::atomic<Machine*> g_poweredMachine;

@@ -9,9 +9,10 @@
 namespace quil::board {
 namespace {
 
-constexpr std::array<const char*, 16> kKindNames = {
-    "power", "open", "close",   "uart-tx",  "uart-rx", "frame",     "gpio", "shell",
-    "sleep", "log",  "request", "property", "fault",   "violation", "note", "probe"};
+constexpr std::array<const char*, 19> kKindNames = {
+    "power", "open",  "close", "uart-tx", "uart-rx",  "frame", "gpio",
+    "shell", "sleep", "log",   "request", "property", "fault", "violation",
+    "note",  "probe", "spi",   "flash",   "vendor"};
 
 std::string hex(const std::vector<uint8_t>& bytes) {
     constexpr char kDigits[] = "0123456789abcdef";

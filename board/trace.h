@@ -29,7 +29,10 @@ enum class EventKind {
     kFault,
     kViolation,
     kNote,
-    kProbe
+    kProbe,
+    kSpi,
+    kFlash,
+    kVendor  // a call into a closed library
 };
 
 struct Event {

@@ -118,15 +118,15 @@ TEST(BoardGpio, AStuckLineStaysWhereItIsUntilItIsLetGo) {
 TEST(BoardGpio, NumberedLinesTellWhoListens) {
     Board board;
     std::vector<int> heard;
-    GpioLine& line = board.gpio().add(441, 0);
+    GpioLine& line = board.gpio().add(701, 0);
     line.onEdge([&](int level) { heard.push_back(level); });
     line.drive(1);
     line.drive(1);
     line.setLevel(0);
     EXPECT_THAT(heard, ElementsAre(1, 0));
-    EXPECT_THAT(edges(board), ElementsAre("gpio 441 1", "gpio 441 0"));
-    EXPECT_EQ(board.gpio().find(441), &line);
-    EXPECT_EQ(board.gpio().find(442), nullptr);
+    EXPECT_THAT(edges(board), ElementsAre("gpio 701 1", "gpio 701 0"));
+    EXPECT_EQ(board.gpio().find(701), &line);
+    EXPECT_EQ(board.gpio().find(702), nullptr);
 }
 
 TEST(BoardSysfs, AnAttributeIsWhatItsDriverShowsAndStores) {

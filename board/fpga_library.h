@@ -1,0 +1,50 @@
+// The board's closed FPGA library and hardware layer: what stands behind the hal_* and *fpga* calls
+// of platform/vendor/include.
+//
+// Every call is a kVendor event with its name and arguments. Faults: Call::kVendor by the
+// function's name (the call does nothing and answers -error; lostSilently: it does nothing and
+// answers 0).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace quil::board {
+
+class Machine;
+
+class FpgaLibrary {
+  public:
+    static constexpr char kKestrelAddress[] = "240.10.10.10", kKestrelMask[] = "255.255.255.0";
+    static constexpr int64_t kUdpByteNanos = 80;  // 100 Mbit/s
+
+    explicit FpgaLibrary(Machine&);
+    ~FpgaLibrary();
+    FpgaLibrary(const FpgaLibrary&) = delete;
+    FpgaLibrary& operator=(const FpgaLibrary&) = delete;
+
+    // Each takes the board's lock and answers as the function of the same meaning does: 0 or more,
+    // or a negated errno.
+    int32_t setLine(int32_t number, int32_t level);
+    int32_t readLine(int32_t number);
+    int32_t readSysfs(const char* path, char* buffer, uint32_t size);
+    int32_t loadProgram(const char* driver, const char* image);
+    int32_t switchGmacToUdp();
+    int32_t configureEth1();
+    int32_t loadScreenByUdp(const char* parameters, const char* hexParameters);
+    int32_t updateProgram();
+    int32_t loadParameters();
+
+  private:
+    template <typename Work>
+    int32_t call(const char* name, const std::string& arguments, Work work);
+    int32_t reprogram();
+    int32_t sendScreen(const std::string& partition, int64_t byteNanos, const char* how);
+    // A file of the board; nothing when there is none, or a fault forbids it.
+    bool readFile(const std::string& path, std::vector<uint8_t>* content);
+
+    Machine& machine_;
+};
+
+}  // namespace quil::board

@@ -1,0 +1,27 @@
+// The raw partition of screen parameters: a block count, then for each block the FPGA address, the
+// length and the data. Count, address and length are 32-bit big-endian numbers.
+#pragma once
+
+#include <cstdint>
+#include <span>
+#include <string>
+#include <vector>
+
+namespace quil::board {
+
+inline constexpr char kScreenPartition[] = "/dev/block/by-name/screen";
+
+struct ScreenBlock {
+    uint32_t address;
+    std::vector<uint8_t> data;
+};
+
+std::string makeScreenPartition(std::span<const ScreenBlock> blocks);
+// The blocks up to the first that is none.
+std::vector<ScreenBlock> readScreenPartition(std::span<const uint8_t> partition);
+
+// What a board leaves the factory with: one block of each kind, and more than one of those kinds
+// that come in ranges.
+std::vector<ScreenBlock> factoryScreen();
+
+}  // namespace quil::board
