@@ -18,7 +18,7 @@ using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-class BoardFlash : public testing::Test {
+class BoardSerialFlash : public testing::Test {
   protected:
     // Runs a line with PROG_B held low, and returns its exit code.
     int run(const std::string& line) {
@@ -39,7 +39,7 @@ class BoardFlash : public testing::Test {
     std::string out, err;
 };
 
-TEST_F(BoardFlash, EraseLeavesNothingButOnesAndTakesTheTimeOfItsSectors) {
+TEST_F(BoardSerialFlash, EraseLeavesNothingButOnesAndTakesTheTimeOfItsSectors) {
     const auto start = board.now();
     EXPECT_EQ(run("mtd_debug erase /dev/mtd0 0 0xD00000"), 0);
     EXPECT_EQ(board.now() - start, 208 * 150ms);
@@ -49,7 +49,7 @@ TEST_F(BoardFlash, EraseLeavesNothingButOnesAndTakesTheTimeOfItsSectors) {
     EXPECT_THAT(board.violations(), IsEmpty());
 }
 
-TEST_F(BoardFlash, WriteProgramsTheFileAndTakesTheTimeOfItsPages) {
+TEST_F(BoardSerialFlash, WriteProgramsTheFileAndTakesTheTimeOfItsPages) {
     ASSERT_EQ(run("mtd_debug erase /dev/mtd0 0 0xD00000"), 0);
     const auto start = board.now();
     EXPECT_EQ(run("mtd_debug write /dev/mtd0 0 65536 /vendor/firmware/fpga_Heron.bin"), 0);
@@ -62,13 +62,13 @@ TEST_F(BoardFlash, WriteProgramsTheFileAndTakesTheTimeOfItsPages) {
     EXPECT_THAT(board.violations(), IsEmpty());
 }
 
-TEST_F(BoardFlash, ReadBringsTheCellsToAFile) {
+TEST_F(BoardSerialFlash, ReadBringsTheCellsToAFile) {
     EXPECT_EQ(run("mtd_debug read /dev/mtd0 65534 4 /vendor/firmware/cells"), 0);
     const auto cells = board.flash().read(65534, 2);
     EXPECT_EQ(file("/vendor/firmware/cells"), std::string(cells.begin(), cells.end()) + "\xFF\xFF");
 }
 
-TEST_F(BoardFlash, ProgrammingOnlyClearsBits) {
+TEST_F(BoardSerialFlash, ProgrammingOnlyClearsBits) {
     board.writeFile("/vendor/firmware/a", "\x0F\xF0");
     board.writeFile("/vendor/firmware/b", "\x3C\x3C");
     ASSERT_EQ(run("mtd_debug write /dev/mtd0 0x100000 2 /vendor/firmware/a"), 0);
@@ -78,7 +78,7 @@ TEST_F(BoardFlash, ProgrammingOnlyClearsBits) {
     EXPECT_THAT(board.violations(), ElementsAre("/dev/mtd0: page 0x100000 is not erased"));
 }
 
-TEST_F(BoardFlash, UseWhileProgBIsHighIsAViolation) {
+TEST_F(BoardSerialFlash, UseWhileProgBIsHighIsAViolation) {
     EXPECT_EQ(system("mtd_debug erase /dev/mtd0 0xF00000 0x10000 > /dev/null"), 0);
     EXPECT_THAT(board.violations(), ElementsAre("fpga: the flash is used while PROG_B is high"));
 }
@@ -90,9 +90,10 @@ struct BadCommand {
 };
 void PrintTo(const BadCommand& row, std::ostream* out) { *out << row.line; }
 
-class BoardFlashRefuses : public BoardFlash, public testing::WithParamInterface<BadCommand> {};
+class BoardSerialFlashRefuses : public BoardSerialFlash,
+                                public testing::WithParamInterface<BadCommand> {};
 
-TEST_P(BoardFlashRefuses, CommandWithExitCode1) {
+TEST_P(BoardSerialFlashRefuses, CommandWithExitCode1) {
     const auto before = board.flash().read(0, 65536);
     EXPECT_EQ(run(GetParam().line), 1);
     EXPECT_EQ(err, std::string(GetParam().error) + "\n");
@@ -101,7 +102,7 @@ TEST_P(BoardFlashRefuses, CommandWithExitCode1) {
 
 constexpr char kUsage[] = "usage: mtd_debug erase|write|read DEVICE OFFSET LENGTH [FILE]";
 INSTANTIATE_TEST_SUITE_P(
-    All, BoardFlashRefuses,
+    All, BoardSerialFlashRefuses,
     testing::Values(
         BadCommand{"NoVerb", "mtd_debug", kUsage},
         BadCommand{"UnknownVerb", "mtd_debug format /dev/mtd0 0 1", kUsage},
@@ -123,12 +124,12 @@ INSTANTIATE_TEST_SUITE_P(
                    "write(): No space left on device"}),
     [](const auto& row) { return row.param.name; });
 
-TEST_F(BoardFlash, WithoutItsFileTheToolIsNotFound) {
+TEST_F(BoardSerialFlash, WithoutItsFileTheToolIsNotFound) {
     std::filesystem::remove(board.hostPath("/vendor/bin/mtd_debug"));
     EXPECT_EQ(run("mtd_debug erase /dev/mtd0 0 0xD00000"), 127);
 }
 
-TEST_F(BoardFlash, EraseThatFailsLeavesTheRestAsItWas) {
+TEST_F(BoardSerialFlash, EraseThatFailsLeavesTheRestAsItWas) {
     board.faults().add({.call = Call::kFlashErase, .path = "/dev/mtd0", .error = EIO, .after = 3});
     board.flash().damage(0x30000, 0x01);
     EXPECT_EQ(run("mtd_debug erase /dev/mtd0 0 0xD00000"), 1);
@@ -137,7 +138,7 @@ TEST_F(BoardFlash, EraseThatFailsLeavesTheRestAsItWas) {
     EXPECT_THAT(board.flash().read(0x30000, 1), ElementsAre(0xFE));
 }
 
-TEST_F(BoardFlash, PageThatIsLostSilentlyStaysErased) {
+TEST_F(BoardSerialFlash, PageThatIsLostSilentlyStaysErased) {
     ASSERT_EQ(run("mtd_debug erase /dev/mtd0 0 0xD00000"), 0);
     board.faults().add(
         {.call = Call::kFlashProgram, .path = "/dev/mtd0", .after = 1, .lostSilently = true});
@@ -145,7 +146,7 @@ TEST_F(BoardFlash, PageThatIsLostSilentlyStaysErased) {
     EXPECT_THAT(board.flash().read(256, 256), Each(0xFF));
 }
 
-TEST_F(BoardFlash, ContentsOutliveThePower) {
+TEST_F(BoardSerialFlash, ContentsOutliveThePower) {
     ASSERT_EQ(run("mtd_debug erase /dev/mtd0 0 0xD00000"), 0);
     ASSERT_EQ(run("mtd_debug write /dev/mtd0 0 65536 /vendor/firmware/fpga_Heron.bin"), 0);
     const SerialFlash again(board.directory() / "mtd0");
@@ -153,7 +154,7 @@ TEST_F(BoardFlash, ContentsOutliveThePower) {
     EXPECT_EQ(std::filesystem::file_size(board.directory() / "mtd0"), again.usedSize());
 }
 
-TEST_F(BoardFlash, DamageIsWhereItWasPut) {
+TEST_F(BoardSerialFlash, DamageIsWhereItWasPut) {
     board.flash().damage(0x200000, 0x81);
     EXPECT_THAT(board.flash().read(0x1FFFFF, 3), ElementsAre(0xFF, 0x7E, 0xFF));
     EXPECT_THAT(board.flash().read(0xFFFFFF, 9), ElementsAre(0xFF));
