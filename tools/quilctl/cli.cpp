@@ -81,6 +81,7 @@ int run(int argc, const char* const* argv, const Console& console) {
     addConfigCommands(app, cli);
     addFrameCommands(app, cli);
     addBoardCommands(app, cli);
+    addScreenCommands(app, cli);
     addDemoCommand(app, cli);
     try {
         app.parse(argc, argv);

@@ -52,6 +52,7 @@ void addSelfTestCommands(CLI::App& app, Cli& cli);
 void addConfigCommands(CLI::App& app, Cli& cli);
 void addFrameCommands(CLI::App& app, Cli& cli);
 void addBoardCommands(CLI::App& app, Cli& cli);
+void addScreenCommands(CLI::App& app, Cli& cli);
 void addDemoCommand(CLI::App& app, Cli& cli);
 
 }  // namespace quil::tools
