@@ -21,7 +21,7 @@ struct Rounds {
 
     Rounds(const void* buffer, int size, int block)
         : count(size / block + (size % block != 0 ? 1 : 0)), last(size % block) {
-        if (buffer == nullptr) count = 0;
+        if (buffer == nullptr || size < 0) count = 0;
     }
     int sizeOf(int round, int block) const {
         return round == count - 1 && last != 0 ? last : block;
