@@ -92,6 +92,7 @@ constexpr const char kReadme[] =
     "rootfs/vendor/firmware/ firmware images (placeholders)\n"
     "rootfs/dev/block/by-name/screen  the partition of screen parameters\n"
     "rootfs/sdcard/          the SD card\n"
+    "rootfs/opt/             where the boot-loader tool leaves what it reads back\n"
     "mcu/version             the version text that the MCU answers to command 0x00000001\n"
     "mcu/values              what the MCU keeps: one \"command = bytes\" a line, in hex\n"
     "mtd0                    the serial flash with the FPGA's configuration; behind the file's "
@@ -144,7 +145,7 @@ void createBoardDirectory(const std::filesystem::path& dir, Product product) {
     std::error_code error;
     for (const char* part :
          {"rootfs/vendor/etc", "rootfs/vendor/firmware", "rootfs/vendor/bin", "rootfs/sdcard",
-          "rootfs/vendor_dlkm/lib/modules", "rootfs/dev/block/by-name", "mcu"}) {
+          "rootfs/opt", "rootfs/vendor_dlkm/lib/modules", "rootfs/dev/block/by-name", "mcu"}) {
         if (fs::exists(dir / part, error)) {
             throw std::runtime_error(dir.string() + ": holds a board already");
         }

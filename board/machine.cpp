@@ -7,15 +7,16 @@
 namespace quil::board {
 namespace {
 
-constexpr std::array<std::string_view, 9> kBoardPaths = {"/vendor/",
-                                                         "/dev/ttyS",
-                                                         "/vendor_dlkm/",
-                                                         "/dev/fpga_spi",
-                                                         "/dev/block/by-name/",
-                                                         "/dev/mtd",
-                                                         "/sys/class/quilgpios/",
-                                                         "/sys/class/ethernet/",
-                                                         "/sdcard/"};
+constexpr std::array<std::string_view, 10> kBoardPaths = {"/vendor/",
+                                                          "/dev/ttyS",
+                                                          "/vendor_dlkm/",
+                                                          "/dev/fpga_spi",
+                                                          "/dev/block/by-name/",
+                                                          "/dev/mtd",
+                                                          "/sys/class/quilgpios/",
+                                                          "/sys/class/ethernet/",
+                                                          "/sdcard/",
+                                                          "/opt/"};
 
 }  // namespace
 

@@ -31,8 +31,8 @@ constexpr BaudRate kBaudRates[] = {
 
 constexpr int kWriteFailed = 2, kSelectFailed = 4, kSelectTimedOut = 5;
 constexpr int kIdleRounds = 100, kIdleRoundMs = 10, kSelectIdleReads = 10;
-// A failed read is tried again at once. So many in a row, though, take about as long as a time-out.
-constexpr int kFailuresMost = 1000000;
+// A failed read is tried again at once, but so many in a row are a port that will not come round.
+constexpr int kFailuresMost = 200000;
 
 constexpr int kBadDataBits = -1, kBadParity = -2, kBadStopBits = -3, kNotSet = -4;
 

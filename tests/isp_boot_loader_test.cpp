@@ -29,10 +29,6 @@ class IspBootLoader : public IspTest {
         mcu_type_detect();
         board.clearLog();
     }
-    std::string timeOut(int got = 0) const {
-        return "E mcu_serial_read: read fd(" + std::to_string(fd) + ") " + std::to_string(got) +
-               " Bytes  100 times! \n";
-    }
     void failNextWrite() {
         board.faults().add({.call = Call::kWrite, .path = kHeronUart, .error = EIO});
     }

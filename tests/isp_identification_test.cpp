@@ -14,11 +14,6 @@ using testing::IsEmpty;
 class IspIdentification : public IspTest {
   protected:
     IspIdentification() { openPort(); }
-
-    std::string timeOut(int got) const {
-        return "E mcu_serial_read: read fd(" + std::to_string(fd) + ") " + std::to_string(got) +
-               " Bytes  100 times! \n";
-    }
 };
 
 // The GD32 command.

@@ -12,45 +12,14 @@ using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-namespace {
-
-Bytes part(const Bytes& image, size_t at, size_t count) {
-    const auto from = image.begin() + static_cast<std::ptrdiff_t>(at);
-    return {from, from + static_cast<std::ptrdiff_t>(count)};
-}
-
-uint8_t xorOf(const Bytes& bytes) {
-    uint8_t sum = 0;
-    for (const uint8_t byte : bytes) sum ^= byte;
-    return sum;
-}
-
-// Length - 1, data, XOR of all these.
-Bytes blockFrame(const Bytes& data) {
-    Bytes frame = Bytes{static_cast<uint8_t>(data.size() - 1)} + data;
-    frame.push_back(xorOf(frame));
-    return frame;
-}
-
-}  // namespace
-
 class IspMemory : public IspTest {
   protected:
     IspMemory() { openPort(); }
 
-    void expectBlock(const Bytes& address, const Bytes& data) {
-        mcu.expect({0x31, 0xCE}, kAnswerAck);
-        mcu.expect(address, kAnswerAck);
-        mcu.expect(blockFrame(data), kAnswerAck);
-    }
     void expectRead(const Bytes& address, const Bytes& count, const Bytes& data) {
         mcu.expect({0x11, 0xEE}, kAnswerAck);
         mcu.expect(address, kAnswerAck);
         mcu.expect(count, kAnswerAck + data);
-    }
-    std::string timeOut(int got = 0) const {
-        return "E mcu_serial_read: read fd(" + std::to_string(fd) + ") " + std::to_string(got) +
-               " Bytes  100 times! \n";
     }
 };
 

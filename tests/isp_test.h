@@ -52,6 +52,31 @@ inline Bytes imageOf(size_t size) {
     return image;
 }
 
+inline Bytes part(const Bytes& image, size_t at, size_t count) {
+    const auto from = image.begin() + static_cast<std::ptrdiff_t>(at);
+    return {from, from + static_cast<std::ptrdiff_t>(count)};
+}
+
+inline uint8_t xorOf(const Bytes& bytes) {
+    uint8_t sum = 0;
+    for (const uint8_t byte : bytes) sum ^= byte;
+    return sum;
+}
+
+// The data of a memory write, as AN3155 has it: length - 1, data, XOR of all these.
+inline Bytes blockFrame(const Bytes& data) {
+    Bytes frame = Bytes{static_cast<uint8_t>(data.size() - 1)} + data;
+    frame.push_back(xorOf(frame));
+    return frame;
+}
+
+using Lines = std::vector<std::string>;
+
+inline Lines operator+(Lines left, const Lines& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
 // Expects byte strings in their order, and answers each with a literal. What does not fit its
 // script ends it: it complains and stays silent from then on.
 class ScriptedPeer final : public board::UartPeer {
@@ -142,6 +167,19 @@ class IspTest : public LibraryTest {
         board.writeFile(kImagePath, std::string(image.begin(), image.end()));
     }
 
+    // A block of a memory write, with every answer an ACK.
+    void expectBlock(const Bytes& address, const Bytes& data) {
+        mcu.expect({0x31, 0xCE}, kAnswerAck);
+        mcu.expect(address, kAnswerAck);
+        mcu.expect(blockFrame(data), kAnswerAck);
+    }
+
+    // What a read says that has waited for its second.
+    static std::string timeOut(int got = 0) {
+        return "E mcu_serial_read: read fd(" + std::to_string(fd) + ") " + std::to_string(got) +
+               " Bytes  100 times! \n";
+    }
+
     // Every message: the letter of its level and its text; the tag as well when it is another one.
     std::vector<std::string> said() const {
         std::vector<std::string> lines;
@@ -195,5 +233,16 @@ inline constexpr char kBoot0High[] = "echo 1 > /sys/class/quilgpios/MCU_BOOT0/va
 inline constexpr char kBoot0Low[] = "echo 0 > /sys/class/quilgpios/MCU_BOOT0/value";
 inline constexpr char kResetHigh[] = "echo 1 > /sys/class/quilgpios/MCU_NRST/value";
 inline constexpr char kResetLow[] = "echo 0 > /sys/class/quilgpios/MCU_NRST/value";
+
+// What every STM32/GD32 session does and says before and after its exchanges with the boot loader.
+inline const Lines kEntry = {"open",         kBoot0High, "pause 100 ms", kResetLow,
+                             "pause 300 ms", kResetHigh, "pause 100 ms", "pause 500 ms"};
+inline const Lines kExit = {"close",        kBoot0Low,  "pause 300 ms", kResetLow,
+                            "pause 100 ms", kResetHigh, "pause 100 ms"};
+inline const Lines kErasePause = {"pause 1000 ms"};
+inline const Lines kSaidFirst = {"D \n [*]. do task ! \n",
+                                 "D mcu_set_baudrate: set baudrate: 115200.\n",
+                                 "D  ==========> [isp init]. \n"};
+inline const Lines kSaidLast = {"D \n [*]. close isp mode.\n", "D  <========== [isp close]. \n"};
 
 }  // namespace quil::tests
