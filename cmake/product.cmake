@@ -4,6 +4,15 @@ target_include_directories(quil_vendor_headers INTERFACE ${CMAKE_SOURCE_DIR}/pla
 
 add_library(quil_impl SHARED
   common/log.cpp
+  fpga/ddr_recovery.cpp
+  fpga/load_process.cpp
+  fpga/net_gap.cpp
+  fpga/network_bring_up.cpp
+  fpga/screen_blocks.cpp
+  fpga/screen_fixed.cpp
+  fpga/screen_params.cpp
+  fpga/screen_passes.cpp
+  fpga/spi_link.cpp
   isp/boot_loader.cpp
   isp/boot_loader_memory.cpp
   isp/boot_mode.cpp
@@ -24,6 +33,7 @@ add_library(quil_impl SHARED
   service/mcu_forwarding.cpp
   service/client_registry.cpp
   update/config_info.cpp
+  update/fpga_update.cpp
   update/mcu_update.cpp)
 set_target_properties(quil_impl PROPERTIES
   PREFIX "" OUTPUT_NAME "quil.hardware.quilservicemanager@1.0-impl"

@@ -200,3 +200,12 @@ int32_t parseConfigInfo(void) {
     logSummary(*config_info);
     return 0;
 }
+
+namespace quil::update {
+
+const config_info_t& currentConfig() {
+    static constexpr config_info_t kUnparsed = {};
+    return config_info != nullptr ? *config_info : kUnparsed;
+}
+
+}  // namespace quil::update

@@ -56,3 +56,10 @@ extern QUIL_EXPORT config_info_t* config_info;
 QUIL_EXPORT int32_t parseConfigInfo(void);
 
 }  // extern "C"
+
+namespace quil::update {
+
+// The record, or one of zeros before the first parse: its paths are empty and its lines invalid.
+const config_info_t& currentConfig();
+
+}  // namespace quil::update

@@ -1,0 +1,68 @@
+#include "fpga/ddr_recovery.h"
+
+#include <quil_hal.h>
+#include <stdint.h>
+#include <unistd.h>
+
+#include "common/log.h"
+#include "fpga/spi_link.h"
+#include "update/config_info.h"
+#include "update/fpga_update.h"
+
+using quil::common::kFirmwareUpdateTag;
+using quil::update::currentConfig;
+
+namespace {
+
+constexpr uint8_t kDdrGood = 1, kDdrNotAsked = 2;
+constexpr int kAttempts = 3;
+constexpr unsigned kBeforeReadS = 1;
+constexpr useconds_t kProgramPulseUs = 100000;
+
+// Messages of the recovery carry this name, not a function's: tools in the field look for it.
+constexpr char kRecovery[] = "fpgaRecovery";
+
+bool driveProgramLine(int level) {
+    const int32_t gpio = currentConfig().fpga_control_gpio;
+    if (hal_gpio_setvalue(gpio, level) < 0) {
+        QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: PROG_B gpio %d set failed\n", kRecovery, gpio);
+        return false;
+    }
+    QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: PROG_B gpio %d pull %s\n", kRecovery, gpio,
+                   level == 0 ? "low" : "high");
+    return true;
+}
+
+void recover() {
+    if (!driveProgramLine(0)) return;
+    usleep(kProgramPulseUs);
+    if (!driveProgramLine(1)) return;
+    if (fpgaCheckDone() != 0) {
+        QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: fpgaCheckDone ok\n", kRecovery);
+    } else {
+        QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: fpgaCheckDone failed\n", kRecovery);
+    }
+}
+
+}  // namespace
+
+int fpgaCheckDDRAndRecovery(void) {
+    uint8_t state = kDdrNotAsked;
+    for (int i = 0; i < kAttempts; ++i) {
+        sleep(kBeforeReadS);
+        if (readFpgaDdrState(&state) < 0) {
+            QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: spi_read_fpga_ddr_state failed\n", __func__);
+        }
+        QUIL_LOG_INFO(kFirmwareUpdateTag, "%s, fpga_ddr_state = 0x%02x\n", __func__, state);
+        if (state == kDdrGood) return 0;
+        QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: invalid fpga_ddr_state = %d\n", kRecovery, state);
+        recover();
+        QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: ddr_recovery end\n", __func__);
+    }
+    sleep(kBeforeReadS);
+    readFpgaDdrState(&state);
+    // Looser than the loop, deliberately: whatever is not 0 counts as ready, failed reads included.
+    if (state != 0) return 0;
+    QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: ddr_recovery failed\n", __func__);
+    return -1;
+}

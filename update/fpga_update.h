@@ -1,0 +1,33 @@
+// The FPGA's configuration flash: writing a new image into it, and restarting the FPGA from it.
+//
+// The host sees the flash as "/dev/mtd0" and writes it with the system's mtd_debug tool. While the
+// control line (PROG_B) and the configuration line are low the FPGA keeps off the flash; their
+// rising edges start it anew, and it raises DONE when its configuration is complete. Everything
+// blocks its caller, for seconds. A failure after the erase leaves the FPGA without an image.
+#pragma once
+
+#include <stdint.h>
+
+#include "common/export.h"
+
+extern "C" {
+
+// The size of a file in bytes, or 0xFFFFFFFF on failure.
+QUIL_EXPORT uint32_t getFileSize(const char* path);
+
+// Waits up to 10 s for DONE. Returns 1 as soon as the line is high, 0 when there is no such line,
+// otherwise the last value read: 0, or the GPIO interface's negative error as it is.
+QUIL_EXPORT int32_t fpgaCheckDone(void);
+
+// Erases the flash, writes the image, restarts the FPGA and waits for DONE. Returns 0, or -1 at the
+// first failure; the lines stay as they are then.
+QUIL_EXPORT int32_t fpgaFwUpdate(void);
+
+// Erases the flash. Returns 0 or -1.
+QUIL_EXPORT int32_t fpgaFlashFormat(void);
+
+// Writes the image into an erased flash and restarts the FPGA once no firmware update is in
+// progress, however long that takes. Does not wait for DONE. Returns 0 or -1.
+QUIL_EXPORT int32_t fpgaFlashWrite(void);
+
+}  // extern "C"
