@@ -89,6 +89,8 @@ class ScriptedPeer final : public board::UartPeer {
     ~ScriptedPeer() override { mBoard.mcuUart().attach(nullptr); }
 
     void setLine(board::LineSettings line) { mLine = line; }
+    // From now on the part hears whatever the port is set to.
+    void followLine() { mFollowsLine = true; }
     void expect(const Bytes& in, Bytes out = {}, board::Nanos delay = {}) {
         mScript.push_back({{in.begin(), in.end()}, std::move(out), delay});
     }
@@ -99,7 +101,12 @@ class ScriptedPeer final : public board::UartPeer {
     size_t left() const { return mScript.size(); }
     const std::string& complaint() const { return mComplaint; }
 
-    board::LineSettings lineSettings() const override { return mLine; }
+    board::LineSettings lineSettings() const override {
+        if (!mFollowsLine) return mLine;
+        const std::string mode = mBoard.mcuUart().mode();
+        return {mBoard.mcuUart().baud(), static_cast<uint8_t>(mode[0] - '0'), mode[1],
+                static_cast<uint8_t>(mode[2] - '0')};
+    }
     void receive(uint8_t byte) override {
         if (!mComplaint.empty()) return;
         mHeard.push_back(byte);
@@ -132,6 +139,7 @@ class ScriptedPeer final : public board::UartPeer {
 
     board::Board& mBoard;
     board::LineSettings mLine;
+    bool mFollowsLine = false;
     std::deque<Exchange> mScript;
     Bytes mHeard;
     std::string mComplaint;
