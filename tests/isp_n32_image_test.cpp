@@ -12,7 +12,6 @@
 namespace quil::tests {
 
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <cmath>
 #include <deque>
 #include <string>
 #include <vector>
@@ -222,7 +223,7 @@ class IspTest : public LibraryTest {
             case board::EventKind::kShell:
                 return event.text;
             case board::EventKind::kSleep: {
-                const auto ms = static_cast<int>(std::stod(event.text) * 1000 + 0.5);
+                const auto ms = std::lround(std::stod(event.text) * 1000);
                 return ms == 10 ? "" : "pause " + std::to_string(ms) + " ms";
             }
             case board::EventKind::kOpen:
