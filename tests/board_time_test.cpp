@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "board/board.h"
+#include "tests/fresh_process.h"
 
 namespace {
 
@@ -147,7 +148,7 @@ TEST(BoardTime, AReaderOfAPipeWaitsInBoardTime) {
 }
 
 TEST(BoardTimeDeathTest, WaitingForWhatCannotComeEndsWithAReport) {
-    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    quil::tests::dieInAFreshProcess();
     EXPECT_DEATH(
         {
             Board board;

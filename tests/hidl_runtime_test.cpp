@@ -11,6 +11,8 @@
 #include <thread>
 #include <vector>
 
+#include "tests/fresh_process.h"
+
 namespace {
 
 using ::android::DEAD_OBJECT;
@@ -37,7 +39,7 @@ using ::testing::KilledBySignal;
 // Death tests start their process anew: other tests of this program may have left threads.
 class ProcessEnd : public ::testing::Test {
   protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    void SetUp() override { quil::tests::dieInAFreshProcess(); }
 };
 
 // Status and Return

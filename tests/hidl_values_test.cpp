@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/fresh_process.h"
+
 namespace {
 
 using ::android::sp;
@@ -26,7 +28,7 @@ using ::testing::KilledBySignal;
 // Death tests start their process anew: other tests of this program may have left threads.
 class ProcessEnd : public ::testing::Test {
   protected:
-    void SetUp() override { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+    void SetUp() override { quil::tests::dieInAFreshProcess(); }
 };
 
 // hidl_vec

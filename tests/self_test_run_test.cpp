@@ -5,6 +5,7 @@
 
 #include <utility>
 
+#include "tests/fresh_process.h"
 #include "tests/self_test_test.h"
 
 namespace quil::tests {
@@ -332,7 +333,7 @@ int runFresh(const char* items) {
 }  // namespace
 
 TEST(SelfTestFreshDeathTest, MissingSettingInAFreshProcessRunsNothing) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    dieInAFreshProcess();
     EXPECT_EXIT(exit(runFresh("UNDEF")), testing::ExitedWithCode(0), "");
     EXPECT_EXIT(exit(runFresh("")), testing::ExitedWithCode(0), "");
 }

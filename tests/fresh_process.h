@@ -1,0 +1,18 @@
+// Death tests whose body starts in a process of its own.
+#pragma once
+
+#include <gtest/gtest.h>
+
+namespace quil::tests {
+
+// An emulated program cannot start itself anew: there the body runs in a fork, as fresh as the
+// process is that CTest starts for each test.
+inline void dieInAFreshProcess() {
+#ifdef __arm__
+    GTEST_FLAG_SET(death_test_style, "fast");
+#else
+    GTEST_FLAG_SET(death_test_style, "threadsafe");
+#endif
+}
+
+}  // namespace quil::tests
