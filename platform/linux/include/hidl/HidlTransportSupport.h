@@ -12,6 +12,10 @@ namespace android::hardware {
 bool interfacesEqual(const sp<hidl::base::V1_0::IBase>& left,
                      const sp<hidl::base::V1_0::IBase>& right);
 
+// There is no transport here: the pool has no threads, and joining it returns at once.
+inline void configureRpcThreadpool(size_t /*maxThreads*/, bool /*callerWillJoin*/) {}
+inline void joinRpcThreadpool() {}
+
 namespace details {
 
 // Whether the object says that it implements the interface named castTo. Its failure to answer is
