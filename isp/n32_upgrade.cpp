@@ -12,6 +12,7 @@
 #include "common/little_endian.h"
 #include "common/log.h"
 #include "common/pause.h"
+#include "common/stdout_message.h"
 #include "isp/boot_mode.h"
 #include "isp/firmware_file.h"
 #include "isp/serial_port.h"
@@ -19,6 +20,7 @@
 using quil::common::getLe32;
 using quil::common::kFirmwareUpdateTag;
 using quil::common::pauseMs;
+using quil::common::printFlushed;
 using quil::common::putLe16;
 using quil::common::putLe32;
 
@@ -227,15 +229,14 @@ bool sendBlock(uint32_t address, const uint8_t* block, size_t count) {
 }
 
 bool blockFailed(int line) {
-    printf("func %s,line %d\n", kDownload, line);
-    fflush(stdout);
+    printFlushed("func %s,line %d\n", kDownload, line);
     return false;
 }
 
 void showProgress(uint32_t done, uint32_t size, int block, int blocks) {
     QUIL_LOG_INFO(kFirmwareUpdateTag, "write mcu internal flash: [%u%%]\n", 100 * done / size);
     fflush(stdout);
-    printf("%s  %d %d \n", kDownload, block, blocks);
+    printFlushed("%s  %d %d \n", kDownload, block, blocks);
 }
 
 void printAnswer() {
