@@ -16,7 +16,7 @@ constexpr uint32_t kBlocks = 60;
 std::vector<uint8_t> fullPartition() {
     std::vector<uint8_t> image(kPartitionSize, 0x5A);
     quil::common::putBe32(image.data(), kBlocks);
-    constexpr size_t kData = (kPartitionSize - 4 - kBlocks * 8) / kBlocks;
+    constexpr size_t kData = (kPartitionSize - 4) / kBlocks - 8;
     size_t at = 4;
     for (uint32_t i = 0; i < kBlocks; ++i) {
         const size_t length = i + 1 < kBlocks ? kData : kPartitionSize - at - 8;

@@ -8,7 +8,6 @@ namespace quil::tests {
 
 using board::Call;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 namespace {
 

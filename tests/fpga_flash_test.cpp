@@ -12,7 +12,6 @@ namespace quil::tests {
 
 using board::Call;
 using testing::ElementsAre;
-using testing::HasSubstr;
 using testing::IsEmpty;
 
 namespace {

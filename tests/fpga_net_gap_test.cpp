@@ -6,24 +6,23 @@
 
 namespace quil::tests {
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using testing::Not;
 
 namespace {
 
-const std::vector<std::string> kFixed = {
-    "02 00 00 00 20 01 00",
-    "02 10 00 07 00 05 00",
-    "02 10 00 07 06 10 00",
-    "02 03 00 00 00 05 00",
+constexpr char kFirstParameters[] =
     "02 00 15 08 a0 b4 12 00 00 00 00 a9 fd 00 00 b4 12 00 00 a9 fd 00 00 00 00 b4 12 a9 fd 01 00 "
-    "00 00",
+    "00 00";
+constexpr char kSecondParameters[] =
     "02 10 a4 00 00 ce 06 e3 16 50 02 00 00 55 fc ab f3 00 10 00 20 00 10 78 f1 88 fe 00 20 00 00 "
-    "00 00",
+    "00 00";
+constexpr char kThirdParameters[] =
     "02 10 a4 02 00 00 10 00 00 32 19 ce e6 00 10 01 fd 83 f8 7c 0a 00 10 b1 1d 00 00 4f e2 01 00 "
-    "00 00"};
+    "00 00";
+const std::vector<std::string> kFixed = {
+    "02 00 00 00 20 01 00", "02 10 00 07 00 05 00", "02 10 00 07 06 10 00", "02 03 00 00 00 05 00",
+    kFirstParameters,       kSecondParameters,      kThirdParameters};
 constexpr char kControlOn[] = "02 10 00 01 00 01 00";
 constexpr char kNetGap[] = "02 10 1f f0 00 01 ff ff ff 01 00 00 01 00 02 01 00 00 58 58 00";
 const std::vector<std::string> kEnable = {

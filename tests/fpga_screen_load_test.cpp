@@ -9,11 +9,8 @@
 namespace quil::tests {
 
 using board::Call;
-using testing::Contains;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
-using testing::Not;
 
 namespace {
 
@@ -391,7 +388,7 @@ TEST_F(ScreenTopology, BlocksBeyondTheTwentiethSendNothing) {
 TEST_F(ScreenTopology, CountBeyondTheBlockTakesWhatStandsBehindItAndNothingPastTheBuffer) {
     const Bytes header = headerWith({0xFFFF}), data = pattern(16, 1);
     std::vector<Block> blocks = {{0x10018000, header},
-                                 {0x20000000, Bytes(kImageSize - 5120 - 16 - 4 - 4 * 8 - 40)},
+                                 {0x20000000, Bytes(kImageSize - 4 - 32 - 5120 - 16 - 40)},
                                  {0x10B00000, data},
                                  {0x20000000, pattern(40, 3)}};
     EXPECT_EQ(load(blocks), 0);

@@ -18,6 +18,15 @@ namespace {
 
 constexpr uint32_t kClockAt = 0x1100, kNegotiationAt = 0x1103, kDdrAt = 0x1016;
 
+// The seven bytes of a read of one: what came with the header, and the state.
+std::vector<std::string> bytesLogged(const std::string& function, const std::string& state) {
+    const std::string start = "D " + function + ": send_data[";
+    std::vector<std::string> lines(7, start);
+    for (size_t i = 0; i < 6; ++i) lines[i] += std::to_string(i) + "] = 0x00\n";
+    lines[6] += "6] = " + state + "\n";
+    return lines;
+}
+
 }  // namespace
 
 class FpgaSpiLink : public FpgaTest {
@@ -111,12 +120,7 @@ TEST_P(FpgaStateRead, LogsEveryByteOfItsBufferAtDebugLevel) {
     board.fpga().scriptReads(GetParam().address, {0x5A});
     unsigned char byte = 0;
     EXPECT_EQ(read(&byte, 1), 7);
-    std::vector<std::string> expected;
-    for (int i = 0; i < 7; ++i) {
-        expected.push_back("D " + name() + ": send_data[" + std::to_string(i) +
-                           (i == 6 ? "] = 0x5a\n" : "] = 0x00\n"));
-    }
-    EXPECT_EQ(messages(), expected);
+    EXPECT_EQ(messages(), bytesLogged(name(), "0x5a"));
     startFresh("I");
     EXPECT_EQ(read(&byte, 1), 7);
     EXPECT_THAT(messages(), IsEmpty());
@@ -186,12 +190,7 @@ TEST_F(FpgaDdrRead, IsOneReadOf7BytesFrom1016) {
     const auto transactions = board.fpga().transactions();
     ASSERT_EQ(transactions.size(), 1U);
     EXPECT_EQ(hex(transactions[0].sent), "0b 00 00 10 16 00 00");
-    std::vector<std::string> expected;
-    for (int i = 0; i < 7; ++i) {
-        expected.push_back("D readFpgaDdrState: send_data[" + std::to_string(i) +
-                           (i == 6 ? "] = 0x03\n" : "] = 0x00\n"));
-    }
-    EXPECT_EQ(messages(), expected);
+    EXPECT_EQ(messages(), bytesLogged("readFpgaDdrState", "0x03"));
 }
 
 TEST_F(FpgaDdrRead, ThatFailsLeavesTheStateAndSaysWhyUnderItsOwnName) {

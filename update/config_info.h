@@ -8,6 +8,7 @@
 
 #include <stddef.h>
 #include <stdint.h>
+#include <string.h>
 
 #include "common/export.h"
 
@@ -61,5 +62,12 @@ namespace quil::update {
 
 // The record, or one of zeros before the first parse: its paths are empty and its lines invalid.
 const config_info_t& currentConfig();
+
+// A text of the record, terminated even where its field is not.
+template <size_t kSize>
+struct ConfigText {
+    char text[kSize + 1] = {};
+    explicit ConfigText(const char (&field)[kSize]) { memcpy(text, field, kSize); }
+};
 
 }  // namespace quil::update

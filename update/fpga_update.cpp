@@ -10,6 +10,7 @@
 
 using quil::common::kFirmwareUpdateTag;
 using quil::common::runShell;
+using quil::update::ConfigText;
 using quil::update::currentConfig;
 
 namespace {
@@ -54,15 +55,15 @@ bool isThere(const char* function, const char* path, const char* name) {
 }
 
 bool isImageThere(const char* function) {
-    const char* image = currentConfig().fpga_fw_path;
-    return isThere(function, image, image);
+    const ConfigText image(currentConfig().fpga_fw_path);
+    return isThere(function, image.text, image.text);
 }
 
 bool isToolThere(const char* function) { return isThere(function, kTool, "mtd_debug tool"); }
 
 // A size that cannot be told is not 0 and passes: the write fails on it.
 bool readImageSize(const char* function, uint32_t& size) {
-    size = getFileSize(currentConfig().fpga_fw_path);
+    size = getFileSize(ConfigText(currentConfig().fpga_fw_path).text);
     const auto shown = static_cast<unsigned long>(size);
     if (size == 0) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: invalid heron_fpga_fw size = %lu\n", function,
@@ -95,9 +96,9 @@ bool runTool(const char* function, const char* command, const char* action) {
 bool eraseFlash(const char* function) { return runTool(function, kEraseCommand, "erase"); }
 
 bool writeFlash(const char* function, uint32_t size) {
+    const ConfigText image(currentConfig().fpga_fw_path);
     char command[kCommandSize] = {};
-    snprintf(command, sizeof(command), kWriteCommand, static_cast<size_t>(size),
-             currentConfig().fpga_fw_path);
+    snprintf(command, sizeof(command), kWriteCommand, static_cast<size_t>(size), image.text);
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: cmd = %s\n", function, command);
     return runTool(function, command, "write");
 }

@@ -16,6 +16,8 @@
 
 using quil::common::kFirmwareUpdateTag;
 using quil::common::pauseMs;
+using quil::update::ConfigText;
+using quil::update::currentConfig;
 using quil::update::kMcuVersionProperty;
 using quil::update::kMcuVersionSize;
 
@@ -35,26 +37,13 @@ constexpr size_t kAnswerMost = 1024, kVersionAt = 46, kVersionLength = 15;
 
 static_assert(kMcuVersionSize >= PROPERTY_VALUE_MAX, "a property has to fit");
 
-// A configured text, terminated even where its field is not.
-template <size_t kSize>
-struct Text {
-    char text[kSize + 1] = {};
-    explicit Text(const char (&field)[kSize]) { memcpy(text, field, kSize); }
-};
-
-// The configuration, or an empty one before the first parse.
-const config_info_t& configuration() {
-    static constexpr config_info_t kNone = {};
-    return config_info != nullptr ? *config_info : kNone;
-}
-
 void makeBlocking(int port) { fcntl(port, F_SETFL, fcntl(port, F_GETFL) & ~O_NONBLOCK); }
 
 bool programOnce() {
-    const config_info_t& info = configuration();
-    Text path(info.mcu_fw_path);
-    Text port(info.mcu_uart_path);
-    Text chip(info.mcu_serial);
+    const config_info_t& info = currentConfig();
+    ConfigText path(info.mcu_fw_path);
+    ConfigText port(info.mcu_uart_path);
+    ConfigText chip(info.mcu_serial);
     return mcu_isp_fw_update(path.text, port.text, chip.text) == 0;
 }
 
@@ -72,14 +61,14 @@ bool program() {
 }  // namespace
 
 int32_t serialInit(void) {
-    const Text path(configuration().mcu_uart_path);
+    const ConfigText path(currentConfig().mcu_uart_path);
     if (path.text[0] == '\0' || strstr(path.text, "UNDEF") != nullptr) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag,
                        "%s:config_info->mcu_uart_path is not set, need to check ini file.\n",
                        __func__);
         return -1;
     }
-    const int port = sdk_uart_init(path.text, configuration().mcu_baud_rate);
+    const int port = sdk_uart_init(path.text, currentConfig().mcu_baud_rate);
     if (port < 0) {
         QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: init %s failed, _fd = %d\n", __func__, path.text,
                        port);
@@ -119,7 +108,7 @@ int32_t checkMcuFwVersion(int32_t fd) {
         QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: getMcuFwVersion failed\n", __func__);
         property_get(kMcuVersionProperty, version, "V0");
     }
-    const Text shipped(configuration().mcu_fw_version);
+    const ConfigText shipped(currentConfig().mcu_fw_version);
     if (strcmp(version, shipped.text) != 0) {
         QUIL_LOG_DEBUG(kFirmwareUpdateTag,
                        "%s: mcuBinVer(%s) is not equal to mcuIcVer(%s), need update FW\n", __func__,
@@ -133,7 +122,7 @@ int32_t checkMcuFwVersion(int32_t fd) {
 }
 
 int32_t doMcuUpdateByIsp(void) {
-    const Text path(configuration().mcu_fw_path);
+    const ConfigText path(currentConfig().mcu_fw_path);
     if (access(path.text, F_OK) != 0) {
         perror("access");
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: %s not exist\n", __func__, path.text);
@@ -142,7 +131,7 @@ int32_t doMcuUpdateByIsp(void) {
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: %s exist\n", __func__, path.text);
     if (!program()) return -1;
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: mcu_isp_fw_update success\n", __func__);
-    const Text shipped(configuration().mcu_fw_version);
+    const ConfigText shipped(currentConfig().mcu_fw_version);
     property_set(kMcuVersionProperty, shipped.text);
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: set prop persist.quil.mcu_fw_version = %s\n", __func__,
                    shipped.text);
