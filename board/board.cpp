@@ -9,10 +9,10 @@
 namespace quil::board {
 namespace {
 
-std::filesystem::path makeTemporaryBoard(Product product) {
+std::filesystem::path makeTemporaryBoard(Product product, const std::string& mcuVersion) {
     std::string pattern = (std::filesystem::temp_directory_path() / "board-XXXXXX").string();
     if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-    createBoardDirectory(pattern, product);
+    createBoardDirectory(pattern, product, mcuVersion);
     return pattern;
 }
 
@@ -25,13 +25,16 @@ std::unique_ptr<Machine> powerOn(const std::filesystem::path& dir, BoardOptions 
     machine->scheduler.powerOn(options.realtime);
     g_poweredMachine.store(machine.get());
     machine->trace.add(EventKind::kPower, "board", "on, seed " + std::to_string(options.seed));
+    machine->mcuChip->powerOn();
     return machine;
 }
 
 }  // namespace
 
 Board::Board(Product product, BoardOptions options)
-    : temporary_(makeTemporaryBoard(product)), machine_(powerOn(temporary_, options)) {}
+
+    : temporary_(makeTemporaryBoard(product, options.flashedMcuVersion)),
+      machine_(powerOn(temporary_, options)) {}
 
 Board::Board(const std::filesystem::path& dir, BoardOptions options)
     : machine_(powerOn(dir, options)) {}
@@ -73,6 +76,7 @@ Trace& Board::trace() { return machine_->trace; }
 Properties& Board::properties() { return machine_->properties; }
 Faults& Board::faults() { return machine_->faults; }
 McuApplication& Board::mcu() { return *machine_->mcu; }
+McuChip& Board::mcuChip() { return *machine_->mcuChip; }
 Uart& Board::mcuUart() { return *machine_->mcuUart; }
 ProductInformation& Board::productInformation() { return machine_->productInformation; }
 IniReader& Board::iniReader() { return machine_->iniReader; }

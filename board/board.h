@@ -13,6 +13,7 @@
 #include "board/gpio_lines.h"
 #include "board/ini_reader.h"
 #include "board/mcu_application.h"
+#include "board/mcu_chip.h"
 #include "board/network.h"
 #include "board/phy.h"
 #include "board/probes.h"
@@ -28,6 +29,8 @@ namespace quil::board {
 struct BoardOptions {
     bool realtime = false;  // board time is the workstation's, to watch or to let others take part
     uint64_t seed = 1;
+    std::string flashedMcuVersion =
+        {};  // of a board in a directory of its own; "": the shipped one
 };
 
 struct LogLine {
@@ -60,7 +63,8 @@ class Board {
     Trace& trace();
     Properties& properties();
     Faults& faults();
-    McuApplication& mcu();
+    McuApplication& mcu();  // what runs on the MCU when an image stands in its flash
+    McuChip& mcuChip();
     Uart& mcuUart();
     ProductInformation& productInformation();
     IniReader& iniReader();

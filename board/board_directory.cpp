@@ -6,6 +6,7 @@
 #include <stdexcept>
 
 #include "board/fpga_image.h"
+#include "board/mcu_image.h"
 #include "board/screen_partition.h"
 
 namespace quil::board {
@@ -17,6 +18,8 @@ struct ProductRow {
     const char* moduleId;
     const char* uart;
     int baud;
+    McuKind mcu;
+    size_t mcuImageSize;
     const char* mcuVersion;
     const char* fpgaVersion;
     const char* fpgaFormer;  // the version in the flash
@@ -26,12 +29,12 @@ struct ProductRow {
     int audioCodecs;
 };
 constexpr std::array<ProductRow, 3> kProducts = {{
-    {Product::kHeron, "Heron", "101", "/dev/ttyS3", 115200, "V1.0.0", "V2.1.0", "V2.0.7", 431, 432,
-     1, 441, 442, 443, "1-2-3-5", 1},
-    {Product::kKestrel, "Kestrel", "102", "/dev/ttyS1", 115200, "V1.2.0", "V3.0.2", "", 451, 452, 1,
-     461, 462, 463, "1-3-4-5", 2},
-    {Product::kWrenT507, "Wren_t507", "103", "/dev/ttyS2", 1000000, "V2.0.1", "V1.4.0", "V1.3.2",
-     131, 132, 2, 141, 142, 143, "1-2-4", 1},
+    {Product::kHeron, "Heron", "101", "/dev/ttyS3", 115200, McuKind::kGd32F303, 8192, "V1.0.0",
+     "V2.1.0", "V2.0.7", 431, 432, 1, 441, 442, 443, "1-2-3-5", 1},
+    {Product::kKestrel, "Kestrel", "102", "/dev/ttyS1", 115200, McuKind::kStm32H750, 8192, "V1.2.0",
+     "V3.0.2", "", 451, 452, 1, 461, 462, 463, "1-3-4-5", 2},
+    {Product::kWrenT507, "Wren_t507", "103", "/dev/ttyS2", 1000000, McuKind::kN32G45x, 8000,
+     "V2.0.1", "V1.4.0", "V1.3.2", 131, 132, 2, 141, 142, 143, "1-2-4", 1},
 }};
 
 const ProductRow& rowOf(Product product) { return kProducts.at(static_cast<size_t>(product)); }
@@ -55,7 +58,7 @@ std::string productFile(const ProductRow& row) {
            "fpga_done_gpio = " + number(row.fpgaDone) +
            "\n"
            "[mcu]\nmcu_type = 1\nmcu_serial = " +
-           row.uart +
+           partOf(row.mcu).name +
            "\n"
            "mcu_fw_path = /vendor/firmware/mcu_" +
            name +
@@ -77,23 +80,17 @@ std::string productFile(const ProductRow& row) {
            number(row.audioCodecs);
 }
 
-// An image that no part would take for erased flash: a counting pattern.
-std::string placeholderImage(size_t size) {
-    std::string image(size, '\0');
-    for (size_t i = 0; i < size; ++i) image[i] = static_cast<char>((i * 7 + i / 256) & 0xFF);
-    return image;
-}
-
 constexpr const char kReadme[] =
     "A simulated board. Everything here may be looked at and edited while the board is off.\n"
     "\n"
     "rootfs/                 the board's file system: /vendor/etc/product.ini stands in\n"
     "                        rootfs/vendor/etc/product.ini, and so on\n"
-    "rootfs/vendor/firmware/ firmware images (placeholders)\n"
+    "rootfs/vendor/firmware/ firmware images of the MCU and the FPGA\n"
     "rootfs/dev/block/by-name/screen  the partition of screen parameters\n"
     "rootfs/sdcard/          the SD card\n"
     "rootfs/opt/             where the boot-loader tool leaves what it reads back\n"
-    "mcu/version             the version text that the MCU answers to command 0x00000001\n"
+    "mcu/flash               the MCU's flash from its start; what is not there is erased\n"
+    "mcu/option_bytes        its protection, where any was ever set\n"
     "mcu/values              what the MCU keeps: one \"command = bytes\" a line, in hex\n"
     "mtd0                    the serial flash with the FPGA's configuration; behind the file's "
     "end\n"
@@ -138,7 +135,8 @@ void writeFpgaSide(const std::filesystem::path& dir, const ProductRow& row) {
 
 }  // namespace
 
-void createBoardDirectory(const std::filesystem::path& dir, Product product) {
+void createBoardDirectory(const std::filesystem::path& dir, Product product,
+                          std::string_view flashedVersion) {
     namespace fs = std::filesystem;
     const ProductRow& row = rowOf(product);
     const std::string name = row.name;
@@ -155,9 +153,10 @@ void createBoardDirectory(const std::filesystem::path& dir, Product product) {
     writeWholeFile(dir / "README", kReadme);
     writeWholeFile(dir / "rootfs/vendor/etc/product.ini", productFile(row));
     writeWholeFile(dir / "rootfs/vendor/firmware" / ("mcu_" + name + ".bin"),
-                   placeholderImage(8192));
+                   makeMcuImage(row.mcu, row.mcuVersion, row.mcuImageSize));
     writeFpgaSide(dir, row);
-    writeWholeFile(dir / "mcu/version", std::string(row.mcuVersion) + "\n");
+    const std::string_view flashed = flashedVersion.empty() ? row.mcuVersion : flashedVersion;
+    writeWholeFile(dir / "mcu/flash", makeMcuImage(row.mcu, flashed, row.mcuImageSize));
     writeWholeFile(dir / "mcu/values", "");
     writeWholeFile(dir / "properties", "");
     writeWholeFile(dir / "product_information", std::string(row.moduleId) + "\n");

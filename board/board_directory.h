@@ -15,7 +15,9 @@ std::string_view nameOf(Product);
 
 // Makes a board as it leaves the factory. Throws std::runtime_error when the directory is not empty
 // or cannot be written.
-void createBoardDirectory(const std::filesystem::path& dir, Product);
+// `flashedMcuVersion` is what runs on the MCU: "" is the version that ships with the product.
+void createBoardDirectory(const std::filesystem::path& dir, Product,
+                          std::string_view flashedMcuVersion = "");
 
 std::optional<std::string> readWholeFile(const std::filesystem::path&);
 void writeWholeFile(const std::filesystem::path&,

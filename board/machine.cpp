@@ -76,6 +76,8 @@ Machine::Machine(std::filesystem::path dir, BoardOptions opts)
     gpio.add(kGpioNrst, 1);
     mcuUart = std::make_unique<Uart>(wiring.uart);
     mcu = std::make_unique<McuApplication>(directory / "mcu", *mcuUart, wiring.baud);
+    const McuPart& part = partOfProductFile(hostPath("/vendor/etc/product.ini"));
+    mcuChip = std::make_unique<McuChip>(part, directory / "mcu", *mcuUart, gpio, *mcu);
     probes = std::make_unique<Probes>(directory / "parts", wiring.codecs);
     wireFpga(wiring);
 }

@@ -60,6 +60,7 @@ class Machine {
     std::vector<std::string> violations;
     std::unique_ptr<Uart> mcuUart;
     std::unique_ptr<McuApplication> mcu;
+    std::unique_ptr<McuChip> mcuChip;
     std::unique_ptr<Probes> probes;
     Nanos deviceTime{0};  // waited for devices since power-on
     std::unique_ptr<SerialFlash> flash;

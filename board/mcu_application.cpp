@@ -14,7 +14,7 @@ namespace {
 namespace wire {
 constexpr uint8_t kMagic0 = 0x55, kMagic1 = 0xBB;
 constexpr size_t kFixedAt = 4, kLabelAt = 6, kLengthAt = 8, kHeaderEnd = 10;
-constexpr size_t kFlagsAt = 10, kReservedAt = 13, kCommandAt = 22, kZeroAt = 26, kPayloadAt = 30;
+constexpr size_t kFlagsAt = 10, kReservedAt = 13, kCommandAt = 22, kScopeAt = 26, kPayloadAt = 30;
 constexpr size_t kLengthOverPayload = 22, kFrameOverPayload = 32, kPayloadMax = 4112;
 constexpr uint8_t kTypeMask = 0x0F, kRequest = 1, kResponse = 2, kWrite = 0x20, kUnused = 0x90;
 }  // namespace wire
@@ -50,13 +50,20 @@ std::vector<uint8_t> buildAnswer(std::vector<uint8_t> header, uint32_t cmd, bool
     header[wire::kFlagsAt] = static_cast<uint8_t>(wire::kResponse | (isWrite ? wire::kWrite : 0));
     put16(header, wire::kCommandAt, cmd);
     put16(header, wire::kCommandAt + 2, cmd >> 16);
-    put16(header, wire::kZeroAt, 0);
-    put16(header, wire::kZeroAt + 2, 0);
+    put16(header, wire::kScopeAt, 0);
+    put16(header, wire::kScopeAt + 2, 0);
     header.insert(header.end(), payload.begin(), payload.end());
     const uint16_t sum = sumOf(header, header.size());
     header.push_back(static_cast<uint8_t>(sum));
     header.push_back(static_cast<uint8_t>(sum >> 8));
     return header;
+}
+
+// What the firmware updater asks: a get of the version with a scope of its own.
+bool isUpdatersQuery(const std::vector<uint8_t>& frame) {
+    return word32(frame, wire::kCommandAt) == McuApplication::kVersionCommand &&
+           word32(frame, wire::kScopeAt) == McuApplication::kUpdatersScope &&
+           (frame[wire::kFlagsAt] & wire::kWrite) == 0;
 }
 
 std::string describe(const char* what, const std::vector<uint8_t>& frame) {
@@ -74,14 +81,24 @@ McuApplication::McuApplication(std::filesystem::path directory, Uart& uart, int 
     : directory_(std::move(directory)), uart_(uart) {
     line_.baud = baud;
     load();
-    uart_.attach(this);
 }
 
-McuApplication::~McuApplication() { uart_.attach(nullptr); }
+McuApplication::~McuApplication() = default;
+
+void McuApplication::start(std::string partName, std::string version) {
+    partName_ = std::move(partName);
+    version_ = std::move(version);
+    running_ = true;
+    ++epoch_;
+}
+
+void McuApplication::stop() {
+    running_ = inNoise_ = false;
+    frame_.clear();
+    ++epoch_;
+}
 
 void McuApplication::load() {
-    version_ = readWholeFile(directory_ / "version").value_or("V1.0.0");
-    version_.erase(std::min(version_.find('\n'), version_.size()));
     std::istringstream lines(readWholeFile(directory_ / "values").value_or(""));
     for (std::string line; std::getline(lines, line);) {
         const size_t equals = line.find('=');
@@ -152,7 +169,9 @@ void McuApplication::checkFrame() {
     if ((flags & wire::kTypeMask) != wire::kRequest) return startOver("frame is no request");
     if ((flags & wire::kUnused) != 0) return startOver("unused flag bits are set");
     if (frame_[wire::kReservedAt] != 0) return startOver("reserved byte is not 0");
-    if (word32(frame_, wire::kZeroAt) != 0) return startOver("word after the command is not 0");
+    if (word32(frame_, wire::kScopeAt) != 0 && !isUpdatersQuery(frame_)) {
+        return startOver("word after the command is not 0");
+    }
     accept();
 }
 
@@ -186,9 +205,18 @@ std::vector<uint8_t> McuApplication::answerTo(const Request& request) {
         return fixed->second;
     }
     if (request.isWrite) return {0x00};
+    if (isUpdatersQuery(request.frame)) return identification();
     if (request.cmd == kVersionCommand) return {version_.begin(), version_.end()};
     const auto kept = values_.find(request.cmd);
     return kept == values_.end() ? std::vector<uint8_t>(4) : kept->second;
+}
+
+std::vector<uint8_t> McuApplication::identification() const {
+    std::string text = partName_;
+    text.resize(kIdentificationPart);
+    text += version_;
+    text.resize(kIdentificationPart + kIdentificationVersion);
+    return {text.begin(), text.end()};
 }
 
 void McuApplication::answer(const Request& request) {
@@ -198,7 +226,9 @@ void McuApplication::answer(const Request& request) {
     auto frame =
         buildAnswer({request.frame.begin(), headerEnd}, request.cmd, request.isWrite, payload);
     theScheduler().at(theScheduler().now() + answerDelay_,
-                      [this, frame = std::move(frame)] { send(frame); });
+                      [this, epoch = epoch_, frame = std::move(frame)] {
+                          if (epoch == epoch_) send(frame);
+                      });
 }
 
 void McuApplication::send(std::vector<uint8_t> frame) {
@@ -255,7 +285,6 @@ void McuApplication::setAnswer(uint32_t cmd, std::vector<uint8_t> payload) {
 void McuApplication::setVersion(std::string version) {
     Guard guard(boardLock());
     version_ = std::move(version);
-    writeWholeFile(directory_ / "version", version_ + "\n");
 }
 
 void McuApplication::setLine(LineSettings line) {
@@ -265,7 +294,7 @@ void McuApplication::setLine(LineSettings line) {
 
 void McuApplication::sendUnsolicited(const std::vector<uint8_t>& payload, uint32_t cmd) {
     Guard guard(boardLock());
-    send(buildAnswer({}, cmd, false, payload));
+    if (running_) send(buildAnswer({}, cmd, false, payload));
 }
 
 LineSettings McuApplication::lineSettings() const { return line_; }

@@ -24,9 +24,14 @@ class McuApplication : public UartPeer {
         std::vector<uint8_t> frame;
     };
     static constexpr uint32_t kVersionCommand = 0x00000001;
+    // The firmware updater's query has this in the word after the command. Its answer names the
+    // part (16 bytes) and the version (16 bytes), both NUL padded: the version's 15 characters are
+    // bytes 46 to 60 of the frame.
+    static constexpr uint32_t kUpdatersScope = 0x00030000;
+    static constexpr size_t kIdentificationPart = 16, kIdentificationVersion = 16;
     static constexpr Nanos kLongestGap = std::chrono::milliseconds(50);  // inside one frame
 
-    // `directory` holds the files "version" and "values".
+    // `directory` holds the file "values". Nothing is heard or said before start.
     McuApplication(std::filesystem::path directory, Uart&, int baud);
     ~McuApplication() override;
     McuApplication(const McuApplication&) = delete;
@@ -40,9 +45,13 @@ class McuApplication : public UartPeer {
     void setNoise(std::vector<uint8_t> before, std::vector<uint8_t> after);  // around each answer
     void setCorruptAnswers(bool);  // flips a bit of the checksum
     void setAnswer(uint32_t cmd, std::vector<uint8_t> payload);
-    void setVersion(std::string);
+    void setVersion(std::string);  // says this one until the next start
     void setLine(LineSettings);
     void sendUnsolicited(const std::vector<uint8_t>& payload, uint32_t cmd);
+
+    // The part starts the application that its flash holds; any reset stops it.
+    void start(std::string partName, std::string version);
+    void stop();
 
     void receive(uint8_t byte) override;
     LineSettings lineSettings() const override;
@@ -54,6 +63,7 @@ class McuApplication : public UartPeer {
     void accept();
     void answer(const Request&);
     std::vector<uint8_t> answerTo(const Request&);
+    std::vector<uint8_t> identification() const;
     void send(std::vector<uint8_t> frame);
     void load();
     void saveValues() const;
@@ -61,7 +71,9 @@ class McuApplication : public UartPeer {
     std::filesystem::path directory_;
     Uart& uart_;
     LineSettings line_;
-    std::string version_;
+    std::string partName_, version_;
+    bool running_ = false;
+    uint64_t epoch_ = 0;  // counts starts and stops
     std::map<uint32_t, std::vector<uint8_t>> values_, fixedAnswers_;
     std::vector<uint8_t> frame_;
     bool inNoise_ = false;

@@ -9,10 +9,10 @@
 namespace quil::board {
 namespace {
 
-constexpr std::array<const char*, 19> kKindNames = {
+constexpr std::array<const char*, 20> kKindNames = {
     "power", "open",  "close", "uart-tx", "uart-rx",  "frame", "gpio",
     "shell", "sleep", "log",   "request", "property", "fault", "violation",
-    "note",  "probe", "spi",   "flash",   "vendor"};
+    "note",  "probe", "spi",   "flash",   "vendor",   "mcu"};
 
 std::string hex(const std::vector<uint8_t>& bytes) {
     constexpr char kDigits[] = "0123456789abcdef";

@@ -31,8 +31,9 @@ enum class EventKind {
     kNote,
     kProbe,
     kSpi,
-    kFlash,
-    kVendor  // a call into a closed library
+    kFlash,   // an erase or a programming of a flash
+    kVendor,  // a call into a closed library
+    kMcu      // what runs on the microcontroller
 };
 
 struct Event {

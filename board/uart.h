@@ -53,6 +53,7 @@ class Uart {
     // For the peer.
     void attach(UartPeer*);
     void sendToHost(const std::vector<uint8_t>&);
+    LineSettings hostLine() const { return line_; }
 
     // For the C library calls.
     bool plugged() const { return plugged_; }

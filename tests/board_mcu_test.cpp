@@ -243,13 +243,14 @@ TEST(BoardMcu, ValuesAndVersionAndPropertiesOutliveThePower) {
         const int fd = openLine("/dev/ttyS1");
         sendBytes(fd, changed(kGet, 10, 0x61));
         board.runFor(seconds(1));
-        board.mcu().setVersion("V9.9.9");
+        board.mcuChip().flashImage(makeMcuImage(McuKind::kStm32H750, "V9.9.9", 4096));
         board.properties().set("persist.a", "b=c");
         close(fd);
     }
     EXPECT_EQ(readWholeFile(dir / "mcu/values"), "0x00000102 = 01\n");
-    EXPECT_EQ(readWholeFile(dir / "mcu/version"), "V9.9.9\n");
+    EXPECT_EQ(readWholeFile(dir / "mcu/flash"), makeMcuImage(McuKind::kStm32H750, "V9.9.9", 4096));
     Board board(dir);
+    EXPECT_EQ(board.mcuChip().version(), "V9.9.9");
     const int fd = openLine("/dev/ttyS1");
     sendBytes(fd, kGet);
     board.runFor(seconds(1));

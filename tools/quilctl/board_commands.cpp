@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "board/board_directory.h"
+#include "board/mcu_chip.h"
 #include "tools/quilctl/cli.h"
 #include "tools/quilctl/validators.h"
 
@@ -23,8 +24,7 @@ int makeNew(const Cli& cli, const std::string& directory) {
 }
 
 // The small text files of a board that say what state it is in.
-constexpr const char* kStateFiles[] = {"product_information", "mcu/version", "mcu/values",
-                                       "properties"};
+constexpr const char* kStateFiles[] = {"product_information", "mcu/values", "properties"};
 
 void printState(std::ostream& out, const fs::path& directory) {
     for (const char* name : kStateFiles) {
@@ -32,6 +32,11 @@ void printState(std::ostream& out, const fs::path& directory) {
         out << name << ":\n";
         for (std::string line; std::getline(in, line);) out << "  " << line << '\n';
     }
+}
+
+void printMcu(std::ostream& out, const fs::path& directory) {
+    const board::McuImageCheck found = board::checkFlashedMcu(directory);
+    out << "mcu/flash:\n  " << (found.problem.empty() ? found.version : found.problem) << '\n';
 }
 
 void printFiles(std::ostream& out, const fs::path& directory) {
@@ -57,6 +62,7 @@ int show(const Cli& cli, const std::string& given) {
         throw std::runtime_error(directory + " is no board directory");
     }
     printState(cli.console.out, directory);
+    printMcu(cli.console.out, directory);
     printFiles(cli.console.out, directory);
     return kOk;
 }
