@@ -72,6 +72,14 @@ void Board::runFor(Nanos duration) {
     machine_->scheduler.sleepUntil(machine_->scheduler.now() + duration, "runFor");
 }
 
+void Board::cutPowerAt(PowerCut cut) { machine_->trace.cutPowerAt(cut); }
+
+bool Board::powerIsCut() const {
+    Guard guard(boardLock());
+    machine_->trace.cutIfDue();
+    return machine_->dead();
+}
+
 Trace& Board::trace() { return machine_->trace; }
 Properties& Board::properties() { return machine_->properties; }
 Faults& Board::faults() { return machine_->faults; }

@@ -60,6 +60,12 @@ class Board {
     void runFor(Nanos);        // the calling thread waits in board time
     Nanos deviceTime() const;  // since power-on: what the program has waited for the FPGA's devices
 
+    // Cuts the power at an event of the run to come: what it does until then is the same as without
+    // the cut. The calls of the host fail from then on; destroy the board and make a new one in its
+    // directory to power it on again. trace().count() of an uncut run is the number of its events.
+    void cutPowerAt(PowerCut);
+    bool powerIsCut() const;
+
     Trace& trace();
     Properties& properties();
     Faults& faults();

@@ -41,6 +41,7 @@ int GpioLine::drive(int level) {
     Guard guard(boardLock());
     Machine* machine = poweredMachine();
     const auto fault = machine ? machine->faults.take(Call::kGpioSet, name_) : std::nullopt;
+    if (machine != nullptr && machine->dead()) return EIO;
     if (fault && fault->error != 0) return fault->error;
     if (!fault) setLevel(level);
     return 0;
@@ -56,10 +57,10 @@ int GpioLine::read() const {
 void GpioLine::setLevel(int level) {
     Guard guard(boardLock());
     if (stuckAt_ >= 0 || level == level_) return;
+    Machine* machine = poweredMachine();
+    if (machine != nullptr) machine->trace.add(EventKind::kGpio, name_, std::to_string(level));
+    if (machine != nullptr && machine->dead()) return;
     level_ = level;
-    if (Machine* machine = poweredMachine()) {
-        machine->trace.add(EventKind::kGpio, name_, std::to_string(level));
-    }
     for (const auto& listener : listeners_) listener(level);
 }
 

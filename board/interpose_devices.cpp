@@ -22,7 +22,10 @@ int onUart(Call call, int fd, Action action, Otherwise otherwise) {
     const OpenFile* file = machine->openFile(fd);
     if (file == nullptr) return otherwise();
     const auto fault = machine->faults.take(call, file->path);
-    const int error = fault ? fault->error : file->uart ? action(*file->uart) : ENOTTY;
+    const int error = machine->dead() ? EIO
+                      : fault         ? fault->error
+                      : file->uart    ? action(*file->uart)
+                                      : ENOTTY;
     if (error == 0) return 0;
     errno = error;
     return -1;
@@ -79,6 +82,7 @@ bool boardsBusiness(Machine& machine, const std::vector<pollfd>& entries) {
 }
 
 int faultOf(Machine& machine, Call call, const std::vector<pollfd>& entries) {
+    if (machine.dead()) return EIO;
     for (const pollfd& entry : entries) {
         const OpenFile* file = machine.openFile(entry.fd);
         if (file == nullptr) continue;

@@ -65,6 +65,7 @@ Probes::Use useOf(const char* mode) {
 int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::string& hostPath,
                 int flags, mode_t mode) {
     Guard guard(boardLock());
+    if (machine.dead()) return failWith(EIO);
     if (const auto fault = machine.faults.take(Call::kOpen, path)) return failWith(fault->error);
     if (const int error = machine.probes->refusal(path, useOf(flags))) return failWith(error);
     int fd = -1;
@@ -122,6 +123,7 @@ ssize_t readFpga(Fpga& fpga, void* data, size_t whole, size_t count) {
 
 ssize_t readOnBoard(Machine& machine, OpenFile file, int fd, void* data, size_t count) {
     const size_t whole = count;
+    if (machine.dead()) return failWith(EIO);
     if (const auto fault = machine.faults.take(Call::kRead, file.path)) {
         if (fault->error != 0) return failWith(fault->error);
         if (fault->shortTo) count = std::min(count, *fault->shortTo);
@@ -135,6 +137,7 @@ ssize_t readOnBoard(Machine& machine, OpenFile file, int fd, void* data, size_t 
 
 ssize_t writeOnBoard(Machine& machine, OpenFile file, int fd, const void* data, size_t count) {
     const size_t whole = count;
+    if (machine.dead()) return failWith(EIO);
     if (const auto fault = machine.faults.take(Call::kWrite, file.path)) {
         if (fault->error != 0) return failWith(fault->error);
         if (fault->lostSilently) return static_cast<ssize_t>(count);
@@ -161,6 +164,7 @@ int closeOnBoard(Machine& machine, OpenFile file, int fd) {
 
 // Status flags of a device are the board's; everything else is the descriptor's.
 int fcntlOnBoard(Machine& machine, OpenFile& file, int fd, int command, void* argument) {
+    if (machine.dead()) return failWith(EIO);
     if (const auto fault = machine.faults.take(Call::kFcntl, file.path)) {
         return failWith(fault->error);
     }
@@ -195,6 +199,10 @@ FILE* fopenAnywhere(FILE* (*call)(const char*, const char*), const char* path, c
     const auto host = machine ? machine->onHost(path) : std::nullopt;
     if (!host) return call(path, mode);
     Guard guard(boardLock());
+    if (machine->dead()) {
+        errno = EIO;
+        return nullptr;
+    }
     if (const auto fault = machine->faults.take(Call::kFopen, path)) {
         errno = fault->error;
         return nullptr;
@@ -216,6 +224,7 @@ int withHostPath(Call call, const char* path, Function function) {
     const auto host = machine ? machine->onHost(path) : std::nullopt;
     if (!host) return function(path);
     Guard guard(boardLock());
+    if (machine->dead()) return failWith(EIO);
     if (const auto fault = machine->faults.take(call, path)) return failWith(fault->error);
     const auto use = call == Call::kRemove ? Probes::Use::kWrite : Probes::Use::kRead;
     if (const int error = machine->probes->refusal(path, use)) return failWith(error);

@@ -36,6 +36,7 @@ bool sleepOnBoard(Nanos duration) {
     if (machine == nullptr) return false;
     Guard guard(boardLock());
     if (!machine->scheduler.attached()) return false;
+    if (machine->dead()) return true;
     machine->trace.add(EventKind::kSleep, "thread", secondsText(duration));
     machine->scheduler.sleepUntil(machine->scheduler.now() + duration, "sleep");
     return true;

@@ -20,6 +20,7 @@ int keepLogLine(int priority, const char* tag, const char* text) {
         return real().logWrite != nullptr ? real().logWrite(priority, tag, text) : -1;
     }
     Guard guard(boardLock());
+    if (machine->dead()) return -EIO;
     const std::string source = tag != nullptr ? tag : "";
     if (machine->trace.recording()) {
         machine->log.push_back({priority, source, text});
@@ -31,7 +32,7 @@ int keepLogLine(int priority, const char* tag, const char* text) {
 // Without power nobody answers.
 int32_t probe(const char* part) {
     Machine* machine = machineForCall();
-    return machine != nullptr ? machine->probes->probe(part) : -1;
+    return machine != nullptr && !machine->dead() ? machine->probes->probe(part) : -1;
 }
 
 int copyProperty(const std::string& value, char* dest) {
@@ -73,6 +74,7 @@ QUIL_EXPORT int property_set(const char* name, const char* value) {
     const std::string text = value != nullptr ? value : "";
     if (machine == nullptr || name == nullptr || text.size() >= kPropertyMax) return -1;
     machine->properties.set(name, text);
+    if (machine->dead()) return -1;
     return 0;
 }
 
@@ -112,7 +114,7 @@ QUIL_EXPORT int32_t bi_i2c_get_rtc_state(int32_t /*bus*/) { return probe(kRtc); 
 
 QUIL_EXPORT int32_t bi_i2c_get_audio_state(int32_t codec) {
     Machine* machine = machineForCall();
-    return machine != nullptr ? machine->probes->probeCodec(codec) : -1;
+    return machine != nullptr && !machine->dead() ? machine->probes->probeCodec(codec) : -1;
 }
 
 QUIL_EXPORT int32_t bi_i2c_get_clock_chip_state(int32_t /*bus*/) { return probe(kClockChip); }

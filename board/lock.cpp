@@ -65,8 +65,8 @@ BoardLock& boardLock() {
 }
 
 void Gate::open() {
-    word_.fetch_add(1, std::memory_order_release);
-    futexWakeOne(word_);
+    word_.fetch_add(1);
+    if (waiting_.load() > 0) futexWakeOne(word_);
 }
 
 void Gate::wait() {
@@ -80,7 +80,9 @@ bool Gate::waitFor(int64_t nanos) {
     timeout.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
     int opened = word_.load(std::memory_order_acquire);
     if (opened == 0) {
+        waiting_.fetch_add(1);
         futexWait(word_, 0, nanos < 0 ? nullptr : &timeout);
+        waiting_.fetch_sub(1);
         opened = word_.load(std::memory_order_acquire);
     }
     while (opened > 0) {

@@ -33,6 +33,7 @@ class Gate {
 
   private:
     std::atomic<int> word_{0};
+    std::atomic<int> waiting_{0};  // nobody waits: no call into the kernel
 };
 
 }  // namespace quil::board

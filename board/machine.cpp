@@ -100,8 +100,17 @@ void Machine::wireFpga(const Wiring& wiring) {
 Machine::~Machine() = default;
 
 void Machine::violation(const std::string& source, const std::string& text) {
+    if (dead()) return;
     violations.push_back(source + ": " + text);
     trace.add(EventKind::kViolation, source, text);
+}
+
+void Machine::losePower() {
+    Guard guard(boardLock());
+    if (dead_.exchange(true)) return;
+    mcuChip->powerLost();
+    mcuUart->powerLost();
+    scheduler.powerLost();
 }
 
 std::optional<std::filesystem::path> Machine::onHost(const char* path) const {

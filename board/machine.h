@@ -42,6 +42,10 @@ class Machine {
     std::filesystem::path hostPath(std::string_view boardPath) const;
     Uart* uartAt(std::string_view path);
     OpenFile* openFile(int fd);
+    // Power was cut: the devices are frozen, and every call of the host fails at once, so that a
+    // flow under way runs out without reaching anything.
+    bool dead() const { return dead_.load(std::memory_order_relaxed); }
+    void losePower();
     void readinessChanged() { scheduler.wakeAll(&files); }
 
     const std::filesystem::path directory;
@@ -71,6 +75,8 @@ class Machine {
 
   private:
     void wireFpga(const Wiring&);
+
+    std::atomic<bool> dead_{false};
 };
 
 extern std::atomic<Machine*> g_poweredMachine;
@@ -82,6 +88,7 @@ inline Machine* machineForCall() {
     Machine* machine = poweredMachine();
     if (machine == nullptr || BoardLock::mine()) return nullptr;
     Scheduler::arrive();
+    if (machine->trace.cutIsDue()) machine->trace.cutIfDue();
     return machine;
 }
 

@@ -190,6 +190,7 @@ void McuApplication::accept() {
         requests_.push_back(request);
         framesSeen_.push_back(frame);
     }
+    if (machine == nullptr || machine->dead()) return;
     answer(request);
 }
 

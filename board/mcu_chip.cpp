@@ -138,8 +138,12 @@ void McuChip::operate(const std::string& what, std::function<Nanos(McuFlash&)> s
                       std::function<void(const std::string&)> done) {
     Machine* machine = poweredMachine();
     if (machine == nullptr) return;
-    machine->trace.add(EventKind::kFlash, part().name, what);
-    after(start(flash_), [this, done = std::move(done)] { done(flash_.finish()); });
+    const auto cut = machine->trace.add(EventKind::kFlash, part().name, what);
+    if (cut == CutPosition::kBefore) return;
+    const Nanos takes = start(flash_);
+    if (cut == CutPosition::kInside) flash_.powerLost(machine->trace.count());
+    if (cut == CutPosition::kAfter) flash_.finish();
+    if (!cut) after(takes, [this, done = std::move(done)] { done(flash_.finish()); });
 }
 
 void McuChip::resetBySoftware() {

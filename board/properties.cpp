@@ -25,13 +25,14 @@ std::string Properties::get(const std::string& name, const std::string& fallback
 
 void Properties::set(const std::string& name, const std::string& value) {
     Guard guard(boardLock());
+    if (Machine* machine = poweredMachine()) {
+        machine->trace.add(EventKind::kProperty, name, value);
+        if (machine->dead()) return;
+    }
     values_[name] = value;
     std::string text;
     for (const auto& [key, kept] : values_) text.append(key).append("=").append(kept).append("\n");
     writeWholeFile(file_, text);
-    if (Machine* machine = poweredMachine()) {
-        machine->trace.add(EventKind::kProperty, name, value);
-    }
 }
 
 }  // namespace quil::board

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <iterator>
 #include <utility>
 
 #include "board/machine.h"
@@ -23,6 +24,7 @@ int64_t realNanos() {
 void Scheduler::powerOn(bool realtime) {
     realtime_ = realtime;
     on_ = true;
+    lost_ = false;
     virtualNow_ = Nanos(0);
     realStart_ = realNanos();
     sequence_ = 0;
@@ -56,19 +58,35 @@ void Scheduler::powerOff() {
     t_self = nullptr;
 }
 
+void Scheduler::powerLost() {
+    lost_ = true;
+    timers_.clear();
+    while (!parked_.empty()) {
+        parked_.front()->timedOut = true;
+        makeRunnable(parked_.front());
+    }
+}
+
 Nanos Scheduler::now() const {
     return realtime_ ? Nanos(realNanos() - realStart_) : virtualNow_.load();
 }
 
 Scheduler::TimerId Scheduler::at(Nanos when, std::function<void()> action) {
     const TimerId id{std::max(when, now()), sequence_++};
-    timers_.emplace(id, std::move(action));
+    if (lost_) return id;
+    auto place = timers_.end();
+    while (place != timers_.begin() && std::prev(place)->first < id) --place;
+    timers_.emplace(place, id, std::move(action));
     if (realtime_) {
         clockWake_.open();
     } else if (running_ == nullptr) {
         dispatch();
     }
     return id;
+}
+
+void Scheduler::cancel(const TimerId& id) {
+    std::erase_if(timers_, [&id](const auto& timer) { return timer.first == id; });
 }
 
 BoardThread* Scheduler::self() {
@@ -90,7 +108,10 @@ bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> 
     me->parked = true;
     parked_.push_back(me);
     std::optional<TimerId> timer;
-    if (deadline) {
+    if (lost_) {
+        me->timedOut = true;
+        makeRunnable(me);
+    } else if (deadline) {
         timer = at(*deadline, [this, me] {
             me->timedOut = true;
             makeRunnable(me);
@@ -163,9 +184,14 @@ void Scheduler::dispatch() {
 }
 
 void Scheduler::fireNext() {
-    auto node = timers_.extract(timers_.begin());
-    virtualNow_ = std::max(now(), node.key().first);
-    node.mapped()();
+    if (Machine* machine = poweredMachine()) {
+        machine->trace.cutIfDue();
+        if (lost_) return;
+    }
+    const auto timer = std::move(timers_.back());
+    timers_.pop_back();
+    virtualNow_ = std::max(now(), timer.first.first);
+    timer.second();
 }
 
 void Scheduler::deadlock() {
@@ -265,10 +291,11 @@ void Scheduler::clockLoop() {
     boardLock().lock();
     while (clockRuns_) {
         int64_t pause = -1;
-        if (!timers_.empty()) pause = (timers_.begin()->first.first - now()).count();
+        if (!timers_.empty()) pause = (timers_.back().first.first - now()).count();
         if (!timers_.empty() && pause <= 0) {
-            auto node = timers_.extract(timers_.begin());
-            node.mapped()();
+            const auto timer = std::move(timers_.back());
+            timers_.pop_back();
+            timer.second();
             continue;
         }
         boardLock().unlock();

@@ -16,6 +16,8 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "board/lock.h"
 #include "board/trace.h"
@@ -40,12 +42,13 @@ class Scheduler {
 
     void powerOn(bool realtime);  // attaches the calling thread
     void powerOff();              // lets go of whoever still waits
+    void powerLost();             // time stands still: nothing is due any more, and nobody waits
     bool realtime() const { return realtime_; }
     Nanos now() const;
 
     // All that follows is called with the board's lock held.
     TimerId at(Nanos when, std::function<void()> action);
-    void cancel(const TimerId& id) { timers_.erase(id); }
+    void cancel(const TimerId& id);
 
     // Waits until woken for `object`, or for the deadline: then false. Gives the board's lock up
     // meanwhile.
@@ -80,12 +83,13 @@ class Scheduler {
     void clockLoop();
     static void* clockThread(void* self);
 
-    bool realtime_ = false, on_ = false;
+    bool realtime_ = false, on_ = false, lost_ = false;
     std::atomic<Nanos> virtualNow_{Nanos(0)};
     int64_t realStart_ = 0;
     uint64_t sequence_ = 0;
     int threads_ = 0;
-    std::map<TimerId, std::function<void()>> timers_;
+    // The next one is the last: there are few at a time, and each byte on a line is one.
+    std::vector<std::pair<TimerId, std::function<void()>>> timers_;
     std::deque<BoardThread*> runQueue_;
     std::list<BoardThread*> parked_;
     BoardThread* running_ = nullptr;

@@ -78,6 +78,10 @@ int Shell::run(const std::string& line) {
     Guard guard(boardLock());
     const auto fault = machine_.faults.take(Call::kSystem, line);
     machine_.trace.add(EventKind::kShell, "sh", line);
+    if (machine_.dead()) {
+        errno = EIO;
+        return -1;
+    }
     if (fault && fault->exitCode) return waitStatus(*fault->exitCode);
     if (fault && fault->error != 0) {
         errno = fault->error;
@@ -141,6 +145,7 @@ ProgramResult Shell::runProgram(const std::vector<std::string>& argv) {
 // What stands in the way of opening the file; 0 when nothing does. Opening to write empties it.
 int Shell::open(const std::string& path, bool toWrite, bool append) {
     if (path == "/dev/null") return 0;
+    if (machine_.dead()) return EIO;
     if (const auto fault = machine_.faults.take(Call::kOpen, path)) return fault->error;
     if (machine_.sysfs.exists(path)) return machine_.sysfs.refusal(path, !toWrite, toWrite);
     const auto use = toWrite ? Probes::Use::kCreate : Probes::Use::kRead;

@@ -67,14 +67,41 @@ std::vector<Event> Trace::events(EventKind kind) const {
     return found;
 }
 
-void Trace::add(EventKind kind, std::string source, std::string text, std::vector<uint8_t> bytes) {
+std::optional<CutPosition> Trace::add(EventKind kind, std::string source, std::string text,
+                                      std::vector<uint8_t> bytes) {
     Scheduler::arrive();
     Guard guard(boardLock());
-    if (!recording_) return;
-    events_.push_back(
-        {theScheduler().now(), kind, std::move(source), std::move(text), std::move(bytes)});
-    const Event event = listeners_.empty() ? Event{} : events_.back();
-    for (const auto& listener : listeners_) listener(event);
+    cutIfDue();
+    Machine* machine = poweredMachine();
+    if (machine != nullptr && machine->dead()) return CutPosition::kBefore;
+    const bool last = cut_ && cut_->event == count_;
+    ++count_;
+    if (recording_) {
+        events_.push_back(
+            {theScheduler().now(), kind, std::move(source), std::move(text), std::move(bytes)});
+        const Event event = listeners_.empty() ? Event{} : events_.back();
+        for (const auto& listener : listeners_) listener(event);
+    }
+    if (!last || machine == nullptr) return std::nullopt;
+    due_ = cut_->position == CutPosition::kAfter;
+    if (!due_) machine->losePower();
+    return cut_->position;
+}
+
+uint64_t Trace::count() const {
+    Guard guard(boardLock());
+    return count_;
+}
+
+void Trace::cutPowerAt(PowerCut cut) {
+    Guard guard(boardLock());
+    cut_ = cut;
+}
+
+void Trace::cutIfDue() {
+    if (!due_) return;
+    due_ = false;
+    if (Machine* machine = poweredMachine()) machine->losePower();
 }
 
 void Trace::addWireByte(const WireByte& byte) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -36,6 +37,15 @@ enum class EventKind {
     kMcu      // what runs on the microcontroller
 };
 
+// Where power goes: at the event with this number, counted from 0 at power-on. Before it: nothing
+// of it happens. Inside: what takes its time (a flash operation) is torn, all else is as before.
+// After: it has happened, and nothing follows.
+enum class CutPosition { kBefore, kInside, kAfter };
+struct PowerCut {
+    uint64_t event;
+    CutPosition position;
+};
+
 struct Event {
     Nanos at;
     EventKind kind;
@@ -64,7 +74,15 @@ class Trace {
 
     std::vector<Event> events() const;
     std::vector<Event> events(EventKind) const;
-    void add(EventKind, std::string source, std::string text, std::vector<uint8_t> bytes = {});
+    // Announces what is about to happen. A part that keeps its state without power looks whether
+    // power goes at this event.
+    std::optional<CutPosition> add(EventKind, std::string source, std::string text,
+                                   std::vector<uint8_t> bytes = {});
+    uint64_t count() const;  // of all events since power-on, recorded or not
+    void cutPowerAt(PowerCut);
+    // Power goes now if the last event was to be the last; called where something new begins.
+    void cutIfDue();
+    bool cutIsDue() const { return due_; }
     void addWireByte(const WireByte&);
     // Called with every event from now on, on the thread that caused it. It may print, not wait.
     void onEvent(std::function<void(const Event&)>);
@@ -83,6 +101,9 @@ class Trace {
     std::vector<WireByte> wire_;
     std::vector<std::function<void(const Event&)>> listeners_;
     bool recording_ = true;
+    uint64_t count_ = 0;
+    std::optional<PowerCut> cut_;
+    bool due_ = false;
 };
 
 const char* nameOf(EventKind);

@@ -108,6 +108,45 @@ void Uart::plug() {
     readinessChanged();
 }
 
+void Uart::addFault(const LineFault& fault) {
+    Guard guard(boardLock());
+    faults_.push_back(fault);
+    faults_.back().byte += passed_.at(fault.fromHost ? 1 : 0);
+}
+
+void Uart::powerLost() {
+    plugged_ = false;
+    tx_.clear();
+    rx_.clear();
+    incoming_.clear();
+    burst_.clear();
+}
+
+Nanos Uart::lateness(bool fromHost) const {
+    Nanos late{0};
+    for (const LineFault& fault : faults_) {
+        const bool here = fault.fromHost == fromHost && fault.byte == passed_.at(fromHost ? 1 : 0);
+        if (here && fault.kind == LineFault::Kind::kLate) late += fault.delay;
+    }
+    return late;
+}
+
+std::vector<uint8_t> Uart::arriving(bool fromHost, uint8_t byte) {
+    std::vector<uint8_t> before;
+    bool lost = false;
+    const size_t number = passed_.at(fromHost ? 1 : 0);
+    for (const LineFault& fault : faults_) {
+        if (fault.fromHost != fromHost || fault.byte != number) continue;
+        if (fault.kind == LineFault::Kind::kCorrupt) byte ^= fault.value;
+        if (fault.kind == LineFault::Kind::kExtra) before.push_back(fault.value);
+        lost = lost || fault.kind == LineFault::Kind::kLost;
+        note(EventKind::kFault, path_,
+             "byte " + std::to_string(number) + (fromHost ? " from the host" : " to the host"));
+    }
+    if (!lost) before.push_back(byte);
+    return before;
+}
+
 std::vector<uint8_t> Uart::sentByHost() const {
     Guard guard(boardLock());
     return sent_;
@@ -153,7 +192,7 @@ ssize_t Uart::hostWrite(const uint8_t* data, size_t count, bool nonBlocking) {
         startTransmit();
         if (done == count || nonBlocking) break;
         theScheduler().park("room in the transmit buffer", this);
-        if (poweredMachine() == nullptr) break;
+        if (poweredMachine() == nullptr || poweredMachine()->dead()) break;
     }
     if (done == 0 && count > 0) return -EAGAIN;
     const std::vector<uint8_t> bytes(data, data + done);
@@ -169,7 +208,8 @@ void Uart::startTransmit() {
     if (transmitting_ || tx_.empty() || line_.baud == 0) return;
     transmitting_ = true;
     noteByte(theScheduler().now(), line_, true, tx_.front());
-    theScheduler().at(theScheduler().now() + line_.byteTime(), [this] { transmitted(); });
+    const Nanos late = faults_.empty() ? Nanos(0) : lateness(true);
+    theScheduler().at(theScheduler().now() + line_.byteTime() + late, [this] { transmitted(); });
 }
 
 void Uart::transmitted() {
@@ -178,12 +218,19 @@ void Uart::transmitted() {
     const uint8_t byte = tx_.front();
     const bool wasFull = tx_.size() == kBuffer;
     tx_.pop_front();
+    std::vector<uint8_t> faulty;
+    if (!faults_.empty()) faulty = arriving(true, byte);
+    ++passed_[1];
     startTransmit();
     if (wasFull) {
         theScheduler().wakeAll(this);
         readinessChanged();
     }
-    if (peer_ != nullptr) peer_->receive(asHeardAt(line_, peer_->lineSettings(), byte));
+    if (peer_ == nullptr) return;
+    if (faults_.empty()) return peer_->receive(asHeardAt(line_, peer_->lineSettings(), byte));
+    for (const uint8_t heard : faulty) {
+        peer_->receive(asHeardAt(line_, peer_->lineSettings(), heard));
+    }
 }
 
 // A receiver set up differently samples the wrong bits: what it gets is not what was sent.
@@ -205,7 +252,14 @@ void Uart::startReceive() {
     receiving_ = true;
     const LineSettings line = peer_ != nullptr ? peer_->lineSettings() : line_;
     noteByte(theScheduler().now(), line, false, incoming_.front());
-    theScheduler().at(theScheduler().now() + line.byteTime(), [this] { received(); });
+    const Nanos late = faults_.empty() ? Nanos(0) : lateness(false);
+    theScheduler().at(theScheduler().now() + line.byteTime() + late, [this] { received(); });
+}
+
+void Uart::keep(uint8_t byte) {
+    if (openCount_ == 0) return;
+    if (rx_.size() < kBuffer) rx_.push_back(byte);  // a full buffer loses what comes
+    burst_.push_back(byte);
 }
 
 void Uart::received() {
@@ -214,10 +268,12 @@ void Uart::received() {
     const LineSettings sender = peer_ != nullptr ? peer_->lineSettings() : line_;
     const uint8_t byte = asHeardAt(sender, line_, incoming_.front());
     incoming_.pop_front();
-    if (openCount_ > 0) {
-        if (rx_.size() < kBuffer) rx_.push_back(byte);  // a full buffer loses what comes
-        burst_.push_back(byte);
+    if (faults_.empty()) {
+        keep(byte);
+    } else {
+        for (const uint8_t heard : arriving(false, byte)) keep(heard);
     }
+    ++passed_[0];
     startReceive();
     if (!receiving_ && !burst_.empty()) {
         const std::vector<uint8_t> burst = std::exchange(burst_, {});

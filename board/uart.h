@@ -4,6 +4,7 @@
 
 #include <termios.h>
 
+#include <array>
 #include <cstdint>
 #include <deque>
 #include <string>
@@ -23,6 +24,22 @@ struct LineSettings {
     Nanos byteTime() const { return Nanos(baud > 0 ? 1'000'000'000LL * frameBits() / baud : 0); }
 };
 LineSettings settingsOf(const termios&);
+
+// One byte that goes wrong on the line. Bytes are counted by direction, from the adding of the
+// fault: 0 is the next one.
+struct LineFault {
+    enum class Kind {
+        kCorrupt,  // its bits of `value` are inverted
+        kLost,     // it never arrives
+        kExtra,    // `value` arrives before it
+        kLate,     // it takes `delay` longer
+    };
+    Kind kind;
+    bool fromHost;
+    size_t byte = 0;
+    uint8_t value = 0x01;
+    Nanos delay{0};
+};
 
 // What hangs on the wire. Called at the moment when the byte's stop bit has passed.
 class UartPeer {
@@ -47,6 +64,7 @@ class Uart {
     std::string mode() const;  // "8N1"
     void unplug();             // the device is gone: EIO, end of file
     void plug();
+    void addFault(const LineFault&);
     std::vector<uint8_t> sentByHost() const;  // every byte accepted by write()
     size_t bytesOnTheWay() const;             // accepted by write(), not yet at the peer
 
@@ -66,13 +84,18 @@ class Uart {
     bool writable() const;
     void opened();
     void closed();
+    void powerLost();
 
   private:
     void startTransmit();
     void transmitted();
     void startReceive();
     void received();
+    void keep(uint8_t byte);
     bool waitForInput(size_t need, bool nonBlocking);
+    // What arrives for a byte that is sent, and how much later, with the faults of the line.
+    std::vector<uint8_t> arriving(bool fromHost, uint8_t byte);
+    Nanos lateness(bool fromHost) const;
     uint8_t asHeardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte);
 
     std::string path_;
@@ -83,6 +106,8 @@ class Uart {
     int openCount_ = 0;
     std::deque<uint8_t> tx_, rx_, incoming_;
     std::vector<uint8_t> sent_, burst_;
+    std::vector<LineFault> faults_;
+    std::array<size_t, 2> passed_{};  // bytes that came through: to the host, from it
     bool transmitting_ = false, receiving_ = false;
 };
 
