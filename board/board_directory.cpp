@@ -2,7 +2,6 @@
 
 #include <array>
 #include <fstream>
-#include <iterator>
 #include <stdexcept>
 
 #include "board/fpga_image.h"
@@ -165,9 +164,13 @@ void createBoardDirectory(const std::filesystem::path& dir, Product product,
 std::optional<std::string> readWholeFile(const std::filesystem::path& path) {
     std::error_code error;
     if (!std::filesystem::is_regular_file(path, error)) return std::nullopt;
-    std::ifstream file(path, std::ios::binary);
+    std::ifstream file(path, std::ios::binary | std::ios::ate);
     if (!file) return std::nullopt;
-    return std::string(std::istreambuf_iterator<char>(file), {});
+    std::string content(static_cast<size_t>(file.tellg()), '\0');
+    file.seekg(0);
+    file.read(content.data(), static_cast<std::streamsize>(content.size()));
+    content.resize(static_cast<size_t>(file.gcount()));
+    return content;
 }
 
 void writeWholeFile(const std::filesystem::path& path, std::string_view content) {

@@ -1,7 +1,6 @@
 #include "board/fpga_image.h"
 
 #include <algorithm>
-#include <array>
 #include <stdexcept>
 
 namespace quil::board {
@@ -10,17 +9,6 @@ namespace {
 constexpr uint32_t kSyncWord = 0xFA5C0DE5;
 constexpr size_t kSizeAt = 4, kCrcAt = 8, kVersionAt = 12, kVersionSize = 20, kHeaderSize = 32;
 static_assert(kVersionAt + kVersionSize == kHeaderSize);
-
-constexpr std::array<uint32_t, 256> makeCrcTable() {
-    std::array<uint32_t, 256> table{};
-    for (uint32_t i = 0; i < table.size(); ++i) {
-        uint32_t value = i;
-        for (int bit = 0; bit < 8; ++bit) value = (value >> 1) ^ ((value & 1) * 0xEDB88320);
-        table[i] = value;
-    }
-    return table;
-}
-constexpr std::array<uint32_t, 256> kCrcTable = makeCrcTable();
 
 uint32_t wordAt(std::span<const uint8_t> bytes, size_t at) {
     uint32_t word = 0;
@@ -37,12 +25,6 @@ std::span<const uint8_t> bytesOf(std::string_view text) {
 }
 
 }  // namespace
-
-uint32_t crc32(std::span<const uint8_t> bytes) {
-    uint32_t crc = 0xFFFFFFFF;
-    for (const uint8_t byte : bytes) crc = kCrcTable[(crc ^ byte) & 0xFF] ^ (crc >> 8);
-    return ~crc;
-}
 
 std::string makeFpgaImage(std::string_view version, size_t size) {
     if (version.size() > kVersionSize) throw std::runtime_error("the FPGA version is too long");

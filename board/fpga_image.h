@@ -11,6 +11,8 @@
 #include <string>
 #include <string_view>
 
+#include "board/crc32.h"
+
 namespace quil::board {
 
 // Makes a valid image of exactly `size` bytes. Throws std::runtime_error when the version does not
@@ -25,7 +27,5 @@ struct FpgaImageCheck {
 // What an FPGA finds that reads its configuration from these bytes; more of them may follow the
 // image.
 FpgaImageCheck checkFpgaImage(std::span<const uint8_t> bytes);
-
-uint32_t crc32(std::span<const uint8_t> bytes);
 
 }  // namespace quil::board

@@ -1,31 +1,15 @@
 #include "board/mcu_image.h"
 
 #include <algorithm>
-#include <array>
 #include <stdexcept>
+
+#include "board/crc32.h"
 
 namespace quil::board {
 namespace {
 
 constexpr size_t kInfoAt = 0x200, kLengthAt = 0x208, kCodeAt = 0x220, kCrcSize = 4;
 constexpr std::string_view kMagic = "MCUIMAGE";
-
-constexpr std::array<uint32_t, 256> crcTable() {
-    std::array<uint32_t, 256> table{};
-    for (uint32_t i = 0; i < table.size(); ++i) {
-        uint32_t value = i;
-        for (int bit = 0; bit < 8; ++bit) value = value >> 1 ^ (value & 1 ? 0xEDB88320 : 0);
-        table.at(i) = value;
-    }
-    return table;
-}
-
-uint32_t crc32(std::span<const uint8_t> bytes) {
-    static constexpr auto kTable = crcTable();
-    uint32_t crc = 0xFFFFFFFF;
-    for (const uint8_t byte : bytes) crc = crc >> 8 ^ kTable.at((crc ^ byte) & 0xFF);
-    return ~crc;
-}
 
 uint32_t word(std::span<const uint8_t> bytes, size_t at) {
     return static_cast<uint32_t>(bytes[at]) | static_cast<uint32_t>(bytes[at + 1]) << 8 |

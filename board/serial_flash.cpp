@@ -23,7 +23,9 @@ std::string hexNumber(uint32_t number) {
 // Null: the operation goes on.
 std::optional<Fault> faultOf(Call call) {
     Machine* machine = poweredMachine();
-    return machine ? machine->faults.take(call, kFlashDevice) : std::nullopt;
+    if (machine == nullptr) return std::nullopt;
+    if (machine->dead()) return Fault{.call = call, .error = EIO};
+    return machine->faults.take(call, kFlashDevice);
 }
 
 void note(const std::string& text) {
@@ -47,9 +49,8 @@ std::vector<uint8_t> SerialFlash::read(uint32_t offset, size_t length) const {
     Guard guard(boardLock());
     const size_t end = std::min<size_t>(kSize, offset + length);
     std::vector<uint8_t> cells(end > offset ? end - offset : 0, kErased);
-    for (size_t at = offset; at < std::min(end, cells_.size()); ++at) {
-        cells[at - offset] = cells_[at];
-    }
+    const size_t kept = std::min(end, cells_.size());
+    if (kept > offset) std::copy_n(cells_.begin() + offset, kept - offset, cells.begin());
     return cells;
 }
 
