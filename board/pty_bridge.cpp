@@ -154,6 +154,7 @@ void PtyBridge::serveOnce() {
     pollfd entry{master_, POLLIN, 0};
     const int ready = real().poll(&entry, 1, part_->waitMs());
     if (ready > 0 && (entry.revents & POLLIN) != 0) {
+        inUse_.store(true);
         std::array<uint8_t, 512> bytes{};
         const ssize_t got = real().read(master_, bytes.data(), bytes.size());
         for (ssize_t i = 0; i < got; ++i) {
@@ -162,6 +163,7 @@ void PtyBridge::serveOnce() {
         }
     } else if (ready > 0 && (entry.revents & POLLHUP) != 0) {
         part_->restart();  // nobody has the port open
+        inUse_.store(false);
         const timespec pause{0, 5'000'000};
         real().nanosleep(&pause, nullptr);
     }

@@ -32,6 +32,8 @@ class PtyBridge {
     const std::string& port() const;  // "/dev/pts/3"
     void run();                       // serves until stop is called
     void stop();                      // from any thread, or a signal's handler
+    // A program has spoken on the port and not closed it yet. From any thread.
+    bool inUse() const { return inUse_.load(); }
     // Between runs.
     McuFlash& flash();
     LoaderFaults& faults();
@@ -44,7 +46,7 @@ class PtyBridge {
     const PtyBridgeOptions options_;
     std::string port_;
     int master_ = -1;
-    std::atomic<bool> stopped_{false};
+    std::atomic<bool> stopped_{false}, inUse_{false};
     std::unique_ptr<Part> part_;
 };
 

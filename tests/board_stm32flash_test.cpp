@@ -63,7 +63,9 @@ class BoardStm32flash : public testing::TestWithParam<Part> {
         while (pipe != nullptr && fgets(chunk.data(), chunk.size(), pipe) != nullptr) {
             output += chunk.data();
         }
-        return pipe != nullptr ? pclose(pipe) : -1;
+        const int status = pipe != nullptr ? pclose(pipe) : -1;
+        while (bridge->inUse()) std::this_thread::yield();  // until the close has reset the part
+        return status;
     }
 
     fs::path directory;
