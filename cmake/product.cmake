@@ -32,6 +32,7 @@ add_library(quil_impl SHARED
   service/self_test_dispatch.cpp
   service/mcu_forwarding.cpp
   service/client_registry.cpp
+  service/debug_dump.cpp
   update/config_info.cpp
   update/fpga_update.cpp
   update/mcu_update.cpp)

@@ -5,6 +5,7 @@
 
 #include "common/log.h"
 #include "common/mutex_lock.h"
+#include "mculink/frame.h"
 #include "mculink/request.h"
 #include "service/quil_service_manager.h"
 #include "update/config_info.h"
@@ -39,7 +40,10 @@ Return<int32_t> QuilServiceManager::sendTclvDataToMcu(tclvMsg* msg, uint8_t is_w
                        __func__, msg->length, static_cast<unsigned>(msg->msgBody.size()));
         return -1;
     }
-    if (send_mcu_message(msg->cmd, is_write, msg->msgBody.data(), msg->length, info->mcu_fd) < 0) {
+    const int sent =
+        send_mcu_message(msg->cmd, is_write, msg->msgBody.data(), msg->length, info->mcu_fd);
+    mCounters.lastLabel = g_n_lable;
+    if (sent < 0) {
         QUIL_LOG_ERROR(kServiceTag, "%s: send_mcu_message failed\n", __func__);
         return -1;
     }
@@ -65,6 +69,7 @@ Return<void> QuilServiceManager::doWaitMcu() {
     mDataReady = false;
     const MutexLock lock(mWaitMutex);
     if (!waitForAnswer()) {
+        ++mCounters.timeOuts;
         QUIL_LOG_ERROR(kServiceTag,
                        "%s: Timeout 5s waiting for response from MCU. frame_seq_num = 0x%x\n",
                        __func__, g_n_lable);

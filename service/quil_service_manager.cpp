@@ -32,6 +32,7 @@ Return<void> QuilServiceManager::handleRequest(const Method& method,
     hidl_service_type_t type = HIDL_SERVICE_TYPE_INVALID;
     const int32_t parsed = convertRequestToTclvMsg(request, &msg);
     if (parsed < 0) {
+        ++mCounters.refused;
         QUIL_LOG_ERROR(kServiceTag, "%s: convertRequestToTclvMsg failed, ret = %d\n", method.name,
                        parsed);
     } else if (const int32_t mapped = getBusinessTypeByTclvMsg(&msg, &type); mapped < 0) {
@@ -48,6 +49,7 @@ void QuilServiceManager::dispatch(const Method& method, tclvMsg& msg, hidl_servi
     int32_t ret = 0;
     switch (type) {
         case HIDL_SERVICE_TYPE_MCU:
+            ++mCounters.mcu;
             QUIL_LOG_DEBUG(kServiceTag, "%s: process HIDL_SERVICE_TYPE_MCU\n", method.name);
             ret = sendTclvDataToMcu(&msg, method.isWrite);
             if (ret < 0) {
@@ -56,6 +58,7 @@ void QuilServiceManager::dispatch(const Method& method, tclvMsg& msg, hidl_servi
             }
             return;
         case HIDL_SERVICE_TYPE_POWER_CONTROL:
+            ++mCounters.powerControl;
             QUIL_LOG_DEBUG(kServiceTag, "%s: process HIDL_SERVICE_TYPE_POWER_CONTROL\n",
                            method.name);
             ret = powerControl(&msg);
@@ -65,6 +68,7 @@ void QuilServiceManager::dispatch(const Method& method, tclvMsg& msg, hidl_servi
             }
             return;
         case HIDL_SERVICE_TYPE_SELF_TEST:
+            ++mCounters.selfTest;
             QUIL_LOG_DEBUG(kServiceTag, "%s: process HIDL_SERVICE_TYPE_SELF_TEST\n", method.name);
             if (method.isWrite != 0) return;  // run by reading only
             ret = selfTest(&msg);
@@ -75,6 +79,7 @@ void QuilServiceManager::dispatch(const Method& method, tclvMsg& msg, hidl_servi
         case HIDL_SERVICE_TYPE_INVALID:
             break;
     }
+    ++mCounters.unknown;
     QUIL_LOG_DEBUG(kServiceTag, "%s: invalid hidl service type = 0x%x\n", method.name,
                    static_cast<unsigned>(type));
 }

@@ -40,6 +40,11 @@ class QUIL_EXPORT QuilServiceManager : public IQuilServiceManager {
     // Delivers the MCU's answer; whoever waits for one gets these bytes.
     Return<void> wakeUp(const hidl_vec<uint8_t>& data) override;
 
+    // Writes the state of the service as text, at most 4 KiB, to the first descriptor of `handle`:
+    // version, configuration, firmware flags, counters, callbacks. Waits for no request.
+    Return<void> debug(const ::android::hardware::hidl_handle& handle,
+                       const hidl_vec<::android::hardware::hidl_string>& options) override;
+
     // The steps of a request. Each returns 0, or -1 on failure.
     Return<int32_t> convertRequestToTclvMsg(const hidl_vec<uint8_t>& request, tclvMsg* msg);
     Return<int32_t> getBusinessTypeByTclvMsg(tclvMsg* msg, hidl_service_type_t* type);
@@ -64,6 +69,11 @@ class QUIL_EXPORT QuilServiceManager : public IQuilServiceManager {
 
   private:
     using ResultCallback = std::function<void(const hidl_vec<uint8_t>&)>;
+    // What debug() tells: requests by type, since the service was made.
+    struct Counters {
+        std::atomic<uint32_t> mcu{0}, powerControl{0}, selfTest{0}, unknown{0}, refused{0};
+        std::atomic<uint32_t> timeOuts{0}, lastLabel{0};
+    };
     struct Method {
         const char* name;
         uint8_t isWrite;
@@ -75,6 +85,8 @@ class QUIL_EXPORT QuilServiceManager : public IQuilServiceManager {
     QUIL_HIDDEN void answer(const ResultCallback& result);
     QUIL_HIDDEN bool waitForAnswer();
     QUIL_HIDDEN std::vector<sp<IQuilServiceCallback>> snapshotOfClients();
+
+    Counters mCounters;
 };
 
 // The factory that the platform's passthrough loader calls; the instance name is ignored.

@@ -1,0 +1,7 @@
+#pragma once
+
+namespace quil::common {
+
+inline constexpr char kVersion[] = "1.0.0";
+
+}  // namespace quil::common
