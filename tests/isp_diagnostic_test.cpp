@@ -63,10 +63,6 @@ class IspDiagnostic : public IspTest {
         std::ifstream file(board.hostPath(kReadBackPath), std::ios::binary);
         return {std::istreambuf_iterator<char>(file), {}};
     }
-    void makeHuge() {
-        writeImage({});
-        std::filesystem::resize_file(board.hostPath(kImagePath), 3ULL << 30);
-    }
 };
 
 // Around the command.
@@ -180,7 +176,7 @@ TEST_F(IspDiagnostic, ReadMemoryThatCannotBeKeptStillGives0) {
 }
 
 TEST_F(IspDiagnostic, ReadMemoryWithoutASizeGives15) {
-    makeHuge();
+    if (!writeHugeImage()) GTEST_SKIP() << "32-bit file sizes";
     EXPECT_EQ(runSynchronised(0x11), 15);
     EXPECT_THAT(saidInside(),
                 ElementsAre("D send cmd [0x11] : CMD_READ_MEMORY        \n",
@@ -294,7 +290,7 @@ TEST_F(IspDiagnostic, RefusedExtendedEraseGives15) {
 }
 
 TEST_F(IspDiagnostic, ExtendedEraseWithoutASizeGives15) {
-    makeHuge();
+    if (!writeHugeImage()) GTEST_SKIP() << "32-bit file sizes";
     sync();
     mcu.expect({0x44, 0xBB}, kAnswerAck);
     EXPECT_EQ(run(0x44), 15);

@@ -54,8 +54,7 @@ TEST_F(IspFirmwareFile, FileThatCannotBeLookedAtHasSize0) {
 }
 
 TEST_F(IspFirmwareFile, FileOf3GibHasANegativeSize) {
-    writeImage({});
-    std::filesystem::resize_file(board.hostPath(kImagePath), 3ULL << 30);
+    if (!writeHugeImage()) GTEST_SKIP() << "32-bit file sizes";
     EXPECT_EQ(file_size(kImagePath), -1073741824);
     EXPECT_THAT(said(), ElementsAre("D get binfile size: -1073741824\n"));
 }

@@ -6,6 +6,7 @@
 
 #include <cmath>
 #include <deque>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -174,6 +175,15 @@ class IspTest : public LibraryTest {
 
     void writeImage(const Bytes& image) {
         board.writeFile(kImagePath, std::string(image.begin(), image.end()));
+    }
+
+    // An image of 3 GiB, whose size is a negative int. Returns false where the workstation's C
+    // library, other than the board's, has no files of that size.
+    bool writeHugeImage() {
+        if (sizeof(off_t) < 8) return false;
+        writeImage({});
+        std::filesystem::resize_file(board.hostPath(kImagePath), 3ULL << 30);
+        return true;
     }
 
     // A block of a memory write, with every answer an ACK.
