@@ -61,6 +61,11 @@ void Board::writeFile(std::string_view boardPath, std::string_view content) {
     writeWholeFile(path, content);
 }
 
+void Board::lendDevice(const std::string& path) {
+    Guard guard(boardLock());
+    machine_->lentDevices.lend(path);
+}
+
 Nanos Board::now() const {
     Guard guard(boardLock());
     return machine_->scheduler.now();

@@ -55,6 +55,8 @@ class Board {
     const std::filesystem::path& directory() const;
     std::filesystem::path hostPath(std::string_view boardPath) const;
     void writeFile(std::string_view boardPath, std::string_view content);
+    // From now on this path is the workstation's device, whose traffic is traced.
+    void lendDevice(const std::string& path);
 
     Nanos now() const;         // since power-on
     void runFor(Nanos);        // the calling thread waits in board time

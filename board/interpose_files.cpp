@@ -85,8 +85,21 @@ int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::st
     return fd;
 }
 
+int openLent(Machine& machine, OpenCall call, const char* path, int flags, mode_t mode) {
+    Guard guard(boardLock());
+    const int fd = call(path, flags, mode);
+    const int error = errno;
+    if (fd >= 0) machine.lentDevices.opened(fd, path);
+    machine.trace.add(EventKind::kOpen, path, fd < 0 ? strerrorname_np(error) : "");
+    errno = error;
+    return fd;
+}
+
 int openAnywhere(OpenCall call, const char* path, int flags, mode_t mode) {
     Machine* machine = machineForCall();
+    if (machine != nullptr && path != nullptr && machine->lentDevices.has(path)) {
+        return openLent(*machine, call, path, flags, mode);
+    }
     const auto host = machine ? machine->onHost(path) : std::nullopt;
     if (!host) return call(path, flags, mode);
     return openOnBoard(*machine, call, path, host->string(), flags, mode);
@@ -273,7 +286,12 @@ QUIL_EXPORT ssize_t read(int fd, void* data, size_t count) {
         }
         waitForPipe(*machine, fd);
     }
-    return real().read(fd, data, count);
+    const ssize_t result = real().read(fd, data, count);
+    const int error = errno;
+    Guard guard(boardLock());
+    machine->lentDevices.transferred(fd, EventKind::kUartRx, data, result);
+    errno = error;
+    return result;
 }
 
 QUIL_EXPORT ssize_t __read_chk(int fd, void* data, size_t count, size_t room) {
@@ -289,7 +307,10 @@ QUIL_EXPORT ssize_t write(int fd, const void* data, size_t count) {
         return writeOnBoard(*machine, *file, fd, data, count);
     }
     const ssize_t result = real().write(fd, data, count);
+    const int error = errno;
+    machine->lentDevices.transferred(fd, EventKind::kUartTx, data, result);
     if (machine->scheduler.anyoneParked()) machine->readinessChanged();
+    errno = error;
     return result;
 }
 
@@ -327,6 +348,7 @@ QUIL_EXPORT int close(int fd) {
     if (machine == nullptr) return real().close(fd);
     Guard guard(boardLock());
     const OpenFile* file = machine->openFile(fd);
+    machine->lentDevices.closed(fd);
     const int result = file ? closeOnBoard(*machine, *file, fd) : real().close(fd);
     const int error = errno;
     machine->readinessChanged();

@@ -11,6 +11,7 @@
 
 #include "board/board.h"
 #include "board/fpga_library.h"
+#include "board/lent_devices.h"
 #include "board/lock.h"
 #include "board/scheduler.h"
 
@@ -60,6 +61,7 @@ class Machine {
     GpioLines gpio{sysfs};
     Shell shell{*this};
     std::map<int, OpenFile> files;
+    LentDevices lentDevices;
     std::vector<LogLine> log;
     std::vector<std::string> violations;
     std::unique_ptr<Uart> mcuUart;
