@@ -6,23 +6,40 @@ namespace quil::host {
 
 HostingComponent::~HostingComponent() { stop(); }
 
-StartUpResult HostingComponent::start() {
+StartUpResult HostingComponent::start(const BootJobs& jobs) {
     if (mService != nullptr) return {StartUpError::kService, "the service is already up"};
     if (StartUpResult result = startUp(); !result.ok()) return result;
     mLinkIsOpen = true;
-    mService = IQuilServiceManager::getService("default", true /* passthrough */);
-    if (mService == nullptr) {
+    StartUpResult result = boot(jobs);
+    if (result.ok()) result = loadService();
+    if (!result.ok()) {
         stop();
-        return {StartUpError::kService,
-                "the implementation library could not be loaded (see the log)"};
+        return result;
     }
+    startReader();
+    return {};
+}
+
+// The jobs read the MCU's answers themselves: the reader comes after them.
+StartUpResult HostingComponent::boot(const BootJobs& jobs) {
+    mMcuFirmware = jobs.updateMcu ? bringMcuUpToDate() : McuFirmware::kLeftAsItWas;
+    if (mMcuFirmware != McuFirmware::kLinkLost) return {};
+    return {StartUpError::kLink, "the MCU link could not be opened again after the update"};
+}
+
+StartUpResult HostingComponent::loadService() {
+    mService = IQuilServiceManager::getService("default", true /* passthrough */);
+    if (mService != nullptr) return {};
+    return {StartUpError::kService, "the implementation library could not be loaded (see the log)"};
+}
+
+void HostingComponent::startReader() {
     mReader = std::make_unique<McuReader>(
         config_info->mcu_fd, [service = mService](const WireFrame& answer) {
             const android::hardware::hidl_vec<uint8_t> payload(answer.payload);
             const auto delivered = service->wakeUp(payload);
             (void)delivered.isOk();  // in the same process there is no transport to fail
         });
-    return {};
 }
 
 void HostingComponent::stop() {

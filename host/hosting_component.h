@@ -5,11 +5,17 @@
 #include <memory>
 
 #include "host/mcu_reader.h"
+#include "host/mcu_update.h"
 #include "host/start_up.h"
 
 namespace quil::host {
 
 using ::quil::hardware::quilservicemanager::V1_0::IQuilServiceManager;
+
+// What a boot does before the first client is let in.
+struct BootJobs {
+    bool updateMcu = true;
+};
 
 // A service that is up: configuration parsed, MCU link open, the service object loaded, the reader
 // bringing it the MCU's answers. Everything goes down with it, in the opposite order.
@@ -20,8 +26,11 @@ class HostingComponent {
     HostingComponent(const HostingComponent&) = delete;
     HostingComponent& operator=(const HostingComponent&) = delete;
 
-    StartUpResult start();
+    StartUpResult start(const BootJobs& jobs = {});
     void stop();
+
+    // What the last start did to the MCU.
+    McuFirmware mcuFirmware() const { return mMcuFirmware; }
 
     // What clients talk to; null unless started.
     const android::sp<IQuilServiceManager>& service() const { return mService; }
@@ -29,6 +38,11 @@ class HostingComponent {
     const McuReader* reader() const { return mReader.get(); }
 
   private:
+    StartUpResult boot(const BootJobs& jobs);
+    StartUpResult loadService();
+    void startReader();
+
+    McuFirmware mMcuFirmware = McuFirmware::kLeftAsItWas;
     bool mLinkIsOpen = false;  // a descriptor that the parse left at 0 is not ours to close
     android::sp<IQuilServiceManager> mService;
     std::unique_ptr<McuReader> mReader;
