@@ -60,6 +60,12 @@ TEST(Quilctl, EveryCommandHasHelpWithAnExample) {
                                                             {"frame", "encode"},
                                                             {"frame", "decode"},
                                                             {"board", "new"},
+                                                            {"mcu"},
+                                                            {"mcu", "version"},
+                                                            {"mcu", "update"},
+                                                            {"mcu", "program"},
+                                                            {"mcu", "task"},
+                                                            {"mcu", "model"},
                                                             {"board", "show"}};
     for (auto words : commands) {
         words.push_back("--help");
@@ -110,6 +116,7 @@ TEST(Quilctl, TheLogLevelShowsTheLibrarysDebugLines) {
 TEST(Quilctl, DemoMeetsEveryExpectation) {
     const Said said = quilctl({"demo"});
     EXPECT_EQ(said.code, tools::kOk) << said.out << said.err;
+    EXPECT_THAT(said.out, HasSubstr("8192 bytes programmed      V0.9.0 -> V1.0.0 ok\n"));
     EXPECT_THAT(said.out, HasSubstr(" set [0A 0B] -> [00] "));
     EXPECT_THAT(said.out, EndsWith("All as expected.\n"));
     std::istringstream lines(said.out);

@@ -8,23 +8,12 @@
 #include <ostream>
 #include <stdexcept>
 
+#include "board/mcu_fitting.h"
+
 namespace quil::tools {
 namespace {
 
 constexpr char kLogLevelProperty[] = "persist.quil.device.log.level";
-
-std::unique_ptr<board::Board> powerOn(const Options& options) {
-    const board::BoardOptions how{options.realtime, options.seed};
-    if (options.boardDirectory.empty()) {
-        const auto product = board::productByName(options.product).value_or(board::Product::kHeron);
-        return std::make_unique<board::Board>(product, how);
-    }
-    if (!std::filesystem::is_directory(options.boardDirectory)) {
-        throw std::runtime_error("no board directory " + options.boardDirectory +
-                                 " (quilctl board new makes one)");
-    }
-    return std::make_unique<board::Board>(std::filesystem::path(options.boardDirectory), how);
-}
 
 void writeTrace(const board::Trace& trace, const std::filesystem::path& file) {
     if (file.extension() == ".vcd") {
@@ -54,11 +43,39 @@ QuietStandardOutput::~QuietStandardOutput() {
     close(mSaved);
 }
 
+TemporaryBoard::TemporaryBoard(board::Product product) {
+    std::string pattern = (std::filesystem::temp_directory_path() / "board-XXXXXX").string();
+    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
+    mPath = pattern;
+    board::createBoardDirectory(mPath, product);
+}
+
+TemporaryBoard::~TemporaryBoard() {
+    std::error_code ignored;
+    std::filesystem::remove_all(mPath, ignored);
+}
+
 BoardSession::BoardSession(const Options& options, const Console& console, bool showLog)
-    : mOptions(options), mConsole(console), mBoard(powerOn(options)) {
+    : mOptions(options), mConsole(console), mBoard(powerOn()) {
     if (showLog || !options.logLevel.empty()) showLogLines();
     applyLogLevel();
     mHost.emplace();
+}
+
+std::unique_ptr<board::Board> BoardSession::powerOn() {
+    std::filesystem::path directory = mOptions.boardDirectory;
+    if (directory.empty()) {
+        mTemporary.emplace(board::productByName(mOptions.product).value_or(board::Product::kHeron));
+        directory = mTemporary->path();
+        const board::McuPart* part = board::partNamedIn(mOptions.chip);
+        if (part != nullptr) board::fitMcu(directory, {.kind = part->kind});
+    } else if (!std::filesystem::is_directory(directory)) {
+        throw std::runtime_error("no board directory " + mOptions.boardDirectory +
+                                 " (quilctl board new makes one)");
+    }
+    if (!mOptions.mcuInstalled.empty()) board::flashMcu(directory, mOptions.mcuInstalled);
+    return std::make_unique<board::Board>(directory,
+                                          board::BoardOptions{mOptions.realtime, mOptions.seed});
 }
 
 BoardSession::~BoardSession() {
@@ -90,8 +107,8 @@ void BoardSession::finish() {
     if (!mOptions.traceFile.empty()) writeTrace(mBoard->trace(), mOptions.traceFile);
 }
 
-void BoardSession::startService() {
-    const host::StartUpResult result = mHost->start();
+void BoardSession::startService(const host::BootJobs& jobs) {
+    const host::StartUpResult result = mHost->start(jobs);
     if (!result.ok()) throw std::runtime_error(result.text);
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <filesystem>
 #include <memory>
 #include <optional>
 
@@ -21,6 +22,20 @@ class QuietStandardOutput {
     int mSaved;
 };
 
+// A board directory that goes away with it.
+class TemporaryBoard {
+  public:
+    explicit TemporaryBoard(board::Product product);  // throws std::runtime_error
+    ~TemporaryBoard();
+    TemporaryBoard(const TemporaryBoard&) = delete;
+    TemporaryBoard& operator=(const TemporaryBoard&) = delete;
+
+    const std::filesystem::path& path() const { return mPath; }
+
+  private:
+    std::filesystem::path mPath;
+};
+
 // A powered board as the options ask for it. Log lines go to the error stream as they come; the
 // trace is written at the end.
 class BoardSession {
@@ -34,9 +49,12 @@ class BoardSession {
     board::Board& board() { return *mBoard; }
     host::HostingComponent& host() { return *mHost; }
 
-    void startService();  // throws std::runtime_error when it does not come up
+    // Throws std::runtime_error when it does not come up. Boot jobs have commands of their own: a
+    // request should not reprogram the MCU.
+    void startService(const host::BootJobs& jobs = {.updateMcu = false});
 
   private:
+    std::unique_ptr<board::Board> powerOn();
     void showLogLines();
     void applyLogLevel();
     void finish();
@@ -44,6 +62,7 @@ class BoardSession {
     const Options mOptions;
     const Console& mConsole;
     QuietStandardOutput mQuiet;
+    std::optional<TemporaryBoard> mTemporary;
     std::unique_ptr<board::Board> mBoard;
     std::optional<host::HostingComponent> mHost;
     std::string mFormerLevel;

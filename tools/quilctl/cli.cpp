@@ -82,6 +82,7 @@ int run(int argc, const char* const* argv, const Console& console) {
     addFrameCommands(app, cli);
     addBoardCommands(app, cli);
     addScreenCommands(app, cli);
+    addMcuCommands(app, cli);
     addDemoCommand(app, cli);
     try {
         app.parse(argc, argv);

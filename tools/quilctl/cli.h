@@ -24,12 +24,15 @@ struct Console {
     std::istream& in;
     std::ostream& out;
     std::ostream& err;
-    bool styled = false;  // a terminal that wants bold and colour
+    bool styled = false;    // a terminal that wants bold and colour
+    bool progress = false;  // the error stream is a terminal: a line may be written over
 };
 
 struct Options {
     std::string boardDirectory;  // empty: a temporary one
     std::string product;
+    std::string chip;          // of a temporary board's MCU; empty: the product's
+    std::string mcuInstalled;  // the version that the MCU has before; empty: as it is
     std::string traceFile;
     std::string logLevel;  // empty: as the board has it
     uint64_t seed = 1;
@@ -53,6 +56,7 @@ void addConfigCommands(CLI::App& app, Cli& cli);
 void addFrameCommands(CLI::App& app, Cli& cli);
 void addBoardCommands(CLI::App& app, Cli& cli);
 void addScreenCommands(CLI::App& app, Cli& cli);
+void addMcuCommands(CLI::App& app, Cli& cli);
 void addDemoCommand(CLI::App& app, Cli& cli);
 
 }  // namespace quil::tools

@@ -1,4 +1,6 @@
-#include <sys/time.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <chrono>
@@ -7,6 +9,7 @@
 
 #include "host/firmware_update_guard.h"
 #include "tools/quilctl/client.h"
+#include "tools/quilctl/programming_watch.h"
 #include "tools/quilctl/self_test.h"
 #include "update/config_info.h"
 
@@ -15,12 +18,14 @@ namespace {
 
 constexpr uint32_t kVersionCommand = 0x00000001;
 constexpr uint32_t kValueCommand = 0x00000102;
+constexpr auto kMcuStart = std::chrono::milliseconds(10);  // until its application answers
+constexpr char kOlderVersion[] = "V0.9.0";
 
 // Real time, whatever the board makes of the clocks that the library uses.
 double realMilliseconds() {
-    timeval now{};
-    gettimeofday(&now, nullptr);
-    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_usec) / 1e3;
+    timespec now{};
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
 }
 
 std::string quotedOrHex(const Bytes& bytes) {
@@ -41,7 +46,8 @@ class Demo {
     std::string newOnTheWire();
     Bytes request(const std::string& step, bool isWrite, const Bytes& bytes, const Bytes& expected,
                   bool reachesMcu);
-    void bringUp();
+    void boot();
+    void linkUp();
     void firmwareUpdate();
     void silentMcu();
     void callback();
@@ -100,9 +106,23 @@ Bytes Demo::request(const std::string& step, bool isWrite, const Bytes& bytes,
     return answer;
 }
 
-void Demo::bringUp() {
-    row("power on", std::string(mSession.board().directory().filename()), "", true);
-    mSession.startService();
+// The hosting component finds the older firmware and programs the shipped one.
+void Demo::boot() {
+    auto& board = mSession.board();
+    const std::string before = board.mcuChip().version();
+    row("power on, the MCU runs " + before, std::string(board.directory().filename()), "",
+        before == kOlderVersion);
+    mSession.startService({.updateMcu = true});
+    board.runFor(kMcuStart);
+    const auto& record = *config_info;
+    ProgrammingWatch watch(record.mcu_uart_path, record.mcu_serial);
+    for (const board::Event& event : board.trace().events()) watch.see(event);
+    const std::string running = board.mcuChip().version();
+    row("boot, the MCU is updated", std::to_string(watch.written()) + " bytes programmed",
+        before + " -> " + running, running == record.mcu_fw_version && watch.attempts() == 1);
+}
+
+void Demo::linkUp() {
     const auto& record = *config_info;
     row("parse /vendor/etc/product.ini", record.mcu_uart_path, record.product,
         record.product[0] != '\0');
@@ -160,10 +180,11 @@ int Demo::run() {
     const Bytes value = {0x0A, 0x0B};
     mConsole.out << "board time    step                           on the wire to the MCU     "
                     "client got\n";
-    bringUp();
-    const Bytes version = ask(mSession, false, requestOf(kVersionCommand, {}));
-    row("get 0x1, the MCU's version", newOnTheWire(), quotedOrHex(version),
-        version.size() > 1 && version.front() == 'V');
+    boot();
+    linkUp();
+    const std::string shipped = config_info->mcu_fw_version;
+    const Bytes version(shipped.begin(), shipped.end());
+    request("get 0x1, the MCU's version", false, requestOf(kVersionCommand, {}), version, true);
     request("set 0x102", true, requestOf(kValueCommand, value), {0x00}, true);
     request("get 0x102 back", false, requestOf(kValueCommand, {}), value, true);
     request("get, only 3 bytes of request", false, {0x01, 0x00, 0x00}, {}, false);
@@ -180,7 +201,9 @@ int Demo::run() {
 }
 
 int demo(const Cli& cli) {
-    BoardSession session(cli.options, cli.console, false);  // the failures here are wanted
+    Options options = cli.options;
+    options.mcuInstalled = kOlderVersion;
+    BoardSession session(options, cli.console, false);  // the failures here are wanted
     return Demo(session, cli.console).run();
 }
 

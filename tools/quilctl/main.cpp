@@ -12,5 +12,6 @@ int main(int argc, char** argv) {
     __gnu_cxx::stdio_filebuf<char> buffer(dup(STDOUT_FILENO), std::ios::out);
     std::ostream out(&buffer);
     const bool styled = isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr;
-    return quil::tools::run(argc, argv, {std::cin, out, std::cerr, styled});
+    const bool progress = isatty(STDERR_FILENO) != 0;
+    return quil::tools::run(argc, argv, {std::cin, out, std::cerr, styled, progress});
 }

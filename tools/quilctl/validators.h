@@ -26,6 +26,10 @@ inline CLI::Validator hexBytes() {
         "HEX");
 }
 
+inline CLI::Validator chipName() {
+    return CLI::IsMember({"gd32f303", "gd32f470", "stm32h750", "n32g45x"});
+}
+
 // The bytes of arguments that have passed the check above.
 inline Bytes bytesOf(const std::vector<std::string>& words) {
     Bytes all;
