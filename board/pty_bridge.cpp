@@ -80,6 +80,13 @@ class PtyBridge::Part : public McuSurroundings {
     void resetBySoftware() override { restarts_ = true; }
     void jumpTo(uint32_t) override { restarts_ = true; }
 
+    // A pty hands over at once what takes its time on a line.
+    void arrive(uint8_t byte) {
+        const Nanos time = realtime_ ? hostLine().byteTime() : Nanos(0);
+        lineFree_ = std::max(lineFree_, now()) + time;
+        put(lineFree_, [this, byte] { loader->receive(byte); });
+    }
+
     // A reset lets what was sent before it out.
     void restart() {
         if (flash.busy()) flash.powerLost(0);
@@ -119,6 +126,7 @@ class PtyBridge::Part : public McuSurroundings {
     const int master_;
     const bool realtime_;
     bool restarts_ = false;
+    Nanos lineFree_{0};
     std::vector<std::pair<Nanos, std::function<void()>>> pending_;
 };
 
@@ -158,7 +166,7 @@ void PtyBridge::serveOnce() {
         std::array<uint8_t, 512> bytes{};
         const ssize_t got = real().read(master_, bytes.data(), bytes.size());
         for (ssize_t i = 0; i < got; ++i) {
-            part_->loader->receive(bytes.at(static_cast<size_t>(i)));
+            part_->arrive(bytes.at(static_cast<size_t>(i)));
             part_->runDue();
         }
     } else if (ready > 0 && (entry.revents & POLLHUP) != 0) {
