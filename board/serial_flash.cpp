@@ -28,10 +28,18 @@ std::optional<Fault> faultOf(Call call) {
     return machine->faults.take(call, kFlashDevice);
 }
 
-void note(const std::string& text) {
-    if (Machine* machine = poweredMachine()) {
-        machine->trace.add(EventKind::kFlash, kFlashDevice, text);
-    }
+// Whether power goes with what this announces.
+std::optional<CutPosition> note(const std::string& text) {
+    Machine* machine = poweredMachine();
+    if (machine == nullptr) return std::nullopt;
+    return machine->trace.add(EventKind::kFlash, kFlashDevice, text);
+}
+
+// How much of an operation is done when power goes inside it: more than nothing, less than all, and
+// the same at each replay.
+size_t tornAt(size_t size) {
+    const uint64_t seed = poweredMachine() != nullptr ? poweredMachine()->trace.count() : 0;
+    return 1 + static_cast<size_t>(seed * 2654435761U % size);
 }
 
 }  // namespace
@@ -80,7 +88,12 @@ int SerialFlash::erase(uint32_t offset, uint32_t length) {
     Guard guard(boardLock());
     if (offset % kSector != 0 || length % kSector != 0 || length == 0) return EINVAL;
     if (offset > kSize || length > kSize - offset) return EINVAL;
-    note("erase " + hexNumber(offset) + ", " + hexNumber(length) + " bytes");
+    const auto cut = note("erase " + hexNumber(offset) + ", " + hexNumber(length) + " bytes");
+    if (cut == CutPosition::kInside) {
+        eraseCells(offset, static_cast<uint32_t>(tornAt(length - 1)));
+        save();
+        return EIO;
+    }
     if (listener_) listener_();
     int error = 0;
     for (uint32_t at = offset; at < offset + length && error == 0; at += kSector) {
@@ -97,8 +110,13 @@ int SerialFlash::erase(uint32_t offset, uint32_t length) {
 int SerialFlash::program(uint32_t offset, std::span<const uint8_t> data) {
     Guard guard(boardLock());
     if (offset > kSize || data.size() > kSize - offset) return ENOSPC;
-    note("program " + hexNumber(offset) + ", " + hexNumber(static_cast<uint32_t>(data.size())) +
-         " bytes");
+    const auto cut = note("program " + hexNumber(offset) + ", " +
+                          hexNumber(static_cast<uint32_t>(data.size())) + " bytes");
+    if (cut == CutPosition::kInside && data.size() > 1) {
+        programCells(offset, data.first(tornAt(data.size() - 1)));
+        save();
+        return EIO;
+    }
     if (listener_) listener_();
     int error = 0;
     for (size_t done = 0; done < data.size() && error == 0;) {

@@ -7,7 +7,7 @@
 //
 // Faults: Call::kFlashErase once for each sector and Call::kFlashProgram once for each page, both
 // with the path "/dev/mtd0": an error ends the operation there, lostSilently leaves the sector or
-// page as it is.
+// page as it is. Power that goes inside an operation leaves it half done.
 #pragma once
 
 #include <cstdint>
