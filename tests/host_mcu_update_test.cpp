@@ -41,6 +41,7 @@ class HostMcuUpdate : public testing::Test {
     static void forget() {
         free(config_info);
         config_info = nullptr;
+        fd = -1;
     }
 
     std::string versionThroughTheService() {

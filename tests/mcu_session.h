@@ -32,6 +32,7 @@ class McuSession {
     }
     ~McuSession() {
         mBoard.reset();
+        fd = -1;  // as freshly loaded
         std::filesystem::remove_all(mDirectory);
     }
 

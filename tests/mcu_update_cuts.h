@@ -16,6 +16,7 @@
 #include "board/board_directory.h"
 #include "board/mcu_fitting.h"
 #include "board/mcu_image.h"
+#include "common/serial_slot.h"
 #include "host/hosting_component.h"
 #include "update/config_info.h"
 
@@ -56,6 +57,9 @@ class McuUpdateCuts {
         board::fitMcu(mDirectory, {kind, kShipped, kOlder, imageSize});
     }
     ~McuUpdateCuts() {
+        free(config_info);
+        config_info = nullptr;
+        fd = -1;  // as freshly loaded
         std::error_code ignored;
         std::filesystem::remove_all(mDirectory, ignored);
     }

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "common/serial_slot.h"
 #include "tools/quilctl/cli.h"
 
 namespace quil::tests {
@@ -21,6 +22,7 @@ inline Said quilctl(const std::vector<std::string>& words, const std::string& in
     std::istringstream in(input);
     std::ostringstream out, err;
     const int code = tools::run(static_cast<int>(argv.size()), argv.data(), {in, out, err, false});
+    fd = -1;  // as freshly loaded: a session leaves its port's number there
     return {code, out.str(), err.str()};
 }
 
