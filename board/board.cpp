@@ -112,6 +112,11 @@ std::vector<LogLine> Board::logLines() const {
     return machine_->log;
 }
 
+LogLine Board::lastLogLine() const {
+    Guard guard(boardLock());
+    return machine_->log.empty() ? LogLine{} : machine_->log.back();
+}
+
 std::vector<std::string> Board::log() const {
     Guard guard(boardLock());
     std::vector<std::string> texts;

@@ -88,6 +88,7 @@ class Board {
     std::vector<std::string> log() const;
     std::vector<std::string> log(int priority) const;
     std::vector<LogLine> logLines() const;
+    LogLine lastLogLine() const;  // priority 0 when there is none
     std::vector<std::string> violations() const;
     void clearLog();
 

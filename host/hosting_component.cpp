@@ -4,12 +4,21 @@
 
 namespace quil::host {
 
+namespace {
+
+void tell(const BootJobs& jobs, BootStep step) {
+    if (jobs.onStep) jobs.onStep(step);
+}
+
+}  // namespace
+
 HostingComponent::~HostingComponent() { stop(); }
 
 StartUpResult HostingComponent::start(const BootJobs& jobs) {
     if (mService != nullptr) return {StartUpError::kService, "the service is already up"};
     if (StartUpResult result = startUp(); !result.ok()) return result;
     mLinkIsOpen = true;
+    tell(jobs, BootStep::kConfiguration);
     StartUpResult result = boot(jobs);
     if (result.ok()) result = loadService();
     if (!result.ok()) {
@@ -17,14 +26,20 @@ StartUpResult HostingComponent::start(const BootJobs& jobs) {
         return result;
     }
     startReader();
+    tell(jobs, BootStep::kService);
     return {};
 }
 
 // The jobs read the MCU's answers themselves: the reader comes after them.
 StartUpResult HostingComponent::boot(const BootJobs& jobs) {
     mMcuFirmware = jobs.updateMcu ? bringMcuUpToDate() : McuFirmware::kLeftAsItWas;
-    if (mMcuFirmware != McuFirmware::kLinkLost) return {};
-    return {StartUpError::kLink, "the MCU link could not be opened again after the update"};
+    if (mMcuFirmware == McuFirmware::kLinkLost) {
+        return {StartUpError::kLink, "the MCU link could not be opened again after the update"};
+    }
+    if (jobs.updateMcu) tell(jobs, BootStep::kMcu);
+    mFpga = jobs.loadFpga ? loadFpga() : FpgaLoad::kNotAsked;
+    if (jobs.loadFpga) tell(jobs, BootStep::kFpga);
+    return {};
 }
 
 StartUpResult HostingComponent::loadService() {

@@ -81,6 +81,8 @@ int run(int argc, const char* const* argv, const Console& console) {
     addConfigCommands(app, cli);
     addFrameCommands(app, cli);
     addBoardCommands(app, cli);
+    addBootCommand(app, cli);
+    addFpgaCommands(app, cli);
     addScreenCommands(app, cli);
     addMcuCommands(app, cli);
     addDemoCommand(app, cli);

@@ -55,6 +55,8 @@ void addSelfTestCommands(CLI::App& app, Cli& cli);
 void addConfigCommands(CLI::App& app, Cli& cli);
 void addFrameCommands(CLI::App& app, Cli& cli);
 void addBoardCommands(CLI::App& app, Cli& cli);
+void addBootCommand(CLI::App& app, Cli& cli);
+void addFpgaCommands(CLI::App& app, Cli& cli);
 void addScreenCommands(CLI::App& app, Cli& cli);
 void addMcuCommands(CLI::App& app, Cli& cli);
 void addDemoCommand(CLI::App& app, Cli& cli);

@@ -112,7 +112,9 @@ void Demo::boot() {
     const std::string before = board.mcuChip().version();
     row("power on, the MCU runs " + before, std::string(board.directory().filename()), "",
         before == kOlderVersion);
-    mSession.startService({.updateMcu = true});
+    const std::string imageBefore = board.fpga().version();
+    board.properties().set("persist.quil.system.fpga.fw.update", "1");
+    mSession.startService({.updateMcu = true, .loadFpga = true});
     board.runFor(kMcuStart);
     const auto& record = *config_info;
     ProgrammingWatch watch(record.mcu_uart_path, record.mcu_serial);
@@ -120,6 +122,11 @@ void Demo::boot() {
     const std::string running = board.mcuChip().version();
     row("boot, the MCU is updated", std::to_string(watch.written()) + " bytes programmed",
         before + " -> " + running, running == record.mcu_fw_version && watch.attempts() == 1);
+    const std::string image = board.fpga().version();
+    row("boot, the FPGA is updated",
+        std::to_string(board.flash().usedSize()) + " bytes in its flash",
+        (imageBefore.empty() ? "none" : imageBefore) + " -> " + image,
+        mSession.host().fpga() == host::FpgaLoad::kUp && image == record.fpga_fw_version);
 }
 
 void Demo::linkUp() {
