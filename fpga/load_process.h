@@ -9,7 +9,9 @@
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Boots from its serial flash, takes its parameters over SPI.
 QUIL_EXPORT int32_t fpgaLoadProcessHeron(void);
@@ -18,4 +20,6 @@ QUIL_EXPORT int32_t fpgaLoadProcessKestrel(void);
 // Loaded and updated by the closed FPGA library.
 QUIL_EXPORT int32_t fpgaLoadProcessWren_t507(void);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

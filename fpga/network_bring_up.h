@@ -7,7 +7,9 @@
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Each returns 0, whatever its commands came to.
 QUIL_EXPORT int fpgaDwmacConfig(void);  // reloads the Ethernet driver
@@ -23,4 +25,6 @@ QUIL_EXPORT int fpgaPhySgmiiConfig(void);
 // Up to five attempts. Returns 0 also when none came to a link: that is only logged.
 QUIL_EXPORT int fpgaNetworkConfig(void);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

@@ -12,12 +12,15 @@
 // at: a sequence always runs to its end. The tables are shared by all and not guarded.
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 typedef struct st_func_offset_map {
     uint32_t fpga_addr;  // the block kind, and where its data belongs
@@ -66,4 +69,6 @@ QUIL_EXPORT void putDataToSendCach(const void* src, void* dst, unsigned len);
 // The 32-bit value at `p`, most significant byte first; 0 without `p`.
 QUIL_EXPORT unsigned transUcharArrayToU64(const unsigned char* p);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

@@ -7,7 +7,9 @@
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Sends one prepared write transaction of `count` bytes (see fpga/spi_frame.h), 10 ms after opening
 // the device. Returns the bytes written, -1 when the device cannot be opened, or the negative
@@ -29,4 +31,6 @@ QUIL_EXPORT int sendFpgaTxRxReset(void);
 // Returns 1 when the PHY reports link, 0 when it does not, -1 when it cannot be asked.
 QUIL_EXPORT int readRtl8211fsPhyLink(void);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

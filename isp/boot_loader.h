@@ -10,6 +10,7 @@
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 namespace quil::isp {
 
 // The boot-loader commands that the system sends.
@@ -37,6 +38,7 @@ const char* commandName(unsigned code);
 }  // namespace quil::isp
 
 extern "C" {
+#endif
 
 // `code`: the command byte, in the low byte of its slot. The table ends with code 0xFF, null name.
 typedef struct isp_cmd {
@@ -82,4 +84,6 @@ QUIL_EXPORT uint32_t read_st_mcu_pid(void);
 // type of the last one that did.
 QUIL_EXPORT void mcu_type_detect(void);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

@@ -7,7 +7,9 @@
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // STM32/GD32. Return 0.
 QUIL_EXPORT int mcu_isp_init(void);
@@ -17,4 +19,6 @@ QUIL_EXPORT int mcu_isp_close(void);
 QUIL_EXPORT int mcu_enter_isp_mode(void);
 QUIL_EXPORT int mcu_exit_isp_mode(void);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

@@ -3,7 +3,9 @@
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // The size in bytes, 0 for a file that does not exist. Negative from 2 GiB on.
 QUIL_EXPORT int file_size(const char* path);
@@ -14,4 +16,6 @@ QUIL_EXPORT int file_read(const char* path, void* buf, int n);
 // Writes `n` bytes. Returns 0, or 15 when the file cannot be opened.
 QUIL_EXPORT int file_write(const char* path, const void* buf, unsigned n);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

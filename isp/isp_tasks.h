@@ -6,7 +6,9 @@
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Programs the MCU with the image at `file_path`, over the device `uart_path`, by the protocol that
 // `chip_serial` asks for: "gd32" or "stm32" in it, else "n32". Returns 0 (also when no protocol
@@ -22,4 +24,6 @@ QUIL_EXPORT int mcu_tool_isp_task(const char* file_path, const char* uart_path);
 // (0x44). Returns 0 or 15; for 0x43 and 0x92 the status of the last read, 0 or 3.
 QUIL_EXPORT int task(unsigned cmd, const char* file_path, const char* uart_path);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

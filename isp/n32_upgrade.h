@@ -17,7 +17,9 @@
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Writes the image at `file_path` over the device `uart_path` (9600 8N1), and restarts the MCU into
 // its application. Returns 0, -1 (the port cannot be opened, or no memory) or 255 (a step failed).
@@ -28,4 +30,6 @@ extern "C" {
 // boot loader's opinion of it is not asked for.
 QUIL_EXPORT int n32_uart_isp_upgrade(const char* file_path, const char* uart_path);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

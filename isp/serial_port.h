@@ -8,6 +8,7 @@
 #include "common/export.h"
 #include "common/serial_slot.h"
 
+#ifdef __cplusplus
 namespace quil::isp {
 
 // What mcu_serial_read gives.
@@ -20,6 +21,7 @@ int writeToPort(const uint8_t* data, size_t count);
 }  // namespace quil::isp
 
 extern "C" {
+#endif
 
 // Opens `path` into `fd` (also a failed opening's result) and sets speed, data bits (7 or 8), stop
 // bits (1 or 2) and parity ('N', 'E', 'O', 'S', either case). Returns 0, or -1; a port whose
@@ -48,4 +50,6 @@ QUIL_EXPORT int mcu_serial_read(void* buf, int len);
 // wait failed), 5 (nothing came), 3 (the line went idle).
 QUIL_EXPORT int mcu_serial_read_select(uint8_t* buf, int len);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

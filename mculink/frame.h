@@ -19,11 +19,13 @@
 //   30 + N     2  checksum: 16-bit sum of all bytes before it
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 namespace quil::mculink {
 
 inline constexpr size_t kFrameHeaderSize = 10, kRequestHeaderSize = 12, kRequestBodySize = 8;
@@ -45,6 +47,7 @@ uint16_t takeNextLabel();
 }  // namespace quil::mculink
 
 extern "C" {
+#endif
 
 // The request descriptor, one per request; a packed record in memory, never on the wire.
 typedef struct __attribute__((packed)) quil_request_param {
@@ -124,6 +127,7 @@ QUIL_EXPORT int quil_packet_add_request_header(uint8_t* header, uint32_t req_typ
 // Writes the 8 bytes of the request body. Returns 0; null: error code -4004, -1.
 QUIL_EXPORT int quil_packet_add_request_body(uint8_t* body, uint32_t cmd);
 
+#ifdef __cplusplus
 }  // extern "C"
 
 namespace quil::mculink {
@@ -134,3 +138,4 @@ quil_request_header_t requestHeader(uint32_t reqType, uint32_t isWrite, uint32_t
                                     uint16_t fieldA, uint32_t fieldB, uint32_t fieldC);
 
 }  // namespace quil::mculink
+#endif

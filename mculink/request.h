@@ -10,7 +10,9 @@
 #include "common/export.h"
 #include "mculink/frame.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Frames one request and writes it to the serial descriptor `fd`. `is_write` is 1 for a set, 0 for
 // a get (bit 0 counts). `payload` may be null: `len` zero bytes are then sent. Returns the number
@@ -29,4 +31,6 @@ QUIL_EXPORT int quil_physical_send(const uint8_t* frame, size_t count, int fd);
 // Dumps `len` bytes to the debug log.
 QUIL_EXPORT void printsend(const uint8_t* data, unsigned len);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

@@ -8,7 +8,9 @@
 #include "common/export.h"
 #include "common/serial_slot.h"  // which the functions here do not touch
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Opens a serial device, blocking. Returns the descriptor, or -1. When only the switch to blocking
 // mode fails, -1 is returned and the descriptor stays open.
@@ -33,4 +35,6 @@ QUIL_EXPORT int sdk_uart_write(int fd, const void* buf, size_t count);
 // One read. Returns what the read returns, or -5 for a null `buf`.
 QUIL_EXPORT int sdk_uart_read(int fd, uint8_t* buf, size_t count);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

@@ -4,12 +4,15 @@
 // Nothing guards the table or the result file: one run at a time, on the caller's thread.
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // Formats one line "NAME:OK\r\n" or "NAME:Error\r\n" into `resultStr`, at most `size` bytes with
 // the terminator. Returns 0, also when the part is faulty, or -1 when an argument is unusable.
@@ -55,4 +58,6 @@ QUIL_EXPORT int parseAndConfigTestItem(void);
 // record's length, or -1 (as unsigned) without a buffer, a selection or a result file.
 QUIL_EXPORT unsigned runSelfTestAndGetResult(unsigned char* result, unsigned size);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

@@ -6,13 +6,16 @@
 // component parses once, before other threads use it.
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 #include <string.h>
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 typedef struct config_info_record {
     char product[64];
@@ -56,6 +59,7 @@ extern QUIL_EXPORT config_info_t* config_info;
 // second call parses afresh into the same record.
 QUIL_EXPORT int32_t parseConfigInfo(void);
 
+#ifdef __cplusplus
 }  // extern "C"
 
 namespace quil::update {
@@ -71,3 +75,4 @@ struct ConfigText {
 };
 
 }  // namespace quil::update
+#endif

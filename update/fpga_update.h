@@ -10,7 +10,9 @@
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 extern "C" {
+#endif
 
 // The size of a file in bytes, or 0xFFFFFFFF on failure.
 QUIL_EXPORT uint32_t getFileSize(const char* path);
@@ -30,4 +32,6 @@ QUIL_EXPORT int32_t fpgaFlashFormat(void);
 // progress, however long that takes. Does not wait for DONE. Returns 0 or -1.
 QUIL_EXPORT int32_t fpgaFlashWrite(void);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif

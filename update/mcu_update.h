@@ -9,6 +9,7 @@
 
 #include "common/export.h"
 
+#ifdef __cplusplus
 namespace quil::update {
 
 // What a version text needs room for; the text itself has up to 15 characters.
@@ -20,6 +21,7 @@ inline constexpr char kMcuVersionProperty[] = "persist.quil.mcu_fw_version";
 }  // namespace quil::update
 
 extern "C" {
+#endif
 
 // Opens the MCU link at the configured path and rate, blocking. Returns its descriptor, or -1.
 QUIL_EXPORT int32_t serialInit(void);
@@ -41,4 +43,6 @@ QUIL_EXPORT int32_t doMcuUpdateByIsp(void);
 // `fd`. Returns 0 after that; -1 otherwise, also when no update was needed.
 QUIL_EXPORT int32_t mcuFwUpdate(int32_t* fd);
 
+#ifdef __cplusplus
 }  // extern "C"
+#endif
