@@ -1,6 +1,7 @@
 # The product: one shared library under its shipped file name, C++17 as the target's tool chain has it.
 add_library(quil_vendor_headers INTERFACE)
-target_include_directories(quil_vendor_headers INTERFACE ${CMAKE_SOURCE_DIR}/platform/vendor/include)
+target_include_directories(quil_vendor_headers INTERFACE
+  $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}/platform/vendor/include>)
 
 add_library(quil_impl SHARED
   common/log.cpp
@@ -40,7 +41,7 @@ set_target_properties(quil_impl PROPERTIES
   PREFIX "" OUTPUT_NAME "quil.hardware.quilservicemanager@1.0-impl"
   CXX_STANDARD 17 CXX_VISIBILITY_PRESET hidden VISIBILITY_INLINES_HIDDEN ON
   LINK_DEPENDS ${CMAKE_SOURCE_DIR}/quil.map)
-target_include_directories(quil_impl PUBLIC ${CMAKE_SOURCE_DIR})
+target_include_directories(quil_impl PUBLIC $<BUILD_INTERFACE:${CMAKE_SOURCE_DIR}>)
 target_link_libraries(quil_impl PUBLIC quil_interface hidlbase quil_vendor_headers Threads::Threads)
 target_link_options(quil_impl PRIVATE
   -Wl,--version-script=${CMAKE_SOURCE_DIR}/quil.map -Wl,-z,relro,-z,now,-z,noexecstack)
