@@ -2,10 +2,14 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <fstream>
+#include <map>
+#include <regex>
 #include <set>
 #include <sstream>
 #include <string>
+#include <vector>
 
 #include "tests/program_output.h"
 
@@ -13,7 +17,6 @@ namespace quil::tests {
 
 using testing::Contains;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::IsSubsetOf;
 using testing::Not;
 
@@ -48,6 +51,46 @@ std::set<std::string> plainNamesOfTheMap() {
     return names;
 }
 
+constexpr size_t kPointer = sizeof(void*);
+
+// What `readelf` says of the library, with the given options.
+std::string readElf(const std::string& options) {
+    return outputOf("readelf -W " + options + " '" + kLibrary + "'");
+}
+
+// Every first group of the expression in the text.
+std::vector<std::string> matchesIn(const std::string& text, const std::regex& expression) {
+    std::vector<std::string> matches;
+    for (std::sregex_iterator it(text.begin(), text.end(), expression), end; it != end; ++it) {
+        matches.push_back((*it)[1]);
+    }
+    return matches;
+}
+
+// The sizes in bytes of the sections that a process maps, by name.
+std::map<std::string, size_t> mappedSections() {
+    // "[ 9] .init  PROGBITS  000049f8 0049f8 00000c 00  AX": the size, the entry size, the flags.
+    const std::regex row(R"(\] (\.\S+) +\S+ +\S+ \S+ ([0-9a-f]+) \S+ +([WAXTILGMSCo]*A))");
+    const std::string text = readElf("-S");
+    std::map<std::string, size_t> sizes;
+    for (std::sregex_iterator it(text.begin(), text.end(), row), end; it != end; ++it) {
+        sizes[(*it)[1]] = std::stoul((*it)[2], nullptr, 16);
+    }
+    return sizes;
+}
+
+// The sizes in bytes of the exported data.
+std::map<std::string, size_t> sizesOfExportedData() {
+    std::istringstream rows(
+        outputOf(std::string("nm -D -S --defined-only --format=posix '") + kLibrary + "'"));
+    std::map<std::string, size_t> sizes;
+    for (std::string name, kind, value, size; rows >> name >> kind >> value >> size;) {
+        const bool isData = std::string("BDR").find(kind) != std::string::npos;
+        if (isData && name.rfind('_', 0) != 0) sizes[name] = std::stoul(size, nullptr, 16);
+    }
+    return sizes;
+}
+
 }  // namespace
 
 TEST(Exports, PlainNamesAreExactlyTheOnesOfTheMap) {
@@ -79,19 +122,81 @@ TEST(Exports, HelpersOfTheServiceStayInside) {
 }
 
 TEST(Exports, LibraryCarriesItsFileNameAndProtectsItsTables) {
-    const std::string dynamic = outputOf(std::string("readelf -dW '") + kLibrary + "'");
+    const std::string dynamic = readElf("-d");
     EXPECT_THAT(dynamic, HasSubstr("soname: [quil.hardware.quilservicemanager@1.0-impl.so]"));
     EXPECT_THAT(dynamic, HasSubstr("BIND_NOW"));
     EXPECT_THAT(dynamic, Not(HasSubstr("TEXTREL")));
-    const std::string headers = outputOf(std::string("readelf -lW '") + kLibrary + "'");
+    const std::string headers = readElf("-l");
     EXPECT_THAT(headers, HasSubstr("GNU_RELRO"));
     EXPECT_THAT(headers, Not(testing::ContainsRegex("GNU_STACK.*RWE")));
+}
+
+TEST(Exports, NothingOfCxxLeavesTheLibraryButTheThreeClasses) {
+    const std::regex ours(
+        "^(virtual thunk to |non-virtual thunk to |vtable for |VTT for |typeinfo for |"
+        "typeinfo name for )?(ControlManager::|quil::hardware::quilservicemanager::"
+        "implementation::QuilService(Manager|Callback))");
+    std::istringstream names(outputOf(std::string("nm -D --defined-only --format=posix '") +
+                                      kLibrary + "' | grep '^_Z' | cut -d' ' -f1 | c++filt"));
+    size_t seen = 0;
+    for (std::string name; std::getline(names, name); ++seen) {
+        EXPECT_TRUE(std::regex_search(name, ours)) << name;
+    }
+    EXPECT_GT(seen, 20U);
+}
+
+TEST(Exports, DataHaveTheSizesThatOtherComponentsWereLinkedAgainst) {
+    EXPECT_EQ(sizesOfExportedData(), (std::map<std::string, size_t>{
+                                         {"buffer", 1056},
+                                         {"config_info", kPointer},
+                                         {"fd", 4},
+                                         {"free_routing_topology", 80},
+                                         {"g_n_lable", 2},
+                                         {"isp_cmd_arr", 14 * 2 * kPointer},
+                                         {"polynom", 4},
+                                         {"st_func_offset_map_tab", 720},
+                                         {"stm_sem", 4},
+                                         {"str_mcu_type", 5 * kPointer},
+                                         {"test_option_table", 9 * 4 * kPointer},
+                                     }));
+}
+
+TEST(Exports, LibraryNeedsNothingBeyondThePlatform) {
+    // The closed libraries are the board's: on a workstation the program brings their names.
+    std::set<std::string> allowed = {
+        "quil.hardware.quilservicemanager@1.0.so", "libhidlbase.so", "libutils.so.0",
+        "libcutils.so.0", "liblog.so.0", "libstdc++.so.6", "libm.so.6", "libgcc_s.so.1",
+        // The loader of an ARM library is named where 64-bit ones leave it out.
+        "libc.so.6", "ld-linux-armhf.so.3",
+        // Debian's ARM libutils cannot do without it.
+        "7z.so"};
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+    allowed.insert({"libasan.so.8", "libubsan.so.1", "libtsan.so.2"});
+#endif
+    const auto needed = matchesIn(readElf("-d"), std::regex(R"(\(NEEDED\).*\[(.*)\])"));
+    EXPECT_THAT(needed, Contains("libhidlbase.so"));
+    EXPECT_THAT(needed, IsSubsetOf(allowed));
+}
+
+TEST(Exports, TextOfTheArmLibraryStaysUnder96KiB) {
+    const auto sizes = mappedSections();
+    const std::string relocations =
+        outputOf(std::string("readelf -rW '") + kLibrary + "' | grep -c R_");
+    RecordProperty("text", std::to_string(sizes.at(".text")));
+    printf(".text %zu bytes, .rodata %zu, .data.rel.ro %zu, relocations %s", sizes.at(".text"),
+           sizes.at(".rodata"), sizes.at(".data.rel.ro"), relocations.c_str());
+#if defined(__arm__) && !defined(__SANITIZE_ADDRESS__)
+    EXPECT_LT(sizes.at(".text"), 96U * 1024U);
+#else
+    GTEST_SKIP() << "the limit is the target's";
+#endif
 }
 
 TEST(Exports, NothingButTheCompilersOwnEntryRunsWhenTheLibraryIsLoaded) {
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
     GTEST_SKIP() << "sanitizers register their modules from .init_array";
 #else
+    EXPECT_EQ(mappedSections()[".init_array"], kPointer);
     const std::string symbols = outputOf(std::string("nm -C '") + kLibrary + "'");
     EXPECT_THAT(symbols, Not(HasSubstr("_GLOBAL__sub_I")));
     EXPECT_THAT(symbols, Not(HasSubstr("__static_initialization_and_destruction")));
