@@ -1,0 +1,34 @@
+// What loading the library costs: the loader's time in a fresh process, and what it has to work on.
+#include <benchmark/benchmark.h>
+#include <stdio.h>
+
+#include <memory>
+#include <string>
+
+namespace {
+
+using Pipe = std::unique_ptr<FILE, int (*)(FILE*)>;
+
+// The number that a command prints first.
+double numberFrom(const std::string& command) {
+    double number = 0;
+    const Pipe pipe(popen(command.c_str(), "r"), pclose);
+    return pipe && fscanf(pipe.get(), "%lf", &number) == 1 ? number : -1;
+}
+
+constexpr char kLibrary[] = "'" QUIL_LIB_DIR "/quil.hardware.quilservicemanager@1.0-impl.so'";
+
+void libraryLoad(benchmark::State& state) {
+    for (auto _ : state) {
+        const double nanoseconds = numberFrom(QUIL_LOAD_PROBE);
+        if (nanoseconds < 0) state.SkipWithError("the library could not be loaded");
+        state.SetIterationTime(nanoseconds / 1e9);
+    }
+    state.counters["textBytes"] =
+        numberFrom(std::string("size -A -d ") + kLibrary + " | awk '$1 == \".text\" {print $2}'");
+    state.counters["relocations"] =
+        numberFrom(std::string("readelf -rW ") + kLibrary + " | grep -c R_");
+}
+BENCHMARK(libraryLoad)->UseManualTime()->Unit(benchmark::kMicrosecond)->Iterations(20);
+
+}  // namespace
