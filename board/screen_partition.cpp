@@ -82,6 +82,7 @@ std::vector<ScreenBlock> readScreenPartition(std::span<const uint8_t> partition)
 
 std::vector<ScreenBlock> factoryScreen() {
     std::vector<ScreenBlock> blocks;
+    blocks.reserve(kFactoryRows.size());
     for (const FactoryRow& row : kFactoryRows) {
         blocks.push_back({row.address, noise(row.address, row.length)});
     }
