@@ -173,10 +173,10 @@ void printProcessorTime(std::ostream& out, board::McuKind kind, size_t size) {
 
 bool mcuProgramming(std::ostream& out) {
     bool isAsPredicted = true;
-    for (const size_t size : {64 * 1024, 256 * 1024}) {
+    for (const size_t size : {size_t{64} * 1024, size_t{256} * 1024}) {
         isAsPredicted &= printBoardTime(out, board::McuKind::kGd32F470, size);
     }
-    printProcessorTime(out, board::McuKind::kGd32F470, 256 * 1024);
+    printProcessorTime(out, board::McuKind::kGd32F470, size_t{256} * 1024);
     return isAsPredicted;
 }
 

@@ -19,7 +19,7 @@ namespace quil::bench {
 namespace {
 
 constexpr int kWorkers = 2;
-constexpr size_t kImageSize = 8 * 1024;  // the product's
+constexpr size_t kImageSize = size_t{8} * 1024;  // the product's
 
 struct Share {
     uint64_t cuts = 0, wrong = 0;

@@ -21,7 +21,7 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kProgram[] = "/usr/bin/stm32flash";
-constexpr size_t kImageSize = 64 * 1024;
+constexpr size_t kImageSize = size_t{64} * 1024;
 
 double now() {
     timespec time{};

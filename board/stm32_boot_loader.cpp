@@ -284,9 +284,10 @@ void Stm32BootLoader::writeData() {
 
 void Stm32BootLoader::programFlash(uint32_t offset) {
     std::vector<uint8_t> bytes(in_.begin() + 1, in_.end() - 1);
+    const std::string what = hex("program 0x%08x", kMcuFlashBase + offset) + ", " +
+                             std::to_string(bytes.size()) + " bytes";
     operate(
-        hex("program 0x%08x", kMcuFlashBase + offset) + ", " + std::to_string(bytes.size()) +
-            " bytes",
+        what,
         [offset, bytes = std::move(bytes)](McuFlash& flash) {
             return flash.startProgram(offset, bytes);
         },

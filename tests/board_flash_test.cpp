@@ -1,6 +1,7 @@
 // The microcontroller's flash: page maps, the NOR rules, times, and what power that goes leaves.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include <filesystem>
 
@@ -37,7 +38,7 @@ class BoardFlash : public testing::Test {
     }
 
     const std::filesystem::path directory =
-        std::filesystem::temp_directory_path() / "board_flash_test";
+        std::filesystem::temp_directory_path() / ("board-flash-" + std::to_string(getpid()));
 };
 
 struct Map {

@@ -235,7 +235,8 @@ TEST(BoardMcu, AFrameThatPausesTooLongIsDropped) {
 }
 
 TEST(BoardMcu, ValuesAndVersionAndPropertiesOutliveThePower) {
-    const auto dir = std::filesystem::temp_directory_path() / "board_mcu_persistence_test";
+    const auto dir =
+        std::filesystem::temp_directory_path() / ("board-mcu-" + std::to_string(getpid()));
     std::filesystem::remove_all(dir);
     createBoardDirectory(dir, Product::kKestrel);
     {
