@@ -16,6 +16,7 @@
 #include "bench/mcu_bench.h"
 #include "board/board.h"
 #include "board/mcu_fitting.h"
+#include "board/temporary_directory.h"
 #include "isp/isp_tasks.h"
 
 namespace quil::bench {
@@ -94,17 +95,9 @@ class Prediction {
 class Session {
   public:
     Session(board::McuKind kind, size_t size) : mPart(partOf(kind)) {
-        std::string pattern = (fs::temp_directory_path() / "mcu-bench-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-        mDirectory = pattern;
         board::createBoardDirectory(mDirectory, board::Product::kHeron);
         board::fitMcu(mDirectory, {.kind = kind, .flashed = "V0.9.0", .imageSize = size});
         mBoard.emplace(mDirectory);
-    }
-    ~Session() {
-        mBoard.reset();
-        std::error_code ignored;
-        fs::remove_all(mDirectory, ignored);
     }
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
@@ -128,7 +121,8 @@ class Session {
 
   private:
     const McuPart& mPart;
-    fs::path mDirectory;
+    const board::TemporaryDirectory mScratch;
+    const fs::path& mDirectory = mScratch.path();
     std::optional<board::Board> mBoard;
 };
 

@@ -14,6 +14,7 @@
 #include "board/board_directory.h"
 #include "board/mcu_image.h"
 #include "board/pty_bridge.h"
+#include "board/temporary_directory.h"
 
 namespace quil::bench {
 namespace {
@@ -21,18 +22,12 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kProgram[] = "/usr/bin/stm32flash";
-constexpr size_t kImageSize = size_t{64} * 1024;
+constexpr size_t kWrittenSize = size_t{64} * 1024;
 
 double now() {
     timespec time{};
     clock_gettime(CLOCK_MONOTONIC, &time);
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
-}
-
-fs::path makeDirectory() {
-    std::string pattern = (fs::temp_directory_path() / "stm32flash-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-    return pattern;
 }
 
 // Returns whether it says that it has written everything.
@@ -50,8 +45,9 @@ bool stm32flashBeside(std::ostream& out) {
         return true;
     }
     const auto kind = board::McuKind::kGd32F470;
-    const fs::path directory = makeDirectory();
-    board::writeWholeFile(directory / "image.bin", makeMcuImage(kind, "V1.0.0", kImageSize));
+    const board::TemporaryDirectory scratch;
+    const fs::path& directory = scratch.path();
+    board::writeWholeFile(directory / "image.bin", makeMcuImage(kind, "V1.0.0", kWrittenSize));
     board::PtyBridge bridge(
         {.part = kind, .flash = directory / "flash", .link = directory / "port", .realtime = true});
     std::thread server([&bridge] { bridge.run(); });
@@ -60,11 +56,10 @@ bool stm32flashBeside(std::ostream& out) {
     const double seconds = now() - start;
     bridge.stop();
     server.join();
-    fs::remove_all(directory);
     char text[160];
     std::snprintf(text, sizeof text,
                   "stm32flash -m 8n1 -b 115200, %zu KiB, gd32f470: %s %.2f s, real time\n",
-                  kImageSize / 1024, isDone ? "took" : "FAILED after", seconds);
+                  kWrittenSize / 1024, isDone ? "took" : "FAILED after", seconds);
     out << text;
     return isDone;
 }

@@ -9,11 +9,11 @@
 namespace quil::board {
 namespace {
 
-std::filesystem::path makeTemporaryBoard(Product product, const std::string& mcuVersion) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "board-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-    createBoardDirectory(pattern, product, mcuVersion);
-    return pattern;
+std::unique_ptr<TemporaryDirectory> makeTemporaryBoard(Product product,
+                                                       const std::string& mcuVersion) {
+    auto directory = std::make_unique<TemporaryDirectory>();
+    createBoardDirectory(directory->path(), product, mcuVersion);
+    return directory;
 }
 
 std::unique_ptr<Machine> powerOn(const std::filesystem::path& dir, BoardOptions options) {
@@ -34,7 +34,7 @@ std::unique_ptr<Machine> powerOn(const std::filesystem::path& dir, BoardOptions 
 Board::Board(Product product, BoardOptions options)
 
     : temporary_(makeTemporaryBoard(product, options.flashedMcuVersion)),
-      machine_(powerOn(temporary_, options)) {}
+      machine_(powerOn(temporary_->path(), options)) {}
 
 Board::Board(const std::filesystem::path& dir, BoardOptions options)
     : machine_(powerOn(dir, options)) {}
@@ -44,8 +44,6 @@ Board::~Board() {
     g_poweredMachine.store(nullptr);
     machine_->scheduler.powerOff();
     machine_.reset();
-    std::error_code ignored;
-    if (!temporary_.empty()) std::filesystem::remove_all(temporary_, ignored);
 }
 
 const std::filesystem::path& Board::directory() const { return machine_->directory; }

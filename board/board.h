@@ -21,6 +21,7 @@
 #include "board/serial_flash.h"
 #include "board/shell.h"
 #include "board/sysfs.h"
+#include "board/temporary_directory.h"
 #include "board/trace.h"
 #include "board/uart.h"
 
@@ -93,8 +94,7 @@ class Board {
     void clearLog();
 
   private:
-    std::filesystem::path
-        temporary_;  // removed at the end; empty when the directory is the caller's
+    std::unique_ptr<TemporaryDirectory> temporary_;  // none when the directory is the caller's
     std::unique_ptr<Machine> machine_;
 };
 

@@ -1,6 +1,8 @@
 #include "board/boot_loader.h"
 
 #include "board/lock.h"
+#include "board/n32_boot_loader.h"
+#include "board/stm32_boot_loader.h"
 
 namespace quil::board {
 
@@ -32,6 +34,14 @@ const char* nameOf(LoaderStep step) {
     constexpr std::array<const char*, 6> kNames = {"sync",  "command", "address",
                                                    "count", "data",    "finished"};
     return kNames.at(static_cast<size_t>(step));
+}
+
+std::unique_ptr<BootLoader> makeBootLoader(McuFlash& flash, McuSurroundings& around,
+                                           LoaderFaults& faults) {
+    if (flash.part().commands.empty()) {
+        return std::make_unique<N32BootLoader>(flash, around, faults);
+    }
+    return std::make_unique<Stm32BootLoader>(flash, around, faults);
 }
 
 }  // namespace quil::board

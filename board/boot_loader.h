@@ -75,4 +75,7 @@ class BootLoader : public UartPeer {
     virtual void start() = 0;
 };
 
+// The one that the flash's part has.
+std::unique_ptr<BootLoader> makeBootLoader(McuFlash&, McuSurroundings&, LoaderFaults&);
+
 }  // namespace quil::board

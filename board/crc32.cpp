@@ -8,10 +8,10 @@ namespace {
 
 // Eight bytes at a time: a board checks all its images at every power-on.
 constexpr size_t kSlices = 8;
-using Tables = std::array<std::array<uint32_t, 256>, kSlices>;
+using SliceTables = std::array<std::array<uint32_t, 256>, kSlices>;
 
-constexpr Tables makeTables() {
-    Tables tables{};
+constexpr SliceTables makeTables() {
+    SliceTables tables{};
     for (uint32_t i = 0; i < 256; ++i) {
         uint32_t value = i;
         for (int bit = 0; bit < 8; ++bit) value = value >> 1 ^ (value & 1 ? 0xEDB88320 : 0);
@@ -26,7 +26,7 @@ constexpr Tables makeTables() {
     return tables;
 }
 
-constexpr Tables kTables = makeTables();
+constexpr SliceTables kTables = makeTables();
 
 }  // namespace
 

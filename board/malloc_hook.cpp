@@ -49,7 +49,7 @@ void setSlot(void** where, void* value) {
     *where = value;
 }
 
-struct Tables {
+struct DynamicTables {
     const char* strings = nullptr;
     const ElfW(Sym) * symbols = nullptr;
     uintptr_t rela = 0, rel = 0, jump = 0;
@@ -57,8 +57,8 @@ struct Tables {
     bool jumpIsRela = false;
 };
 
-Tables tablesOf(const ElfW(Dyn) * entry) {
-    Tables tables;
+DynamicTables tablesOf(const ElfW(Dyn) * entry) {
+    DynamicTables tables;
     for (; entry->d_tag != DT_NULL; ++entry) {
         const uintptr_t value = entry->d_un.d_ptr;
         if (entry->d_tag == DT_STRTAB) tables.strings = reinterpret_cast<const char*>(value);
@@ -75,7 +75,7 @@ Tables tablesOf(const ElfW(Dyn) * entry) {
 }
 
 template <typename Relocation>
-void hookIn(const Tables& tables, uintptr_t base, uintptr_t table, size_t size) {
+void hookIn(const DynamicTables& tables, uintptr_t base, uintptr_t table, size_t size) {
     if (table == 0 || tables.strings == nullptr || tables.symbols == nullptr) return;
     const auto* relocations = reinterpret_cast<const Relocation*>(table);
     for (size_t i = 0; i < size / sizeof(Relocation); ++i) {
@@ -94,7 +94,7 @@ void hookLibrary(const dl_phdr_info* info) {
     for (int i = 0; i < info->dlpi_phnum; ++i) {
         if (info->dlpi_phdr[i].p_type != PT_DYNAMIC) continue;
         const uintptr_t base = info->dlpi_addr;
-        const Tables tables =
+        const DynamicTables tables =
             tablesOf(reinterpret_cast<const ElfW(Dyn)*>(base + info->dlpi_phdr[i].p_vaddr));
         hookIn<ElfW(Rela)>(tables, base, tables.rela, tables.relaSize);
         hookIn<ElfW(Rel)>(tables, base, tables.rel, tables.relSize);

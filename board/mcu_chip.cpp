@@ -1,21 +1,8 @@
 #include "board/mcu_chip.h"
 
 #include "board/machine.h"
-#include "board/n32_boot_loader.h"
-#include "board/stm32_boot_loader.h"
 
 namespace quil::board {
-namespace {
-
-std::unique_ptr<BootLoader> makeLoader(McuFlash& flash, McuSurroundings& around,
-                                       LoaderFaults& faults) {
-    if (flash.part().commands.empty()) {
-        return std::make_unique<N32BootLoader>(flash, around, faults);
-    }
-    return std::make_unique<Stm32BootLoader>(flash, around, faults);
-}
-
-}  // namespace
 
 const char* nameOf(McuChip::State state) {
     constexpr std::array<const char*, 6> kNames = {"in reset",    "starting", "boot loader",
@@ -29,7 +16,7 @@ McuChip::McuChip(const McuPart& part, const std::filesystem::path& directory, Ua
       boot0_(gpio.at(kGpioBoot0)),
       application_(application),
       flash_(part, directory / "flash"),
-      loader_(makeLoader(flash_, *this, faults_)) {
+      loader_(makeBootLoader(flash_, *this, faults_)) {
     gpio.at(kGpioNrst).onEdge([this](int level) { onReset(level); });
     uart_.attach(this);
 }

@@ -8,7 +8,7 @@
 namespace quil::board {
 namespace {
 
-constexpr size_t kInfoAt = 0x200, kLengthAt = 0x208, kCodeAt = 0x220, kCrcSize = 4;
+constexpr size_t kInfoAt = 0x200, kImageSizeAt = 0x208, kCodeAt = 0x220, kCrcSize = 4;
 constexpr std::string_view kMagic = "MCUIMAGE";
 
 uint32_t word(std::span<const uint8_t> bytes, size_t at) {
@@ -50,8 +50,8 @@ std::string makeMcuImage(McuKind kind, std::string_view version, size_t size) {
     put(image, 0, kMcuRamBase + part.ramSize);
     put(image, 4, kMcuFlashBase + static_cast<uint32_t>(kCodeAt) + 1);
     image.replace(kInfoAt, kMagic.size(), kMagic);
-    put(image, kLengthAt, static_cast<uint32_t>(size));
-    put(image, kLengthAt + 4, 0);
+    put(image, kImageSizeAt, static_cast<uint32_t>(size));
+    put(image, kImageSizeAt + 4, 0);
     std::string field(version);
     field.resize(kMcuImageVersionMax + 1);
     image.replace(kMcuImageVersionAt, field.size(), field);
@@ -69,7 +69,7 @@ McuImageCheck checkMcuImage(const McuPart& part, std::span<const uint8_t> flash)
     if (!std::equal(kMagic.begin(), kMagic.end(), flash.begin() + kInfoAt)) {
         return {"there is no image header", ""};
     }
-    const uint32_t length = word(flash, kLengthAt);
+    const uint32_t length = word(flash, kImageSizeAt);
     if (length < kMcuImageLeast || length > part.flashSize()) {
         return {"the image's length is out of range", ""};
     }

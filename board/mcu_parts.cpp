@@ -13,7 +13,7 @@ constexpr uint8_t kGdCommands[] = {0x00, 0x01, 0x02, 0x06, 0x11, 0x21, 0x31,
 constexpr uint8_t kStCommands[] = {0x00, 0x01, 0x02, 0x11, 0x21, 0x31,
                                    0x44, 0x63, 0x73, 0x82, 0x92};
 
-constexpr std::array<McuPart, 5> kParts = {{
+constexpr std::array<McuPart, 5> kMcuParts = {{
     {McuKind::kGd32F303,
      "gd32f303",
      {{{2048, 256}, {4096, 128}}},
@@ -90,14 +90,14 @@ constexpr std::array<McuPart, 5> kParts = {{
 
 }  // namespace
 
-std::span<const McuPart> mcuParts() { return kParts; }
+std::span<const McuPart> mcuParts() { return kMcuParts; }
 
-const McuPart& partOf(McuKind kind) { return kParts.at(static_cast<size_t>(kind)); }
+const McuPart& partOf(McuKind kind) { return kMcuParts.at(static_cast<size_t>(kind)); }
 
 const McuPart* partNamedIn(std::string_view text) {
     const auto named = [text](const McuPart& part) { return text.find(part.name) != text.npos; };
-    const auto* found = std::find_if(kParts.begin(), kParts.end(), named);
-    return found == kParts.end() ? nullptr : found;
+    const auto* found = std::find_if(kMcuParts.begin(), kMcuParts.end(), named);
+    return found == kMcuParts.end() ? nullptr : found;
 }
 
 }  // namespace quil::board

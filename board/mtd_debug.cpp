@@ -15,11 +15,7 @@ namespace {
 
 using Words = std::vector<std::string>;
 
-constexpr int kFailed = 1, kNotFound = 127;
-
-ProgramResult failure(const std::string& text) { return {kFailed, "", text + "\n"}; }
-
-ProgramResult failure(const char* what, int error) {
+ProgramResult failed(const char* what, int error) {
     return failure(std::string(what) + ": " + strerror(error));
 }
 
@@ -49,7 +45,7 @@ struct Range {
 
 ProgramResult erase(SerialFlash& flash, Range range, const Words&) {
     if (const int error = flash.erase(range.offset, range.length)) {
-        return failure("MEMERASE", error);
+        return failed("MEMERASE", error);
     }
     return {0,
             "Erased " + std::to_string(range.length) + " bytes from address " + hex(range.offset) +
@@ -60,14 +56,14 @@ ProgramResult erase(SerialFlash& flash, Range range, const Words&) {
 ProgramResult write(SerialFlash& flash, Range range, const Words& argv) {
     const std::string& path = argv[5];
     if (const auto fault = poweredMachine()->faults.take(Call::kOpen, path)) {
-        return failure("fopen()", fault->error);
+        return failed("fopen()", fault->error);
     }
     const auto content = readWholeFile(fileOf(path));
-    if (!content) return failure("fopen()", ENOENT);
+    if (!content) return failed("fopen()", ENOENT);
     if (content->size() < range.length) return failure("fread(): the file is too short");
     const auto* bytes = reinterpret_cast<const uint8_t*>(content->data());
     if (const int error = flash.program(range.offset, {bytes, range.length})) {
-        return failure("write()", error);
+        return failed("write()", error);
     }
     return {0,
             "Copied " + std::to_string(range.length) + " bytes from " + path + " to address " +
@@ -78,9 +74,9 @@ ProgramResult write(SerialFlash& flash, Range range, const Words& argv) {
 ProgramResult read(SerialFlash& flash, Range range, const Words& argv) {
     const std::string& path = argv[5];
     const auto cells = flash.read(range.offset, range.length);
-    if (cells.size() != range.length) return failure("read()", EINVAL);
+    if (cells.size() != range.length) return failed("read()", EINVAL);
     if (const auto fault = poweredMachine()->faults.take(Call::kOpen, path)) {
-        return failure("open()", fault->error);
+        return failed("open()", fault->error);
     }
     writeWholeFile(fileOf(path), {reinterpret_cast<const char*>(cells.data()), cells.size()});
     return {0,
@@ -104,7 +100,7 @@ ProgramResult run(SerialFlash& flash, const Words& argv) {
     }
     for (const Verb& verb : kVerbs) {
         if (argv.size() != verb.words || argv[1] != verb.name) continue;
-        if (argv[2] != kFlashDevice) return failure("open()", ENOENT);
+        if (argv[2] != kFlashDevice) return failed("open()", ENOENT);
         const auto offset = numberOf(argv[3]), length = numberOf(argv[4]);
         if (offset && length) return verb.run(flash, {*offset, *length}, argv);
     }

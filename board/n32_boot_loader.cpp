@@ -10,8 +10,9 @@ namespace quil::board {
 namespace {
 
 constexpr uint8_t kStart0 = 0xAA, kStart1 = 0x55, kSuccess = 0xA0, kFailure = 0xB0;
-constexpr size_t kCommandAt = 2, kLengthAt = 4, kParameterAt = 6, kPayloadAt = 10, kKeySize = 16;
-constexpr size_t kDataAt = kPayloadAt + kKeySize, kLongestPayload = 148, kInfoSize = 51;
+constexpr size_t kCommandAt = 2, kPayloadLengthAt = 4, kParameterAt = 6, kPayloadAt = 10,
+                 kKeySize = 16;
+constexpr size_t kBlockAt = kPayloadAt + kKeySize, kLongestPayload = 148, kInfoSize = 51;
 constexpr int kSpeed = 9600;
 constexpr uint32_t kCrcStart = 0xFFFFFFFF;
 
@@ -80,7 +81,7 @@ void N32BootLoader::receive(uint8_t byte) {
     inNoise_ = false;
     frame_.push_back(byte);
     if (frame_.size() < kPayloadAt) return;
-    const size_t length = word16(frame_, kLengthAt);
+    const size_t length = word16(frame_, kPayloadLengthAt);
     if (length > kLongestPayload) return startOver("a request of so many bytes");
     if (frame_.size() == kPayloadAt + length + 1) frame();
 }
@@ -92,7 +93,7 @@ void N32BootLoader::startOver(const std::string& why) {
 
 void N32BootLoader::frame() {
     const CommandRow* row = rowOf(frame_[kCommandAt]);
-    const size_t length = word16(frame_, kLengthAt);
+    const size_t length = word16(frame_, kPayloadLengthAt);
     if (xorOf(frame_) != 0) {
         refuse(N32Refusal::kCheckByte, "the check byte is wrong");
     } else if (row == nullptr || frame_[kCommandAt + 1] != 0) {
@@ -106,8 +107,8 @@ void N32BootLoader::frame() {
 }
 
 bool N32BootLoader::keyIsZero() const {
-    if (word16(frame_, kLengthAt) < kKeySize) return true;
-    return std::all_of(frame_.begin() + kPayloadAt, frame_.begin() + kDataAt,
+    if (word16(frame_, kPayloadLengthAt) < kKeySize) return true;
+    return std::all_of(frame_.begin() + kPayloadAt, frame_.begin() + kBlockAt,
                        [](uint8_t byte) { return byte == 0; });
 }
 
@@ -186,15 +187,15 @@ void N32BootLoader::erase() {
 
 void N32BootLoader::download() {
     const uint32_t address = word32(frame_, kParameterAt);
-    const size_t size = word16(frame_, kLengthAt) - kKeySize - 4;
-    const std::vector<uint8_t> data(frame_.begin() + kDataAt,
-                                    frame_.begin() + static_cast<std::ptrdiff_t>(kDataAt + size));
+    const size_t size = word16(frame_, kPayloadLengthAt) - kKeySize - 4;
+    const std::vector<uint8_t> data(frame_.begin() + kBlockAt,
+                                    frame_.begin() + static_cast<std::ptrdiff_t>(kBlockAt + size));
     if (size % 16 != 0) return refuse(N32Refusal::kLength, "data that are no multiple of 16");
     const uint32_t offset = address - kMcuFlashBase;
     if (address < kMcuFlashBase || offset % 16 != 0 || offset + size > flash_.part().flashSize()) {
         return refuse(N32Refusal::kParameter, "an address outside the flash");
     }
-    if (word32(frame_, kDataAt + size) != crcOf(data)) {
+    if (word32(frame_, kBlockAt + size) != crcOf(data)) {
         return refuse(N32Refusal::kBlockCrc, "the block's CRC is wrong");
     }
     char what[48];
@@ -218,7 +219,7 @@ void N32BootLoader::download() {
 // session: a wrong CRC is their habit, no violation.
 void N32BootLoader::checkCrc() {
     const uint32_t expected = word32(frame_, kParameterAt);
-    const uint32_t address = word32(frame_, kDataAt), length = word32(frame_, kDataAt + 4);
+    const uint32_t address = word32(frame_, kBlockAt), length = word32(frame_, kBlockAt + 4);
     const uint32_t offset = address - kMcuFlashBase, size = flash_.part().flashSize();
     if (address < kMcuFlashBase || offset > size || length > size - offset) {
         return refuse(N32Refusal::kParameter, "a CRC outside the flash", false);

@@ -10,8 +10,6 @@ namespace {
 
 constexpr char kModule[] = "dwmac_meson8b", kModuleFile[] = "dwmac-meson8b.ko";
 
-ProgramResult failure(const std::string& text) { return {1, "", text + "\n"}; }
-
 // What keeps the kernel from taking the file as a module; null when nothing does.
 const char* refusalOf(const std::string& path) {
     Machine* machine = poweredMachine();

@@ -13,7 +13,7 @@
 namespace quil::board {
 namespace {
 
-constexpr std::array<const char*, 5> kParts = {kRtc, kCodecs, kWifiAp, kWifiSta, kClockChip};
+constexpr std::array<const char*, 5> kProbedParts = {kRtc, kCodecs, kWifiAp, kWifiSta, kClockChip};
 constexpr std::array<const char*, 3> kHealthNames = {"healthy", "faulty", "absent"};
 constexpr std::array<const char*, 4> kCardNames = {"present", "missing", "full", "read-only"};
 constexpr char kCardName[] = "sdcard";
@@ -45,7 +45,7 @@ Probes::Probes(std::filesystem::path file, int codecs) : file_(std::move(file)),
 
 Probes::~Probes() = default;
 
-std::span<const char* const> Probes::partNames() { return kParts; }
+std::span<const char* const> Probes::partNames() { return kProbedParts; }
 
 bool Probes::isPart(const std::string& name) {
     const std::string codec = codecName(0);
@@ -53,7 +53,7 @@ bool Probes::isPart(const std::string& name) {
         name.compare(0, codec.size() - 1, codec, 0, codec.size() - 1) == 0) {
         return name.back() >= '0' && name.back() <= '9';
     }
-    return std::any_of(kParts.begin(), kParts.end(),
+    return std::any_of(kProbedParts.begin(), kProbedParts.end(),
                        [&](const char* part) { return name == part; });
 }
 

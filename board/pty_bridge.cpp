@@ -9,9 +9,7 @@
 #include <array>
 #include <stdexcept>
 
-#include "board/n32_boot_loader.h"
 #include "board/real_calls.h"
-#include "board/stm32_boot_loader.h"
 
 namespace quil::board {
 namespace {
@@ -22,14 +20,6 @@ Nanos realNow() {
     timespec time{};
     real().clock_gettime(CLOCK_MONOTONIC, &time);
     return std::chrono::seconds(time.tv_sec) + Nanos(time.tv_nsec);
-}
-
-std::unique_ptr<BootLoader> makeLoader(McuFlash& flash, McuSurroundings& around,
-                                       LoaderFaults& faults) {
-    if (flash.part().commands.empty()) {
-        return std::make_unique<N32BootLoader>(flash, around, faults);
-    }
-    return std::make_unique<Stm32BootLoader>(flash, around, faults);
 }
 
 int openMaster(std::string& port) {
@@ -50,7 +40,7 @@ class PtyBridge::Part : public McuSurroundings {
   public:
     Part(const PtyBridgeOptions& options, int master)
         : flash(partOf(options.part), options.flash),
-          loader(makeLoader(flash, *this, faults)),
+          loader(makeBootLoader(flash, *this, faults)),
           master_(master),
           realtime_(options.realtime) {
         loader->start();

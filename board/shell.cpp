@@ -16,8 +16,6 @@
 namespace quil::board {
 namespace {
 
-constexpr int kNotFound = 127, kFailed = 1;
-
 int waitStatus(int exitCode) { return (exitCode & 0xFF) << 8; }
 
 ProgramResult echo(const std::vector<std::string>& argv) {

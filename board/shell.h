@@ -27,6 +27,12 @@ struct ProgramResult {
     std::string err = {};  // standard error
 };
 
+// Exit codes.
+inline constexpr int kFailed = 1, kNotFound = 127;
+
+// What a program does that gives up: one line of error.
+inline ProgramResult failure(const std::string& line) { return {kFailed, "", line + "\n"}; }
+
 // What a program does, with the board's lock held; argv[0] is its name. To take its time it calls
 // Shell::pause.
 using Program = std::function<ProgramResult(const std::vector<std::string>& argv)>;

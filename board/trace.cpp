@@ -138,4 +138,9 @@ std::string Trace::toText() const {
 
 void Trace::writeText(const std::filesystem::path& file) const { writeWholeFile(file, toText()); }
 
+const char* nameOf(CutPosition position) {
+    constexpr std::array<const char*, 3> kNames = {"before", "inside", "after"};
+    return kNames.at(static_cast<size_t>(position));
+}
+
 }  // namespace quil::board

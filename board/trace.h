@@ -41,6 +41,7 @@ enum class EventKind {
 // of it happens. Inside: what takes its time (a flash operation) is torn, all else is as before.
 // After: it has happened, and nothing follows.
 enum class CutPosition { kBefore, kInside, kAfter };
+const char* nameOf(CutPosition);  // "before", "inside", "after"
 struct PowerCut {
     uint64_t event;
     CutPosition position;

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "board/board.h"
+#include "board/temporary_directory.h"
 
 namespace quil::tests {
 
@@ -27,15 +28,14 @@ class BoardBootLoaderTest : public testing::Test {
 
     ~BoardBootLoaderTest() override {
         if (fd_ >= 0) close(fd_);
-        board.reset();
-        std::filesystem::remove_all(directory_);
     }
 
     // A board with this part, an empty flash and its line open at the part's usual settings.
     void powerOn(const char* part, speed_t speed = B115200, tcflag_t parity = PARENB | PARODD) {
-        directory_ = makeDirectory(part);
-        std::filesystem::remove(directory_ / "mcu/flash");
-        board = std::make_unique<board::Board>(directory_);
+        board::createBoardDirectory(directory(), board::Product::kHeron);
+        setPart(part);
+        std::filesystem::remove(directory() / "mcu/flash");
+        board = std::make_unique<board::Board>(directory());
         fd_ = open("/dev/ttyS3", O_RDWR | O_NOCTTY);
         ASSERT_GE(fd_, 0);
         setLine(speed, parity);
@@ -76,18 +76,17 @@ class BoardBootLoaderTest : public testing::Test {
         return {cells.begin(), cells.end()};
     }
 
+    const std::filesystem::path& directory() const { return scratch_.path(); }
+
+  private:
+    const board::TemporaryDirectory scratch_;
+
+  protected:
     std::unique_ptr<board::Board> board;
 
   private:
-    static std::filesystem::path makeDirectory(const std::string& part) {
-        std::string pattern = std::filesystem::temp_directory_path() / "boot-loader-XXXXXX";
-        EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-        board::createBoardDirectory(pattern, board::Product::kHeron);
-        setPart(pattern, part);
-        return pattern;
-    }
-    static void setPart(const std::filesystem::path& directory, const std::string& part) {
-        const auto file = directory / "rootfs/vendor/etc/product.ini";
+    void setPart(const std::string& part) const {
+        const auto file = directory() / "rootfs/vendor/etc/product.ini";
         std::string text = board::readWholeFile(file).value();
         text.replace(text.find("gd32f303"), 8, part);
         board::writeWholeFile(file, text);

@@ -116,15 +116,16 @@ TEST_F(N32BootLoader, AWrongCrcOfTheFlashIsToldAndNoViolation) {
     EXPECT_THAT(violations(), IsEmpty());
 }
 
-struct Refused {
+struct RefusedFrame {
     const char* name;
     Bytes frame;
     uint8_t reason;
     const char* violation;
 };
-void PrintTo(const Refused& refused, std::ostream* out) { *out << refused.name; }
+void PrintTo(const RefusedFrame& refused, std::ostream* out) { *out << refused.name; }
 
-class N32BootLoaderRefuses : public N32BootLoader, public testing::WithParamInterface<Refused> {
+class N32BootLoaderRefuses : public N32BootLoader,
+                             public testing::WithParamInterface<RefusedFrame> {
   public:
     static Bytes with(Bytes frame, size_t at, uint8_t value) {
         return changed(std::move(frame), at, value);
@@ -148,15 +149,15 @@ using Row = N32BootLoaderRefuses;
 INSTANTIATE_TEST_SUITE_P(
     Frames, N32BootLoaderRefuses,
     testing::Values(
-        Refused{"checkByte", Row::wrongCheckByte(kDownload), 1, "the check byte is wrong"},
-        Refused{"command", Row::with(kHandshake, 2, 0x02), 2, "no such command"},
-        Refused{"secondCommandByte", Row::with(kHandshake, 3, 1), 2, "no such command"},
-        Refused{"key", Row::with(kDownload, 12, 1), 4, "the payload is not this command's"},
-        Refused{"erasePages", Row::with(kErase, 9, 1), 3,
-                "an erase of a page that the part has not"},
-        Refused{"address", Row::with(kDownload, 9, 9), 3, "an address outside the flash"},
-        Refused{"alignment", Row::with(kDownload, 6, 8), 3, "an address outside the flash"},
-        Refused{"blockCrc", Row::with(kDownload, 30, 0x55), 5, "the block's CRC is wrong"}),
+        RefusedFrame{"checkByte", Row::wrongCheckByte(kDownload), 1, "the check byte is wrong"},
+        RefusedFrame{"command", Row::with(kHandshake, 2, 0x02), 2, "no such command"},
+        RefusedFrame{"secondCommandByte", Row::with(kHandshake, 3, 1), 2, "no such command"},
+        RefusedFrame{"key", Row::with(kDownload, 12, 1), 4, "the payload is not this command's"},
+        RefusedFrame{"erasePages", Row::with(kErase, 9, 1), 3,
+                     "an erase of a page that the part has not"},
+        RefusedFrame{"address", Row::with(kDownload, 9, 9), 3, "an address outside the flash"},
+        RefusedFrame{"alignment", Row::with(kDownload, 6, 8), 3, "an address outside the flash"},
+        RefusedFrame{"blockCrc", Row::with(kDownload, 30, 0x55), 5, "the block's CRC is wrong"}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(N32BootLoader, RefusesToProgramWhatIsNotErased) {

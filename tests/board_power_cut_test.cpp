@@ -7,6 +7,7 @@
 #include <mutex>
 #include <thread>
 
+#include "board/temporary_directory.h"
 #include "tests/board_boot_loader_test.h"
 
 namespace quil::tests {
@@ -19,22 +20,13 @@ using testing::IsEmpty;
 
 namespace fs = std::filesystem;
 
-const char* nameOf(CutPosition position) {
-    constexpr std::array<const char*, 3> kNames = {"before", "inside", "after"};
-    return kNames.at(static_cast<size_t>(position));
-}
-
 // A board directory of its own with an MCU at version V0.9.0, to be put back as it was.
 class BoardPowerCut : public testing::Test {
   protected:
     BoardPowerCut() {
-        std::string pattern = fs::temp_directory_path() / "power-cut-XXXXXX";
-        EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-        directory = pattern;
         createBoardDirectory(directory, Product::kHeron, "V0.9.0");
         old = readWholeFile(directory / "mcu/flash").value();
     }
-    ~BoardPowerCut() override { fs::remove_all(directory); }
 
     void restore() const { writeWholeFile(directory / "mcu/flash", old); }
 
@@ -58,7 +50,8 @@ class BoardPowerCut : public testing::Test {
         if (!board.powerIsCut()) property_set("persist.quil.mcu_fw_version", "V1.0.0");
     }
 
-    fs::path directory;
+    const TemporaryDirectory scratch;
+    const fs::path& directory = scratch.path();
     std::string old;
     const std::string image = makeMcuImage(McuKind::kGd32F303, "V1.0.0", 2048);
 

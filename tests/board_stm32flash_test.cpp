@@ -14,6 +14,7 @@
 #include "board/board_directory.h"
 #include "board/mcu_image.h"
 #include "board/pty_bridge.h"
+#include "board/temporary_directory.h"
 
 namespace {
 
@@ -37,9 +38,6 @@ class BoardStm32flash : public testing::TestWithParam<Part> {
   protected:
     void SetUp() override {
         if (access(kProgram, X_OK) != 0) GTEST_SKIP() << kProgram << " is not installed";
-        std::string pattern = fs::temp_directory_path() / "stm32flash-XXXXXX";
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        directory = pattern;
         bridge = std::make_unique<PtyBridge>(PtyBridgeOptions{
             .part = GetParam().kind, .flash = directory / "flash", .link = directory / "port"});
         server = std::thread([this] { bridge->run(); });
@@ -49,7 +47,6 @@ class BoardStm32flash : public testing::TestWithParam<Part> {
         bridge->stop();
         server.join();
         EXPECT_THAT(bridge->violations(), IsEmpty());
-        fs::remove_all(directory);
     }
 
     // Runs the program on the port; its output and how it ended.
@@ -68,7 +65,8 @@ class BoardStm32flash : public testing::TestWithParam<Part> {
         return status;
     }
 
-    fs::path directory;
+    const TemporaryDirectory scratch;
+    const fs::path& directory = scratch.path();
     std::unique_ptr<PtyBridge> bridge;
     std::thread server;
 };

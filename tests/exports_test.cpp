@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tests/program_output.h"
+#include "tests/project_files.h"
 
 namespace quil::tests {
 
@@ -22,13 +23,11 @@ using testing::Not;
 
 namespace {
 
-constexpr char kLibrary[] = QUIL_LIB_DIR "/quil.hardware.quilservicemanager@1.0-impl.so";
-
 // The plain C names that the library exports. Sanitizers add names of their own, which start with
 // "__".
 std::set<std::string> plainExports() {
     std::istringstream lines(
-        outputOf(std::string("nm -D --defined-only --format=posix '") + kLibrary + "'"));
+        outputOf(std::string("nm -D --defined-only --format=posix '") + kLibraryFile + "'"));
     std::set<std::string> names;
     for (std::string line; std::getline(lines, line);) {
         const std::string name = line.substr(0, line.find(' '));
@@ -37,25 +36,11 @@ std::set<std::string> plainExports() {
     return names;
 }
 
-// The plain C names of quil.map: what stands before its C++ block.
-std::set<std::string> plainNamesOfTheMap() {
-    std::ifstream map(QUIL_SOURCE_DIR "/quil.map");
-    std::set<std::string> names;
-    for (std::string line; std::getline(map, line) && line.find("extern") == std::string::npos;) {
-        const size_t start = line.find_first_not_of(' ');
-        const size_t end = line.find(';');
-        if (start != std::string::npos && end != std::string::npos) {
-            names.insert(line.substr(start, end - start));
-        }
-    }
-    return names;
-}
-
 constexpr size_t kPointer = sizeof(void*);
 
 // What `readelf` says of the library, with the given options.
 std::string readElf(const std::string& options) {
-    return outputOf("readelf -W " + options + " '" + kLibrary + "'");
+    return outputOf("readelf -W " + options + " '" + kLibraryFile + "'");
 }
 
 // Every first group of the expression in the text.
@@ -82,7 +67,7 @@ std::map<std::string, size_t> mappedSections() {
 // The sizes in bytes of the exported data.
 std::map<std::string, size_t> sizesOfExportedData() {
     std::istringstream rows(
-        outputOf(std::string("nm -D -S --defined-only --format=posix '") + kLibrary + "'"));
+        outputOf(std::string("nm -D -S --defined-only --format=posix '") + kLibraryFile + "'"));
     std::map<std::string, size_t> sizes;
     for (std::string name, kind, value, size; rows >> name >> kind >> value >> size;) {
         const bool isData = std::string("BDR").find(kind) != std::string::npos;
@@ -99,7 +84,7 @@ TEST(Exports, PlainNamesAreExactlyTheOnesOfTheMap) {
 }
 
 TEST(Exports, ClassesAreExportedWithEveryMemberThatComponentsCall) {
-    const std::string names = outputOf(std::string("nm -DC --defined-only '") + kLibrary + "'");
+    const std::string names = outputOf(std::string("nm -DC --defined-only '") + kLibraryFile + "'");
     const std::string scope = "quil::hardware::quilservicemanager::implementation::";
     for (const char* member :
          {"hwInvoke(", "hwRegistCallback(", "hwUnRegistCallback(", "set(", "get(", "wakeUp(",
@@ -114,7 +99,7 @@ TEST(Exports, ClassesAreExportedWithEveryMemberThatComponentsCall) {
 }
 
 TEST(Exports, HelpersOfTheServiceStayInside) {
-    const std::string names = outputOf(std::string("nm -DC --defined-only '") + kLibrary + "'");
+    const std::string names = outputOf(std::string("nm -DC --defined-only '") + kLibraryFile + "'");
     for (const char* helper : {"handleRequest", "dispatch", "answer", "waitForAnswer",
                                "snapshotOfClients", "takeNextLabel", "get_log_level"}) {
         EXPECT_THAT(names, Not(HasSubstr(helper)));
@@ -137,7 +122,7 @@ TEST(Exports, NothingOfCxxLeavesTheLibraryButTheThreeClasses) {
         "typeinfo name for )?(ControlManager::|quil::hardware::quilservicemanager::"
         "implementation::QuilService(Manager|Callback))");
     std::istringstream names(outputOf(std::string("nm -D --defined-only --format=posix '") +
-                                      kLibrary + "' | grep '^_Z' | cut -d' ' -f1 | c++filt"));
+                                      kLibraryFile + "' | grep '^_Z' | cut -d' ' -f1 | c++filt"));
     size_t seen = 0;
     for (std::string name; std::getline(names, name); ++seen) {
         EXPECT_TRUE(std::regex_search(name, ours)) << name;
@@ -181,7 +166,7 @@ TEST(Exports, LibraryNeedsNothingBeyondThePlatform) {
 TEST(Exports, TextOfTheArmLibraryStaysUnder96KiB) {
     const auto sizes = mappedSections();
     const std::string relocations =
-        outputOf(std::string("readelf -rW '") + kLibrary + "' | grep -c R_");
+        outputOf(std::string("readelf -rW '") + kLibraryFile + "' | grep -c R_");
     RecordProperty("text", std::to_string(sizes.at(".text")));
     printf(".text %zu bytes, .rodata %zu, .data.rel.ro %zu, relocations %s", sizes.at(".text"),
            sizes.at(".rodata"), sizes.at(".data.rel.ro"), relocations.c_str());
@@ -197,7 +182,7 @@ TEST(Exports, NothingButTheCompilersOwnEntryRunsWhenTheLibraryIsLoaded) {
     GTEST_SKIP() << "sanitizers register their modules from .init_array";
 #else
     EXPECT_EQ(mappedSections()[".init_array"], kPointer);
-    const std::string symbols = outputOf(std::string("nm -C '") + kLibrary + "'");
+    const std::string symbols = outputOf(std::string("nm -C '") + kLibraryFile + "'");
     EXPECT_THAT(symbols, Not(HasSubstr("_GLOBAL__sub_I")));
     EXPECT_THAT(symbols, Not(HasSubstr("__static_initialization_and_destruction")));
     EXPECT_THAT(symbols, HasSubstr("frame_dummy"));

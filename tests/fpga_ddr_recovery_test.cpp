@@ -11,7 +11,6 @@ using testing::ElementsAre;
 
 namespace {
 
-constexpr uint32_t kDdrAt = 0x1016;
 constexpr char kRead[] = "read 0x00001016", kSecond[] = "sleep 1.000000 s";
 
 // One attempt that finds the DDR not ready, at level 'D' without the bytes of the read.

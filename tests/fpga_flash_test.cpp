@@ -16,9 +16,8 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr char kImage[] = "/vendor/firmware/fpga_Heron.bin";
 constexpr char kTool[] = "/vendor/bin/mtd_debug";
-constexpr char kErase[] = "mtd_debug erase /dev/mtd0 0 0xD00000";
+constexpr char kEraseCommand[] = "mtd_debug erase /dev/mtd0 0 0xD00000";
 constexpr char kWrite[] = "mtd_debug write /dev/mtd0 0 1000 /vendor/firmware/fpga_Heron.bin";
 
 bool gTellFails = false;
@@ -37,7 +36,7 @@ class FpgaFlash : public FpgaTest {
   protected:
     FpgaFlash() {
         parseProduct();
-        board.writeFile(kImage, std::string(1000, 'x'));
+        board.writeFile(kFpgaImage, std::string(1000, 'x'));
         std::filesystem::create_directories(board.hostPath(kTool).parent_path());
         board.writeFile(kTool, "a tool");
         done(1);
@@ -66,7 +65,7 @@ class FpgaFlash : public FpgaTest {
 // The image's size.
 
 TEST_F(FpgaFlash, SizeOfAFileIsItsBytes) {
-    EXPECT_EQ(getFileSize(kImage), 1000U);
+    EXPECT_EQ(getFileSize(kFpgaImage), 1000U);
     EXPECT_THAT(messages(), IsEmpty());
 }
 
@@ -88,7 +87,7 @@ TEST_F(FpgaFlash, SizeOfWhatCannotBeSoughtIsMinus1AndADebugLine) {
 
 TEST_F(FpgaFlash, SizeThatCannotBeToldIsMinus1AndADebugLine) {
     gTellFails = true;
-    EXPECT_EQ(getFileSize(kImage), 0xFFFFFFFFU);
+    EXPECT_EQ(getFileSize(kFpgaImage), 0xFFFFFFFFU);
     gTellFails = false;
     EXPECT_THAT(messages(), ElementsAre("D getFileSize: Error telling file size\n"));
 }
@@ -156,7 +155,7 @@ TEST_F(FpgaFlash, UpdateErasesWritesRestartsAndWaitsForDone) {
     fakeCommands();
     EXPECT_EQ(fpgaFwUpdate(), 0);
     EXPECT_THAT(timeline(),
-                ElementsAre("gpio 441 = 0", "gpio 442 = 0", std::string("$ ") + kErase,
+                ElementsAre("gpio 441 = 0", "gpio 442 = 0", std::string("$ ") + kEraseCommand,
                             std::string("$ ") + kWrite, "gpio 441 = 1", "gpio 442 = 1"));
     EXPECT_THAT(messages(), ElementsAre("D fpgaFwUpdate: is called\n",
                                         "D fpgaFwUpdate: /vendor/firmware/fpga_Heron.bin exist\n",
@@ -182,7 +181,7 @@ TEST_F(FpgaFlash, UpdateThatSucceedsSaysNothingBelowDebug) {
 }
 
 TEST_F(FpgaFlash, UpdateWithoutAnImageTouchesNothing) {
-    std::filesystem::remove(board.hostPath(kImage));
+    std::filesystem::remove(board.hostPath(kFpgaImage));
     const std::string printed = standardErrorOf([] { EXPECT_EQ(fpgaFwUpdate(), -1); });
     EXPECT_EQ(printed, "access: No such file or directory\n");
     EXPECT_THAT(timeline(), IsEmpty());
@@ -192,19 +191,19 @@ TEST_F(FpgaFlash, UpdateWithoutAnImageTouchesNothing) {
 }
 
 TEST_F(FpgaFlash, UpdateWithAnEmptyImageTouchesNothing) {
-    board.writeFile(kImage, "");
+    board.writeFile(kFpgaImage, "");
     EXPECT_EQ(fpgaFwUpdate(), -1);
     EXPECT_THAT(timeline(), IsEmpty());
     EXPECT_EQ(messages().back(), "E fpgaFwUpdate: invalid heron_fpga_fw size = 0\n");
 }
 
 TEST_F(FpgaFlash, UpdateWhoseImageCannotBeOpenedGoesOnToTheToolWith4294967295) {
-    board.faults().add({.call = Call::kFopen, .path = kImage, .error = EACCES});
+    board.faults().add({.call = Call::kFopen, .path = kFpgaImage, .error = EACCES});
     const std::string write =
         "mtd_debug write /dev/mtd0 0 4294967295 /vendor/firmware/fpga_Heron.bin";
     fakeCommands(write);
     EXPECT_EQ(fpgaFwUpdate(), -1);
-    EXPECT_THAT(commands(), ElementsAre(kErase, write));
+    EXPECT_THAT(commands(), ElementsAre(kEraseCommand, write));
     EXPECT_THAT(messages(), testing::IsSupersetOf({"D getFileSize: Error opening file\n",
                                                    "D fpgaFwUpdate: fpga_fw_size = 4294967295\n"}));
     EXPECT_EQ(messages().back(), "E fpgaFwUpdate: mtd_debug write exit status: 3\n");
@@ -230,23 +229,24 @@ TEST_F(FpgaFlash, UpdateDoesNotAskForTheTool) {
 }
 
 TEST_F(FpgaFlash, UpdateWhoseEraseExitsWith3LogsItAndLeavesBothLinesLow) {
-    fakeCommands(kErase);
+    fakeCommands(kEraseCommand);
     EXPECT_EQ(fpgaFwUpdate(), -1);
     EXPECT_THAT(timeline(),
-                ElementsAre("gpio 441 = 0", "gpio 442 = 0", std::string("$ ") + kErase));
+                ElementsAre("gpio 441 = 0", "gpio 442 = 0", std::string("$ ") + kEraseCommand));
     EXPECT_EQ(messages().back(), "E fpgaFwUpdate: mtd_debug erase exit status: 3\n");
 }
 
 TEST_F(FpgaFlash, UpdateWhoseWriteExitsWith3LogsItAndLeavesBothLinesLow) {
     fakeCommands(kWrite);
     EXPECT_EQ(fpgaFwUpdate(), -1);
-    EXPECT_THAT(timeline(), ElementsAre("gpio 441 = 0", "gpio 442 = 0", std::string("$ ") + kErase,
-                                        std::string("$ ") + kWrite));
+    EXPECT_THAT(timeline(),
+                ElementsAre("gpio 441 = 0", "gpio 442 = 0", std::string("$ ") + kEraseCommand,
+                            std::string("$ ") + kWrite));
     EXPECT_EQ(messages().back(), "E fpgaFwUpdate: mtd_debug write exit status: 3\n");
 }
 
 TEST_F(FpgaFlash, UpdateWhoseShellCannotBeStartedLogsMinus1) {
-    board.faults().add({.call = Call::kSystem, .path = kErase, .error = EAGAIN});
+    board.faults().add({.call = Call::kSystem, .path = kEraseCommand, .error = EAGAIN});
     EXPECT_EQ(fpgaFwUpdate(), -1);
     EXPECT_EQ(messages().back(), "E fpgaFwUpdate: mtd_debug erase exit status: -1\n");
 }
@@ -283,7 +283,7 @@ struct StuckLine {
     size_t commands;
 };
 void PrintTo(const StuckLine& row, std::ostream* out) { *out << row.name; }
-std::string nameOf(const testing::TestParamInfo<StuckLine>& info) { return info.param.name; }
+std::string lineName(const testing::TestParamInfo<StuckLine>& info) { return info.param.name; }
 
 class FpgaUpdateLine : public FpgaFlash, public testing::WithParamInterface<StuckLine> {};
 
@@ -308,7 +308,7 @@ INSTANTIATE_TEST_SUITE_P(
         StuckLine{"ConfigLowAgain", kConfigLine, 1, "E fpgaFwUpdate: config gpio 442 set failed\n",
                   2},
         StuckLine{"ConfigHigh", kConfigLine, 2, "E fpgaFwUpdate: config gpio 442 set failed\n", 2}),
-    nameOf);
+    lineName);
 
 // fpgaFlashFormat.
 
@@ -316,7 +316,7 @@ TEST_F(FpgaFlash, FormatErasesBetweenTheEdgesOfTheControlLine) {
     fakeCommands();
     EXPECT_EQ(fpgaFlashFormat(), 0);
     EXPECT_THAT(timeline(),
-                ElementsAre("gpio 441 = 0", std::string("$ ") + kErase, "gpio 441 = 1"));
+                ElementsAre("gpio 441 = 0", std::string("$ ") + kEraseCommand, "gpio 441 = 1"));
     EXPECT_THAT(messages(), ElementsAre("D fpgaFlashFormat: is called\n",
                                         "D fpgaFlashFormat: gpio 441 pull low\n",
                                         "D fpgaFlashFormat: mtd_debug tool exist\n",
@@ -345,9 +345,9 @@ TEST_F(FpgaFlash, FormatWithoutTheToolLeavesTheControlLineLow) {
 }
 
 TEST_F(FpgaFlash, FormatWhoseEraseExitsWith3LeavesTheControlLineLow) {
-    fakeCommands(kErase);
+    fakeCommands(kEraseCommand);
     EXPECT_EQ(fpgaFlashFormat(), -1);
-    EXPECT_THAT(timeline(), ElementsAre("gpio 441 = 0", std::string("$ ") + kErase));
+    EXPECT_THAT(timeline(), ElementsAre("gpio 441 = 0", std::string("$ ") + kEraseCommand));
     EXPECT_EQ(messages().back(), "E fpgaFlashFormat: mtd_debug erase exit status: 3\n");
 }
 
@@ -359,7 +359,7 @@ TEST_F(FpgaFlash, FormatWhoseControlLineCannotBeDrivenFailsAtEitherEdge) {
     EXPECT_EQ(messages().back(), "E fpgaFlashFormat: gpio 441 set failed\n");
     board.faults().add({.call = Call::kGpioSet, .path = kControlLine, .error = EIO, .after = 1});
     EXPECT_EQ(fpgaFlashFormat(), -1);
-    EXPECT_THAT(commands(), ElementsAre(kErase));
+    EXPECT_THAT(commands(), ElementsAre(kEraseCommand));
     EXPECT_EQ(messages().back(), "E fpgaFlashFormat: gpio 441 set failed\n");
 }
 
@@ -387,7 +387,7 @@ TEST_F(FpgaFlash, WriteWithoutAnImageOrToolTouchesNothing) {
     EXPECT_EQ(standardErrorOf([] { EXPECT_EQ(fpgaFlashWrite(), -1); }),
               "access: No such file or directory\n");
     EXPECT_EQ(messages().back(), "E fpgaFlashWrite: mtd_debug tool not exist\n");
-    std::filesystem::remove(board.hostPath(kImage));
+    std::filesystem::remove(board.hostPath(kFpgaImage));
     EXPECT_EQ(standardErrorOf([] { EXPECT_EQ(fpgaFlashWrite(), -1); }),
               "access: No such file or directory\n");
     EXPECT_EQ(messages().back(), "E fpgaFlashWrite: /vendor/firmware/fpga_Heron.bin not exist\n");
@@ -395,7 +395,7 @@ TEST_F(FpgaFlash, WriteWithoutAnImageOrToolTouchesNothing) {
 }
 
 TEST_F(FpgaFlash, WriteOfAnEmptyImageTouchesNothing) {
-    board.writeFile(kImage, "");
+    board.writeFile(kFpgaImage, "");
     EXPECT_EQ(fpgaFlashWrite(), -1);
     EXPECT_THAT(timeline(), IsEmpty());
     EXPECT_EQ(messages().back(), "E fpgaFlashWrite: invalid heron_fpga_fw size = 0\n");
@@ -437,7 +437,7 @@ INSTANTIATE_TEST_SUITE_P(
         StuckLine{"ControlHigh", kControlLine, 1, "E fpgaFlashWrite: gpio 441 set failed\n", 1},
         StuckLine{"ConfigLowAgain", kConfigLine, 1, "E fpgaFlashWrite: gpio 442 set failed\n", 1},
         StuckLine{"ConfigHigh", kConfigLine, 2, "E fpgaFlashWrite: gpio 442 set failed\n", 1}),
-    nameOf);
+    lineName);
 
 TEST_F(FpgaFlash, WriteWaitsInSecondsForAsLongAsAnUpdateIsInProgress) {
     fakeCommands();

@@ -14,17 +14,14 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-namespace {
-
-constexpr char kProperty[] = "persist.quil.system.fpga.fw.update";
-constexpr uint32_t kDdrAt = 0x1016, kClockAt = 0x1100;
-
-}  // namespace
+namespace {}  // namespace
 
 class FpgaLoad : public FpgaTest {
   protected:
-    std::string property() { return board.properties().get(kProperty, "(absent)"); }
-    void setProperty(const std::string& value) { board.properties().set(kProperty, value); }
+    std::string property() { return board.properties().get(kFpgaUpdateProperty, "(absent)"); }
+    void setProperty(const std::string& value) {
+        board.properties().set(kFpgaUpdateProperty, value);
+    }
 
     // The messages of one function, without those of what it calls.
     std::vector<std::string> messagesOf(const std::string& function) {
@@ -296,7 +293,7 @@ TEST_F(FpgaLoadKestrel, NeitherReadsNorWritesTheUpdateProperty) {
     succeed();
     EXPECT_EQ(fpgaLoadProcessKestrel(), 0);
     EXPECT_EQ(property(), "1");
-    EXPECT_THAT(messages(), Not(Contains(HasSubstr(kProperty))));
+    EXPECT_THAT(messages(), Not(Contains(HasSubstr(kFpgaUpdateProperty))));
 }
 
 // Wren_t507.

@@ -14,7 +14,6 @@ using testing::Not;
 
 namespace {
 
-constexpr uint32_t kClockAt = 0x1100, kNegotiationAt = 0x1103;
 constexpr char kResetFile[] = "/sys/class/quilgpios/RTL8211FS_RSTN/value";
 
 constexpr char kRmmod[] = "$ rmmod dwmac_meson8b";

@@ -112,7 +112,7 @@ struct Whole {
     size_t size;
 };
 void PrintTo(const Whole& row, std::ostream* out) { *out << row.name; }
-std::string nameOf(const testing::TestParamInfo<Whole>& info) { return info.param.name; }
+std::string wholeName(const testing::TestParamInfo<Whole>& info) { return info.param.name; }
 
 class WholeBlock : public ScreenLoad, public testing::WithParamInterface<Whole> {
   protected:
@@ -166,7 +166,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Whole{"SubPixelTable", 0x10A43000, "02 10 a4 30 00", 518},
                     Whole{"NetGapTable1", 0x10810000, "02 10 81 00 00", 4102},
                     Whole{"NetGapTable2", 0x10820000, "02 10 82 00 00", 4102}),
-    nameOf);
+    wholeName);
 
 TEST_F(ScreenLoad, KindsHaveFramesOfTheirOwn) {
     const Bytes full = pattern(4096, 1), brief = pattern(10, 2);

@@ -16,8 +16,6 @@ using testing::IsEmpty;
 
 namespace {
 
-constexpr uint32_t kClockAt = 0x1100, kNegotiationAt = 0x1103, kDdrAt = 0x1016;
-
 // The seven bytes of a read of one: what came with the header, and the state.
 std::vector<std::string> bytesLogged(const std::string& function, const std::string& state) {
     const std::string start = "D " + function + ": send_data[";

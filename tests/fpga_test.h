@@ -17,6 +17,11 @@ inline constexpr char kFwUpdateTag[] = "quil_system_fw_update";
 inline constexpr char kSpiDevice[] = "/dev/fpga_spi";
 inline constexpr char kControlLine[] = "gpio 441", kConfigLine[] = "gpio 442",
                       kDoneLine[] = "gpio 443";
+inline constexpr char kFpgaUpdateProperty[] = "persist.quil.system.fpga.fw.update";
+inline constexpr char kFpgaImage[] = "/vendor/firmware/fpga_Heron.bin";
+
+// Registers of the FPGA.
+inline constexpr uint32_t kDdrAt = 0x1016, kClockAt = 0x1100, kNegotiationAt = 0x1103;
 
 inline std::string hex(const Bytes& bytes) {
     std::string text;

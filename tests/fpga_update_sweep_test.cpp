@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <map>
 
+#include "board/temporary_directory.h"
 #include "fpga/load_process.h"
 #include "tests/fpga_test.h"
 
@@ -18,36 +19,23 @@ using testing::IsEmpty;
 
 namespace fs = std::filesystem;
 
-constexpr char kProperty[] = "persist.quil.system.fpga.fw.update";
-
-const char* nameOf(CutPosition position) {
-    constexpr std::array<const char*, 3> kNames = {"before", "inside", "after"};
-    return kNames.at(static_cast<size_t>(position));
-}
-
 // A Heron board's directory with an update pending, to be put back as it was.
 class FpgaUpdateSweep : public testing::Test {
   protected:
     FpgaUpdateSweep() {
-        std::string pattern = fs::temp_directory_path() / "fpga-sweep-XXXXXX";
-        EXPECT_NE(mkdtemp(pattern.data()), nullptr);
-        directory = pattern;
         board::createBoardDirectory(directory, board::Product::kHeron);
-        board::writeWholeFile(directory / "properties", std::string(kProperty) + "=1\n");
+        board::writeWholeFile(directory / "properties", std::string(kFpgaUpdateProperty) + "=1\n");
         oldFlash = board::readWholeFile(directory / "mtd0").value_or("");
         image = board::readWholeFile(directory / "rootfs/vendor/firmware/fpga_Heron.bin").value();
         for (const auto& [at, value] : {std::pair{23, 3}, {25, 1}, {33, 1}, {41, 1}, {47, 1}}) {
             buffer[at] = static_cast<uint8_t>(value);
         }
     }
-    ~FpgaUpdateSweep() override {
-        fs::remove_all(directory);
-        memset(buffer, 0, sizeof buffer);
-    }
+    ~FpgaUpdateSweep() override { memset(buffer, 0, sizeof buffer); }
 
     void restore() const {
         board::writeWholeFile(directory / "mtd0", oldFlash);
-        board::writeWholeFile(directory / "properties", std::string(kProperty) + "=1\n");
+        board::writeWholeFile(directory / "properties", std::string(kFpgaUpdateProperty) + "=1\n");
     }
 
     static int32_t boot() {
@@ -70,7 +58,8 @@ class FpgaUpdateSweep : public testing::Test {
         const auto events = board.trace().events();
         uint64_t last = 0;
         for (size_t i = 0; i < events.size(); ++i) {
-            if (events[i].kind == EventKind::kProperty && events[i].source == kProperty) last = i;
+            if (events[i].kind == EventKind::kProperty && events[i].source == kFpgaUpdateProperty)
+                last = i;
         }
         return first + last + 1;
     }
@@ -78,10 +67,12 @@ class FpgaUpdateSweep : public testing::Test {
     bool isUpdated(Board& board) const {
         const auto cells = board.flash().read(0, image.size());
         return std::string(cells.begin(), cells.end()) == image &&
-               board.gpio().at(443).level() == 1 && board.properties().get(kProperty, "") == "0";
+               board.gpio().at(443).level() == 1 &&
+               board.properties().get(kFpgaUpdateProperty, "") == "0";
     }
 
-    fs::path directory;
+    const board::TemporaryDirectory scratch;
+    const fs::path& directory = scratch.path();
     std::string oldFlash, image;
 };
 

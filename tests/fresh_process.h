@@ -15,4 +15,10 @@ inline void dieInAFreshProcess() {
 #endif
 }
 
+// Tests of how a process ends.
+class ProcessEnd : public testing::Test {
+  protected:
+    void SetUp() override { dieInAFreshProcess(); }
+};
+
 }  // namespace quil::tests

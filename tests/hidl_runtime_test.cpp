@@ -37,11 +37,6 @@ using ::testing::HasSubstr;
 using ::testing::KilledBySignal;
 
 // Death tests start their process anew: other tests of this program may have left threads.
-class ProcessEnd : public ::testing::Test {
-  protected:
-    void SetUp() override { quil::tests::dieInAFreshProcess(); }
-};
-
 // Status and Return
 
 TEST(HidlStatus, TellsExceptionsFromTransportErrors) {
@@ -109,7 +104,7 @@ TEST(HidlReturn, MovedFailureIsCheckedInItsNewPlace) {
     EXPECT_TRUE(first.isOkUnchecked());
 }
 
-using HidlReturnEnd = ProcessEnd;
+using HidlReturnEnd = quil::tests::ProcessEnd;
 
 TEST_F(HidlReturnEnd, FailureThatNobodyLookedAtEndsTheProcess) {
     EXPECT_EXIT({ Return<void> unseen = Status::fromStatusT(DEAD_OBJECT); },

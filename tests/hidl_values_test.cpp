@@ -26,11 +26,6 @@ using ::testing::ElementsAre;
 using ::testing::KilledBySignal;
 
 // Death tests start their process anew: other tests of this program may have left threads.
-class ProcessEnd : public ::testing::Test {
-  protected:
-    void SetUp() override { quil::tests::dieInAFreshProcess(); }
-};
-
 // hidl_vec
 
 TEST(HidlVec, NewOneIsEmptyAndWithoutStorage) {
@@ -194,7 +189,7 @@ TEST(HidlVec, TakesSixteenBytesOnEveryMachine) {
     EXPECT_EQ(sizeof(hidl_handle), 16u);
 }
 
-using HidlVecEnd = ProcessEnd;
+using HidlVecEnd = quil::tests::ProcessEnd;
 
 TEST_F(HidlVecEnd, MoreThanFourBillionElementsEndTheProcess) {
     if constexpr (sizeof(size_t) > 4) {
@@ -275,7 +270,7 @@ TEST(HidlString, ComparesByContent) {
     EXPECT_TRUE(text >= hidl_string("b"));
 }
 
-using HidlStringEnd = ProcessEnd;
+using HidlStringEnd = quil::tests::ProcessEnd;
 
 TEST_F(HidlStringEnd, ExternalTextWithoutItsNulEndsTheProcess) {
     hidl_string text;

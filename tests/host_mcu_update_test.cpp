@@ -17,14 +17,13 @@ using board::Call;
 using board::Event;
 using board::EventKind;
 using quil::tests::kHeronUart;
+using quil::tests::kMcuImage;
 using quil::tests::LibraryTest;
 using std::chrono::milliseconds;
 using testing::Contains;
 using testing::ElementsAre;
 using testing::IsEmpty;
 using testing::Not;
-
-constexpr char kImage[] = "/vendor/firmware/mcu_Heron.bin";
 
 class HostMcuUpdate : public testing::Test {
   protected:
@@ -112,7 +111,7 @@ TEST_F(HostMcuUpdate, AnUpdateThatFailsLeavesTheLinkAsItWasAndTheServiceComesUp)
 }
 
 TEST_F(HostMcuUpdate, AMissingImageLeavesTheMcuAlone) {
-    std::filesystem::remove(board.hostPath(kImage));
+    std::filesystem::remove(board.hostPath(kMcuImage));
     ASSERT_TRUE(host.start().ok());
     EXPECT_EQ(host.mcuFirmware(), McuFirmware::kLeftAsItWas);
     EXPECT_THAT(board.trace().events(EventKind::kGpio), IsEmpty());

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/project_files.h"
+
 namespace quil::tests {
 
 namespace fs = std::filesystem;
@@ -19,12 +21,10 @@ using testing::IsEmpty;
 
 namespace {
 
-const fs::path kRoot = QUIL_SOURCE_DIR;
-
 std::vector<fs::path> sourcesIn(const std::string& folder) {
     std::vector<fs::path> files;
-    if (!fs::exists(kRoot / folder)) return files;
-    for (const auto& entry : fs::recursive_directory_iterator(kRoot / folder)) {
+    if (!fs::exists(projectRoot() / folder)) return files;
+    for (const auto& entry : fs::recursive_directory_iterator(projectRoot() / folder)) {
         const std::string extension = entry.path().extension();
         if (extension == ".cpp" || extension == ".h") files.push_back(entry.path());
     }
@@ -73,7 +73,8 @@ TEST(HouseRules, EachFolderOfTheProductIncludesOnlyTheFoldersBelowIt) {
         for (const fs::path& file : sourcesIn(folder)) {
             for (const std::string& included : foldersIncludedBy(file)) {
                 if (included == folder || allowed.count(included) != 0) continue;
-                wrong.push_back(fs::relative(file, kRoot).string() + " includes " + included);
+                wrong.push_back(fs::relative(file, projectRoot()).string() + " includes " +
+                                included);
             }
         }
     }
@@ -99,7 +100,7 @@ TEST(HouseRules, FilesStayUnder600LinesAnd100Columns) {
         for (const fs::path& file : sourcesIn(folder)) {
             const std::vector<std::string> lines = linesOf(file);
             ++seen;
-            const std::string name = fs::relative(file, kRoot).string();
+            const std::string name = fs::relative(file, projectRoot()).string();
             if (lines.size() > 600) wrong.push_back(name + " has too many lines");
             const bool tooWide = std::any_of(lines.begin(), lines.end(),
                                              [](const auto& line) { return line.size() > 100; });

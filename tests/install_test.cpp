@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <string>
 
+#include "board/temporary_directory.h"
 #include "tests/program_output.h"
 
 namespace quil::tests {
@@ -25,28 +26,9 @@ constexpr char kWhatTheProgramsPrint[] =
     "answer of 0\n"
     "convert 0, command 0x01020304\n";
 
-// Removes what it names at the end.
-class ScratchDirectory {
-  public:
-    ScratchDirectory() {
-        std::string pattern = testing::TempDir() + "quil-install-XXXXXX";
-        mPath = mkdtemp(pattern.data()) != nullptr ? pattern : "";
-    }
-    ~ScratchDirectory() {
-        if (!mPath.empty()) std::filesystem::remove_all(mPath);
-    }
-    ScratchDirectory(const ScratchDirectory&) = delete;
-    ScratchDirectory& operator=(const ScratchDirectory&) = delete;
-
-    const std::string& path() const { return mPath; }
-
-  private:
-    std::string mPath;
-};
-
 std::string consumerBuiltWith(const std::string& way) {
-    const ScratchDirectory scratch;
-    return outputOf("'" QUIL_BIN_DIR "/build_consumer' '" + scratch.path() + "' " + way);
+    const board::TemporaryDirectory scratch("quil-install");
+    return outputOf("'" QUIL_BIN_DIR "/build_consumer' '" + scratch.path().string() + "' " + way);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "mculink/frame.h"
 #include "selftest/self_test.h"
 #include "service/tclv_msg.h"
+#include "tests/project_files.h"
 #include "update/config_info.h"
 
 namespace quil::tests {
@@ -31,16 +32,8 @@ namespace fs = std::filesystem;
 using hardware::quilservicemanager::implementation::tclvMsg;
 using Matches = std::sregex_iterator;
 
-const fs::path kRoot = QUIL_SOURCE_DIR;
-
-std::string textOf(const fs::path& file) {
-    std::ifstream in(kRoot / file);
-    EXPECT_TRUE(in) << file;
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
 const std::string& page() {
-    static const std::string text = textOf("docs/interface.md");
+    static const std::string text = projectText("docs/interface.md");
     return text;
 }
 
@@ -55,9 +48,9 @@ std::string withoutComments(const std::string& text) {
 // The text of all headers of a folder, blanks reduced.
 std::string headersOf(const std::string& folder) {
     std::string text;
-    for (const auto& file : fs::directory_iterator(kRoot / folder)) {
+    for (const auto& file : fs::directory_iterator(projectRoot() / folder)) {
         if (file.path().extension() != ".h") continue;
-        text += withoutComments(textOf(file.path()));
+        text += withoutComments(projectText(file.path()));
     }
     return withSingleBlanks(text);
 }
@@ -96,28 +89,18 @@ Declarations declarationsOfThePage() {
     return declarations;
 }
 
-// The plain C names of quil.map: what stands before its C++ block.
-std::set<std::string> plainNamesOfTheMap() {
-    const std::string map = textOf("quil.map");
-    const std::string plain = map.substr(0, map.find("extern"));
-    static const std::regex name(R"((\w+);)");
-    std::set<std::string> names;
-    for (Matches it(plain.begin(), plain.end(), name), end; it != end; ++it) names.insert((*it)[1]);
-    return names;
-}
-
-struct Field {
+struct RecordField {
     std::string name;
     size_t offset;
-    bool operator==(const Field& other) const = default;
+    bool operator==(const RecordField& other) const = default;
 };
-void PrintTo(const Field& field, std::ostream* out) {
+void PrintTo(const RecordField& field, std::ostream* out) {
     *out << field.name << " at " << field.offset;
 }
 
 struct Record {
     std::string name;
-    std::vector<Field> fields;
+    std::vector<RecordField> fields;
 };
 
 #define FIELD(record, field) \
@@ -205,13 +188,13 @@ const std::vector<Record> kRecords = {
 #undef FIELD
 
 // The rows "| `field` | ARM | 64-bit | ..." below a record's heading.
-std::vector<Field> fieldsOnThePage(const std::string& record) {
+std::vector<RecordField> fieldsOnThePage(const std::string& record) {
     const size_t start = page().find("\n### " + record + "\n");
     if (start == std::string::npos) return {};
     const std::string section = page().substr(start, page().find("\n#", start + 5) - start);
     static const std::regex row(R"(\n\| `?(\w+)`? \| (\d+) \| (\d+) \|)");
     const int column = sizeof(void*) == 4 ? 2 : 3;
-    std::vector<Field> fields;
+    std::vector<RecordField> fields;
     for (Matches it(section.begin(), section.end(), row), end; it != end; ++it) {
         fields.push_back({(*it)[1], std::stoul((*it)[column])});
     }

@@ -21,6 +21,7 @@ namespace quil::tests {
 using Bytes = std::vector<uint8_t>;
 
 inline constexpr char kHeronUart[] = "/dev/ttyS3";
+inline constexpr char kMcuImage[] = "/vendor/firmware/mcu_Heron.bin";
 
 // Runs `action` and returns what it left on standard output.
 template <typename Action>

@@ -10,13 +10,13 @@
 
 #include "board/board.h"
 #include "board/mcu_fitting.h"
+#include "board/temporary_directory.h"
 #include "isp/isp_tasks.h"
 #include "tests/library_test.h"
 
 namespace quil::tests {
 
 inline constexpr char kOlderVersion[] = "V0.9.0", kShippedVersion[] = "V1.0.0";
-inline constexpr char kMcuImage[] = "/vendor/firmware/mcu_Heron.bin";
 
 // A board with the part on it, whose flash holds an older version.
 class McuSession {
@@ -24,8 +24,6 @@ class McuSession {
     McuSession(const McuSession&) = delete;
     McuSession& operator=(const McuSession&) = delete;
     McuSession(board::McuKind kind, size_t imageSize) : mChip(partOf(kind).name) {
-        std::string pattern = (std::filesystem::temp_directory_path() / "session-XXXXXX").string();
-        mDirectory = mkdtemp(pattern.data());
         board::createBoardDirectory(mDirectory, board::Product::kHeron);
         board::fitMcu(mDirectory, {kind, kShippedVersion, kOlderVersion, imageSize});
         mBoard.emplace(mDirectory);
@@ -33,7 +31,6 @@ class McuSession {
     ~McuSession() {
         mBoard.reset();
         fd = -1;  // as freshly loaded
-        std::filesystem::remove_all(mDirectory);
     }
 
     board::Board& board() { return *mBoard; }
@@ -83,7 +80,8 @@ class McuSession {
 
   private:
     const std::string mChip;
-    std::filesystem::path mDirectory;
+    const board::TemporaryDirectory mScratch;
+    const std::filesystem::path& mDirectory = mScratch.path();
     std::optional<board::Board> mBoard;
 };
 

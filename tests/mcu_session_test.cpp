@@ -25,7 +25,7 @@ using testing::IsEmpty;
 
 constexpr auto kOlder = kOlderVersion, kShipped = kShippedVersion;
 constexpr char kNothing[] = "";
-constexpr auto kImage = kMcuImage, kPort = kHeronUart;
+constexpr auto kPort = kHeronUart;
 
 // One thing that goes wrong, and what becomes of the session.
 struct Mishap {
@@ -239,7 +239,7 @@ const std::vector<Mishap>& stmMishaps() {
         {"ImageThatIsNotThere",
          {},
          {},
-         {{.call = Call::kAccess, .path = kImage, .error = ENOENT, .times = -1}},
+         {{.call = Call::kAccess, .path = kMcuImage, .error = ENOENT, .times = -1}},
          15,
          kNothing,
          {kNotWhole, kStmFailed},
@@ -256,7 +256,7 @@ const std::vector<Mishap>& stmMishaps() {
         {"ImageThatCannotBeRead",
          {},
          {},
-         {{.call = Call::kFopen, .path = kImage, .error = EACCES}},
+         {{.call = Call::kFopen, .path = kMcuImage, .error = EACCES}},
          0,
          kNothing,
          {},
@@ -501,7 +501,7 @@ const std::vector<Mishap>& n32Mishaps() {
         {"ImageThatIsNotThere",
          {},
          {},
-         {{.call = Call::kAccess, .path = kImage, .error = ENOENT, .times = -1}},
+         {{.call = Call::kAccess, .path = kMcuImage, .error = ENOENT, .times = -1}},
          0,
          kNothing,
          {},

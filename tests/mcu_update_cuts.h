@@ -16,16 +16,15 @@
 #include "board/board_directory.h"
 #include "board/mcu_fitting.h"
 #include "board/mcu_image.h"
+#include "board/temporary_directory.h"
 #include "common/serial_slot.h"
 #include "host/hosting_component.h"
 #include "update/config_info.h"
 
 namespace quil::tests {
 
-inline constexpr std::array<const char*, 3> kCutPositions = {"before", "inside", "after"};
-
 inline std::string nameOf(const board::PowerCut& cut) {
-    return std::to_string(cut.event) + ":" + kCutPositions.at(static_cast<size_t>(cut.position));
+    return std::to_string(cut.event) + ":" + nameOf(cut.position);
 }
 
 // "123:inside"
@@ -34,9 +33,10 @@ inline std::optional<board::PowerCut> cutNamed(const std::string& text) {
     const size_t colon = text.find(':');
     if (colon == std::string::npos) return std::nullopt;
     std::from_chars(text.data(), text.data() + colon, cut.event);
-    for (size_t i = 0; i < kCutPositions.size(); ++i) {
-        if (text.substr(colon + 1) != kCutPositions.at(i)) continue;
-        cut.position = static_cast<board::CutPosition>(i);
+    for (const auto position :
+         {board::CutPosition::kBefore, board::CutPosition::kInside, board::CutPosition::kAfter}) {
+        if (text.substr(colon + 1) != nameOf(position)) continue;
+        cut.position = position;
         return cut;
     }
     return std::nullopt;
@@ -50,9 +50,6 @@ class McuUpdateCuts {
     McuUpdateCuts(board::McuKind kind, size_t imageSize)
         : mOlder(board::makeMcuImage(kind, kOlder, imageSize)),
           mShipped(board::makeMcuImage(kind, kShipped, imageSize)) {
-        std::string pattern = (std::filesystem::temp_directory_path() / "cuts-XXXXXX").string();
-        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-        mDirectory = pattern;
         board::createBoardDirectory(mDirectory, board::Product::kHeron);
         board::fitMcu(mDirectory, {kind, kShipped, kOlder, imageSize});
     }
@@ -60,8 +57,6 @@ class McuUpdateCuts {
         free(config_info);
         config_info = nullptr;
         fd = -1;  // as freshly loaded
-        std::error_code ignored;
-        std::filesystem::remove_all(mDirectory, ignored);
     }
     McuUpdateCuts(const McuUpdateCuts&) = delete;
     McuUpdateCuts& operator=(const McuUpdateCuts&) = delete;
@@ -148,7 +143,8 @@ class McuUpdateCuts {
                std::equal(image.begin(), image.end(), flash.begin(), same);
     }
 
-    std::filesystem::path mDirectory;
+    const board::TemporaryDirectory mScratch;
+    const std::filesystem::path& mDirectory = mScratch.path();
     const std::string mOlder, mShipped;
 };
 

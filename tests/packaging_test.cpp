@@ -11,6 +11,8 @@
 #include <string>
 #include <vector>
 
+#include "tests/project_files.h"
+
 namespace quil::tests {
 
 using testing::HasSubstr;
@@ -18,16 +20,11 @@ using testing::IsEmpty;
 
 namespace {
 
-const std::filesystem::path kRoot = QUIL_SOURCE_DIR;
 const std::string kPackage = "quil.hardware.quilservicemanager";
 
-std::string textOf(const std::filesystem::path& file) {
-    std::ifstream in(kRoot / file);
-    EXPECT_TRUE(in) << file;
-    return {std::istreambuf_iterator<char>(in), {}};
+std::string policy(const std::string& name) {
+    return projectText("platform/android/sepolicy/" + name);
 }
-
-std::string policy(const std::string& name) { return textOf("platform/android/sepolicy/" + name); }
 
 // Every absolute path in the string literals of the product's sources.
 std::set<std::string> pathsOfTheProduct() {
@@ -36,8 +33,8 @@ std::set<std::string> pathsOfTheProduct() {
     std::set<std::string> paths;
     for (const char* folder :
          {"common", "fpga", "isp", "mculink", "selftest", "service", "update"}) {
-        for (const auto& file : std::filesystem::directory_iterator(kRoot / folder)) {
-            const std::string text = textOf(file.path());
+        for (const auto& file : std::filesystem::directory_iterator(projectRoot() / folder)) {
+            const std::string text = projectText(file.path());
             for (std::sregex_iterator it(text.begin(), text.end(), literal), end; it != end; ++it) {
                 const std::string inside = (*it)[1];
                 for (std::sregex_iterator p(inside.begin(), inside.end(), path); p != end; ++p) {
@@ -83,28 +80,28 @@ TEST(Packaging, EveryPathThatTheLibraryOpensHasAContext) {
 }
 
 TEST(Packaging, ManifestDeclaresTheInterfaceAndInstanceThatTheDefinitionsHave) {
-    const std::string fragment = textOf("platform/android/" + kPackage + "@1.0-service.xml");
+    const std::string fragment = projectText("platform/android/" + kPackage + "@1.0-service.xml");
     EXPECT_THAT(fragment, HasSubstr("<name>" + kPackage + "</name>"));
     EXPECT_THAT(fragment, HasSubstr("<transport>hwbinder</transport>"));
     EXPECT_THAT(fragment, HasSubstr("<version>1.0</version>"));
     EXPECT_THAT(fragment, HasSubstr("<name>IQuilServiceManager</name>"));
     EXPECT_THAT(fragment, HasSubstr("<instance>default</instance>"));
-    EXPECT_THAT(textOf("interfaces/quilservicemanager/1.0/IQuilServiceManager.hal"),
+    EXPECT_THAT(projectText("interfaces/quilservicemanager/1.0/IQuilServiceManager.hal"),
                 HasSubstr("package " + kPackage + "@1.0;"));
-    EXPECT_THAT(textOf("interfaces/current.txt"),
+    EXPECT_THAT(projectText("interfaces/current.txt"),
                 HasSubstr(kPackage + "@1.0::IQuilServiceManager"));
 }
 
 TEST(Packaging, InitScriptStartsTheBinaryThatIsBuiltAndNamesTheInterface) {
-    const std::string script = textOf("platform/android/" + kPackage + "@1.0-service.rc");
+    const std::string script = projectText("platform/android/" + kPackage + "@1.0-service.rc");
     EXPECT_THAT(script, HasSubstr("/vendor/bin/hw/" + kPackage + "@1.0-service\n"));
     EXPECT_THAT(script, HasSubstr("interface " + kPackage + "@1.0::IQuilServiceManager default"));
-    EXPECT_THAT(textOf("platform/android/service.cpp"),
+    EXPECT_THAT(projectText("platform/android/service.cpp"),
                 HasSubstr("registerAsService(\"default\")"));
 }
 
 TEST(Packaging, BuildFileNamesTheLibraryTheServiceAndTheirFiles) {
-    const std::string build = textOf("Android.bp");
+    const std::string build = projectText("Android.bp");
     for (const char* suffix : {"@1.0", "@1.0-impl", "@1.0-service"}) {
         EXPECT_THAT(build, HasSubstr("name: \"" + kPackage + suffix + "\""));
     }
@@ -112,9 +109,9 @@ TEST(Packaging, BuildFileNamesTheLibraryTheServiceAndTheirFiles) {
     EXPECT_THAT(build, HasSubstr("relative_install_path: \"hw\""));
     const std::regex quoted(R"re("([A-Za-z_][^"*]*(?:/[^"*]*)+)")re");
     for (std::sregex_iterator it(build.begin(), build.end(), quoted), end; it != end; ++it) {
-        EXPECT_TRUE(std::filesystem::exists(kRoot / (*it)[1].str())) << (*it)[1].str();
+        EXPECT_TRUE(std::filesystem::exists(projectRoot() / (*it)[1].str())) << (*it)[1].str();
     }
-    EXPECT_THAT(textOf("cmake/product.cmake"), HasSubstr(kPackage + "@1.0-impl"));
+    EXPECT_THAT(projectText("cmake/product.cmake"), HasSubstr(kPackage + "@1.0-impl"));
 }
 
 TEST(Packaging, PolicyNamesTheInterfaceTheBinaryAndEveryProperty) {

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "tests/program_output.h"
+#include "tests/project_files.h"
 
 namespace quil::tests {
 
@@ -20,9 +21,6 @@ using testing::IsEmpty;
 namespace {
 
 namespace fs = std::filesystem;
-
-const fs::path kRoot = QUIL_SOURCE_DIR;
-constexpr char kLibrary[] = QUIL_LIB_DIR "/quil.hardware.quilservicemanager@1.0-impl.so";
 
 // Functions and data of bionic that API level 33 has for 32-bit ARM.
 const std::set<std::string> kBionic = {"access",
@@ -125,7 +123,7 @@ bool isOfTheTools(const std::string& name) {
 std::set<std::string> namesOfTheClosedLibraries() {
     const std::regex declaration(R"(^int32_t (\w+)\()");
     std::set<std::string> names;
-    for (const auto& header : fs::directory_iterator(kRoot / "platform/vendor/include")) {
+    for (const auto& header : fs::directory_iterator(projectRoot() / "platform/vendor/include")) {
         std::ifstream in(header.path());
         for (std::string line; std::getline(in, line);) {
             std::smatch match;
@@ -138,7 +136,7 @@ std::set<std::string> namesOfTheClosedLibraries() {
 // The plain C names that the library asks other libraries for.
 std::set<std::string> plainImports() {
     std::istringstream rows(
-        outputOf(std::string("nm -D --undefined-only --format=posix '") + kLibrary + "'"));
+        outputOf(std::string("nm -D --undefined-only --format=posix '") + kLibraryFile + "'"));
     std::set<std::string> names;
     for (std::string row; std::getline(rows, row);) {
         const std::string name = row.substr(0, row.find_first_of(" @"));
@@ -168,7 +166,7 @@ std::set<std::string> systemHeadersOfTheProduct() {
     std::set<std::string> headers;
     for (const char* folder :
          {"common", "fpga", "isp", "mculink", "selftest", "service", "update"}) {
-        for (const auto& file : fs::directory_iterator(kRoot / folder)) {
+        for (const auto& file : fs::directory_iterator(projectRoot() / folder)) {
             std::ifstream in(file.path());
             for (std::string line; std::getline(in, line);) {
                 std::smatch match;

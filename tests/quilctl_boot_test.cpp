@@ -13,22 +13,7 @@ namespace fs = std::filesystem;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
-class QuilctlBoot : public testing::Test {
-  protected:
-    QuilctlBoot() {
-        std::string name = (fs::temp_directory_path() / "quilctl-XXXXXX").string();
-        directory = mkdtemp(name.data());
-    }
-    ~QuilctlBoot() override { fs::remove_all(directory); }
-
-    std::string newBoard() const {
-        const std::string path = (directory / "b").string();
-        EXPECT_EQ(quilctl({"board", "new", path}).code, tools::kOk);
-        return path;
-    }
-
-    fs::path directory;
-};
+class QuilctlBoot : public QuilctlRun {};
 
 TEST_F(QuilctlBoot, StagesFollowFromTheConfigurationToTheService) {
     const Said said = quilctl({"boot"});

@@ -1,7 +1,6 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
 
@@ -11,26 +10,13 @@
 namespace quil::tests {
 namespace {
 
-namespace fs = std::filesystem;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 using tools::checkProductFile;
 
-// A directory that goes away with the test.
-class QuilctlTest : public testing::Test {
-  protected:
-    QuilctlTest() {
-        std::string name = (fs::temp_directory_path() / "quilctl-XXXXXX").string();
-        directory = mkdtemp(name.data());
-    }
-    ~QuilctlTest() override { fs::remove_all(directory); }
-
-    std::string path(const char* name) const { return (directory / name).string(); }
-
-    fs::path directory;
-};
+class QuilctlTest : public QuilctlRun {};
 
 TEST(Quilctl, WithoutACommandItIsAUsageError) {
     EXPECT_EQ(quilctl({}).code, tools::kUsage);

@@ -18,26 +18,13 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-class QuilctlFpga : public testing::Test {
+class QuilctlFpga : public QuilctlRun {
   protected:
-    QuilctlFpga() {
-        std::string name = (fs::temp_directory_path() / "quilctl-XXXXXX").string();
-        directory = mkdtemp(name.data());
-    }
-    ~QuilctlFpga() override { fs::remove_all(directory); }
-
-    std::string newBoard(const std::string& product = "Heron") const {
-        const std::string path = (directory / product).string();
-        EXPECT_EQ(quilctl({"board", "new", path, "--product", product}).code, tools::kOk);
-        return path;
-    }
     std::string image(const std::string& content) const {
         const std::string path = (directory / "image.bin").string();
         std::ofstream(path, std::ios::binary) << content;
         return path;
     }
-
-    fs::path directory;
 };
 
 TEST_F(QuilctlFpga, StatusTellsWhatTheFpgaAndThePhySay) {

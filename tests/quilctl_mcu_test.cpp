@@ -26,25 +26,12 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-class QuilctlMcu : public testing::Test {
+class QuilctlMcu : public QuilctlRun {
   protected:
-    QuilctlMcu() {
-        std::string name = (fs::temp_directory_path() / "quilctl-XXXXXX").string();
-        directory = mkdtemp(name.data());
-    }
-    ~QuilctlMcu() override { fs::remove_all(directory); }
-
-    std::string path(const char* name) const { return (directory / name).string(); }
-    std::string newBoard(const char* product = "Heron") {
-        EXPECT_EQ(quilctl({"board", "new", path("b"), "--product", product}).code, tools::kOk);
-        return path("b");
-    }
     std::string file(const std::string& content) {
         board::writeWholeFile(directory / "image.bin", content);
         return path("image.bin");
     }
-
-    fs::path directory;
 };
 
 TEST_F(QuilctlMcu, VersionTellsWhatRunsWhatIsShippedAndWhatWasRecorded) {

@@ -17,15 +17,8 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::StartsWith;
 
-class QuilctlScreen : public testing::Test {
+class QuilctlScreen : public QuilctlRun {
   protected:
-    QuilctlScreen() {
-        std::string name = (fs::temp_directory_path() / "quilctl-XXXXXX").string();
-        directory = mkdtemp(name.data());
-        file = (directory / "screen.img").string();
-    }
-    ~QuilctlScreen() override { fs::remove_all(directory); }
-
     static void write(const fs::path& path, const std::string& content) {
         std::ofstream(path, std::ios::binary) << content;
     }
@@ -53,8 +46,7 @@ class QuilctlScreen : public testing::Test {
         return path.string();
     }
 
-    fs::path directory;
-    std::string file;
+    const std::string file = path("screen.img");
 };
 
 TEST_F(QuilctlScreen, ShowsEachBlockWithItsKindAndWhatIsSent) {

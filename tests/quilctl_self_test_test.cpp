@@ -16,22 +16,11 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-class QuilctlSelfTest : public testing::Test {
+class QuilctlSelfTest : public QuilctlRun {
   protected:
     QuilctlSelfTest() {
         for (test_option_t& row : test_option_table) row.enable = 0;
-        std::string name = (fs::temp_directory_path() / "quilctl-XXXXXX").string();
-        directory = mkdtemp(name.data());
     }
-    ~QuilctlSelfTest() override { fs::remove_all(directory); }
-
-    std::string newBoard() {
-        const std::string path = (directory / "b").string();
-        EXPECT_EQ(quilctl({"board", "new", path}).code, tools::kOk);
-        return path;
-    }
-
-    fs::path directory;
 };
 
 TEST_F(QuilctlSelfTest, PrintsTheNineItemsAndTheRecord) {

@@ -1,10 +1,14 @@
 // Runs the command line in this process and keeps what it said.
 #pragma once
 
+#include <gtest/gtest.h>
+
+#include <filesystem>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "board/temporary_directory.h"
 #include "common/serial_slot.h"
 #include "tools/quilctl/cli.h"
 
@@ -25,5 +29,22 @@ inline Said quilctl(const std::vector<std::string>& words, const std::string& in
     fd = -1;  // as freshly loaded: a session leaves its port's number there
     return {code, out.str(), err.str()};
 }
+
+// A directory that goes away with the test, and boards in it.
+class QuilctlRun : public testing::Test {
+  protected:
+    std::string path(const char* name) const { return (directory / name).string(); }
+    std::string newBoard(const std::string& product = "Heron") const {
+        const std::string board = (directory / product).string();
+        EXPECT_EQ(quilctl({"board", "new", board, "--product", product}).code, tools::kOk);
+        return board;
+    }
+
+  private:
+    const board::TemporaryDirectory mScratch{"quilctl"};
+
+  protected:
+    const std::filesystem::path& directory = mScratch.path();
+};
 
 }  // namespace quil::tests

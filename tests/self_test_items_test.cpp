@@ -30,7 +30,7 @@ const Item kProbing[] = {
     {"checkWifiStaState", checkWifiStaState, board::kWifiSta, "X:OK\r\n"},
     {"checkIDT6965State", checkIDT6965State, board::kClockChip, "X:OK\r\n"},
 };
-const Item kFixed[] = {
+const Item kFixedItems[] = {
     {"testItem6", testItem6, "", "X:OK\r\n"},
     {"testItem7", testItem7, "", "X:Error\r\n"},
     {"testItem8", testItem8, "", "X:Error\r\n"},
@@ -74,7 +74,7 @@ TEST_F(SelfTestItems, TableHoldsTheNineItemsInOrder) {
 
 class EachItem : public SelfTestItems, public testing::WithParamInterface<Item> {};
 INSTANTIATE_TEST_SUITE_P(Probing, EachItem, testing::ValuesIn(kProbing));
-INSTANTIATE_TEST_SUITE_P(Fixed, EachItem, testing::ValuesIn(kFixed));
+INSTANTIATE_TEST_SUITE_P(Fixed, EachItem, testing::ValuesIn(kFixedItems));
 
 TEST_P(EachItem, SaysItsLineOnAHealthyBoardAndLogsNothing) {
     parseProduct();

@@ -157,18 +157,18 @@ TEST_F(UartPort, RawModeClearsExactlyItsBitsAndMakesReadsReturnAtOnce) {
     EXPECT_EQ(port.c_cc[VMIN], 0);
 }
 
-struct Refused {
+struct RefusedSettings {
     int databits, stopbits, parity;
 };
-void PrintTo(const Refused& row, std::ostream* out) {
+void PrintTo(const RefusedSettings& row, std::ostream* out) {
     *out << row.databits << " data bits, " << row.stopbits << " stop bits, parity " << row.parity;
 }
-class UartRefusal : public UartPort, public testing::WithParamInterface<Refused> {};
+class UartRefusal : public UartPort, public testing::WithParamInterface<RefusedSettings> {};
 
 TEST_P(UartRefusal, GivesMinus1AndLeavesThePortAlone) {
     ASSERT_EQ(sdk_uart_cfg(mPort, 9600, 1, 7, 2, 'E'), 0);
     const termios before = settings();
-    const Refused& row = GetParam();
+    const RefusedSettings& row = GetParam();
     EXPECT_EQ(sdk_uart_cfg(mPort, 115200, 0, row.databits, row.stopbits, row.parity), -1);
     const termios after = settings();
     EXPECT_EQ(after.c_cflag, before.c_cflag);
@@ -177,9 +177,10 @@ TEST_P(UartRefusal, GivesMinus1AndLeavesThePortAlone) {
 }
 
 INSTANTIATE_TEST_SUITE_P(OfWhatNoPortHas, UartRefusal,
-                         testing::Values(Refused{4, 1, 'N'}, Refused{9, 1, 'N'}, Refused{8, 0, 'N'},
-                                         Refused{8, 3, 'N'}, Refused{8, 1, 'X'}, Refused{8, 1, 'D'},
-                                         Refused{8, 1, 't'}, Refused{8, 1, 0}));
+                         testing::Values(RefusedSettings{4, 1, 'N'}, RefusedSettings{9, 1, 'N'},
+                                         RefusedSettings{8, 0, 'N'}, RefusedSettings{8, 3, 'N'},
+                                         RefusedSettings{8, 1, 'X'}, RefusedSettings{8, 1, 'D'},
+                                         RefusedSettings{8, 1, 't'}, RefusedSettings{8, 1, 0}));
 
 TEST_F(UartPort, SettingsThatCannotBeReadGiveMinus1) {
     EXPECT_EQ(sdk_uart_cfg(-1, 9600, 0, 8, 1, 'N'), -1);

@@ -52,7 +52,7 @@ void printFiles(std::ostream& out, const fs::path& directory) {
     }
 }
 
-int show(const Cli& cli, const std::string& given) {
+int showBoard(const Cli& cli, const std::string& given) {
     const std::string& directory = given.empty() ? cli.options.boardDirectory : given;
     if (directory.empty()) {
         cli.console.err << "name a board directory\n";
@@ -85,7 +85,8 @@ void addBoardCommands(CLI::App& app, Cli& cli) {
     CLI::App* showing = boards->add_subcommand("show", "Print a board's state and files");
     showing->add_option("DIR", *shown, "The board directory (default: --board)");
     showing->footer("Example: quilctl board show my-board");
-    showing->callback([&cli, shown] { cli.action = [&cli, shown] { return show(cli, *shown); }; });
+    showing->callback(
+        [&cli, shown] { cli.action = [&cli, shown] { return showBoard(cli, *shown); }; });
 }
 
 }  // namespace quil::tools

@@ -13,8 +13,6 @@
 namespace quil::tools {
 namespace {
 
-constexpr char kLogLevelProperty[] = "persist.quil.device.log.level";
-
 void writeTrace(const board::Trace& trace, const std::filesystem::path& file) {
     if (file.extension() == ".vcd") {
         trace.writeVcd(file);
@@ -44,15 +42,7 @@ QuietStandardOutput::~QuietStandardOutput() {
 }
 
 TemporaryBoard::TemporaryBoard(board::Product product) {
-    std::string pattern = (std::filesystem::temp_directory_path() / "board-XXXXXX").string();
-    if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-    mPath = pattern;
-    board::createBoardDirectory(mPath, product);
-}
-
-TemporaryBoard::~TemporaryBoard() {
-    std::error_code ignored;
-    std::filesystem::remove_all(mPath, ignored);
+    board::createBoardDirectory(path(), product);
 }
 
 BoardSession::BoardSession(const Options& options, const Console& console, bool showLog)

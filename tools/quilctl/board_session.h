@@ -1,14 +1,22 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <optional>
 
 #include "board/board.h"
+#include "board/temporary_directory.h"
 #include "host/hosting_component.h"
 #include "tools/quilctl/cli.h"
 
 namespace quil::tools {
+
+// The property with the level of the log gate.
+inline constexpr char kLogLevelProperty[] = "persist.quil.device.log.level";
+
+// How long the MCU takes from its reset until its application answers.
+inline constexpr auto kMcuStart = std::chrono::milliseconds(10);
 
 // Turns standard output away for as long as it lives: the library prints progress there.
 class QuietStandardOutput {
@@ -23,17 +31,9 @@ class QuietStandardOutput {
 };
 
 // A board directory that goes away with it.
-class TemporaryBoard {
+class TemporaryBoard : public board::TemporaryDirectory {
   public:
     explicit TemporaryBoard(board::Product product);  // throws std::runtime_error
-    ~TemporaryBoard();
-    TemporaryBoard(const TemporaryBoard&) = delete;
-    TemporaryBoard& operator=(const TemporaryBoard&) = delete;
-
-    const std::filesystem::path& path() const { return mPath; }
-
-  private:
-    std::filesystem::path mPath;
 };
 
 // A powered board as the options ask for it. Log lines go to the error stream as they come; the

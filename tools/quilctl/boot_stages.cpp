@@ -7,10 +7,10 @@
 #include <cstdio>
 #include <nlohmann/json.hpp>
 
+#include "tools/quilctl/values.h"
+
 namespace quil::tools {
 namespace {
-
-constexpr char kLogLevelProperty[] = "persist.quil.device.log.level";
 
 // What a message says of the stage that goes on.
 enum class Meaning { kEnded, kFailed, kGoesOnFailed };
@@ -52,8 +52,6 @@ constexpr std::array<MessageRow, 21> kMessages = {{
 // A good end of the screen parameters has no message: the network's first one tells it.
 constexpr char kMemory[] = "FPGA memory", kScreen[] = "screen parameters";
 constexpr char kNetworkBegins[] = "fpgaPhySgmiiConfig,readFpgaSgmiiClockState";
-
-double secondsOf(board::Nanos time) { return std::chrono::duration<double>(time).count(); }
 
 std::string withoutLineEnd(std::string text) {
     while (!text.empty() && text.back() == '\n') text.pop_back();

@@ -55,7 +55,7 @@ void printJson(std::ostream& out) {
     out << all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
 }
 
-int show(const Cli& cli) {
+int showConfig(const Cli& cli) {
     BoardSession session(cli.options, cli.console);
     if (parseConfigInfo() != 0) {
         cli.console.err << "the product configuration could not be read\n";
@@ -114,7 +114,7 @@ void addConfigCommands(CLI::App& app, Cli& cli) {
 
     CLI::App* showing = config->add_subcommand("show", "Print what the library reads on a board");
     showing->footer("Example: quilctl --product Kestrel config show --json");
-    showing->callback([&cli] { cli.action = [&cli] { return show(cli); }; });
+    showing->callback([&cli] { cli.action = [&cli] { return showConfig(cli); }; });
 
     auto file = std::make_shared<std::string>();
     CLI::App* checking = config->add_subcommand("check", "Say what is wrong with a product file");

@@ -18,7 +18,6 @@ namespace {
 
 constexpr uint32_t kVersionCommand = 0x00000001;
 constexpr uint32_t kValueCommand = 0x00000102;
-constexpr auto kMcuStart = std::chrono::milliseconds(10);  // until its application answers
 constexpr char kOlderVersion[] = "V0.9.0";
 
 // Real time, whatever the board makes of the clocks that the library uses.

@@ -15,8 +15,7 @@
 namespace quil::tools {
 namespace {
 
-constexpr size_t kVersionMax = 15;                         // characters
-constexpr auto kMcuStart = std::chrono::milliseconds(10);  // until its application answers
+constexpr size_t kVersionMax = 15;  // characters
 
 std::string shown(const std::string& version) { return version.empty() ? "no answer" : version; }
 

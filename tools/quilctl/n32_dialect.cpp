@@ -15,16 +15,16 @@ constexpr size_t kPayloadBeforeImage = 16, kBlockCrc = 4;
 constexpr size_t kStatusFromEnd = 3;
 constexpr uint8_t kDownload = 0x31, kCrcCheck = 0x32;
 
-struct Command {
+struct N32Command {
     uint8_t code;
     const char* name;
     size_t answerSize;
 };
-constexpr std::array<Command, 5> kCommands = {{{0x01, "handshake", 9},
-                                               {0x10, "get info", 60},
-                                               {0x30, "erase", 9},
-                                               {kDownload, "write", 9},
-                                               {kCrcCheck, "CRC check", 9}}};
+constexpr std::array<N32Command, 5> kN32Commands = {{{0x01, "handshake", 9},
+                                                     {0x10, "get info", 60},
+                                                     {0x30, "erase", 9},
+                                                     {kDownload, "write", 9},
+                                                     {kCrcCheck, "CRC check", 9}}};
 
 ProgrammingStep blockStep(const Bytes& written) {
     const uint32_t address = host::load32(written, kParameterAt);
@@ -42,7 +42,7 @@ class N32Dialect : public BootLoaderDialect {
             !std::equal(kMagic.begin(), kMagic.end(), written.begin())) {
             return ProgrammingStep{toShortHex(written, 4)};
         }
-        for (const Command& command : kCommands) {
+        for (const N32Command& command : kN32Commands) {
             if (command.code == written[kCommandAt]) mCommand = &command;
         }
         if (mCommand == nullptr) return ProgrammingStep{toShortHex(written, 4)};
@@ -77,7 +77,7 @@ class N32Dialect : public BootLoaderDialect {
         return Bytes(status, status + kDone.size());
     }
 
-    const Command* mCommand = nullptr;
+    const N32Command* mCommand = nullptr;
 };
 
 }  // namespace

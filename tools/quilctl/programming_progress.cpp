@@ -5,14 +5,14 @@
 #include <cstdio>
 #include <ostream>
 
+#include "tools/quilctl/values.h"
+
 namespace quil::tools {
 namespace {
 
 constexpr int kPlainStride = 10;  // percent from one plain line to the next
 constexpr int kBarWidth = 30;
 constexpr char kLineAgain[] = "\r\033[K";
-
-double secondsOf(board::Nanos time) { return std::chrono::duration<double>(time).count(); }
 
 }  // namespace
 

@@ -8,6 +8,8 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "tools/quilctl/values.h"
+
 namespace quil::tools {
 namespace {
 
@@ -41,8 +43,6 @@ std::string lastErrorOf(const board::Board& board, size_t since) {
     while (!last.empty() && last.back() == '\n') last.pop_back();
     return last;
 }
-
-double secondsOf(board::Nanos time) { return std::chrono::duration<double>(time).count(); }
 
 const char* verdictOf(const ProgrammingOutcome& outcome) {
     if (outcome.isWhole()) return "programmed";

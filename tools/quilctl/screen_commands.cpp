@@ -17,7 +17,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-Bytes contentOf(const fs::path& path) {
+Bytes bytesOfFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
     if (!in) throw std::runtime_error(path.string() + " cannot be read");
     return Bytes(std::istreambuf_iterator<char>(in), {});
@@ -65,8 +65,8 @@ void printJson(std::ostream& out, const ScreenFile& file) {
     out << root.dump() << '\n';
 }
 
-int show(const Cli& cli, const std::string& name) {
-    const Bytes bytes = contentOf(name);
+int showScreen(const Cli& cli, const std::string& name) {
+    const Bytes bytes = bytesOfFile(name);
     const ScreenFile file = readScreenFile(bytes);
     if (cli.options.json) {
         printJson(cli.console.out, file);
@@ -110,7 +110,7 @@ int build(const Cli& cli, const std::string& directory, const std::string& targe
     std::vector<ScreenFilePart> parts;
     try {
         for (const fs::path& file : blockFilesIn(directory)) {
-            parts.push_back({addressIn(file), contentOf(file)});
+            parts.push_back({addressIn(file), bytesOfFile(file)});
         }
         partition = buildScreenFile(parts);
     } catch (const std::runtime_error& error) {
@@ -133,7 +133,8 @@ void addShow(CLI::App& screen, Cli& cli) {
         ->required()
         ->check(CLI::ExistingFile);
     command->footer("Example: quilctl screen show my-board/rootfs/dev/block/by-name/screen");
-    command->callback([&cli, file] { cli.action = [&cli, file] { return show(cli, *file); }; });
+    command->callback(
+        [&cli, file] { cli.action = [&cli, file] { return showScreen(cli, *file); }; });
 }
 
 void addBuild(CLI::App& screen, Cli& cli) {

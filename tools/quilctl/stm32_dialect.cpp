@@ -13,12 +13,12 @@ constexpr uint8_t kReadMemory = 0x11, kWriteMemory = 0x31, kErase = 0x43, kExten
 constexpr size_t kAddressSize = 5;
 constexpr uint16_t kMassErase = 0xFFFF;
 
-struct Command {
+struct Stm32Command {
     uint8_t code;
     const char* name;
     bool isQuestion;
 };
-constexpr std::array<Command, 13> kCommands = {{
+constexpr std::array<Stm32Command, 13> kStm32Commands = {{
     {0x00, "get the commands", false},
     {0x01, "get the version", false},
     {0x02, "get the product id", true},
@@ -34,9 +34,9 @@ constexpr std::array<Command, 13> kCommands = {{
     {0x92, "allow reading", false},
 }};
 
-const Command* findCommand(const Bytes& written) {
+const Stm32Command* findCommand(const Bytes& written) {
     if (written.size() != 2 || (written[0] ^ written[1]) != 0xFF) return nullptr;
-    for (const Command& command : kCommands) {
+    for (const Stm32Command& command : kStm32Commands) {
         if (command.code == written[0]) return &command;
     }
     return nullptr;
@@ -91,7 +91,7 @@ class Stm32Dialect : public BootLoaderDialect {
 
     std::optional<ProgrammingStep> commandStep(const Bytes& written) {
         if (written == Bytes{kSynchronise}) return ProgrammingStep{"synchronise"};
-        const Command* command = findCommand(written);
+        const Stm32Command* command = findCommand(written);
         if (command == nullptr) return ProgrammingStep{toShortHex(written, 4)};
         mCode = command->code;
         if (mCode == kErase || mCode == kExtendedErase) mAwaits = Part::kPages;

@@ -1,6 +1,7 @@
 // Numbers and bytes as people type them.
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -23,5 +24,10 @@ std::string toHex(std::span<const uint8_t> bytes);  // "01 02"
 std::string toShortHex(std::span<const uint8_t> bytes, size_t limit);
 
 std::string hex32(uint32_t value);  // "0x00000001"
+
+// Board time for a table.
+inline double secondsOf(std::chrono::nanoseconds time) {
+    return std::chrono::duration<double>(time).count();
+}
 
 }  // namespace quil::tools

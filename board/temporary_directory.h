@@ -1,0 +1,34 @@
+#pragma once
+
+#include <stdlib.h>
+
+#include <filesystem>
+#include <stdexcept>
+#include <string>
+
+namespace quil::board {
+
+// A directory in the system's place for such; it goes away, with what is in it, with this object.
+class TemporaryDirectory {
+  public:
+    // Throws std::runtime_error when there is no place.
+    explicit TemporaryDirectory(const std::string& name = "board") {
+        std::string pattern =
+            (std::filesystem::temp_directory_path() / (name + "-XXXXXX")).string();
+        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
+        path_ = pattern;
+    }
+    ~TemporaryDirectory() {
+        std::error_code ignored;
+        std::filesystem::remove_all(path_, ignored);
+    }
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+
+  private:
+    std::filesystem::path path_;
+};
+
+}  // namespace quil::board
