@@ -40,7 +40,8 @@ constexpr size_t kLargestData = 5120;
 
 // One frame a kind for the length of a load: a short block leaves an earlier one's rest in it.
 struct KindFrames {
-    WriteFrame<kLargestData> of[std::size(kWholeKinds)];
+    // The braces make it a memset: g++ would copy from 30 KB of zeros in the library else.
+    WriteFrame<kLargestData> of[std::size(kWholeKinds)] = {};
 };
 
 constexpr unsigned kGammaFrames = 3;
