@@ -46,6 +46,37 @@ std::set<std::string> pathsOfTheProduct() {
     return paths;
 }
 
+// The file names in a list of a build file.
+std::set<std::string> wordsIn(const std::string& list) {
+    const std::regex word(R"([A-Za-z0-9_./-]+)");
+    std::set<std::string> words;
+    for (std::sregex_iterator it(list.begin(), list.end(), word), end; it != end; ++it) {
+        words.insert(it->str());
+    }
+    return words;
+}
+
+// What CMake builds the device's quilctl from.
+std::set<std::string> sourcesOfTheDevicesQuilctl() {
+    const std::string build = projectText("tools/quilctl/CMakeLists.txt");
+    const std::regex library(R"(add_library\(quilctl_client STATIC([^)]*)\))");
+    std::smatch list;
+    EXPECT_TRUE(std::regex_search(build, list, library));
+    std::set<std::string> sources = {"host/wire_frame.cpp", "tools/quilctl/device_main.cpp"};
+    for (const std::string& file : wordsIn(list[1])) sources.insert("tools/quilctl/" + file);
+    return sources;
+}
+
+// Adds a source and everything of the project that it includes, directly or not.
+void collectIncludes(const std::string& file, std::set<std::string>& seen) {
+    if (!seen.insert(file).second) return;
+    const std::string text = projectText(file);
+    const std::regex include("#include \"([^\"]+)\"");
+    for (std::sregex_iterator it(text.begin(), text.end(), include), end; it != end; ++it) {
+        collectIncludes((*it)[1], seen);
+    }
+}
+
 // The patterns that give a path its label, as regular expressions over the whole path.
 std::vector<std::regex> labelledPaths() {
     std::vector<std::regex> patterns;
@@ -112,6 +143,22 @@ TEST(Packaging, BuildFileNamesTheLibraryTheServiceAndTheirFiles) {
         EXPECT_TRUE(std::filesystem::exists(projectRoot() / (*it)[1].str())) << (*it)[1].str();
     }
     EXPECT_THAT(projectText("cmake/product.cmake"), HasSubstr(kPackage + "@1.0-impl"));
+}
+
+TEST(Packaging, BuildFileHasTheSourcesOfTheDevicesQuilctl) {
+    const std::string build = projectText("Android.bp");
+    const std::regex module(R"(name: "quilctl",[^}]*srcs: \[([^\]]*)\])");
+    std::smatch listed;
+    ASSERT_TRUE(std::regex_search(build, listed, module));
+    EXPECT_EQ(wordsIn(listed[1]), sourcesOfTheDevicesQuilctl());
+    EXPECT_GT(sourcesOfTheDevicesQuilctl().size(), 5U);
+}
+
+TEST(Packaging, DevicesQuilctlIncludesNothingOfTheSimulatedBoard) {
+    std::set<std::string> seen;
+    for (const std::string& file : sourcesOfTheDevicesQuilctl()) collectIncludes(file, seen);
+    EXPECT_EQ(seen.count("tools/quilctl/service_session.h"), 1U);
+    for (const std::string& file : seen) EXPECT_NE(file.rfind("board/", 0), 0U) << file;
 }
 
 TEST(Packaging, PolicyNamesTheInterfaceTheBinaryAndEveryProperty) {

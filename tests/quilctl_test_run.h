@@ -20,14 +20,20 @@ struct Said {
     std::string err;
 };
 
-inline Said quilctl(const std::vector<std::string>& words, const std::string& input = "") {
+inline Said runProgram(const tools::Program& program, const std::vector<std::string>& words,
+                       const std::string& input = "") {
     std::vector<const char*> argv = {"quilctl"};
     for (const std::string& word : words) argv.push_back(word.c_str());
     std::istringstream in(input);
     std::ostringstream out, err;
-    const int code = tools::run(static_cast<int>(argv.size()), argv.data(), {in, out, err, false});
+    const int code =
+        tools::run(program, static_cast<int>(argv.size()), argv.data(), {in, out, err, false});
     fd = -1;  // as freshly loaded: a session leaves its port's number there
     return {code, out.str(), err.str()};
+}
+
+inline Said quilctl(const std::vector<std::string>& words, const std::string& input = "") {
+    return runProgram(tools::kBoardProgram, words, input);
 }
 
 // A directory that goes away with the test, and boards in it.

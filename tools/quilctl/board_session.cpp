@@ -97,6 +97,10 @@ void BoardSession::finish() {
     if (!mOptions.traceFile.empty()) writeTrace(mBoard->trace(), mOptions.traceFile);
 }
 
+void BoardSession::onRequest(bool isWrite, const Bytes& request) {
+    mBoard->trace().add(board::EventKind::kRequest, "client", isWrite ? "set" : "get", request);
+}
+
 void BoardSession::startService(const host::BootJobs& jobs) {
     const host::StartUpResult result = mHost->start(jobs);
     if (!result.ok()) throw std::runtime_error(result.text);

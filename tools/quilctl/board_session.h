@@ -9,6 +9,7 @@
 #include "board/temporary_directory.h"
 #include "host/hosting_component.h"
 #include "tools/quilctl/cli.h"
+#include "tools/quilctl/service_session.h"
 
 namespace quil::tools {
 
@@ -38,16 +39,16 @@ class TemporaryBoard : public board::TemporaryDirectory {
 
 // A powered board as the options ask for it. Log lines go to the error stream as they come; the
 // trace is written at the end.
-class BoardSession {
+class BoardSession : public ServiceSession {
   public:
     BoardSession(const Options& options, const Console& console,
                  bool showLog = true);  // throws std::runtime_error
-    ~BoardSession();
-    BoardSession(const BoardSession&) = delete;
-    BoardSession& operator=(const BoardSession&) = delete;
+    ~BoardSession() override;
 
     board::Board& board() { return *mBoard; }
     host::HostingComponent& host() { return *mHost; }
+    Service& service() override { return *mHost->service(); }
+    void onRequest(bool isWrite, const Bytes& request) override;
 
     // Throws std::runtime_error when it does not come up. Boot jobs have commands of their own: a
     // request should not reprogram the MCU.

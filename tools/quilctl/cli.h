@@ -1,9 +1,11 @@
-// The command line: `run` is the whole program but its descriptors.
+// The command line. There are two programs: the engineers' own with a simulated board, and a small
+// one for the device, which talks to the service that runs there.
 #pragma once
 
 #include <cstdint>
 #include <functional>
 #include <iosfwd>
+#include <memory>
 #include <string>
 
 namespace CLI {
@@ -12,12 +14,14 @@ class App;
 
 namespace quil::tools {
 
+class ServiceSession;
+
 enum ExitCode : int {
     kOk = 0,
     kFailed = 1,   // no answer, a part in error, or the demo met something unexpected
     kUsage = 2,    // the command line itself is wrong
     kBadData = 3,  // a product file or a frame with something wrong in it
-    kNoBoard = 4,  // the board directory cannot be used, or the service does not come up
+    kNoBoard = 4,  // the board directory cannot be used, or there is no service
 };
 
 struct Console {
@@ -44,13 +48,25 @@ struct Options {
 struct Cli {
     Options options;
     Console console;
+    std::unique_ptr<ServiceSession> (*connect)(const Cli& cli);  // throws std::runtime_error
     std::function<int()> action;
 };
 
-int run(int argc, const char* const* argv, const Console& console);
+// What tells one program from another.
+struct Program {
+    const char* purpose;
+    const char* footer;
+    void (*addCommands)(CLI::App& app, Cli& cli);  // and the global options
+    std::unique_ptr<ServiceSession> (*connect)(const Cli& cli);
+};
+
+// Everything but descriptors; an exit code.
+int run(const Program& program, int argc, const char* const* argv, const Console& console);
+extern const Program kBoardProgram, kDeviceProgram;
 
 // Each adds its commands to the program.
 void addRequestCommands(CLI::App& app, Cli& cli);
+void addPowerCommands(CLI::App& app, Cli& cli);
 void addSelfTestCommands(CLI::App& app, Cli& cli);
 void addConfigCommands(CLI::App& app, Cli& cli);
 void addFrameCommands(CLI::App& app, Cli& cli);

@@ -44,31 +44,30 @@ Bytes requestOf(uint32_t command, const Bytes& body) {
     return request;
 }
 
-Bytes ask(BoardSession& session, bool isWrite, const Bytes& request) {
-    session.board().trace().add(board::EventKind::kRequest, "client", isWrite ? "set" : "get",
-                                request);
+Bytes ask(ServiceSession& session, bool isWrite, const Bytes& request) {
+    session.onRequest(isWrite, request);
     Bytes answer;
     const auto keep = [&answer](const hidl_vec<uint8_t>& bytes) {
         answer.assign(bytes.begin(), bytes.end());
     };
     const hidl_vec<uint8_t> bytes(request);
-    const auto& service = session.host().service();
-    const Return<void> done = isWrite ? service->set(bytes, keep) : service->get(bytes, keep);
+    auto& service = session.service();
+    const Return<void> done = isWrite ? service.set(bytes, keep) : service.get(bytes, keep);
     if (!done.isOk()) throw std::runtime_error("the service failed: " + done.description());
     return answer;
 }
 
-CallbackRun invokeCallbacks(BoardSession& session, size_t count, const Bytes& data) {
+CallbackRun invokeCallbacks(ServiceSession& session, size_t count, const Bytes& data) {
     CallbackRun run;
-    const auto& service = session.host().service();
+    auto& service = session.service();
     const sp<IQuilServiceCallback> callback = new Recorder(run.arrived);
     for (size_t i = 0; i < count; ++i) {
-        if (valueOf(service->hwRegistCallback(callback)) != 0) {
+        if (valueOf(service.hwRegistCallback(callback)) != 0) {
             throw std::runtime_error("the service refused the callback");
         }
     }
-    run.invoked = valueOf(service->hwInvoke(hidl_vec<uint8_t>(data)));
-    for (size_t i = 0; i < count; ++i) valueOf(service->hwUnRegistCallback(callback));
+    run.invoked = valueOf(service.hwInvoke(hidl_vec<uint8_t>(data)));
+    for (size_t i = 0; i < count; ++i) valueOf(service.hwUnRegistCallback(callback));
     return run;
 }
 

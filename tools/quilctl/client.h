@@ -1,9 +1,7 @@
 // A client of the service, as any component of the board would be one.
 #pragma once
 
-#include <quil/hardware/quilservicemanager/1.0/IQuilServiceManager.h>
-
-#include "tools/quilctl/board_session.h"
+#include "tools/quilctl/service_session.h"
 #include "tools/quilctl/values.h"
 
 namespace quil::tools {
@@ -14,13 +12,13 @@ constexpr size_t kBodyMax = 65535;
 Bytes requestOf(uint32_t command, const Bytes& body);
 
 // Sends the bytes as they are through `set` or `get` and gives the answer.
-Bytes ask(BoardSession& session, bool isWrite, const Bytes& request);
+Bytes ask(ServiceSession& session, bool isWrite, const Bytes& request);
 
 // Registers a callback `count` times, invokes it with `data` and gives what arrived.
 struct CallbackRun {
     int32_t invoked = 0;  // what hwInvoke returned
     std::vector<Bytes> arrived;
 };
-CallbackRun invokeCallbacks(BoardSession& session, size_t count, const Bytes& data);
+CallbackRun invokeCallbacks(ServiceSession& session, size_t count, const Bytes& data);
 
 }  // namespace quil::tools

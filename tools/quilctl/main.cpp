@@ -13,5 +13,6 @@ int main(int argc, char** argv) {
     std::ostream out(&buffer);
     const bool styled = isatty(STDOUT_FILENO) != 0 && std::getenv("NO_COLOR") == nullptr;
     const bool progress = isatty(STDERR_FILENO) != 0;
-    return quil::tools::run(argc, argv, {std::cin, out, std::cerr, styled, progress});
+    return quil::tools::run(quil::tools::kBoardProgram, argc, argv,
+                            {std::cin, out, std::cerr, styled, progress});
 }

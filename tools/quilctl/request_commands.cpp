@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <ostream>
 
+#include "tools/quilctl/cli.h"
 #include "tools/quilctl/client.h"
 #include "tools/quilctl/validators.h"
 
@@ -45,9 +46,8 @@ int request(const Cli& cli, const RequestArguments& arguments, bool isWrite) {
         return kUsage;
     }
     const auto command = static_cast<uint32_t>(*parseNumber(arguments.command, UINT32_MAX));
-    BoardSession session(cli.options, cli.console);
-    session.startService();
-    const Bytes answer = ask(session, isWrite, requestOf(command, body));
+    const auto session = cli.connect(cli);
+    const Bytes answer = ask(*session, isWrite, requestOf(command, body));
     printAnswer(cli, command, isWrite, answer);
     if (!answer.empty()) return kOk;
     cli.console.err << "no answer\n";
@@ -65,7 +65,7 @@ void addRequest(CLI::App& app, Cli& cli, bool isWrite) {
                                 : command->add_option("--data", arguments->data, "Body bytes");
     data->check(hexBytes());
     if (isWrite) data->required();
-    command->footer(isWrite ? "Example: quilctl --board my-board set 0x102 01 0A"
+    command->footer(isWrite ? "Example: quilctl set 0x102 01 0A"
                             : "Examples: quilctl get 1\n          quilctl get 0x102 --data 01");
     command->callback([&cli, arguments, isWrite] {
         cli.action = [&cli, arguments, isWrite] { return request(cli, *arguments, isWrite); };
@@ -80,9 +80,8 @@ struct CallbackArguments {
 int callbacks(const Cli& cli, const CallbackArguments& arguments) {
     const Bytes data = bytesOf(arguments.data);
     const auto count = static_cast<size_t>(*parseNumber(arguments.count, 1000));
-    BoardSession session(cli.options, cli.console);
-    session.startService();
-    const CallbackRun run = invokeCallbacks(session, count, data);
+    const auto session = cli.connect(cli);
+    const CallbackRun run = invokeCallbacks(*session, count, data);
     cli.console.out << "hwInvoke returned " << run.invoked << '\n';
     for (size_t i = 0; i < run.arrived.size(); ++i) {
         cli.console.out << "callback " << i + 1 << ": " << toHex(run.arrived[i]) << '\n';

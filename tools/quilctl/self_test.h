@@ -21,8 +21,6 @@ struct SelfTestItem {
 struct SelfTestRun {
     Bytes record;  // the answer as it came; empty when there was none
     std::vector<SelfTestItem> items;
-
-    bool hasPassed() const;
 };
 
 // Parts that are broken for as long as this lives: a board directory keeps its settings otherwise.

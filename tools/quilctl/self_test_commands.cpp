@@ -1,25 +1,20 @@
 #include <algorithm>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <ostream>
-#include <sstream>
 
 #include "selftest/self_test.h"
 #include "service/tclv_msg.h"
 #include "tools/quilctl/client.h"
 #include "tools/quilctl/self_test.h"
+#include "tools/quilctl/self_test_record.h"
 #include "tools/quilctl/validators.h"
 
 namespace quil::tools {
 namespace {
 
-using ::quil::hardware::quilservicemanager::implementation::kCommandLowPower;
-using ::quil::hardware::quilservicemanager::implementation::kCommandNormalPower;
 using ::quil::hardware::quilservicemanager::implementation::kCommandSelfTest;
-
-constexpr size_t kVerdictAt = 8, kTextAt = 10;
 
 // The board's part behind each item; the others probe nothing.
 const char* partOf(uint32_t id) {
@@ -43,18 +38,10 @@ std::string probesOf(const std::vector<board::Event>& events, size_t since,
     return text.empty() ? "no probe" : text;
 }
 
-// The verdicts of the record's lines, by the names of their items.
-std::map<std::string, std::string> verdictsOf(const Bytes& record) {
-    std::map<std::string, std::string> verdicts;
-    if (record.size() < kTextAt) return verdicts;
-    std::istringstream lines(std::string(record.begin() + kTextAt, record.end()));
-    for (std::string line; std::getline(lines, line);) {
-        const size_t colon = line.find(':');
-        if (colon == std::string::npos) continue;
-        const size_t end = line.find('\r', colon);
-        verdicts[line.substr(0, colon)] = line.substr(colon + 1, end - colon - 1);
-    }
-    return verdicts;
+std::string verdictOf(const std::vector<SelfTestVerdict>& verdicts, const std::string& item) {
+    const auto found = std::find_if(verdicts.begin(), verdicts.end(),
+                                    [&](const SelfTestVerdict& one) { return one.item == item; });
+    return found == verdicts.end() ? "-" : found->verdict;
 }
 
 void printTable(std::ostream& out, const SelfTestRun& run) {
@@ -77,7 +64,9 @@ void printJson(std::ostream& out, const SelfTestRun& run) {
                          {"verdict", item.verdict},
                          {"probe", item.probe}});
     }
-    out << nlohmann::json{{"passed", run.hasPassed()}, {"items", items}, {"record", run.record}}
+    out << nlohmann::json{{"passed", hasPassed(run.record)},
+                          {"items", items},
+                          {"record", run.record}}
                .dump()
         << '\n';
 }
@@ -92,7 +81,7 @@ int selfTest(const Cli& cli, const std::vector<std::string>& broken) {
         printTable(cli.console.out, run);
     }
     if (run.record.empty()) cli.console.err << "no answer\n";
-    return run.hasPassed() ? kOk : kFailed;
+    return hasPassed(run.record) ? kOk : kFailed;
 }
 
 CLI::Validator partName() {
@@ -121,41 +110,7 @@ void addSelfTest(CLI::App& app, Cli& cli) {
         [&cli, broken] { cli.action = [&cli, broken] { return selfTest(cli, *broken); }; });
 }
 
-int power(const Cli& cli, bool isLow) {
-    BoardSession session(cli.options, cli.console);
-    session.startService();
-    const uint32_t command = isLow ? kCommandLowPower : kCommandNormalPower;
-    const Bytes answer = ask(session, true, requestOf(command, {}));
-    const bool isEmpty = answer.empty();  // all that this request ever says
-    if (cli.options.json) {
-        cli.console.out << nlohmann::json{{"command", command}, {"answer", answer}}.dump() << '\n';
-    } else {
-        cli.console.out << hex32(command) << " sent, " << (isEmpty ? "empty answer" : toHex(answer))
-                        << '\n';
-    }
-    return isEmpty ? kOk : kFailed;
-}
-
-void addPower(CLI::App& app, Cli& cli) {
-    CLI::App* command = app.add_subcommand("power", "Ask for a power mode");
-    command->require_subcommand(1);
-    command->footer("Example: quilctl power low");
-    for (const bool isLow : {true, false}) {
-        const std::string name = isLow ? "low" : "normal";
-        CLI::App* mode = command->add_subcommand(name, "Ask for " + name + " power");
-        mode->footer("Example: quilctl --log-level D power " + name);
-        mode->callback([&cli, isLow] { cli.action = [&cli, isLow] { return power(cli, isLow); }; });
-    }
-}
-
 }  // namespace
-
-bool SelfTestRun::hasPassed() const {
-    if (record.size() < kTextAt || record[kVerdictAt] != 0) return false;
-    return std::none_of(items.begin(), items.end(), [](const SelfTestItem& item) {
-        return item.isEnabled && item.verdict == "Error";
-    });
-}
 
 SelfTestRun runSelfTest(BoardSession& session, const std::vector<std::string>& broken) {
     const BrokenParts breakage(session.board().probes(), broken);
@@ -164,9 +119,7 @@ SelfTestRun runSelfTest(BoardSession& session, const std::vector<std::string>& b
     const auto events = session.board().trace().events();
     const auto verdicts = verdictsOf(run.record);
     for (const test_option_t& row : test_option_table) {
-        const auto verdict = verdicts.find(row.name);
-        run.items.push_back({row.name, row.enable != 0,
-                             verdict == verdicts.end() ? "-" : verdict->second,
+        run.items.push_back({row.name, row.enable != 0, verdictOf(verdicts, row.name),
                              probesOf(events, since, partOf(row.id))});
     }
     return run;
@@ -185,9 +138,6 @@ BrokenParts::BrokenParts(board::Probes& probes, const std::vector<std::string>& 
 
 BrokenParts::~BrokenParts() { mProbes.restore(mFormer); }
 
-void addSelfTestCommands(CLI::App& app, Cli& cli) {
-    addSelfTest(app, cli);
-    addPower(app, cli);
-}
+void addSelfTestCommands(CLI::App& app, Cli& cli) { addSelfTest(app, cli); }
 
 }  // namespace quil::tools

@@ -1,0 +1,86 @@
+// quilctl on a workstation: every command acts on a simulated board.
+#include <CLI/CLI.hpp>
+#include <filesystem>
+
+#include "board/board.h"
+#include "tools/quilctl/board_session.h"
+#include "tools/quilctl/cli.h"
+
+namespace quil::tools {
+namespace {
+
+constexpr char kFooter[] =
+    "Exit codes:\n"
+    "  0  done\n"
+    "  1  no answer, a part in error, or something unexpected in the demo\n"
+    "  2  wrong command line\n"
+    "  3  a product file or a frame with something wrong in it\n"
+    "  4  the board directory cannot be used, or the service does not come up\n"
+    "Examples:\n"
+    "  quilctl get 1\n"
+    "  quilctl --trace link.vcd set 0x102 01 0A\n"
+    "  quilctl board new my-board --product Kestrel\n"
+    "  quilctl --board my-board config show";
+
+CLI::Validator traceName() {
+    return CLI::Validator(
+        [](std::string& name) -> std::string {
+            const auto extension = std::filesystem::path(name).extension();
+            if (extension == ".txt" || extension == ".vcd" || extension == ".json") return {};
+            return "'" + name + "' must end in .txt, .vcd or .json";
+        },
+        "FILE");
+}
+
+CLI::Validator productName() {
+    return CLI::Validator(
+        [](std::string& name) -> std::string {
+            if (board::productByName(name)) return {};
+            return "there is no product '" + name + "': Heron, Kestrel or Wren_t507";
+        },
+        "NAME");
+}
+
+void addGlobalOptions(CLI::App& app, Options& options) {
+    app.add_option("--board", options.boardDirectory,
+                   "Board directory to power (default: a temporary one)");
+    app.add_option("--product", options.product,
+                   "Product of a new board: Heron (default), Kestrel, Wren_t507")
+        ->check(productName());
+    app.add_option("--trace", options.traceFile,
+                   "Write what happened on the board: .txt, .vcd or .json (trace events)")
+        ->check(traceName());
+    app.add_option("--log-level", options.logLevel, "Log level of the library for this run")
+        ->check(CLI::IsMember({"D", "I", "W", "E"}));
+    app.add_option("--seed", options.seed, "Seed of the board's randomness");
+    app.add_flag("--realtime", options.realtime, "Board time is real time");
+    app.add_flag("--json", options.json, "Print JSON");
+}
+
+void addCommands(CLI::App& app, Cli& cli) {
+    addGlobalOptions(app, cli.options);
+    addRequestCommands(app, cli);
+    addSelfTestCommands(app, cli);
+    addPowerCommands(app, cli);
+    addConfigCommands(app, cli);
+    addFrameCommands(app, cli);
+    addBoardCommands(app, cli);
+    addBootCommand(app, cli);
+    addFpgaCommands(app, cli);
+    addScreenCommands(app, cli);
+    addMcuCommands(app, cli);
+    addDemoCommand(app, cli);
+}
+
+std::unique_ptr<ServiceSession> connect(const Cli& cli) {
+    auto session = std::make_unique<BoardSession>(cli.options, cli.console);
+    session->startService();
+    return session;
+}
+
+}  // namespace
+
+const Program kBoardProgram = {"Talk to the board's hardware service on a simulated board.",
+                               kFooter, addCommands, connect};
+
+}  // namespace quil::tools
