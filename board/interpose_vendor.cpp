@@ -1,4 +1,5 @@
 // The platform's log and properties, and the board's closed libraries.
+#include <errno.h>
 #include <stdarg.h>
 #include <stdio.h>
 #include <string.h>
@@ -63,7 +64,9 @@ QUIL_EXPORT int __android_log_write(int priority, const char* tag, const char* t
     return keepLogLine(priority, tag, text);
 }
 
+// Whatever errno was before, the property area's search leaves its own.
 QUIL_EXPORT int property_get(const char* name, char* value, const char* fallback) {
+    errno = ENOENT;
     Machine* machine = machineForCall();
     const std::string missing = fallback != nullptr ? fallback : "";
     return copyProperty(machine ? machine->properties.get(name, missing) : missing, value);

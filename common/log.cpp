@@ -1,6 +1,7 @@
 #include "common/log.h"
 
 #include <cutils/properties.h>
+#include <errno.h>
 
 namespace quil::common {
 
@@ -24,7 +25,9 @@ int get_log_level() {
 }
 
 bool isLogged(int priority) {
+    const int callersErrno = errno;  // reading a property may change it
     const int level = get_log_level();
+    errno = callersErrno;
     if (priority >= ANDROID_LOG_ERROR) return true;
     if (priority == ANDROID_LOG_INFO) return level >= kLevelInfo;
     return level >= kLevelDebug;

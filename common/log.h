@@ -19,7 +19,8 @@ inline constexpr char kDefaultLogLevel[] = "E";
 // character counts.
 int get_log_level();
 
-// Whether a message of this Android priority is to be printed now. Errors always are.
+// Whether a message of this Android priority is to be printed now. Errors always are. Leaves errno
+// as it is: messages show it.
 bool isLogged(int priority);
 
 }  // namespace quil::common

@@ -119,8 +119,7 @@ int quil_physical_send(const uint8_t* frame, size_t count, int fd) {
     dumpBytes(frame, count);
     const auto result = static_cast<int>(write(fd, frame, count));
     if (result < 0) {
-        const int error = errno;  // the log gate may change it
-        QUIL_LOG_ERROR(kServiceTag, "%s: write fd(%d) err(%s)\n", __func__, fd, strerror(error));
+        QUIL_LOG_ERROR(kServiceTag, "%s: write fd(%d) err(%s)\n", __func__, fd, strerror(errno));
     }
     return result;
 }
