@@ -53,14 +53,8 @@ constexpr char kPhyLinkUp[] = "0x907";
 constexpr unsigned kPhyTextMost = 64;
 
 // Fills the buffer in one `read` and logs what came.
-int transferRead(const char* function, uint8_t* buffer, unsigned count) {
-    const int device = open(kDevice, O_RDWR);
-    if (device < 0) {
-        QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: open spi port %s failed.\n", function, kDevice);
-        return -1;
-    }
+int fillAndLog(const char* function, int device, uint8_t* buffer, unsigned count) {
     const auto result = static_cast<int>(read(device, buffer, count));
-    close(device);
     if (result < 0) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: read spi port %s failed, return %d.\n", function,
                        kDevice, result);
@@ -70,6 +64,17 @@ int transferRead(const char* function, uint8_t* buffer, unsigned count) {
         QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: send_data[%d] = 0x%02x\n", function,
                        static_cast<int>(i), buffer[i]);
     }
+    return result;
+}
+
+int transferRead(const char* function, uint8_t* buffer, unsigned count) {
+    const int device = open(kDevice, O_RDWR);
+    if (device < 0) {
+        QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: open spi port %s failed.\n", function, kDevice);
+        return -1;
+    }
+    const int result = fillAndLog(function, device, buffer, count);
+    close(device);
     return result;
 }
 

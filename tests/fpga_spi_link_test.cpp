@@ -124,6 +124,14 @@ TEST_P(FpgaStateRead, LogsEveryByteOfItsBufferAtDebugLevel) {
     EXPECT_THAT(messages(), IsEmpty());
 }
 
+TEST_P(FpgaStateRead, ClosesTheDeviceBehindItsLastMessage) {
+    unsigned char byte = 0;
+    EXPECT_EQ(read(&byte, 1), 7);
+    const auto events = board.trace().events();
+    EXPECT_EQ(events.front().kind, board::EventKind::kOpen);
+    EXPECT_EQ(events.back().kind, board::EventKind::kClose);
+}
+
 TEST_P(FpgaStateRead, WithoutABufferFails) {
     EXPECT_EQ(read(nullptr, 1), -1);
     EXPECT_THAT(messages(), ElementsAre("E " + name() + ": data_buf is NULL!\n"));
