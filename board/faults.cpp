@@ -24,6 +24,7 @@ std::string describe(const Fault& fault) {
     if (fault.shortTo) text += " stops at " + std::to_string(*fault.shortTo) + " bytes";
     if (fault.lostSilently) text += " does nothing";
     if (fault.exitCode) text += " exits with " + std::to_string(*fault.exitCode);
+    if (fault.signal) text += " dies of signal " + std::to_string(*fault.signal);
     return text;
 }
 

@@ -43,6 +43,7 @@ struct Fault {
     int times = 1;                       // -1: for ever
     bool lostSilently = false;           // write, GPIO, system: reported as done, not done
     std::optional<int> exitCode = {};    // system: the command does nothing and exits so
+    std::optional<int> signal = {};      // system: the command does nothing but die of it
 };
 
 class Faults {

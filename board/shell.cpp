@@ -81,6 +81,7 @@ int Shell::run(const std::string& line) {
         return -1;
     }
     if (fault && fault->exitCode) return waitStatus(*fault->exitCode);
+    if (fault && fault->signal) return *fault->signal;  // as a wait status has it
     if (fault && fault->error != 0) {
         errno = fault->error;
         return -1;

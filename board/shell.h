@@ -5,7 +5,8 @@
 // not know ($, |, &, globs) is a violation and a syntax error.
 //
 // Every line is a kShell event. Faults: Call::kSystem by the whole line (an error: system() fails
-// with it; exitCode: nothing is done and the shell ends so; lostSilently: nothing is done, 0).
+// with it; exitCode, signal: nothing is done and the shell ends so; lostSilently: nothing is done,
+// 0).
 // Files that a line writes or reads meet Call::kOpen, kWrite and kRead by their path.
 #pragma once
 

@@ -129,7 +129,9 @@ TEST_F(BoardShell, FaultsFailTheCallOrTheCommandOrLoseIt) {
     EXPECT_EQ(system("a 1"), -1);
     EXPECT_EQ(errno, ENOMEM);
     EXPECT_EQ(system("a 2"), 5 << 8);
+    board.faults().add({.call = Call::kSystem, .path = "a 4", .signal = 11});
     EXPECT_EQ(system("a 3"), 0);
+    EXPECT_EQ(system("a 4"), 11);
     EXPECT_THAT(calls, IsEmpty());
     EXPECT_EQ(system("a 1"), 0);
     EXPECT_THAT(calls, ElementsAre(Words{"a", "1"}));

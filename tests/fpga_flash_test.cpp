@@ -222,6 +222,21 @@ TEST_F(FpgaFlash, UpdateNeedsBothLines) {
     EXPECT_THAT(timeline(), IsEmpty());
 }
 
+TEST_F(FpgaFlash, LinesCountFrom1On) {
+    for (const auto& [control, config] : {std::pair{1, 442}, {441, 1}}) {
+        config_info->fpga_control_gpio = control;
+        config_info->fpga_config_gpio = config;
+        startFresh();
+        EXPECT_EQ(fpgaFwUpdate(), -1) << "the board has no such line";
+        EXPECT_THAT(messages().back(), testing::EndsWith(" gpio 1 set failed\n"));
+    }
+    config_info->fpga_control_gpio = 1;
+    EXPECT_EQ(fpgaFlashFormat(), -1);
+    EXPECT_EQ(messages().back(), "E fpgaFlashFormat: gpio 1 set failed\n");
+    config_info->fpga_done_gpio = 1;
+    EXPECT_EQ(fpgaCheckDone(), -ENODEV);
+}
+
 TEST_F(FpgaFlash, UpdateDoesNotAskForTheTool) {
     std::filesystem::remove(board.hostPath(kTool));
     fakeCommands();
@@ -249,6 +264,12 @@ TEST_F(FpgaFlash, UpdateWhoseShellCannotBeStartedLogsMinus1) {
     board.faults().add({.call = Call::kSystem, .path = kEraseCommand, .error = EAGAIN});
     EXPECT_EQ(fpgaFwUpdate(), -1);
     EXPECT_EQ(messages().back(), "E fpgaFwUpdate: mtd_debug erase exit status: -1\n");
+}
+
+TEST_F(FpgaFlash, UpdateWhoseToolDiesOfASignalFailsWithTheWaitStatusShiftedAsItStands) {
+    board.faults().add({.call = Call::kSystem, .path = kEraseCommand, .signal = 9});
+    EXPECT_EQ(fpgaFwUpdate(), -1);
+    EXPECT_EQ(messages().back(), "E fpgaFwUpdate: mtd_debug erase exit status: 0\n");
 }
 
 TEST_F(FpgaFlash, UpdateWhoseDoneStaysLowFails) {
@@ -404,9 +425,14 @@ TEST_F(FpgaFlash, WriteOfAnEmptyImageTouchesNothing) {
 TEST_F(FpgaFlash, WriteNeedsBothLines) {
     config_info->fpga_config_gpio = 0;
     EXPECT_EQ(fpgaFlashWrite(), -1);
-    EXPECT_THAT(timeline(), IsEmpty());
     EXPECT_EQ(messages().back(),
               "E fpgaFlashWrite: invalid fpga_control_gpio_id = 441 or fpga_config_gpio_id = 0\n");
+    config_info->fpga_control_gpio = -1;
+    config_info->fpga_config_gpio = 442;
+    EXPECT_EQ(fpgaFlashWrite(), -1);
+    EXPECT_EQ(messages().back(),
+              "E fpgaFlashWrite: invalid fpga_control_gpio_id = -1 or fpga_config_gpio_id = 442\n");
+    EXPECT_THAT(timeline(), IsEmpty());
 }
 
 TEST_F(FpgaFlash, WriteThatExitsWith3LeavesBothLinesLow) {
