@@ -209,8 +209,9 @@ std::function<void(Board&)> without(const std::string& path) {
 
 constexpr char kFlash[] = "/dev/mtd0";
 
-std::vector<std::string> operator+(std::vector<std::string> lines, const std::string& last) {
-    lines.push_back(last);
+std::vector<std::string> operator+(std::vector<std::string> lines,
+                                   const std::vector<std::string>& more) {
+    lines.insert(lines.end(), more.begin(), more.end());
     return lines;
 }
 std::vector<std::string> times(size_t count, const std::vector<std::string>& lines) {
@@ -218,6 +219,14 @@ std::vector<std::string> times(size_t count, const std::vector<std::string>& lin
     for (size_t i = 0; i < count; ++i) all.insert(all.end(), lines.begin(), lines.end());
     return all;
 }
+
+const std::vector<std::string> kBadDdr = {"fpgaRecovery: invalid fpga_ddr_state = 0\n"};
+const std::vector<std::string> kNoClock = {"fpgaPhySgmiiConfig: readFpgaSgmiiClockState failed\n"};
+const std::vector<std::string> kNoLink = {"fpgaPhySgmiiConfig: readRtl8211fsPhyLink failed\n"};
+const std::vector<std::string> kNetworkFailed = {"fpgaNetworkConfig: fpgaPhySgmiiConfig failed\n"};
+const std::vector<std::string> kDdrFailed = {"fpgaCheckDDRAndRecovery: ddr_recovery failed\n",
+                                             "fpgaLoadProcessHeron: fpgaRecoveryDdr failed\n"};
+constexpr char kScreenDevice[] = "/dev/block/by-name/screen";
 
 INSTANTIATE_TEST_SUITE_P(
     HeronUpdate, FpgaBootWith,
@@ -344,6 +353,37 @@ INSTANTIATE_TEST_SUITE_P(
                                -1,
                                {"fpgaLoadProcessHeron: fpgaCheckDone failed\n"},
                                "1"},
+                    StageFault{"ToolGoneBeforeTheWrite",
+                               Product::kHeron,
+                               true,
+                               failing(Call::kAccess, "/vendor/bin/mtd_debug", 1),
+                               -1,
+                               {"fpgaFlashWrite: mtd_debug tool not exist\n",
+                                "fpgaLoadProcessHeron: fpgaFlashWrite failed\n"},
+                               "1"},
+                    StageFault{"ConfigLineStuckAfterTheWrite",
+                               Product::kHeron,
+                               true,
+                               failing(Call::kGpioSet, kConfigLine, 1),
+                               -1,
+                               {"fpgaFlashWrite: gpio 442 set failed\n",
+                                "fpgaLoadProcessHeron: fpgaFlashWrite failed\n"},
+                               "1"},
+                    StageFault{"DdrOfTheNewImageNeverGood", Product::kHeron, true,
+                               [](Board& board) { board.fpga().setDdr({.failures = -1}); }, 0,
+                               times(3, kBadDdr) + kDdrFailed, "0"},
+                    StageFault{"NoPartitionAfterTheUpdate",
+                               Product::kHeron,
+                               true,
+                               without(kScreenDevice),
+                               0,
+                               {"read_screen_paramter: open /dev/block/by-name/screen failed !!!\n",
+                                "fpgaLoadScreenParamsBySpi: failed to read screen paramter\n",
+                                "fpgaLoadProcessHeron: fpgaLoadScreenParamsBySpi failed\n"},
+                               "0"},
+                    StageFault{"NoCableAfterTheUpdate", Product::kHeron, true,
+                               [](Board& board) { board.phy().setCable(false); }, 0,
+                               times(5, kNoLink) + kNetworkFailed, "0"},
                     StageFault{"SwitchToUdpFails",
                                Product::kHeron,
                                true,
@@ -352,12 +392,6 @@ INSTANTIATE_TEST_SUITE_P(
                                {"fpgaLoadProcessHeron: fpgaSwitchGmacToUdp failed\n"},
                                "0"}),
     [](const auto& row) { return row.param.name; });
-
-const std::vector<std::string> kBadDdr = {"fpgaRecovery: invalid fpga_ddr_state = 0\n"};
-const std::vector<std::string> kNoClock = {"fpgaPhySgmiiConfig: readFpgaSgmiiClockState failed\n"};
-const std::vector<std::string> kNoLink = {"fpgaPhySgmiiConfig: readRtl8211fsPhyLink failed\n"};
-constexpr char kNetworkFailed[] = "fpgaNetworkConfig: fpgaPhySgmiiConfig failed\n";
-constexpr char kScreenDevice[] = "/dev/block/by-name/screen";
 
 INSTANTIATE_TEST_SUITE_P(
     Heron, FpgaBootWith,
@@ -374,9 +408,7 @@ INSTANTIATE_TEST_SUITE_P(
                    kBadDdr, "(absent)"},
         StageFault{"DdrNeverGood", Product::kHeron, false,
                    [](Board& board) { board.fpga().setDdr({.failures = -1}); }, 0,
-                   times(3, kBadDdr) + "fpgaCheckDDRAndRecovery: ddr_recovery failed\n" +
-                       "fpgaLoadProcessHeron: fpgaRecoveryDdr failed\n",
-                   "(absent)"},
+                   times(3, kBadDdr) + kDdrFailed, "(absent)"},
         StageFault{"DdrReadFailsOnce",
                    Product::kHeron,
                    false,
@@ -414,6 +446,50 @@ INSTANTIATE_TEST_SUITE_P(
                    [](Board& board) { board.fpga().setSgmiiNegotiation({.failures = -1}); },
                    0,
                    {},
+                   "(absent)"},
+        StageFault{"ProgramLineStuckInTheRecovery",
+                   Product::kHeron,
+                   false,
+                   [](Board& board) {
+                       board.fpga().setDdr({.after = 500ms + 1s});
+                       failing(Call::kGpioSet, kControlLine)(board);
+                   },
+                   0,
+                   {kBadDdr[0], "fpgaRecovery: PROG_B gpio 441 set failed\n"},
+                   "(absent)"},
+        StageFault{"DoneLowAfterTheRecovery", Product::kHeron, false,
+                   [](Board& board) {
+                       board.fpga().setDdr({.failures = -1, .notReady = 3});
+                       board.flash().damage(40000, 1);
+                   },
+                   0,
+                   times(1, {"fpgaRecovery: invalid fpga_ddr_state = 3\n",
+                             "fpgaRecovery: fpgaCheckDone failed\n"}) +
+                       times(2, {"fpgaRecovery: invalid fpga_ddr_state = 255\n",
+                                 "fpgaRecovery: fpgaCheckDone failed\n"}) +
+                       times(5, kNoClock) + kNetworkFailed,
+                   "(absent)"},
+        StageFault{"PhyResetFileMissing",
+                   Product::kHeron,
+                   false,
+                   failing(Call::kOpen, "/sys/class/quilgpios/RTL8211FS_RSTN/value"),
+                   0,
+                   {"open failed! reset8211FS\n"},
+                   "(absent)"},
+        StageFault{"ResetPulseFailsOnce",
+                   Product::kHeron,
+                   false,
+                   [](Board& board) {
+                       without(kScreenDevice)(board);
+                       failing(Call::kOpen, kSpiDevice, 2 + 3)(board);  // behind two reads
+                   },
+                   0,
+                   {"read_screen_paramter: open /dev/block/by-name/screen failed !!!\n",
+                    "fpgaLoadScreenParamsBySpi: failed to read screen paramter\n",
+                    "fpgaLoadProcessHeron: fpgaLoadScreenParamsBySpi failed\n",
+                    "spi_send_data: open /dev/fpga_spi failed !!!\n",
+                    "sendFpgaTxRxReset: send_rx_reset_high failed\n",
+                    "fpgaPhySgmiiConfig: sendFpgaTxRxReset failed\n"},
                    "(absent)"},
         StageFault{"LinkAfterTheThirdReset", Product::kHeron, false,
                    [](Board& board) { board.phy().setDeadResets(2); }, 0, times(2, kNoLink),
@@ -514,7 +590,7 @@ TEST(FpgaBoot, SpiThatNeverAnswersLeavesAHeronWithoutParametersAndNetwork) {
     EXPECT_THAT(heron.board.fpga().memory(), IsEmpty());
     EXPECT_FALSE(heron.board.phy().isLinkUp());
     EXPECT_EQ(heron.errors().front(), "readFpgaDdrState: open spi port /dev/fpga_spi failed.\n");
-    EXPECT_EQ(heron.errors().back(), kNetworkFailed);
+    EXPECT_EQ(heron.errors().back(), kNetworkFailed.front());
 }
 
 }  // namespace quil::tests

@@ -126,6 +126,41 @@ TEST_F(FpgaDdr, FailedReadGoesOnWithTheStateOfTheReadBefore) {
         std::count(lines.begin(), lines.end(), "E fpgaRecovery: invalid fpga_ddr_state = 5\n"), 3);
 }
 
+TEST_F(FpgaDdr, LastReadThatFailsLeavesTheZeroBeforeItInForceWithoutAWordOfItsOwn) {
+    ddrReads({0});
+    board.faults().add({.call = Call::kRead, .path = kSpiDevice, .error = EIO, .after = 3});
+    EXPECT_EQ(fpgaCheckDDRAndRecovery(), -1);
+    const auto lines = recoveryMessages();
+    ASSERT_GE(lines.size(), 2U);
+    EXPECT_THAT(std::vector<std::string>(lines.end() - 3, lines.end()),
+                ElementsAre("D fpgaCheckDDRAndRecovery: ddr_recovery end\n",
+                            "E readFpgaDdrState: read spi port /dev/fpga_spi failed, return -1.\n",
+                            "E fpgaCheckDDRAndRecovery: ddr_recovery failed\n"));
+}
+
+TEST_F(FpgaDdr, ReadOfNoBytesIsNoFailure) {
+    board.faults().add({.call = Call::kRead, .path = kSpiDevice, .shortTo = 0, .times = -1});
+    EXPECT_EQ(fpgaCheckDDRAndRecovery(), 0);
+    EXPECT_THAT(messages(), testing::Not(testing::Contains(
+                                "E fpgaCheckDDRAndRecovery: spi_read_fpga_ddr_state failed\n")));
+}
+
+TEST_F(FpgaDdr, DoneLineThatCannotBeReadCountsAsDoneInARecovery) {
+    ddrReads({0, 1});
+    board.faults().add({.call = Call::kGpioGet, .path = kDoneLine, .error = EIO, .times = -1});
+    EXPECT_EQ(fpgaCheckDDRAndRecovery(), 0);
+    EXPECT_EQ(sleeps().size(), 2U + 1U + 20U);
+    EXPECT_THAT(recoveryMessages(), testing::Contains("D fpgaRecovery: fpgaCheckDone ok\n"));
+}
+
+TEST_F(FpgaDdr, ProgramLineThatIsNotConfiguredIsNamedByItsStandInNumber) {
+    ddrReads({0, 1});
+    config_info->fpga_control_gpio = 999;
+    EXPECT_EQ(fpgaCheckDDRAndRecovery(), 0);
+    EXPECT_THAT(recoveryMessages(),
+                testing::Contains("E fpgaRecovery: PROG_B gpio 999 set failed\n"));
+}
+
 TEST_F(FpgaDdr, ProgramLineThatCannotBePulledLowEndsThisRecoveryButNotItsLastLine) {
     ddrReads({0, 1});
     board.faults().add({.call = Call::kGpioSet, .path = kControlLine, .error = EIO});

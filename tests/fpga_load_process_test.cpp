@@ -335,6 +335,38 @@ TEST_F(FpgaLoadWren, WithoutAPendingUpdateOnlyTheParametersAreLoaded) {
                             "I fpgaLoadProcessWren_t507: bi_fpga_load_parameter ok\n"));
 }
 
+TEST_F(FpgaLoadWren, OnlyTheFirstCharacterOfThePropertySelectsTheUpdate) {
+    for (const char* value : {"10", "1x"}) {
+        setProperty(value);
+        startFresh("E");
+        succeed("bi_fpga_active_update_program");
+        succeed("bi_fpga_load_parameter");
+        EXPECT_EQ(fpgaLoadProcessWren_t507(), 0);
+        EXPECT_EQ(vendorCalls().size(), 2U);
+        EXPECT_EQ(property(), "0");
+    }
+    for (const char* value : {"01", " 1", "x1"}) {
+        setProperty(value);
+        startFresh("E");
+        succeed("bi_fpga_load_parameter");
+        EXPECT_EQ(fpgaLoadProcessWren_t507(), 0);
+        EXPECT_EQ(vendorCalls().size(), 1U);
+        EXPECT_EQ(property(), value);
+    }
+}
+
+TEST(FpgaLoadWrenUntouched, HasNoPropertyAndLoadsTheParametersAlone) {
+    board::Board board(board::Product::kWrenT507);
+    board.properties().set("persist.quil.device.log.level", "I");
+    board.faults().add(
+        {.call = Call::kVendor, .path = "bi_fpga_load_parameter", .lostSilently = true});
+    EXPECT_EQ(fpgaLoadProcessWren_t507(), 0);
+    ASSERT_EQ(board.logLines().size(), 2U);
+    EXPECT_EQ(board.logLines()[0].text,
+              "fpgaLoadProcessWren_t507: persist.quil.system.fpga.fw.update = 0\n");
+    EXPECT_EQ(board.properties().get(kFpgaUpdateProperty, "(absent)"), "(absent)");
+}
+
 TEST_F(FpgaLoadWren, UpdateThatFailsStopsTheSequenceAndStaysPending) {
     failVendor("bi_fpga_active_update_program");
     EXPECT_EQ(fpgaLoadProcessWren_t507(), -1);

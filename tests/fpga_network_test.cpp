@@ -221,6 +221,17 @@ TEST_F(FpgaNetwork, ResetPulseWhoseFirstStepFailsIsGoodEnough) {
     EXPECT_THAT(messages(), Contains("I fpgaPhySgmiiConfig: sendFpgaTxRxReset ok\n"));
 }
 
+TEST_F(FpgaNetwork, TransfersOfNoBytesAreNoFailures) {
+    board.faults().add(
+        {.call = Call::kWrite, .path = kSpiDevice, .shortTo = 0, .after = 3, .times = 1});
+    EXPECT_EQ(fpgaPhySgmiiConfig(), 0);
+    EXPECT_THAT(messages(), Contains("I fpgaPhySgmiiConfig: sendFpgaTxRxReset ok\n"));
+    startFresh("I");
+    board.faults().add({.call = Call::kRead, .path = kSpiDevice, .shortTo = 0, .times = 2});
+    EXPECT_EQ(fpgaPhySgmiiConfig(), 0);
+    EXPECT_THAT(messages(), Not(Contains("E fpgaPhySgmiiConfig: spi_read_state failed\n")));
+}
+
 TEST_F(FpgaNetwork, NegotiationThatNeverCompletesStillAsksThePhy) {
     negotiationReads({0});
     EXPECT_EQ(fpgaPhySgmiiConfig(), 0);
@@ -245,6 +256,9 @@ TEST_F(FpgaNetwork, NegotiationDoesNotStartFromTheClocksByte) {
     EXPECT_EQ(std::count(lines.begin(), lines.end(),
                          "I fpgaPhySgmiiConfig,readFpgaSgmiiNegotiationState state = 0x00\n"),
               10);
+    EXPECT_EQ(
+        std::count(lines.begin(), lines.end(), "E fpgaPhySgmiiConfig: spi_read_state failed\n"),
+        10);
     EXPECT_THAT(lines, Not(Contains("I fpgaPhySgmiiConfig: readFpgaSgmiiNegotiationState ok\n")));
 }
 

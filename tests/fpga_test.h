@@ -64,6 +64,10 @@ class FpgaTest : public LibraryTest {
     FpgaTest() { forgetTables(); }
     ~FpgaTest() override { forgetTables(); }
 
+    // No test may do to the board what a part of it does not take, unless it says so.
+    void TearDown() override { EXPECT_THAT(board.violations(), testing::SizeIs(mViolations)); }
+    void expectViolations(size_t count) { mViolations = count; }
+
     static void forgetTables() {
         memset(st_func_offset_map_tab, 0, sizeof st_func_offset_map_tab);
         memset(free_routing_topology, 0, sizeof free_routing_topology);
@@ -132,6 +136,8 @@ class FpgaTest : public LibraryTest {
         for (const board::Event& event : board.trace().events(kind)) texts.push_back(event.text);
         return texts;
     }
+
+    size_t mViolations = 0;
 };
 
 }  // namespace quil::tests
