@@ -105,6 +105,15 @@ TEST_F(QuilctlFpga, StageThatFailsSaysWhy) {
     EXPECT_THAT(said.out, ContainsRegex("network .* ok\n"));
 }
 
+TEST_F(QuilctlFpga, LoadWithAFaultShowsItInStagesAndState) {
+    const Said said = quilctl({"fpga", "load", "--fault", "ddr,link"});
+    EXPECT_EQ(said.code, tools::kFailed);
+    EXPECT_THAT(said.out, ContainsRegex("FPGA memory .* FAILED"));
+    EXPECT_THAT(said.out, ContainsRegex("network .* FAILED"));
+    EXPECT_THAT(said.out, HasSubstr("DDR                not ready (0)\n"));
+    EXPECT_THAT(said.out, HasSubstr("PHY link           down\n"));
+}
+
 TEST_F(QuilctlFpga, OtherProductsHaveTheirOwnStages) {
     EXPECT_THAT(quilctl({"--product", "Kestrel", "fpga", "load"}).out,
                 ContainsRegex("FPGA loaded .* ok\nscreen parameters .* ok\nDONE +high\n"));

@@ -2,6 +2,7 @@
 #include <ostream>
 
 #include "tools/quilctl/boot_stages.h"
+#include "tools/quilctl/bring_up_faults.h"
 #include "tools/quilctl/validators.h"
 #include "update/config_info.h"
 
@@ -36,9 +37,15 @@ void endStage(BoardSession& session, BootStages& stages, host::BootStep step) {
     }
 }
 
-int boot(const Cli& cli, bool updatesFpga) {
+struct BootArguments {
+    bool updatesFpga = false;
+    std::vector<std::string> faults;
+};
+
+int boot(const Cli& cli, const BootArguments& arguments) {
     BoardSession session(cli.options, cli.console, false);
-    if (updatesFpga) session.board().properties().set(kFpgaUpdateProperty, "1");
+    const BringUpFaults faults(session.board(), arguments.faults, cli.console.err);
+    if (arguments.updatesFpga) session.board().properties().set(kFpgaUpdateProperty, "1");
     BootStages stages(session, cli.console);
     const host::StartUpResult result = session.host().start(
         {.updateMcu = true, .loadFpga = true, .onStep = [&](host::BootStep step) {
@@ -57,16 +64,17 @@ int boot(const Cli& cli, bool updatesFpga) {
 }  // namespace
 
 void addBootCommand(CLI::App& app, Cli& cli) {
-    auto updatesFpga = std::make_shared<bool>(false);
+    auto arguments = std::make_shared<BootArguments>();
     CLI::App* command =
         app.add_subcommand("boot", "Start up as the board does: configuration, MCU, FPGA, service");
-    command->add_flag("--update-fpga", *updatesFpga, "Ask for the FPGA's new image first");
-    command->footer(
-        "Exit code 1 when a stage failed, 4 when the service did not come up.\n"
-        "Example: quilctl --product Kestrel boot");
-    command->callback([&cli, updatesFpga] {
-        cli.action = [&cli, updatesFpga] { return boot(cli, *updatesFpga); };
-    });
+    command->add_flag("--update-fpga", arguments->updatesFpga,
+                      "Ask for the FPGA's new image first");
+    addFaultOption(*command, arguments->faults,
+                   "Exit code 1 when a stage failed, 4 when the service did not come up.\n"
+                   "Example: quilctl --product Kestrel boot\n"
+                   "         quilctl boot --update-fpga --fault erase");
+    command->callback(
+        [&cli, arguments] { cli.action = [&cli, arguments] { return boot(cli, *arguments); }; });
 }
 
 }  // namespace quil::tools

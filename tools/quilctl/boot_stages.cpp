@@ -51,7 +51,8 @@ constexpr std::array<MessageRow, 21> kMessages = {{
 
 // A good end of the screen parameters has no message: the network's first one tells it.
 constexpr char kMemory[] = "FPGA memory", kScreen[] = "screen parameters";
-constexpr char kNetworkBegins[] = "fpgaPhySgmiiConfig,readFpgaSgmiiClockState";
+constexpr std::array<const char*, 2> kNetworkBegins = {"readFpgaSgmiiClockState:",
+                                                       "fpgaPhySgmiiConfig,"};
 
 std::string withoutLineEnd(std::string text) {
     while (!text.empty() && text.back() == '\n') text.pop_back();
@@ -72,7 +73,7 @@ class BootStages::Watch {
     void see(const board::Event& event) {
         if (event.kind != board::EventKind::kLog || !mIsOn) return;
         const std::string& text = event.text;
-        if (text.rfind(kNetworkBegins, 0) == 0 && isAfter(kMemory)) end(kScreen, true, "");
+        if (isAfter(kMemory) && isNetwork(text)) end(kScreen, true, mError);
         for (const MessageRow& row : kMessages) {
             if (text.rfind(row.message, 0) != 0) continue;
             if (row.meaning == Meaning::kEnded) return end(row.stage, !mFailed, mError);
@@ -100,6 +101,10 @@ class BootStages::Watch {
     const std::string& error() const { return mError; }
 
   private:
+    static bool isNetwork(const std::string& text) {
+        return std::any_of(kNetworkBegins.begin(), kNetworkBegins.end(),
+                           [&](const char* beginning) { return text.rfind(beginning, 0) == 0; });
+    }
     bool isAfter(const char* stage) const {
         return !mStages.empty() && mStages.back().name == stage;
     }

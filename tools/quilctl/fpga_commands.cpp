@@ -10,6 +10,7 @@
 #include "fpga/spi_link.h"
 #include "host/fpga_load.h"
 #include "tools/quilctl/boot_stages.h"
+#include "tools/quilctl/bring_up_faults.h"
 #include "tools/quilctl/validators.h"
 #include "update/config_info.h"
 #include "update/fpga_update.h"
@@ -75,8 +76,9 @@ int showStatus(const Cli& cli) {
     return status.done == "high" ? kOk : kFailed;
 }
 
-int load(const Cli& cli) {
+int load(const Cli& cli, const std::vector<std::string>& faultNames) {
     BoardSession session(cli.options, cli.console, false);
+    const BringUpFaults faults(session.board(), faultNames, cli.console.err);
     BootStages stages(session, cli.console);
     parseProduct();
     stages.end("configuration", true, config_info->product);
@@ -184,11 +186,22 @@ int flash(const Cli& cli, const std::string& file) {
     return run.isDone ? kOk : kFailed;
 }
 
-void addPart(CLI::App& fpga, Cli& cli, const char* name, const char* what,
-             int (*action)(const Cli&)) {
-    CLI::App* command = fpga.add_subcommand(name, what);
-    command->footer(std::string("Example: quilctl --board my-board fpga ") + name);
-    command->callback([&cli, action] { cli.action = [&cli, action] { return action(cli); }; });
+void addStatus(CLI::App& fpga, Cli& cli) {
+    CLI::App* command =
+        fpga.add_subcommand("status", "Ask for DONE, DDR, SGMII and the PHY's link");
+    command->footer("Example: quilctl --board my-board fpga status");
+    command->callback([&cli] { cli.action = [&cli] { return showStatus(cli); }; });
+}
+
+void addLoad(CLI::App& fpga, Cli& cli) {
+    auto faults = std::make_shared<std::vector<std::string>>();
+    CLI::App* command = fpga.add_subcommand("load", "Run the product's load sequence");
+    addFaultOption(*command, *faults,
+                   "Exit code 1 when a stage failed.\n"
+                   "Example: quilctl --board my-board fpga load\n"
+                   "         quilctl fpga load --fault ddr,link");
+    command->callback(
+        [&cli, faults] { cli.action = [&cli, faults] { return load(cli, *faults); }; });
 }
 
 }  // namespace
@@ -198,8 +211,8 @@ void addFpgaCommands(CLI::App& app, Cli& cli) {
     fpga->require_subcommand(1);
     fpga->fallthrough();
     fpga->footer("Example: quilctl --board my-board fpga load");
-    addPart(*fpga, cli, "status", "Ask for DONE, DDR, SGMII and the PHY's link", showStatus);
-    addPart(*fpga, cli, "load", "Run the product's load sequence", load);
+    addStatus(*fpga, cli);
+    addLoad(*fpga, cli);
     auto file = std::make_shared<std::string>();
     CLI::App* command = fpga->add_subcommand("flash", "Write an image and restart the FPGA");
     command->add_option("FILE", *file, "The image")->required()->check(CLI::ExistingFile);
