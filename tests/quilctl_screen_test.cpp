@@ -91,6 +91,27 @@ TEST_F(QuilctlScreen, WithoutATopologyHeaderNothingIsSentOfTheTopology) {
                 HasSubstr("routing topology     nothing: its count is 0\n"));
 }
 
+TEST_F(QuilctlScreen, ShortBlocksAreShownWithTheDataThatALoadTakesFromTheNext) {
+    const std::string header(4, '\0'), units("\2\0\0", 3), settings(24, '\0');
+    const Said said =
+        show(word(4) + block(0x10018000, header.substr(1)) + block(0x10B00000, units) +
+             block(0x10A45000, settings) + block(0x20000000, std::string(1, '\1')));
+    EXPECT_THAT(said.out, HasSubstr("routing topology     2 frames of 22 bytes (needs 32 bytes"));
+    EXPECT_THAT(said.out, HasSubstr("parameter, IP, filter, enable, refresh (needs 157 bytes"));
+    EXPECT_THAT(show(word(1) + block(0x10A45000, settings)).out,
+                HasSubstr("refresh, filter again (needs 157 bytes"));
+}
+
+TEST_F(QuilctlScreen, TopologyEndsWithTheBufferOfALoad) {
+    std::string header(5120, '\0');
+    header[3] = header[4] = '\xFF';
+    const std::string filler(0x200000 - 4 - 24 - 5120 - 40, 'f');
+    EXPECT_THAT(show(word(3) + block(0x10018000, header) + block(0x20000000, filler) +
+                     block(0x10B00000, std::string(40, 't')))
+                    .out,
+                HasSubstr("routing topology     5 frames of 22 bytes (needs 80 bytes"));
+}
+
 struct Damaged {
     const char* name;
     std::string content;

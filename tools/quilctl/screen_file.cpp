@@ -1,5 +1,6 @@
 #include "tools/quilctl/screen_file.h"
 
+#include <algorithm>
 #include <array>
 #include <numeric>
 #include <stdexcept>
@@ -74,8 +75,14 @@ void sendControl(ScreenFileBlock& block) {
     block.remark = needs(block, kControlNeeds);
 }
 
-void sendSubPixel(ScreenFileBlock& block) {
-    const bool isOff = block.data.size() > kSubPixelEnableAt && block.data[kSubPixelEnableAt] == 0;
+// What a load finds at a place of a block's data: behind the block's end the next ones', then 0.
+uint8_t loadedByte(const Bytes& packed, const ScreenFileBlock& block, size_t at) {
+    const size_t position = block.packedAt + at;
+    return position < packed.size() ? packed[position] : uint8_t{0};
+}
+
+void sendSubPixel(ScreenFileBlock& block, const Bytes& packed) {
+    const bool isOff = loadedByte(packed, block, kSubPixelEnableAt) == 0;
     block.frames = {{1, isOff ? 26U : 7U}, {1, 10}, {isOff ? 2U : 1U, 114}, {2, 7}};
     block.sent =
         std::string("parameter, IP, filter, enable, refresh") + (isOff ? ", filter again" : "");
@@ -83,7 +90,8 @@ void sendSubPixel(ScreenFileBlock& block) {
 }
 
 void sendTopology(ScreenFileBlock& block, std::optional<uint16_t> units) {
-    const size_t count = units.value_or(0);
+    const size_t most = (kScreenPartitionMax - block.packedAt + kUnitSize - 1) / kUnitSize;
+    const size_t count = std::min<size_t>(units.value_or(0), most);
     block.frames.push_back({count, kUnitSize + kOverhead});
     block.sent = count == 0 ? "nothing: its count is 0" : framesText(count, kUnitSize + kOverhead);
     if (!units) block.sent = "nothing: there is no count for it";
@@ -92,7 +100,7 @@ void sendTopology(ScreenFileBlock& block, std::optional<uint16_t> units) {
     }
 }
 
-void sendByKind(ScreenFileBlock& block, const Kind& kind) {
+void sendByKind(ScreenFileBlock& block, const Kind& kind, const Bytes& packed) {
     switch (kind.rule) {
         case Rule::kTopology:
             return;
@@ -118,27 +126,31 @@ void sendByKind(ScreenFileBlock& block, const Kind& kind) {
         case Rule::kControl:
             return sendControl(block);
         case Rule::kSubPixel:
-            return sendSubPixel(block);
+            return sendSubPixel(block, packed);
     }
 }
 
 // The counts of the last topology header: units of each topology block, in their order.
-std::vector<uint16_t> unitCounts(const std::vector<ScreenFileBlock>& blocks) {
+std::vector<uint16_t> unitCounts(const std::vector<ScreenFileBlock>& blocks, const Bytes& packed) {
     std::vector<uint16_t> counts(kUnitsCount);
     for (const ScreenFileBlock& block : blocks) {
         if (block.address != kTopologyHeader) continue;
         for (size_t i = 0; i < kUnitsCount; ++i) {
             const size_t at = kUnitsAt + i * kUnitsStride;
-            const bool isThere = at + 1 < block.data.size();
-            counts[i] = isThere ? static_cast<uint16_t>(block.data[at] | block.data[at + 1] << 8)
-                                : uint16_t{0};
+            counts[i] = static_cast<uint16_t>(loadedByte(packed, block, at) |
+                                              loadedByte(packed, block, at + 1) << 8);
         }
     }
     return counts;
 }
 
 void describe(std::vector<ScreenFileBlock>& blocks) {
-    const auto counts = unitCounts(blocks);
+    Bytes packed;
+    for (ScreenFileBlock& block : blocks) {
+        block.packedAt = packed.size();
+        packed.insert(packed.end(), block.data.begin(), block.data.end());
+    }
+    const auto counts = unitCounts(blocks, packed);
     size_t topologies = 0;
     for (ScreenFileBlock& block : blocks) {
         const Kind* kind = kindOf(block.address);
@@ -149,7 +161,7 @@ void describe(std::vector<ScreenFileBlock>& blocks) {
             const size_t at = topologies++;
             sendTopology(block, at < counts.size() ? std::optional(counts[at]) : std::nullopt);
         } else {
-            sendByKind(block, *kind);
+            sendByKind(block, *kind, packed);
         }
     }
 }
@@ -194,6 +206,7 @@ ScreenFile readScreenFile(std::span<const uint8_t> bytes) {
         file.blocks.push_back({file.size,
                                wordAt(bytes, file.size),
                                bytes.subspan(file.size + kBlockHeader, length),
+                               0,
                                "",
                                {},
                                "",

@@ -25,6 +25,7 @@ struct ScreenFileBlock {
     size_t offset;  // of the block's header in the file
     uint32_t address;
     std::span<const uint8_t> data;
+    size_t packedAt;  // of the data, when a load has put all blocks' one behind the other
     std::string kind;
     std::vector<ScreenFrames> frames;  // what a load sends, in no particular order
     std::string sent;                  // the same for people
