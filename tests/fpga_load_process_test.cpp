@@ -178,6 +178,14 @@ TEST_F(FpgaLoadHeron, DoneLineThatCannotBeReadCountsAsDone) {
     EXPECT_EQ(run(0)[1], "I fpgaLoadProcessHeron: fpgaCheckDone ok\n");
 }
 
+TEST_F(FpgaLoadHeron, DoneLineThatCannotBeReadCountsAsDoneAfterAnUpdateToo) {
+    setProperty("1");
+    fakeCommands();
+    board.faults().add({.call = Call::kGpioGet, .path = kDoneLine, .error = EIO, .times = -1});
+    EXPECT_THAT(run(0), Contains("I fpgaLoadProcessHeron: fpgaCheckDone ok\n"));
+    EXPECT_EQ(property(), "0");
+}
+
 TEST_F(FpgaLoadHeron, DdrThatDoesNotRecoverIsLoggedBothWaysAndTheScreenFollows) {
     board.fpga().scriptReads(kDdrAt, {0});
     EXPECT_THAT(

@@ -87,6 +87,8 @@ TEST_F(ScreenLoad, OfAnEmptyPartitionFails) {
 
 TEST_F(ScreenLoad, ReadsThePartitionOnceUpTo2MiBAndSaysHowMuch) {
     startFresh("D");
+    // A second read of it would fail.
+    board.faults().add({.call = Call::kRead, .path = kScreen, .error = EIO, .after = 2});
     Bytes bytes = partitionOf({{0x10300000, {1}}});
     bytes.resize(kImageSize + 100);
     putPartition(bytes);
