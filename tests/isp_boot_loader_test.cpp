@@ -3,6 +3,7 @@
 
 #include <chrono>
 
+#include "tests/fresh_process.h"
 #include "tests/isp_test.h"
 
 namespace quil::tests {
@@ -425,12 +426,12 @@ int eraseAfterAFailedDetection() {
 }  // namespace
 
 TEST(IspFreshDeathTest, UnknownTypeErasesEverything) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    dieInAFreshProcess();
     EXPECT_EXIT(exit(eraseWithUnknownType()), testing::ExitedWithCode(0), "sent ff ff 00");
 }
 
 TEST(IspFreshDeathTest, TypeIsUnknownUntilAnMcuIsDetectedAndStaysThenInForce) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    dieInAFreshProcess();
     EXPECT_EXIT(exit(eraseAfterAFailedDetection()), testing::ExitedWithCode(0),
                 "mcu_type_detect: _mcu_type: MCU_UNKNOWN\n"
                 "mcu_type_detect: _mcu_type: MCU_GD32F470\n"

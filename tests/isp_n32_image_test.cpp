@@ -7,6 +7,7 @@
 #include <array>
 #include <filesystem>
 
+#include "tests/fresh_process.h"
 #include "tests/isp_n32_test.h"
 
 namespace quil::tests {
@@ -261,27 +262,27 @@ int upgradeWithoutABlock() {
 }  // namespace
 
 TEST(IspN32FreshDeathTest, SecondUpgradeGoesOnWithTheFirstOnesChecksum) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    dieInAFreshProcess();
     EXPECT_EXIT(exit(upgradeTwice()), testing::ExitedWithCode(0), "");
 }
 
 TEST(IspN32FreshDeathTest, RefusedBlockCountsInTheChecksumAllTheSame) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    dieInAFreshProcess();
     EXPECT_EXIT(exit(upgradeAfterARefusedBlock()), testing::ExitedWithCode(0), "");
 }
 
 TEST(IspN32FreshDeathTest, ChecksumOf40000BytesCoversTheBlocksThatWereSent) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    dieInAFreshProcess();
     EXPECT_EXIT(exit(upgradeOf40000Bytes()), testing::ExitedWithCode(0), "");
 }
 
 TEST(IspN32FreshDeathTest, ChecksumOfOneByteCoversItsPadding) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    dieInAFreshProcess();
     EXPECT_EXIT(exit(upgradeOfOneByte()), testing::ExitedWithCode(0), "");
 }
 
 TEST(IspN32FreshDeathTest, ChecksumOfNoBlockIsItsStartValue) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
+    dieInAFreshProcess();
     EXPECT_EXIT(exit(upgradeWithoutABlock()), testing::ExitedWithCode(0), "");
 }
 
