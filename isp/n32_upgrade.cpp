@@ -4,6 +4,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/select.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -50,6 +51,7 @@ constexpr size_t kBlock = 128, kPadding = 16, kWord = 4;
 constexpr size_t kFrameMost = kPayloadAt + kLeadSize + kBlock + kWord + 1;
 static_assert(kFrameMost == 159, "the longest frame is a whole block's");
 constexpr size_t kAnswerSize = 9, kInfoSize = 60;
+constexpr int kPatienceSeconds = 3;
 
 constexpr int kHandShakeAttempts = 5;
 constexpr uint8_t kHandShakeParameter[] = {0x00, 0x00, 0x25, 0x80};
@@ -98,10 +100,20 @@ void sendFrame(size_t length) {
     quil::isp::writeToPort(g_sendBuffer, end + 1);
 }
 
-// One read of up to `count` bytes. Cleared before, so that silence never passes as the last answer.
+// One read of what comes within 3 s, whether the port could be set to end its reads then or not.
+ssize_t readInTime(uint8_t* to, size_t count) {
+    if (fd < 0 || fd >= FD_SETSIZE) return 0;
+    fd_set ports;
+    FD_ZERO(&ports);
+    FD_SET(fd, &ports);
+    timeval patience = {kPatienceSeconds, 0};
+    return select(fd + 1, &ports, nullptr, nullptr, &patience) > 0 ? read(fd, to, count) : 0;
+}
+
+// Up to `count` bytes. Cleared before, so that silence never passes as the last answer.
 size_t readSome(size_t count) {
     memset(g_receiveBuffer, 0, sizeof(g_receiveBuffer));
-    const ssize_t got = read(fd, g_receiveBuffer, count);
+    const ssize_t got = readInTime(g_receiveBuffer, count);
     return got > 0 ? static_cast<size_t>(got) : 0;
 }
 
@@ -109,7 +121,7 @@ size_t readSome(size_t count) {
 size_t readAnswer() {
     size_t got = readSome(kAnswerSize);
     while (got > 0 && got < kAnswerSize) {
-        const ssize_t more = read(fd, g_receiveBuffer + got, kAnswerSize - got);
+        const ssize_t more = readInTime(g_receiveBuffer + got, kAnswerSize - got);
         if (more <= 0) break;
         got += static_cast<size_t>(more);
     }

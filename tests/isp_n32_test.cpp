@@ -186,6 +186,20 @@ TEST_F(IspN32, PortThatCannotBeSetIsUsedAsItIs) {
                 ElementsAre(StartsWith("E set_opt: open "), "E set_opt: tcsetattr failed\n"));
 }
 
+TEST_F(IspN32, PortThatCannotBeSetWaitsForASilentMcuNoLongerThanOneThatCan) {
+    for (const bool canBeSet : {true, false}) {
+        if (!canBeSet) {
+            board.faults().add({.call = Call::kTcsetattr, .path = kHeronUart, .error = EIO});
+        }
+        for (int attempt = 0; attempt < 5; ++attempt) mcu.expect(kN32HandShake);
+        const auto start = board.now();
+        EXPECT_EQ(upgrade(), 255);
+        // The way in, five times the pause and the wait, the way out.
+        const std::chrono::milliseconds expected(800 + 5 * (200 + 3000) + 40);
+        EXPECT_EQ(board.now() - start, expected) << canBeSet;
+    }
+}
+
 // The image.
 
 TEST_F(IspN32, ImageWithoutMemoryEndsItWithMinus1AfterTheMcuIsReset) {
