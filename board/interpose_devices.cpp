@@ -76,7 +76,7 @@ int waitForAny(Machine& machine, std::vector<pollfd>& entries, std::optional<Nan
 }
 
 bool boardsBusiness(Machine& machine, const std::vector<pollfd>& entries) {
-    if (machine.scheduler.attached()) return true;
+    if (Scheduler::attached()) return true;
     return std::any_of(entries.begin(), entries.end(),
                        [&](const pollfd& entry) { return machine.openFile(entry.fd) != nullptr; });
 }

@@ -113,7 +113,7 @@ mode_t modeOf(int flags, va_list arguments) {
 // hands.
 void waitForPipe(Machine& machine, int fd) {
     struct stat info {};
-    if (fd == 0 || machine.options.realtime || !machine.scheduler.attached()) return;
+    if (fd == 0 || machine.options.realtime || !Scheduler::attached()) return;
     if (fstat(fd, &info) != 0 || S_ISREG(info.st_mode) || S_ISCHR(info.st_mode)) return;
     if ((real().fcntl(fd, F_GETFL) & O_NONBLOCK) != 0) return;
     pollfd entry{fd, POLLIN, 0};

@@ -28,12 +28,6 @@ void* runThread(void* argument) {
     return thread->routine(thread->argument);
 }
 
-// The machine, when the calling thread takes turns on it.
-Machine* machineOfTurns() {
-    Machine* machine = machineForCall();
-    return machine != nullptr && machine->scheduler.attached() ? machine : nullptr;
-}
-
 int lockInTurns(Machine& machine, pthread_mutex_t* mutex) {
     int result = real().pthread_mutex_trylock(mutex);
     if (result != EBUSY) return result;
@@ -78,7 +72,7 @@ QUIL_EXPORT int pthread_create(pthread_t* handle, const pthread_attr_t* attribut
     // The thread sanitizer's own background thread, the only one without an argument, takes no
     // turns.
     const bool sanitizersOwn = __tsan_init != nullptr && argument == nullptr;
-    Machine* machine = sanitizersOwn ? nullptr : machineOfTurns();
+    Machine* machine = sanitizersOwn ? nullptr : machineForTurns();
     if (machine == nullptr) return real().pthread_create(handle, attributes, routine, argument);
     Guard guard(boardLock());
     const auto child = machine->scheduler.expectChild();
@@ -94,7 +88,7 @@ QUIL_EXPORT int pthread_create(pthread_t* handle, const pthread_attr_t* attribut
 }
 
 QUIL_EXPORT int pthread_join(pthread_t handle, void** result) {
-    if (Machine* machine = machineOfTurns()) {
+    if (Machine* machine = machineForTurns()) {
         Guard guard(boardLock());
         const auto child = machine->scheduler.find(handle);
         while (child && !child->finished && poweredMachine() == machine) {
@@ -106,7 +100,7 @@ QUIL_EXPORT int pthread_join(pthread_t handle, void** result) {
 }
 
 QUIL_EXPORT int pthread_mutex_lock(pthread_mutex_t* mutex) noexcept {
-    Machine* machine = machineOfTurns();
+    Machine* machine = machineForTurns();
     return machine ? lockInTurns(*machine, mutex) : real().pthread_mutex_lock(mutex);
 }
 
@@ -120,21 +114,21 @@ QUIL_EXPORT int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
 }
 
 QUIL_EXPORT int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
-    Machine* machine = machineOfTurns();
+    Machine* machine = machineForTurns();
     if (machine == nullptr) return real().pthread_cond_wait(condition, mutex);
     return waitInTurns(*machine, condition, mutex, nullptr);
 }
 
 QUIL_EXPORT int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                        const timespec* deadline) {
-    Machine* machine = machineOfTurns();
+    Machine* machine = machineForTurns();
     if (machine == nullptr) return real().pthread_cond_timedwait(condition, mutex, deadline);
     return waitInTurns(*machine, condition, mutex, deadline);
 }
 
 QUIL_EXPORT int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                        clockid_t clock, const timespec* deadline) {
-    Machine* machine = machineOfTurns();
+    Machine* machine = machineForTurns();
     if (machine == nullptr) return real().pthread_cond_clockwait(condition, mutex, clock, deadline);
     return waitInTurns(*machine, condition, mutex, deadline);
 }

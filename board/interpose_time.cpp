@@ -32,10 +32,9 @@ std::string secondsText(Nanos duration) {
 
 // Returns false when the thread does not live in board time and has to sleep by itself.
 bool sleepOnBoard(Nanos duration) {
-    Machine* machine = machineForCall();
+    Machine* machine = machineForTurns();
     if (machine == nullptr) return false;
     Guard guard(boardLock());
-    if (!machine->scheduler.attached()) return false;
     if (machine->dead()) return true;
     machine->trace.add(EventKind::kSleep, "thread", secondsText(duration));
     machine->scheduler.sleepUntil(machine->scheduler.now() + duration, "sleep");
@@ -75,11 +74,10 @@ QUIL_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* time
 // A thread that looks again and again would stop board time, which goes on only while all wait:
 // each time that it yields, time goes on to the next whole millisecond.
 QUIL_EXPORT int sched_yield() noexcept {
-    Machine* machine = machineForCall();
+    Machine* machine = machineForTurns();
     if (machine == nullptr) return real().sched_yield();
     Guard guard(boardLock());
     Scheduler& scheduler = machine->scheduler;
-    if (!scheduler.attached()) return real().sched_yield();
     constexpr Nanos kStep = std::chrono::milliseconds(1);
     scheduler.sleepUntil(scheduler.now() - scheduler.now() % kStep + kStep, "its next look");
     return 0;
@@ -89,13 +87,12 @@ QUIL_EXPORT int sched_yield() noexcept {
 // the time while it holds its allocator's locks.
 QUIL_EXPORT int clock_gettime(clockid_t clock, timespec* time) noexcept {
     const Machine* machine = poweredMachine();
-    if (machine != nullptr && !isProcessorClock(clock) && !BoardLock::mine()) {
+    if (machine != nullptr && Scheduler::attached() && !isProcessorClock(clock) &&
+        !BoardLock::mine()) {
         if (__asan_init == nullptr) Scheduler::arrive();
-        if (machine->scheduler.attached()) {
-            *time = timespecOf(machine->scheduler.now());
-            time->tv_sec += static_cast<time_t>(kPowerOnEpoch);
-            return 0;
-        }
+        *time = timespecOf(machine->scheduler.now());
+        time->tv_sec += static_cast<time_t>(kPowerOnEpoch);
+        return 0;
     }
     return resolved() ? real().clock_gettime(clock, time)
                       : static_cast<int>(syscall(SYS_clock_gettime, clock, time));
@@ -103,7 +100,7 @@ QUIL_EXPORT int clock_gettime(clockid_t clock, timespec* time) noexcept {
 
 QUIL_EXPORT int gettimeofday(timeval* time, void* zone) noexcept {
     const Machine* machine = poweredMachine();
-    if (machine == nullptr || BoardLock::mine() || !resolved() || !machine->scheduler.attached()) {
+    if (machine == nullptr || !Scheduler::attached() || BoardLock::mine() || !resolved()) {
         return real().gettimeofday(time, zone);
     }
     timespec now{};

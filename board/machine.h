@@ -94,4 +94,10 @@ inline Machine* machineForCall() {
     return machine;
 }
 
+// The same, for threads that take turns. The others may sleep or ask for the time whenever they
+// like, also while the power goes: they do not touch the machine at all.
+inline Machine* machineForTurns() {
+    return poweredMachine() != nullptr && Scheduler::attached() ? machineForCall() : nullptr;
+}
+
 }  // namespace quil::board

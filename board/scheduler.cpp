@@ -97,7 +97,7 @@ BoardThread* Scheduler::self() {
     return t_self;
 }
 
-bool Scheduler::attached() const { return t_self && t_self->attached; }
+bool Scheduler::attached() { return t_self && t_self->attached; }
 
 bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> deadline) {
     BoardThread* me = self();

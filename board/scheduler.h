@@ -60,7 +60,7 @@ class Scheduler {
 
     // Threads.
     BoardThread* self();  // the calling thread; one outside board time gets a record without turns
-    bool attached() const;
+    static bool attached();  // the calling thread takes turns
     std::shared_ptr<BoardThread> expectChild();
     void childFailed(const std::shared_ptr<BoardThread>&);
     void started(const std::shared_ptr<BoardThread>&, pthread_t);

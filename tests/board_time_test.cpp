@@ -7,6 +7,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
@@ -166,6 +167,23 @@ TEST(BoardTime, InRealTimeASleepTakesItsTime) {
     board.runFor(milliseconds(2));
     EXPECT_GE(board.now(), milliseconds(2));
     EXPECT_GE(realNow() - start, milliseconds(2));
+}
+
+TEST(BoardTime, AThreadFromBeforeTheBoardsSleepsAndAsksForTheTimeWhileTheirPowerComesAndGoes) {
+    std::atomic<bool> isOver = false;
+    std::atomic<int> looks = 0;
+    std::thread outsider([&] {
+        const time_t today = time(nullptr);
+        for (; !isOver; ++looks) {
+            usleep(1);
+            sched_yield();
+            EXPECT_GE(time(nullptr), today) << "a board's time";
+        }
+    });
+    while (looks == 0) std::this_thread::yield();
+    for (int i = 0; i < 10; ++i) Board board;
+    isOver = true;
+    outsider.join();
 }
 
 TEST(BoardPower, ASecondBoardIsRefusedWhileOneIsOn) {
