@@ -61,9 +61,9 @@ const std::map<std::string, std::set<std::string>> kMayInclude = {
 };
 
 // Product first: the rest has to be as readable.
-const std::vector<std::string> kFolders = {"common",  "mculink",  "isp",     "update", "fpga",
-                                           "service", "selftest", "board",   "host",   "tools",
-                                           "tests",   "bench",    "platform"};
+const std::vector<std::string> kFolders = {"common",  "mculink",  "isp",   "update",  "fpga",
+                                           "service", "selftest", "board", "host",    "tools",
+                                           "fuzz",    "tests",    "bench", "platform"};
 
 }  // namespace
 

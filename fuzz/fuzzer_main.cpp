@@ -1,0 +1,47 @@
+// What libFuzzer calls: the one target that this program was built for.
+#include <sys/time.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstddef>
+#include <cstdlib>
+#include <string_view>
+
+#include "fuzz/targets.h"
+
+namespace {
+
+constexpr const quil::fuzz::Target* targetOfThisProgram() {
+    for (const quil::fuzz::Target& target : quil::fuzz::kTargets) {
+        if (std::string_view(target.name) == QUIL_FUZZ_TARGET) return &target;
+    }
+    return nullptr;
+}
+constexpr const quil::fuzz::Target* kTarget = targetOfThisProgram();
+static_assert(kTarget != nullptr, "a program without a target");
+
+// In place of libFuzzer's own time-out, which would look at the board's clock: so much processor
+// time, which a busy machine does not use up.
+constexpr time_t kProcessorSecondsMost = 30;
+
+void limitProcessorTime(time_t seconds) {
+    const itimerval limit = {{0, 0}, {seconds, 0}};
+    setitimer(ITIMER_PROF, &limit, nullptr);
+}
+
+extern "C" void spins(int /*signal*/) {
+    constexpr std::string_view kText = "more than 30 s of processor time: it spins\n";
+    (void)!write(STDERR_FILENO, kText.data(), kText.size());
+    abort();
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    static const auto former = std::signal(SIGPROF, spins);
+    (void)former;
+    limitProcessorTime(kProcessorSecondsMost);
+    kTarget->run({data, size});
+    limitProcessorTime(0);
+    return 0;
+}

@@ -1,0 +1,205 @@
+// A programming session or an update, and an MCU that answers anything. Input: session, image,
+// circumstances, what happens when the script is over, a fault (call and error, calls before it,
+// times), and then the script: for each write of the host a byte that says what is answered to it.
+#include <errno.h>
+#include <unistd.h>
+
+#include <array>
+#include <iterator>
+
+#include "board/machine.h"
+#include "fuzz/check.h"
+#include "fuzz/input.h"
+#include "fuzz/powered_board.h"
+#include "fuzz/targets.h"
+#include "isp/isp_tasks.h"
+#include "isp/n32_upgrade.h"
+#include "isp/serial_port.h"
+#include "mculink/uart.h"
+#include "update/mcu_update.h"
+
+namespace quil::fuzz {
+namespace {
+
+using Bytes = std::vector<uint8_t>;
+using board::Call;
+using std::chrono::milliseconds;
+using std::chrono::seconds;
+
+constexpr char kImage[] = "/vendor/firmware/mcu_Heron.bin";
+constexpr char kBoot0Low[] = "echo 0 > /sys/class/quilgpios/MCU_BOOT0/value";
+constexpr char kResetLow[] = "echo 0 > /sys/class/quilgpios/MCU_NRST/value";
+constexpr char kResetHigh[] = "echo 1 > /sys/class/quilgpios/MCU_NRST/value";
+
+const Bytes kN32Good = {0xAA, 0x55, 0x01, 0x00, 0x00, 0x00, 0xA0, 0x00, 0x5E};
+
+Bytes n32Info() {
+    Bytes answer(60);
+    answer[0] = 0xAA;
+    answer[1] = 0x55;
+    answer[57] = 0xA0;
+    uint8_t check = 0;
+    for (const uint8_t byte : answer) check ^= byte;
+    answer[59] = check;
+    return answer;
+}
+
+// Answers when a write of the host has arrived whole.
+class HostilePeer final : public board::UartPeer {
+  public:
+    enum class After : uint8_t { kSilence, kAcknowledge, kAgain, kEcho };
+
+    HostilePeer(board::Board& board, After after, std::span<const uint8_t> script)
+        : mBoard(board), mAfter(after), mWhole(script), mScript(script) {
+        mBoard.mcuUart().attach(this);
+    }
+    ~HostilePeer() override { mBoard.mcuUart().attach(nullptr); }
+
+    // It hears whatever the port is set to.
+    board::LineSettings lineSettings() const override { return mBoard.mcuUart().hostLine(); }
+    void receive(uint8_t byte) override {
+        if (mBoard.mcuUart().bytesOnTheWay() == 0) answerTo(byte);
+    }
+
+  private:
+    // Low 4 bits: so many bytes of the script. Above them what comes before these, and how late.
+    void answerTo(uint8_t byte) {
+        if (mScript.empty() && mAfter == After::kAgain) mScript = Input(mWhole);
+        if (mScript.empty()) return answerAfterTheScript(byte);
+        const uint8_t what = mScript.byte();
+        Bytes answer = startOf((what >> 4) & 3);
+        const auto more = mScript.take(what & 0x0F);
+        answer.insert(answer.end(), more.begin(), more.end());
+        constexpr std::array<milliseconds, 4> kDelays = {milliseconds(0), milliseconds(150),
+                                                         milliseconds(700), milliseconds(2900)};
+        send(answer, kDelays.at(what >> 6));
+    }
+
+    void answerAfterTheScript(uint8_t byte) {
+        if (mAfter == After::kAcknowledge) send({0x79}, {});
+        if (mAfter == After::kEcho) send({byte}, {});
+    }
+
+    static Bytes startOf(int which) {
+        if (which == 1) return {0x79};
+        if (which == 2) return kN32Good;
+        if (which == 3) return n32Info();
+        return {};
+    }
+
+    void send(const Bytes& answer, milliseconds delay) {
+        if (answer.empty()) return;
+        board::theScheduler().at(board::theScheduler().now() + delay,
+                                 [this, answer] { mBoard.mcuUart().sendToHost(answer); });
+    }
+
+    board::Board& mBoard;
+    const After mAfter;
+    const std::span<const uint8_t> mWhole;
+    Input mScript;
+};
+
+int production() { return mcu_tool_isp_task(kImage, kUart); }
+int n32Upgrade() { return n32_uart_isp_upgrade(kImage, kUart); }
+template <unsigned kCommand>
+int diagnostic() {
+    return task(kCommand, kImage, kUart);
+}
+int update() {
+    const int32_t former = serialInit();
+    int32_t link = former;
+    const int result = mcuFwUpdate(&link);
+    if (link != former && link >= 0) close(link);
+    if (former >= 0) close(former);
+    return result;
+}
+int n32Update() {
+    snprintf(config_info->mcu_serial, sizeof config_info->mcu_serial, "n32g45x");
+    return doMcuUpdateByIsp();
+}
+
+struct Session {
+    int (*run)();
+    std::array<int, 3> results;  // that it may end with
+    seconds most;                // of board time
+};
+// What a session may take: every answer late, three of them for each of the image's 12 blocks; an
+// N32's come byte by byte, up to 3 s each. An update is five sessions.
+constexpr Session kSessions[] = {
+    {production, {0, 15, 15}, seconds(70)},      {n32Upgrade, {0, -1, 255}, seconds(900)},
+    {update, {0, -1, -1}, seconds(350)},         {n32Update, {0, -1, -1}, seconds(4500)},
+    {diagnostic<0x00>, {0, 3, 15}, seconds(70)}, {diagnostic<0x11>, {0, 3, 15}, seconds(90)},
+    {diagnostic<0x31>, {0, 3, 15}, seconds(70)}, {diagnostic<0x43>, {0, 3, 15}, seconds(70)},
+    {diagnostic<0x44>, {0, 3, 15}, seconds(70)}, {diagnostic<0x73>, {0, 3, 15}, seconds(70)},
+    {diagnostic<0x92>, {0, 3, 15}, seconds(70)},
+};
+constexpr std::array<size_t, 8> kImageSizes = {0, 1, 127, 128, 256, 1000, 1024, 3000};
+
+// An image that is not there, or of one of the sizes.
+void putImage(board::Board& board, uint8_t which) {
+    if ((which & 0x0F) == 0x0F) {
+        std::filesystem::remove(board.hostPath(kImage));
+        return;
+    }
+    board.writeFile(kImage, std::string(kImageSizes[which % kImageSizes.size()], '\x5A'));
+}
+
+// The first byte names the call and the error; 0 is no fault.
+void addFault(board::Board& board, Input& input) {
+    constexpr Call kCalls[] = {Call::kRead,      Call::kWrite,   Call::kOpen,   Call::kTcsetattr,
+                               Call::kTcgetattr, Call::kTcflush, Call::kSystem, Call::kFopen,
+                               Call::kStat,      Call::kAccess,  Call::kSelect, Call::kFcntl};
+    constexpr int kErrors[] = {EIO, EAGAIN, EINTR, ENODEV, ENOSPC, EBADF};
+    const uint8_t what = input.byte();
+    const uint8_t after = input.byte(), times = input.byte();
+    if (what == 0) return;
+    const size_t call = what % std::size(kCalls), error = what / std::size(kCalls);
+    board::Fault fault{.call = kCalls[call], .after = after, .times = times};
+    if (error < std::size(kErrors)) {
+        fault.error = kErrors[error];
+    } else if (kCalls[call] == Call::kRead || kCalls[call] == Call::kWrite) {
+        fault.shortTo = 1 + error % 3;
+    } else {
+        fault.error = EACCES;
+    }
+    board.faults().add(fault);
+}
+
+bool isOpen(int number) {
+    const board::Guard guard(board::boardLock());
+    return board::poweredMachine()->openFile(number) != nullptr;
+}
+
+// Once a session has touched the lines, it leaves the MCU reset into its application.
+void checkMcuIsLeftInItsApplication(board::Board& board) {
+    const auto commands = board.trace().events(board::EventKind::kShell);
+    if (commands.empty()) return;
+    check(commands.size() >= 3, "lines left in the middle");
+    const auto* last = &commands[commands.size() - 3];
+    check(last[0].text == kBoot0Low && last[1].text == kResetLow && last[2].text == kResetHigh,
+          "the MCU is not reset into its application");
+}
+
+}  // namespace
+
+void mcuSession(std::span<const uint8_t> bytes) {
+    Input input(bytes);
+    const Session& session = kSessions[input.byte() % std::size(kSessions)];
+    PoweredBoard board;
+    putImage(*board, input.byte());
+    const uint8_t circumstances = input.byte();
+    if ((circumstances & 1) != 0) board.logEverything();
+    check(parseConfigInfo() == 0, "the product file");
+    const auto after = static_cast<HostilePeer::After>(input.byte() & 3);
+    addFault(*board, input);
+    const HostilePeer peer(*board, after, input.rest());
+
+    const auto start = board->now();
+    const int result = session.run();
+    check(std::count(session.results.begin(), session.results.end(), result) > 0, "another result");
+    check(board->now() - start <= session.most, "it takes too long");
+    checkMcuIsLeftInItsApplication(*board);
+    check(!isOpen(fd), "the port is left open");
+}
+
+}  // namespace quil::fuzz

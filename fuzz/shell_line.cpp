@@ -1,0 +1,112 @@
+// A line for the board's shell: how it is read, and what it does. Input: the line.
+#include <algorithm>
+#include <stdexcept>
+
+#include "fuzz/check.h"
+#include "fuzz/input.h"
+#include "fuzz/powered_board.h"
+#include "fuzz/targets.h"
+
+namespace quil::fuzz {
+namespace {
+
+using board::Shell;
+using Commands = std::vector<Shell::Command>;
+
+std::string quoted(const std::string& word) {
+    std::string text = "'";
+    for (const char c : word) text += c == '\'' ? std::string("'\\''") : std::string(1, c);
+    return text + "'";
+}
+
+std::string lineOf(const Shell::Redirection& to) {
+    if (to.toStandardOutput) return " 2>&1";
+    const std::string sign = to.fd == 0 ? "<" : to.append ? ">>" : ">";
+    return (to.fd == 2 ? " 2" : " ") + sign + quoted(to.path);
+}
+
+std::string lineOf(const Commands& commands) {
+    std::string line;
+    for (const Shell::Command& command : commands) {
+        line += " " + command.before;
+        for (const std::string& word : command.argv) line += " " + quoted(word);
+        for (const Shell::Redirection& to : command.redirections) line += lineOf(to);
+    }
+    return line;
+}
+
+bool isSame(const Shell::Redirection& left, const Shell::Redirection& right) {
+    return left.fd == right.fd && left.append == right.append &&
+           left.toStandardOutput == right.toStandardOutput && left.path == right.path;
+}
+
+bool isSame(const Shell::Command& left, const Shell::Command& right) {
+    return left.argv == right.argv && left.before == right.before &&
+           std::equal(left.redirections.begin(), left.redirections.end(),
+                      right.redirections.begin(), right.redirections.end(),
+                      [](const auto& a, const auto& b) { return isSame(a, b); });
+}
+
+bool isSame(const Commands& left, const Commands& right) {
+    return std::equal(left.begin(), left.end(), right.begin(), right.end(),
+                      [](const auto& a, const auto& b) { return isSame(a, b); });
+}
+
+// A file of the board that the line may touch. Others are the workstation's own.
+bool isHarmless(const std::string& path) {
+    if (path.find("..") != std::string::npos) return false;
+    for (const char* folder : {"/sdcard/", "/vendor/", "/vendor_dlkm/", "/opt/", "/dev/mtd",
+                               "/sys/class/quilgpios/", "/sys/class/ethernet/"}) {
+        if (path.rfind(folder, 0) == 0) return true;
+    }
+    return path == "/dev/null";
+}
+
+bool isHarmless(const Shell::Command& command) {
+    for (const Shell::Redirection& to : command.redirections) {
+        if (!to.toStandardOutput && !isHarmless(to.path)) return false;
+    }
+    if (command.argv.empty() || command.argv[0] == "echo") return true;
+    const bool takesFiles = command.argv[0] == "cat";
+    return std::all_of(command.argv.begin() + 1, command.argv.end(), [&](const auto& word) {
+        const bool isPath = takesFiles || word.find('/') != std::string::npos;
+        return !isPath || isHarmless(word);
+    });
+}
+
+bool isHarmless(const Commands& commands) {
+    return std::all_of(commands.begin(), commands.end(),
+                       [](const auto& command) { return isHarmless(command); });
+}
+
+void checkRun(const std::string& line, bool isGood) {
+    PoweredBoard board;
+    const auto before = board->now();
+    const int status = board->shell().run(line);
+    check((status & ~0xFF00) == 0, "no wait status of an exit");
+    check(board->now() >= before, "board time went back");
+    if (isGood) return;
+    check(status == 1 << 8, "a line that is none did not fail");
+    check(board->violations().size() == 1, "a line that is none is no violation");
+}
+
+}  // namespace
+
+void shellLine(std::span<const uint8_t> input) {
+    const std::string whole = textOf(input);
+    const std::string line = whole.substr(0, whole.find('\0'));  // all that system() can say
+    Commands commands;
+    bool isGood = true;
+    try {
+        commands = board::parseShellLine(line);
+    } catch (const std::runtime_error&) {
+        isGood = false;
+    }
+    if (isGood) {
+        check(isSame(board::parseShellLine(lineOf(commands)), commands),
+              "quoted, it reads otherwise");
+    }
+    if (isHarmless(commands)) checkRun(line, isGood);
+}
+
+}  // namespace quil::fuzz

@@ -1,0 +1,40 @@
+// The fuzz targets: each takes arbitrary bytes to one place of the project that meets bytes from
+// outside, and throws a Finding when something does not hold afterwards. An input has the same
+// outcome whenever it is run; a board that a target needs is made and thrown away by it.
+#pragma once
+
+#include <cstdint>
+#include <span>
+
+namespace quil::fuzz {
+
+// host/frame_assembler: the MCU's byte stream, cut into pieces.
+void frameAssembler(std::span<const uint8_t> input);
+// A programming session or an update, and an MCU that answers anything.
+void mcuSession(std::span<const uint8_t> input);
+// product.ini, as the library reads it and as quilctl checks it.
+void productFile(std::span<const uint8_t> input);
+// quilctl: numbers, hexadecimal bytes, `frame decode`.
+void quilctlValues(std::span<const uint8_t> input);
+// The service's set and get, up to the MCU and back.
+void request(std::span<const uint8_t> input);
+// The partition of screen parameters: quilctl's reader of it, and a load.
+void screenPartition(std::span<const uint8_t> input);
+// The board's shell: a line's parsing and its run.
+void shellLine(std::span<const uint8_t> input);
+
+struct Target {
+    const char* name;  // of its source file, its program and its corpus
+    void (*run)(std::span<const uint8_t> input);
+};
+inline constexpr Target kTargets[] = {
+    {"frame_assembler", frameAssembler},
+    {"mcu_session", mcuSession},
+    {"product_file", productFile},
+    {"quilctl_values", quilctlValues},
+    {"request", request},
+    {"screen_partition", screenPartition},
+    {"shell_line", shellLine},
+};
+
+}  // namespace quil::fuzz
