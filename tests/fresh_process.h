@@ -5,8 +5,8 @@
 
 namespace quil::tests {
 
-// An emulated program cannot start itself anew: there the body runs in a fork. Suites with DeathTest
-// in their names are run first, so that a fork of theirs is as fresh.
+// An emulated program cannot start itself anew: there the body runs in a fork. Suites with
+// DeathTest in their names are run first, so that a fork of theirs is as fresh.
 inline void dieInAFreshProcess() {
 #ifdef __arm__
     GTEST_FLAG_SET(death_test_style, "fast");
