@@ -206,6 +206,18 @@ TEST_F(ScreenNetGap, EachFrameOfABlockIsLoggedByteByByteAtInformationLevel) {
     EXPECT_EQ(expected.size(), 1U + 26 + 10 + 114 + 7 + 7 + 114);
 }
 
+TEST_F(ScreenNetGap, OneParameterIsLoggedUnderTheSameName) {
+    setLogLevel("I");
+    packed[0] = 0xAB;
+    packed[24] = 1;
+    oneRow(0x10A45000);
+    sendNetGapeEnable(1, packed.data());
+    const auto lines = messages();
+    ASSERT_EQ(lines.size(), 7U + 10 + 114 + 7 + 7);
+    EXPECT_EQ(std::vector<std::string>(lines.begin(), lines.begin() + 7),
+              bytesLogged("send_buff_sunpixel_param", "02 10 a4 50 00 ab 00"));
+}
+
 TEST_F(ScreenNetGap, EveryBlockOfTheKindIsSent) {
     for (int i = 0; i < 3; ++i) st_func_offset_map_tab[i] = {0x10A45000, 1, 0};
     st_func_offset_map_tab[1].fpga_addr = 0x10A45001;

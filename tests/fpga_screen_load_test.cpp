@@ -460,6 +460,23 @@ TEST_F(ScreenTopology, LastUnitOfTheBufferIsFilledUpWithZeros) {
     EXPECT_THAT(writes(), ElementsAre(transfer("02 10 b0 00 00", partOf(data, 0x200000 - 4, 16))));
 }
 
+TEST_F(ScreenTopology, UnitThatIsCutShortHasNothingOfTheOneBeforeIt) {
+    const Bytes data = pattern(0x200000, 1);
+    sendTopologyPara(data.data(), 0x200000 - 20, 0x10B00000, 1000);
+    EXPECT_THAT(writes(), ElementsAre(transfer("02 10 b0 00 00", partOf(data, 0x200000 - 20, 16)),
+                                      transfer("02 10 b0 00 10", partOf(data, 0x200000 - 4, 16))));
+    startFresh("E");
+    sendTopologyPara(data.data(), 0x200000, 0x10B00000, 1);
+    EXPECT_THAT(writes(), IsEmpty());
+}
+
+TEST_F(ScreenTopology, AddressesBesideTheRangeTakeNoCount) {
+    const Bytes header = headerWith({1}), data = pattern(16, 1);
+    load({{0x10018000, header}, {0x10AFFFFF, data}, {0x10B4C001, data}, {0x10B4C000, data}});
+    EXPECT_THAT(blockFrames(),
+                ElementsAre(transfer("02 10 b4 c0 00", data), transfer("02 10 01 80 00", header)));
+}
+
 TEST_F(ScreenTopology, WithoutASourceEachFrameIs22ZerosAndAMessage) {
     sendTopologyPara(nullptr, 0, 0x10B00000, 2);
     EXPECT_THAT(messages(), ElementsAre("E dst or src is NULL\n", "E dst or src is NULL\n"));
