@@ -98,7 +98,7 @@ TEST_F(BoardFlash, ProgrammingAUnitThatIsNotErasedBreaksTheRulesAndOnlyClearsBit
 
 TEST_F(BoardFlash, AnEraseTakesItsPagesBackAndNoOther) {
     McuFlash flash = flashOf(McuKind::kGd32F303);
-    program(flash, 0, Bytes(3 * 2048, 0));
+    program(flash, 0, Bytes(size_t{3} * 2048, 0));
     EXPECT_EQ(flash.startErase({0, 2}), milliseconds(30));
     EXPECT_EQ(flash.finish(), "");
     EXPECT_THAT(cells(flash, 0, 2048), Each(0xFF));
@@ -166,10 +166,10 @@ TEST_F(BoardFlash, PowerThatGoesInAnEraseLeavesPagesBeforeItErasedAndOneTorn) {
     bool torn = false;
     for (uint64_t seed = 0; seed < 20; ++seed) {
         McuFlash flash = flashOf(McuKind::kGd32F470);
-        flash.load(std::string(4 * 4096, '\0'));
+        flash.load(std::string(size_t{4} * 4096, '\0'));
         flash.startErase({0, 1, 2, 3});
         flash.powerLost(seed);
-        const Bytes left = cells(flash, 0, 4 * 4096);
+        const Bytes left = cells(flash, 0, size_t{4} * 4096);
         const auto border = std::find(left.begin(), left.end(), 0);
         EXPECT_TRUE(std::all_of(border, left.end(), [](uint8_t c) { return c == 0; }));
         torn = torn || (border - left.begin()) % 4096 != 0;

@@ -90,7 +90,7 @@ TEST_F(N32BootLoader, TellsItsInformationIn60Bytes) {
 
 TEST_F(N32BootLoader, ErasesProgramsAndChecks) {
     start();
-    board->mcuChip().flashImage(std::string(40 * 2048, '\0'));
+    board->mcuChip().flashImage(std::string(size_t{40} * 2048, '\0'));
     // 27 bytes, 32 pages of 20 ms, 2 ms, 9 bytes.
     EXPECT_THAT(exchange(kErase, 28125 + 640000), IsEmpty());
     EXPECT_EQ(exchange({}, 2000 + 9375), good(0x30));

@@ -99,6 +99,7 @@ TEST(BoardTime, ThreadsThatContendForAMutexGetItInTheOrderInWhichTheyAsked) {
     std::vector<int> order;
     mutex.lock();
     std::vector<std::thread> threads;
+    threads.reserve(4);
     for (int i = 0; i < 4; ++i) {
         threads.emplace_back([&, i] {
             const std::lock_guard<std::mutex> lock(mutex);

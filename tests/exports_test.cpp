@@ -137,12 +137,12 @@ TEST(Exports, DataHaveTheSizesThatOtherComponentsWereLinkedAgainst) {
                                          {"fd", 4},
                                          {"free_routing_topology", 80},
                                          {"g_n_lable", 2},
-                                         {"isp_cmd_arr", 14 * 2 * kPointer},
+                                         {"isp_cmd_arr", size_t{14} * 2 * kPointer},
                                          {"polynom", 4},
                                          {"st_func_offset_map_tab", 720},
                                          {"stm_sem", 4},
                                          {"str_mcu_type", 5 * kPointer},
-                                         {"test_option_table", 9 * 4 * kPointer},
+                                         {"test_option_table", size_t{9} * 4 * kPointer},
                                      }));
 }
 

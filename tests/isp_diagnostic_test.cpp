@@ -49,7 +49,8 @@ class IspDiagnostic : public IspTest {
 
     // What is said between the synchronisation and the end; proves what every session says.
     Lines saidInside() const {
-        const Lines lines = said(), before = kSaidFirst + kInSynchrony;
+        Lines lines = said();
+        const Lines before = kSaidFirst + kInSynchrony;
         const size_t around = before.size() + kSaidLast.size();
         EXPECT_GE(lines.size(), around);
         if (lines.size() < around) return lines;
@@ -215,6 +216,7 @@ TEST_F(IspDiagnostic, WriteMemoryIsTheProductionSessionUnderItsOwnName) {
             Lines{"D get binfile size: 1\n", "D CMD_EXTENDED_ERASE: len = 1, page_cnt = 1\n",
                   "D CMD_EXTENDED_ERASE: send erase pages.\n", "D mcu_serial_read ACK data:0x79\n",
                   "D \n [*]. write mcu internal flash.\n", "D fread binfile to binbuff . \n",
+                  // NOLINTNEXTLINE(bugprone-suspicious-missing-comma)
                   "D writememory_2mcu: w_addr=0x08000000, w_size=256, all_len=1, w_times=1, "
                   "w_last=1\n",
                   "D \r write mcu internal flash: [100%]",

@@ -67,17 +67,15 @@ TEST_F(IspSession, WritesAnImageAndSaysEveryStepAtDebugLevel) {
     expectBlock({0x08, 0x00, 0x01, 0x00, 0x09}, part(image, 256, 44));
     EXPECT_EQ(run(), 0);
     EXPECT_THAT(done(), ElementsAreArray(kEntry + kErasePause + kExit));
-    const Lines written = {"D get binfile size: 300\n",
-                           "D CMD_EXTENDED_ERASE: len = 300, page_cnt = 1\n",
-                           "D CMD_EXTENDED_ERASE: send erase pages.\n",
-                           "D mcu_serial_read ACK data:0x79\n",
-                           "D \n [*]. write mcu internal flash.\n",
-                           "D fread binfile to binbuff . \n",
-                           "D writememory_2mcu: w_addr=0x08000000, w_size=256, all_len=300, "
-                           "w_times=2, w_last=44\n",
-                           "D \r write mcu internal flash: [85%]",
-                           "D \r write mcu internal flash: [100%]",
-                           "D writememory_2mcu: final write mcu internal flash: [100]"};
+    const Lines written = {
+        "D get binfile size: 300\n", "D CMD_EXTENDED_ERASE: len = 300, page_cnt = 1\n",
+        "D CMD_EXTENDED_ERASE: send erase pages.\n", "D mcu_serial_read ACK data:0x79\n",
+        "D \n [*]. write mcu internal flash.\n", "D fread binfile to binbuff . \n",
+        // NOLINTNEXTLINE(bugprone-suspicious-missing-comma)
+        "D writememory_2mcu: w_addr=0x08000000, w_size=256, all_len=300, "
+        "w_times=2, w_last=44\n",
+        "D \r write mcu internal flash: [85%]", "D \r write mcu internal flash: [100%]",
+        "D writememory_2mcu: final write mcu internal flash: [100]"};
     EXPECT_THAT(said(), ElementsAreArray(kSaidFirst + kSaidInSynchrony + Lines{kEraseHeading} +
                                          kSaidOfType + kSaidOfEraseCommand + written + kSaidLast));
 }
@@ -214,17 +212,17 @@ TEST_F(IspSession, MissingImageErasesAndEndsWith15) {
     setLogLevel("D");
     expectUpToErase({0x00, 0x00, 0x00, 0x00, 0x00});
     EXPECT_EQ(run(), 15);
-    const Lines rest = {"D  file not exist, filename /vendor/firmware/mcu_test.bin \n",
-                        "D CMD_EXTENDED_ERASE: len = 0, page_cnt = 1\n",
-                        "D CMD_EXTENDED_ERASE: send erase pages.\n",
-                        "D mcu_serial_read ACK data:0x79\n",
-                        "D \n [*]. write mcu internal flash.\n",
-                        "D  file not exist, binfile /vendor/firmware/mcu_test.bin \n",
-                        "D writememory_2mcu: w_addr=0x08000000, w_size=256, all_len=0, w_times=0, "
-                        "w_last=0\n",
-                        "D writememory_2mcu: final write mcu internal flash: [0]",
-                        "E writememory_2mcu: fw update progress < 100\n",
-                        "D writememory_2mcu failed. ret = -1\n"};
+    const Lines rest = {
+        "D  file not exist, filename /vendor/firmware/mcu_test.bin \n",
+        "D CMD_EXTENDED_ERASE: len = 0, page_cnt = 1\n",
+        "D CMD_EXTENDED_ERASE: send erase pages.\n", "D mcu_serial_read ACK data:0x79\n",
+        "D \n [*]. write mcu internal flash.\n",
+        "D  file not exist, binfile /vendor/firmware/mcu_test.bin \n",
+        // NOLINTNEXTLINE(bugprone-suspicious-missing-comma)
+        "D writememory_2mcu: w_addr=0x08000000, w_size=256, all_len=0, w_times=0, "
+        "w_last=0\n",
+        "D writememory_2mcu: final write mcu internal flash: [0]",
+        "E writememory_2mcu: fw update progress < 100\n", "D writememory_2mcu failed. ret = -1\n"};
     EXPECT_THAT(said(), ElementsAreArray(kSaidFirst + kSaidInSynchrony + Lines{kEraseHeading} +
                                          kSaidOfType + kSaidOfEraseCommand + rest + kSaidLast));
 }

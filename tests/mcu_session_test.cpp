@@ -105,6 +105,7 @@ LineFault onRequest(LineFault::Kind kind, size_t byte) { return {kind, true, byt
 using LoaderKind = LoaderFault::Kind;
 using LineKind = LineFault::Kind;
 
+// NOLINTNEXTLINE(readability-function-size): a table
 const std::vector<Mishap>& stmMishaps() {
     constexpr auto kSilent = LoaderKind::kSilent, kNack = LoaderKind::kNack;
     constexpr auto kHangs = LoaderKind::kHangs;
@@ -388,6 +389,7 @@ LoaderFault n32(LoaderKind kind, uint8_t command, int after = 0, int times = 1) 
 // Bytes of answers before those to the erase.
 constexpr size_t kHandshakeSize = 9, kInfoSize = 60;
 
+// NOLINTNEXTLINE(readability-function-size): a table
 const std::vector<Mishap>& n32Mishaps() {
     constexpr auto kSilent = LoaderKind::kSilent, kNack = LoaderKind::kNack;
     const auto handShake = n32Errors("handShake"), info = n32Errors("N32_Get_info");

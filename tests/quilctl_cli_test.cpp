@@ -84,7 +84,7 @@ TEST(Quilctl, ARequestThatNobodyAnswersFails) {
 }
 
 TEST(Quilctl, ABodyLongerThanItsLengthFieldIsAUsageError) {
-    EXPECT_EQ(quilctl({"set", "1", std::string(2 * 65536, '0')}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"set", "1", std::string(size_t{2} * 65536, '0')}).code, tools::kUsage);
 }
 
 TEST(Quilctl, CallbacksPrintsWhatArrivedAtEach) {
@@ -167,7 +167,8 @@ TEST_F(QuilctlTest, CheckOfAFileThatCannotBeReadIsBadData) {
 
 // The problem of one line that stands alone in its section; "" when it has none.
 std::string problemOf(const std::string& section, const std::string& line) {
-    for (const auto& problem : checkProductFile("[" + section + "]\n" + line + "\n")) {
+    const std::string file = std::string("[").append(section).append("]\n").append(line) + "\n";
+    for (const auto& problem : checkProductFile(file)) {
         if (problem.line == 2) return (problem.isWarning ? "warning: " : "") + problem.text;
     }
     return "";

@@ -21,7 +21,7 @@ using testing::StartsWith;
 class QuilctlFpga : public QuilctlRun {
   protected:
     std::string image(const std::string& content) const {
-        const std::string path = (directory / "image.bin").string();
+        std::string path = (directory / "image.bin").string();
         std::ofstream(path, std::ios::binary) << content;
         return path;
     }

@@ -64,7 +64,7 @@ TEST(QuilctlFrame, ThingsThatAreNoNumbersOrBytesAreUsageErrors) {
     }
     EXPECT_EQ(quilctl({"frame", "encode", "1", "--data", "0"}).code, tools::kUsage);
     EXPECT_EQ(quilctl({"frame", "encode", "1", "--label", "65536"}).code, tools::kUsage);
-    EXPECT_EQ(quilctl({"frame", "encode", "1", "--data", std::string(2 * 4113, '0')}).code,
+    EXPECT_EQ(quilctl({"frame", "encode", "1", "--data", std::string(size_t{2} * 4113, '0')}).code,
               tools::kUsage);
 }
 

@@ -41,7 +41,7 @@ class QuilctlRun : public testing::Test {
   protected:
     std::string path(const char* name) const { return (directory / name).string(); }
     std::string newBoard(const std::string& product = "Heron") const {
-        const std::string board = (directory / product).string();
+        std::string board = (directory / product).string();
         EXPECT_EQ(quilctl({"board", "new", board, "--product", product}).code, tools::kOk);
         return board;
     }

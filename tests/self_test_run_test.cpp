@@ -213,6 +213,7 @@ TEST_F(SelfTestRun, SelectionLogsItsCountAtInfoAndTheTableAtDebug) {
     setLogLevel("D");
     parseAndConfigTestItem();
     std::vector<std::string> rows;
+    rows.reserve(9);
     for (int i = 0; i < 9; ++i) {
         rows.push_back("parseAndConfigTestItem: test_option_table[" + std::to_string(i) +
                        "].enable = " + (i == 0 || i == 8 ? "1" : "0") + "\n");

@@ -73,6 +73,7 @@ TEST_F(Stress, SixteenClientsWithRegistrationsBroadcastsAndWakeUpsLoseNothing) {
         }
     });
     std::vector<std::thread> clients;
+    clients.reserve(kClients);
     for (int client = 0; client < kClients; ++client) {
         clients.emplace_back([&, client] {
             if (client % 4 == 3) return registerInvokeAndRemove(*service, notified);
