@@ -94,6 +94,9 @@ TEST(Exports, ClassesAreExportedWithEveryMemberThatComponentsCall) {
         EXPECT_THAT(names, HasSubstr(scope + "QuilServiceManager::" + member));
     }
     EXPECT_THAT(names, HasSubstr(scope + "QuilServiceCallback::hwNotify("));
+    // Without these no class could be derived from them.
+    EXPECT_THAT(names, HasSubstr("virtual thunk to " + scope + "QuilServiceManager::~"));
+    EXPECT_THAT(names, HasSubstr("virtual thunk to " + scope + "QuilServiceCallback::~"));
     EXPECT_THAT(names, HasSubstr("ControlManager::ControlManager()"));
     EXPECT_THAT(names, HasSubstr("ControlManager::~ControlManager()"));
 }
@@ -118,7 +121,7 @@ TEST(Exports, LibraryCarriesItsFileNameAndProtectsItsTables) {
 
 TEST(Exports, NothingOfCxxLeavesTheLibraryButTheThreeClasses) {
     const std::regex ours(
-        "^(virtual thunk to |non-virtual thunk to |vtable for |VTT for |typeinfo for |"
+        "^(virtual thunk to |vtable for |VTT for |typeinfo for |"
         "typeinfo name for )?(ControlManager::|quil::hardware::quilservicemanager::"
         "implementation::QuilService(Manager|Callback))");
     std::istringstream names(outputOf(std::string("nm -D --defined-only --format=posix '") +
@@ -131,6 +134,9 @@ TEST(Exports, NothingOfCxxLeavesTheLibraryButTheThreeClasses) {
 }
 
 TEST(Exports, DataHaveTheSizesThatOtherComponentsWereLinkedAgainst) {
+#ifdef QUIL_SANITIZED
+    GTEST_SKIP() << "sanitizers put room behind what they watch";
+#else
     EXPECT_EQ(sizesOfExportedData(), (std::map<std::string, size_t>{
                                          {"buffer", 1056},
                                          {"config_info", kPointer},
@@ -144,6 +150,7 @@ TEST(Exports, DataHaveTheSizesThatOtherComponentsWereLinkedAgainst) {
                                          {"str_mcu_type", 5 * kPointer},
                                          {"test_option_table", size_t{9} * 4 * kPointer},
                                      }));
+#endif
 }
 
 TEST(Exports, LibraryNeedsNothingBeyondThePlatform) {
@@ -155,7 +162,7 @@ TEST(Exports, LibraryNeedsNothingBeyondThePlatform) {
         "libc.so.6", "ld-linux-armhf.so.3",
         // Debian's ARM libutils cannot do without it.
         "7z.so"};
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef QUIL_SANITIZED
     allowed.insert({"libasan.so.8", "libubsan.so.1", "libtsan.so.2"});
 #endif
     const auto needed = matchesIn(readElf("-d"), std::regex(R"(\(NEEDED\).*\[(.*)\])"));
@@ -174,7 +181,7 @@ TEST(Exports, TextOfTheArmLibraryStaysUnder96KiB) {
     RecordProperty("relocations", relocations);
     EXPECT_GT(text, mappedSections().at(".text"));
     EXPECT_GT(std::stoul(relocations), 100U);
-#if defined(__arm__) && !defined(__SANITIZE_ADDRESS__)
+#if defined(__arm__) && !defined(QUIL_SANITIZED)
     EXPECT_LT(text, 96U * 1024U);
 #else
     GTEST_SKIP() << "the limit is the target's";
@@ -182,7 +189,7 @@ TEST(Exports, TextOfTheArmLibraryStaysUnder96KiB) {
 }
 
 TEST(Exports, NothingButTheCompilersOwnEntryRunsWhenTheLibraryIsLoaded) {
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef QUIL_SANITIZED
     GTEST_SKIP() << "sanitizers register their modules from .init_array";
 #else
     EXPECT_EQ(mappedSections()[".init_array"], kPointer);

@@ -28,7 +28,7 @@ constexpr Flow kFlows[] = {
 void PrintTo(const Flow& flow, std::ostream* out) { *out << flow.name; }
 
 // Sanitizers make a cut ten times as long: there every so many events do.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef QUIL_SANITIZED
 constexpr uint64_t kStride = 13;
 #else
 constexpr uint64_t kStride = 1;

@@ -112,10 +112,11 @@ const std::set<std::string> kPlatform = {"__android_log_print", "property_get", 
 
 // What compilers call by themselves; the workstation's errno hides behind another name than the
 // target's.
+// clang compares with bcmp where the C library is known to have it, which the target's is not.
 bool isOfTheTools(const std::string& name) {
     static const std::regex tools(
         "^(__cxa_.*|_Unwind_.*|__aeabi_.*|__gxx_personality_v0|_ITM_.*|__gmon_start__|"
-        "__errno_location|__stack_chk_fail|__(asan|ubsan|tsan|sanitizer)_.*)$");
+        "__errno_location|__stack_chk_fail|bcmp|__(asan|ubsan|tsan|sanitizer)_.*)$");
     return std::regex_match(name, tools);
 }
 
