@@ -134,9 +134,7 @@ TEST(Exports, NothingOfCxxLeavesTheLibraryButTheThreeClasses) {
 }
 
 TEST(Exports, DataHaveTheSizesThatOtherComponentsWereLinkedAgainst) {
-#ifdef QUIL_SANITIZED
-    GTEST_SKIP() << "sanitizers put room behind what they watch";
-#else
+    if (QUIL_SANITIZED) GTEST_SKIP() << "sanitizers put room behind what they watch";
     EXPECT_EQ(sizesOfExportedData(), (std::map<std::string, size_t>{
                                          {"buffer", 1056},
                                          {"config_info", kPointer},
@@ -150,7 +148,6 @@ TEST(Exports, DataHaveTheSizesThatOtherComponentsWereLinkedAgainst) {
                                          {"str_mcu_type", 5 * kPointer},
                                          {"test_option_table", size_t{9} * 4 * kPointer},
                                      }));
-#endif
 }
 
 TEST(Exports, LibraryNeedsNothingBeyondThePlatform) {
@@ -162,9 +159,7 @@ TEST(Exports, LibraryNeedsNothingBeyondThePlatform) {
         "libc.so.6", "ld-linux-armhf.so.3",
         // Debian's ARM libutils cannot do without it.
         "7z.so"};
-#ifdef QUIL_SANITIZED
-    allowed.insert({"libasan.so.8", "libubsan.so.1", "libtsan.so.2"});
-#endif
+    if (QUIL_SANITIZED) allowed.insert({"libasan.so.8", "libubsan.so.1", "libtsan.so.2"});
     const auto needed = matchesIn(readElf("-d"), std::regex(R"(\(NEEDED\).*\[(.*)\])"));
     EXPECT_THAT(needed, Contains("libhidlbase.so"));
     EXPECT_THAT(needed, IsSubsetOf(allowed));
@@ -181,7 +176,7 @@ TEST(Exports, TextOfTheArmLibraryStaysUnder96KiB) {
     RecordProperty("relocations", relocations);
     EXPECT_GT(text, mappedSections().at(".text"));
     EXPECT_GT(std::stoul(relocations), 100U);
-#if defined(__arm__) && !defined(QUIL_SANITIZED)
+#if defined(__arm__)
     EXPECT_LT(text, 96U * 1024U);
 #else
     GTEST_SKIP() << "the limit is the target's";
@@ -189,15 +184,12 @@ TEST(Exports, TextOfTheArmLibraryStaysUnder96KiB) {
 }
 
 TEST(Exports, NothingButTheCompilersOwnEntryRunsWhenTheLibraryIsLoaded) {
-#ifdef QUIL_SANITIZED
-    GTEST_SKIP() << "sanitizers register their modules from .init_array";
-#else
+    if (QUIL_SANITIZED) GTEST_SKIP() << "sanitizers register their modules from .init_array";
     EXPECT_EQ(mappedSections()[".init_array"], kPointer);
     const std::string symbols = outputOf(std::string("nm -C '") + kLibraryFile + "'");
     EXPECT_THAT(symbols, Not(HasSubstr("_GLOBAL__sub_I")));
     EXPECT_THAT(symbols, Not(HasSubstr("__static_initialization_and_destruction")));
     EXPECT_THAT(symbols, HasSubstr("frame_dummy"));
-#endif
 }
 
 }  // namespace quil::tests

@@ -28,11 +28,7 @@ constexpr Flow kFlows[] = {
 void PrintTo(const Flow& flow, std::ostream* out) { *out << flow.name; }
 
 // Sanitizers make a cut ten times as long: there every so many events do.
-#ifdef QUIL_SANITIZED
-constexpr uint64_t kStride = 13;
-#else
-constexpr uint64_t kStride = 1;
-#endif
+constexpr uint64_t kStride = QUIL_SANITIZED ? 13 : 1;
 
 // "gd32f303:123:inside" of the variable QUIL_CUT: only that one.
 std::optional<board::PowerCut> cutToReplay(const Flow& flow) {
