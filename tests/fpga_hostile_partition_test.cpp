@@ -115,7 +115,12 @@ class HostilePartition : public FpgaScreen {
     }
 };
 
-TEST_F(HostilePartition, OfAFewThousandSeedsHarmsNothing) { runSeeds(0, 2000); }
+// A few thousand seeds, in parts that processes share among themselves.
+class HostilePart : public HostilePartition, public testing::WithParamInterface<uint32_t> {};
+
+TEST_P(HostilePart, OfFiveHundredSeedsHarmsNothing) { runSeeds(GetParam() * 500, 500); }
+
+INSTANTIATE_TEST_SUITE_P(Short, HostilePart, testing::Range(0U, 4U));
 
 // 100,000 seeds in ten slices, for half an hour without anything else to do:
 // --gtest_also_run_disabled_tests --gtest_filter='*HostileSlice*'

@@ -115,7 +115,7 @@ const std::set<std::string> kPlatform = {"__android_log_print", "property_get", 
 // clang compares with bcmp where the C library is known to have it, which the target's is not.
 bool isOfTheTools(const std::string& name) {
     static const std::regex tools(
-        "^(__cxa_.*|_Unwind_.*|__aeabi_.*|__gxx_personality_v0|_ITM_.*|__gmon_start__|"
+        "^(__cxa_.*|_Unwind_.*|__aeabi_.*|__g(xx|cc)_personality_v0|_ITM_.*|__gmon_start__|"
         "__errno_location|__stack_chk_fail|bcmp|__(asan|ubsan|tsan|sanitizer)_.*)$");
     return std::regex_match(name, tools);
 }
