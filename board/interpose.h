@@ -2,3 +2,7 @@
 #pragma once
 
 #define QUIL_EXPORT [[gnu::visibility("default")]]
+
+// There when a sanitizer is built in.
+extern "C" [[gnu::weak]] void __asan_init();
+extern "C" [[gnu::weak]] void __tsan_init();

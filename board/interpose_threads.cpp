@@ -7,16 +7,13 @@
 #include "board/machine.h"
 #include "board/real_calls.h"
 
-// The sanitizers' own thread start-up needs parent and child to run at once.
-extern "C" [[gnu::weak]] void __tsan_init();
-extern "C" [[gnu::weak]] void __asan_init();
-
 using namespace quil::board;
 
 namespace {
 
 struct Turn {
     explicit Turn(BoardThread* thread) {
+        // The sanitizers' own thread start-up needs parent and child to run at once.
         Scheduler::begin(thread, __tsan_init == nullptr && __asan_init == nullptr);
     }
     ~Turn() { Scheduler::end(); }

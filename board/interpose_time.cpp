@@ -9,8 +9,6 @@
 #include "board/machine.h"
 #include "board/real_calls.h"
 
-extern "C" [[gnu::weak]] void __asan_init();
-
 using namespace quil::board;
 
 namespace {
