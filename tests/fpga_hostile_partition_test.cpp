@@ -4,6 +4,7 @@
 #include <random>
 
 #include "tests/fpga_screen_test.h"
+#include "tests/slowed.h"
 
 namespace quil::tests {
 
@@ -120,7 +121,7 @@ class HostilePart : public HostilePartition, public testing::WithParamInterface<
 
 TEST_P(HostilePart, OfFiveHundredSeedsHarmsNothing) { runSeeds(GetParam() * 500, 500); }
 
-INSTANTIATE_TEST_SUITE_P(Short, HostilePart, testing::Range(0U, 4U));
+INSTANTIATE_TEST_SUITE_P(Short, HostilePart, testing::Range(0U, kEmulated ? 1U : 4U));
 
 // 100,000 seeds in ten slices, for half an hour without anything else to do:
 // --gtest_also_run_disabled_tests --gtest_filter='*HostileSlice*'

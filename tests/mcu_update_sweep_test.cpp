@@ -4,6 +4,7 @@
 
 #include "tests/library_test.h"
 #include "tests/mcu_update_cuts.h"
+#include "tests/slowed.h"
 
 namespace quil::tests {
 namespace {
@@ -27,8 +28,8 @@ constexpr Flow kFlows[] = {
 
 void PrintTo(const Flow& flow, std::ostream* out) { *out << flow.name; }
 
-// Sanitizers make a cut ten times as long: there every so many events do.
-constexpr uint64_t kStride = QUIL_SANITIZED ? 13 : 1;
+// Every so many events do where a cut takes ten times as long.
+constexpr uint64_t kStride = kSlowed ? 13 : 1;
 
 // "gd32f303:123:inside" of the variable QUIL_CUT: only that one.
 std::optional<board::PowerCut> cutToReplay(const Flow& flow) {
