@@ -18,14 +18,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::StartsWith;
 
-class QuilctlFpga : public QuilctlRun {
-  protected:
-    std::string image(const std::string& content) const {
-        std::string path = (directory / "image.bin").string();
-        std::ofstream(path, std::ios::binary) << content;
-        return path;
-    }
-};
+class QuilctlFpga : public QuilctlRun {};
 
 TEST_F(QuilctlFpga, StatusTellsWhatTheFpgaAndThePhySay) {
     const Said said = quilctl({"fpga", "status"});
@@ -48,8 +41,8 @@ TEST_F(QuilctlFpga, StatusOfAnFpgaWithoutConfigurationFails) {
 
 TEST_F(QuilctlFpga, FlashedImageRunsAndStaysOnTheBoard) {
     const std::string board = newBoard();
-    const std::string file = image(board::makeFpgaImage("V9.9.9", 100000));
-    const Said said = quilctl({"--board", board, "fpga", "flash", file});
+    const std::string image = imageFile(board::makeFpgaImage("V9.9.9", 100000));
+    const Said said = quilctl({"--board", board, "fpga", "flash", image});
     EXPECT_EQ(said.code, tools::kOk);
     EXPECT_EQ(said.out,
               "100000 bytes in 31.974 s of board time: ok\n"
@@ -63,7 +56,7 @@ TEST_F(QuilctlFpga, FlashedImageRunsAndStaysOnTheBoard) {
 TEST_F(QuilctlFpga, DamagedImageIsFlashedButDoesNotRun) {
     std::string damaged = board::makeFpgaImage("V9.9.9", 1000);
     damaged.back() ^= 1;
-    const Said said = quilctl({"fpga", "flash", image(damaged)});
+    const Said said = quilctl({"fpga", "flash", imageFile(damaged)});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, ContainsRegex("1000 bytes in .* FAILED \\(wrong CRC\\)\n"));
     EXPECT_THAT(said.err, HasSubstr("log: fpgaFwUpdate: fpga done pin check failed\n"));

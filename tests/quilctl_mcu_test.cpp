@@ -26,13 +26,7 @@ using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
-class QuilctlMcu : public QuilctlRun {
-  protected:
-    std::string file(const std::string& content) {
-        board::writeWholeFile(directory / "image.bin", content);
-        return path("image.bin");
-    }
-};
+class QuilctlMcu : public QuilctlRun {};
 
 TEST_F(QuilctlMcu, VersionTellsWhatRunsWhatIsShippedAndWhatWasRecorded) {
     const Said said = quilctl({"mcu", "version"});
@@ -117,7 +111,8 @@ TEST_F(QuilctlMcu, ProgramPutsAFileIntoEachPart) {
     const std::pair<const char*, size_t> parts[] = {
         {"gd32f303", 4096}, {"gd32f470", 5000}, {"stm32h750", 5000}, {"n32g45x", 1000}};
     for (const auto& [chip, size] : parts) {
-        const Said said = quilctl({"mcu", "program", "--chip", chip, file(std::string(size, 'x'))});
+        const Said said =
+            quilctl({"mcu", "program", "--chip", chip, imageFile(std::string(size, 'x'))});
         EXPECT_EQ(said.code, tools::kOk) << chip << said.out << said.err;
         EXPECT_THAT(said.out, StartsWith("programmed: " + std::to_string(size) + " of "));
     }
@@ -125,7 +120,7 @@ TEST_F(QuilctlMcu, ProgramPutsAFileIntoEachPart) {
 
 TEST_F(QuilctlMcu, ABlockThatTheSessionLostUnnoticedIsToldAndFails) {
     const Said said =
-        quilctl({"mcu", "program", "--chip", "gd32f303", file(std::string(3000, 'x'))});
+        quilctl({"mcu", "program", "--chip", "gd32f303", imageFile(std::string(3000, 'x'))});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, HasSubstr("INCOMPLETE, unnoticed by the session: 2048 of 3000 bytes"));
     EXPECT_THAT(said.out, HasSubstr("step: write 256 bytes at 0x08000800\n"
@@ -135,21 +130,21 @@ TEST_F(QuilctlMcu, ABlockThatTheSessionLostUnnoticedIsToldAndFails) {
 
 TEST_F(QuilctlMcu, AnImageOfWhole128BytesGoesOutToAnN32WithoutItsLastBlock) {
     const Said said =
-        quilctl({"mcu", "program", "--chip", "n32g45x", file(std::string(1024, 'x'))});
+        quilctl({"mcu", "program", "--chip", "n32g45x", imageFile(std::string(1024, 'x'))});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, StartsWith("INCOMPLETE, unnoticed by the session: 896 of 1024 bytes"));
 }
 
 TEST_F(QuilctlMcu, APortThatIsNeitherTheBoardsNorADeviceIsRefused) {
-    const Said said =
-        quilctl({"mcu", "program", "--chip", "gd32f303", "--port", path("none"), file("image")});
+    const Said said = quilctl(
+        {"mcu", "program", "--chip", "gd32f303", "--port", path("none"), imageFile("image")});
     EXPECT_EQ(said.code, tools::kNoBoard);
     EXPECT_THAT(said.err, HasSubstr("is neither the board's /dev/ttyS3 nor a device"));
 }
 
 TEST_F(QuilctlMcu, WhatTheCommandLineGetsWrongIsAUsageError) {
     EXPECT_EQ(quilctl({"mcu"}).code, tools::kUsage);
-    EXPECT_EQ(quilctl({"mcu", "program", "--chip", "avr", file("x")}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"mcu", "program", "--chip", "avr", imageFile("x")}).code, tools::kUsage);
     EXPECT_EQ(quilctl({"mcu", "program", "--chip", "gd32f303", path("none")}).code, tools::kUsage);
     EXPECT_EQ(quilctl({"mcu", "task", "fly"}).code, tools::kUsage);
     EXPECT_EQ(quilctl({"mcu", "task", "0x100"}).code, tools::kUsage);

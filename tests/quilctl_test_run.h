@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "board/board_directory.h"
 #include "board/temporary_directory.h"
 #include "common/serial_slot.h"
 #include "tools/quilctl/cli.h"
@@ -40,6 +41,10 @@ inline Said quilctl(const std::vector<std::string>& words, const std::string& in
 class QuilctlRun : public testing::Test {
   protected:
     std::string path(const char* name) const { return (directory / name).string(); }
+    std::string imageFile(const std::string& content) const {
+        board::writeWholeFile(directory / "image.bin", content);
+        return path("image.bin");
+    }
     std::string newBoard(const std::string& product = "Heron") const {
         std::string board = (directory / product).string();
         EXPECT_EQ(quilctl({"board", "new", board, "--product", product}).code, tools::kOk);
