@@ -64,8 +64,8 @@ bool QuilServiceManager::waitForAnswer() {
 }
 
 Return<void> QuilServiceManager::doWaitMcu() {
-    // Before the lock, deliberately: an answer faster than this line is forgotten, as it always
-    // was.
+    // Drops an answer that came before this line. Before the lock, so that one that wakeUp is
+    // bringing in meanwhile, with the lock in its hands, stays: both are binding.
     mDataReady = false;
     const MutexLock lock(mWaitMutex);
     if (!waitForAnswer()) {

@@ -67,6 +67,7 @@ class OpenService : public hardware::quilservicemanager::implementation::QuilSer
   public:
     using QuilServiceManager::mClients;
     using QuilServiceManager::mDataReady;
+    using QuilServiceManager::mWaitMutex;
     using QuilServiceManager::recvData;
 
     Bytes getBytes(const Bytes& request) {

@@ -125,6 +125,19 @@ TEST_F(McuForwarding, AnswerBeforeTheWaitIsForgottenButItsBytesAreAnsweredAfterT
     EXPECT_EQ(board.log(ANDROID_LOG_ERROR).size(), 1U);
 }
 
+TEST_F(McuForwarding, AnswerThatHoldsTheLockAsTheWaitStartsIsTheAnswer) {
+    service->mDataReady = true;  // of an earlier answer
+    pthread_mutex_lock(&service->mWaitMutex);
+    std::thread waiter([&] { service->doWaitMcu(); });
+    for (int look = 0; look < 10 && service->mDataReady; ++look) board.runFor(1ms);
+    service->recvData = {5};
+    service->mDataReady = true;
+    pthread_mutex_unlock(&service->mWaitMutex);
+    waiter.join();
+    EXPECT_THAT(board.log(), IsEmpty());
+    EXPECT_THAT(service->recvData, ElementsAre(5));
+}
+
 TEST_F(McuForwarding, FirmwareUpdateAnswers0xFFAndSendsNothing) {
     config_info->fw_updating = 1;
     EXPECT_THAT(service->getBytes(kGetVersion), ElementsAre(0xFF));
@@ -156,6 +169,15 @@ TEST_F(McuForwarding, FailedSendAnswersStaleBytes) {
     service->wakeUp(Bytes{4});
     config_info->mcu_fd = -1;
     EXPECT_THAT(service->getBytes(kGetVersion), ElementsAre(4));
+}
+
+TEST_F(McuForwarding, WriteOfNoBytesIsNoFailureAndTheAnswerIsAwaited) {
+    board.faults().add({.call = Call::kWrite, .path = kHeronUart, .shortTo = 0});
+    std::thread reader = answerAfter(100ms, {1, 2});
+    EXPECT_THAT(service->getBytes(kGetVersion), ElementsAre(1, 2));
+    EXPECT_THAT(board.log(), IsEmpty());
+    EXPECT_THAT(board.mcuUart().sentByHost(), IsEmpty());
+    reader.join();
 }
 
 TEST_F(McuForwarding, PortThatDisappearsFailsTheRequest) {
