@@ -1,6 +1,5 @@
 #include "host/firmware_update_guard.h"
 
-#include <atomic>
 #include <cassert>
 
 #include "update/config_info.h"
@@ -11,7 +10,7 @@ namespace {
 // The flag is a plain word of the shared record, and requests look at it from their own threads.
 void setUpdating(int32_t updating) {
     assert(config_info != nullptr);
-    std::atomic_ref<int32_t>(config_info->fw_updating).store(updating);
+    __atomic_store_n(&config_info->fw_updating, updating, __ATOMIC_SEQ_CST);
 }
 
 }  // namespace

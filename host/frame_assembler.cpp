@@ -4,13 +4,13 @@
 
 namespace quil::host {
 
-std::vector<WireFrame> FrameAssembler::feed(std::span<const uint8_t> bytes) {
+std::vector<WireFrame> FrameAssembler::feed(ByteView bytes) {
     std::vector<WireFrame> frames;
     while (!bytes.empty()) {
         const size_t room = wire::kFrameMax - mHeld.size();
         const auto piece = bytes.first(std::min(room, bytes.size()));
         mHeld.insert(mHeld.end(), piece.begin(), piece.end());
-        bytes = bytes.subspan(piece.size());
+        bytes = bytes.from(piece.size());
         extract(frames);  // a full buffer always gives something up, so room is never 0
     }
     return frames;
@@ -43,7 +43,7 @@ bool FrameAssembler::extractOne(std::vector<WireFrame>& frames) {
         return true;
     }
     if (mHeld.size() < *size) return false;
-    const std::span<const uint8_t> whole(mHeld.data(), *size);
+    const ByteView whole(mHeld.data(), *size);
     if (!checksumHolds(whole)) {
         ++mStatistics.badChecksums;
         skip(1);

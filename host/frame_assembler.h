@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstdint>
-#include <span>
 #include <vector>
 
 #include "host/wire_frame.h"
@@ -22,7 +21,7 @@ struct AssemblerStatistics {
 class FrameAssembler {
   public:
     // Takes bytes as they come, in pieces of any size; gives the frames that became complete.
-    std::vector<WireFrame> feed(std::span<const uint8_t> bytes);
+    std::vector<WireFrame> feed(ByteView bytes);
 
     // The line has been silent for too long: what is held will never be completed. Gives the good
     // frames that stand inside the remains.

@@ -32,7 +32,7 @@ constexpr FixedField kFixedFields[] = {
     {wire::kTailAt, 4, 0, "reserved word"},
 };
 
-uint32_t loadField(std::span<const uint8_t> bytes, const FixedField& field) {
+uint32_t loadField(ByteView bytes, const FixedField& field) {
     uint32_t value = 0;
     for (size_t i = 0; i < field.size; ++i) value |= uint32_t{bytes[field.at + i]} << (8 * i);
     return value;
@@ -47,24 +47,24 @@ std::string formatted(const char* format, Values... values) {
 
 }  // namespace
 
-uint16_t load16(std::span<const uint8_t> bytes, size_t at) {
+uint16_t load16(ByteView bytes, size_t at) {
     return static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
 }
 
-uint32_t load32(std::span<const uint8_t> bytes, size_t at) {
+uint32_t load32(ByteView bytes, size_t at) {
     return load16(bytes, at) | static_cast<uint32_t>(load16(bytes, at + 2)) << 16;
 }
 
-uint16_t frameChecksum(std::span<const uint8_t> bytes) {
+uint16_t frameChecksum(ByteView bytes) {
     return static_cast<uint16_t>(std::accumulate(bytes.begin(), bytes.end(), 0u));
 }
 
-bool checksumHolds(std::span<const uint8_t> frame) {
+bool checksumHolds(ByteView frame) {
     const size_t sumAt = frame.size() - wire::kChecksumSize;
     return load16(frame, sumAt) == frameChecksum(frame.first(sumAt));
 }
 
-std::optional<size_t> announcedSize(std::span<const uint8_t> header) {
+std::optional<size_t> announcedSize(ByteView header) {
     if (load16(header, wire::kMagicAt) != wire::kMagic) return std::nullopt;
     if (load16(header, wire::kReservedAt) != 0) return std::nullopt;
     if (load16(header, wire::kFixedWordAt) != wire::kFixedWord) return std::nullopt;
@@ -74,7 +74,7 @@ std::optional<size_t> announcedSize(std::span<const uint8_t> header) {
     return size;
 }
 
-std::vector<std::string> frameProblems(std::span<const uint8_t> bytes) {
+std::vector<std::string> frameProblems(ByteView bytes) {
     if (bytes.size() < wire::kOverhead) {
         return {formatted("%zu bytes are no frame: the shortest has %zu", bytes.size(),
                           wire::kOverhead)};
@@ -105,7 +105,7 @@ std::vector<std::string> frameProblems(std::span<const uint8_t> bytes) {
     return problems;
 }
 
-WireFrame parseFrame(std::span<const uint8_t> bytes) {
+WireFrame parseFrame(ByteView bytes) {
     assert(bytes.size() >= wire::kOverhead);
     WireFrame frame;
     frame.label = load16(bytes, wire::kLabelAt);

@@ -8,9 +8,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
+
+#include "host/byte_view.h"
 
 namespace quil::host {
 
@@ -47,22 +48,22 @@ struct WireFrame {
 };
 
 // Little-endian access; the caller has checked that the bytes are there.
-uint16_t load16(std::span<const uint8_t> bytes, size_t at);
-uint32_t load32(std::span<const uint8_t> bytes, size_t at);
+uint16_t load16(ByteView bytes, size_t at);
+uint32_t load32(ByteView bytes, size_t at);
 
-uint16_t frameChecksum(std::span<const uint8_t> bytes);
+uint16_t frameChecksum(ByteView bytes);
 
 // Whether the last two bytes of a whole frame are the sum of those before them.
-bool checksumHolds(std::span<const uint8_t> frame);
+bool checksumHolds(ByteView frame);
 
 // The size that a frame header announces, or nothing when the ten bytes cannot start a frame.
-std::optional<size_t> announcedSize(std::span<const uint8_t> header);
+std::optional<size_t> announcedSize(ByteView header);
 
 // Everything that is wrong with one whole frame, in the order of its bytes; empty for a good one.
-std::vector<std::string> frameProblems(std::span<const uint8_t> bytes);
+std::vector<std::string> frameProblems(ByteView bytes);
 
 // Takes the fields apart without judging them; needs at least wire::kOverhead bytes.
-WireFrame parseFrame(std::span<const uint8_t> bytes);
+WireFrame parseFrame(ByteView bytes);
 
 // The payload must not be longer than wire::kPayloadMax.
 Bytes buildFrame(const WireFrame& frame);

@@ -49,7 +49,7 @@ constexpr Field kFields[] = {
     {wire::kCommandAt, 4, "command"}, {wire::kTailAt, 4, "reserved"},
 };
 
-uint32_t valueOf(std::span<const uint8_t> bytes) {
+uint32_t valueOf(host::ByteView bytes) {
     uint32_t value = 0;
     for (size_t i = 0; i < bytes.size(); ++i) value |= uint32_t{bytes[i]} << (8 * i);
     return value;
@@ -72,11 +72,11 @@ void printLine(std::ostream& out, size_t at, const std::string& hex, const char*
 }
 
 void printFields(std::ostream& out, const Bytes& bytes, const host::WireFrame& frame) {
-    const std::span<const uint8_t> all(bytes);
+    const host::ByteView all(bytes);
     out << "offset  bytes        field     value\n";
     char value[32];
     for (const Field& field : kFields) {
-        const auto part = all.subspan(field.at, field.size);
+        const auto part = all.from(field.at).first(field.size);
         std::snprintf(value, sizeof value, "0x%0*X", static_cast<int>(2 * field.size),
                       valueOf(part));
         printLine(out, field.at, toHex(part), field.name, value + meaningOf(frame, field));
@@ -84,9 +84,9 @@ void printFields(std::ostream& out, const Bytes& bytes, const host::WireFrame& f
     const size_t sumAt = bytes.size() - wire::kChecksumSize;
     printLine(out, wire::kPayloadAt, "", "payload",
               frame.payload.empty() ? "(none)" : toHex(frame.payload));
-    std::snprintf(value, sizeof value, "0x%04X  %s", valueOf(all.subspan(sumAt)),
+    std::snprintf(value, sizeof value, "0x%04X  %s", valueOf(all.from(sumAt)),
                   host::checksumHolds(bytes) ? "good" : "wrong");
-    printLine(out, sumAt, toHex(all.subspan(sumAt)), "checksum", value);
+    printLine(out, sumAt, toHex(all.from(sumAt)), "checksum", value);
 }
 
 void printJson(std::ostream& out, const host::WireFrame& frame,

@@ -45,7 +45,7 @@ std::optional<Bytes> parseHex(const std::string& text) {
     return bytes;
 }
 
-std::string toHex(std::span<const uint8_t> bytes) {
+std::string toHex(host::ByteView bytes) {
     std::string text;
     char pair[4];
     for (const uint8_t byte : bytes) {
@@ -56,7 +56,7 @@ std::string toHex(std::span<const uint8_t> bytes) {
     return text;
 }
 
-std::string toShortHex(std::span<const uint8_t> bytes, size_t limit) {
+std::string toShortHex(host::ByteView bytes, size_t limit) {
     if (bytes.size() <= limit) return toHex(bytes);
     return toHex(bytes.first(limit)) + " ..";
 }

@@ -4,9 +4,10 @@
 #include <chrono>
 #include <cstdint>
 #include <optional>
-#include <span>
 #include <string>
 #include <vector>
+
+#include "host/byte_view.h"
 
 namespace quil::tools {
 
@@ -18,10 +19,10 @@ std::optional<uint64_t> parseNumber(const std::string& text, uint64_t maximum);
 // Pairs of hexadecimal digits: "01 02", "0102", "0x01,0x02". Nothing for anything else.
 std::optional<Bytes> parseHex(const std::string& text);
 
-std::string toHex(std::span<const uint8_t> bytes);  // "01 02"
+std::string toHex(host::ByteView bytes);  // "01 02"
 
 // At most `limit` bytes as hex, then "..".
-std::string toShortHex(std::span<const uint8_t> bytes, size_t limit);
+std::string toShortHex(host::ByteView bytes, size_t limit);
 
 std::string hex32(uint32_t value);  // "0x00000001"
 
