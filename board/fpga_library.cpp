@@ -28,6 +28,11 @@ int32_t FpgaLibrary::call(const char* name, const std::string& arguments, Work w
     return work();
 }
 
+void FpgaLibrary::keep(std::initializer_list<const char*> texts) {
+    Guard guard(boardLock());
+    texts_.insert(texts_.end(), texts);
+}
+
 int32_t FpgaLibrary::setLine(int32_t number, int32_t level) {
     Guard guard(boardLock());
     GpioLine* line = machine_.gpio.find(number);
@@ -66,6 +71,7 @@ bool FpgaLibrary::readFile(const std::string& path, std::vector<uint8_t>* conten
 }
 
 int32_t FpgaLibrary::loadProgram(const char* driver, const char* image) {
+    keep({driver, image});
     const std::string arguments = textOf(driver) + ", " + textOf(image);
     return call("hal_fpga_load_program_sync", arguments, [&] {
         std::vector<uint8_t> content;
@@ -104,6 +110,7 @@ int32_t FpgaLibrary::sendScreen(const std::string& partition, int64_t byteNanos,
 }
 
 int32_t FpgaLibrary::loadScreenByUdp(const char* parameters, const char* hexParameters) {
+    keep({parameters, hexParameters});
     const std::string arguments = textOf(parameters) + ", " + textOf(hexParameters);
     return call("bi_fpga_load_screen_params_by_udp", arguments, [&] {
         std::vector<uint8_t> hexContent;

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -36,15 +37,20 @@ class FpgaLibrary {
     int32_t updateProgram();
     int32_t loadParameters();
 
+    // Every text that a call handed over, by its address: a closed library may keep them.
+    const std::vector<const char*>& texts() const { return texts_; }
+
   private:
     template <typename Work>
     int32_t call(const char* name, const std::string& arguments, Work work);
+    void keep(std::initializer_list<const char*> texts);
     int32_t reprogram();
     int32_t sendScreen(const std::string& partition, int64_t byteNanos, const char* how);
     // A file of the board; nothing when there is none, or a fault forbids it.
     bool readFile(const std::string& path, std::vector<uint8_t>* content);
 
     Machine& machine_;
+    std::vector<const char*> texts_;
 };
 
 }  // namespace quil::board

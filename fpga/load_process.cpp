@@ -13,7 +13,6 @@
 #include "update/fpga_update.h"
 
 using quil::common::kFirmwareUpdateTag;
-using quil::update::ConfigText;
 using quil::update::currentConfig;
 
 namespace {
@@ -80,15 +79,15 @@ int32_t fpgaLoadProcessHeron(void) {
 }
 
 int32_t fpgaLoadProcessKestrel(void) {
+    // The record's own fields, which live as long as the process: a closed library may keep them.
     const config_info_t& config = currentConfig();
-    const ConfigText driver(config.fpga_drv_path), image(config.fpga_fw_path);
-    const int32_t loaded = hal_fpga_load_program_sync(driver.text, image.text);
+    const int32_t loaded = hal_fpga_load_program_sync(config.fpga_drv_path, config.fpga_fw_path);
     if (!report(__func__, "hal_fpga_load_program_sync", loaded >= 0)) return -1;
     sleep(kBeforeEth1S);
     bi_fpga_eth1_config_kestrel();
     sleep(kAfterEth1S);
-    const ConfigText parameters(config.fpga_parameter), hexParameters(config.hex_parameter);
-    const int32_t sent = bi_fpga_load_screen_params_by_udp(parameters.text, hexParameters.text);
+    const int32_t sent =
+        bi_fpga_load_screen_params_by_udp(config.fpga_parameter, config.hex_parameter);
     return report(__func__, "fpgaLoadScreenParamsByUdp", sent >= 0) ? 0 : -1;
 }
 

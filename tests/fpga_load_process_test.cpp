@@ -1,6 +1,8 @@
 // The load sequences of the three products.
 #include <errno.h>
 
+#include "board/fpga_library.h"
+#include "board/machine.h"
 #include "fpga/load_process.h"
 #include "tests/fpga_test.h"
 
@@ -258,6 +260,15 @@ TEST_F(FpgaLoadKestrel, LoadsTheImageThenEth1ThenTheScreenByUdp) {
     EXPECT_THAT(messages(),
                 ElementsAre("I fpgaLoadProcessKestrel: hal_fpga_load_program_sync ok\n",
                             "I fpgaLoadProcessKestrel: fpgaLoadScreenParamsByUdp ok\n"));
+}
+
+TEST_F(FpgaLoadKestrel, ClosedLibraryMayKeepItsTextsForTheyAreTheRecordsOwn) {
+    succeed();
+    fpgaLoadProcessKestrel();
+    const std::vector<const char*> fields = {config_info->fpga_drv_path, config_info->fpga_fw_path,
+                                             config_info->fpga_parameter,
+                                             config_info->hex_parameter};
+    EXPECT_EQ(board::poweredMachine()->fpgaLibrary->texts(), fields);
 }
 
 TEST_F(FpgaLoadKestrel, RestsASecondBeforeAndBehindEth1) {
