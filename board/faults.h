@@ -7,6 +7,8 @@
 #include <string_view>
 #include <vector>
 
+#include "board/trace.h"
+
 namespace quil::board {
 
 enum class Call {
@@ -42,6 +44,7 @@ struct Fault {
     int after = 0;                       // calls let through first
     int times = 1;                       // -1: for ever
     bool lostSilently = false;           // write, GPIO, system: reported as done, not done
+    Nanos takes{0};                      // read, select, poll: board time until the failure
     std::optional<int> exitCode = {};    // system: the command does nothing and exits so
     std::optional<int> signal = {};      // system: the command does nothing but die of it
 };

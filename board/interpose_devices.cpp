@@ -86,7 +86,10 @@ int faultOf(Machine& machine, Call call, const std::vector<pollfd>& entries) {
     for (const pollfd& entry : entries) {
         const OpenFile* file = machine.openFile(entry.fd);
         if (file == nullptr) continue;
-        if (const auto fault = machine.faults.take(call, file->path)) return fault->error;
+        const auto fault = machine.faults.take(call, file->path);
+        if (!fault) continue;
+        machine.spend(*fault);
+        return fault->error;
     }
     return 0;
 }

@@ -138,6 +138,7 @@ ssize_t readOnBoard(Machine& machine, OpenFile file, int fd, void* data, size_t 
     const size_t whole = count;
     if (machine.dead()) return failWith(EIO);
     if (const auto fault = machine.faults.take(Call::kRead, file.path)) {
+        machine.spend(*fault);
         if (fault->error != 0) return failWith(fault->error);
         if (fault->shortTo) count = std::min(count, *fault->shortTo);
     }

@@ -7,9 +7,11 @@
 #include <unistd.h>
 
 #include "common/log.h"
+#include "common/monotonic_clock.h"
 #include "common/pause.h"
 
 using quil::common::kFirmwareUpdateTag;
+using quil::common::monotonicMs;
 using quil::isp::kReadComplete;
 using quil::isp::kReadTimedOut;
 
@@ -31,8 +33,8 @@ constexpr BaudRate kBaudRates[] = {
 
 constexpr int kWriteFailed = 2, kSelectFailed = 4, kSelectTimedOut = 5;
 constexpr int kIdleRounds = 100, kIdleRoundMs = 10, kSelectIdleReads = 10;
-// A failed read is tried again at once, but so many in a row are a port that will not come round.
-constexpr int kFailuresMost = 200000;
+// A failed read is tried again at once, for so long without a byte.
+constexpr int64_t kFailingMostMs = 10000;
 
 constexpr int kBadDataBits = -1, kBadParity = -2, kBadStopBits = -3, kNotSet = -4;
 
@@ -124,9 +126,6 @@ Got readMore(uint8_t* buf, int len, int& got) {
         case ENODEV:
             return Got::kNothing;
         case EBADF:
-        case EFAULT:
-        case EINVAL:
-        case EISDIR:
             return Got::kNever;
         default:
             return Got::kFailure;
@@ -136,14 +135,22 @@ Got readMore(uint8_t* buf, int len, int& got) {
 // Reads until `len` bytes are in. `idle` counts the reads that found nothing, over the whole call,
 // each followed by a pause; gives up after `idleMost` of them.
 bool readAll(uint8_t* buf, int len, int idleMost, unsigned pauseMs, int& got, int& idle) {
-    int failures = 0;
+    int64_t lastByteMs = monotonicMs();
     while (got < len) {
-        const Got result = readMore(buf, len, got);
-        failures = result == Got::kFailure ? failures + 1 : 0;
-        if (result == Got::kNever || failures == kFailuresMost) return false;
-        if (result != Got::kNothing) continue;
-        if (pauseMs > 0) quil::common::pauseMs(pauseMs);
-        if (++idle >= idleMost) return false;
+        switch (readMore(buf, len, got)) {
+            case Got::kBytes:
+                lastByteMs = monotonicMs();
+                break;
+            case Got::kNothing:
+                if (pauseMs > 0) quil::common::pauseMs(pauseMs);
+                if (++idle >= idleMost) return false;
+                break;
+            case Got::kFailure:
+                if (monotonicMs() - lastByteMs >= kFailingMostMs) return false;
+                break;
+            case Got::kNever:
+                return false;
+        }
     }
     return true;
 }

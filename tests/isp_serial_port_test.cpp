@@ -30,6 +30,13 @@ class IspSerialPort : public IspTest {
     void failOnce(Call call, int error = EIO) {
         board.faults().add({.call = call, .error = error});
     }
+    void failReads(int times, board::Nanos takes) {
+        board.faults().add({.call = Call::kRead,
+                            .path = kHeronUart,
+                            .error = EINTR,
+                            .times = times,
+                            .takes = takes});
+    }
     // Lets the MCU send these bytes, and waits until they are in the port's buffer.
     void arrive(const Bytes& bytes) {
         board.mcuUart().sendToHost(bytes);
@@ -406,7 +413,7 @@ TEST_F(IspSerialPort, FailedReadsAreTriedAgainAtOnceWithoutBeingCounted) {
     openPort();
     arrive({0x79});
     const auto start = board.now();
-    for (const int error : {EINTR, EAGAIN}) {
+    for (const int error : {EINTR, EAGAIN, EINVAL, EISDIR, EFAULT, ENOMEM}) {
         board.faults().add({.call = Call::kRead, .path = kHeronUart, .error = error, .times = 500});
     }
     uint8_t byte = 0;
@@ -417,11 +424,14 @@ TEST_F(IspSerialPort, FailedReadsAreTriedAgainAtOnceWithoutBeingCounted) {
 
 TEST_F(IspSerialPort, UnpluggedPortIsAnIdleLine) {
     openPort();
-    const auto start = board.now();
-    board.faults().add({.call = Call::kRead, .path = kHeronUart, .error = EIO, .times = -1});
-    uint8_t byte = 0;
-    EXPECT_EQ(mcu_serial_read(&byte, 1), 3);
-    EXPECT_EQ(board.now() - start, seconds(1));
+    for (const int error : {EIO, ENXIO, ENODEV}) {
+        board.faults().clear();
+        board.faults().add({.call = Call::kRead, .path = kHeronUart, .error = error, .times = -1});
+        const auto start = board.now();
+        uint8_t byte = 0;
+        EXPECT_EQ(mcu_serial_read(&byte, 1), 3);
+        EXPECT_EQ(board.now() - start, seconds(1)) << error;
+    }
 }
 
 TEST_F(IspSerialPort, DescriptorThatCanNeverAnswerTimesOutAtOnce) {
@@ -442,11 +452,33 @@ TEST_F(IspSerialPort, ReadWithoutABufferTimesOutAtOnce) {
     EXPECT_EQ(mcu_serial_read_select(nullptr, 0), 5);
 }
 
-TEST_F(IspSerialPort, ReadsThatFailForEverEndAsATimeOut) {
+TEST_F(IspSerialPort, ReadsThatFailForEverTimeOutAfter10Seconds) {
     openPort();
-    board.faults().add({.call = Call::kRead, .path = kHeronUart, .error = EINTR, .times = -1});
+    failReads(-1, milliseconds(1));
+    auto start = board.now();
     uint8_t byte = 0;
     EXPECT_EQ(mcu_serial_read(&byte, 1), 3);
+    EXPECT_EQ(board.now() - start, seconds(10));
+    EXPECT_EQ(said().back(),
+              "E mcu_serial_read: read fd(" + std::to_string(fd) + ") 0 Bytes  0 times! \n");
+    board.mcuUart().sendToHost(Bytes{1});
+    start = board.now();
+    EXPECT_EQ(mcu_serial_read_select(&byte, 1), 3);
+    EXPECT_GE(board.now() - start, seconds(10));
+    EXPECT_LT(board.now() - start, seconds(11));
+}
+
+TEST_F(IspSerialPort, FailingReadsHaveTheir10SecondsAfterEachByte) {
+    openPort();
+    arrive({1, 2});
+    failReads(9, seconds(1));
+    board.faults().add({.call = Call::kRead, .path = kHeronUart, .shortTo = 1});
+    failReads(9, seconds(1));
+    const auto start = board.now();
+    Bytes bytes(2);
+    EXPECT_EQ(mcu_serial_read(bytes.data(), 2), 0);
+    EXPECT_EQ(bytes, (Bytes{1, 2}));
+    EXPECT_EQ(board.now() - start, seconds(18));
 }
 
 // The read that waits first.
