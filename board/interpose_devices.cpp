@@ -1,5 +1,6 @@
 // Terminal settings, and waiting for several descriptors at once.
 #include <errno.h>
+#include <stdlib.h>
 
 #include <algorithm>
 #include <utility>
@@ -165,6 +166,11 @@ QUIL_EXPORT int poll(pollfd* entries, nfds_t count, int timeoutMs) {
         }
     }
     return real().poll(entries, count, timeoutMs);
+}
+
+QUIL_EXPORT int __poll_chk(pollfd* entries, nfds_t count, int timeoutMs, size_t room) {
+    if (count > room / sizeof(pollfd)) abort();
+    return poll(entries, count, timeoutMs);
 }
 
 QUIL_EXPORT int select(int count, fd_set* in, fd_set* out, fd_set* except, timeval* limit) {

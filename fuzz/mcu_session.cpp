@@ -148,7 +148,7 @@ void putImage(board::Board& board, uint8_t which) {
 void addFault(board::Board& board, Input& input) {
     constexpr Call kCalls[] = {Call::kRead,      Call::kWrite,   Call::kOpen,   Call::kTcsetattr,
                                Call::kTcgetattr, Call::kTcflush, Call::kSystem, Call::kFopen,
-                               Call::kStat,      Call::kAccess,  Call::kSelect, Call::kFcntl};
+                               Call::kStat,      Call::kAccess,  Call::kPoll,   Call::kFcntl};
     constexpr int kErrors[] = {EIO, EAGAIN, EINTR, ENODEV, ENOSPC, EBADF};
     const uint8_t what = input.byte();
     const uint8_t after = input.byte(), times = input.byte();

@@ -1,10 +1,11 @@
 #include "isp/n32_upgrade.h"
 
+#include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/select.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -12,6 +13,7 @@
 
 #include "common/little_endian.h"
 #include "common/log.h"
+#include "common/monotonic_clock.h"
 #include "common/pause.h"
 #include "common/stdout_message.h"
 #include "isp/boot_mode.h"
@@ -20,6 +22,7 @@
 
 using quil::common::getLe32;
 using quil::common::kFirmwareUpdateTag;
+using quil::common::monotonicMs;
 using quil::common::pauseMs;
 using quil::common::printFlushed;
 using quil::common::putLe16;
@@ -51,7 +54,7 @@ constexpr size_t kBlock = 128, kPadding = 16, kWord = 4;
 constexpr size_t kFrameMost = kPayloadAt + kLeadSize + kBlock + kWord + 1;
 static_assert(kFrameMost == 159, "the longest frame is a whole block's");
 constexpr size_t kAnswerSize = 9, kInfoSize = 60;
-constexpr int kPatienceSeconds = 3;
+constexpr int64_t kPatienceMs = 3000;
 
 constexpr int kHandShakeAttempts = 5;
 constexpr uint8_t kHandShakeParameter[] = {0x00, 0x00, 0x25, 0x80};
@@ -100,14 +103,17 @@ void sendFrame(size_t length) {
     quil::isp::writeToPort(g_sendBuffer, end + 1);
 }
 
-// One read of what comes within 3 s, whether the port could be set to end its reads then or not.
+// One read of what comes within 3 s, whether the port could be set to end its reads then or not. A
+// handled signal takes nothing from that time.
 ssize_t readInTime(uint8_t* to, size_t count) {
-    if (fd < 0 || fd >= FD_SETSIZE) return 0;
-    fd_set ports;
-    FD_ZERO(&ports);
-    FD_SET(fd, &ports);
-    timeval patience = {kPatienceSeconds, 0};
-    return select(fd + 1, &ports, nullptr, nullptr, &patience) > 0 ? read(fd, to, count) : 0;
+    pollfd port = {fd, POLLIN, 0};
+    const int64_t deadlineMs = monotonicMs() + kPatienceMs;
+    for (int64_t leftMs = kPatienceMs; fd >= 0 && leftMs > 0; leftMs = deadlineMs - monotonicMs()) {
+        const ssize_t ready = poll(&port, 1, static_cast<int>(leftMs));
+        const ssize_t got = ready > 0 ? read(fd, to, count) : ready;
+        if (got >= 0 || errno != EINTR) return got;
+    }
+    return 0;
 }
 
 // Up to `count` bytes. Cleared before, so that silence never passes as the last answer.

@@ -3,6 +3,8 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/resource.h>
+#include <sys/select.h>
 #include <termios.h>
 
 #include <filesystem>
@@ -391,6 +393,52 @@ TEST_F(IspN32, EraseMayTakeUpTo3SecondsAfterThePause) {
     mcu.expectPattern(kAnyLastFrame, kN32BlockOk, kLate);
     expectCrcCheck(160);
     EXPECT_EQ(upgrade(), 0);
+}
+
+TEST_F(IspN32, HandledSignalsDuringTheEraseTakeNothingFromItsTime) {
+    expectUpToInfo();
+    mcu.expect(kN32Erase, kN32EraseOk, milliseconds(3000));
+    for (const Call call : {Call::kPoll, Call::kRead}) {
+        board.faults().add({.call = call,
+                            .path = kHeronUart,
+                            .error = EINTR,
+                            .after = 2,
+                            .takes = milliseconds(20)});
+    }
+    mcu.expectPattern(kAnyFullFrame, kN32BlockOk);
+    mcu.expectPattern(kAnyLastFrame, kN32BlockOk, kLate);
+    expectCrcCheck(160);
+    EXPECT_EQ(upgrade(), 0);
+}
+
+TEST_F(IspN32, SignalsAddNothingToTheWaitForASilentMcu) {
+    for (int attempt = 0; attempt < 5; ++attempt) mcu.expect(kN32HandShake);
+    board.faults().add({.call = Call::kPoll,
+                        .path = kHeronUart,
+                        .error = EINTR,
+                        .times = -1,
+                        .takes = milliseconds(7)});
+    const auto start = board.now();
+    EXPECT_EQ(upgrade(), 255);
+    // 429 signals, one every 7 ms, last 3003 ms.
+    EXPECT_EQ(board.now() - start, milliseconds(800 + 5 * (200 + 3003) + 40));
+}
+
+TEST_F(IspN32, PortMayHaveAnyDescriptor) {
+    rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    if (limit.rlim_max < 2 * FD_SETSIZE) GTEST_SKIP() << "few descriptors";
+    const rlimit raised = {2 * FD_SETSIZE, limit.rlim_max};
+    setrlimit(RLIMIT_NOFILE, &raised);
+    std::vector<int> taken;
+    do {
+        taken.push_back(dup(STDERR_FILENO));
+    } while (taken.back() >= 0 && taken.back() < FD_SETSIZE);
+    expectAll();
+    EXPECT_EQ(upgrade(), 0);
+    EXPECT_GT(fd, FD_SETSIZE);
+    for (const int number : taken) close(number);
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 // Download.

@@ -55,6 +55,7 @@ const std::set<std::string> kBionic = {"access",
                                        "memset",
                                        "open",
                                        "perror",
+                                       "poll",
                                        "printf",
                                        "pthread_cond_broadcast",
                                        "pthread_cond_destroy",
@@ -149,9 +150,9 @@ std::set<std::string> plainImports() {
 // The system's headers that API 33 has: of bionic, of C++, of the platform's libraries; then the
 // closed libraries' and the generated ones.
 const std::set<std::string> kHeaders = {
-    "assert.h", "errno.h", "fcntl.h", "limits.h", "pthread.h", "sched.h", "stdarg.h", "stddef.h",
-    "stdint.h", "stdio.h", "stdlib.h", "string.h", "sys/select.h", "sys/stat.h", "sys/types.h",
-    "termios.h", "time.h", "unistd.h",
+    "assert.h", "errno.h", "fcntl.h", "limits.h", "poll.h", "pthread.h", "sched.h", "stdarg.h",
+    "stddef.h", "stdint.h", "stdio.h", "stdlib.h", "string.h", "sys/select.h", "sys/stat.h",
+    "sys/types.h", "termios.h", "time.h", "unistd.h",
     //
     "algorithm", "atomic", "functional", "iterator", "memory", "string", "vector",
     //
