@@ -161,12 +161,13 @@ void createBoardDirectory(const std::filesystem::path& dir, Product product,
     writeWholeFile(dir / "product_information", std::string(row.moduleId) + "\n");
 }
 
-std::optional<std::string> readWholeFile(const std::filesystem::path& path) {
+std::optional<std::string> readWholeFile(const std::filesystem::path& path, uint64_t most) {
     std::error_code error;
     if (!std::filesystem::is_regular_file(path, error)) return std::nullopt;
     std::ifstream file(path, std::ios::binary | std::ios::ate);
     if (!file) return std::nullopt;
-    std::string content(static_cast<size_t>(file.tellg()), '\0');
+    const auto size = std::min<uint64_t>(static_cast<uint64_t>(std::streamoff{file.tellg()}), most);
+    std::string content(static_cast<size_t>(size), '\0');
     file.seekg(0);
     file.read(content.data(), static_cast<std::streamsize>(content.size()));
     content.resize(static_cast<size_t>(file.gcount()));

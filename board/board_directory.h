@@ -1,6 +1,7 @@
 // The directory that is a board: its file system, its parts' memories, its properties.
 #pragma once
 
+#include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -19,7 +20,8 @@ std::string_view nameOf(Product);
 void createBoardDirectory(const std::filesystem::path& dir, Product,
                           std::string_view flashedMcuVersion = "");
 
-std::optional<std::string> readWholeFile(const std::filesystem::path&);
+// Its first `most` bytes.
+std::optional<std::string> readWholeFile(const std::filesystem::path&, uint64_t most = SIZE_MAX);
 void writeWholeFile(const std::filesystem::path&,
                     std::string_view content);  // throws runtime_error
 

@@ -11,6 +11,9 @@
 namespace quil::board {
 namespace {
 
+// What stands behind so much text is not looked at.
+constexpr uint64_t kLongest = uint64_t{1} << 20;
+
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
 // inih reads lines of bounded length. A longer line is handed to it in pieces, the later ones
@@ -105,7 +108,7 @@ void IniReader::setMissingInteger(int value) {
 
 int IniReader::load(const std::filesystem::path& hostPath) {
     Guard guard(boardLock());
-    const auto text = readWholeFile(hostPath);
+    const auto text = readWholeFile(hostPath, kLongest);
     if (!text) return 0;
     files_.push_back(parseIni(*text));
     return static_cast<int>(files_.size());

@@ -1,5 +1,7 @@
 #include "update/config_info.h"
 
+#include <unistd.h>
+
 #include "tests/library_test.h"
 
 namespace quil::tests {
@@ -293,6 +295,40 @@ TEST_F(ConfigInfo, RecordThatCannotBeAllocatedFailsTheParse) {
     EXPECT_EQ(parseConfigInfo(), -1);
     EXPECT_EQ(config_info, nullptr);
     EXPECT_THAT(board.log(), ElementsAre("parseConfigInfo:config_info malloc failed!\n"));
+}
+
+TEST_F(ConfigInfo, RecordAndProductInformationAreAllThatAParseNeeds) {
+    errorsOf("");
+    board.clearLog();
+    board.faults().add({.call = Call::kMalloc, .times = -1});
+    EXPECT_THAT(errorsOf(kWholeFile), IsEmpty());
+    EXPECT_STREQ(config_info->product, "Testbird");
+}
+
+TEST_F(ConfigInfo, LongFileWithoutMemoryHasItsNumbersAndNoTexts) {
+    errorsOf("");
+    board.clearLog();
+    board.faults().add({.call = Call::kMalloc});
+    const auto errors = errorsOf(kWholeFile + std::string(65536, ';'));
+    ASSERT_EQ(errors.size(), 15U);  // its own, twelve texts, two of which are paths
+    EXPECT_EQ(errors[0], message(": no memory for the texts of /vendor/etc/product.ini\n"));
+    EXPECT_EQ(errors[1], message(": product is NULL\n"));
+    EXPECT_STREQ(config_info->product, "");
+    EXPECT_EQ(config_info->mcu_type, 2);
+    EXPECT_EQ(config_info->fpga_done_gpio, 13);
+}
+
+TEST_F(ConfigInfo, FileOf5GibIsSurvived) {
+    if (QUIL_SANITIZED) GTEST_SKIP() << "sanitizers mark 5 GiB as they are freed";
+    constexpr int64_t kSize = int64_t{5} << 30;
+    board.writeFile(kProductFile, kWholeFile);
+    ASSERT_EQ(truncate64(board.hostPath(kProductFile).c_str(), kSize), 0);
+    void* room = sizeof(size_t) > 4 ? malloc(static_cast<size_t>(kSize) + 65536) : nullptr;
+    const bool fits = room != nullptr;
+    free(room);
+    EXPECT_EQ(parseConfigInfo(), 0);
+    EXPECT_STREQ(config_info->product, fits ? "Testbird" : "");
+    EXPECT_EQ(config_info->mcu_type, 2);
 }
 
 TEST_F(ConfigInfo, ProductInformationThatCannotBeReadLeavesTheRecordZeroed) {

@@ -16,7 +16,6 @@ namespace {
 constexpr char kFunction[] = "parseConfigInfo";
 constexpr char kProductFile[] = "/vendor/etc/product.ini";
 constexpr size_t kInformationSize = 2048, kModuleIdAt = 64;
-constexpr size_t kScratchLeast = size_t{64} * 1024;
 
 enum class Rule {
     kText,         // missing: logged
@@ -84,25 +83,35 @@ char* fieldOf(config_info_t& info, const Key& key) {
     return reinterpret_cast<char*>(&info) + key.offset;
 }
 
+char g_value[size_t{64} * 1024];
+
 // Where the INI interface copies a value without asking for room: no value is longer than its file.
+// Only a long file needs heap. Without it the text is null, and every text counts as missing.
 class Scratch {
   public:
-    Scratch() : mSize(sizeFor(kProductFile)), mText(static_cast<char*>(calloc(1, mSize))) {}
-    ~Scratch() { free(mText); }
+    Scratch() {
+        struct stat64 file = {};
+        if (stat64(kProductFile, &file) != 0) return;
+        if (file.st_size < static_cast<int64_t>(sizeof(g_value))) return;
+        const uint64_t size = static_cast<uint64_t>(file.st_size) + sizeof(g_value);
+        mHeap = size <= PTRDIFF_MAX ? malloc(static_cast<size_t>(size)) : nullptr;
+        if (mHeap == nullptr) {
+            QUIL_LOG_ERROR(kServiceTag, "%s: no memory for the texts of %s\n", kFunction,
+                           kProductFile);
+        }
+        mText = static_cast<char*>(mHeap);
+        mSize = static_cast<size_t>(size);
+    }
+    ~Scratch() { free(mHeap); }
     Scratch(const Scratch&) = delete;
     Scratch& operator=(const Scratch&) = delete;
     char* text() { return mText; }
     size_t size() const { return mSize; }
 
   private:
-    static size_t sizeFor(const char* path) {
-        struct stat file = {};
-        if (stat(path, &file) != 0 || file.st_size < 0) return kScratchLeast;
-        return static_cast<size_t>(file.st_size) + kScratchLeast;
-    }
-
-    size_t mSize;
-    char* mText;
+    void* mHeap = nullptr;
+    char* mText = g_value;
+    size_t mSize = sizeof(g_value);
 };
 
 void copyBounded(char* field, size_t capacity, const char* text, size_t textMax) {
@@ -114,11 +123,12 @@ void copyBounded(char* field, size_t capacity, const char* text, size_t textMax)
 
 void readText(config_info_t& info, int32_t handle, const Key& key, Scratch& scratch) {
     char* field = fieldOf(info, key);
-    scratch.text()[0] = '\0';
-    if (bi_common_ini_get_string(handle, key.section, key.key, scratch.text()) < 0) {
+    char* text = scratch.text();
+    if (text != nullptr) text[0] = '\0';
+    if (text == nullptr || bi_common_ini_get_string(handle, key.section, key.key, text) < 0) {
         QUIL_LOG_ERROR(kServiceTag, key.message, kFunction);
     } else {
-        copyBounded(field, key.capacity, scratch.text(), scratch.size());
+        copyBounded(field, key.capacity, text, scratch.size());
     }
     if (key.rule == Rule::kPath && (field[0] == '\0' || strstr(field, "UNDEF") != nullptr)) {
         QUIL_LOG_ERROR(kServiceTag, "%s:config_info->%s is not set, need to check ini file.\n",
@@ -151,12 +161,8 @@ bool readProductInformation(config_info_t& info) {
     return true;
 }
 
-bool readProductFile(config_info_t& info) {
+void readProductFile(config_info_t& info) {
     Scratch scratch;
-    if (scratch.text() == nullptr) {
-        QUIL_LOG_ERROR(kServiceTag, "%s: scratch buffer malloc failed!\n", kFunction);
-        return false;
-    }
     const int32_t handle = bi_common_load_ini_file(kProductFile);
     for (const Key& key : kKeys) {
         if (key.capacity > 0) {
@@ -165,7 +171,6 @@ bool readProductFile(config_info_t& info) {
             readNumber(info, handle, key);
         }
     }
-    return true;
 }
 
 void logSummary(const config_info_t& info) {
@@ -196,7 +201,7 @@ int32_t parseConfigInfo(void) {
     }
     memset(config_info, 0, sizeof(*config_info));
     if (!readProductInformation(*config_info)) return -1;
-    if (!readProductFile(*config_info)) return -1;
+    readProductFile(*config_info);
     logSummary(*config_info);
     return 0;
 }
