@@ -283,7 +283,9 @@ QUIL_EXPORT ssize_t read(int fd, void* data, size_t count) {
     {
         Guard guard(boardLock());
         if (const OpenFile* file = machine->openFile(fd)) {
-            return readOnBoard(*machine, *file, fd, data, count);
+            const ssize_t done = readOnBoard(*machine, *file, fd, data, count);
+            if (done < 0) machine->readFailed();
+            return done;
         }
         waitForPipe(*machine, fd);
     }

@@ -1,5 +1,7 @@
 #include "board/machine.h"
 
+#include <errno.h>
+
 #include <array>
 
 #include "board/mtd_debug.h"
@@ -111,6 +113,19 @@ void Machine::losePower() {
     mcuChip->powerLost();
     mcuUart->powerLost();
     scheduler.powerLost();
+}
+
+// Board time goes on only while all threads wait: behind so many failures without a pause, each one
+// takes a millisecond.
+void Machine::readFailed() {
+    constexpr int kAtOnceMost = 4096;
+    constexpr Nanos kStep = std::chrono::milliseconds(1);
+    const int error = errno;
+    const Nanos now = scheduler.now();
+    failedReadsAtOnce_ = now == lastFailedRead_ ? failedReadsAtOnce_ + 1 : 0;
+    lastFailedRead_ = failedReadsAtOnce_ < kAtOnceMost ? now : now + kStep;
+    scheduler.sleepUntil(lastFailedRead_, "its next read");
+    errno = error;
 }
 
 std::optional<std::filesystem::path> Machine::onHost(const char* path) const {

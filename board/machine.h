@@ -53,6 +53,9 @@ class Machine {
         scheduler.sleepUntil(scheduler.now() + fault.takes, "a call that fails");
     }
 
+    // Lets time go on for a program that does nothing but read again. Keeps errno.
+    void readFailed();
+
     const std::filesystem::path directory;
     const BoardOptions options;
     Trace trace;
@@ -83,6 +86,8 @@ class Machine {
     void wireFpga(const Wiring&);
 
     std::atomic<bool> dead_{false};
+    Nanos lastFailedRead_{-1};
+    int failedReadsAtOnce_ = 0;
 };
 
 extern std::atomic<Machine*> g_poweredMachine;

@@ -468,6 +468,18 @@ TEST_F(IspSerialPort, ReadsThatFailForEverTimeOutAfter10Seconds) {
     EXPECT_LT(board.now() - start, seconds(11));
 }
 
+TEST_F(IspSerialPort, PortThatMayNotWaitForItsByteIsReadFor10Seconds) {
+    openPort();
+    change([](termios& port) { port.c_cc[VMIN] = 1; });  // a read of an empty port is EAGAIN
+    const auto start = board.now();
+    uint8_t byte = 0;
+    EXPECT_EQ(mcu_serial_read(&byte, 1), 3);
+    EXPECT_EQ(board.now() - start, seconds(10));
+    arriveLater(milliseconds(9500), {7});
+    EXPECT_EQ(mcu_serial_read(&byte, 1), 0);
+    EXPECT_EQ(byte, 7);
+}
+
 TEST_F(IspSerialPort, FailingReadsHaveTheir10SecondsAfterEachByte) {
     openPort();
     arrive({1, 2});
