@@ -10,9 +10,9 @@
 #include <utility>
 
 #include "board/board.h"
+#include "config/config_info.h"
 #include "fpga/load_process.h"
-#include "fpga/screen_params.h"
-#include "update/config_info.h"
+#include "fpga/screen/screen_params.h"
 
 namespace {
 

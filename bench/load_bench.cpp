@@ -5,6 +5,8 @@
 #include <memory>
 #include <string>
 
+#include "testing/build.h"
+
 namespace {
 
 using Pipe = std::unique_ptr<FILE, int (*)(FILE*)>;

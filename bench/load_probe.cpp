@@ -5,6 +5,8 @@
 
 #include <chrono>
 
+#include "testing/build.h"
+
 int main() {
     const auto start = std::chrono::steady_clock::now();
     void* library =

@@ -15,8 +15,8 @@
 
 #include "bench/mcu_bench.h"
 #include "board/board.h"
-#include "board/mcu_fitting.h"
-#include "board/temporary_directory.h"
+#include "board/core/temporary_directory.h"
+#include "board/mcu/mcu_fitting.h"
 #include "isp/isp_tasks.h"
 
 namespace quil::bench {

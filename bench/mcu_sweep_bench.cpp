@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "bench/mcu_bench.h"
-#include "tests/mcu_update_cuts.h"
+#include "testing/mcu_update_cuts.h"
 
 namespace quil::bench {
 namespace {

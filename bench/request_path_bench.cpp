@@ -16,10 +16,11 @@
 #include <thread>
 #include <vector>
 
+#include "config/config_info.h"
 #include "mculink/frame.h"
 #include "mculink/request.h"
 #include "service/quil_service_manager.h"
-#include "update/config_info.h"
+#include "testing/build.h"
 
 // Heap blocks are counted by standing in front of the C library's allocator.
 extern "C" void* __libc_malloc(size_t size);

@@ -11,10 +11,10 @@
 #include <thread>
 
 #include "bench/mcu_bench.h"
-#include "board/board_directory.h"
-#include "board/mcu_image.h"
-#include "board/pty_bridge.h"
-#include "board/temporary_directory.h"
+#include "board/core/board_directory.h"
+#include "board/core/temporary_directory.h"
+#include "board/mcu/mcu_image.h"
+#include "board/mcu/pty_bridge.h"
 
 namespace quil::bench {
 namespace {

@@ -4,7 +4,7 @@
 
 #include <array>
 
-#include "board/mtd_debug.h"
+#include "board/fpga/mtd_debug.h"
 
 namespace quil::board {
 namespace {

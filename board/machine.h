@@ -10,10 +10,10 @@
 #include <string_view>
 
 #include "board/board.h"
-#include "board/fpga_library.h"
-#include "board/lent_devices.h"
-#include "board/lock.h"
-#include "board/scheduler.h"
+#include "board/core/lock.h"
+#include "board/core/scheduler.h"
+#include "board/devices/lent_devices.h"
+#include "board/fpga/fpga_library.h"
 
 namespace quil::board {
 

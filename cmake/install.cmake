@@ -11,7 +11,7 @@ set(QUIL_PUBLIC_HEADERS
   fpga/ddr_recovery.h
   fpga/load_process.h
   fpga/network_bring_up.h
-  fpga/screen_params.h
+  fpga/screen/screen_params.h
   fpga/spi_link.h
   isp/boot_loader.h
   isp/boot_mode.h
@@ -27,9 +27,9 @@ set(QUIL_PUBLIC_HEADERS
   service/quil_service_callback.h
   service/quil_service_manager.h
   service/tclv_msg.h
-  update/config_info.h
-  update/fpga_update.h
-  update/mcu_update.h)
+  config/config_info.h
+  fpga/flash_update.h
+  isp/mcu_update.h)
 set(hidl_headers_dir ${CMAKE_BINARY_DIR}/hidl/)
 set(quil_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/quil)
 foreach(header ${QUIL_PUBLIC_HEADERS})

@@ -5,9 +5,9 @@
 #include <unistd.h>
 
 #include "common/log.h"
+#include "config/config_info.h"
+#include "fpga/flash_update.h"
 #include "fpga/spi_link.h"
-#include "update/config_info.h"
-#include "update/fpga_update.h"
 
 using quil::common::kFirmwareUpdateTag;
 using quil::update::currentConfig;

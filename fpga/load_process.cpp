@@ -6,11 +6,11 @@
 #include <unistd.h>
 
 #include "common/log.h"
+#include "config/config_info.h"
 #include "fpga/ddr_recovery.h"
+#include "fpga/flash_update.h"
 #include "fpga/network_bring_up.h"
-#include "fpga/screen_params.h"
-#include "update/config_info.h"
-#include "update/fpga_update.h"
+#include "fpga/screen/screen_params.h"
 
 using quil::common::kFirmwareUpdateTag;
 using quil::update::currentConfig;

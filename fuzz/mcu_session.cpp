@@ -13,10 +13,10 @@
 #include "fuzz/powered_board.h"
 #include "fuzz/targets.h"
 #include "isp/isp_tasks.h"
+#include "isp/mcu_update.h"
 #include "isp/n32_upgrade.h"
 #include "isp/serial_port.h"
 #include "mculink/uart.h"
-#include "update/mcu_update.h"
 
 namespace quil::fuzz {
 namespace {

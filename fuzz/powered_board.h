@@ -7,12 +7,12 @@
 #include <filesystem>
 
 #include "board/board.h"
-#include "board/temporary_directory.h"
+#include "board/core/temporary_directory.h"
 #include "common/serial_slot.h"
-#include "fpga/screen_params.h"
+#include "config/config_info.h"
+#include "fpga/screen/screen_params.h"
 #include "mculink/frame.h"
 #include "selftest/self_test.h"
-#include "update/config_info.h"
 
 namespace quil::fuzz {
 

@@ -1,5 +1,5 @@
 // product.ini as the library reads it and as quilctl checks it. Input: the file.
-#include "tools/quilctl/product_file.h"
+#include "tools/quilctl/files/product_file.h"
 
 #include <android/log.h>
 

@@ -6,7 +6,7 @@
 #include "fuzz/targets.h"
 #include "host/wire_frame.h"
 #include "tools/quilctl/cli.h"
-#include "tools/quilctl/values.h"
+#include "tools/quilctl/output/values.h"
 
 namespace quil::fuzz {
 namespace {

@@ -7,8 +7,8 @@
 #include "fuzz/input.h"
 #include "fuzz/powered_board.h"
 #include "fuzz/targets.h"
-#include "tests/screen_reading.h"
-#include "tools/quilctl/screen_file.h"
+#include "testing/screen_reading.h"
+#include "tools/quilctl/files/screen_file.h"
 
 namespace quil::fuzz {
 namespace {

@@ -2,7 +2,7 @@
 
 #include <cassert>
 
-#include "update/config_info.h"
+#include "config/config_info.h"
 
 namespace quil::host {
 namespace {

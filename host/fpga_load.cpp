@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string_view>
 
+#include "config/config_info.h"
 #include "fpga/load_process.h"
-#include "update/config_info.h"
 
 namespace quil::host {
 namespace {

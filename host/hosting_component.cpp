@@ -1,6 +1,6 @@
 #include "host/hosting_component.h"
 
-#include "update/config_info.h"
+#include "config/config_info.h"
 
 namespace quil::host {
 

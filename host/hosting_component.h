@@ -6,8 +6,8 @@
 #include <memory>
 
 #include "host/fpga_load.h"
+#include "host/mcu_bring_up.h"
 #include "host/mcu_reader.h"
-#include "host/mcu_update.h"
 #include "host/start_up.h"
 
 namespace quil::host {

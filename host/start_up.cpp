@@ -3,8 +3,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "config/config_info.h"
 #include "mculink/uart.h"
-#include "update/config_info.h"
 
 namespace quil::host {
 

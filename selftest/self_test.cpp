@@ -12,7 +12,7 @@
 #include "common/little_endian.h"
 #include "common/log.h"
 #include "common/stdout_message.h"
-#include "update/config_info.h"
+#include "config/config_info.h"
 
 using quil::common::kServiceTag;
 using quil::common::printFlushed;

@@ -5,8 +5,8 @@
 #include <algorithm>
 
 #include "common/log.h"
+#include "config/config_info.h"
 #include "selftest/self_test.h"
-#include "update/config_info.h"
 
 using quil::common::kServiceTag;
 

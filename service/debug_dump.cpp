@@ -7,8 +7,8 @@
 
 #include "common/mutex_lock.h"
 #include "common/version.h"
+#include "config/config_info.h"
 #include "service/quil_service_manager.h"
-#include "update/config_info.h"
 
 namespace quil::hardware::quilservicemanager::implementation {
 

@@ -5,10 +5,10 @@
 
 #include "common/log.h"
 #include "common/mutex_lock.h"
+#include "config/config_info.h"
 #include "mculink/frame.h"
 #include "mculink/request.h"
 #include "service/quil_service_manager.h"
-#include "update/config_info.h"
 
 namespace quil::hardware::quilservicemanager::implementation {
 

@@ -1,8 +1,8 @@
 // From the bytes of a request to the handler that its command asks for.
 #include "common/little_endian.h"
 #include "common/log.h"
+#include "config/config_info.h"
 #include "service/quil_service_manager.h"
-#include "update/config_info.h"
 
 namespace quil::hardware::quilservicemanager::implementation {
 

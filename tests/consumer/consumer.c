@@ -3,7 +3,7 @@
 #include <fpga/ddr_recovery.h>
 #include <fpga/load_process.h>
 #include <fpga/network_bring_up.h>
-#include <fpga/screen_params.h>
+#include <fpga/screen/screen_params.h>
 #include <fpga/spi_link.h>
 #include <isp/boot_loader.h>
 #include <isp/boot_mode.h>
@@ -16,9 +16,9 @@
 #include <mculink/uart.h>
 #include <selftest/self_test.h>
 #include <stdio.h>
-#include <update/config_info.h>
-#include <update/fpga_update.h>
-#include <update/mcu_update.h>
+#include <config/config_info.h>
+#include <fpga/flash_update.h>
+#include <isp/mcu_update.h>
 
 int main(void) {
     const uint8_t bytes[] = {0xFF, 0x02, 0x72};

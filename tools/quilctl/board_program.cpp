@@ -3,8 +3,8 @@
 #include <filesystem>
 
 #include "board/board.h"
-#include "tools/quilctl/board_session.h"
 #include "tools/quilctl/cli.h"
+#include "tools/quilctl/session/board_session.h"
 
 namespace quil::tools {
 namespace {

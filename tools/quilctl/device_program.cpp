@@ -6,8 +6,8 @@
 
 #include "service/tclv_msg.h"
 #include "tools/quilctl/cli.h"
-#include "tools/quilctl/client.h"
-#include "tools/quilctl/self_test_record.h"
+#include "tools/quilctl/files/self_test_record.h"
+#include "tools/quilctl/session/client.h"
 
 namespace quil::tools {
 namespace {

@@ -1,0 +1,69 @@
+// The board's GPIO lines: named ones, which are sysfs value files, and numbered ones, which the
+// closed library drives.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "board/devices/sysfs.h"
+
+namespace quil::board {
+
+inline constexpr char kGpioBoot0[] = "MCU_BOOT0", kGpioNrst[] = "MCU_NRST";
+
+// One line. Every change of its level is a kGpio event with the line's name and "0" or "1".
+//
+// Faults, by the line's name: Call::kGpioSet (an error, or lostSilently: the level stays) and
+// Call::kGpioGet (an error).
+class GpioLine {
+  public:
+    GpioLine(std::string name, int level) : name_(std::move(name)), level_(level) {}
+    GpioLine(const GpioLine&) = delete;
+    GpioLine& operator=(const GpioLine&) = delete;
+
+    const std::string& name() const { return name_; }
+    int level() const;
+    // From now on the line has this level, whoever drives it; -1 lets it go again, where it is.
+    void stickAt(int level);
+    // Called after each change, with the board's lock held.
+    void onEdge(std::function<void(int level)>);
+
+    // The host drives or reads the line. drive: 0 or an errno; read: the level or a negated errno.
+    int drive(int level);
+    int read() const;
+    // A part of the board drives its output: no fault of the host's calls meets it.
+    void setLevel(int level);
+
+  private:
+    const std::string name_;
+    int level_;
+    int stuckAt_ = -1;
+    std::vector<std::function<void(int)>> listeners_;
+};
+
+class GpioLines {
+  public:
+    explicit GpioLines(Sysfs&);
+    ~GpioLines();
+    GpioLines(const GpioLines&) = delete;
+    GpioLines& operator=(const GpioLines&) = delete;
+
+    // A named line with its file /sys/class/quilgpios/<name>/value.
+    GpioLine& add(const std::string& name, int level);
+    // A numbered line, named "gpio <number>" in traces and faults.
+    GpioLine& add(int number, int level);
+    GpioLine* find(const std::string& name);
+    GpioLine* find(int number);
+    // The same for lines that are there. Throws std::out_of_range otherwise.
+    GpioLine& at(const std::string& name);
+    GpioLine& at(int number);
+
+  private:
+    Sysfs& sysfs_;
+    std::map<std::string, std::unique_ptr<GpioLine>> lines_;
+};
+
+}  // namespace quil::board

@@ -1,0 +1,208 @@
+#include "board/devices/shell.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <string.h>
+
+#include <array>
+#include <fstream>
+#include <iterator>
+#include <optional>
+#include <stdexcept>
+
+#include "board/interpose/real_calls.h"
+#include "board/machine.h"
+
+namespace quil::board {
+namespace {
+
+int waitStatus(int exitCode) { return (exitCode & 0xFF) << 8; }
+
+ProgramResult echo(const std::vector<std::string>& argv) {
+    const bool noNewline = argv.size() > 1 && argv[1] == "-n";
+    std::string text;
+    for (size_t i = noNewline ? 2 : 1; i < argv.size(); ++i) {
+        if (!text.empty() || i > (noNewline ? 2U : 1U)) text += ' ';
+        text += argv[i];
+    }
+    return {0, noNewline ? text : text + "\n"};
+}
+
+ProgramResult sleepFor(const std::vector<std::string>& argv) {
+    char* end = nullptr;
+    const double seconds = argv.size() > 1 ? strtod(argv[1].c_str(), &end) : -1;
+    if (end == nullptr || *end != '\0' || !(seconds >= 0 && seconds < 1e9)) {
+        return {kFailed, "", "sleep: not a number\n"};
+    }
+    Shell::pause(Nanos(static_cast<int64_t>(seconds * 1e9)));
+    return {};
+}
+
+std::string because(int error) { return std::string(": ") + strerror(error) + "\n"; }
+
+}  // namespace
+
+// Where a command's descriptors 1 and 2 lead: to a file, or nowhere else than the program's own.
+struct Shell::Streams {
+    std::array<std::optional<std::string>, 3> files;
+    std::array<int, 3> inherited = {0, 1, 2};
+};
+
+Shell::Shell(Machine& machine) : machine_(machine) {
+    programs_["echo"] = echo;
+    programs_["sleep"] = sleepFor;
+    programs_["cat"] = [this](const auto& argv) { return cat(argv); };
+    programs_["true"] = programs_[":"] = [](const auto&) { return ProgramResult{}; };
+    programs_["false"] = [](const auto&) { return ProgramResult{kFailed}; };
+}
+Shell::~Shell() = default;
+
+void Shell::add(const std::string& name, Program program) {
+    Guard guard(boardLock());
+    programs_[name] = std::move(program);
+}
+
+void Shell::remove(const std::string& name) {
+    Guard guard(boardLock());
+    programs_.erase(name);
+}
+
+void Shell::pause(Nanos duration) {
+    theScheduler().sleepUntil(theScheduler().now() + duration, "a program");
+}
+
+int Shell::run(const std::string& line) {
+    Scheduler::arrive();
+    Guard guard(boardLock());
+    const auto fault = machine_.faults.take(Call::kSystem, line);
+    machine_.trace.add(EventKind::kShell, "sh", line);
+    if (machine_.dead()) {
+        errno = EIO;
+        return -1;
+    }
+    if (fault && fault->exitCode) return waitStatus(*fault->exitCode);
+    if (fault && fault->signal) return *fault->signal;  // as a wait status has it
+    if (fault && fault->error != 0) {
+        errno = fault->error;
+        return -1;
+    }
+    if (fault) return 0;
+    int exitCode = 0;
+    try {
+        for (const Command& command : parseShellLine(line)) {
+            if (command.before == "&&" && exitCode != 0) continue;
+            if (command.before == "||" && exitCode == 0) continue;
+            exitCode = runCommand(command);
+        }
+    } catch (const std::runtime_error& error) {
+        machine_.violation("sh", line + ": " + error.what());
+        print(2, std::string("sh: ") + error.what() + "\n");
+        exitCode = kFailed;
+    }
+    return waitStatus(exitCode);
+}
+
+int Shell::runCommand(const Command& command) {
+    Streams streams;
+    for (const Redirection& to : command.redirections) {
+        const auto fd = static_cast<size_t>(to.fd);
+        if (to.toStandardOutput) {
+            streams.files[2] = streams.files[1];
+            streams.inherited[2] = streams.inherited[1];
+            continue;
+        }
+        if (const int error = open(to.path, to.fd != 0, to.append)) {
+            print(2, (to.fd == 0 ? "sh: can't open " : "sh: can't create ") + to.path +
+                         because(error));
+            return kFailed;
+        }
+        streams.files.at(fd) = to.path;
+    }
+    if (command.argv.empty()) return 0;
+    const ProgramResult result = runProgram(command.argv);
+    int exitCode = result.exitCode;
+    for (const int fd : {1, 2}) {
+        const std::string& text = fd == 1 ? result.out : result.err;
+        const auto& file = streams.files.at(static_cast<size_t>(fd));
+        if (text.empty()) continue;
+        if (!file) {
+            print(streams.inherited.at(static_cast<size_t>(fd)), text);
+        } else if (const int error = deliver(*file, text)) {
+            print(2, command.argv[0] + ": write" + because(error));
+            exitCode = kFailed;
+        }
+    }
+    return exitCode;
+}
+
+ProgramResult Shell::runProgram(const std::vector<std::string>& argv) {
+    const auto found = programs_.find(argv[0]);
+    if (found != programs_.end()) return Program(found->second)(argv);
+    return {kNotFound, "", "sh: " + argv[0] + ": inaccessible or not found\n"};
+}
+
+// What stands in the way of opening the file; 0 when nothing does. Opening to write empties it.
+int Shell::open(const std::string& path, bool toWrite, bool append) {
+    if (path == "/dev/null") return 0;
+    if (machine_.dead()) return EIO;
+    if (const auto fault = machine_.faults.take(Call::kOpen, path)) return fault->error;
+    if (machine_.sysfs.exists(path)) return machine_.sysfs.refusal(path, !toWrite, toWrite);
+    const auto use = toWrite ? Probes::Use::kCreate : Probes::Use::kRead;
+    if (const int error = machine_.probes->refusal(path, use)) return error;
+    const auto host = machine_.onHost(path.c_str()).value_or(path);
+    const int flags = toWrite ? O_WRONLY | O_CREAT | (append ? 0 : O_TRUNC) : O_RDONLY;
+    const int fd = real().open(host.c_str(), flags, 0666);
+    const int error = errno;
+    if (fd < 0) return error;
+    real().close(fd);
+    return 0;
+}
+
+int Shell::deliver(const std::string& path, const std::string& text) {
+    if (path == "/dev/null") return 0;
+    if (const auto fault = machine_.faults.take(Call::kWrite, path)) return fault->error;
+    if (const auto handle = machine_.sysfs.open(path)) {
+        return static_cast<int>(-std::min<ssize_t>(0, handle->write(text.data(), text.size())));
+    }
+    std::ofstream file(machine_.onHost(path.c_str()).value_or(path), std::ios::app);
+    file << text;
+    file.flush();
+    return file ? 0 : EIO;
+}
+
+void Shell::print(int fd, const std::string& text) {
+    if (fd == 1) fflush(stdout);  // the program's own buffered text came first
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t count = real().write(fd, text.data() + done, text.size() - done);
+        if (count <= 0) return;
+        done += static_cast<size_t>(count);
+    }
+}
+
+int Shell::readFile(const std::string& path, std::string* text) {
+    if (const int error = open(path, false, false)) return error;
+    if (const auto fault = machine_.faults.take(Call::kRead, path)) return fault->error;
+    if (const auto handle = machine_.sysfs.open(path)) {
+        std::array<char, 4096> page{};
+        const ssize_t got = handle->read(page.data(), page.size());
+        if (got > 0) text->append(page.data(), static_cast<size_t>(got));
+        return static_cast<int>(-std::min<ssize_t>(0, got));
+    }
+    std::ifstream file(machine_.onHost(path.c_str()).value_or(path), std::ios::binary);
+    text->append(std::istreambuf_iterator<char>(file), {});
+    return 0;
+}
+
+ProgramResult Shell::cat(const std::vector<std::string>& argv) {
+    ProgramResult result;
+    for (size_t i = 1; i < argv.size(); ++i) {
+        const int error = readFile(argv[i], &result.out);
+        if (error == 0) continue;
+        result.err += "cat: " + argv[i] + because(error);
+        result.exitCode = kFailed;
+    }
+    return result;
+}
+
+}  // namespace quil::board

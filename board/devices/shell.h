@@ -1,0 +1,89 @@
+// The board's shell, as system() meets it: simple commands, and the programs that are installed.
+//
+// It reads words with '...', "..." and \x, the redirections >, >>, < and 2>, 2>>, 2>&1, and the
+// operators ; && ||, as a POSIX shell does, and speaks with the voice of Android's. What it does
+// not know ($, |, &, globs) is a violation and a syntax error.
+//
+// Every line is a kShell event. Faults: Call::kSystem by the whole line (an error: system() fails
+// with it; exitCode, signal: nothing is done and the shell ends so; lostSilently: nothing is done,
+// 0).
+// Files that a line writes or reads meet Call::kOpen, kWrite and kRead by their path.
+#pragma once
+
+#include <functional>
+#include <map>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "board/core/trace.h"
+
+namespace quil::board {
+
+class Machine;
+
+struct ProgramResult {
+    int exitCode = 0;
+    std::string out = {};  // standard output
+    std::string err = {};  // standard error
+};
+
+// Exit codes.
+inline constexpr int kFailed = 1, kNotFound = 127;
+
+// What a program does that gives up: one line of error.
+inline ProgramResult failure(const std::string& line) { return {kFailed, "", line + "\n"}; }
+
+// What a program does, with the board's lock held; argv[0] is its name. To take its time it calls
+// Shell::pause.
+using Program = std::function<ProgramResult(const std::vector<std::string>& argv)>;
+
+class Shell {
+  public:
+    explicit Shell(Machine&);
+    ~Shell();
+    Shell(const Shell&) = delete;
+    Shell& operator=(const Shell&) = delete;
+
+    // `name` as the command line has it: "ifconfig", or a whole path. echo, cat, sleep, true, false
+    // and : are there from the start.
+    void add(const std::string& name, Program);
+    void remove(const std::string& name);
+
+    // Runs a line and returns what system() does: the wait status (exit code << 8), or -1 with
+    // errno set.
+    int run(const std::string& line);
+    // Board time goes on while the calling program works.
+    static void pause(Nanos);
+
+    struct Redirection {
+        int fd;  // 0, 1 or 2
+        bool append;
+        bool toStandardOutput;  // 2>&1
+        std::string path;
+    };
+    struct Command {
+        std::vector<std::string> argv;
+        std::vector<Redirection> redirections;
+        std::string before;  // the operator before it: "", ";", "&&" or "||"
+    };
+
+  private:
+    struct Streams;
+    int runCommand(const Command&);
+    ProgramResult runProgram(const std::vector<std::string>& argv);
+    int open(const std::string& path, bool toWrite, bool append);
+    int deliver(const std::string& path, const std::string& text);
+    void print(int fd, const std::string& text);
+    ProgramResult cat(const std::vector<std::string>& argv);
+    int readFile(const std::string& path, std::string* text);
+
+    Machine& machine_;
+    std::map<std::string, Program> programs_;
+};
+
+// The commands of a line in order. Throws std::runtime_error with the shell's words when the line
+// is none that the board's shell knows.
+std::vector<Shell::Command> parseShellLine(std::string_view line);
+
+}  // namespace quil::board

@@ -1,0 +1,114 @@
+// A serial port: byte times from the line's settings, the kernel's buffers, the host's termios, and
+// whatever hangs at the other end of the wire.
+#pragma once
+
+#include <termios.h>
+
+#include <array>
+#include <cstdint>
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "board/core/trace.h"
+
+namespace quil::board {
+
+struct LineSettings {
+    int baud = 9600;
+    uint8_t dataBits = 8;
+    char parity = 'N';
+    uint8_t stopBits = 1;
+    int frameBits() const { return 1 + dataBits + (parity == 'N' ? 0 : 1) + stopBits; }
+    Nanos bitTime() const { return Nanos(baud > 0 ? 1'000'000'000LL / baud : 0); }
+    Nanos byteTime() const { return Nanos(baud > 0 ? 1'000'000'000LL * frameBits() / baud : 0); }
+};
+LineSettings settingsOf(const termios&);
+
+// One byte that goes wrong on the line. Bytes are counted by direction, from the adding of the
+// fault: 0 is the next one.
+struct LineFault {
+    enum class Kind {
+        kCorrupt,  // its bits of `value` are inverted
+        kLost,     // it never arrives
+        kExtra,    // `value` arrives before it
+        kLate,     // it takes `delay` longer
+    };
+    Kind kind;
+    bool fromHost;
+    size_t byte = 0;
+    uint8_t value = 0x01;
+    Nanos delay{0};
+};
+
+// What hangs on the wire. Called at the moment when the byte's stop bit has passed.
+class UartPeer {
+  public:
+    virtual ~UartPeer() = default;
+    virtual void receive(uint8_t byte) = 0;
+    virtual LineSettings lineSettings() const = 0;
+};
+
+class Uart {
+  public:
+    static constexpr size_t kBuffer = 4096;
+
+    explicit Uart(std::string path);
+    ~Uart();
+    Uart(const Uart&) = delete;
+    Uart& operator=(const Uart&) = delete;
+
+    // For tests.
+    const std::string& path() const { return path_; }
+    int baud() const;
+    std::string mode() const;  // "8N1"
+    void unplug();             // the device is gone: EIO, end of file
+    void plug();
+    void addFault(const LineFault&);
+    std::vector<uint8_t> sentByHost() const;  // every byte accepted by write()
+    size_t bytesOnTheWay() const;             // accepted by write(), not yet at the peer
+
+    // For the peer.
+    void attach(UartPeer*);
+    void sendToHost(const std::vector<uint8_t>&);
+    LineSettings hostLine() const { return line_; }
+
+    // For the C library calls.
+    bool plugged() const { return plugged_; }
+    int getattr(termios*) const;
+    int setattr(const termios&);
+    int flush(int queue);
+    ssize_t hostWrite(const uint8_t* data, size_t count, bool nonBlocking);
+    ssize_t hostRead(uint8_t* data, size_t count, bool nonBlocking);
+    bool readable() const;
+    bool writable() const;
+    void opened();
+    void closed();
+    void powerLost();
+
+  private:
+    void startTransmit();
+    void transmitted();
+    void startReceive();
+    void received();
+    void keep(uint8_t byte);
+    bool waitForInput(size_t need, bool nonBlocking);
+    // What arrives for a byte that is sent, and how much later, with the faults of the line.
+    std::vector<uint8_t> arriving(bool fromHost, uint8_t byte);
+    Nanos lateness(bool fromHost) const;
+    uint8_t asHeardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte);
+
+    std::string path_;
+    UartPeer* peer_ = nullptr;
+    termios settings_{};
+    LineSettings line_;
+    bool plugged_ = true;
+    int openCount_ = 0;
+    std::deque<uint8_t> tx_, rx_, incoming_;
+    std::vector<uint8_t> sent_, burst_;
+    std::vector<LineFault> faults_;
+    std::array<size_t, 2> passed_{};  // bytes that came through: to the host, from it
+    bool transmitting_ = false, receiving_ = false;
+};
+
+}  // namespace quil::board

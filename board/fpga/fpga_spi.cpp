@@ -1,0 +1,200 @@
+// The FPGA's SPI port: transactions, registers and parameter memory.
+#include <algorithm>
+#include <cstdio>
+
+#include "board/core/device_time.h"
+#include "board/fpga/fpga.h"
+#include "board/machine.h"
+
+namespace quil::board {
+namespace {
+
+constexpr uint8_t kWriteCommand = 0x02, kReadCommand = 0x0B, kUnconfigured = 0xFF;
+constexpr size_t kAddressAt = 1, kDataAt = 5, kReadDataAt = 6, kOverhead = 6;
+constexpr uint32_t kRegistersFrom = 0x1000, kRegistersTo = 0x1FFF;
+
+uint32_t addressOf(std::span<const uint8_t> bytes) {
+    uint32_t address = 0;
+    for (size_t i = 0; i < 4; ++i) address = address << 8 | bytes[kAddressAt + i];
+    return address;
+}
+
+std::string describe(const char* what, uint32_t address, size_t count) {
+    char text[64];
+    snprintf(text, sizeof text, "%s 0x%08x, %zu bytes", what, address, count);
+    return text;
+}
+
+bool isRegister(uint32_t address) { return address >= kRegistersFrom && address <= kRegistersTo; }
+
+void trace(const std::string& text, std::span<const uint8_t> bytes) {
+    if (Machine* machine = poweredMachine()) {
+        machine->trace.add(EventKind::kSpi, kFpgaDevice, text, {bytes.begin(), bytes.end()});
+    }
+}
+
+struct Rule {
+    bool broken;
+    const char* text;
+};
+
+}  // namespace
+
+bool Fpga::isWellFormed(std::span<const uint8_t> bytes, bool isRead) {
+    if (bytes.size() <= kOverhead) {
+        violation("a transaction of " + std::to_string(bytes.size()) + " bytes:", bytes);
+        return false;
+    }
+    const bool hasData =
+        std::any_of(bytes.begin() + kDataAt, bytes.end(), [](uint8_t byte) { return byte != 0; });
+    const Rule rules[] = {
+        {isRead && bytes[0] != kReadCommand, "a read without the command 0x0b:"},
+        {!isRead && bytes[0] != kWriteCommand, "a write without the command 0x02:"},
+        {isRead && hasData, "a read whose buffer is not zero behind the address:"},
+        {!isRead && bytes.back() != 0, "a write that does not end in 0x00:"},
+    };
+    for (const Rule& rule : rules) {
+        if (!rule.broken) continue;
+        violation(rule.text, bytes);
+        return false;
+    }
+    return true;
+}
+
+ssize_t Fpga::spiWrite(std::span<const uint8_t> bytes, bool truncated) {
+    const auto count = static_cast<ssize_t>(bytes.size());
+    spendDeviceTime(kSpiByte * count, "spi");
+    if (truncated ? bytes.size() <= kDataAt : !isWellFormed(bytes, false)) return count;
+    const uint32_t address = addressOf(bytes);
+    const auto data = bytes.subspan(kDataAt, bytes.size() - (truncated ? kDataAt : kOverhead));
+    trace(describe("write", address, data.size()), bytes);
+    transactions_.push_back({now(), false, address, {bytes.begin(), bytes.end()}, {}});
+    if (!configured_) return count;
+    if (isRegister(address)) {
+        writeRegister(address, data);
+    } else {
+        writeMemory(address, data);
+    }
+    return count;
+}
+
+ssize_t Fpga::spiRead(std::span<uint8_t> bytes) {
+    const auto count = static_cast<ssize_t>(bytes.size());
+    spendDeviceTime(kSpiByte * count, "spi");
+    if (!isWellFormed(bytes, true)) return count;
+    const uint32_t address = addressOf(bytes);
+    const std::vector<uint8_t> sent(bytes.begin(), bytes.end());
+    std::fill_n(bytes.begin(), kReadDataAt, uint8_t{0});  // nothing useful comes with the header
+    const auto data = bytes.subspan(kReadDataAt);
+    readInto(address, data);
+    trace(describe("read", address, data.size()), data);
+    transactions_.push_back({now(), true, address, sent, {data.begin(), data.end()}});
+    return count;
+}
+
+void Fpga::writeRegister(uint32_t address, std::span<const uint8_t> data) {
+    const bool isReset = address == kTransmitReset || address == kReceiveReset;
+    if (!isReset || data.size() != 1 || data[0] > 1) {
+        violation(describe("no register takes such a write:", address, data.size()), data);
+        return;
+    }
+    bool& reset = address == kTransmitReset ? transmitReset_ : receiveReset_;
+    const bool asserted = data[0] == 0;
+    if (asserted) negotiation_.since.reset();
+    const bool released = reset && !asserted;
+    reset = asserted;
+    if (released && !transmitReset_ && !receiveReset_) negotiation_.begin(now());
+}
+
+void Fpga::readInto(uint32_t address, std::span<uint8_t> data) {
+    std::fill(data.begin(), data.end(), configured_ ? uint8_t{0} : kUnconfigured);
+    if (const auto script = scripts_.find(address); script != scripts_.end()) {
+        data[0] = script->second.front();
+        if (script->second.size() > 1) script->second.erase(script->second.begin());
+        return;
+    }
+    if (!configured_) return;
+    if (isRegister(address)) {
+        data[0] = registerValue(address);
+        return;
+    }
+    for (size_t i = 0; i < data.size(); ++i) {
+        data[i] = memoryAt(static_cast<uint32_t>(address + i)).value_or(0);
+    }
+}
+
+uint8_t Fpga::registerValue(uint32_t address) const {
+    switch (address) {
+        case kDdrState:
+            return ddr_.value(now());
+        case kSgmiiClock:
+            return clock_.value(now());
+        case kSgmiiNegotiation:
+            return negotiation_.value(now());
+        default:
+            violation(describe("no register can be read:", address, 1));
+            return 0;
+    }
+}
+
+void Fpga::writeMemory(uint32_t address, std::span<const uint8_t> data) {
+    for (size_t i = 0; i < data.size(); ++i) {
+        const auto at = static_cast<uint32_t>(address + i);
+        Page& page = pageOf(at);
+        page.bytes[at % kPage] = data[i];
+        page.written[at % kPage] = true;
+    }
+}
+
+Fpga::Page& Fpga::pageOf(uint32_t address) {
+    auto& page = pages_[address / kPage];
+    if (!page) page = std::make_unique<Page>();
+    return *page;
+}
+
+std::map<uint32_t, uint8_t> Fpga::memory() const {
+    Guard guard(boardLock());
+    std::map<uint32_t, uint8_t> all;
+    for (const auto& [number, page] : pages_) {
+        for (uint32_t i = 0; i < kPage; ++i) {
+            if (page->written[i]) all[number * kPage + i] = page->bytes[i];
+        }
+    }
+    return all;
+}
+
+std::optional<uint8_t> Fpga::memoryAt(uint32_t address) const {
+    Guard guard(boardLock());
+    const auto page = pages_.find(address / kPage);
+    if (page == pages_.end() || !page->second->written[address % kPage]) return std::nullopt;
+    return page->second->bytes[address % kPage];
+}
+
+uint8_t Fpga::registerNow(Register which) const {
+    Guard guard(boardLock());
+    return configured_ ? registerValue(which) : kUnconfigured;
+}
+
+void Fpga::scriptReads(uint32_t address, std::vector<uint8_t> values) {
+    Guard guard(boardLock());
+    if (values.empty()) {
+        scripts_.erase(address);
+    } else {
+        scripts_[address] = std::move(values);
+    }
+}
+
+std::vector<SpiTransaction> Fpga::transactions() const {
+    Guard guard(boardLock());
+    return transactions_;
+}
+
+void Fpga::forgetTransactions() {
+    Guard guard(boardLock());
+    transactions_.clear();
+}
+
+// The FPGA's side has to be reset once more before it negotiates with a PHY that starts afresh.
+void Fpga::phyWasReset() { negotiation_.since.reset(); }
+
+}  // namespace quil::board

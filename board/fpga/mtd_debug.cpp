@@ -1,0 +1,116 @@
+#include "board/fpga/mtd_debug.h"
+
+#include <string.h>
+
+#include <array>
+#include <cstdlib>
+#include <filesystem>
+#include <limits>
+
+#include "board/core/board_directory.h"
+#include "board/machine.h"
+
+namespace quil::board {
+namespace {
+
+using Words = std::vector<std::string>;
+
+ProgramResult failed(const char* what, int error) {
+    return failure(std::string(what) + ": " + strerror(error));
+}
+
+// Decimal, or hexadecimal after "0x", as strtoul() reads it.
+std::optional<uint32_t> numberOf(const std::string& word) {
+    char* end = nullptr;
+    const unsigned long long value = std::strtoull(word.c_str(), &end, 0);
+    if (word.empty() || word.front() == '-' || *end != '\0') return std::nullopt;
+    if (value > std::numeric_limits<uint32_t>::max()) return std::nullopt;
+    return static_cast<uint32_t>(value);
+}
+
+std::string hex(uint32_t value) {
+    char text[16];
+    snprintf(text, sizeof text, "0x%.8x", value);
+    return text;
+}
+
+std::filesystem::path fileOf(const std::string& path) {
+    Machine* machine = poweredMachine();
+    return machine->onHost(path.c_str()).value_or(path);
+}
+
+struct Range {
+    uint32_t offset, length;
+};
+
+ProgramResult erase(SerialFlash& flash, Range range, const Words&) {
+    if (const int error = flash.erase(range.offset, range.length)) {
+        return failed("MEMERASE", error);
+    }
+    return {0,
+            "Erased " + std::to_string(range.length) + " bytes from address " + hex(range.offset) +
+                " in flash\n",
+            ""};
+}
+
+ProgramResult write(SerialFlash& flash, Range range, const Words& argv) {
+    const std::string& path = argv[5];
+    if (const auto fault = poweredMachine()->faults.take(Call::kOpen, path)) {
+        return failed("fopen()", fault->error);
+    }
+    const auto content = readWholeFile(fileOf(path));
+    if (!content) return failed("fopen()", ENOENT);
+    if (content->size() < range.length) return failure("fread(): the file is too short");
+    const auto* bytes = reinterpret_cast<const uint8_t*>(content->data());
+    if (const int error = flash.program(range.offset, {bytes, range.length})) {
+        return failed("write()", error);
+    }
+    return {0,
+            "Copied " + std::to_string(range.length) + " bytes from " + path + " to address " +
+                hex(range.offset) + " in flash\n",
+            ""};
+}
+
+ProgramResult read(SerialFlash& flash, Range range, const Words& argv) {
+    const std::string& path = argv[5];
+    const auto cells = flash.read(range.offset, range.length);
+    if (cells.size() != range.length) return failed("read()", EINVAL);
+    if (const auto fault = poweredMachine()->faults.take(Call::kOpen, path)) {
+        return failed("open()", fault->error);
+    }
+    writeWholeFile(fileOf(path), {reinterpret_cast<const char*>(cells.data()), cells.size()});
+    return {0,
+            "Copied " + std::to_string(range.length) + " bytes from address " + hex(range.offset) +
+                " in flash to " + path + "\n",
+            ""};
+}
+
+struct Verb {
+    const char* name;
+    size_t words;
+    ProgramResult (*run)(SerialFlash&, Range, const Words&);
+};
+constexpr std::array<Verb, 3> kVerbs = {
+    {{"erase", 5, erase}, {"write", 6, write}, {"read", 6, read}}};
+
+ProgramResult run(SerialFlash& flash, const Words& argv) {
+    std::error_code ignored;
+    if (!std::filesystem::exists(fileOf(kMtdDebugFile), ignored)) {
+        return {kNotFound, "", argv[0] + ": inaccessible or not found\n"};
+    }
+    for (const Verb& verb : kVerbs) {
+        if (argv.size() != verb.words || argv[1] != verb.name) continue;
+        if (argv[2] != kFlashDevice) return failed("open()", ENOENT);
+        const auto offset = numberOf(argv[3]), length = numberOf(argv[4]);
+        if (offset && length) return verb.run(flash, {*offset, *length}, argv);
+    }
+    return failure("usage: mtd_debug erase|write|read DEVICE OFFSET LENGTH [FILE]");
+}
+
+}  // namespace
+
+void addMtdDebug(Shell& shell, SerialFlash& flash) {
+    shell.add("mtd_debug", [&flash](const Words& argv) { return run(flash, argv); });
+}
+
+}  // namespace quil::board

@@ -1,0 +1,75 @@
+// The Ethernet PHY between the host's eth1 and the FPGA: a reset line, registers in pages, and the
+// link that comes up once it is set up.
+//
+// The host reaches it through two files that the Ethernet driver shows while it is loaded:
+// "/sys/class/ethernet/phyreg" takes "w REGISTER VALUE" and "r REGISTER" and shows what was read
+// last; "/sys/class/ethernet/quilphyreg" shows the link's status, with "0x907" in it when it is up.
+//
+// Faults: Call::kOpen, kRead and kWrite by the files' paths.
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "board/core/trace.h"
+#include "board/devices/gpio_lines.h"
+#include "board/devices/sysfs.h"
+
+namespace quil::board {
+
+inline constexpr char kPhyResetLine[] = "RTL8211FS_RSTN";
+inline constexpr char kPhyRegisters[] = "/sys/class/ethernet/phyreg";
+inline constexpr char kPhyStatus[] = "/sys/class/ethernet/quilphyreg";
+
+class Phy {
+  public:
+    // From the release of the reset to the first access, and from the set-up to the link.
+    static constexpr Nanos kStartUp = std::chrono::milliseconds(150);
+    static constexpr Nanos kLinkTraining = std::chrono::milliseconds(20);
+    // The page and register that set the port up, and what the board needs there.
+    static constexpr uint16_t kPageRegister = 0x1f, kSetUpPage = 0xd08, kSetUpRegister = 0x10,
+                              kSetUp = 0x5e;
+
+    Phy(GpioLine& resetLine, Sysfs&);
+    ~Phy();
+    Phy(const Phy&) = delete;
+    Phy& operator=(const Phy&) = delete;
+
+    // For tests.
+    void setCable(bool plugged);
+    void setDeadResets(int count);         // the link stays down after so many resets; -1: always
+    void setStatusText(std::string text);  // shown whatever the link does; empty: as the link is
+    bool isLinkUp() const;
+    bool isInReset() const;
+    uint16_t registerAt(uint16_t page, uint8_t number) const;
+    int resets() const;  // releases of the reset line
+
+    // The board's own use: the driver's files come and go with it.
+    void driverLoaded();
+    void driverUnloaded();
+    void onReset(std::function<void()> listener) { onReset_ = std::move(listener); }
+
+  private:
+    void resetLineChanged(int level);
+    int store(std::string_view text);
+    int writeRegister(uint32_t number, uint32_t value);
+    bool mayBeAccessed() const;
+    std::string statusText() const;
+
+    GpioLine& resetLine_;
+    Sysfs& sysfs_;
+    std::function<void()> onReset_;
+    bool cable_ = true, driver_ = false;
+    int deadResets_ = 0, resets_ = 0;
+    std::string fixedText_;
+    Nanos startsAt_{0};
+    std::optional<Nanos> setUpAt_;
+    uint16_t page_ = 0, lastRegister_ = 0, lastValue_ = 0;
+    std::map<uint32_t, uint16_t> registers_;  // page << 8 | number
+};
+
+}  // namespace quil::board

@@ -1,0 +1,165 @@
+#include "board/fpga/serial_flash.h"
+
+#include <errno.h>
+
+#include <algorithm>
+#include <cstdio>
+
+#include "board/core/board_directory.h"
+#include "board/core/device_time.h"
+#include "board/machine.h"
+
+namespace quil::board {
+namespace {
+
+constexpr uint8_t kErased = 0xFF;
+
+std::string hexNumber(uint32_t number) {
+    char text[16];
+    snprintf(text, sizeof text, "0x%x", number);
+    return text;
+}
+
+// Null: the operation goes on.
+std::optional<Fault> faultOf(Call call) {
+    Machine* machine = poweredMachine();
+    if (machine == nullptr) return std::nullopt;
+    if (machine->dead()) return Fault{.call = call, .error = EIO};
+    return machine->faults.take(call, kFlashDevice);
+}
+
+// Whether power goes with what this announces.
+std::optional<CutPosition> note(const std::string& text) {
+    Machine* machine = poweredMachine();
+    if (machine == nullptr) return std::nullopt;
+    return machine->trace.add(EventKind::kFlash, kFlashDevice, text);
+}
+
+// How much of an operation is done when power goes inside it: more than nothing, less than all, and
+// the same at each replay.
+size_t tornAt(size_t size) {
+    const uint64_t seed = poweredMachine() != nullptr ? poweredMachine()->trace.count() : 0;
+    return 1 + static_cast<size_t>(seed * 2654435761U % size);
+}
+
+}  // namespace
+
+SerialFlash::SerialFlash(std::filesystem::path file) : file_(std::move(file)) {
+    const std::string content = readWholeFile(file_).value_or("");
+    const size_t size = std::min<size_t>(content.size(), kSize);
+    cells_.assign(content.begin(), content.begin() + static_cast<ptrdiff_t>(size));
+    trim();
+}
+
+SerialFlash::~SerialFlash() = default;
+
+std::vector<uint8_t> SerialFlash::read(uint32_t offset, size_t length) const {
+    Guard guard(boardLock());
+    const size_t end = std::min<size_t>(kSize, offset + length);
+    std::vector<uint8_t> cells(end > offset ? end - offset : 0, kErased);
+    const size_t kept = std::min(end, cells_.size());
+    if (kept > offset) std::copy_n(cells_.begin() + offset, kept - offset, cells.begin());
+    return cells;
+}
+
+uint32_t SerialFlash::usedSize() const {
+    Guard guard(boardLock());
+    return static_cast<uint32_t>(cells_.size());
+}
+
+void SerialFlash::preload(std::string_view content) {
+    Guard guard(boardLock());
+    cells_.assign(content.begin(), content.end());
+    cells_.resize(std::min<size_t>(cells_.size(), kSize));
+    trim();
+    save();
+}
+
+void SerialFlash::damage(uint32_t offset, uint8_t bits) {
+    Guard guard(boardLock());
+    if (offset >= kSize) return;
+    if (offset >= cells_.size()) cells_.resize(offset + 1, kErased);
+    cells_[offset] ^= bits;
+    trim();
+    save();
+}
+
+int SerialFlash::erase(uint32_t offset, uint32_t length) {
+    Guard guard(boardLock());
+    if (offset % kSector != 0 || length % kSector != 0 || length == 0) return EINVAL;
+    if (offset > kSize || length > kSize - offset) return EINVAL;
+    const auto cut = note("erase " + hexNumber(offset) + ", " + hexNumber(length) + " bytes");
+    if (cut == CutPosition::kInside) {
+        eraseCells(offset, static_cast<uint32_t>(tornAt(length - 1)));
+        save();
+        return EIO;
+    }
+    if (listener_) listener_();
+    int error = 0;
+    for (uint32_t at = offset; at < offset + length && error == 0; at += kSector) {
+        const auto fault = faultOf(Call::kFlashErase);
+        spendDeviceTime(kSectorErase, "flash erase");
+        if (!fault) eraseCells(at, kSector);
+        if (fault) error = fault->error;
+    }
+    save();
+    note(error == 0 ? "erased" : "erase failed");
+    return error;
+}
+
+int SerialFlash::program(uint32_t offset, std::span<const uint8_t> data) {
+    Guard guard(boardLock());
+    if (offset > kSize || data.size() > kSize - offset) return ENOSPC;
+    const auto cut = note("program " + hexNumber(offset) + ", " +
+                          hexNumber(static_cast<uint32_t>(data.size())) + " bytes");
+    if (cut == CutPosition::kInside && data.size() > 1) {
+        programCells(offset, data.first(tornAt(data.size() - 1)));
+        save();
+        return EIO;
+    }
+    if (listener_) listener_();
+    int error = 0;
+    for (size_t done = 0; done < data.size() && error == 0;) {
+        const auto at = static_cast<uint32_t>(offset + done);
+        const size_t part = std::min<size_t>(kPage - at % kPage, data.size() - done);
+        const auto fault = faultOf(Call::kFlashProgram);
+        spendDeviceTime(kPageProgram, "flash program");
+        if (!fault) programCells(at, data.subspan(done, part));
+        if (fault) error = fault->error;
+        done += part;
+    }
+    save();
+    note(error == 0 ? "programmed" : "programming failed");
+    return error;
+}
+
+void SerialFlash::eraseCells(uint32_t offset, uint32_t length) {
+    if (offset >= cells_.size()) return;
+    const size_t end = std::min<size_t>(cells_.size(), size_t{offset} + length);
+    std::fill(cells_.begin() + offset, cells_.begin() + static_cast<ptrdiff_t>(end), kErased);
+    trim();
+}
+
+void SerialFlash::programCells(uint32_t offset, std::span<const uint8_t> data) {
+    if (cells_.size() < offset + data.size()) cells_.resize(offset + data.size(), kErased);
+    bool wasErased = true;
+    for (size_t i = 0; i < data.size(); ++i) {
+        uint8_t& cell = cells_[offset + i];
+        wasErased = wasErased && cell == kErased;
+        cell &= data[i];
+    }
+    Machine* machine = poweredMachine();
+    if (!wasErased && machine != nullptr) {
+        machine->violation(kFlashDevice, "page " + hexNumber(offset) + " is not erased");
+    }
+}
+
+void SerialFlash::trim() {
+    while (!cells_.empty() && cells_.back() == kErased) cells_.pop_back();
+}
+
+void SerialFlash::save() const {
+    writeWholeFile(file_, {reinterpret_cast<const char*>(cells_.data()), cells_.size()});
+}
+
+}  // namespace quil::board

@@ -1,0 +1,65 @@
+// The serial flash behind /dev/mtd0: it is erased to 0xFF by sectors, and programming clears bits
+// only.
+//
+// Sizes and times are those of a common 128-Mbit part (W25Q128: block erase 150 ms, page program
+// 0.7 ms). The contents stand in one file of the board directory; what lies behind the file's end
+// is erased, so that a nearly empty flash is a small file.
+//
+// Faults: Call::kFlashErase once for each sector and Call::kFlashProgram once for each page, both
+// with the path "/dev/mtd0": an error ends the operation there, lostSilently leaves the sector or
+// page as it is. Power that goes inside an operation leaves it half done.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "board/core/trace.h"
+
+namespace quil::board {
+
+inline constexpr char kFlashDevice[] = "/dev/mtd0";
+
+class SerialFlash {
+  public:
+    static constexpr uint32_t kSize = 0x1000000, kSector = 0x10000, kPage = 256;
+    static constexpr Nanos kSectorErase = std::chrono::milliseconds(150);
+    static constexpr Nanos kPageProgram = std::chrono::microseconds(700);
+
+    explicit SerialFlash(std::filesystem::path file);
+    ~SerialFlash();
+    SerialFlash(const SerialFlash&) = delete;
+    SerialFlash& operator=(const SerialFlash&) = delete;
+
+    // The cells of a range; of what lies behind the flash's end, nothing.
+    std::vector<uint8_t> read(uint32_t offset, size_t length) const;
+    // How far the flash is used: all behind is erased.
+    uint32_t usedSize() const;
+    // Puts these cells there in no time, as the factory's programmer does; the rest is erased.
+    void preload(std::string_view content);
+    // Flips bits of one cell, as a worn part does.
+    void damage(uint32_t offset, uint8_t bits);
+
+    // The device's work, in board time. 0 or an errno. Asks for whole sectors to erase.
+    int erase(uint32_t offset, uint32_t length);
+    int program(uint32_t offset, std::span<const uint8_t> data);
+
+    // Called before each erase and programming, to see that the host may use the flash now.
+    void onUse(std::function<void()> listener) { listener_ = std::move(listener); }
+
+  private:
+    void eraseCells(uint32_t offset, uint32_t length);
+    void programCells(uint32_t offset, std::span<const uint8_t> data);
+    void trim();
+    void save() const;
+
+    const std::filesystem::path file_;
+    std::vector<uint8_t> cells_;  // behind its end: 0xFF
+    std::function<void()> listener_;
+};
+
+}  // namespace quil::board

@@ -1,0 +1,411 @@
+// The C library's file calls, by path and by descriptor.
+#include <errno.h>
+#include <fcntl.h>
+#include <stdarg.h>
+#include <string.h>
+#include <sys/stat.h>
+
+#include "board/interpose/interpose.h"
+#include "board/interpose/real_calls.h"
+#include "board/machine.h"
+
+using namespace quil::board;
+
+namespace {
+
+// Stands for a driver's attribute where only its being there is asked for.
+constexpr char kSomeFile[] = "/dev/null";
+
+using OpenCall = int (*)(const char*, int, ...);
+
+int failWith(int error) {
+    errno = error;
+    return -1;
+}
+
+bool isFpga(std::string_view path) { return path == kFpgaDevice; }
+
+int openUart(Machine& machine, Uart& uart, int flags) {
+    if (!uart.plugged()) return failWith(ENXIO);
+    const int fd = real().open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
+    if (fd < 0) return fd;
+    uart.opened();
+    machine.files[fd] = {uart.path(), &uart, flags, nullptr};
+    return fd;
+}
+
+int openFpga(Machine& machine, int flags) {
+    const int fd = real().open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
+    if (fd < 0) return fd;
+    machine.fpga->checkOpenMode(flags);
+    machine.files[fd] = {kFpgaDevice, nullptr, flags, nullptr, machine.fpga.get()};
+    return fd;
+}
+
+int openSysfs(Machine& machine, const char* path, int flags) {
+    const int access = flags & O_ACCMODE;
+    if (const int error = machine.sysfs.refusal(path, access != O_WRONLY, access != O_RDONLY)) {
+        return failWith(error);
+    }
+    const int fd = real().open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
+    if (fd >= 0) machine.files[fd] = {path, nullptr, flags, machine.sysfs.open(path)};
+    return fd;
+}
+
+Probes::Use useOf(int flags) {
+    if ((flags & O_CREAT) != 0) return Probes::Use::kCreate;
+    return (flags & O_ACCMODE) == O_RDONLY ? Probes::Use::kRead : Probes::Use::kWrite;
+}
+
+Probes::Use useOf(const char* mode) {
+    if (mode[0] != 'r') return Probes::Use::kCreate;
+    return strchr(mode, '+') == nullptr ? Probes::Use::kRead : Probes::Use::kWrite;
+}
+
+int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::string& hostPath,
+                int flags, mode_t mode) {
+    Guard guard(boardLock());
+    if (machine.dead()) return failWith(EIO);
+    if (const auto fault = machine.faults.take(Call::kOpen, path)) return failWith(fault->error);
+    if (const int error = machine.probes->refusal(path, useOf(flags))) return failWith(error);
+    int fd = -1;
+    if (Uart* uart = machine.uartAt(path)) {
+        fd = openUart(machine, *uart, flags);
+    } else if (machine.sysfs.exists(path)) {
+        fd = openSysfs(machine, path, flags);
+    } else if (isFpga(path)) {
+        fd = openFpga(machine, flags);
+    } else {
+        fd = call(hostPath.c_str(), flags, mode);
+        if (fd >= 0) machine.files[fd] = {path, nullptr, flags, nullptr};
+    }
+    const int error = errno;
+    machine.trace.add(EventKind::kOpen, path, fd < 0 ? strerrorname_np(error) : "");
+    errno = error;
+    return fd;
+}
+
+int openLent(Machine& machine, OpenCall call, const char* path, int flags, mode_t mode) {
+    Guard guard(boardLock());
+    const int fd = call(path, flags, mode);
+    const int error = errno;
+    if (fd >= 0) machine.lentDevices.opened(fd, path);
+    machine.trace.add(EventKind::kOpen, path, fd < 0 ? strerrorname_np(error) : "");
+    errno = error;
+    return fd;
+}
+
+int openAnywhere(OpenCall call, const char* path, int flags, mode_t mode) {
+    Machine* machine = machineForCall();
+    if (machine != nullptr && path != nullptr && machine->lentDevices.has(path)) {
+        return openLent(*machine, call, path, flags, mode);
+    }
+    const auto host = machine ? machine->onHost(path) : std::nullopt;
+    if (!host) return call(path, flags, mode);
+    return openOnBoard(*machine, call, path, host->string(), flags, mode);
+}
+
+mode_t modeOf(int flags, va_list arguments) {
+    return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
+}
+
+// A pipe or socket with nothing in it: the reader waits in board time, not with the turn in its
+// hands.
+void waitForPipe(Machine& machine, int fd) {
+    struct stat info {};
+    if (fd == 0 || machine.options.realtime || !Scheduler::attached()) return;
+    if (fstat(fd, &info) != 0 || S_ISREG(info.st_mode) || S_ISCHR(info.st_mode)) return;
+    if ((real().fcntl(fd, F_GETFL) & O_NONBLOCK) != 0) return;
+    pollfd entry{fd, POLLIN, 0};
+    while (real().poll(&entry, 1, 0) == 0 && poweredMachine() == &machine) {
+        machine.scheduler.park("input", &machine.files);
+    }
+}
+
+ssize_t resultOf(ssize_t result) {
+    if (result >= 0) return result;
+    errno = static_cast<int>(-result);
+    return -1;
+}
+
+// A read that comes up short has gone over the wire as a whole.
+ssize_t readFpga(Fpga& fpga, void* data, size_t whole, size_t count) {
+    const ssize_t done = fpga.spiRead({static_cast<uint8_t*>(data), whole});
+    return resultOf(std::min(done, static_cast<ssize_t>(count)));
+}
+
+ssize_t readOnBoard(Machine& machine, OpenFile file, int fd, void* data, size_t count) {
+    const size_t whole = count;
+    if (machine.dead()) return failWith(EIO);
+    if (const auto fault = machine.faults.take(Call::kRead, file.path)) {
+        machine.spend(*fault);
+        if (fault->error != 0) return failWith(fault->error);
+        if (fault->shortTo) count = std::min(count, *fault->shortTo);
+    }
+    if (file.sysfs) return resultOf(file.sysfs->read(static_cast<char*>(data), count));
+    if (file.fpga != nullptr) return readFpga(*file.fpga, data, whole, count);
+    if (file.uart == nullptr) return real().read(fd, data, count);
+    const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
+    return resultOf(file.uart->hostRead(static_cast<uint8_t*>(data), count, nonBlocking));
+}
+
+ssize_t writeOnBoard(Machine& machine, OpenFile file, int fd, const void* data, size_t count) {
+    const size_t whole = count;
+    if (machine.dead()) return failWith(EIO);
+    if (const auto fault = machine.faults.take(Call::kWrite, file.path)) {
+        if (fault->error != 0) return failWith(fault->error);
+        if (fault->lostSilently) return static_cast<ssize_t>(count);
+        if (fault->shortTo) count = std::min(count, *fault->shortTo);
+    }
+    if (file.sysfs) return resultOf(file.sysfs->write(static_cast<const char*>(data), count));
+    if (file.fpga != nullptr) {
+        return resultOf(
+            file.fpga->spiWrite({static_cast<const uint8_t*>(data), count}, count < whole));
+    }
+    if (file.uart == nullptr) return real().write(fd, data, count);
+    const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
+    return resultOf(file.uart->hostWrite(static_cast<const uint8_t*>(data), count, nonBlocking));
+}
+
+int closeOnBoard(Machine& machine, OpenFile file, int fd) {
+    const auto fault = machine.faults.take(Call::kClose, file.path);
+    machine.trace.add(EventKind::kClose, file.path, "");
+    machine.files.erase(fd);
+    if (file.uart != nullptr) file.uart->closed();
+    const int result = real().close(fd);
+    return fault ? failWith(fault->error) : result;
+}
+
+// Status flags of a device are the board's; everything else is the descriptor's.
+int fcntlOnBoard(Machine& machine, OpenFile& file, int fd, int command, void* argument) {
+    if (machine.dead()) return failWith(EIO);
+    if (const auto fault = machine.faults.take(Call::kFcntl, file.path)) {
+        return failWith(fault->error);
+    }
+    if (file.uart == nullptr) return real().fcntl(fd, command, argument);
+    if (command == F_GETFL) return file.flags & ~(O_CREAT | O_NOCTTY | O_CLOEXEC);
+    if (command != F_SETFL) return real().fcntl(fd, command, argument);
+    constexpr int kChangeable = O_NONBLOCK | O_APPEND;
+    const int flags = static_cast<int>(reinterpret_cast<intptr_t>(argument));
+    file.flags = (file.flags & ~kChangeable) | (flags & kChangeable);
+    return 0;
+}
+
+int fcntlAnywhere(int fd, int command, void* argument) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().fcntl(fd, command, argument);
+    Guard guard(boardLock());
+    OpenFile* file = machine->openFile(fd);
+    if (file == nullptr) return real().fcntl(fd, command, argument);
+    return fcntlOnBoard(*machine, *file, fd, command, argument);
+}
+
+FILE* fopenSysfs(Machine& machine, const char* path, const char* mode) {
+    const bool both = strchr(mode, '+') != nullptr, reads = mode[0] == 'r';
+    const int error = machine.sysfs.refusal(path, reads || both, !reads || both);
+    if (error == 0) return Sysfs::openStream(machine.sysfs.open(path), mode);
+    errno = error;
+    return nullptr;
+}
+
+FILE* fopenAnywhere(FILE* (*call)(const char*, const char*), const char* path, const char* mode) {
+    Machine* machine = machineForCall();
+    const auto host = machine ? machine->onHost(path) : std::nullopt;
+    if (!host) return call(path, mode);
+    Guard guard(boardLock());
+    if (machine->dead()) {
+        errno = EIO;
+        return nullptr;
+    }
+    if (const auto fault = machine->faults.take(Call::kFopen, path)) {
+        errno = fault->error;
+        return nullptr;
+    }
+    if (const int error = machine->probes->refusal(path, useOf(mode))) {
+        errno = error;
+        return nullptr;
+    }
+    machine->trace.add(EventKind::kOpen, path, mode);
+    if (machine->sysfs.exists(path)) return fopenSysfs(*machine, path, mode);
+    return call(host->c_str(), mode);
+}
+
+// For the calls that only need another path: the fault's result, or the call with the path
+// translated.
+template <typename Function>
+int withHostPath(Call call, const char* path, Function function) {
+    Machine* machine = machineForCall();
+    const auto host = machine ? machine->onHost(path) : std::nullopt;
+    if (!host) return function(path);
+    Guard guard(boardLock());
+    if (machine->dead()) return failWith(EIO);
+    if (const auto fault = machine->faults.take(call, path)) return failWith(fault->error);
+    const auto use = call == Call::kRemove ? Probes::Use::kWrite : Probes::Use::kRead;
+    if (const int error = machine->probes->refusal(path, use)) return failWith(error);
+    if (machine->uartAt(path) != nullptr || isFpga(path)) return function(kSomeFile);
+    if (machine->sysfs.exists(path)) {
+        return call == Call::kRemove ? failWith(EPERM) : function(kSomeFile);
+    }
+    return function(host->c_str());
+}
+
+}  // namespace
+
+extern "C" {
+
+QUIL_EXPORT int open(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    return openAnywhere(real().open, path, flags, mode);
+}
+
+QUIL_EXPORT int open64(const char* path, int flags, ...) {
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = modeOf(flags, arguments);
+    va_end(arguments);
+    return openAnywhere(real().open64, path, flags, mode);
+}
+
+QUIL_EXPORT int __open_2(const char* path, int flags) {
+    return openAnywhere(real().open, path, flags, 0);
+}
+
+QUIL_EXPORT int __open64_2(const char* path, int flags) {
+    return openAnywhere(real().open64, path, flags, 0);
+}
+
+QUIL_EXPORT ssize_t read(int fd, void* data, size_t count) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().read(fd, data, count);
+    {
+        Guard guard(boardLock());
+        if (const OpenFile* file = machine->openFile(fd)) {
+            const ssize_t done = readOnBoard(*machine, *file, fd, data, count);
+            if (done < 0) machine->readFailed();
+            return done;
+        }
+        waitForPipe(*machine, fd);
+    }
+    const ssize_t result = real().read(fd, data, count);
+    const int error = errno;
+    Guard guard(boardLock());
+    machine->lentDevices.transferred(fd, EventKind::kUartRx, data, result);
+    errno = error;
+    return result;
+}
+
+QUIL_EXPORT ssize_t __read_chk(int fd, void* data, size_t count, size_t room) {
+    if (count > room) abort();
+    return read(fd, data, count);
+}
+
+QUIL_EXPORT ssize_t write(int fd, const void* data, size_t count) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().write(fd, data, count);
+    Guard guard(boardLock());
+    if (const OpenFile* file = machine->openFile(fd)) {
+        return writeOnBoard(*machine, *file, fd, data, count);
+    }
+    const ssize_t result = real().write(fd, data, count);
+    const int error = errno;
+    machine->lentDevices.transferred(fd, EventKind::kUartTx, data, result);
+    if (machine->scheduler.anyoneParked()) machine->readinessChanged();
+    errno = error;
+    return result;
+}
+
+// On a board's file each part is a write of its own; what the last one did not take ends the call.
+QUIL_EXPORT ssize_t writev(int fd, const iovec* parts, int count) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().writev(fd, parts, count);
+    Guard guard(boardLock());
+    const OpenFile* file = machine->openFile(fd);
+    if (file == nullptr) return real().writev(fd, parts, count);
+    ssize_t total = 0;
+    for (const iovec* part = parts; part != parts + count; ++part) {
+        const ssize_t done = writeOnBoard(*machine, *file, fd, part->iov_base, part->iov_len);
+        if (done < 0) return total > 0 ? total : done;
+        total += done;
+        if (done < static_cast<ssize_t>(part->iov_len)) break;
+    }
+    return total;
+}
+
+QUIL_EXPORT int dup(int fd) noexcept {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().dup(fd);
+    Guard guard(boardLock());
+    const int copy = real().dup(fd);
+    const OpenFile* file = machine->openFile(fd);
+    if (copy < 0 || file == nullptr) return copy;
+    machine->files[copy] = *file;
+    if (file->uart != nullptr) file->uart->opened();
+    return copy;
+}
+
+QUIL_EXPORT int close(int fd) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return real().close(fd);
+    Guard guard(boardLock());
+    const OpenFile* file = machine->openFile(fd);
+    machine->lentDevices.closed(fd);
+    const int result = file ? closeOnBoard(*machine, *file, fd) : real().close(fd);
+    const int error = errno;
+    machine->readinessChanged();
+    errno = error;
+    return result;
+}
+
+QUIL_EXPORT int fcntl(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return fcntlAnywhere(fd, command, argument);
+}
+
+QUIL_EXPORT int fcntl64(int fd, int command, ...) {
+    va_list arguments;
+    va_start(arguments, command);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return fcntlAnywhere(fd, command, argument);
+}
+
+QUIL_EXPORT int access(const char* path, int mode) noexcept {
+    return withHostPath(Call::kAccess, path,
+                        [mode](const char* at) { return real().access(at, mode); });
+}
+
+QUIL_EXPORT int stat(const char* path, struct stat* info) noexcept {
+    return withHostPath(Call::kStat, path,
+                        [info](const char* at) { return real().stat(at, info); });
+}
+
+QUIL_EXPORT int stat64(const char* path, struct stat64* info) noexcept {
+    return withHostPath(Call::kStat, path,
+                        [info](const char* at) { return real().stat64(at, info); });
+}
+
+QUIL_EXPORT int remove(const char* path) noexcept {
+    return withHostPath(Call::kRemove, path, [](const char* at) { return real().remove(at); });
+}
+
+QUIL_EXPORT FILE* fopen(const char* path, const char* mode) {
+    return fopenAnywhere(real().fopen, path, mode);
+}
+
+QUIL_EXPORT FILE* fopen64(const char* path, const char* mode) {
+    return fopenAnywhere(real().fopen64, path, mode);
+}
+
+QUIL_EXPORT int system(const char* command) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr || command == nullptr) return real().system(command);
+    return machine->shell.run(command);
+}
+
+}  // extern "C"

@@ -1,0 +1,127 @@
+// The platform's log and properties, and the board's closed libraries.
+#include <errno.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "board/interpose/interpose.h"
+#include "board/interpose/real_calls.h"
+#include "board/machine.h"
+#include "platform/vendor/include/quil_bi.h"
+
+using namespace quil::board;
+
+namespace {
+
+constexpr size_t kPropertyMax = 92;  // the platform's, the NUL included
+
+int keepLogLine(int priority, const char* tag, const char* text) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) {
+        return real().logWrite != nullptr ? real().logWrite(priority, tag, text) : -1;
+    }
+    Guard guard(boardLock());
+    if (machine->dead()) return -EIO;
+    const std::string source = tag != nullptr ? tag : "";
+    if (machine->trace.recording()) {
+        machine->log.push_back({priority, source, text});
+        machine->trace.add(EventKind::kLog, source, text);
+    }
+    return 1;
+}
+
+// Without power nobody answers.
+int32_t probe(const char* part) {
+    Machine* machine = machineForCall();
+    return machine != nullptr && !machine->dead() ? machine->probes->probe(part) : -1;
+}
+
+int copyProperty(const std::string& value, char* dest) {
+    const size_t length = std::min(value.size(), kPropertyMax - 1);
+    memcpy(dest, value.data(), length);
+    dest[length] = '\0';
+    return static_cast<int>(length);
+}
+
+}  // namespace
+
+extern "C" {
+
+[[gnu::format(printf, 3, 4)]] QUIL_EXPORT int __android_log_print(int priority, const char* tag,
+                                                                  const char* format, ...) {
+    va_list arguments;
+    va_start(arguments, format);
+    char* text = nullptr;
+    const int length = vasprintf(&text, format, arguments);
+    va_end(arguments);
+    if (length < 0) return -1;
+    const int result = keepLogLine(priority, tag, text);
+    free(text);
+    return result;
+}
+
+QUIL_EXPORT int __android_log_write(int priority, const char* tag, const char* text) {
+    return keepLogLine(priority, tag, text);
+}
+
+// Whatever errno was before, the property area's search leaves its own.
+QUIL_EXPORT int property_get(const char* name, char* value, const char* fallback) {
+    errno = ENOENT;
+    Machine* machine = machineForCall();
+    const std::string missing = fallback != nullptr ? fallback : "";
+    return copyProperty(machine ? machine->properties.get(name, missing) : missing, value);
+}
+
+QUIL_EXPORT int property_set(const char* name, const char* value) {
+    Machine* machine = machineForCall();
+    const std::string text = value != nullptr ? value : "";
+    if (machine == nullptr || name == nullptr || text.size() >= kPropertyMax) return -1;
+    machine->properties.set(name, text);
+    if (machine->dead()) return -1;
+    return 0;
+}
+
+QUIL_EXPORT int32_t bi_common_load_ini_file(const char* path) {
+    Machine* machine = machineForCall();
+    const auto host = machine ? machine->onHost(path) : std::nullopt;
+    if (machine == nullptr || path == nullptr) return 0;
+    Guard guard(boardLock());
+    if (machine->faults.take(Call::kOpen, path)) return 0;
+    return machine->iniReader.load(host.value_or(path));
+}
+
+// Copies whatever stands there, however long: the closed library knows no capacity.
+QUIL_EXPORT int32_t bi_common_ini_get_string(int32_t handle, const char* section, const char* key,
+                                             char* dest) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr) return -1;
+    Guard guard(boardLock());
+    const std::string* value = machine->iniReader.find(handle, section, key);
+    if (value == nullptr) return -1;
+    memcpy(dest, value->c_str(), value->size() + 1);
+    return 0;
+}
+
+QUIL_EXPORT int32_t bi_common_ini_get_int(int32_t handle, const char* section, const char* key) {
+    Machine* machine = machineForCall();
+    return machine != nullptr ? machine->iniReader.integer(handle, section, key) : 0;
+}
+
+QUIL_EXPORT int32_t bi_info_get_product_info(void* block) {
+    Machine* machine = machineForCall();
+    if (machine == nullptr || block == nullptr) return -1;
+    return machine->productInformation.fill(static_cast<uint8_t*>(block));
+}
+
+QUIL_EXPORT int32_t bi_i2c_get_rtc_state(int32_t /*bus*/) { return probe(kRtc); }
+
+QUIL_EXPORT int32_t bi_i2c_get_audio_state(int32_t codec) {
+    Machine* machine = machineForCall();
+    return machine != nullptr && !machine->dead() ? machine->probes->probeCodec(codec) : -1;
+}
+
+QUIL_EXPORT int32_t bi_i2c_get_clock_chip_state(int32_t /*bus*/) { return probe(kClockChip); }
+QUIL_EXPORT int32_t bi_network_get_ap_state() { return probe(kWifiAp); }
+QUIL_EXPORT int32_t bi_network_get_sta_state() { return probe(kWifiSta); }
+
+}  // extern "C"

@@ -1,0 +1,47 @@
+#include "board/mcu/boot_loader.h"
+
+#include "board/core/lock.h"
+#include "board/mcu/n32_boot_loader.h"
+#include "board/mcu/stm32_boot_loader.h"
+
+namespace quil::board {
+
+void LoaderFaults::add(const LoaderFault& fault) {
+    Guard guard(boardLock());
+    faults_.push_back(fault);
+}
+
+void LoaderFaults::clear() {
+    Guard guard(boardLock());
+    faults_.clear();
+}
+
+std::optional<LoaderFault> LoaderFaults::take(uint8_t command, LoaderStep step) {
+    for (LoaderFault& fault : faults_) {
+        if (fault.times == 0 || (fault.step && *fault.step != step)) continue;
+        if (fault.command && (step == LoaderStep::kSync || *fault.command != command)) continue;
+        if (fault.after > 0) {
+            --fault.after;
+            continue;
+        }
+        if (fault.times > 0) --fault.times;
+        return fault;
+    }
+    return std::nullopt;
+}
+
+const char* nameOf(LoaderStep step) {
+    constexpr std::array<const char*, 6> kNames = {"sync",  "command", "address",
+                                                   "count", "data",    "finished"};
+    return kNames.at(static_cast<size_t>(step));
+}
+
+std::unique_ptr<BootLoader> makeBootLoader(McuFlash& flash, McuSurroundings& around,
+                                           LoaderFaults& faults) {
+    if (flash.part().commands.empty()) {
+        return std::make_unique<N32BootLoader>(flash, around, faults);
+    }
+    return std::make_unique<Stm32BootLoader>(flash, around, faults);
+}
+
+}  // namespace quil::board

@@ -1,0 +1,89 @@
+// The microcontroller's application: it reads requests from its serial line, checks every byte of
+// them, keeps values, and answers.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <map>
+#include <string>
+#include <vector>
+
+#include "board/devices/uart.h"
+
+namespace quil::board {
+
+class McuApplication : public UartPeer {
+  public:
+    struct Request {
+        Nanos at;
+        uint16_t label;
+        uint8_t flags;
+        bool isWrite;
+        uint32_t cmd;
+        std::vector<uint8_t> payload;
+        std::vector<uint8_t> frame;
+    };
+    static constexpr uint32_t kVersionCommand = 0x00000001;
+    // The firmware updater's query has this in the word after the command. Its answer names the
+    // part (16 bytes) and the version (16 bytes), both NUL padded: the version's 15 characters are
+    // bytes 46 to 60 of the frame.
+    static constexpr uint32_t kUpdatersScope = 0x00030000;
+    static constexpr size_t kIdentificationPart = 16, kIdentificationVersion = 16;
+    static constexpr Nanos kLongestGap = std::chrono::milliseconds(50);  // inside one frame
+
+    // `directory` holds the file "values". Nothing is heard or said before start.
+    McuApplication(std::filesystem::path directory, Uart&, int baud);
+    ~McuApplication() override;
+    McuApplication(const McuApplication&) = delete;
+    McuApplication& operator=(const McuApplication&) = delete;
+
+    std::vector<Request> requests() const;
+    std::vector<std::vector<uint8_t>> framesSeen() const;  // every well-formed frame, in order
+    size_t badFrames() const;
+    void setAnswerDelay(Nanos);  // from the last byte of a request, default 1 ms
+    void setSilent(bool);
+    void setNoise(std::vector<uint8_t> before, std::vector<uint8_t> after);  // around each answer
+    void setCorruptAnswers(bool);  // flips a bit of the checksum
+    void setAnswer(uint32_t cmd, std::vector<uint8_t> payload);
+    void setVersion(std::string);  // says this one until the next start
+    void setLine(LineSettings);
+    void sendUnsolicited(const std::vector<uint8_t>& payload, uint32_t cmd);
+
+    // The part starts the application that its flash holds; any reset stops it.
+    void start(std::string partName, std::string version);
+    void stop();
+
+    void receive(uint8_t byte) override;
+    LineSettings lineSettings() const override;
+
+  private:
+    void startOver(const std::string& why);
+    void checkHeader();
+    void checkFrame();
+    void accept();
+    void answer(const Request&);
+    std::vector<uint8_t> answerTo(const Request&);
+    std::vector<uint8_t> identification() const;
+    void send(std::vector<uint8_t> frame);
+    void load();
+    void saveValues() const;
+
+    std::filesystem::path directory_;
+    Uart& uart_;
+    LineSettings line_;
+    std::string partName_, version_;
+    bool running_ = false;
+    uint64_t epoch_ = 0;  // counts starts and stops
+    std::map<uint32_t, std::vector<uint8_t>> values_, fixedAnswers_;
+    std::vector<uint8_t> frame_;
+    bool inNoise_ = false;
+    Nanos lastByte_{0};
+    size_t badFrames_ = 0;
+    std::vector<Request> requests_;
+    std::vector<std::vector<uint8_t>> framesSeen_;
+    Nanos answerDelay_ = std::chrono::milliseconds(1);
+    bool silent_ = false, corrupt_ = false;
+    std::vector<uint8_t> noiseBefore_, noiseAfter_;
+};
+
+}  // namespace quil::board

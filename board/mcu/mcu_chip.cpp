@@ -1,0 +1,160 @@
+#include "board/mcu/mcu_chip.h"
+
+#include "board/machine.h"
+
+namespace quil::board {
+
+const char* nameOf(McuChip::State state) {
+    constexpr std::array<const char*, 6> kNames = {"in reset",    "starting", "boot loader",
+                                                   "application", "no image", "elsewhere"};
+    return kNames.at(static_cast<size_t>(state));
+}
+
+McuChip::McuChip(const McuPart& part, const std::filesystem::path& directory, Uart& uart,
+                 GpioLines& gpio, McuApplication& application)
+    : uart_(uart),
+      boot0_(gpio.at(kGpioBoot0)),
+      application_(application),
+      flash_(part, directory / "flash"),
+      loader_(makeBootLoader(flash_, *this, faults_)) {
+    gpio.at(kGpioNrst).onEdge([this](int level) { onReset(level); });
+    uart_.attach(this);
+}
+
+McuChip::~McuChip() { uart_.attach(nullptr); }
+
+McuChip::State McuChip::state() const {
+    Guard guard(boardLock());
+    return state_;
+}
+
+std::string McuChip::version() const {
+    Guard guard(boardLock());
+    return version_;
+}
+
+std::vector<McuChip::Start> McuChip::starts() const {
+    Guard guard(boardLock());
+    return starts_;
+}
+
+void McuChip::flashImage(std::string_view image) {
+    Guard guard(boardLock());
+    flash_.load(image);
+}
+
+// The part has long been up when the host is.
+void McuChip::powerOn() {
+    Guard guard(boardLock());
+    startFromReset();
+}
+
+void McuChip::powerLost() {
+    if (flash_.busy()) flash_.powerLost(static_cast<uint64_t>(now().count()));
+    halt(State::kInReset);
+}
+
+void McuChip::onReset(int level) {
+    if (level == 0) {
+        powerLost();  // to a flash at work a reset is the same
+        return;
+    }
+    state_ = State::kStarting;
+    after(kStartTime, [this] { startFromReset(); });
+}
+
+void McuChip::halt(State state) {
+    ++epoch_;
+    application_.stop();
+    version_.clear();
+    state_ = state;
+}
+
+void McuChip::startFromReset() {
+    if (boot0_.level() == 0) return startApplication();
+    state_ = State::kBootLoader;
+    starts_.push_back({now(), state_, ""});
+    note("the boot loader starts");
+    loader_->start();
+}
+
+void McuChip::startApplication() {
+    const McuImageCheck check = checkMcuImage(part(), flash_.cells());
+    state_ = check.problem.empty() ? State::kApplication : State::kNoImage;
+    version_ = check.version;
+    starts_.push_back({now(), state_, version_});
+    if (state_ == State::kNoImage) return note("no start: " + check.problem);
+    note("the application starts, " + version_);
+    application_.start(part().name, version_);
+}
+
+void McuChip::receive(uint8_t byte) {
+    if (state_ == State::kBootLoader) loader_->receive(byte);
+    if (state_ == State::kApplication) application_.receive(byte);
+}
+
+LineSettings McuChip::lineSettings() const {
+    if (state_ == State::kBootLoader) return loader_->lineSettings();
+    if (state_ == State::kApplication) return application_.lineSettings();
+    return uart_.hostLine();
+}
+
+Nanos McuChip::now() const { return theScheduler().now(); }
+
+void McuChip::after(Nanos delay, std::function<void()> action) {
+    theScheduler().at(now() + delay, [this, epoch = epoch_, action = std::move(action)] {
+        if (epoch == epoch_) action();
+    });
+}
+
+void McuChip::send(std::vector<uint8_t> bytes) { uart_.sendToHost(bytes); }
+
+LineSettings McuChip::hostLine() const { return uart_.hostLine(); }
+
+void McuChip::note(const std::string& text) {
+    if (Machine* machine = poweredMachine()) {
+        machine->trace.add(EventKind::kMcu, part().name, text);
+    }
+}
+
+void McuChip::violation(const std::string& text) {
+    if (Machine* machine = poweredMachine()) machine->violation(part().name, text);
+}
+
+void McuChip::operate(const std::string& what, std::function<Nanos(McuFlash&)> start,
+                      std::function<void(const std::string&)> done) {
+    Machine* machine = poweredMachine();
+    if (machine == nullptr) return;
+    const auto cut = machine->trace.add(EventKind::kFlash, part().name, what);
+    if (cut == CutPosition::kBefore) return;
+    const Nanos takes = start(flash_);
+    if (cut == CutPosition::kInside) flash_.powerLost(machine->trace.count());
+    if (cut == CutPosition::kAfter) flash_.finish();
+    if (!cut) after(takes, [this, done = std::move(done)] { done(flash_.finish()); });
+}
+
+void McuChip::resetBySoftware() {
+    halt(State::kStarting);
+    after(kStartTime, [this] { startFromReset(); });
+}
+
+void McuChip::jumpTo(uint32_t address) {
+    halt(State::kElsewhere);
+    note("a jump out of the boot loader");
+    if (address == kMcuFlashBase) startApplication();
+}
+
+const McuPart& partOfProductFile(const std::filesystem::path& productFile) {
+    IniReader reader;
+    const std::string* name = reader.find(reader.load(productFile), "mcu", "mcu_serial");
+    const McuPart* part = name != nullptr ? partNamedIn(*name) : nullptr;
+    return part != nullptr ? *part : partOf(McuKind::kGd32F303);
+}
+
+McuImageCheck checkFlashedMcu(const std::filesystem::path& boardDirectory) {
+    const McuPart& part = partOfProductFile(boardDirectory / "rootfs/vendor/etc/product.ini");
+    const McuFlash flash(part, boardDirectory / "mcu/flash");
+    return checkMcuImage(part, flash.cells());
+}
+
+}  // namespace quil::board

@@ -1,0 +1,87 @@
+// The microcontroller as a part on the board: reset and BOOT0, flash, and what runs on it.
+//
+// While NRST is low it is silent. When NRST rises, BOOT0 decides: high starts the boot loader in
+// its ROM, low the application in its flash, if a whole image stands there (mcu_image.h); otherwise
+// the part stays silent, as it does after a jump to anywhere else.
+#pragma once
+
+#include <memory>
+
+#include "board/devices/gpio_lines.h"
+#include "board/mcu/boot_loader.h"
+#include "board/mcu/mcu_application.h"
+#include "board/mcu/mcu_image.h"
+
+namespace quil::board {
+
+class McuChip : public UartPeer, private McuSurroundings {
+  public:
+    enum class State { kInReset, kStarting, kBootLoader, kApplication, kNoImage, kElsewhere };
+    struct Start {
+        Nanos at;
+        State as;             // kBootLoader, kApplication, kNoImage
+        std::string version;  // of the application
+    };
+    // From the rise of NRST until the part listens.
+    static constexpr Nanos kStartTime = std::chrono::microseconds(500);
+
+    // `directory` holds the file "flash".
+    McuChip(const McuPart&, const std::filesystem::path& directory, Uart&, GpioLines&,
+            McuApplication&);
+    ~McuChip() override;
+    McuChip(const McuChip&) = delete;
+    McuChip& operator=(const McuChip&) = delete;
+
+    const McuPart& part() const { return flash_.part(); }
+    State state() const;
+    std::string version() const;        // of the running application, else ""
+    std::vector<Start> starts() const;  // since power-on
+    LoaderFaults& loaderFaults() { return faults_; }
+    McuFlash& flash() { return flash_; }
+    // Puts an image into the flash, as a programmer on a desk would; takes effect at the next
+    // start.
+    void flashImage(std::string_view image);
+
+    void powerOn();
+    void powerLost();
+
+    void receive(uint8_t byte) override;
+    LineSettings lineSettings() const override;
+
+  private:
+    Nanos now() const override;
+    void after(Nanos delay, std::function<void()>) override;
+    void send(std::vector<uint8_t>) override;
+    LineSettings hostLine() const override;
+    void note(const std::string&) override;
+    void violation(const std::string&) override;
+    void operate(const std::string& what, std::function<Nanos(McuFlash&)> start,
+                 std::function<void(const std::string&)> done) override;
+    void resetBySoftware() override;
+    void jumpTo(uint32_t address) override;
+
+    void onReset(int level);
+    void halt(State);
+    void startFromReset();
+    void startApplication();
+
+    Uart& uart_;
+    GpioLine& boot0_;
+    McuApplication& application_;
+    McuFlash flash_;
+    LoaderFaults faults_;
+    const std::unique_ptr<BootLoader> loader_;
+    State state_ = State::kInReset;
+    std::string version_;
+    std::vector<Start> starts_;
+    uint64_t epoch_ = 0;  // counts resets
+};
+
+const char* nameOf(McuChip::State);
+
+// The part that a product file names as mcu_serial; the GD32F303 where it names none that is known.
+const McuPart& partOfProductFile(const std::filesystem::path& productFile);
+// What the MCU of a board directory would start from.
+McuImageCheck checkFlashedMcu(const std::filesystem::path& boardDirectory);
+
+}  // namespace quil::board

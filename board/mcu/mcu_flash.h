@@ -1,0 +1,81 @@
+// The flash memory of the microcontroller, kept in a file of the board directory.
+//
+// NOR: an erase sets every bit of a page, programming clears bits, a unit that is not erased must
+// not be programmed. An operation takes its time; until it is finished the cells keep what they
+// had, and power that is lost meanwhile leaves a part of it done.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <set>
+#include <span>
+#include <string>
+#include <vector>
+
+#include "board/core/trace.h"
+#include "board/mcu/mcu_parts.h"
+
+namespace quil::board {
+
+class McuFlash {
+  public:
+    struct Page {
+        uint32_t offset, size;
+    };
+
+    // The file holds the flash from its start; what it does not reach to is erased.
+    McuFlash(const McuPart&, std::filesystem::path file);
+    ~McuFlash();
+    McuFlash(const McuFlash&) = delete;
+    McuFlash& operator=(const McuFlash&) = delete;
+
+    const McuPart& part() const { return part_; }
+    std::span<const uint8_t> cells() const { return cells_; }
+    Page page(uint32_t number) const;
+    uint32_t pageAt(uint32_t offset) const;
+    // For tests and tools: erases everything and puts `image` at the start.
+    void load(std::string_view image);
+
+    // Operations, one at a time; each start returns how long it will take. Pages under write
+    // protection are passed over, as a part does.
+    Nanos startErase(const std::vector<uint32_t>& pages);
+    Nanos startMassErase();
+    Nanos startProgram(uint32_t offset, std::span<const uint8_t> bytes);
+    bool busy() const { return operation_.kind != Operation::kNone; }
+    // The end of the operation. Returns what broke the rules, "" when nothing did.
+    std::string finish();
+    // Power goes. What the operation under way has done by then depends on the seed alone.
+    void powerLost(uint64_t seed);
+
+    // Protection outlives the power, as option bytes do.
+    bool readoutProtected() const { return readoutProtected_; }
+    void setReadoutProtected(bool);
+    const std::set<uint32_t>& writeProtectedPages() const { return writeProtected_; }
+    void setWriteProtected(std::set<uint32_t> pages);
+
+    void save();  // writes the files where something changed; also done at the end
+
+  private:
+    struct Operation {
+        enum Kind { kNone, kErase, kMassErase, kProgram } kind = kNone;
+        std::vector<uint32_t> pages = {};
+        uint32_t offset = 0;
+        std::vector<uint8_t> bytes = {};
+    };
+    bool isProtected(uint32_t offset) const;
+    bool erased(uint32_t offset, uint32_t size) const;
+    void erase(const Page&);
+    std::string program(uint32_t offset, std::span<const uint8_t> bytes);
+    void loadOptions();
+
+    const McuPart& part_;
+    const std::filesystem::path file_, optionsFile_;
+    std::vector<uint8_t> cells_;
+    size_t used_ = 0;  // all cells from here on are erased
+    Operation operation_;
+    bool readoutProtected_ = false;
+    std::set<uint32_t> writeProtected_;
+    bool changed_ = false, optionsChanged_ = false;
+};
+
+}  // namespace quil::board

@@ -1,0 +1,233 @@
+#include "board/mcu/n32_boot_loader.h"
+
+#include <algorithm>
+#include <array>
+#include <functional>
+#include <numeric>
+#include <utility>
+
+namespace quil::board {
+namespace {
+
+constexpr uint8_t kStart0 = 0xAA, kStart1 = 0x55, kSuccess = 0xA0, kFailure = 0xB0;
+constexpr size_t kCommandAt = 2, kPayloadLengthAt = 4, kParameterAt = 6, kPayloadAt = 10,
+                 kKeySize = 16;
+constexpr size_t kBlockAt = kPayloadAt + kKeySize, kLongestPayload = 148, kInfoSize = 51;
+constexpr int kSpeed = 9600;
+constexpr uint32_t kCrcStart = 0xFFFFFFFF;
+
+uint32_t word16(std::span<const uint8_t> bytes, size_t at) {
+    return static_cast<uint32_t>(bytes[at] | bytes[at + 1] << 8);
+}
+
+uint32_t word32(std::span<const uint8_t> bytes, size_t at) {
+    return word16(bytes, at) | word16(bytes, at + 2) << 16;
+}
+
+// As the part's CRC unit does it: a word at a time, its most significant bit first.
+uint32_t crcOf(std::span<const uint8_t> bytes) {
+    uint32_t crc = kCrcStart;
+    for (size_t at = 0; at + 4 <= bytes.size(); at += 4) {
+        crc ^= word32(bytes, at);
+        for (int bit = 0; bit < 32; ++bit) crc = crc << 1 ^ (crc >> 31 != 0 ? 0x04C11DB7 : 0);
+    }
+    return crc;
+}
+
+uint8_t xorOf(const std::vector<uint8_t>& bytes) {
+    return std::accumulate(bytes.begin(), bytes.end(), uint8_t{0}, std::bit_xor<>());
+}
+
+}  // namespace
+
+const N32BootLoader::CommandRow* N32BootLoader::rowOf(uint8_t code) {
+    using Self = N32BootLoader;
+    static constexpr std::array<CommandRow, 5> kRows = {{
+        {0x01, 0, 0, &Self::handshake},
+        {0x10, 0, 0, &Self::getInfo},
+        {0x30, 16, 16, &Self::erase},
+        {0x31, 36, kLongestPayload, &Self::download},
+        {0x32, 24, 24, &Self::checkCrc},
+    }};
+    const auto* row = std::find_if(kRows.begin(), kRows.end(),
+                                   [code](const auto& entry) { return entry.code == code; });
+    return row == kRows.end() ? nullptr : row;
+}
+
+N32BootLoader::N32BootLoader(McuFlash& flash, McuSurroundings& around, LoaderFaults& faults)
+    : flash_(flash), around_(around), faults_(faults) {}
+N32BootLoader::~N32BootLoader() = default;
+
+LineSettings N32BootLoader::lineSettings() const { return {kSpeed, 8, 'N', 1}; }
+
+void N32BootLoader::start() {
+    frame_.clear();
+    busy_ = hung_ = inNoise_ = false;
+    late_ = Nanos(0);
+}
+
+void N32BootLoader::receive(uint8_t byte) {
+    if (hung_) return;
+    if (busy_) return around_.violation("a byte came while the flash was at work, and was lost");
+    const Nanos now = around_.now();
+    if (!frame_.empty() && now - lastByte_ > kLongestGap) startOver("a request broke off");
+    lastByte_ = now;
+    const size_t had = frame_.size();
+    if (had < 2 && byte != (had == 0 ? kStart0 : kStart1)) {
+        frame_.clear();
+        if (!std::exchange(inNoise_, true)) startOver("bytes that start no request");
+        return;
+    }
+    inNoise_ = false;
+    frame_.push_back(byte);
+    if (frame_.size() < kPayloadAt) return;
+    const size_t length = word16(frame_, kPayloadLengthAt);
+    if (length > kLongestPayload) return startOver("a request of so many bytes");
+    if (frame_.size() == kPayloadAt + length + 1) frame();
+}
+
+void N32BootLoader::startOver(const std::string& why) {
+    around_.violation(why);
+    frame_.clear();
+}
+
+void N32BootLoader::frame() {
+    const CommandRow* row = rowOf(frame_[kCommandAt]);
+    const size_t length = word16(frame_, kPayloadLengthAt);
+    if (xorOf(frame_) != 0) {
+        refuse(N32Refusal::kCheckByte, "the check byte is wrong");
+    } else if (row == nullptr || frame_[kCommandAt + 1] != 0) {
+        refuse(N32Refusal::kCommand, "no such command");
+    } else if (length < row->leastPayload || length > row->mostPayload || !keyIsZero()) {
+        refuse(N32Refusal::kLength, "the payload is not this command's");
+    } else if (passesFaults()) {
+        (this->*row->handler)();
+    }
+    frame_.clear();
+}
+
+bool N32BootLoader::keyIsZero() const {
+    if (word16(frame_, kPayloadLengthAt) < kKeySize) return true;
+    return std::all_of(frame_.begin() + kPayloadAt, frame_.begin() + kBlockAt,
+                       [](uint8_t byte) { return byte == 0; });
+}
+
+bool N32BootLoader::passesFaults() {
+    const auto fault = faults_.take(frame_[kCommandAt], LoaderStep::kCommand);
+    if (!fault) return true;
+    around_.note("fault at command " + std::to_string(frame_[kCommandAt]));
+    if (fault->kind == LoaderFault::Kind::kLate) {
+        late_ = fault->delay;
+        return true;
+    }
+    if (fault->kind == LoaderFault::Kind::kNack) refuse(N32Refusal::kFault, "a fault", false);
+    if (fault->kind == LoaderFault::Kind::kHangs) hung_ = true;
+    return false;
+}
+
+void N32BootLoader::answer(Nanos delay, std::vector<uint8_t> payload, uint8_t status0,
+                           uint8_t status1) {
+    std::vector<uint8_t> bytes = {
+        kStart0, kStart1, frame_[kCommandAt], 0, static_cast<uint8_t>(payload.size()), 0};
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    bytes.push_back(status0);
+    bytes.push_back(status1);
+    bytes.push_back(xorOf(bytes));
+    around_.after(delay + std::exchange(late_, Nanos(0)),
+                  [this, bytes = std::move(bytes)] { around_.send(bytes); });
+}
+
+void N32BootLoader::succeed(Nanos delay, std::vector<uint8_t> payload) {
+    answer(delay, std::move(payload), kSuccess, 0);
+}
+
+// The answer to a refused download comes when that to a good one would: hosts flush meanwhile.
+void N32BootLoader::refuse(N32Refusal reason, const std::string& why, bool violation) {
+    if (violation) {
+        around_.violation(why);
+    } else {
+        around_.note("refused: " + why);
+    }
+    const bool download = frame_[kCommandAt] == 0x31;
+    answer(download ? kDownloadTurnaround : kTurnaround, {}, kFailure,
+           static_cast<uint8_t>(reason));
+}
+
+void N32BootLoader::handshake() {
+    const uint32_t speed = word32(frame_, kParameterAt);
+    if (speed != 0x80250000) return refuse(N32Refusal::kParameter, "another speed than 9600");
+    succeed(kTurnaround);
+}
+
+void N32BootLoader::getInfo() {
+    std::vector<uint8_t> info(kInfoSize);
+    const std::string_view name = flash_.part().name;
+    std::copy(name.begin(), name.end(), info.begin());
+    succeed(kTurnaround, std::move(info));
+}
+
+void N32BootLoader::erase() {
+    const uint32_t first = word16(frame_, kParameterAt), count = word16(frame_, kParameterAt + 2);
+    if (first + count > flash_.part().pageCount()) {
+        return refuse(N32Refusal::kParameter, "an erase of a page that the part has not");
+    }
+    std::vector<uint32_t> pages(count);
+    std::iota(pages.begin(), pages.end(), first);
+    busy_ = true;
+    around_.operate(
+        "erase " + std::to_string(count) + " pages",
+        [pages](McuFlash& flash) { return flash.startErase(pages); },
+        [this, request = frame_](const std::string&) {
+            busy_ = false;
+            frame_ = request;
+            succeed(kTurnaround);
+            frame_.clear();
+        });
+}
+
+void N32BootLoader::download() {
+    const uint32_t address = word32(frame_, kParameterAt);
+    const size_t size = word16(frame_, kPayloadLengthAt) - kKeySize - 4;
+    const std::vector<uint8_t> data(frame_.begin() + kBlockAt,
+                                    frame_.begin() + static_cast<std::ptrdiff_t>(kBlockAt + size));
+    if (size % 16 != 0) return refuse(N32Refusal::kLength, "data that are no multiple of 16");
+    const uint32_t offset = address - kMcuFlashBase;
+    if (address < kMcuFlashBase || offset % 16 != 0 || offset + size > flash_.part().flashSize()) {
+        return refuse(N32Refusal::kParameter, "an address outside the flash");
+    }
+    if (word32(frame_, kBlockAt + size) != crcOf(data)) {
+        return refuse(N32Refusal::kBlockCrc, "the block's CRC is wrong");
+    }
+    char what[48];
+    snprintf(what, sizeof what, "program 0x%08x, %zu bytes", address, size);
+    busy_ = true;
+    around_.operate(
+        what, [offset, data](McuFlash& flash) { return flash.startProgram(offset, data); },
+        [this, request = frame_](const std::string& broken) {
+            busy_ = false;
+            frame_ = request;
+            if (broken.empty()) {
+                succeed(kDownloadTurnaround);
+            } else {
+                refuse(N32Refusal::kFlash, broken);
+            }
+            frame_.clear();
+        });
+}
+
+// Hosts count 16 bytes too many for an image of whole 16 bytes, and continue the CRC of an earlier
+// session: a wrong CRC is their habit, no violation.
+void N32BootLoader::checkCrc() {
+    const uint32_t expected = word32(frame_, kParameterAt);
+    const uint32_t address = word32(frame_, kBlockAt), length = word32(frame_, kBlockAt + 4);
+    const uint32_t offset = address - kMcuFlashBase, size = flash_.part().flashSize();
+    if (address < kMcuFlashBase || offset > size || length > size - offset) {
+        return refuse(N32Refusal::kParameter, "a CRC outside the flash", false);
+    }
+    if (crcOf(flash_.cells().subspan(offset, length)) != expected) {
+        return refuse(N32Refusal::kFlashCrc, "the flash has another CRC", false);
+    }
+    succeed(kTurnaround);
+}
+
+}  // namespace quil::board

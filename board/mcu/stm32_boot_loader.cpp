@@ -1,0 +1,419 @@
+#include "board/mcu/stm32_boot_loader.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <functional>
+#include <numeric>
+#include <utility>
+
+namespace quil::board {
+namespace {
+
+constexpr uint8_t kSync = 0x7F, kAck = 0x79, kNack = 0x1F;
+constexpr int kSlowest = 1200, kFastest = 115200;  // bit/s
+constexpr size_t kMostPages = 512;                 // numbers that an extended erase takes
+constexpr uint16_t kEraseEverything = 0xFFFF, kFirstSpecial = 0xFFF0;
+
+std::string hex(const char* format, uint32_t value) {
+    char text[48];
+    snprintf(text, sizeof text, format, value);
+    return text;
+}
+
+using Row = Stm32BootLoader::CommandRow;
+
+}  // namespace
+
+const Stm32BootLoader::CommandRow* Stm32BootLoader::rowOf(uint8_t code) {
+    using Self = Stm32BootLoader;
+    static constexpr std::array<Row, 13> kRows = {{
+        {0x00, "Get", false, &Self::get},
+        {0x01, "Get Version", false, &Self::getVersion},
+        {0x02, "Get ID", false, &Self::getId},
+        {0x06, "Get PID", false, &Self::getPid},
+        {0x11, "Read Memory", true, &Self::readMemory},
+        {0x21, "Go", true, &Self::go},
+        {0x31, "Write Memory", true, &Self::writeMemory},
+        {0x43, "Erase", true, &Self::erase},
+        {0x44, "Extended Erase", true, &Self::extendedErase},
+        {0x63, "Write Protect", true, &Self::writeProtect},
+        {0x73, "Write Unprotect", true, &Self::writeUnprotect},
+        {0x82, "Readout Protect", true, &Self::readoutProtect},
+        {0x92, "Readout Unprotect", false, &Self::readoutUnprotect},
+    }};
+    const auto* row = std::find_if(kRows.begin(), kRows.end(),
+                                   [code](const Row& entry) { return entry.code == code; });
+    return row == kRows.end() ? nullptr : row;
+}
+
+Stm32BootLoader::Stm32BootLoader(McuFlash& flash, McuSurroundings& around, LoaderFaults& faults)
+    : flash_(flash), around_(around), faults_(faults), part_(flash.part()) {}
+Stm32BootLoader::~Stm32BootLoader() = default;
+
+void Stm32BootLoader::start() {
+    synchronised_ = busy_ = hung_ = false;
+    heardWhileBusy_.reset();
+    ram_.clear();
+    late_ = Nanos(0);
+    awaitCommand();
+}
+
+LineSettings Stm32BootLoader::lineSettings() const {
+    return synchronised_ ? line_ : around_.hostLine();
+}
+
+void Stm32BootLoader::receive(uint8_t byte) {
+    if (hung_) return;
+    if (!synchronised_) return synchronise(byte);
+    if (busy_) return receiveWhileBusy(byte);
+    in_.push_back(byte);
+    if (in_.size() == expected_) (this->*next_)();
+}
+
+void Stm32BootLoader::synchronise(uint8_t byte) {
+    const LineSettings line = around_.hostLine();
+    if (line.baud < kSlowest || line.baud > kFastest || byte != kSync) {
+        return around_.note("no synchronisation with " + hex("0x%02x", byte) + " at " +
+                            std::to_string(line.baud) + " bit/s");
+    }
+    line_ = line;
+    synchronised_ = true;
+    code_ = 0;
+    if (!acknowledge(LoaderStep::kSync)) synchronised_ = false;
+}
+
+// The receiver keeps one byte while nobody reads it; the next ones are lost.
+void Stm32BootLoader::receiveWhileBusy(uint8_t byte) {
+    if (!heardWhileBusy_) {
+        heardWhileBusy_ = byte;
+    } else {
+        around_.violation("a byte came while the flash was at work, and was lost");
+    }
+}
+
+void Stm32BootLoader::expect(size_t bytes, Handler handler) {
+    in_.clear();
+    expected_ = bytes;
+    next_ = handler;
+}
+
+void Stm32BootLoader::awaitCommand() { expect(2, &Stm32BootLoader::command); }
+
+bool Stm32BootLoader::passes(LoaderStep step) {
+    const auto fault = faults_.take(code_, step);
+    if (!fault) return true;
+    around_.note(std::string("fault at ") + nameOf(step) + hex(" of command 0x%02x", code_));
+    if (fault->kind == LoaderFault::Kind::kLate) {
+        late_ = fault->delay;
+        return true;
+    }
+    awaitCommand();
+    if (fault->kind == LoaderFault::Kind::kNack) answer({kNack});
+    if (fault->kind == LoaderFault::Kind::kHangs) hung_ = true;
+    return false;
+}
+
+bool Stm32BootLoader::acknowledge(LoaderStep step) {
+    if (!passes(step)) return false;
+    answer({kAck});
+    return true;
+}
+
+void Stm32BootLoader::answer(std::vector<uint8_t> bytes) {
+    const Nanos late = std::exchange(late_, Nanos(0));
+    if (late == Nanos(0)) return around_.send(std::move(bytes));
+    around_.after(late, [this, bytes = std::move(bytes)] { around_.send(bytes); });
+}
+
+void Stm32BootLoader::refuse(const std::string& why, bool violation) {
+    if (violation) {
+        around_.violation(why);
+    } else {
+        around_.note("refused: " + why);
+    }
+    awaitCommand();
+    answer({kNack});
+}
+
+bool Stm32BootLoader::xorIsRight() {
+    return std::accumulate(in_.begin(), in_.end(), 0U, std::bit_xor<>()) == 0;
+}
+
+void Stm32BootLoader::command() {
+    code_ = in_[0];
+    if (in_[1] != static_cast<uint8_t>(~code_)) {
+        return refuse(hex("command 0x%02x without its complement", code_));
+    }
+    const CommandRow* row = rowOf(code_);
+    const auto& known = part_.commands;
+    if (row == nullptr || std::find(known.begin(), known.end(), code_) == known.end()) {
+        return refuse(hex("no command 0x%02x", code_), false);
+    }
+    if (row->refusedUnderReadoutProtection && flash_.readoutProtected()) {
+        return refuse(std::string(row->name) + " under read-out protection", false);
+    }
+    (this->*row->handler)();
+}
+
+void Stm32BootLoader::get() {
+    if (!passes(LoaderStep::kCommand)) return;
+    const auto& known = part_.commands;
+    std::vector<uint8_t> bytes = {kAck, static_cast<uint8_t>(known.size()), part_.loaderVersion};
+    bytes.insert(bytes.end(), known.begin(), known.end());
+    bytes.push_back(kAck);
+    answer(std::move(bytes));
+    awaitCommand();
+}
+
+void Stm32BootLoader::getVersion() {
+    if (!passes(LoaderStep::kCommand)) return;
+    answer({kAck, part_.loaderVersion, 0, 0, kAck});
+    awaitCommand();
+}
+
+void Stm32BootLoader::getId() {
+    if (!passes(LoaderStep::kCommand)) return;
+    answer({kAck, 1, static_cast<uint8_t>(part_.productId >> 8),
+            static_cast<uint8_t>(part_.productId), kAck});
+    awaitCommand();
+}
+
+// The identifier goes out little-endian, after its length and before a closing ACK.
+void Stm32BootLoader::getPid() {
+    if (!passes(LoaderStep::kCommand)) return;
+    std::vector<uint8_t> bytes = {kAck, 4};
+    for (int shift = 0; shift < 32; shift += 8) {
+        bytes.push_back(static_cast<uint8_t>(part_.gdPid >> shift));
+    }
+    bytes.push_back(kAck);
+    answer(std::move(bytes));
+    awaitCommand();
+}
+
+bool Stm32BootLoader::inFlash(uint32_t address, size_t size) const {
+    return address >= kMcuFlashBase && address - kMcuFlashBase + size <= part_.flashSize();
+}
+
+bool Stm32BootLoader::inRam(uint32_t address, size_t size) const {
+    return address >= kMcuRamBase && address - kMcuRamBase + size <= part_.ramSize;
+}
+
+// False when the address was refused or a fault took it.
+bool Stm32BootLoader::takeAddress() {
+    address_ = static_cast<uint32_t>(in_[0]) << 24 | static_cast<uint32_t>(in_[1]) << 16 |
+               static_cast<uint32_t>(in_[2]) << 8 | in_[3];
+    if (!xorIsRight()) {
+        refuse("the address's XOR is wrong");
+    } else if (!inFlash(address_, 1) && !inRam(address_, 1)) {
+        refuse(hex("address 0x%08x is neither flash nor RAM", address_));
+    } else {
+        return acknowledge(LoaderStep::kAddress);
+    }
+    return false;
+}
+
+void Stm32BootLoader::readMemory() {
+    if (acknowledge(LoaderStep::kCommand)) expect(5, &Stm32BootLoader::readAddress);
+}
+
+void Stm32BootLoader::readAddress() {
+    if (takeAddress()) expect(2, &Stm32BootLoader::readCount);
+}
+
+void Stm32BootLoader::readCount() {
+    const size_t count = in_[0] + 1U;
+    if (in_[1] != static_cast<uint8_t>(~in_[0])) return refuse("the count lacks its complement");
+    if (!inFlash(address_, count) && !inRam(address_, count)) {
+        return refuse("a read beyond the memory's end");
+    }
+    if (!passes(LoaderStep::kCount)) return;
+    std::vector<uint8_t> bytes = {kAck};
+    if (inFlash(address_, count)) {
+        const auto cells = flash_.cells().subspan(address_ - kMcuFlashBase, count);
+        bytes.insert(bytes.end(), cells.begin(), cells.end());
+    } else {
+        ram_.resize(part_.ramSize);
+        const auto at = ram_.begin() + (address_ - kMcuRamBase);
+        bytes.insert(bytes.end(), at, at + static_cast<std::ptrdiff_t>(count));
+    }
+    awaitCommand();
+    answer(std::move(bytes));
+}
+
+void Stm32BootLoader::go() {
+    if (acknowledge(LoaderStep::kCommand)) expect(5, &Stm32BootLoader::goAddress);
+}
+
+void Stm32BootLoader::goAddress() {
+    if (takeAddress()) around_.jumpTo(address_);
+}
+
+void Stm32BootLoader::writeMemory() {
+    if (acknowledge(LoaderStep::kCommand)) expect(5, &Stm32BootLoader::writeAddress);
+}
+
+void Stm32BootLoader::writeAddress() {
+    if (takeAddress()) expect(1, &Stm32BootLoader::writeCount);
+}
+
+// The count's byte, its data and their XOR are one frame.
+void Stm32BootLoader::writeCount() {
+    expected_ = in_[0] + 3U;
+    next_ = &Stm32BootLoader::writeData;
+}
+
+void Stm32BootLoader::writeData() {
+    const uint32_t count = in_[0] + 1U;
+    if (!xorIsRight()) return refuse("the data's XOR is wrong");
+    if (address_ % 4 != 0) return refuse(hex("0x%08x is on no word", address_));
+    if (count % part_.writeMultiple != 0) {
+        return refuse(std::to_string(count) + " bytes are no multiple of " +
+                      std::to_string(part_.writeMultiple));
+    }
+    if (inFlash(address_, count)) {
+        if (passes(LoaderStep::kData)) programFlash(address_ - kMcuFlashBase);
+        return;
+    }
+    if (!inRam(address_, count)) return refuse("a write beyond the memory's end");
+    if (!passes(LoaderStep::kData)) return;
+    ram_.resize(part_.ramSize);
+    std::copy(in_.begin() + 1, in_.end() - 1, ram_.begin() + (address_ - kMcuRamBase));
+    finished("", false);
+}
+
+void Stm32BootLoader::programFlash(uint32_t offset) {
+    std::vector<uint8_t> bytes(in_.begin() + 1, in_.end() - 1);
+    const std::string what = hex("program 0x%08x", kMcuFlashBase + offset) + ", " +
+                             std::to_string(bytes.size()) + " bytes";
+    operate(
+        what,
+        [offset, bytes = std::move(bytes)](McuFlash& flash) {
+            return flash.startProgram(offset, bytes);
+        },
+        false);
+}
+
+void Stm32BootLoader::erase() {
+    if (acknowledge(LoaderStep::kCommand)) expect(1, &Stm32BootLoader::eraseCount);
+}
+
+void Stm32BootLoader::eraseCount() {
+    expected_ = in_[0] == 0xFF ? 2 : in_[0] + 3U;
+    next_ = &Stm32BootLoader::erasePages;
+}
+
+void Stm32BootLoader::erasePages() {
+    if (in_[0] == 0xFF) {
+        return in_[1] == 0 ? massErase() : refuse("the global erase's check byte is wrong");
+    }
+    if (!xorIsRight()) return refuse("the page list's XOR is wrong");
+    erasePagesNow({in_.begin() + 1, in_.end() - 1});
+}
+
+void Stm32BootLoader::extendedErase() {
+    if (acknowledge(LoaderStep::kCommand)) expect(2, &Stm32BootLoader::extendedCount);
+}
+
+void Stm32BootLoader::extendedCount() {
+    const auto count = static_cast<uint16_t>(in_[0] << 8 | in_[1]);
+    const bool special = count >= kFirstSpecial;
+    if (!special && count >= kMostPages) return refuse("an erase of too many pages");
+    expected_ = special ? 3 : 2 + 2 * (count + 1U) + 1;
+    next_ = special ? &Stm32BootLoader::specialErase : &Stm32BootLoader::extendedPages;
+}
+
+void Stm32BootLoader::specialErase() {
+    const auto request = static_cast<uint16_t>(in_[0] << 8 | in_[1]);
+    if (!xorIsRight()) return refuse("the erase request's XOR is wrong");
+    if (request != kEraseEverything) return refuse(hex("no special erase 0x%04x", request));
+    massErase();
+}
+
+void Stm32BootLoader::extendedPages() {
+    if (!xorIsRight()) return refuse("the page list's XOR is wrong");
+    std::vector<uint32_t> pages;
+    for (size_t at = 2; at + 2 < in_.size(); at += 2) pages.push_back(in_[at] << 8 | in_[at + 1]);
+    erasePagesNow(std::move(pages));
+}
+
+void Stm32BootLoader::erasePagesNow(std::vector<uint32_t> pages) {
+    const auto absent = [this](uint32_t page) { return page >= part_.pageCount(); };
+    if (!part_.ignoresAbsentPages && std::any_of(pages.begin(), pages.end(), absent)) {
+        return refuse("an erase of a page that the part has not");
+    }
+    std::erase_if(pages, absent);
+    if (!passes(LoaderStep::kData)) return;
+    const std::string what = "erase " + std::to_string(pages.size()) + " pages";
+    operate(
+        what, [pages = std::move(pages)](McuFlash& flash) { return flash.startErase(pages); },
+        false);
+}
+
+void Stm32BootLoader::massErase() {
+    if (!passes(LoaderStep::kData)) return;
+    operate(
+        "erase everything", [](McuFlash& flash) { return flash.startMassErase(); }, false);
+}
+
+void Stm32BootLoader::writeProtect() {
+    if (acknowledge(LoaderStep::kCommand)) expect(1, &Stm32BootLoader::writeProtectCount);
+}
+
+void Stm32BootLoader::writeProtectCount() {
+    expected_ = in_[0] + 3U;
+    next_ = &Stm32BootLoader::writeProtectSectors;
+}
+
+void Stm32BootLoader::writeProtectSectors() {
+    if (!xorIsRight()) return refuse("the sector list's XOR is wrong");
+    if (!passes(LoaderStep::kData)) return;
+    flash_.setWriteProtected({in_.begin() + 1, in_.end() - 1});
+    finished("", true);
+}
+
+void Stm32BootLoader::writeUnprotect() {
+    if (!acknowledge(LoaderStep::kCommand)) return;
+    flash_.setWriteProtected({});
+    finished("", true);
+}
+
+void Stm32BootLoader::readoutProtect() {
+    if (!acknowledge(LoaderStep::kCommand)) return;
+    flash_.setReadoutProtected(true);
+    finished("", true);
+}
+
+// Takes the protection away with everything that it protected.
+void Stm32BootLoader::readoutUnprotect() {
+    if (!acknowledge(LoaderStep::kCommand)) return;
+    if (!flash_.readoutProtected()) return finished("", true);
+    operate(
+        "erase everything",
+        [](McuFlash& flash) {
+            flash.setReadoutProtected(false);
+            return flash.startMassErase();
+        },
+        true);
+}
+
+void Stm32BootLoader::operate(const std::string& what, std::function<Nanos(McuFlash&)> start,
+                              bool resets) {
+    busy_ = true;
+    around_.operate(what, std::move(start), [this, resets](const std::string& broken) {
+        busy_ = false;
+        finished(broken, resets);
+        if (!heardWhileBusy_) return;
+        const uint8_t byte = *std::exchange(heardWhileBusy_, std::nullopt);
+        receive(byte);
+    });
+}
+
+void Stm32BootLoader::finished(const std::string& broken, bool resets) {
+    if (!broken.empty()) return refuse(broken);
+    const bool passed = acknowledge(LoaderStep::kFinished);
+    awaitCommand();
+    if (passed && resets) around_.resetBySoftware();
+}
+
+}  // namespace quil::board

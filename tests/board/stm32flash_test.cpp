@@ -1,0 +1,114 @@
+// The boot-loader model against a program that we did not write: Debian's stm32flash, over a pseudo
+// terminal. A pseudo terminal has no parity: the program is told so.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <thread>
+
+#include "board/core/board_directory.h"
+#include "board/core/temporary_directory.h"
+#include "board/mcu/mcu_image.h"
+#include "board/mcu/pty_bridge.h"
+
+namespace {
+
+using namespace quil::board;
+using testing::Each;
+using testing::HasSubstr;
+using testing::IsEmpty;
+
+namespace fs = std::filesystem;
+
+constexpr char kProgram[] = "/usr/bin/stm32flash";
+
+struct Part {
+    McuKind kind;
+    const char* name;
+    const char* identifier;
+};
+void PrintTo(const Part& part, std::ostream* out) { *out << part.name; }
+
+class BoardStm32flash : public testing::TestWithParam<Part> {
+  protected:
+    void SetUp() override {
+        if (access(kProgram, X_OK) != 0) GTEST_SKIP() << kProgram << " is not installed";
+        bridge = std::make_unique<PtyBridge>(PtyBridgeOptions{
+            .part = GetParam().kind, .flash = directory / "flash", .link = directory / "port"});
+        server = std::thread([this] { bridge->run(); });
+    }
+    void TearDown() override {
+        if (!bridge) return;
+        bridge->stop();
+        server.join();
+        EXPECT_THAT(bridge->violations(), IsEmpty());
+    }
+
+    // Runs the program on the port; its output and how it ended.
+    std::string output;
+    int flash(const std::string& arguments) {
+        const std::string command = std::string(kProgram) + " -m 8n1 -b 115200 " + arguments + " " +
+                                    (directory / "port").string() + " 2>&1";
+        output.clear();
+        FILE* pipe = popen(command.c_str(), "r");
+        std::array<char, 1024> chunk{};
+        while (pipe != nullptr && fgets(chunk.data(), chunk.size(), pipe) != nullptr) {
+            output += chunk.data();
+        }
+        const int status = pipe != nullptr ? pclose(pipe) : -1;
+        while (bridge->inUse()) std::this_thread::yield();  // until the close has reset the part
+        return status;
+    }
+
+    const TemporaryDirectory scratch;
+    const fs::path& directory = scratch.path();
+    std::unique_ptr<PtyBridge> bridge;
+    std::thread server;
+};
+
+TEST_P(BoardStm32flash, TellsThePartAndItsBootLoader) {
+    EXPECT_EQ(flash(""), 0) << output;
+    EXPECT_THAT(output, HasSubstr(GetParam().identifier));
+}
+
+TEST_P(BoardStm32flash, WritesAnImageVerifiesItAndReadsItBack) {
+    const std::string image = makeMcuImage(GetParam().kind, "V1.2.3", 20000);
+    writeWholeFile(directory / "image", image);
+    EXPECT_EQ(flash("-v -w " + (directory / "image").string()), 0) << output;
+    EXPECT_THAT(output, HasSubstr("Wrote and verified address 0x08004e20 (100.00%) Done."));
+    EXPECT_EQ(flash("-S 0x08000000:20000 -r " + (directory / "copy").string()), 0) << output;
+    EXPECT_EQ(readWholeFile(directory / "copy"), image);
+}
+
+TEST_P(BoardStm32flash, WritesOverAnOlderImage) {
+    writeWholeFile(directory / "old", makeMcuImage(GetParam().kind, "V1.0.0", 30000));
+    writeWholeFile(directory / "new", makeMcuImage(GetParam().kind, "V1.2.3", 10000));
+    EXPECT_EQ(flash("-w " + (directory / "old").string()), 0) << output;
+    EXPECT_EQ(flash("-v -w " + (directory / "new").string()), 0) << output;
+    bridge->stop();
+    server.join();
+    EXPECT_EQ(checkMcuImage(partOf(GetParam().kind), bridge->flash().cells()).version, "V1.2.3");
+    server = std::thread([this] { bridge->run(); });
+}
+
+TEST_P(BoardStm32flash, ErasesEverything) {
+    writeWholeFile(directory / "image", makeMcuImage(GetParam().kind, "V1.2.3", 4096));
+    EXPECT_EQ(flash("-w " + (directory / "image").string()), 0) << output;
+    EXPECT_EQ(flash("-o"), 0) << output;
+    bridge->stop();
+    server.join();
+    EXPECT_THAT(bridge->flash().cells().first(4096), Each(0xFF));
+    server = std::thread([this] { bridge->run(); });
+}
+
+INSTANTIATE_TEST_SUITE_P(Parts, BoardStm32flash,
+                         testing::Values(Part{McuKind::kGd32F303, "gd32f303", "0x0414"},
+                                         Part{McuKind::kStm32H750, "stm32h750", "0x0450"}),
+                         [](const auto& info) { return std::string(info.param.name); });
+
+}  // namespace

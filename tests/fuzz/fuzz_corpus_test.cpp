@@ -1,0 +1,66 @@
+// Every fuzz target over the inputs that are kept for it: examples, and what was found once.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <ostream>
+
+#include "fuzz/targets.h"
+#include "testing/build.h"
+#include "testing/library_test.h"
+
+namespace quil::fuzz {
+void PrintTo(const Target& target, std::ostream* out) { *out << target.name; }
+}  // namespace quil::fuzz
+
+namespace quil::tests {
+
+namespace {
+
+const std::filesystem::path kCorpora = std::filesystem::path(QUIL_SOURCE_DIR) / "fuzz/corpus";
+
+std::vector<std::filesystem::path> filesIn(const std::filesystem::path& directory) {
+    std::vector<std::filesystem::path> files;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        files.push_back(entry.path());
+    }
+    std::sort(files.begin(), files.end());
+    return files;
+}
+
+Bytes contentOf(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return {std::istreambuf_iterator<char>(in), {}};
+}
+
+}  // namespace
+
+class FuzzCorpus : public testing::TestWithParam<fuzz::Target> {};
+
+TEST_P(FuzzCorpus, HoldsForEachInputThatIsKept) {
+    const auto inputs = filesIn(kCorpora / GetParam().name);
+    EXPECT_THAT(inputs, testing::SizeIs(testing::Ge(5U)));
+    for (const auto& file : inputs) {
+        const Bytes input = contentOf(file);
+        standardOutputOf([&] {
+            EXPECT_NO_THROW(GetParam().run(input))
+                << "replay: ./run fuzz " << GetParam().name << " " << file;
+        });
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Of, FuzzCorpus, testing::ValuesIn(fuzz::kTargets),
+                         [](const auto& row) { return std::string(row.param.name); });
+
+TEST(FuzzCorpora, BelongToATargetEach) {
+    std::vector<std::string> names;
+    for (const fuzz::Target& target : fuzz::kTargets) names.emplace_back(target.name);
+    std::vector<std::string> folders;
+    for (const auto& folder : filesIn(kCorpora)) folders.push_back(folder.filename());
+    EXPECT_EQ(folders, names);
+}
+
+}  // namespace quil::tests

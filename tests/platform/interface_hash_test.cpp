@@ -1,0 +1,108 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <quil/hardware/quilservicemanager/1.0/IQuilServiceManager.h>
+
+#include <cstdio>
+#include <fstream>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "testing/build.h"
+
+namespace {
+
+using ::android::hardware::hidl_array;
+using ::android::hardware::hidl_vec;
+using ::quil::hardware::quilservicemanager::V1_0::IQuilServiceCallback;
+using ::testing::ElementsAre;
+using ::testing::EndsWith;
+using ::testing::HasSubstr;
+
+constexpr char kPackage[] = "quil.hardware.quilservicemanager@1.0";
+
+struct Compilation {
+    int status;
+    std::string output;
+};
+
+Compilation hidlGen(const std::string& arguments, const std::string& interfaces = "interfaces") {
+    const std::string command = std::string(QUIL_HIDL_GEN) +
+                                " -p " QUIL_SOURCE_DIR
+                                " -R -r android.hidl:platform/linux/hal -r quil.hardware:" +
+                                interfaces + " " + arguments + " 2>&1";
+    Compilation run{-1, ""};
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return run;
+    char buffer[4096];
+    for (size_t n; (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) run.output.append(buffer, n);
+    run.status = pclose(pipe);
+    return run;
+}
+
+std::vector<std::string> hashLines(std::istream& text) {
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(text, line);) {
+        if (!line.empty() && line[0] != '#') lines.push_back(line);
+    }
+    return lines;
+}
+
+std::string hexOf(const hidl_array<uint8_t, 32>& hash) {
+    std::string text;
+    for (size_t i = 0; i < hash.size(); ++i) {
+        char digits[3];
+        snprintf(digits, sizeof(digits), "%02x", hash[i]);
+        text += digits;
+    }
+    return text;
+}
+
+TEST(InterfaceHash, CompilerPrintsTheHashesThatWereReleased) {
+    std::ifstream released(QUIL_SOURCE_DIR "/interfaces/current.txt");
+    std::istringstream printed(hidlGen(std::string("-L hash ") + kPackage).output);
+    const auto expected = hashLines(released);
+    ASSERT_THAT(expected,
+                ElementsAre(EndsWith("::IQuilServiceCallback"), EndsWith("::IQuilServiceManager")));
+    EXPECT_EQ(hashLines(printed), expected);
+}
+
+TEST(InterfaceHash, CompilerAcceptsTheDefinitions) {
+    const Compilation run = hidlGen(std::string("-L check ") + kPackage);
+    EXPECT_EQ(run.status, 0) << run.output;
+    EXPECT_EQ(run.output, "");
+}
+
+TEST(InterfaceHash, DefinitionThatChangedAfterItsReleaseIsRefused) {
+    const std::string copy = ::testing::TempDir() + "quil_changed_interfaces";
+    const std::string file = copy + "/quilservicemanager/1.0/IQuilServiceCallback.hal";
+    ASSERT_EQ(
+        system(("rm -rf " + copy + " && cp -r " QUIL_SOURCE_DIR "/interfaces " + copy).c_str()), 0);
+    std::ofstream(file, std::ios::app) << "// one more line\n";
+
+    const Compilation run = hidlGen(std::string("-L check ") + kPackage, copy);
+    EXPECT_NE(run.status, 0);
+    EXPECT_THAT(run.output, HasSubstr("IQuilServiceCallback"));
+    EXPECT_EQ(system(("rm -rf " + copy).c_str()), 0);
+}
+
+TEST(InterfaceHash, ObjectAnswersTheReleasedHashOfItsInterface) {
+    struct Callback : IQuilServiceCallback {
+        ::android::hardware::Return<void> hwNotify(const hidl_vec<uint8_t>&) override {
+            return ::android::hardware::Void();
+        }
+    };
+    const ::android::sp<IQuilServiceCallback> callback = new Callback;
+    std::ifstream released(QUIL_SOURCE_DIR "/interfaces/current.txt");
+    const std::string expected = hashLines(released).front().substr(0, 64);
+
+    std::vector<std::string> answered;
+    callback->getHashChain([&](const hidl_vec<hidl_array<uint8_t, 32>>& chain) {
+        for (const auto& hash : chain) answered.push_back(hexOf(hash));
+    });
+    ASSERT_EQ(answered.size(), 2u);
+    EXPECT_EQ(answered[0], expected);
+    EXPECT_THAT(answered[1], ::testing::Ne(std::string(64, '0')));
+}
+
+}  // namespace

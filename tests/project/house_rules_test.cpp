@@ -1,0 +1,109 @@
+// The rules of the house that a reader relies on: which folder includes which, and how long things
+// are.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <regex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "testing/project_files.h"
+
+namespace quil::tests {
+
+namespace fs = std::filesystem;
+using testing::IsEmpty;
+
+namespace {
+
+std::vector<std::string> linesOf(const fs::path& file) {
+    std::ifstream in(file);
+    std::vector<std::string> lines;
+    for (std::string line; std::getline(in, line);) lines.push_back(line);
+    return lines;
+}
+
+// The folders of the project that a file's quoted includes name.
+std::set<std::string> foldersIncludedBy(const fs::path& file) {
+    static const std::regex include("^#include \"([^/\"]+)/");
+    std::set<std::string> folders;
+    for (const std::string& line : linesOf(file)) {
+        std::smatch match;
+        if (std::regex_search(line, match, include)) folders.insert(match[1]);
+    }
+    return folders;
+}
+
+// What each folder may include beside itself; "platform" is the stand-in of the platform's headers.
+const std::map<std::string, std::set<std::string>> kMayInclude = {
+    {"common", {}},
+    {"config", {"common"}},
+    {"mculink", {"common"}},
+    {"isp", {"common", "config", "mculink"}},
+    {"fpga", {"common", "config"}},
+    {"selftest", {"common", "config"}},
+    {"service", {"common", "config", "mculink", "selftest"}},
+    {"platform", {"host"}},
+    {"board", {"platform"}},
+    {"host", {"config", "fpga", "isp", "mculink"}},
+    {"tools", {"board", "config", "fpga", "host", "isp", "selftest", "service"}},
+    {"testing", {"board", "common", "config", "host", "mculink", "service"}},
+    {"fuzz",
+     {"board", "common", "config", "fpga", "host", "isp", "mculink", "selftest", "service",
+      "testing", "tools"}},
+    {"bench", {"board", "common", "config", "fpga", "isp", "mculink", "service", "testing"}},
+    {"tests",
+     {"board", "common", "config", "fpga", "fuzz", "host", "isp", "mculink", "platform", "selftest",
+      "service", "testing", "tools"}},
+};
+
+}  // namespace
+
+TEST(HouseRules, EachFolderIncludesOnlyTheFoldersBelowIt) {
+    std::vector<std::string> wrong;
+    for (const auto& [folder, allowed] : kMayInclude) {
+        for (const fs::path& file : sourcesIn(folder)) {
+            for (const std::string& included : foldersIncludedBy(file)) {
+                if (included == folder || allowed.count(included) != 0) continue;
+                wrong.push_back(fs::relative(file, projectRoot()).string() + " includes " +
+                                included);
+            }
+        }
+    }
+    EXPECT_THAT(wrong, IsEmpty());
+}
+
+TEST(HouseRules, EveryFolderWithSourcesHasItsArrows) {
+    std::vector<std::string> without;
+    for (const auto& entry : fs::directory_iterator(projectRoot())) {
+        const std::string folder = entry.path().filename();
+        if (!entry.is_directory() || folder == "build" || folder[0] == '.') continue;
+        if (kMayInclude.count(folder) == 0 && !sourcesIn(folder).empty()) without.push_back(folder);
+    }
+    EXPECT_THAT(without, IsEmpty());
+}
+
+TEST(HouseRules, FilesStayUnder600LinesAnd100Columns) {
+    std::vector<std::string> wrong;
+    size_t seen = 0;
+    for (const auto& [folder, allowed] : kMayInclude) {
+        for (const fs::path& file : sourcesIn(folder)) {
+            const std::vector<std::string> lines = linesOf(file);
+            ++seen;
+            const std::string name = fs::relative(file, projectRoot()).string();
+            if (lines.size() > 600) wrong.push_back(name + " has too many lines");
+            const bool tooWide = std::any_of(lines.begin(), lines.end(),
+                                             [](const auto& line) { return line.size() > 100; });
+            if (tooWide) wrong.push_back(name + " has a line above 100 columns");
+        }
+    }
+    EXPECT_GT(seen, 50U);
+    EXPECT_THAT(wrong, IsEmpty());
+}
+
+}  // namespace quil::tests

@@ -1,0 +1,152 @@
+// quilctl boot: a whole start-up by stages.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+
+#include "tests/quilctl/test_run.h"
+
+namespace quil::tests {
+
+namespace fs = std::filesystem;
+using testing::ContainsRegex;
+using testing::HasSubstr;
+
+class QuilctlBoot : public QuilctlRun {};
+
+TEST_F(QuilctlBoot, StagesFollowFromTheConfigurationToTheService) {
+    const Said said = quilctl({"boot"});
+    EXPECT_EQ(said.code, tools::kOk);
+    EXPECT_THAT(said.out, ContainsRegex("^stage +from +took  result\n"
+                                        "configuration +0.000 s .* ok .Heron.\n"
+                                        "MCU firmware .* ok .up to date.\n"
+                                        "FPGA configured .* ok\n"
+                                        "FPGA memory .* 1.000 s  ok\n"
+                                        "screen parameters .* ok\n"
+                                        "network .* ok\n"
+                                        "ready for requests .* ok\n$"));
+    EXPECT_THAT(said.err, ContainsRegex("s  network +ok\n"));
+}
+
+TEST_F(QuilctlBoot, PendingFpgaImageIsWrittenFirst) {
+    const std::string board = newBoard();
+    const Said said = quilctl({"--board", board, "boot", "--update-fpga"});
+    EXPECT_EQ(said.code, tools::kOk);
+    EXPECT_THAT(said.out, ContainsRegex("FPGA flash erased .* 31.200 s  ok\n"
+                                        "FPGA image written .* 1.179 s  ok\n"
+                                        "FPGA configured .* 0.500 s  ok\n"));
+    EXPECT_THAT(said.out, ContainsRegex("switch to UDP .* ok\nready for requests .* ok\n$"));
+    EXPECT_THAT(quilctl({"--board", board, "fpga", "status"}).out, HasSubstr("V2.1.0"));
+}
+
+TEST_F(QuilctlBoot, OtherProductsHaveTheirOwnStages) {
+    EXPECT_THAT(quilctl({"--product", "Kestrel", "boot"}).out,
+                ContainsRegex("FPGA loaded .* ok\nscreen parameters .* ok\nready"));
+    EXPECT_THAT(quilctl({"--product", "Wren_t507", "boot", "--update-fpga"}).out,
+                ContainsRegex("FPGA image written .* ok\nscreen parameters .* ok\nready"));
+}
+
+TEST_F(QuilctlBoot, StageThatFailsIsTheExitCodeAndTheServiceComesUpAllTheSame) {
+    const std::string board = newBoard();
+    fs::remove(board + "/rootfs/vendor/bin/mtd_debug");
+    const Said said = quilctl({"--board", board, "boot", "--update-fpga"});
+    EXPECT_EQ(said.code, tools::kFailed);
+    EXPECT_THAT(said.out, ContainsRegex("FPGA flash erased .* FAILED .fpgaFlashFormat: mtd_debug "
+                                        "tool not exist.\nready for requests .* ok\n"));
+}
+
+// A fault by its name, on which product, and the stage that shows it.
+struct BrokenBoot {
+    const char* fault;
+    const char* product;
+    bool updates;
+    int code;
+    const char* stage;
+};
+void PrintTo(const BrokenBoot& row, std::ostream* out) { *out << row.fault; }
+
+class QuilctlBootFault : public QuilctlBoot, public testing::WithParamInterface<BrokenBoot> {};
+
+TEST_P(QuilctlBootFault, ShowsInItsStage) {
+    std::vector<std::string> words = {"--product", GetParam().product, "boot", "--fault",
+                                      GetParam().fault};
+    if (GetParam().updates) words.emplace_back("--update-fpga");
+    const Said said = quilctl(words);
+    EXPECT_EQ(said.code, GetParam().code) << said.out;
+    EXPECT_THAT(said.out, ContainsRegex(GetParam().stage));
+    EXPECT_THAT(said.out, ContainsRegex("ready for requests .* ok\n$"));
+    EXPECT_THAT(said.err, testing::Not(HasSubstr("nothing in this run")));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, QuilctlBootFault,
+    testing::Values(
+        BrokenBoot{"erase", "Heron", true, 1,
+                   "FPGA flash erased .* FAILED .fpgaFlashFormat: mtd_debug erase exit status: 1"},
+        BrokenBoot{"program", "Heron", true, 1,
+                   "FPGA image written .* FAILED .fpgaFlashWrite: mtd_debug write exit status: 1"},
+        BrokenBoot{"page", "Heron", true, 1, "FPGA configured .* 10.000 s  FAILED\nready"},
+        BrokenBoot{"done", "Heron", false, 1, "FPGA configured .* 10.000 s  FAILED\nready"},
+        BrokenBoot{"ddr", "Heron", false, 1,
+                   "FPGA memory .* FAILED .fpgaCheckDDRAndRecovery: ddr_recovery failed"},
+        BrokenBoot{"ddr-late", "Heron", false, 0,
+                   "FPGA memory .* ok .fpgaRecovery: invalid fpga_ddr_state = 0"},
+        BrokenBoot{"spi", "Heron", false, 1,
+                   "FPGA memory .* ok .readFpgaDdrState: open spi port /dev/fpga_spi failed..\n"
+                   "screen parameters .* ok .spi_send_data: open /dev/fpga_spi failed !!!.\n"
+                   "network .* FAILED"},
+        BrokenBoot{"screen", "Heron", false, 1,
+                   "screen parameters .* FAILED .fpgaLoadScreenParamsBySpi: failed to read"},
+        BrokenBoot{"clock", "Heron", false, 1,
+                   "network .* FAILED .fpgaPhySgmiiConfig: readFpgaSgmiiClockState failed"},
+        BrokenBoot{"negotiation", "Heron", false, 0, "network .* ok\n"},
+        BrokenBoot{"link", "Heron", false, 1,
+                   "network .* FAILED .fpgaPhySgmiiConfig: readRtl8211fsPhyLink failed"},
+        BrokenBoot{"link-late", "Heron", false, 0,
+                   "network .* ok .fpgaPhySgmiiConfig: readRtl8211fsPhyLink failed"},
+        BrokenBoot{"phy", "Heron", false, 1, "network .* FAILED"},
+        BrokenBoot{"udp", "Heron", true, 1, "switch to UDP .* FAILED"},
+        BrokenBoot{"driver", "Kestrel", false, 1, "FPGA loaded .* FAILED\nready"},
+        BrokenBoot{"screen-udp", "Kestrel", false, 1, "screen parameters .* FAILED\nready"},
+        BrokenBoot{"update", "Wren_t507", true, 1, "FPGA image written .* FAILED\nready"},
+        BrokenBoot{"parameters", "Wren_t507", false, 1, "screen parameters .* FAILED\nready"}),
+    [](const auto& row) {
+        std::string name = row.param.fault;
+        name.erase(std::remove(name.begin(), name.end(), '-'), name.end());
+        return name;
+    });
+
+TEST_F(QuilctlBoot, SeveralFaultsGoTogetherAndOneThatNothingMetIsNamed) {
+    const Said said = quilctl({"boot", "--fault", "ddr,clock", "--fault", "erase"});
+    EXPECT_EQ(said.code, tools::kFailed);
+    EXPECT_THAT(said.out, ContainsRegex("FPGA memory .* FAILED"));
+    EXPECT_THAT(said.out, ContainsRegex("network .* FAILED"));
+    EXPECT_THAT(said.err,
+                HasSubstr("quilctl: nothing in this run has come across the fault 'erase'\n"));
+}
+
+TEST_F(QuilctlBoot, FaultIsOfOneRunAndNotOfTheBoard) {
+    const std::string board = newBoard();
+    EXPECT_EQ(quilctl({"--board", board, "boot", "--fault", "done,link"}).code, tools::kFailed);
+    EXPECT_EQ(quilctl({"--board", board, "boot"}).code, tools::kOk);
+}
+
+TEST_F(QuilctlBoot, FaultThatIsNoneIsAUsageErrorThatNamesThem) {
+    const Said said = quilctl({"boot", "--fault", "ddr,colour"});
+    EXPECT_EQ(said.code, tools::kUsage);
+    EXPECT_THAT(said.err, HasSubstr("there is no fault 'colour': erase, program, spi, "));
+    EXPECT_THAT(said.err, HasSubstr(", link, link-late\n"));
+    EXPECT_THAT(quilctl({"boot", "--help"}).out,
+                HasSubstr("  ddr-late     the DDR comes good after one more restart"));
+}
+
+TEST_F(QuilctlBoot, PrintsJsonWhenAsked) {
+    const auto stages = nlohmann::json::parse(quilctl({"--json", "boot"}).out);
+    EXPECT_EQ(stages.front()["stage"], "configuration");
+    EXPECT_EQ(stages.back()["stage"], "ready for requests");
+    EXPECT_EQ(stages.back()["ok"], true);
+}
+
+}  // namespace quil::tests

@@ -1,0 +1,211 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <nlohmann/json.hpp>
+
+#include "tests/quilctl/test_run.h"
+#include "tools/quilctl/files/product_file.h"
+
+namespace quil::tests {
+namespace {
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+using tools::checkProductFile;
+
+class QuilctlTest : public QuilctlRun {};
+
+TEST(Quilctl, WithoutACommandItIsAUsageError) {
+    EXPECT_EQ(quilctl({}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"fly"}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"get"}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"set", "1"}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"--product", "Robin", "get", "1"}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"--trace", "x.png", "get", "1"}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"--log-level", "X", "get", "1"}).code, tools::kUsage);
+}
+
+TEST(Quilctl, EveryCommandHasHelpWithAnExample) {
+    const std::vector<std::vector<std::string>> commands = {{},
+                                                            {"get"},
+                                                            {"set"},
+                                                            {"callbacks"},
+                                                            {"self-test"},
+                                                            {"power"},
+                                                            {"power", "low"},
+                                                            {"power", "normal"},
+                                                            {"config"},
+                                                            {"demo"},
+                                                            {"config", "show"},
+                                                            {"config", "check"},
+                                                            {"frame"},
+                                                            {"board"},
+                                                            {"frame", "encode"},
+                                                            {"frame", "decode"},
+                                                            {"board", "new"},
+                                                            {"mcu"},
+                                                            {"mcu", "version"},
+                                                            {"mcu", "update"},
+                                                            {"mcu", "program"},
+                                                            {"mcu", "task"},
+                                                            {"mcu", "model"},
+                                                            {"board", "show"}};
+    for (auto words : commands) {
+        words.push_back("--help");
+        const Said said = quilctl(words);
+        EXPECT_EQ(said.code, tools::kOk);
+        EXPECT_THAT(said.out, HasSubstr("Example")) << words.front();
+        EXPECT_THAT(said.err, IsEmpty());
+    }
+}
+
+TEST(Quilctl, HelpNamesTheExitCodes) { EXPECT_THAT(quilctl({"--help"}).out, HasSubstr("  3  ")); }
+
+TEST(Quilctl, GetPrintsTheAnswerAsHexAndNothingElse) {
+    const Said said = quilctl({"get", "1"});
+    EXPECT_EQ(said.code, tools::kOk);
+    EXPECT_EQ(said.out, "56 31 2E 30 2E 30\n");
+}
+
+TEST(Quilctl, GetPrintsJsonWhenAsked) {
+    const auto json = nlohmann::json::parse(quilctl({"get", "0x1", "--json"}).out);
+    EXPECT_EQ(json["answered"], true);
+    EXPECT_EQ(json["answer"].size(), 6u);
+}
+
+TEST(Quilctl, ARequestThatNobodyAnswersFails) {
+    const Said said = quilctl({"get", "0xF5000002"});
+    EXPECT_EQ(said.code, tools::kFailed);
+    EXPECT_THAT(said.out, IsEmpty());
+    EXPECT_THAT(said.err, EndsWith("no answer\n"));
+}
+
+TEST(Quilctl, ABodyLongerThanItsLengthFieldIsAUsageError) {
+    EXPECT_EQ(quilctl({"set", "1", std::string(size_t{2} * 65536, '0')}).code, tools::kUsage);
+}
+
+TEST(Quilctl, CallbacksPrintsWhatArrivedAtEach) {
+    const Said said = quilctl({"callbacks", "--count", "2", "--data", "CAFE"});
+    EXPECT_EQ(said.code, tools::kOk);
+    EXPECT_EQ(said.out, "hwInvoke returned 2\ncallback 1: CA FE\ncallback 2: CA FE\n");
+}
+
+TEST(Quilctl, TheLogLevelShowsTheLibrarysDebugLines) {
+    EXPECT_THAT(quilctl({"--log-level", "D", "get", "1"}).err,
+                HasSubstr("parse business type = 1"));
+    EXPECT_THAT(quilctl({"get", "1"}).err, IsEmpty());
+}
+
+TEST(Quilctl, DemoMeetsEveryExpectation) {
+    const Said said = quilctl({"demo"});
+    EXPECT_EQ(said.code, tools::kOk) << said.out << said.err;
+    EXPECT_THAT(said.out, HasSubstr("8192 bytes programmed      V0.9.0 -> V1.0.0 ok\n"));
+    EXPECT_THAT(said.out, HasSubstr(" set [0A 0B] -> [00] "));
+    EXPECT_THAT(said.out, EndsWith("All as expected.\n"));
+    std::istringstream lines(said.out);
+    for (std::string line; std::getline(lines, line);) EXPECT_LT(line.size(), 100u) << line;
+}
+
+TEST_F(QuilctlTest, AValueSetOnABoardDirectoryIsThereInTheNextRun) {
+    ASSERT_EQ(quilctl({"board", "new", path("b"), "--product", "Kestrel"}).code, tools::kOk);
+    EXPECT_EQ(quilctl({"--board", path("b"), "set", "0x102", "0A", "0B"}).out, "00\n");
+    EXPECT_EQ(quilctl({"--board", path("b"), "get", "258"}).out, "0A 0B\n");
+    const Said shown = quilctl({"board", "show", path("b")});
+    EXPECT_EQ(shown.code, tools::kOk);
+    EXPECT_THAT(shown.out, HasSubstr("  /vendor/etc/product.ini\n"));
+}
+
+TEST_F(QuilctlTest, ABoardThatIsNotThereIsToldApartFromFailure) {
+    EXPECT_EQ(quilctl({"--board", path("none"), "get", "1"}).code, tools::kNoBoard);
+    EXPECT_EQ(quilctl({"board", "show", path("none")}).code, tools::kNoBoard);
+}
+
+TEST_F(QuilctlTest, TheTraceIsWrittenInTheFormatOfItsName) {
+    EXPECT_EQ(quilctl({"--trace", path("t.vcd"), "get", "1"}).code, tools::kOk);
+    std::ifstream vcd(path("t.vcd"));
+    const std::string text(std::istreambuf_iterator<char>(vcd), {});
+    EXPECT_THAT(text, HasSubstr("$timescale 1"));
+    EXPECT_EQ(quilctl({"--trace", path("t.json"), "get", "1"}).code, tools::kOk);
+    std::ifstream json(path("t.json"));
+    EXPECT_TRUE(nlohmann::json::accept(json));
+}
+
+TEST(QuilctlConfig, ShowPrintsWhatTheLibraryRead) {
+    const Said said = quilctl({"config", "show"});
+    EXPECT_EQ(said.code, tools::kOk);
+    EXPECT_THAT(said.out, HasSubstr("mcu       mcu_uart_path         /dev/ttyS3\n"));
+    const auto json = nlohmann::json::parse(quilctl({"config", "show", "--json"}).out);
+    EXPECT_EQ(json["mcu"]["mcu_baud_rate"], 115200);
+}
+
+TEST_F(QuilctlTest, TheProductFilesOfAllBoardsAreGood) {
+    for (const char* product : {"Heron", "Kestrel", "Wren_t507"}) {
+        ASSERT_EQ(quilctl({"board", "new", path(product), "--product", product}).code, tools::kOk);
+        const Said said = quilctl({"--board", path(product), "config", "check"});
+        EXPECT_EQ(said.code, tools::kOk) << said.out;
+        EXPECT_THAT(said.out, EndsWith("product.ini: good\n"));
+    }
+}
+
+TEST_F(QuilctlTest, CheckNamesFileLineAndKey) {
+    std::ofstream(path("p.ini")) << "[mcu]\n; rate of the link\nmcu_baud_rate = 38400\n";
+    const Said said = quilctl({"config", "check", path("p.ini")});
+    EXPECT_EQ(said.code, tools::kBadData);
+    EXPECT_THAT(said.out, HasSubstr(path("p.ini") + ":3: [mcu] mcu_baud_rate: 38400 is no rate"));
+    EXPECT_THAT(said.out, HasSubstr(path("p.ini") + ": [product] product: missing\n"));
+    EXPECT_THAT(said.out, Not(HasSubstr("good")));
+}
+
+TEST_F(QuilctlTest, CheckOfAFileThatCannotBeReadIsBadData) {
+    EXPECT_EQ(quilctl({"config", "check", path("none.ini")}).code, tools::kBadData);
+    EXPECT_EQ(quilctl({"config", "check", directory.string()}).code, tools::kBadData);
+    EXPECT_EQ(quilctl({"config", "check"}).code, tools::kUsage);
+}
+
+// The problem of one line that stands alone in its section; "" when it has none.
+std::string problemOf(const std::string& section, const std::string& line) {
+    const std::string file = std::string("[").append(section).append("]\n").append(line) + "\n";
+    for (const auto& problem : checkProductFile(file)) {
+        if (problem.line == 2) return (problem.isWarning ? "warning: " : "") + problem.text;
+    }
+    return "";
+}
+
+TEST(ProductFile, ValuesOutsideTheirRangeAreNamed) {
+    EXPECT_EQ(problemOf("fpga", "fpga_done_gpio = 0"), "0 is no GPIO line: 1 or more");
+    EXPECT_EQ(problemOf("mcu", "mcu_type = -3"), "-3 is negative");
+    EXPECT_EQ(problemOf("mcu", "mcu_type = one"), "'one' is no 32-bit integer");
+    EXPECT_EQ(problemOf("mcu", "mcu_type = 99999999999"), "'99999999999' is no 32-bit integer");
+    EXPECT_EQ(problemOf("mcu_wdt", "mcu_wdt_pulse = 0"), "0 means that it is not set");
+    EXPECT_EQ(problemOf("mcu", "mcu_uart_path = UNDEF"), "'UNDEF' is not set");
+    EXPECT_EQ(problemOf("mcu", "mcu_fw_path = fw.bin"), "'fw.bin' is no absolute path");
+    EXPECT_EQ(problemOf("mcu", "mcu_type = 0"), "");
+}
+
+TEST(ProductFile, TextThatDoesNotFitItsFieldIsNamedWithBothSizes) {
+    EXPECT_EQ(problemOf("mcu", "mcu_serial = 123456789012345"), "");
+    EXPECT_EQ(problemOf("mcu", "mcu_serial = 1234567890123456"),
+              "16 characters, the field holds 15");
+    EXPECT_THAT(problemOf("mcu", "mcu_fw_path = /" + std::string(10000, 'x')),
+                HasSubstr("characters; only the first"));
+}
+
+TEST(ProductFile, UnknownDoubleAndBrokenLinesAreNamed) {
+    EXPECT_EQ(problemOf("mcu", "mcu_tpye = 1"), "warning: nobody reads this key");
+    EXPECT_EQ(problemOf("mcu", "just words"), "neither a [section] nor key = value");
+    EXPECT_EQ(problemOf("mcu", std::string("mcu_serial = a\0b", 16)), "binary bytes");
+    const auto problems = checkProductFile("[mcu]\nmcu_type = 1\nmcu_type = 2\n");
+    ASSERT_FALSE(problems.empty());
+    EXPECT_EQ(problems[0].line, 3);
+    EXPECT_EQ(problems[0].text, "stands already in line 2");
+}
+
+TEST(ProductFile, AnEmptyFileMissesEveryKey) {
+    EXPECT_EQ(checkProductFile("").size(), tools::productKeys().size());
+}
+
+}  // namespace
+}  // namespace quil::tests

@@ -1,0 +1,198 @@
+// quilctl mcu.
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <filesystem>
+#include <fstream>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "board/core/board_directory.h"
+#include "board/mcu/mcu_image.h"
+#include "tests/quilctl/test_run.h"
+
+namespace quil::tests {
+namespace {
+
+namespace fs = std::filesystem;
+using board::makeMcuImage;
+using board::McuKind;
+using testing::ContainsRegex;
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::MatchesRegex;
+using testing::StartsWith;
+
+class QuilctlMcu : public QuilctlRun {};
+
+TEST_F(QuilctlMcu, VersionTellsWhatRunsWhatIsShippedAndWhatWasRecorded) {
+    const Said said = quilctl({"mcu", "version"});
+    EXPECT_EQ(said.code, tools::kOk);
+    EXPECT_EQ(said.out,
+              "running   V1.0.0\n"
+              "shipped   V1.0.0  /vendor/firmware/mcu_Heron.bin\n"
+              "recorded  never programmed\n");
+    const auto json = nlohmann::json::parse(quilctl({"mcu", "version", "--json"}).out);
+    EXPECT_EQ(json["running"], "V1.0.0");
+    EXPECT_EQ(json["recorded"], "");
+}
+
+TEST_F(QuilctlMcu, AnMcuThatDoesNotAnswerIsAFailure) {
+    const std::string board = newBoard();
+    board::writeWholeFile(board + "/mcu/flash", "");
+    const Said said = quilctl({"--board", board, "mcu", "version"});
+    EXPECT_EQ(said.code, tools::kFailed);
+    EXPECT_THAT(said.out, StartsWith("running   no answer\n"));
+}
+
+TEST_F(QuilctlMcu, UpdateProgramsTheShippedVersionAndABoardKeepsIt) {
+    const std::string board = newBoard();
+    const Said said = quilctl({"--board", board, "mcu", "update", "--installed", "V0.9.0"});
+    EXPECT_EQ(said.code, tools::kOk) << said.out;
+    EXPECT_THAT(said.out, MatchesRegex("programmed: 8192 of 8192 bytes in [0-9.]+ s, 1 attempt\n"
+                                       "V0.9.0 -> V1.0.0\n"));
+    EXPECT_THAT(said.err, ContainsRegex("  synchronise: ACK\n"));
+    EXPECT_THAT(said.err, ContainsRegex("  erase 4 pages: ACK\n"));
+    EXPECT_THAT(said.err, ContainsRegex("  write 100%: 8192 of 8192 bytes, [0-9.]+ kB/s, 0 s l"));
+    EXPECT_THAT(quilctl({"--board", board, "mcu", "version"}).out, EndsWith("recorded  V1.0.0\n"));
+}
+
+TEST_F(QuilctlMcu, UpdateOfAnMcuThatIsUpToDateHasNothingToDo) {
+    const Said said = quilctl({"mcu", "update"});
+    EXPECT_EQ(said.code, tools::kOk);
+    EXPECT_EQ(said.out, "the MCU runs V1.0.0 as shipped: nothing to do\n");
+    EXPECT_EQ(said.err, "log: mcuFwUpdate: do not need upgrade FW\n");
+}
+
+TEST_F(QuilctlMcu, UpdateOfEveryProductEndsWithItsShippedVersion) {
+    for (const char* product : {"Heron", "Kestrel", "Wren_t507"}) {
+        const Said said =
+            quilctl({"--product", product, "mcu", "update", "--installed", "V0.9.0", "--json"});
+        EXPECT_EQ(said.code, tools::kOk) << product << said.out << said.err;
+        const auto json = nlohmann::json::parse(said.out);
+        EXPECT_EQ(json["done"], true) << product;
+        EXPECT_EQ(json["before"], "V0.9.0");
+        EXPECT_EQ(json["attempts"], 1);
+    }
+}
+
+TEST_F(QuilctlMcu, AnUpdateWithoutItsImageTellsWhatTheLibrarySays) {
+    const std::string board = newBoard();
+    fs::remove(board + "/rootfs/vendor/firmware/mcu_Heron.bin");
+    board::writeWholeFile(board + "/mcu/flash", makeMcuImage(McuKind::kGd32F303, "V0.9.0", 8192));
+    const Said said = quilctl({"--board", board, "mcu", "update"});
+    EXPECT_EQ(said.code, tools::kFailed);
+    EXPECT_THAT(said.out, HasSubstr("FAILED: 0 of 0 bytes in 0.500 s, 0 attempts\n"));
+    EXPECT_THAT(said.out, EndsWith("V0.9.0 -> V0.9.0\n"));
+}
+
+// The board carries a part that nobody listens to: its port is there, and silent.
+TEST_F(QuilctlMcu, AnUpdateInVainTellsTheAttemptsTheStepAndWhatTheMcuSaid) {
+    const std::string board = newBoard("Wren_t507");
+    const std::string ini = board + "/rootfs/vendor/etc/product.ini";
+    std::string content = board::readWholeFile(ini).value_or("");
+    const size_t at = content.find("n32g45x");
+    ASSERT_NE(at, std::string::npos);
+    content.replace(at, 7, "stm32-n32g45x");  // the one family's loader, the other's part
+    board::writeWholeFile(ini, content);
+    const Said said = quilctl({"--board", board, "mcu", "update", "--installed", "V0.9.0"});
+    EXPECT_EQ(said.code, tools::kFailed);
+    EXPECT_THAT(said.out, ContainsRegex("FAILED: 0 of 8000 bytes in [0-9.]+ s, 5 attempts\n"
+                                        "step: synchronise\nthe MCU said: nothing\n"
+                                        "the library said: mcuFwUpdate: doMcuUpdate failed\n"
+                                        "V0.9.0 -> V0.9.0\n"));
+    EXPECT_THAT(said.err, HasSubstr("  attempt 5\n"));
+}
+
+TEST_F(QuilctlMcu, ProgramPutsAFileIntoEachPart) {
+    const std::pair<const char*, size_t> parts[] = {
+        {"gd32f303", 4096}, {"gd32f470", 5000}, {"stm32h750", 5000}, {"n32g45x", 1000}};
+    for (const auto& [chip, size] : parts) {
+        const Said said =
+            quilctl({"mcu", "program", "--chip", chip, imageFile(std::string(size, 'x'))});
+        EXPECT_EQ(said.code, tools::kOk) << chip << said.out << said.err;
+        EXPECT_THAT(said.out, StartsWith("programmed: " + std::to_string(size) + " of "));
+    }
+}
+
+TEST_F(QuilctlMcu, ABlockThatTheSessionLostUnnoticedIsToldAndFails) {
+    const Said said =
+        quilctl({"mcu", "program", "--chip", "gd32f303", imageFile(std::string(3000, 'x'))});
+    EXPECT_EQ(said.code, tools::kFailed);
+    EXPECT_THAT(said.out, HasSubstr("INCOMPLETE, unnoticed by the session: 2048 of 3000 bytes"));
+    EXPECT_THAT(said.out, HasSubstr("step: write 256 bytes at 0x08000800\n"
+                                    "the MCU said: NACK (0x1F)\n"));
+    EXPECT_THAT(said.err, HasSubstr("board: gd32f303: programming at 0x08000800"));
+}
+
+TEST_F(QuilctlMcu, AnImageOfWhole128BytesGoesOutToAnN32WithoutItsLastBlock) {
+    const Said said =
+        quilctl({"mcu", "program", "--chip", "n32g45x", imageFile(std::string(1024, 'x'))});
+    EXPECT_EQ(said.code, tools::kFailed);
+    EXPECT_THAT(said.out, StartsWith("INCOMPLETE, unnoticed by the session: 896 of 1024 bytes"));
+}
+
+TEST_F(QuilctlMcu, APortThatIsNeitherTheBoardsNorADeviceIsRefused) {
+    const Said said = quilctl(
+        {"mcu", "program", "--chip", "gd32f303", "--port", path("none"), imageFile("image")});
+    EXPECT_EQ(said.code, tools::kNoBoard);
+    EXPECT_THAT(said.err, HasSubstr("is neither the board's /dev/ttyS3 nor a device"));
+}
+
+TEST_F(QuilctlMcu, WhatTheCommandLineGetsWrongIsAUsageError) {
+    EXPECT_EQ(quilctl({"mcu"}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"mcu", "program", "--chip", "avr", imageFile("x")}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"mcu", "program", "--chip", "gd32f303", path("none")}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"mcu", "task", "fly"}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"mcu", "task", "0x100"}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"mcu", "update", "--installed", std::string(16, 'V')}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"mcu", "model", "--chip", "gd32f303"}).code, tools::kUsage);
+}
+
+TEST_F(QuilctlMcu, TaskTakesACommandByNameAndByCodeAndShowsWhatItFound) {
+    for (const char* command : {"get", "0x00"}) {
+        const Said said = quilctl({"mcu", "task", command});
+        EXPECT_EQ(said.code, tools::kOk);
+        EXPECT_EQ(said.out, "result 0\n");
+        EXPECT_THAT(said.err, HasSubstr("log: recvbuf[4] = [0x11] : CMD_READ_MEMORY        \n"));
+    }
+    EXPECT_THAT(quilctl({"--log-level", "E", "mcu", "task", "get"}).err, IsEmpty());
+}
+
+TEST_F(QuilctlMcu, TaskSavesWhatReadMemoryHasRead) {
+    const std::string board = newBoard();
+    const Said said =
+        quilctl({"--board", board, "mcu", "task", "read-memory", "--save", path("back.bin")});
+    EXPECT_EQ(said.code, tools::kOk) << said.err;
+    EXPECT_EQ(board::readWholeFile(path("back.bin")),
+              makeMcuImage(McuKind::kGd32F303, "V1.0.0", 8192));
+}
+
+TEST_F(QuilctlMcu, ATaskThatIsRefusedFails) {
+    // Read-out protection, as option bytes keep it, forbids an erase.
+    const std::string board = newBoard();
+    EXPECT_EQ(quilctl({"--board", board, "mcu", "task", "0x02"}).code, tools::kOk);
+    const Said said = quilctl({"--product", "Kestrel", "mcu", "task", "erase"});
+    EXPECT_EQ(said.code, tools::kFailed);  // an STM32 knows the extended erase only
+    EXPECT_EQ(said.out, "result 15\n");
+}
+
+TEST_F(QuilctlMcu, ModelServesItsPartAtTheLinkUntilASignalComes) {
+    Said said{};
+    std::thread server([&] {
+        said = quilctl({"mcu", "model", "--chip", "gd32f303", "--pty", path("port")});
+    });
+    while (!fs::is_symlink(directory / "port")) std::this_thread::yield();
+    EXPECT_TRUE(fs::is_character_file(directory / "port"));
+    kill(getpid(), SIGTERM);
+    server.join();
+    EXPECT_EQ(said.code, tools::kOk);
+    EXPECT_THAT(said.err, HasSubstr("gd32f303 in its boot loader at /dev/pts/"));
+    EXPECT_FALSE(fs::exists(directory / "port"));
+}
+
+}  // namespace
+}  // namespace quil::tests

@@ -1,0 +1,61 @@
+// Runs the command line in this process and keeps what it said.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "board/core/board_directory.h"
+#include "board/core/temporary_directory.h"
+#include "common/serial_slot.h"
+#include "tools/quilctl/cli.h"
+
+namespace quil::tests {
+
+struct Said {
+    int code;
+    std::string out;
+    std::string err;
+};
+
+inline Said runProgram(const tools::Program& program, const std::vector<std::string>& words,
+                       const std::string& input = "") {
+    std::vector<const char*> argv = {"quilctl"};
+    for (const std::string& word : words) argv.push_back(word.c_str());
+    std::istringstream in(input);
+    std::ostringstream out, err;
+    const int code =
+        tools::run(program, static_cast<int>(argv.size()), argv.data(), {in, out, err, false});
+    fd = -1;  // as freshly loaded: a session leaves its port's number there
+    return {code, out.str(), err.str()};
+}
+
+inline Said quilctl(const std::vector<std::string>& words, const std::string& input = "") {
+    return runProgram(tools::kBoardProgram, words, input);
+}
+
+// A directory that goes away with the test, and boards in it.
+class QuilctlRun : public testing::Test {
+  protected:
+    std::string path(const char* name) const { return (directory / name).string(); }
+    std::string imageFile(const std::string& content) const {
+        board::writeWholeFile(directory / "image.bin", content);
+        return path("image.bin");
+    }
+    std::string newBoard(const std::string& product = "Heron") const {
+        std::string board = (directory / product).string();
+        EXPECT_EQ(quilctl({"board", "new", board, "--product", product}).code, tools::kOk);
+        return board;
+    }
+
+  private:
+    const board::TemporaryDirectory mScratch{"quilctl"};
+
+  protected:
+    const std::filesystem::path& directory = mScratch.path();
+};
+
+}  // namespace quil::tests

@@ -1,0 +1,103 @@
+// What `lshal debug` shows.
+#include <cutils/native_handle.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "common/version.h"
+#include "testing/build.h"
+#include "testing/library_test.h"
+
+namespace quil::tests {
+
+using android::hardware::hidl_handle;
+using testing::HasSubstr;
+using testing::Not;
+using testing::StartsWith;
+
+class DebugDump : public LibraryTest {
+  protected:
+    std::string dump() {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(pipe(ends), 0);
+        native_handle_t* handle = native_handle_create(1, 0);
+        handle->data[0] = ends[1];
+        EXPECT_TRUE(service->debug(hidl_handle(handle), {}).isOk());
+        native_handle_delete(handle);
+        close(ends[1]);
+        std::string text(65536, '\0');
+        const ssize_t count = read(ends[0], text.data(), text.size());
+        close(ends[0]);
+        text.resize(count > 0 ? static_cast<size_t>(count) : 0);
+        return text;
+    }
+
+    android::sp<OpenService> service = new OpenService;
+};
+
+TEST_F(DebugDump, StartsWithTheInterfaceAndTheVersionOfTheLibrary) {
+    EXPECT_THAT(dump(), StartsWith("quil.hardware.quilservicemanager@1.0 1.0.0\n"));
+    std::ifstream build(QUIL_SOURCE_DIR "/CMakeLists.txt");
+    const std::string text{std::istreambuf_iterator<char>(build), {}};
+    EXPECT_THAT(text, HasSubstr(std::string("VERSION ") + common::kVersion + " "));
+}
+
+TEST_F(DebugDump, BeforeTheParseSaysSoAndGoesOn) {
+    const std::string text = dump();
+    EXPECT_THAT(text, HasSubstr("configuration: none parsed\n"));
+    EXPECT_THAT(text, HasSubstr("callbacks = 0\n"));
+}
+
+TEST_F(DebugDump, ShowsTheConfigurationAndTheFirmwareFlags) {
+    openLink();
+    config_info->fw_updating = 1;
+    const std::string text = dump();
+    EXPECT_THAT(text, HasSubstr("  product = Heron\n"));
+    EXPECT_THAT(text, HasSubstr("  mcu_uart_path = /dev/ttyS3\n"));
+    EXPECT_THAT(
+        text, HasSubstr("fw_updating = 1, mcu_fd = " + std::to_string(config_info->mcu_fd) + "\n"));
+}
+
+TEST_F(DebugDump, FieldWithoutATerminatorEndsAtItsCapacity) {
+    openLink();
+    memset(config_info->product, 'x', sizeof(config_info->product));
+    EXPECT_THAT(dump(), HasSubstr("  product = " + std::string(64, 'x') + "\n"));
+}
+
+TEST_F(DebugDump, CountsRequestsByTypeTimeOutsAndTheLastLabel) {
+    openLink();
+    board.mcu().setSilent(true);
+    service->getBytes({1, 0, 0, 0, 0, 0, 0, 0});
+    service->getBytes({0xF0, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0});
+    service->setBytes({0xF4, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0});
+    service->getBytes({0xF2, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0});
+    service->getBytes({1});
+    const std::string text = dump();
+    EXPECT_THAT(text, HasSubstr("requests: mcu = 1, power control = 1, self-test = 1, unknown = 1, "
+                                "refused = 1\n"));
+    EXPECT_THAT(text, HasSubstr("time-outs = 1, last label = 1\n"));
+}
+
+TEST_F(DebugDump, AnswersWhileARequestWaits) {
+    openLink();
+    board.mcu().setSilent(true);
+    std::string text;
+    std::thread looker([&] {
+        board.runFor(std::chrono::seconds(1));
+        text = dump();
+    });
+    service->getBytes({1, 0, 0, 0, 0, 0, 0, 0});
+    looker.join();
+    EXPECT_THAT(text, HasSubstr("mcu = 1, "));
+    EXPECT_THAT(text, HasSubstr("time-outs = 0, last label = 1\n"));
+}
+
+TEST_F(DebugDump, WithoutADescriptorIsNothing) {
+    EXPECT_TRUE(service->debug(hidl_handle(), {}).isOk());
+    native_handle_t* empty = native_handle_create(0, 0);
+    EXPECT_TRUE(service->debug(hidl_handle(empty), {}).isOk());
+    native_handle_delete(empty);
+}
+
+}  // namespace quil::tests

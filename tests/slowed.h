@@ -1,9 +1,0 @@
-// Where tests run many times slower than the machine, the longest ones take fewer of their cases.
-#pragma once
-
-namespace quil::tests {
-
-inline constexpr bool kEmulated = sizeof(QUIL_EMULATOR) > 1;
-inline constexpr bool kSlowed = QUIL_SANITIZED || kEmulated;
-
-}  // namespace quil::tests

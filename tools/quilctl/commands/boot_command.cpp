@@ -1,0 +1,80 @@
+#include <memory>
+#include <ostream>
+
+#include "config/config_info.h"
+#include "tools/quilctl/files/validators.h"
+#include "tools/quilctl/session/boot_stages.h"
+#include "tools/quilctl/session/bring_up_faults.h"
+
+namespace quil::tools {
+namespace {
+
+constexpr char kFpgaUpdateProperty[] = "persist.quil.system.fpga.fw.update";
+
+// The update flow answers "nothing to do" as it does a failure, with an error message of its own.
+constexpr char kUpToDate[] = "mcuFwUpdate: do not need upgrade FW";
+
+void endMcuStage(BoardSession& session, BootStages& stages) {
+    const bool isProgrammed = session.host().mcuFirmware() == host::McuFirmware::kReprogrammed;
+    const bool isUpToDate = !isProgrammed && stages.error() == kUpToDate;
+    stages.end("MCU firmware", isProgrammed || isUpToDate,
+               isProgrammed ? "programmed"
+               : isUpToDate ? "up to date"
+                            : "");
+}
+
+void endStage(BoardSession& session, BootStages& stages, host::BootStep step) {
+    switch (step) {
+        case host::BootStep::kConfiguration:
+            return stages.end("configuration", true, config_info->product);
+        case host::BootStep::kMcu:
+            return endMcuStage(session, stages);
+        case host::BootStep::kFpga:
+            if (session.host().fpga() != host::FpgaLoad::kNoSequence) return;
+            return stages.end("FPGA", false, "there is no load sequence for this product");
+        case host::BootStep::kService:
+            return stages.end("ready for requests", true);
+    }
+}
+
+struct BootArguments {
+    bool updatesFpga = false;
+    std::vector<std::string> faults;
+};
+
+int boot(const Cli& cli, const BootArguments& arguments) {
+    BoardSession session(cli.options, cli.console, false);
+    const BringUpFaults faults(session.board(), arguments.faults, cli.console.err);
+    if (arguments.updatesFpga) session.board().properties().set(kFpgaUpdateProperty, "1");
+    BootStages stages(session, cli.console);
+    const host::StartUpResult result = session.host().start(
+        {.updateMcu = true, .loadFpga = true, .onStep = [&](host::BootStep step) {
+             endStage(session, stages, step);
+         }});
+    if (!result.ok()) stages.end("start-up", false, result.text);
+    if (cli.options.json) {
+        cli.console.out << jsonOf(stages.all()) << '\n';
+    } else {
+        printStages(cli.console.out, stages.all());
+    }
+    if (!result.ok()) return kNoBoard;
+    return stages.allOk() ? kOk : kFailed;
+}
+
+}  // namespace
+
+void addBootCommand(CLI::App& app, Cli& cli) {
+    auto arguments = std::make_shared<BootArguments>();
+    CLI::App* command =
+        app.add_subcommand("boot", "Start up as the board does: configuration, MCU, FPGA, service");
+    command->add_flag("--update-fpga", arguments->updatesFpga,
+                      "Ask for the FPGA's new image first");
+    addFaultOption(*command, arguments->faults,
+                   "Exit code 1 when a stage failed, 4 when the service did not come up.\n"
+                   "Example: quilctl --product Kestrel boot\n"
+                   "         quilctl boot --update-fpga --fault erase");
+    command->callback(
+        [&cli, arguments] { cli.action = [&cli, arguments] { return boot(cli, *arguments); }; });
+}
+
+}  // namespace quil::tools

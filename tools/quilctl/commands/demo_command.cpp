@@ -1,0 +1,225 @@
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+#include <chrono>
+#include <cstdio>
+#include <ostream>
+
+#include "config/config_info.h"
+#include "host/firmware_update_guard.h"
+#include "tools/quilctl/files/self_test_record.h"
+#include "tools/quilctl/programming/programming_watch.h"
+#include "tools/quilctl/session/client.h"
+#include "tools/quilctl/session/self_test.h"
+
+namespace quil::tools {
+namespace {
+
+constexpr uint32_t kVersionCommand = 0x00000001;
+constexpr uint32_t kValueCommand = 0x00000102;
+constexpr char kOlderVersion[] = "V0.9.0";
+
+// Real time, whatever the board makes of the clocks that the library uses.
+double realMilliseconds() {
+    timespec now{};
+    syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
+    return static_cast<double>(now.tv_sec) * 1e3 + static_cast<double>(now.tv_nsec) / 1e6;
+}
+
+std::string quotedOrHex(const Bytes& bytes) {
+    const bool text = bytes.size() > 1 && std::all_of(bytes.begin(), bytes.end(),
+                                                      [](uint8_t b) { return b >= 32 && b < 127; });
+    if (text) return "\"" + std::string(bytes.begin(), bytes.end()) + "\"";
+    return "[" + toShortHex(bytes, 5) + "]";
+}
+
+class Demo {
+  public:
+    Demo(BoardSession& session, const Console& console) : mSession(session), mConsole(console) {}
+
+    int run();
+
+  private:
+    void row(const std::string& step, const std::string& link, const std::string& client, bool ok);
+    std::string newOnTheWire();
+    Bytes request(const std::string& step, bool isWrite, const Bytes& bytes, const Bytes& expected,
+                  bool reachesMcu);
+    void boot();
+    void linkUp();
+    void firmwareUpdate();
+    void silentMcu();
+    void callback();
+    void selfTest();
+
+    BoardSession& mSession;
+    const Console& mConsole;
+    size_t mSeen = 0;  // trace events that were decoded already
+    int mFailures = 0;
+};
+
+void Demo::row(const std::string& step, const std::string& link, const std::string& client,
+               bool ok) {
+    using Seconds = std::chrono::duration<double>;
+    const double now = std::chrono::duration_cast<Seconds>(mSession.board().now()).count();
+    char line[160];
+    std::snprintf(line, sizeof line, "%10.6f s  %-30s %-26s %-16s ", now, step.c_str(),
+                  link.c_str(), client.c_str());
+    const char* verdict = ok ? "ok" : "FAILED";
+    if (mConsole.styled) {
+        mConsole.out << line << (ok ? "\033[32m" : "\033[1;31m") << verdict << "\033[0m\n";
+    } else {
+        mConsole.out << line << verdict << '\n';
+    }
+    mConsole.out.flush();
+    if (!ok) ++mFailures;
+}
+
+// The frames that crossed the link since the last call, taken apart.
+std::string Demo::newOnTheWire() {
+    const auto events = mSession.board().trace().events();
+    host::FrameAssembler toMcu, fromMcu;
+    std::string text;
+    for (; mSeen < events.size(); ++mSeen) {
+        const board::Event& event = events[mSeen];
+        if (event.kind == board::EventKind::kUartTx) {
+            for (const auto& frame : toMcu.feed(event.bytes)) {
+                text += "#" + std::to_string(frame.label) + (frame.isWrite() ? " set " : " get ") +
+                        quotedOrHex(frame.payload);
+            }
+        } else if (event.kind == board::EventKind::kUartRx) {
+            for (const auto& frame : fromMcu.feed(event.bytes)) {
+                text += " -> " + quotedOrHex(frame.payload);
+            }
+        }
+    }
+    return text.empty() ? "nothing" : text;
+}
+
+Bytes Demo::request(const std::string& step, bool isWrite, const Bytes& bytes,
+                    const Bytes& expected, bool reachesMcu) {
+    Bytes answer = ask(mSession, isWrite, bytes);
+    const std::string wire = newOnTheWire();
+    const bool ok = answer == expected && (wire != "nothing") == reachesMcu;
+    row(step, wire, answer.empty() ? "empty" : quotedOrHex(answer), ok);
+    return answer;
+}
+
+// The hosting component finds the older firmware and programs the shipped one.
+void Demo::boot() {
+    auto& board = mSession.board();
+    const std::string before = board.mcuChip().version();
+    row("power on, the MCU runs " + before, std::string(board.directory().filename()), "",
+        before == kOlderVersion);
+    const std::string imageBefore = board.fpga().version();
+    board.properties().set("persist.quil.system.fpga.fw.update", "1");
+    mSession.startService({.updateMcu = true, .loadFpga = true});
+    board.runFor(kMcuStart);
+    const auto& record = *config_info;
+    ProgrammingWatch watch(record.mcu_uart_path, record.mcu_serial);
+    for (const board::Event& event : board.trace().events()) watch.see(event);
+    const std::string running = board.mcuChip().version();
+    row("boot, the MCU is updated", std::to_string(watch.written()) + " bytes programmed",
+        before + " -> " + running, running == record.mcu_fw_version && watch.attempts() == 1);
+    const std::string image = board.fpga().version();
+    row("boot, the FPGA is updated",
+        std::to_string(board.flash().usedSize()) + " bytes in its flash",
+        (imageBefore.empty() ? "none" : imageBefore) + " -> " + image,
+        mSession.host().fpga() == host::FpgaLoad::kUp && image == record.fpga_fw_version);
+}
+
+void Demo::linkUp() {
+    const auto& record = *config_info;
+    row("parse /vendor/etc/product.ini", record.mcu_uart_path, record.product,
+        record.product[0] != '\0');
+    auto& uart = mSession.board().mcuUart();
+    row("open the MCU link", std::to_string(uart.baud()) + " baud " + uart.mode(),
+        "fd " + std::to_string(record.mcu_fd),
+        uart.baud() == record.mcu_baud_rate && uart.mode() == "8N1");
+    row("load the service, passthrough", "", "", mSession.host().service() != nullptr);
+    newOnTheWire();
+}
+
+void Demo::firmwareUpdate() {
+    const host::FirmwareUpdateGuard updating;
+    request("get while firmware is updated", false, requestOf(kVersionCommand, {}), {0xFF}, false);
+}
+
+void Demo::silentMcu() {
+    auto& board = mSession.board();
+    board.mcu().setSilent(true);
+    const auto boardStart = board.now();
+    const double realStart = realMilliseconds();
+    const Bytes answer = ask(mSession, false, requestOf(kVersionCommand, {}));
+    const double real = realMilliseconds() - realStart;
+    const auto waited = board.now() - boardStart;
+    board.mcu().setSilent(false);
+    const std::string wire = newOnTheWire();
+    const bool ok = answer.empty() && wire.find("->") == std::string::npos &&
+                    waited >= std::chrono::seconds(5) && waited < std::chrono::milliseconds(5100);
+    row("get, the MCU stays silent", wire, answer.empty() ? "empty" : quotedOrHex(answer), ok);
+    char note[96];
+    std::snprintf(note, sizeof note, "%14s5 s of board time took %.2f ms of real time\n", "", real);
+    mConsole.out << note;
+}
+
+void Demo::callback() {
+    const Bytes data = {0xCA, 0xFE};
+    const CallbackRun run = invokeCallbacks(mSession, 1, data);
+    const bool ok = run.invoked == 2 && run.arrived == std::vector<Bytes>{data};
+    row("callback, reached by hwInvoke", newOnTheWire(),
+        run.arrived.empty() ? "not called" : quotedOrHex(run.arrived.front()), ok);
+}
+
+void Demo::selfTest() {
+    const SelfTestRun run = runSelfTest(mSession, {board::kRtc});
+    std::string errors;
+    for (const SelfTestItem& item : run.items) {
+        if (item.verdict == "Error") errors += item.name + ":" + item.verdict;
+    }
+    const std::string wire = newOnTheWire();
+    const bool ok = errors == "RTC:Error" && wire == "nothing" && !hasPassed(run.record);
+    row("self-test, clock broken", wire, errors.empty() ? "no error" : errors, ok);
+}
+
+int Demo::run() {
+    const Bytes value = {0x0A, 0x0B};
+    mConsole.out << "board time    step                           on the wire to the MCU     "
+                    "client got\n";
+    boot();
+    linkUp();
+    const std::string shipped = config_info->mcu_fw_version;
+    const Bytes version(shipped.begin(), shipped.end());
+    request("get 0x1, the MCU's version", false, requestOf(kVersionCommand, {}), version, true);
+    request("set 0x102", true, requestOf(kValueCommand, value), {0x00}, true);
+    request("get 0x102 back", false, requestOf(kValueCommand, {}), value, true);
+    request("get, only 3 bytes of request", false, {0x01, 0x00, 0x00}, {}, false);
+    firmwareUpdate();
+    silentMcu();
+    request("get 0x1 again", false, requestOf(kVersionCommand, {}), version, true);
+    callback();
+    selfTest();
+    for (const std::string& violation : mSession.board().violations()) {
+        row("violation: " + violation, "", "", false);
+    }
+    mConsole.out << (mFailures == 0 ? "All as expected.\n" : "Something was not as expected.\n");
+    return mFailures == 0 ? kOk : kFailed;
+}
+
+int demo(const Cli& cli) {
+    Options options = cli.options;
+    options.mcuInstalled = kOlderVersion;
+    BoardSession session(options, cli.console, false);  // the failures here are wanted
+    return Demo(session, cli.console).run();
+}
+
+}  // namespace
+
+void addDemoCommand(CLI::App& app, Cli& cli) {
+    CLI::App* command = app.add_subcommand("demo", "Power a board and send it requests");
+    command->footer("Example: quilctl --product Kestrel --trace demo.vcd demo");
+    command->callback([&cli] { cli.action = [&cli] { return demo(cli); }; });
+}
+
+}  // namespace quil::tools

@@ -1,0 +1,221 @@
+// Programming without the update flow around it, and single boot-loader commands: on the board, or
+// with an MCU behind a real serial device.
+#include <algorithm>
+#include <cctype>
+#include <filesystem>
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <ostream>
+#include <stdexcept>
+
+#include "config/config_info.h"
+#include "isp/boot_loader.h"
+#include "isp/isp_tasks.h"
+#include "tools/quilctl/files/validators.h"
+#include "tools/quilctl/programming/lent_port.h"
+#include "tools/quilctl/programming/mcu.h"
+#include "tools/quilctl/programming/programming_run.h"
+
+namespace quil::tools {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kPortHelp[] =
+    "--port: the board's own serial device (default), or one of this workstation: then the MCU\n"
+    "behind it is programmed, in real time. Its MCU_BOOT0 and MCU_NRST can hang at the device's\n"
+    "RTS and DTR (--boot0, --nrst: \"rts\" is set while the line is 1, \"-rts\" while it is 0; "
+    "most\n"
+    "adapters turn a set line into a low pin). Without them start the MCU in its boot loader\n"
+    "before, and reset it afterwards. A device whose name is the board's own is reached through\n"
+    "a link to it.\n";
+
+struct PortArguments {
+    std::string port;  // empty: the board's
+    ModemWiring wiring;
+};
+
+void addPortOptions(CLI::App& command, PortArguments& arguments) {
+    const auto isModemLine = CLI::IsMember({"none", "rts", "-rts", "dtr", "-dtr"});
+    command.add_option("--port", arguments.port, "The serial device");
+    command.add_option("--boot0", arguments.wiring.boot0, "What drives the MCU's BOOT0")
+        ->check(isModemLine);
+    command.add_option("--nrst", arguments.wiring.nrst, "What drives the MCU's NRST")
+        ->check(isModemLine);
+}
+
+bool isOnWorkstation(const std::string& port) {
+    std::error_code error;
+    return fs::is_character_file(port, error);
+}
+
+// A board to program, or one that lends its place to a real device.
+class ProgrammingSession {
+  public:
+    ProgrammingSession(const Cli& cli, const PortArguments& arguments, const std::string& chip)
+        : mSession(optionsFor(cli.options, arguments, chip), cli.console),
+          mPort(arguments.port.empty() ? board().mcuUart().path() : arguments.port) {
+        if (mPort == board().mcuUart().path()) return;
+        if (!isOnWorkstation(mPort)) {
+            throw std::runtime_error(mPort + " is neither the board's " + board().mcuUart().path() +
+                                     " nor a device");
+        }
+        if (arguments.wiring.boot0 == "none" && !cli.options.json) {
+            cli.console.err << "MCU_BOOT0 is not wired: the MCU has to be in its boot loader\n";
+        }
+        mLent.emplace(board(), mPort, arguments.wiring);
+    }
+
+    board::Board& board() { return mSession.board(); }
+    BoardSession& session() { return mSession; }
+    const std::string& port() const { return mPort; }
+
+  private:
+    static Options optionsFor(Options options, const PortArguments& arguments,
+                              const std::string& chip) {
+        if (isOnWorkstation(arguments.port)) options.realtime = true;
+        if (options.boardDirectory.empty()) options.chip = chip;
+        return options;
+    }
+
+    BoardSession mSession;
+    const std::string mPort;
+    std::optional<LentPort> mLent;
+};
+
+// A file of the workstation, by a path that is none of the board's.
+std::string workstationPath(const std::string& file) {
+    return "/." + fs::absolute(file).lexically_normal().string();
+}
+
+struct ProgramArguments : PortArguments {
+    std::string chip;
+    std::string file;
+};
+
+int program(const Cli& cli, const ProgramArguments& arguments) {
+    ProgrammingSession programming(cli, arguments, arguments.chip);
+    std::string file = workstationPath(arguments.file);
+    std::string port = programming.port(), chip = arguments.chip;
+    const ProgrammingOutcome outcome = runProgramming(
+        programming.session(), cli.console, {port, chip, static_cast<size_t>(fs::file_size(file))},
+        [&] { return mcu_isp_fw_update(file.data(), port.data(), chip.data()) == 0; });
+    printOutcome(cli, outcome, {});
+    for (const std::string& violation : programming.board().violations()) {
+        cli.console.err << "board: " << violation << '\n';
+    }
+    return outcome.isWhole() ? kOk : kFailed;
+}
+
+// The name of a command as people type it: "read-memory".
+std::string nameOf(const isp_cmd_t& row) {
+    std::string name = row.name;
+    name.erase(name.find_last_not_of(' ') + 1);
+    if (name.rfind("CMD_", 0) == 0) name.erase(0, 4);
+    for (char& c : name) c = c == '_' ? '-' : static_cast<char>(std::tolower(c));
+    return name;
+}
+
+std::optional<unsigned> commandCode(const std::string& text) {
+    if (const auto number = parseNumber(text, 0xFF)) return static_cast<unsigned>(*number);
+    for (const isp_cmd_t& row : isp_cmd_arr) {
+        if (row.name != nullptr && nameOf(row) == text) return row.code;
+    }
+    return std::nullopt;
+}
+
+CLI::Validator commandName() {
+    return CLI::Validator(
+        [](std::string& text) -> std::string {
+            if (commandCode(text)) return {};
+            std::string names;
+            for (const isp_cmd_t& row : isp_cmd_arr) {
+                if (row.name != nullptr) names += (names.empty() ? "" : ", ") + nameOf(row);
+            }
+            return "'" + text + "' is no boot-loader command: 0x00 to 0xFF, " + names;
+        },
+        "CMD");
+}
+
+struct TaskArguments : PortArguments {
+    std::string command;
+    std::string file;  // empty: the shipped image
+    std::string save;
+};
+
+constexpr char kReadBack[] = "/opt/test2.bin";  // where the session leaves what it has read
+
+void saveReadBack(ProgrammingSession& programming, const std::string& to) {
+    std::error_code error;
+    fs::copy_file(programming.board().hostPath(kReadBack), to, fs::copy_options::overwrite_existing,
+                  error);
+    if (error) throw std::runtime_error(to + ": " + error.message());
+}
+
+int runTask(const Cli& cli, const TaskArguments& arguments) {
+    Cli shown = cli;  // all that a single command finds out stands in the debug lines
+    if (shown.options.logLevel.empty()) shown.options.logLevel = "D";
+    ProgrammingSession programming(shown, arguments, "");
+    std::error_code ignored;
+    fs::create_directories(programming.board().hostPath(kReadBack).parent_path(), ignored);
+    if (arguments.file.empty() && parseConfigInfo() != 0) {
+        throw std::runtime_error("the product configuration could not be read");
+    }
+    const std::string file =
+        arguments.file.empty() ? config_info->mcu_fw_path : workstationPath(arguments.file);
+    const int result =
+        task(*commandCode(arguments.command), file.c_str(), programming.port().c_str());
+    if (cli.options.json) {
+        cli.console.out << nlohmann::json{{"result", result}}.dump() << '\n';
+    } else {
+        cli.console.out << "result " << result << '\n';
+    }
+    if (!arguments.save.empty()) saveReadBack(programming, arguments.save);
+    return result == 0 ? kOk : kFailed;
+}
+
+}  // namespace
+
+void addMcuProgram(CLI::App& mcu, Cli& cli) {
+    auto arguments = std::make_shared<ProgramArguments>();
+    CLI::App* command = mcu.add_subcommand("program", "Program an image, once and unconditionally");
+    command
+        ->add_option("--chip", arguments->chip,
+                     "gd32f303, gd32f470, stm32h750 or n32g45x; a temporary board has it, too")
+        ->required()
+        ->check(chipName());
+    addPortOptions(*command, *arguments);
+    command->add_option("FILE", arguments->file, "The image")->required()->check(CLI::ExistingFile);
+    command->footer(std::string(kPortHelp) +
+                    "Examples: quilctl --board my-board mcu program --chip gd32f303 image.bin\n"
+                    "          quilctl mcu program --chip stm32h750 --port /dev/ttyUSB0 \\\n"
+                    "            --boot0 -rts --nrst -dtr image.bin");
+    command->callback(
+        [&cli, arguments] { cli.action = [&cli, arguments] { return program(cli, *arguments); }; });
+}
+
+void addMcuTask(CLI::App& mcu, Cli& cli) {
+    auto arguments = std::make_shared<TaskArguments>();
+    CLI::App* command = mcu.add_subcommand("task", "A session around one boot-loader command");
+    command
+        ->add_option("CMD", arguments->command,
+                     "get, read-memory, write-memory, erase, extended-erase, write-unprotect, "
+                     "readout-unprotect, or a code")
+        ->required()
+        ->check(commandName());
+    addPortOptions(*command, *arguments);
+    command
+        ->add_option("--file", arguments->file,
+                     "The image to write, or a file as long as what is read or erased "
+                     "(default: the shipped image)")
+        ->check(CLI::ExistingFile);
+    command->add_option("--save", arguments->save, "Where to put what read-memory has read");
+    command->footer(std::string(kPortHelp) +
+                    "What the session finds out stands in the library's debug lines, which are\n"
+                    "shown unless --log-level says otherwise. STM32 and GD32 parts only.\n"
+                    "Example: quilctl mcu task get");
+    command->callback(
+        [&cli, arguments] { cli.action = [&cli, arguments] { return runTask(cli, *arguments); }; });
+}
+
+}  // namespace quil::tools

@@ -1,0 +1,33 @@
+#include "tools/quilctl/files/self_test_record.h"
+
+#include <algorithm>
+#include <sstream>
+
+namespace quil::tools {
+namespace {
+
+constexpr size_t kVerdictAt = 8, kTextAt = 10;
+
+}  // namespace
+
+std::vector<SelfTestVerdict> verdictsOf(const Bytes& record) {
+    std::vector<SelfTestVerdict> verdicts;
+    if (record.size() < kTextAt) return verdicts;
+    std::istringstream lines(std::string(record.begin() + kTextAt, record.end()));
+    for (std::string line; std::getline(lines, line);) {
+        const size_t colon = line.find(':');
+        if (colon == std::string::npos) continue;
+        const size_t end = line.find('\r', colon);
+        verdicts.push_back({line.substr(0, colon), line.substr(colon + 1, end - colon - 1)});
+    }
+    return verdicts;
+}
+
+bool hasPassed(const Bytes& record) {
+    if (record.size() < kTextAt || record[kVerdictAt] != 0) return false;
+    const auto verdicts = verdictsOf(record);
+    return std::none_of(verdicts.begin(), verdicts.end(),
+                        [](const SelfTestVerdict& one) { return one.verdict == "Error"; });
+}
+
+}  // namespace quil::tools

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+
+#include "board/board.h"
+#include "board/core/temporary_directory.h"
+#include "host/hosting_component.h"
+#include "tools/quilctl/cli.h"
+#include "tools/quilctl/session/service_session.h"
+
+namespace quil::tools {
+
+// The property with the level of the log gate.
+inline constexpr char kLogLevelProperty[] = "persist.quil.device.log.level";
+
+// How long the MCU takes from its reset until its application answers.
+inline constexpr auto kMcuStart = std::chrono::milliseconds(10);
+
+// Turns standard output away for as long as it lives: the library prints progress there.
+class QuietStandardOutput {
+  public:
+    QuietStandardOutput();
+    ~QuietStandardOutput();
+    QuietStandardOutput(const QuietStandardOutput&) = delete;
+    QuietStandardOutput& operator=(const QuietStandardOutput&) = delete;
+
+  private:
+    int mSaved;
+};
+
+// A board directory that goes away with it.
+class TemporaryBoard : public board::TemporaryDirectory {
+  public:
+    explicit TemporaryBoard(board::Product product);  // throws std::runtime_error
+};
+
+// A powered board as the options ask for it. Log lines go to the error stream as they come; the
+// trace is written at the end.
+class BoardSession : public ServiceSession {
+  public:
+    BoardSession(const Options& options, const Console& console,
+                 bool showLog = true);  // throws std::runtime_error
+    ~BoardSession() override;
+
+    board::Board& board() { return *mBoard; }
+    host::HostingComponent& host() { return *mHost; }
+    Service& service() override { return *mHost->service(); }
+    void onRequest(bool isWrite, const Bytes& request) override;
+
+    // Throws std::runtime_error when it does not come up. Boot jobs have commands of their own: a
+    // request should not reprogram the MCU.
+    void startService(const host::BootJobs& jobs = {.updateMcu = false});
+
+  private:
+    std::unique_ptr<board::Board> powerOn();
+    void showLogLines();
+    void applyLogLevel();
+    void finish();
+
+    const Options mOptions;
+    const Console& mConsole;
+    QuietStandardOutput mQuiet;
+    std::optional<TemporaryBoard> mTemporary;
+    std::unique_ptr<board::Board> mBoard;
+    std::optional<host::HostingComponent> mHost;
+    std::string mFormerLevel;
+};
+
+}  // namespace quil::tools

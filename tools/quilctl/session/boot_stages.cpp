@@ -1,0 +1,171 @@
+#include "tools/quilctl/session/boot_stages.h"
+
+#include <android/log.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+
+#include "tools/quilctl/output/values.h"
+
+namespace quil::tools {
+namespace {
+
+// What a message says of the stage that goes on.
+enum class Meaning { kEnded, kFailed, kGoesOnFailed };
+
+struct MessageRow {
+    const char* message;  // its beginning
+    const char* stage;
+    Meaning meaning;
+};
+constexpr std::array<MessageRow, 21> kMessages = {{
+    {"fpgaLoadProcessHeron: fpgaFlashFormat ok", "FPGA flash erased", Meaning::kEnded},
+    {"fpgaLoadProcessHeron: fpgaFlashFormat failed", "FPGA flash erased", Meaning::kFailed},
+    {"fpgaLoadProcessHeron: fpgaFlashWrite ok", "FPGA image written", Meaning::kEnded},
+    {"fpgaLoadProcessHeron: fpgaFlashWrite failed", "FPGA image written", Meaning::kFailed},
+    {"fpgaLoadProcessHeron: fpgaCheckDone ok", "FPGA configured", Meaning::kEnded},
+    {"fpgaLoadProcessHeron: fpgaCheckDone failed", "FPGA configured", Meaning::kFailed},
+    {"fpgaLoadProcessHeron: fpgaRecoveryDdr failed", "FPGA memory", Meaning::kGoesOnFailed},
+    {"fpgaLoadProcessHeron: fpgaRecoveryDdr ok", "FPGA memory", Meaning::kEnded},
+    {"fpgaLoadProcessHeron: fpgaLoadScreenParamsBySpi failed", "screen parameters",
+     Meaning::kFailed},
+    {"fpgaNetworkConfig: fpgaPhySgmiiConfig failed", "network", Meaning::kGoesOnFailed},
+    {"fpgaLoadProcessHeron: fpgaNetworkConfig ok", "network", Meaning::kEnded},
+    {"fpgaLoadProcessHeron: fpgaSwitchGmacToUdp ok", "switch to UDP", Meaning::kEnded},
+    {"fpgaLoadProcessHeron: fpgaSwitchGmacToUdp failed", "switch to UDP", Meaning::kFailed},
+    {"fpgaLoadProcessKestrel: hal_fpga_load_program_sync ok", "FPGA loaded", Meaning::kEnded},
+    {"fpgaLoadProcessKestrel: hal_fpga_load_program_sync failed", "FPGA loaded", Meaning::kFailed},
+    {"fpgaLoadProcessKestrel: fpgaLoadScreenParamsByUdp ok", "screen parameters", Meaning::kEnded},
+    {"fpgaLoadProcessKestrel: fpgaLoadScreenParamsByUdp failed", "screen parameters",
+     Meaning::kFailed},
+    {"fpgaLoadProcessWren_t507: bi_fpga_active_update_program ok", "FPGA image written",
+     Meaning::kEnded},
+    {"fpgaLoadProcessWren_t507: bi_fpga_active_update_program failed", "FPGA image written",
+     Meaning::kFailed},
+    {"fpgaLoadProcessWren_t507: bi_fpga_load_parameter ok", "screen parameters", Meaning::kEnded},
+    {"fpgaLoadProcessWren_t507: bi_fpga_load_parameter failed", "screen parameters",
+     Meaning::kFailed},
+}};
+
+// A good end of the screen parameters has no message: the network's first one tells it.
+constexpr char kMemory[] = "FPGA memory", kScreen[] = "screen parameters";
+constexpr std::array<const char*, 2> kNetworkBegins = {"readFpgaSgmiiClockState:",
+                                                       "fpgaPhySgmiiConfig,"};
+
+std::string withoutLineEnd(std::string text) {
+    while (!text.empty() && text.back() == '\n') text.pop_back();
+    return text;
+}
+
+std::string resultOf(const BootStage& stage) {
+    return std::string(stage.ok ? "ok" : "FAILED") +
+           (stage.said.empty() ? "" : " (" + stage.said + ")");
+}
+
+}  // namespace
+
+class BootStages::Watch {
+  public:
+    Watch(board::Board& board, std::ostream& err) : mBoard(board), mErr(err), mEnded(board.now()) {}
+
+    void see(const board::Event& event) {
+        if (event.kind != board::EventKind::kLog || !mIsOn) return;
+        const std::string& text = event.text;
+        if (isAfter(kMemory) && isNetwork(text)) end(kScreen, true, mError);
+        for (const MessageRow& row : kMessages) {
+            if (text.rfind(row.message, 0) != 0) continue;
+            if (row.meaning == Meaning::kEnded) return end(row.stage, !mFailed, mError);
+            mFailed = true;
+            if (row.meaning == Meaning::kFailed) end(row.stage, false, mError);
+            return;
+        }
+        if (mBoard.lastLogLine().priority == ANDROID_LOG_ERROR) mError = withoutLineEnd(text);
+    }
+
+    void end(const std::string& name, bool ok, const std::string& said) {
+        const auto now = mBoard.now();
+        mStages.push_back({name, mEnded, now, ok, said});
+        mEnded = now;
+        mError.clear();
+        mFailed = false;
+        char line[64];
+        std::snprintf(line, sizeof line, "%10.3f s  %-20s ", secondsOf(now), name.c_str());
+        mErr << line << resultOf(mStages.back()) << '\n';
+        mErr.flush();
+    }
+
+    void turnOff() { mIsOn = false; }
+    const std::vector<BootStage>& stages() const { return mStages; }
+    const std::string& error() const { return mError; }
+
+  private:
+    static bool isNetwork(const std::string& text) {
+        return std::any_of(kNetworkBegins.begin(), kNetworkBegins.end(),
+                           [&](const char* beginning) { return text.rfind(beginning, 0) == 0; });
+    }
+    bool isAfter(const char* stage) const {
+        return !mStages.empty() && mStages.back().name == stage;
+    }
+
+    board::Board& mBoard;
+    std::ostream& mErr;
+    board::Nanos mEnded;
+    std::vector<BootStage> mStages;
+    std::string mError;
+    bool mFailed = false, mIsOn = true;
+};
+
+BootStages::BootStages(BoardSession& session, const Console& console)
+    : mSession(session),
+      mFormerLevel(session.board().properties().get(kLogLevelProperty, "E")),
+      mWatch(std::make_shared<Watch>(session.board(), console.err)) {
+    if (mFormerLevel.front() != 'D') {
+        session.board().properties().set(kLogLevelProperty, "I");
+    }
+    session.board().trace().onEvent(
+        [watch = mWatch](const board::Event& event) { watch->see(event); });
+}
+
+BootStages::~BootStages() {
+    mWatch->turnOff();
+    mSession.board().properties().set(kLogLevelProperty, mFormerLevel);
+}
+
+void BootStages::end(const std::string& name, bool ok, const std::string& said) {
+    mWatch->end(name, ok, said.empty() ? mWatch->error() : said);
+}
+
+const std::vector<BootStage>& BootStages::all() const { return mWatch->stages(); }
+
+bool BootStages::allOk() const {
+    return std::all_of(all().begin(), all().end(), [](const BootStage& stage) { return stage.ok; });
+}
+
+const std::string& BootStages::error() const { return mWatch->error(); }
+
+void printStages(std::ostream& out, const std::vector<BootStage>& stages) {
+    char line[96];
+    std::snprintf(line, sizeof line, "%-20s %12s %12s  %s\n", "stage", "from", "took", "result");
+    out << line;
+    for (const BootStage& stage : stages) {
+        std::snprintf(line, sizeof line, "%-20s %10.3f s %10.3f s  ", stage.name.c_str(),
+                      secondsOf(stage.start), secondsOf(stage.end - stage.start));
+        out << line << resultOf(stage) << '\n';
+    }
+}
+
+std::string jsonOf(const std::vector<BootStage>& stages) {
+    auto rows = nlohmann::json::array();
+    for (const BootStage& stage : stages) {
+        rows.push_back({{"stage", stage.name},
+                        {"from", secondsOf(stage.start)},
+                        {"took", secondsOf(stage.end - stage.start)},
+                        {"ok", stage.ok},
+                        {"said", stage.said}});
+    }
+    return rows.dump();
+}
+
+}  // namespace quil::tools

@@ -1,0 +1,50 @@
+// A start-up taken apart into stages, as the library's messages tell them, with board time.
+#pragma once
+
+#include <memory>
+#include <ostream>
+#include <string>
+#include <vector>
+
+#include "tools/quilctl/session/board_session.h"
+
+namespace quil::tools {
+
+struct BootStage {
+    std::string name;
+    board::Nanos start, end;
+    bool ok;
+    std::string said;  // the last error message while it lasted, or what its end had to say
+};
+
+// Stages of the FPGA's load end with the library's messages; the caller ends the others. They lie
+// back to back: each begins where the one before it ended. Each is shown on the error stream as it
+// ends.
+//
+// The library tells its progress at information level, which this sets for as long as it lives.
+class BootStages {
+  public:
+    BootStages(BoardSession& session, const Console& console);
+    ~BootStages();
+    BootStages(const BootStages&) = delete;
+    BootStages& operator=(const BootStages&) = delete;
+
+    // Ends what has gone on since the last stage ended.
+    void end(const std::string& name, bool ok, const std::string& said = "");
+
+    const std::vector<BootStage>& all() const;
+    bool allOk() const;
+    // The last error message since the last stage ended; empty when there was none.
+    const std::string& error() const;
+
+  private:
+    class Watch;
+    BoardSession& mSession;
+    const std::string mFormerLevel;
+    const std::shared_ptr<Watch> mWatch;  // the trace keeps its listeners
+};
+
+void printStages(std::ostream& out, const std::vector<BootStage>& stages);
+std::string jsonOf(const std::vector<BootStage>& stages);
+
+}  // namespace quil::tools

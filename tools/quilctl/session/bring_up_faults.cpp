@@ -1,0 +1,146 @@
+#include "tools/quilctl/session/bring_up_faults.h"
+
+#include <errno.h>
+
+#include <CLI/CLI.hpp>
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <string_view>
+
+#include "board/fpga/screen_partition.h"
+
+namespace quil::tools {
+namespace {
+
+using board::Call;
+
+// A call of the host that fails, whenever it is made.
+struct CallRow {
+    std::string_view name;
+    const char* meaning;
+    Call call;
+    const char* path;
+};
+constexpr std::array<CallRow, 10> kCallFaults = {{
+    {"erase", "the flash cannot be erased (an update)", Call::kFlashErase, board::kFlashDevice},
+    {"program", "the flash cannot be programmed (an update)", Call::kFlashProgram,
+     board::kFlashDevice},
+    {"spi", "the FPGA's SPI device cannot be opened", Call::kOpen, board::kFpgaDevice},
+    {"screen", "the partition of screen parameters cannot be opened", Call::kOpen,
+     board::kScreenPartition},
+    {"phy", "the PHY's state cannot be read", Call::kRead, board::kPhyStatus},
+    {"udp", "the FPGA does not switch to UDP (Heron, an update)", Call::kVendor,
+     "fpgaSwitchGmacToUdp"},
+    {"driver", "the platform cannot load the FPGA (Kestrel)", Call::kVendor,
+     "hal_fpga_load_program_sync"},
+    {"screen-udp", "the parameters cannot be sent by UDP (Kestrel)", Call::kVendor,
+     "bi_fpga_load_screen_params_by_udp"},
+    {"update", "the closed library cannot write the image (Wren_t507, an update)", Call::kVendor,
+     "bi_fpga_active_update_program"},
+    {"parameters", "the closed library cannot load the parameters (Wren_t507)", Call::kVendor,
+     "bi_fpga_load_parameter"},
+}};
+
+// A part that does not do its work.
+struct PartRow {
+    std::string_view name;
+    const char* meaning;
+    void (*breakIt)(board::Board&);
+};
+constexpr std::array<PartRow, 8> kPartFaults = {{
+    {"page", "a page of the image is lost on its way into the flash (an update)",
+     [](board::Board& board) {
+         board.faults().add({.call = Call::kFlashProgram,
+                             .path = board::kFlashDevice,
+                             .after = 1,
+                             .lostSilently = true});
+     }},
+    {"done", "DONE never rises",
+     [](board::Board& board) { board.fpga().setStuckUnconfigured(true); }},
+    {"ddr", "the FPGA's DDR never comes good",
+     [](board::Board& board) { board.fpga().setDdr({.failures = -1}); }},
+    {"ddr-late", "the DDR comes good after one more restart of the FPGA",
+     [](board::Board& board) {
+         board.fpga().setDdr({.after = board::Fpga::kDdr.after, .failures = 1});
+     }},
+    {"clock", "the SGMII clock never comes",
+     [](board::Board& board) { board.fpga().setSgmiiClock({.failures = -1}); }},
+    {"negotiation", "the SGMII negotiation never completes (the link may come all the same)",
+     [](board::Board& board) { board.fpga().setSgmiiNegotiation({.failures = -1}); }},
+    {"link", "the PHY has no cable", [](board::Board& board) { board.phy().setCable(false); }},
+    {"link-late", "the PHY's link comes after its third reset",
+     [](board::Board& board) { board.phy().setDeadResets(2); }},
+}};
+
+template <typename Rows>
+const auto* rowNamed(const Rows& rows, std::string_view name) {
+    const auto row = std::find_if(rows.begin(), rows.end(),
+                                  [&](const auto& candidate) { return candidate.name == name; });
+    return row == rows.end() ? nullptr : &*row;
+}
+
+std::string knownFaults() {
+    std::string names;
+    for (const CallRow& row : kCallFaults) names += std::string(row.name) + ", ";
+    for (const PartRow& row : kPartFaults) names += std::string(row.name) + ", ";
+    names.resize(names.size() - 2);
+    return names;
+}
+
+std::string checkFaultName(std::string& name) {
+    if (rowNamed(kCallFaults, name) != nullptr || rowNamed(kPartFaults, name) != nullptr) return {};
+    return "there is no fault '" + name + "': " + knownFaults();
+}
+
+std::string helpLine(std::string_view name, const char* meaning) {
+    char line[112];
+    std::snprintf(line, sizeof line, "  %-12s %s\n", std::string(name).c_str(), meaning);
+    return line;
+}
+
+// What the trace says of a fault that a call has met begins with the call.
+void forgetMet(std::vector<std::string>& unmet, const board::Event& event) {
+    std::erase_if(unmet, [&](const std::string& name) {
+        const CallRow* row = rowNamed(kCallFaults, name);
+        return row != nullptr && event.source == row->path &&
+               event.text.rfind(board::nameOf(row->call), 0) == 0;
+    });
+}
+
+}  // namespace
+
+void addFaultOption(CLI::App& command, std::vector<std::string>& chosen,
+                    const std::string& footer) {
+    command.add_option("--fault", chosen, "What is broken in this run, by the names below")
+        ->delimiter(',')
+        ->check(CLI::Validator(checkFaultName, "NAME"));
+    std::string help = "Faults:\n";
+    for (const PartRow& row : kPartFaults) help += helpLine(row.name, row.meaning);
+    for (const CallRow& row : kCallFaults) help += helpLine(row.name, row.meaning);
+    command.footer(help + "\n" + footer);
+}
+
+BringUpFaults::BringUpFaults(board::Board& board, const std::vector<std::string>& names,
+                             std::ostream& err)
+    : mUnmet(std::make_shared<std::vector<std::string>>()), mErr(err) {
+    for (const std::string& name : names) {
+        if (const CallRow* row = rowNamed(kCallFaults, name)) {
+            mUnmet->push_back(name);
+            board.faults().add({.call = row->call, .path = row->path, .error = EIO, .times = -1});
+        } else if (const PartRow* part = rowNamed(kPartFaults, name)) {
+            part->breakIt(board);
+        }
+    }
+    board.trace().onEvent([unmet = mUnmet](const board::Event& event) {
+        if (event.kind == board::EventKind::kFault) forgetMet(*unmet, event);
+    });
+}
+
+BringUpFaults::~BringUpFaults() {
+    for (const std::string& name : *mUnmet) {
+        mErr << "quilctl: nothing in this run has come across the fault '" << name << "'\n";
+    }
+}
+
+}  // namespace quil::tools

@@ -1,0 +1,74 @@
+#include "tools/quilctl/session/client.h"
+
+#include <stdexcept>
+
+namespace quil::tools {
+namespace {
+
+using android::sp;
+using android::hardware::hidl_vec;
+using android::hardware::Return;
+using android::hardware::Void;
+using ::quil::hardware::quilservicemanager::V1_0::IQuilServiceCallback;
+
+class Recorder : public IQuilServiceCallback {
+  public:
+    explicit Recorder(std::vector<Bytes>& arrived) : mArrived(arrived) {}
+
+    Return<void> hwNotify(const hidl_vec<uint8_t>& data) override {
+        mArrived.emplace_back(data.begin(), data.end());
+        return Void();
+    }
+
+  private:
+    std::vector<Bytes>& mArrived;
+};
+
+template <typename Value>
+Value valueOf(Return<Value> result) {
+    if (!result.isOk()) throw std::runtime_error("the service failed: " + result.description());
+    return result;
+}
+
+}  // namespace
+
+Bytes requestOf(uint32_t command, const Bytes& body) {
+    Bytes request;
+    for (int shift = 0; shift < 32; shift += 8) {
+        request.push_back(static_cast<uint8_t>(command >> shift));
+    }
+    request.insert(request.end(), {0, 0});
+    request.push_back(static_cast<uint8_t>(body.size()));
+    request.push_back(static_cast<uint8_t>(body.size() >> 8));
+    request.insert(request.end(), body.begin(), body.end());
+    return request;
+}
+
+Bytes ask(ServiceSession& session, bool isWrite, const Bytes& request) {
+    session.onRequest(isWrite, request);
+    Bytes answer;
+    const auto keep = [&answer](const hidl_vec<uint8_t>& bytes) {
+        answer.assign(bytes.begin(), bytes.end());
+    };
+    const hidl_vec<uint8_t> bytes(request);
+    auto& service = session.service();
+    const Return<void> done = isWrite ? service.set(bytes, keep) : service.get(bytes, keep);
+    if (!done.isOk()) throw std::runtime_error("the service failed: " + done.description());
+    return answer;
+}
+
+CallbackRun invokeCallbacks(ServiceSession& session, size_t count, const Bytes& data) {
+    CallbackRun run;
+    auto& service = session.service();
+    const sp<IQuilServiceCallback> callback = new Recorder(run.arrived);
+    for (size_t i = 0; i < count; ++i) {
+        if (valueOf(service.hwRegistCallback(callback)) != 0) {
+            throw std::runtime_error("the service refused the callback");
+        }
+    }
+    run.invoked = valueOf(service.hwInvoke(hidl_vec<uint8_t>(data)));
+    for (size_t i = 0; i < count; ++i) valueOf(service.hwUnRegistCallback(callback));
+    return run;
+}
+
+}  // namespace quil::tools
