@@ -7,7 +7,7 @@
 #include <string_view>
 #include <vector>
 
-#include "board/trace.h"
+#include "board/core/trace.h"
 
 namespace quil::board {
 
