@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "testing/build.h"
 #include "testing/library_test.h"
 
 namespace quil::tests {
