@@ -5,6 +5,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <utility>
+
 // What the board does to its own containers under its lock is none of the thread sanitizer's
 // business.
 extern "C" {
@@ -55,6 +57,17 @@ void BoardLock::unlock() {
     if (--t_depth > 0) return;
     ignoreEnd();
     if (word_.exchange(0, std::memory_order_release) == 2) futexWakeOne(word_);
+}
+
+int BoardLock::giveUp() {
+    const int times = std::exchange(t_depth, 1);
+    unlock();
+    return times;
+}
+
+void BoardLock::takeAgain(int times) {
+    lock();
+    t_depth = times;
 }
 
 bool BoardLock::mine() { return t_depth > 0; }

@@ -16,6 +16,10 @@ class BoardLock {
     // True while this thread is at work inside the board: its C library calls are then the board's
     // own.
     static bool mine();
+    // Gives the lock up however often this thread holds it, so that others get on while it waits.
+    // Returns how often that was, for takeAgain.
+    int giveUp();
+    void takeAgain(int times);
 
   private:
     std::atomic<int> word_{0};

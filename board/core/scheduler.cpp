@@ -121,9 +121,9 @@ bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> 
         running_ = nullptr;
         dispatch();
     }
-    boardLock().unlock();
+    const int held = boardLock().giveUp();
     me->gate.wait();
-    boardLock().lock();
+    boardLock().takeAgain(held);
     if (timer && !me->timedOut) cancel(*timer);
     me->waitsFor = "";
     return !me->timedOut;

@@ -70,6 +70,7 @@ GpioLines::~GpioLines() = default;
 GpioLine& GpioLines::add(const std::string& name, int level) {
     Guard guard(boardLock());
     auto& line = lines_[name];
+    if (line) return *line;
     line = std::make_unique<GpioLine>(name, level);
     sysfs_.add("/sys/class/quilgpios/" + name + "/value",
                {[at = line.get()] {
@@ -83,7 +84,7 @@ GpioLine& GpioLines::add(const std::string& name, int level) {
 GpioLine& GpioLines::add(int number, int level) {
     Guard guard(boardLock());
     auto& line = lines_[numbered(number)];
-    line = std::make_unique<GpioLine>(numbered(number), level);
+    if (!line) line = std::make_unique<GpioLine>(numbered(number), level);
     return *line;
 }
 

@@ -51,6 +51,9 @@ class GpioLines {
     GpioLines(const GpioLines&) = delete;
     GpioLines& operator=(const GpioLines&) = delete;
 
+    // Both give the line that is there already, at the level that it has: a product file may give
+    // one number to two purposes.
+    //
     // A named line with its file /sys/class/quilgpios/<name>/value.
     GpioLine& add(const std::string& name, int level);
     // A numbered line, named "gpio <number>" in traces and faults.

@@ -8,6 +8,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <fstream>
+
 #include "board/board.h"
 
 namespace {
@@ -127,6 +129,25 @@ TEST(BoardGpio, NumberedLinesTellWhoListens) {
     EXPECT_THAT(edges(board), ElementsAre("gpio 701 1", "gpio 701 0"));
     EXPECT_EQ(board.gpio().find(701), &line);
     EXPECT_EQ(board.gpio().find(702), nullptr);
+}
+
+TEST(BoardGpio, OneNumberForAllLinesOfTheFpgaIsOneLine) {
+    const TemporaryDirectory directory;
+    const auto file = directory.path() / "rootfs/vendor/etc/product.ini";
+    createBoardDirectory(directory.path(), Product::kHeron);
+    std::ofstream(file) << "[fpga]\nfpga_control_gpio = 5\nfpga_config_gpio = 5\n"
+                           "fpga_done_gpio = 5\n";
+    Board board(directory.path());
+    GpioLine& line = board.gpio().at(5);
+    EXPECT_EQ(&board.fpga().lines().control, &line);
+    EXPECT_EQ(&board.fpga().lines().config, &line);
+    EXPECT_EQ(&board.fpga().lines().done, &line);
+    EXPECT_EQ(line.drive(0), 0);
+    EXPECT_FALSE(board.fpga().isConfigured());
+    EXPECT_EQ(line.drive(1), 0);
+    board.runFor(std::chrono::seconds(1));
+    EXPECT_TRUE(board.fpga().isConfigured());
+    EXPECT_EQ(line.level(), 1);
 }
 
 TEST(BoardSysfs, AnAttributeIsWhatItsDriverShowsAndStores) {

@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <thread>
 
 #include "board/board.h"
 #include "platform/vendor/include/quil_hal.h"
@@ -158,6 +159,30 @@ TEST_F(BoardSerialFlash, DamageIsWhereItWasPut) {
     board.flash().damage(0x200000, 0x81);
     EXPECT_THAT(board.flash().read(0x1FFFFF, 3), ElementsAre(0xFF, 0x7E, 0xFF));
     EXPECT_THAT(board.flash().read(0xFFFFFF, 9), ElementsAre(0xFF));
+}
+
+TEST(BoardSerialFlashAmongThreads, OthersRunOnWhileTheShellErases) {
+    Board board;
+    Nanos woken{0};
+    std::thread other([&] {
+        std::this_thread::sleep_for(1ms);
+        woken = board.now();
+    });
+    EXPECT_EQ(hal_gpio_setvalue(441, 0), 0);
+    EXPECT_EQ(system("mtd_debug erase /dev/mtd0 0 65536 > /dev/null"), 0);
+    other.join();
+    EXPECT_EQ(woken, 1ms);
+    EXPECT_EQ(board.now(), 150ms);
+}
+
+TEST(BoardSerialFlashInRealTime, TheShellsProgrammingOfAPageComesToItsEnd) {
+    Board board(Product::kHeron, {.realtime = true});
+    EXPECT_EQ(hal_gpio_setvalue(441, 0), 0);
+    const auto start = board.now();
+    EXPECT_EQ(system("mtd_debug write /dev/mtd0 0xF00000 256 /vendor/firmware/fpga_Heron.bin "
+                     "> /dev/null"),
+              0);
+    EXPECT_GE(board.now() - start, 700us);
 }
 
 }  // namespace
