@@ -14,22 +14,25 @@
 extern "C" {
 #endif
 
-// The size of a file in bytes, or 0xFFFFFFFF on failure.
+// The size of a file in bytes, or 0xFFFFFFFF on failure. Files of 4 GiB and more have no meaning
+// here.
 QUIL_EXPORT uint32_t getFileSize(const char* path);
 
-// Waits up to 10 s for DONE. Returns 1 as soon as the line is high, 0 when there is no such line,
-// otherwise the last value read: 0, or the GPIO interface's negative error as it is.
+// Polls the line `fpga_done_gpio` of the configuration for up to 10 s. Returns 1 as soon as it is
+// high, 0 when there is no such line, otherwise the last value read: 0, or the GPIO interface's
+// negative error as it is.
 QUIL_EXPORT int32_t fpgaCheckDone(void);
 
-// Erases the flash, writes the image, restarts the FPGA and waits for DONE. Returns 0, or -1 at the
-// first failure; the lines stay as they are then.
+// Erases the flash, writes the image (`fpga_fw_path` of the configuration), restarts the FPGA and
+// waits for DONE. Returns 0, or -1 at the first failure; the lines stay as they are then.
 QUIL_EXPORT int32_t fpgaFwUpdate(void);
 
 // Erases the flash. Returns 0 or -1.
 QUIL_EXPORT int32_t fpgaFlashFormat(void);
 
-// Writes the image into an erased flash and restarts the FPGA once no firmware update is in
-// progress, however long that takes. Does not wait for DONE. Returns 0 or -1.
+// Writes the image (`fpga_fw_path`) into an erased flash and restarts the FPGA once no firmware
+// update is in progress, however long that takes: `fw_updating` is read without a lock. Does not
+// wait for DONE. Returns 0 or -1.
 QUIL_EXPORT int32_t fpgaFlashWrite(void);
 
 #ifdef __cplusplus

@@ -13,11 +13,13 @@
 extern "C" {
 #endif
 
-// Boots from its serial flash, takes its parameters over SPI.
+// Heron: the FPGA boots from its serial flash and takes its parameters over SPI.
 QUIL_EXPORT int32_t fpgaLoadProcessHeron(void);
-// Loaded by the platform's driver on every start, takes its parameters over UDP.
+
+// Kestrel: the platform's driver loads the FPGA on every start; it takes its parameters over UDP.
 QUIL_EXPORT int32_t fpgaLoadProcessKestrel(void);
-// Loaded and updated by the closed FPGA library.
+
+// Wren on the T507: the closed FPGA library loads and updates the FPGA.
 QUIL_EXPORT int32_t fpgaLoadProcessWren_t507(void);
 
 #ifdef __cplusplus

@@ -1,8 +1,8 @@
 // The host's second Ethernet interface, eth1, up to the FPGA: PHY, driver, address, registers,
 // resets and link.
 //
-// Shell commands are not looked at for their outcome: only the SGMII clock, the reset pulse and the
-// PHY's link decide. Reloads the Ethernet driver: nothing else may use eth1 meanwhile.
+// Exit codes of shell commands are ignored: only the SGMII clock, the reset pulse and the PHY's
+// link decide. Nothing else may use eth1 meanwhile.
 #pragma once
 
 #include "common/export.h"
@@ -11,15 +11,19 @@
 extern "C" {
 #endif
 
-// Each returns 0, whatever its commands came to.
-QUIL_EXPORT int fpgaDwmacConfig(void);  // reloads the Ethernet driver
-QUIL_EXPORT int fpgaEthConfig(void);    // gives eth1 its address
-QUIL_EXPORT int fpgaPhyConfig(void);    // sets the PHY's registers
+// Reloads the Ethernet driver. Returns 0.
+QUIL_EXPORT int fpgaDwmacConfig(void);
 
-// Pulses the PHY's reset line. Returns 0, or -1 when the line cannot be driven.
+// Gives eth1 its address. Returns 0.
+QUIL_EXPORT int fpgaEthConfig(void);
+
+// Sets the PHY's registers. Returns 0.
+QUIL_EXPORT int fpgaPhyConfig(void);
+
+// Pulses the PHY's reset line, 700 ms in all. Returns 0, or -1 when the line cannot be driven.
 QUIL_EXPORT int reset8211FS(void);
 
-// One attempt. Returns 0 when the link is up, -1 otherwise.
+// One attempt, of about a second. Returns 0 when the link is up, -1 otherwise.
 QUIL_EXPORT int fpgaPhySgmiiConfig(void);
 
 // Up to five attempts. Returns 0 also when none came to a link: that is only logged.

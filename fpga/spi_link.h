@@ -11,17 +11,19 @@
 extern "C" {
 #endif
 
-// Sends one prepared write transaction of `count` bytes (see fpga/spi_frame.h), 10 ms after opening
-// the device. Returns the bytes written, -1 when the device cannot be opened, or the negative
-// result of the write.
+// Sends one prepared write transaction of `count` bytes, header and trailing zero included (see
+// fpga/spi_frame.h), 10 ms after opening the device. Returns the bytes written, -1 when the device
+// cannot be opened, or the negative result of the write.
 QUIL_EXPORT int spi_send_data(void* buf, unsigned count);
 
-// Read `len` bytes of state to `data_buf`. Return the result of the read (len + 6 when it is
+// Reads `len` bytes of state to `data_buf`: 1 in the first byte when the SGMII clock is there, or
+// the SGMII negotiation complete. Each returns the result of the read (`len` + 6 when it is
 // complete), or -1 without a buffer, memory or device.
 QUIL_EXPORT int readFpgaSgmiiClockState(unsigned char* data_buf, unsigned len);
 QUIL_EXPORT int readFpgaSgmiiNegotiationState(unsigned char* data_buf, unsigned len);
 
 // Reads the DDR's state: 1 is good, anything else is not ready. `state` keeps its value on failure.
+// Returns the result of the read, or -1 when `state` is null, or without memory or device.
 QUIL_EXPORT int readFpgaDdrState(unsigned char* state);
 
 // Pulses the FPGA's transmit and receive resets. Returns the result of the last of its four

@@ -1,4 +1,5 @@
-// The files of a programming session: the firmware image, and what a session reads back.
+// The files of a programming session: the firmware image, and what a session reads back. Any
+// thread.
 #pragma once
 
 #include "common/export.h"
@@ -7,10 +8,11 @@
 extern "C" {
 #endif
 
-// The size in bytes, 0 for a file that does not exist. Negative from 2 GiB on.
+// The size in bytes, 0 for a file that does not exist or cannot be read. Negative from 2 GiB on.
 QUIL_EXPORT int file_size(const char* path);
 
-// Reads `n` bytes to `buf`. Returns 0, or 15: no such file, or one shorter than `n`.
+// Reads `n` bytes to `buf`. Returns 0, or 15: no such file, or one shorter than `n`, whose bytes
+// are then in `buf`.
 QUIL_EXPORT int file_read(const char* path, void* buf, int n);
 
 // Writes `n` bytes. Returns 0, or 15 when the file cannot be opened.

@@ -1,7 +1,8 @@
-// Whole programming sessions with the MCU.
+// Whole programming sessions with the MCU, each of them seconds to minutes long.
 //
 // A session owns the port in `fd` from its opening to its closing, and leaves the MCU restarted
-// into its application whatever the outcome.
+// into its application whatever the outcome. One session at a time, on one thread; the hosting
+// component keeps `fw_updating` raised meanwhile.
 #pragma once
 
 #include "common/export.h"
@@ -11,9 +12,9 @@ extern "C" {
 #endif
 
 // Programs the MCU with the image at `file_path`, over the device `uart_path`, by the protocol that
-// `chip_serial` asks for: "gd32" or "stm32" in it, else "n32". Returns 0 (also when no protocol
-// applies), -1 for an argument that is empty or contains "UNDEF", or the session's result: 15 from
-// the STM32/GD32 one, -1 or 255 from the N32 one.
+// `chip_serial` asks for: "gd32" or "stm32" in it, else "n32". None of the texts is changed.
+// Returns 0 (also when no protocol applies), -1 for an argument that is empty or contains "UNDEF",
+// or the session's result: 15 from the STM32/GD32 one, -1 or 255 from the N32 one.
 QUIL_EXPORT int mcu_isp_fw_update(char* file_path, char* uart_path, char* chip_serial);
 
 // Erases and writes an STM32 or GD32 part. Returns 0 or 15.

@@ -12,7 +12,7 @@
 //   10 + L     1  XOR of all bytes before it
 //
 // Answers start with 0xAA 0x55 and end with the status 0xA0 0x00 and the XOR of all bytes before
-// it; 60 bytes to "get info", 9 bytes to everything else.
+// it; 60 bytes to "get info", 9 bytes to everything else. One session at a time, on one thread.
 #pragma once
 
 #include "common/export.h"
@@ -22,7 +22,8 @@ extern "C" {
 #endif
 
 // Writes the image at `file_path` over the device `uart_path` (9600 8N1), and restarts the MCU into
-// its application. Returns 0, -1 (the port cannot be opened, or no memory) or 255 (a step failed).
+// its application. Blocks for the whole session. Returns 0, -1 (the port cannot be opened, or no
+// memory) or 255 (a step failed).
 //
 // What boot loaders in the field depend on: blocks are counted in 8 bits, so that images above
 // 32640 bytes go out in part; an image whose size is a multiple of 128 goes out without its last

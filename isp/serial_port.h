@@ -23,17 +23,18 @@ int writeToPort(const uint8_t* data, size_t count);
 extern "C" {
 #endif
 
-// Opens `path` into `fd` (also a failed opening's result) and sets speed, data bits (7 or 8), stop
-// bits (1 or 2) and parity ('N', 'E', 'O', 'S', either case). Returns 0, or -1; a port whose
-// settings failed stays open in `fd`.
+// Opens `path` into `fd` (also a failed opening's result) and sets speed (`baud` in bit/s), data
+// bits (7 or 8), stop bits (1 or 2) and parity ('N', 'E', 'O', 'S', either case). Returns 0, or -1;
+// a port whose settings failed stays open in `fd`.
 QUIL_EXPORT int mcu_serial_init(const char* path, int baud, int databits, int stopbits, int parity);
 
 // Sets a rate of the table (50 to 230400, and 1000000 bit/s) and drops what is queued in both
-// directions. Returns 0, or -1.
+// directions. `fd` is the argument, not the slot. Returns 0, or -1.
 QUIL_EXPORT int mcu_set_baudrate(int fd, unsigned baud);
 
-// Sets the character format and raw mode with reads that return at once. Returns 0, -1 (attributes
-// or data bits), -2 (parity), -3 (stop bits) or -4 (the setting itself).
+// Sets the character format, as mcu_serial_init takes it, and raw mode with reads that return at
+// once. `fd` is the argument, not the slot. Returns 0, -1 (attributes or data bits), -2 (parity),
+// -3 (stop bits) or -4 (the setting itself).
 QUIL_EXPORT int mcu_set_parity(int fd, int databits, int stopbits, int parity);
 
 // Closes `fd`, which keeps its number. Returns what `close` returns.

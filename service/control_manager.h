@@ -5,6 +5,7 @@
 
 class QUIL_EXPORT ControlManager {
   public:
+    // The constructor logs a line at level D.
     ControlManager();
     ~ControlManager();
 };

@@ -9,8 +9,10 @@ namespace quil::hardware::quilservicemanager::implementation {
 
 class QUIL_EXPORT QuilServiceCallback : public V1_0::IQuilServiceCallback {
   public:
+    // Both without effect.
     QuilServiceCallback();
     ~QuilServiceCallback() override;
+    // Ignores `data`.
     ::android::hardware::Return<void> hwNotify(
         const ::android::hardware::hidl_vec<uint8_t>& data) override;
 };

@@ -1,4 +1,8 @@
 // The service object behind IQuilServiceManager: client requests in, answers out.
+//
+// Clients reach the first six functions through IQuilServiceManager; their virtual slots follow
+// those of IBase in this order. Any thread may call any of them; `set` and `get` wait for each
+// other.
 #pragma once
 
 #include <pthread.h>
@@ -21,6 +25,7 @@ using V1_0::IQuilServiceManager;
 
 class QUIL_EXPORT QuilServiceManager : public IQuilServiceManager {
   public:
+    // Without clients; no thread is started.
     QuilServiceManager();
     ~QuilServiceManager() override;
 
@@ -32,20 +37,23 @@ class QUIL_EXPORT QuilServiceManager : public IQuilServiceManager {
     Return<int32_t> hwRegistCallback(const sp<IQuilServiceCallback>& callback) override;
     // Removes one registration, the oldest. Returns 0, or -1 when there is none.
     Return<int32_t> hwUnRegistCallback(const sp<IQuilServiceCallback>& callback) override;
-    // One request, from its bytes to its answer through `_hidl_cb`; an empty answer is a failure,
-    // the single byte 0xFF means that firmware is being updated. Blocks for as long as the MCU
-    // takes, at most about 5 s, and for as long as requests before it do.
+    // One request (command u32, error code u16, length u16, body; little-endian), from its bytes to
+    // its answer through `_hidl_cb`, which is called before they return; an empty answer is a
+    // failure, the single byte 0xFF means that firmware is being updated. Blocks for as long as the
+    // MCU takes, at most about 5 s, and for as long as requests before it do.
     Return<void> set(const hidl_vec<uint8_t>& request, set_cb _hidl_cb) override;
     Return<void> get(const hidl_vec<uint8_t>& request, get_cb _hidl_cb) override;
-    // Delivers the MCU's answer; whoever waits for one gets these bytes.
+    // Delivers the MCU's answer; whoever waits for one gets these bytes. Takes the wait mutex only.
     Return<void> wakeUp(const hidl_vec<uint8_t>& data) override;
 
     // Writes the state of the service as text, at most 4 KiB, to the first descriptor of `handle`:
-    // version, configuration, firmware flags, counters, callbacks. Waits for no request.
+    // version, configuration, firmware flags, counters, callbacks. `options` are ignored. Waits for
+    // no request.
     Return<void> debug(const ::android::hardware::hidl_handle& handle,
                        const hidl_vec<::android::hardware::hidl_string>& options) override;
 
-    // The steps of a request. Each returns 0, or -1 on failure.
+    // The steps of a request, for components that drive them one by one, on the thread of the
+    // request. Each returns 0, or -1 on failure.
     Return<int32_t> convertRequestToTclvMsg(const hidl_vec<uint8_t>& request, tclvMsg* msg);
     Return<int32_t> getBusinessTypeByTclvMsg(tclvMsg* msg, hidl_service_type_t* type);
     Return<int32_t> sendTclvDataToMcu(tclvMsg* msg, uint8_t is_write);
@@ -89,7 +97,8 @@ class QUIL_EXPORT QuilServiceManager : public IQuilServiceManager {
     Counters mCounters;
 };
 
-// The factory that the platform's passthrough loader calls; the instance name is ignored.
+// The factory that the platform's passthrough loader calls. Returns a new service, which the caller
+// holds by a strong reference. The instance name is ignored.
 extern "C" QUIL_EXPORT IQuilServiceManager* HIDL_FETCH_IQuilServiceManager(const char* name);
 
 }  // namespace quil::hardware::quilservicemanager::implementation

@@ -9,13 +9,15 @@
 
 namespace quil::hardware::quilservicemanager::implementation {
 
+// A request as parsed.
 struct tclvMsg {
-    uint32_t cmd = 0;
-    uint16_t errCode = 0;  // carried, never interpreted
-    uint16_t length = 0;   // bytes in msgBody
-    std::vector<uint8_t> msgBody;
+    uint32_t cmd = 0;              // the command
+    uint16_t errCode = 0;          // carried, never interpreted
+    uint16_t length = 0;           // bytes in msgBody
+    std::vector<uint8_t> msgBody;  // the body
 };
 
+// Whose a command is: the MCU's, power control, the self-test, nobody's.
 enum hidl_service_type_t : uint32_t {
     HIDL_SERVICE_TYPE_MCU = 1,
     HIDL_SERVICE_TYPE_POWER_CONTROL = 2,
