@@ -15,6 +15,5 @@ set(ANDROID_STL c++_shared)
 set(ANDROID_CPP_FEATURES "no-rtti exceptions")
 # The closed libraries and the platform's own are not there to link: the image's build does that.
 set(ANDROID_ALLOW_UNDEFINED_SYMBOLS ON)
-set(CMAKE_EXE_LINKER_FLAGS_INIT -Wl,--unresolved-symbols=ignore-all)
 list(APPEND CMAKE_TRY_COMPILE_PLATFORM_VARIABLES ANDROID_NDK)
 include(${ANDROID_NDK}/build/cmake/android.toolchain.cmake)
