@@ -123,15 +123,16 @@ struct Session {
     std::array<int, 3> results;  // that it may end with
     seconds most;                // of board time
 };
-// What a session may take: every answer late, three of them for each of the image's 12 blocks; an
-// N32's come byte by byte, up to 3 s each. An update is five sessions.
+// What a session may take: every answer 2.9 s late, three of them for each of the image's 12
+// blocks, and 10 s for each that a port which may not wait never gives; an N32's come byte by byte,
+// up to 3 s each. An update is five sessions.
 constexpr Session kSessions[] = {
-    {production, {0, 15, 15}, seconds(70)},      {n32Upgrade, {0, -1, 255}, seconds(900)},
-    {update, {0, -1, -1}, seconds(350)},         {n32Update, {0, -1, -1}, seconds(4500)},
-    {diagnostic<0x00>, {0, 3, 15}, seconds(70)}, {diagnostic<0x11>, {0, 3, 15}, seconds(90)},
-    {diagnostic<0x31>, {0, 3, 15}, seconds(70)}, {diagnostic<0x43>, {0, 3, 15}, seconds(70)},
-    {diagnostic<0x44>, {0, 3, 15}, seconds(70)}, {diagnostic<0x73>, {0, 3, 15}, seconds(70)},
-    {diagnostic<0x92>, {0, 3, 15}, seconds(70)},
+    {production, {0, 15, 15}, seconds(200)},      {n32Upgrade, {0, -1, 255}, seconds(900)},
+    {update, {0, -1, -1}, seconds(1000)},         {n32Update, {0, -1, -1}, seconds(4500)},
+    {diagnostic<0x00>, {0, 3, 15}, seconds(200)}, {diagnostic<0x11>, {0, 3, 15}, seconds(200)},
+    {diagnostic<0x31>, {0, 3, 15}, seconds(200)}, {diagnostic<0x43>, {0, 3, 15}, seconds(200)},
+    {diagnostic<0x44>, {0, 3, 15}, seconds(200)}, {diagnostic<0x73>, {0, 3, 15}, seconds(200)},
+    {diagnostic<0x92>, {0, 3, 15}, seconds(200)},
 };
 constexpr std::array<size_t, 8> kImageSizes = {0, 1, 127, 128, 256, 1000, 1024, 3000};
 
