@@ -1,4 +1,6 @@
 // The clients that want to be told of events, and the broadcast that reaches them.
+#include <hidl/HidlTransportSupport.h>
+
 #include <algorithm>
 
 #include "common/log.h"
@@ -60,7 +62,11 @@ Return<int32_t> QuilServiceManager::hwUnRegistCallback(const sp<IQuilServiceCall
     QUIL_LOG_DEBUG(kServiceTag, "%s %d", __func__, kRemovalMark);
     sp<IQuilServiceCallback> removed;  // released after the lock: its destructor may call back
     const MutexLock lock(mClientsMutex);
-    const auto entry = std::find(mClients.begin(), mClients.end(), callback);
+    // Another process's callback comes as a new proxy with each call.
+    const auto entry = std::find_if(
+        mClients.begin(), mClients.end(), [&callback](const sp<IQuilServiceCallback>& client) {
+            return ::android::hardware::interfacesEqual(client, callback);
+        });
     if (callback == nullptr || entry == mClients.end()) {
         QUIL_LOG_ERROR(kServiceTag, "%s: unregister Callback not found\n", __func__);
         return -1;

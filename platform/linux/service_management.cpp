@@ -12,7 +12,21 @@ using ::android::hidl::base::V1_0::IBase;
 
 namespace android::hardware {
 
-bool interfacesEqual(const sp<IBase>& left, const sp<IBase>& right) { return left == right; }
+namespace {
+
+// Every proxy is laid out as one of the root interface, whatever it is a proxy of. The platform
+// reads it so as well; there is no type information in a vendor's library.
+__attribute__((no_sanitize("vptr"))) IBinder* binderOf(IBase* proxy) {
+    return static_cast<BpInterface<IBase>*>(proxy)->remote();
+}
+
+}  // namespace
+
+bool interfacesEqual(const sp<IBase>& left, const sp<IBase>& right) {
+    if (left == right || left == nullptr || right == nullptr) return left == right;
+    if (!left->isRemote() || !right->isRemote()) return false;
+    return binderOf(left.get()) == binderOf(right.get());
+}
 
 namespace details {
 

@@ -20,9 +20,11 @@ using ::android::DEAD_OBJECT;
 using ::android::INVALID_OPERATION;
 using ::android::sp;
 using ::android::wp;
+using ::android::hardware::BpInterface;
 using ::android::hardware::hidl_death_recipient;
 using ::android::hardware::hidl_handle;
 using ::android::hardware::hidl_vec;
+using ::android::hardware::IBinder;
 using ::android::hardware::interfacesEqual;
 using ::android::hardware::Return;
 using ::android::hardware::Status;
@@ -206,6 +208,19 @@ TEST(HidlInterface, LinksDeathToARecipientButNotToNone) {
     EXPECT_FALSE(object->unlinkToDeath(nullptr));
 }
 
+template <typename Interface>
+class Proxy : public BpInterface<Interface> {
+  public:
+    using BpInterface<Interface>::BpInterface;
+    bool isRemote() const override { return true; }
+};
+
+class CallbackProxy : public Proxy<IQuilServiceCallback> {
+  public:
+    using Proxy::Proxy;
+    Return<void> hwNotify(const hidl_vec<uint8_t>&) override { return Void(); }
+};
+
 TEST(HidlInterface, SameObjectIsEqualAndAnotherIsNot) {
     const sp<Callback> object = new Callback;
     const sp<IQuilServiceCallback> again = object;
@@ -213,6 +228,20 @@ TEST(HidlInterface, SameObjectIsEqualAndAnotherIsNot) {
     EXPECT_FALSE(interfacesEqual(object, new Callback));
     EXPECT_FALSE(interfacesEqual(object, nullptr));
     EXPECT_TRUE(interfacesEqual(nullptr, nullptr));
+}
+
+TEST(HidlInterface, ProxiesOfOneBinderAreEqual) {
+    const sp<IBinder> binder = new IBinder, other = new IBinder;
+    const sp<IBase> proxy = new CallbackProxy(binder);
+    EXPECT_TRUE(proxy->isRemote());
+    EXPECT_TRUE(interfacesEqual(proxy, proxy));
+    EXPECT_TRUE(interfacesEqual(proxy, new CallbackProxy(binder)));
+    EXPECT_TRUE(interfacesEqual(proxy, new Proxy<IBase>(binder)));
+    EXPECT_FALSE(interfacesEqual(proxy, new CallbackProxy(other)));
+    EXPECT_FALSE(interfacesEqual(proxy, new Callback));
+    EXPECT_FALSE(interfacesEqual(new Callback, proxy));
+    EXPECT_FALSE(interfacesEqual(proxy, nullptr));
+    EXPECT_FALSE(interfacesEqual(nullptr, proxy));
 }
 
 TEST(HidlInterface, ThreadsShareAnObjectUntilTheLastOneLetsGo) {

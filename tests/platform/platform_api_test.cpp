@@ -158,7 +158,7 @@ const std::set<std::string> kHeaders = {
     "algorithm", "atomic", "functional", "iterator", "memory", "string", "vector",
     //
     "android/log.h", "cutils/native_handle.h", "cutils/properties.h", "hidl/HidlSupport.h",
-    "hidl/Status.h", "utils/RefBase.h", "utils/StrongPointer.h",
+    "hidl/HidlTransportSupport.h", "hidl/Status.h", "utils/RefBase.h", "utils/StrongPointer.h",
     //
     "quil_bi.h", "quil_fpga.h", "quil_hal.h",
     "quil/hardware/quilservicemanager/1.0/IQuilServiceCallback.h",

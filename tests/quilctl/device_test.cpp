@@ -12,6 +12,7 @@
 namespace quil::tests {
 namespace {
 
+using hardware::quilservicemanager::V1_0::IQuilServiceCallback;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
@@ -27,6 +28,20 @@ class HostsService : public tools::ServiceSession {
 std::unique_ptr<tools::ServiceSession> connectToTheHost(const tools::Cli& /*cli*/) {
     return std::make_unique<HostsService>();
 }
+
+class ForgetfulSession : public tools::ServiceSession {
+  public:
+    Service& service() override { return *mService; }
+
+  private:
+    class Forgetful : public OpenService {
+        android::hardware::Return<int32_t> hwUnRegistCallback(
+            const android::sp<IQuilServiceCallback>& /*callback*/) override {
+            return -1;
+        }
+    };
+    const android::sp<Service> mService = new Forgetful;
+};
 
 class QuilctlOnTheDevice : public LibraryTest {
   protected:
@@ -71,6 +86,16 @@ TEST_F(QuilctlOnTheDevice, CallbacksArriveOnceForEachRegistration) {
               "hwInvoke returned 2\n"
               "callback 1: CA FE\n"
               "callback 2: CA FE\n");
+}
+
+TEST_F(QuilctlOnTheDevice, CallbackThatTheServiceDoesNotFindAgainIsAFailure) {
+    tools::Program program = tools::kDeviceProgram;
+    program.connect = [](const tools::Cli&) -> std::unique_ptr<tools::ServiceSession> {
+        return std::make_unique<ForgetfulSession>();
+    };
+    const Said answer = runProgram(program, {"callbacks", "--count", "2"});
+    EXPECT_EQ(answer.code, tools::kFailed);
+    EXPECT_EQ(answer.err, "the service did not find 2 of 2 callbacks again\n");
 }
 
 TEST_F(QuilctlOnTheDevice, SelfTestPrintsTheVerdictsInTheOrderOfTheRecord) {

@@ -1,3 +1,5 @@
+#include <hwbinder/IInterface.h>
+
 #include <thread>
 
 #include "service/control_manager.h"
@@ -8,6 +10,7 @@ namespace quil::tests {
 
 using namespace hardware::quilservicemanager::implementation;  // NOLINT: the thing tested
 using android::hardware::hidl_vec;
+using android::hardware::IBinder;
 using android::hardware::Return;
 using android::hardware::Status;
 using android::hardware::Void;
@@ -32,6 +35,14 @@ class Listener : public IQuilServiceCallback {
   private:
     std::vector<std::string>& mNotes;
     std::string mName;
+};
+
+// What the service is handed of a callback in another process: a new one with each call.
+class Proxy : public android::hardware::BpInterface<IQuilServiceCallback> {
+  public:
+    using BpInterface::BpInterface;
+    bool isRemote() const override { return true; }
+    Return<void> hwNotify(const hidl_vec<uint8_t>&) override { return Void(); }
 };
 
 // A client that died: its transport fails.
@@ -103,6 +114,18 @@ TEST_F(ClientRegistry, RemovalTakesTheFirstEntryAndKeepsTheOrderOfTheOthers) {
     service->mClients = {a, b, a};
     EXPECT_EQ(service->hwUnRegistCallback(a), 0);
     EXPECT_THAT(service->mClients, ElementsAre(b, a));
+}
+
+TEST_F(ClientRegistry, RemoteCallbackIsRemovedByAnotherProxyOfItsBinder) {
+    const android::sp<IBinder> mine = new IBinder, others = new IBinder;
+    EXPECT_EQ(service->hwRegistCallback(new Proxy(others)), 0);
+    EXPECT_EQ(service->hwRegistCallback(new Proxy(mine)), 0);
+    const android::sp<IQuilServiceCallback> first = service->mClients[0];
+    EXPECT_EQ(service->hwUnRegistCallback(new Proxy(mine)), 0);
+    EXPECT_THAT(service->mClients, ElementsAre(first));
+    EXPECT_EQ(service->hwUnRegistCallback(new Proxy(mine)), -1);
+    EXPECT_EQ(service->hwUnRegistCallback(new QuilServiceCallback), -1);
+    EXPECT_THAT(service->mClients, ElementsAre(first));
 }
 
 TEST_F(ClientRegistry, NullEntryIsNoMatchForANullArgument) {

@@ -86,6 +86,11 @@ int callbacks(const Cli& cli, const CallbackArguments& arguments) {
     for (size_t i = 0; i < run.arrived.size(); ++i) {
         cli.console.out << "callback " << i + 1 << ": " << toHex(run.arrived[i]) << '\n';
     }
+    if (run.removed < count) {
+        cli.console.err << "the service did not find " << count - run.removed << " of " << count
+                        << " callbacks again\n";
+        return kFailed;
+    }
     return run.arrived == std::vector<Bytes>(count, data) && count > 0 ? kOk : kFailed;
 }
 

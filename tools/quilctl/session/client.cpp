@@ -1,5 +1,6 @@
 #include "tools/quilctl/session/client.h"
 
+#include <mutex>
 #include <stdexcept>
 
 namespace quil::tools {
@@ -11,17 +12,22 @@ using android::hardware::Return;
 using android::hardware::Void;
 using ::quil::hardware::quilservicemanager::V1_0::IQuilServiceCallback;
 
+// Keeps what arrives: a service that does not let go of it may call again, on a thread of its own.
 class Recorder : public IQuilServiceCallback {
   public:
-    explicit Recorder(std::vector<Bytes>& arrived) : mArrived(arrived) {}
-
     Return<void> hwNotify(const hidl_vec<uint8_t>& data) override {
+        const std::lock_guard lock(mMutex);
         mArrived.emplace_back(data.begin(), data.end());
         return Void();
     }
+    std::vector<Bytes> arrived() {
+        const std::lock_guard lock(mMutex);
+        return mArrived;
+    }
 
   private:
-    std::vector<Bytes>& mArrived;
+    std::mutex mMutex;
+    std::vector<Bytes> mArrived;
 };
 
 template <typename Value>
@@ -60,14 +66,17 @@ Bytes ask(ServiceSession& session, bool isWrite, const Bytes& request) {
 CallbackRun invokeCallbacks(ServiceSession& session, size_t count, const Bytes& data) {
     CallbackRun run;
     auto& service = session.service();
-    const sp<IQuilServiceCallback> callback = new Recorder(run.arrived);
+    const sp<Recorder> callback = new Recorder;
     for (size_t i = 0; i < count; ++i) {
         if (valueOf(service.hwRegistCallback(callback)) != 0) {
             throw std::runtime_error("the service refused the callback");
         }
     }
     run.invoked = valueOf(service.hwInvoke(hidl_vec<uint8_t>(data)));
-    for (size_t i = 0; i < count; ++i) valueOf(service.hwUnRegistCallback(callback));
+    run.arrived = callback->arrived();
+    for (size_t i = 0; i < count; ++i) {
+        if (valueOf(service.hwUnRegistCallback(callback)) == 0) ++run.removed;
+    }
     return run;
 }
 

@@ -14,10 +14,12 @@ Bytes requestOf(uint32_t command, const Bytes& body);
 // Sends the bytes as they are through `set` or `get` and gives the answer.
 Bytes ask(ServiceSession& session, bool isWrite, const Bytes& request);
 
-// Registers a callback `count` times, invokes it with `data` and gives what arrived.
+// Registers a callback `count` times, invokes it with `data`, takes it back as often, and gives
+// what arrived.
 struct CallbackRun {
     int32_t invoked = 0;  // what hwInvoke returned
     std::vector<Bytes> arrived;
+    size_t removed = 0;  // registrations that the service found again
 };
 CallbackRun invokeCallbacks(ServiceSession& session, size_t count, const Bytes& data);
 

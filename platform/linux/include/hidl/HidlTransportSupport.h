@@ -3,12 +3,14 @@
 #include <android/hidl/base/1.0/IBase.h>
 #include <hidl/HidlSupport.h>
 #include <hidl/Status.h>
+#include <hwbinder/IInterface.h>
 
 #include <string>
 
 namespace android::hardware {
 
-// Whether both refer to the same object.
+// Whether both refer to the same object. Proxies do when they stand for the same binder: each call
+// that hands an object over may make a new one.
 bool interfacesEqual(const sp<hidl::base::V1_0::IBase>& left,
                      const sp<hidl::base::V1_0::IBase>& right);
 
