@@ -6,9 +6,8 @@ set(CMAKE_C_COMPILER clang-14)
 set(CMAKE_CXX_COMPILER clang++-14)
 
 # Soong's flags for the device, without those that only its own C library and target can take
-# (-nostdlibinc, -D_FORTIFY_SOURCE: glibc's would bring names that bionic does not have). -DANDROID
-# would make Debian's headers look for the platform's other ones.
-set(soong_flags -fmessage-length=0 -W -Wall -Wno-unused -Winit-self -Wpointer-arith
+# (-nostdlibinc; -D_FORTIFY_SOURCE, since glibc's brings names that bionic does not have).
+set(soong_flags -DANDROID -fmessage-length=0 -W -Wall -Wno-unused -Winit-self -Wpointer-arith
     -Wunguarded-availability -Werror=date-time -Werror=pragma-pack
     -Werror=pragma-pack-suspicious-include -Werror=string-plus-int
     -Werror=unreachable-code-loop-increment -no-canonical-prefixes -DNDEBUG -UDEBUG -fno-exceptions

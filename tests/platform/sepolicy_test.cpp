@@ -360,13 +360,17 @@ TEST(Policy, ProcessMayNothingThatItNeedsForNothing) {
     EXPECT_GT(all.size(), 25U);
 }
 
-TEST(Policy, UpdatePropertyMayBeGivenToAnUpdaterOfEitherPartition) {
+TEST(Policy, UpdatePropertyMayBeSetByAVendorsUpdaterAndReadByAny) {
     const std::string updater = "type updater, domain";
     EXPECT_EQ(complaints(updater + ";\nset_prop(updater, vendor_quil_update_prop)\n"), "");
-    EXPECT_EQ(complaints(updater + ", coredomain;\nset_prop(updater, vendor_quil_update_prop)\n"),
+    EXPECT_EQ(complaints(updater + ", coredomain;\nget_prop(updater, vendor_quil_update_prop)\n"),
               "");
-    EXPECT_THAT(complaints(updater + ", coredomain;\nset_prop(updater, vendor_quil_prop)\n"),
+    EXPECT_THAT(complaints(updater + ", coredomain;\nset_prop(updater, vendor_quil_update_prop)\n"),
+                HasSubstr("property_service { set }"));
+    EXPECT_THAT(complaints(updater + ", coredomain;\nget_prop(updater, vendor_quil_prop)\n"),
                 HasSubstr("neverallow"));
+    EXPECT_THAT(expanded(),
+                HasSubstr("allow vendor_init vendor_quil_update_prop:property_service"));
 }
 
 TEST(Policy, EveryPathThatTheLibraryOpensHasAContext) {

@@ -76,6 +76,3 @@ define(`vendor_restricted_prop', `
 type $1, property_type, vendor_property_type, vendor_restricted_property_type;
 neverallow { coredomain -init } $1:property_service set;
 ')
-define(`vendor_public_prop', `
-type $1, property_type, vendor_property_type, vendor_public_property_type;
-')
