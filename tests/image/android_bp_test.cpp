@@ -312,6 +312,24 @@ TEST(AndroidBp, InstalledFilesAreWhereTheScriptThePolicyAndThePageExpectThem) {
     EXPECT_THAT(projectText("platform/android/sepolicy/file_contexts"), HasSubstr(dotted + " "));
 }
 
+TEST(AndroidBp, LibrariesThatTheTreeLacksHaveTheirRecipeOnThePage) {
+    Words lacking;
+    for (const auto& [name, module] : compiledModules()) {
+        for (const char* kind : {"shared_libs", "static_libs", "header_libs"}) {
+            for (const std::string& library : module.words(kind)) lacking.insert(library);
+        }
+    }
+    for (const auto& [name, module] : compiledModules()) lacking.erase(name);
+    for (const char* name : {"libcutils", "libhidlbase", "liblog", "libutils"}) lacking.erase(name);
+    lacking.erase(kPackage);
+    EXPECT_EQ(lacking.size(), 7U);
+    const std::string page = projectText("docs/android.md");
+    const size_t start = page.find("### The libraries that this tree links and does not have");
+    ASSERT_NE(start, std::string::npos);
+    const std::string recipes = page.substr(start, page.find("\n### ", start + 1) - start);
+    for (const std::string& name : lacking) EXPECT_THAT(recipes, HasSubstr(name));
+}
+
 TEST(AndroidBp, InterfaceHasTheDefinitionsBesideItByTheirBareNames) {
     const fs::path folder = fs::path(kBuildFiles[2]).parent_path();
     Words definitions;
