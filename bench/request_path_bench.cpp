@@ -1,6 +1,8 @@
-// What one request costs, beside the least that its contract asks for: the same write and one
-// hand-over between two threads. No board is powered: the calls go straight to the C library.
+// What one request costs, beside the least that its contract asks for: the same write and hand-over
+// between two threads, the same flushed lines, and as many reads of the level property. No board is
+// powered: the calls go straight to the C library.
 #include <benchmark/benchmark.h>
+#include <cutils/properties.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
@@ -8,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <ext/stdio_filebuf.h>
 #include <filesystem>
 #include <functional>
@@ -16,9 +19,12 @@
 #include <thread>
 #include <vector>
 
+#include "board/board.h"
+#include "common/log.h"
 #include "config/config_info.h"
 #include "mculink/frame.h"
 #include "mculink/request.h"
+#include "mculink/uart.h"
 #include "service/quil_service_manager.h"
 #include "testing/build.h"
 
@@ -34,6 +40,8 @@ namespace {
 
 using quil::hardware::quilservicemanager::implementation::QuilServiceManager;
 using quil::hardware::quilservicemanager::V1_0::IQuilServiceManager;
+
+using Request = android::hardware::hidl_vec<uint8_t>;
 
 constexpr char kLibrary[] = QUIL_LIB_DIR "/quil.hardware.quilservicemanager@1.0-impl.so";
 
@@ -71,6 +79,13 @@ class Link {
     std::thread mThread;
 };
 
+Request requestWith(size_t body) {
+    Request request;
+    request.resize(8 + body);
+    request[0] = 1;
+    return request;
+}
+
 // A get with a body of `range` bytes, answered at once.
 void requestPath(benchmark::State& state) {
     const android::sp<OpenService> service = new OpenService;
@@ -90,9 +105,7 @@ void requestPath(benchmark::State& state) {
     config_info_t info = {};
     info.mcu_fd = link.fd();
     config_info = &info;
-    android::hardware::hidl_vec<uint8_t> request;
-    request.resize(8 + body);
-    request[0] = 1;
+    const Request request = requestWith(body);
     const uint64_t before = gHeapBlocks;
     for (auto _ : state) {
         service->get(request, [&](const auto& bytes) {
@@ -105,8 +118,45 @@ void requestPath(benchmark::State& state) {
     config_info = nullptr;
 }
 
+// The messages of such a request, each with its read of the level: those that a board keeps at 'D'.
+size_t messagesOf(size_t body) {
+    quil::board::Board board;
+    board.properties().set(quil::common::kLogLevelProperty, "D");
+    const android::sp<OpenService> service = new OpenService;
+    config_info_t info = {};
+    info.mcu_fd = sdk_uart_init("/dev/ttyS3", 115200);
+    config_info = &info;
+    board.clearLog();
+    std::thread reader([&] {
+        board.runFor(std::chrono::seconds(2));
+        service->wakeUp({1, 2, 3, 4});
+    });
+    service->get(requestWith(body), [](const auto& /*bytes*/) {});
+    reader.join();
+    close(info.mcu_fd);
+    config_info = nullptr;
+    return board.log().size();
+}
+
+void printLines() {
+    printf("n_frame_header_len is %d\nn_request_header_len is %d\n", 10, 12);
+    printf("n_request_body_len is %d\nn_packet_header_length is %d\n", 8, 30);
+    fflush(stdout);
+}
+
+void readLevels(size_t count) {
+    char level[PROPERTY_VALUE_MAX];
+    for (size_t i = 0; i < count; ++i) {
+        property_get(quil::common::kLogLevelProperty, level, quil::common::kDefaultLogLevel);
+        benchmark::DoNotOptimize(level[0]);
+    }
+}
+
 // The bare loop: a write of the same frame and one condition-variable hand-over back.
-void bareLoop(benchmark::State& state) {
+template <bool kWithLinesAndLevels>
+void loop(benchmark::State& state) {
+    const auto body = static_cast<size_t>(state.range(0));
+    const size_t messages = kWithLinesAndLevels ? messagesOf(body) : 0;
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t cond = PTHREAD_COND_INITIALIZER;
     bool ready = false;
@@ -116,8 +166,12 @@ void bareLoop(benchmark::State& state) {
         pthread_cond_signal(&cond);
         pthread_mutex_unlock(&mutex);
     });
-    const std::vector<uint8_t> frame(32 + static_cast<size_t>(state.range(0)));
+    const std::vector<uint8_t> frame(32 + body);
     for (auto _ : state) {
+        if (kWithLinesAndLevels) {
+            readLevels(messages);
+            printLines();
+        }
         if (write(link.fd(), frame.data(), frame.size()) < 0) abort();
         timespec deadline = {};
         clock_gettime(CLOCK_REALTIME, &deadline);
@@ -127,7 +181,10 @@ void bareLoop(benchmark::State& state) {
         ready = false;
         pthread_mutex_unlock(&mutex);
     }
+    state.counters["property_reads"] = static_cast<double>(messages);
 }
+void bareLoop(benchmark::State& state) { loop<false>(state); }
+void contractsLeast(benchmark::State& state) { loop<true>(state); }
 
 // One message that is off: the read of the level property and nothing else.
 void logGateOff(benchmark::State& state) {
@@ -157,6 +214,7 @@ void loadToFactory(benchmark::State& state) {
 }
 
 BENCHMARK(requestPath)->Arg(1)->Arg(4112)->UseRealTime();
+BENCHMARK(contractsLeast)->Arg(1)->Arg(4112)->UseRealTime();
 BENCHMARK(bareLoop)->Arg(1)->Arg(4112)->UseRealTime();
 BENCHMARK(logGateOff);
 BENCHMARK(loadToFactory);

@@ -10,7 +10,7 @@ constexpr int kLevelDebug = 4, kLevelInfo = 3, kLevelWarning = 2, kLevelError = 
 }
 
 int get_log_level() {
-    char level[PROPERTY_VALUE_MAX] = {};
+    char level[PROPERTY_VALUE_MAX];  // not cleared: the read fills it, before every message
     property_get(kLogLevelProperty, level, kDefaultLogLevel);
     switch (level[0]) {
         case 'D':

@@ -17,10 +17,14 @@ Properties::Properties(std::filesystem::path file) : file_(std::move(file)) {
 
 Properties::~Properties() = default;
 
-std::string Properties::get(const std::string& name, const std::string& fallback) const {
-    Guard guard(boardLock());
+std::string_view Properties::find(std::string_view name, std::string_view fallback) const {
     const auto found = values_.find(name);
     return found == values_.end() || found->second.empty() ? fallback : found->second;
+}
+
+std::string Properties::get(const std::string& name, const std::string& fallback) const {
+    Guard guard(boardLock());
+    return std::string(find(name, fallback));
 }
 
 void Properties::set(const std::string& name, const std::string& value) {

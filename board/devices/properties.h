@@ -2,8 +2,10 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <string>
+#include <string_view>
 
 namespace quil::board {
 
@@ -14,12 +16,14 @@ class Properties {
     Properties(const Properties&) = delete;
     Properties& operator=(const Properties&) = delete;
 
+    // While the board's lock is held, and as long: programs read before each message.
+    std::string_view find(std::string_view name, std::string_view fallback) const;
     std::string get(const std::string& name, const std::string& fallback = "") const;
     void set(const std::string& name, const std::string& value);
 
   private:
     std::filesystem::path file_;
-    std::map<std::string, std::string> values_;
+    std::map<std::string, std::string, std::less<>> values_;
 };
 
 }  // namespace quil::board

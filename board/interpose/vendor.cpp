@@ -36,7 +36,7 @@ int32_t probe(const char* part) {
     return machine != nullptr && !machine->dead() ? machine->probes->probe(part) : -1;
 }
 
-int copyProperty(const std::string& value, char* dest) {
+int copyProperty(std::string_view value, char* dest) {
     const size_t length = std::min(value.size(), kPropertyMax - 1);
     memcpy(dest, value.data(), length);
     dest[length] = '\0';
@@ -67,9 +67,11 @@ QUIL_EXPORT int __android_log_write(int priority, const char* tag, const char* t
 // Whatever errno was before, the property area's search leaves its own.
 QUIL_EXPORT int property_get(const char* name, char* value, const char* fallback) {
     errno = ENOENT;
+    const std::string_view missing = fallback != nullptr ? fallback : "";
     Machine* machine = machineForCall();
-    const std::string missing = fallback != nullptr ? fallback : "";
-    return copyProperty(machine ? machine->properties.get(name, missing) : missing, value);
+    if (machine == nullptr || name == nullptr) return copyProperty(missing, value);
+    Guard guard(boardLock());
+    return copyProperty(machine->properties.find(name, missing), value);
 }
 
 QUIL_EXPORT int property_set(const char* name, const char* value) {
