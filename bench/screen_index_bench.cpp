@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "common/big_endian.h"
-#include "fpga/screen/screen_params.h"
+#include "fpga/screen/screen_blocks.h"
 
 namespace {
 

@@ -7,11 +7,14 @@ get_filename_component(android_libraries ${ANDROID_UTILS_LIBRARY} DIRECTORY)
 # Every header that declares what leaves the library, and what those include.
 set(QUIL_PUBLIC_HEADERS
   common/export.h
-  common/serial_slot.h
   fpga/ddr_recovery.h
   fpga/load_process.h
   fpga/network_bring_up.h
+  fpga/screen/net_gap.h
+  fpga/screen/screen_blocks.h
+  fpga/screen/screen_fixed.h
   fpga/screen/screen_params.h
+  fpga/screen/screen_passes.h
   fpga/spi_link.h
   isp/boot_loader.h
   isp/boot_mode.h

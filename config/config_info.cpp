@@ -5,9 +5,13 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include "common/heap_block.h"
 #include "common/log.h"
 
+using quil::common::allocateBlock;
+using quil::common::HeapBlock;
 using quil::common::kServiceTag;
+using quil::config::isSet;
 
 config_info_t* config_info = nullptr;
 
@@ -94,22 +98,19 @@ class Scratch {
         if (stat64(kProductFile, &file) != 0) return;
         if (file.st_size < static_cast<int64_t>(sizeof(g_value))) return;
         const uint64_t size = static_cast<uint64_t>(file.st_size) + sizeof(g_value);
-        mHeap = size <= PTRDIFF_MAX ? malloc(static_cast<size_t>(size)) : nullptr;
+        if (size <= PTRDIFF_MAX) mHeap = allocateBlock<char>(static_cast<size_t>(size));
         if (mHeap == nullptr) {
             QUIL_LOG_ERROR(kServiceTag, "%s: no memory for the texts of %s\n", kFunction,
                            kProductFile);
         }
-        mText = static_cast<char*>(mHeap);
+        mText = mHeap.get();
         mSize = static_cast<size_t>(size);
     }
-    ~Scratch() { free(mHeap); }
-    Scratch(const Scratch&) = delete;
-    Scratch& operator=(const Scratch&) = delete;
     char* text() { return mText; }
     size_t size() const { return mSize; }
 
   private:
-    void* mHeap = nullptr;
+    HeapBlock<char> mHeap;
     char* mText = g_value;
     size_t mSize = sizeof(g_value);
 };
@@ -130,7 +131,7 @@ void readText(config_info_t& info, int32_t handle, const Key& key, Scratch& scra
     } else {
         copyBounded(field, key.capacity, text, scratch.size());
     }
-    if (key.rule == Rule::kPath && (field[0] == '\0' || strstr(field, "UNDEF") != nullptr)) {
+    if (key.rule == Rule::kPath && !isSet(field)) {
         QUIL_LOG_ERROR(kServiceTag, "%s:config_info->%s is not set, need to check ini file.\n",
                        kFunction, key.key);
     }
@@ -150,7 +151,7 @@ void readNumber(config_info_t& info, int32_t handle, const Key& key) {
 }
 
 bool readProductInformation(config_info_t& info) {
-    char block[kInformationSize + 1] = {};  // one more: the text ends inside, whatever it is
+    char block[kInformationSize + 1] = {};  // one more byte, so that the text always ends inside
     if (bi_info_get_product_info(block) != 0) {
         QUIL_LOG_ERROR(kServiceTag, "%s:parse product info failed!\n", kFunction);
         return false;
@@ -206,11 +207,13 @@ int32_t parseConfigInfo(void) {
     return 0;
 }
 
-namespace quil::update {
+namespace quil::config {
 
 const config_info_t& currentConfig() {
     static constexpr config_info_t kUnparsed = {};
     return config_info != nullptr ? *config_info : kUnparsed;
 }
 
-}  // namespace quil::update
+bool isSet(const char* text) { return text[0] != '\0' && strstr(text, "UNDEF") == nullptr; }
+
+}  // namespace quil::config

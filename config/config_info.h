@@ -64,7 +64,7 @@ QUIL_EXPORT int32_t parseConfigInfo(void);
 #ifdef __cplusplus
 }  // extern "C"
 
-namespace quil::update {
+namespace quil::config {
 
 // The record, or one of zeros before the first parse: its paths are empty and its lines invalid.
 const config_info_t& currentConfig();
@@ -76,5 +76,8 @@ struct ConfigText {
     explicit ConfigText(const char (&field)[kSize]) { memcpy(text, field, kSize); }
 };
 
-}  // namespace quil::update
+// False for an empty text and for the "UNDEF" that product files have in place of a value.
+bool isSet(const char* text);
+
+}  // namespace quil::config
 #endif

@@ -16,13 +16,13 @@ import tempfile
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 HEADERS = """
-    common/serial_slot.h
     mculink/frame.h mculink/request.h mculink/uart.h
     config/config_info.h
     isp/serial_port.h isp/boot_loader.h isp/boot_mode.h isp/firmware_file.h isp/isp_tasks.h
     isp/n32_upgrade.h isp/mcu_update.h
     fpga/spi_link.h fpga/flash_update.h fpga/ddr_recovery.h fpga/network_bring_up.h
-    fpga/screen/screen_params.h fpga/load_process.h
+    fpga/screen/screen_params.h fpga/screen/screen_blocks.h fpga/screen/screen_passes.h
+    fpga/screen/screen_fixed.h fpga/screen/net_gap.h fpga/load_process.h
     selftest/self_test.h
     service/tclv_msg.h service/quil_service_manager.h service/quil_service_callback.h
     service/control_manager.h

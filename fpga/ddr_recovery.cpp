@@ -1,16 +1,20 @@
 #include "fpga/ddr_recovery.h"
 
-#include <quil_hal.h>
 #include <stdint.h>
 #include <unistd.h>
 
 #include "common/log.h"
 #include "config/config_info.h"
 #include "fpga/flash_update.h"
+#include "fpga/gpio_line.h"
 #include "fpga/spi_link.h"
 
 using quil::common::kFirmwareUpdateTag;
-using quil::update::currentConfig;
+using quil::config::currentConfig;
+using quil::fpga::driveLine;
+using quil::fpga::GpioLine;
+using quil::fpga::kHigh;
+using quil::fpga::kLow;
 
 namespace {
 
@@ -22,21 +26,11 @@ constexpr useconds_t kProgramPulseUs = 100000;
 // Messages of the recovery carry this name, not a function's: tools in the field look for it.
 constexpr char kRecovery[] = "fpgaRecovery";
 
-bool driveProgramLine(int level) {
-    const int32_t gpio = currentConfig().fpga_control_gpio;
-    if (hal_gpio_setvalue(gpio, level) < 0) {
-        QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: PROG_B gpio %d set failed\n", kRecovery, gpio);
-        return false;
-    }
-    QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: PROG_B gpio %d pull %s\n", kRecovery, gpio,
-                   level == 0 ? "low" : "high");
-    return true;
-}
-
 void recover() {
-    if (!driveProgramLine(0)) return;
+    const GpioLine program = {"PROG_B gpio", currentConfig().fpga_control_gpio};
+    if (!driveLine(kRecovery, program, kLow)) return;
     usleep(kProgramPulseUs);
-    if (!driveProgramLine(1)) return;
+    if (!driveLine(kRecovery, program, kHigh)) return;
     if (fpgaCheckDone() != 0) {
         QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: fpgaCheckDone ok\n", kRecovery);
     } else {

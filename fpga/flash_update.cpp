@@ -7,15 +7,20 @@
 #include "common/log.h"
 #include "common/shell.h"
 #include "config/config_info.h"
+#include "fpga/gpio_line.h"
 
 using quil::common::kFirmwareUpdateTag;
 using quil::common::runShell;
-using quil::update::ConfigText;
-using quil::update::currentConfig;
+using quil::config::ConfigText;
+using quil::config::currentConfig;
+using quil::fpga::driveLine;
+using quil::fpga::GpioLine;
+using quil::fpga::kHigh;
+using quil::fpga::kLow;
 
 namespace {
 
-// The tool is run by its bare name and found by the shell; its usual place is only looked at.
+// The shell finds the tool by its bare name; its usual place is only checked for the log.
 constexpr char kEraseCommand[] = "mtd_debug erase /dev/mtd0 0 0xD00000";
 constexpr char kWriteCommand[] = "mtd_debug write /dev/mtd0 0 %zu %s";
 constexpr char kTool[] = "/vendor/bin/mtd_debug";
@@ -24,25 +29,6 @@ constexpr size_t kCommandSize = 256;
 constexpr int kDoneReads = 20;
 constexpr useconds_t kDonePauseUs = 500000;
 constexpr unsigned kUpdateInProgressPauseS = 1;
-
-constexpr int kLow = 0, kHigh = 1;
-
-// A line and what messages call it, which differs from one entry point to the other.
-struct Line {
-    const char* words;
-    int32_t gpio;
-};
-
-bool drive(const char* function, const Line& line, int level) {
-    if (hal_gpio_setvalue(line.gpio, level) < 0) {
-        QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: %s %d set failed\n", function, line.words,
-                       line.gpio);
-        return false;
-    }
-    QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: %s %d pull %s\n", function, line.words, line.gpio,
-                   level == kHigh ? "high" : "low");
-    return true;
-}
 
 bool isThere(const char* function, const char* path, const char* name) {
     if (access(path, F_OK) != 0) {
@@ -61,7 +47,7 @@ bool isImageThere(const char* function) {
 
 bool isToolThere(const char* function) { return isThere(function, kTool, "mtd_debug tool"); }
 
-// A size that cannot be told is not 0 and passes: the write fails on it.
+// A size that cannot be read is not 0 and passes here: the write fails later.
 bool readImageSize(const char* function, uint32_t& size) {
     size = getFileSize(ConfigText(currentConfig().fpga_fw_path).text);
     const auto shown = static_cast<unsigned long>(size);
@@ -74,7 +60,8 @@ bool readImageSize(const char* function, uint32_t& size) {
     return true;
 }
 
-bool areLinesConfigured(const char* function, const Line& control, const Line& configuration) {
+bool areLinesConfigured(const char* function, const GpioLine& control,
+                        const GpioLine& configuration) {
     if (control.gpio >= 1 && configuration.gpio >= 1) return true;
     QUIL_LOG_ERROR(kFirmwareUpdateTag,
                    "%s: invalid fpga_control_gpio_id = %d or fpga_config_gpio_id = %d\n", function,
@@ -103,7 +90,7 @@ bool writeFlash(const char* function, uint32_t size) {
     return runTool(function, command, "write");
 }
 
-// Another thread clears the field.
+// Another thread clears the flag.
 bool isUpdateInProgress() {
     return __atomic_load_n(&currentConfig().fw_updating, __ATOMIC_ACQUIRE) == 1;
 }
@@ -159,20 +146,20 @@ int32_t fpgaCheckDone(void) {
 }
 
 int32_t fpgaFwUpdate(void) {
-    const Line control = {"control gpio", currentConfig().fpga_control_gpio};
-    const Line configuration = {"config gpio", currentConfig().fpga_config_gpio};
+    const GpioLine control = {"control gpio", currentConfig().fpga_control_gpio};
+    const GpioLine configuration = {"config gpio", currentConfig().fpga_config_gpio};
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: is called\n", __func__);
     if (!isImageThere(__func__)) return -1;
     uint32_t size = 0;
     if (!readImageSize(__func__, size)) return -1;
     if (!areLinesConfigured(__func__, control, configuration)) return -1;
-    if (!drive(__func__, control, kLow)) return -1;
-    if (!drive(__func__, configuration, kLow)) return -1;
+    if (!driveLine(__func__, control, kLow)) return -1;
+    if (!driveLine(__func__, configuration, kLow)) return -1;
     if (!eraseFlash(__func__)) return -1;
     if (!writeFlash(__func__, size)) return -1;
-    if (!drive(__func__, control, kHigh)) return -1;
-    if (!drive(__func__, configuration, kLow)) return -1;
-    if (!drive(__func__, configuration, kHigh)) return -1;
+    if (!driveLine(__func__, control, kHigh)) return -1;
+    if (!driveLine(__func__, configuration, kLow)) return -1;
+    if (!driveLine(__func__, configuration, kHigh)) return -1;
     if (fpgaCheckDone() == 0) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: fpga done pin check failed\n", __func__);
         return -1;
@@ -182,35 +169,35 @@ int32_t fpgaFwUpdate(void) {
 }
 
 int32_t fpgaFlashFormat(void) {
-    const Line control = {"gpio", currentConfig().fpga_control_gpio};
+    const GpioLine control = {"gpio", currentConfig().fpga_control_gpio};
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: is called\n", __func__);
     if (control.gpio < 1) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: invalid fpga_control_gpio_id = %d\n", __func__,
                        control.gpio);
         return -1;
     }
-    if (!drive(__func__, control, kLow)) return -1;
+    if (!driveLine(__func__, control, kLow)) return -1;
     if (!isToolThere(__func__)) return -1;
     if (!eraseFlash(__func__)) return -1;
-    if (!drive(__func__, control, kHigh)) return -1;
+    if (!driveLine(__func__, control, kHigh)) return -1;
     return 0;
 }
 
 int32_t fpgaFlashWrite(void) {
-    const Line control = {"gpio", currentConfig().fpga_control_gpio};
-    const Line configuration = {"gpio", currentConfig().fpga_config_gpio};
+    const GpioLine control = {"gpio", currentConfig().fpga_control_gpio};
+    const GpioLine configuration = {"gpio", currentConfig().fpga_config_gpio};
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: is called\n", __func__);
     if (!isImageThere(__func__)) return -1;
     if (!isToolThere(__func__)) return -1;
     uint32_t size = 0;
     if (!readImageSize(__func__, size)) return -1;
     if (!areLinesConfigured(__func__, control, configuration)) return -1;
-    if (!drive(__func__, control, kLow)) return -1;
-    if (!drive(__func__, configuration, kLow)) return -1;
+    if (!driveLine(__func__, control, kLow)) return -1;
+    if (!driveLine(__func__, configuration, kLow)) return -1;
     if (!writeFlash(__func__, size)) return -1;
-    if (!drive(__func__, control, kHigh)) return -1;
+    if (!driveLine(__func__, control, kHigh)) return -1;
     while (isUpdateInProgress()) sleep(kUpdateInProgressPauseS);
-    if (!drive(__func__, configuration, kLow)) return -1;
-    if (!drive(__func__, configuration, kHigh)) return -1;
+    if (!driveLine(__func__, configuration, kLow)) return -1;
+    if (!driveLine(__func__, configuration, kHigh)) return -1;
     return 0;
 }

@@ -13,7 +13,7 @@
 #include "fpga/screen/screen_params.h"
 
 using quil::common::kFirmwareUpdateTag;
-using quil::update::currentConfig;
+using quil::config::currentConfig;
 
 namespace {
 
@@ -35,7 +35,7 @@ void markUpdated(const char* function) {
                   function);
 }
 
-// Reports a step under its name in the log, which is not always the function's.
+// Logs the outcome of a step under `step`, which is not always the function's name.
 bool report(const char* function, const char* step, bool ok) {
     if (ok) {
         QUIL_LOG_INFO(kFirmwareUpdateTag, "%s: %s ok\n", function, step);
@@ -45,10 +45,10 @@ bool report(const char* function, const char* step, bool ok) {
     return ok;
 }
 
-// The steps after DONE. None of them stops the sequence: each only logs its failure.
+// The steps after DONE. A failed step is logged and does not stop the sequence.
 void bringUpHeron(const char* function) {
     if (fpgaCheckDDRAndRecovery() < 0) report(function, "fpgaRecoveryDdr", false);
-    report(function, "fpgaRecoveryDdr", true);  // also after a failure: both lines are expected
+    report(function, "fpgaRecoveryDdr", true);  // also after a failure: deliberate
     if (fpgaLoadScreenParamsBySpi() < 0) report(function, "fpgaLoadScreenParamsBySpi", false);
     fpgaNetworkConfig();
     report(function, "fpgaNetworkConfig", true);
@@ -74,7 +74,7 @@ int32_t fpgaLoadProcessHeron(void) {
     }
     if (!updateHeron(__func__)) return -1;
     bringUpHeron(__func__);
-    // Only an update ends with the switch, deliberately.
+    // Only an update switches to UDP: deliberate.
     return report(__func__, "fpgaSwitchGmacToUdp", fpgaSwitchGmacToUdp() >= 0) ? 0 : -1;
 }
 

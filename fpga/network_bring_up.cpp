@@ -48,7 +48,7 @@ constexpr PolledState kNegotiation = {
     "%s: readFpgaSgmiiNegotiationState ok\n",
 };
 
-// A failed read leaves the state as it was, and that is looked at.
+// After a failed read the state's former value is checked.
 bool pollUntilReady(const char* function, const PolledState& polled) {
     uint8_t state = 0;
     for (int i = 0; i < kPolls; ++i) {
@@ -67,7 +67,7 @@ bool pollUntilReady(const char* function, const PolledState& polled) {
 
 bool writeLevel(int line, char level) { return write(line, &level, 1) >= 0; }
 
-// Low, a pause, high.
+// Drives the line low, then high.
 bool pulseReset(int line, const char* function) {
     if (!writeLevel(line, '0')) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "reset 8211fs to low failed! %s\n", function);
@@ -83,7 +83,7 @@ bool pulseReset(int line, const char* function) {
 
 }  // namespace
 
-// What commands come to is not looked at, deliberately: the link decides.
+// Exit codes are ignored, deliberately: the link decides.
 
 int fpgaDwmacConfig(void) {
     runShell(kUnloadDriver);

@@ -34,10 +34,4 @@ struct WriteFrame {
     uint8_t* data() { return bytes + kDataAt; }
 };
 
-// Writes one byte to a register. Returns what the transfer returned.
-int writeRegister(uint32_t address, uint8_t value);
-
-// Sends a fixed frame of a table.
-int sendFixedFrame(const uint8_t* frame, unsigned size);
-
 }  // namespace quil::fpga

@@ -5,13 +5,14 @@
 #include <limits.h>
 #include <quil_hal.h>
 #include <stdint.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include "common/heap_block.h"
 #include "common/log.h"
 #include "fpga/spi_frame.h"
 
+using quil::common::allocateClearedBlock;
 using quil::common::kFirmwareUpdateTag;
 using quil::common::putBe32;
 using quil::fpga::frameSize;
@@ -84,7 +85,8 @@ int readState(const char* function, uint32_t address, uint8_t* data, unsigned le
         return -1;
     }
     const unsigned count = length + kReadDataAt;
-    auto* buffer = length <= kReadMost ? static_cast<uint8_t*>(calloc(1, count)) : nullptr;
+    const auto block = length <= kReadMost ? allocateClearedBlock<uint8_t>(count) : nullptr;
+    uint8_t* buffer = block.get();
     if (buffer == nullptr) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: could not allocate memory for the send_data!\n",
                        function);
@@ -94,7 +96,6 @@ int readState(const char* function, uint32_t address, uint8_t* data, unsigned le
     putBe32(buffer + kAddressAt, address);
     const int result = transferRead(function, buffer, count);
     if (result >= 0) memcpy(data, buffer + kReadDataAt, length);
-    free(buffer);
     return result;
 }
 
@@ -152,7 +153,7 @@ int readRtl8211fsPhyLink(void) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "<%s> the path %s not exist!\n", __func__, kPhyRegister);
         return -1;
     }
-    char text[kPhyTextMost + 1] = {};  // one more: the text ends inside, whatever it is
+    char text[kPhyTextMost + 1] = {};  // one more byte, so that the text always ends inside
     if (hal_sys_read(kPhyRegister, text, kPhyTextMost) < 0) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "<%s> phylink_path error!\n", __func__);
         return -1;

@@ -5,9 +5,21 @@
 // locked: one caller at a time.
 #pragma once
 
+#include <stdint.h>
+
 #include "common/export.h"
 
 #ifdef __cplusplus
+namespace quil::fpga {
+
+// Writes one byte to a register. Returns what the transfer returned.
+int writeRegister(uint32_t address, uint8_t value);
+
+// Sends a prepared frame of a table, as spi_send_data does.
+int sendFixedFrame(const uint8_t* frame, unsigned size);
+
+}  // namespace quil::fpga
+
 extern "C" {
 #endif
 

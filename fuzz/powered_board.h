@@ -8,9 +8,10 @@
 
 #include "board/board.h"
 #include "board/core/temporary_directory.h"
-#include "common/serial_slot.h"
 #include "config/config_info.h"
 #include "fpga/screen/screen_params.h"
+#include "fpga/screen/screen_passes.h"
+#include "isp/serial_port.h"
 #include "mculink/frame.h"
 #include "selftest/self_test.h"
 

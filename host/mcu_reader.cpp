@@ -13,7 +13,7 @@ namespace quil::host {
 namespace {
 
 constexpr char kTag[] = "quil_service_host";
-// Readable with nothing to read can happen once (somebody flushed the port); a hang-up stays so.
+// A readable port without bytes occurs once after a flush, and again and again after a hang-up.
 constexpr int kEmptyReadsOfAHangUp = 3;
 
 }  // namespace

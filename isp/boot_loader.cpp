@@ -36,11 +36,11 @@ namespace {
 constexpr uint8_t kSynchronise = 0x7F;
 constexpr int kResendsMost = 10, kResendPauseMs = 2;
 
-// Indices of str_mcu_type. No identifier stands for the GD32E503: it is erased right, but never
-// detected.
+// Indices of str_mcu_type. No identifier maps to the GD32E503: erasing it works, nothing detects
+// it.
 enum McuType { kUnknown, kGd32F303, kGd32E503, kGd32F470, kStm32H750 };
 
-// Never reset: a failed detection leaves the last session's type in force.
+// Not reset between sessions: after a failed detection the last detected type applies.
 McuType g_mcuType = kUnknown;
 
 struct GdPid {
@@ -52,8 +52,7 @@ constexpr GdPid kGdPids[] = {
 
 constexpr uint32_t kStm32H750Pid = 0x450;
 constexpr uint8_t kStm32H750Id[] = {0x01, 0x04, 0x50};  // length - 1, identifier
-// More than the 4 bytes that come: the read runs into its time-out, and what is left over is
-// flushed.
+// Longer than the 4 bytes that arrive: the read ends by its time-out, then the rest is flushed.
 constexpr int kIdSize = 10;
 constexpr int kPidMost = 16;
 
@@ -76,7 +75,7 @@ int pageCount(McuType type, int32_t end) {
     constexpr int kFineEnd = 0x80000, kFinePages = 256;
     switch (type) {
         case kGd32F303:
-            // No page for a partial last one, unlike the other types: kept.
+            // A partial last page is not counted, unlike for the other types: deliberate.
             return end < kFineEnd ? end / 2048 : kFinePages + (end - kFineEnd) / 4096;
         case kGd32E503:
             return end / 8192 + 1;
@@ -90,8 +89,8 @@ int pageCount(McuType type, int32_t end) {
     return 0;  // the request for all pages
 }
 
-// The frame of an extended erase. Its length is kept in 8 bits: from 127 pages on it wraps, and the
-// page numbers beyond go over the start of the buffer.
+// The frame of an extended erase. Its length is kept in 8 bits: from 127 pages on it wraps, and
+// further page numbers overwrite the buffer's start.
 struct EraseFrame {
     uint8_t bytes[320] = {};
     uint8_t length = 0;  // without the checksum behind it
@@ -162,7 +161,7 @@ int ack_sendcmd(unsigned code) {
     uint8_t answer = 0;
     int status = exchangeCommand(static_cast<uint8_t>(code), answer);
     if (isErase) {
-        // A read ends complete or timed out, so nothing is ever sent again: kept as a guard.
+        // mcu_serial_read has only two results, so this never sends again; a guard.
         for (int i = 0; i < kResendsMost && status != kReadComplete && status != kReadTimedOut;
              ++i) {
             quil::common::pauseMs(kResendPauseMs);
@@ -203,7 +202,7 @@ uint32_t read_gd_mcu_pid(void) {
     }
     mcu_serial_read(answer + 1, length + 1);
     if (answer[1 + length] == kAck) return getLe32(answer + 1);
-    // Shows the byte before the one that is wrong: kept.
+    // Logs the byte before the wrong one: deliberate.
     QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: End byte(0x%x) is not equal to 0x79\n", __func__,
                    answer[length]);
     return 0;

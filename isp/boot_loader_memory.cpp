@@ -6,13 +6,15 @@
 #include "common/log.h"
 #include "isp/boot_loader.h"
 #include "isp/serial_port.h"
+#include "isp/xor_of.h"
 
 using quil::common::kFirmwareUpdateTag;
 using namespace quil::isp;  // NOLINT: this file is the module's exported front
 
 namespace {
 
-constexpr int kWriteBlock = 256, kReadBlock = 255;  // 255 although the protocol allows 256: kept
+constexpr int kWriteBlock = 256,
+              kReadBlock = 255;  // 255 although the protocol allows 256: deliberate
 
 // How `size` bytes are split.
 struct Rounds {
@@ -28,18 +30,12 @@ struct Rounds {
     }
 };
 
-uint8_t xorOf(const uint8_t* data, size_t count) {
-    uint8_t sum = 0;
-    for (size_t i = 0; i < count; ++i) sum ^= data[i];
-    return sum;
-}
-
-// An empty image is 0% of itself.
+// 0 for an empty image.
 uint32_t percentOf(uint32_t done, int size) {
     return size == 0 ? 0 : 100 * done / static_cast<uint32_t>(size);
 }
 
-// The answer is not examined, in reads and writes alike: what counts is the command's.
+// Only the answer to the command counts; the answer to the address is ignored.
 void sendAddress(uint32_t address) {
     uint8_t bytes[5];
     quil::common::putBe32(bytes, address);
@@ -55,7 +51,7 @@ void sendBlock(const uint8_t* data, int count) {
     writeToPort(block, length);
     const uint8_t checksum = xorOf(block, length);
     writeToPort(&checksum, 1);
-    readAnswer();  // not examined either
+    readAnswer();  // ignored, too
 }
 
 bool askForBlock(int count) {
@@ -86,7 +82,7 @@ int writememory_2mcu(uint32_t addr, uint8_t* data, int size) {
                    addr, kWriteBlock, size, rounds.count, rounds.last);
     uint32_t done = 0;
     for (int round = 0; round < rounds.count; ++round) {
-        // A refused block is tried again in the next round; the image's end is then never reached.
+        // After a refused block the next round repeats it, so the last block is never written.
         if (ack_sendcmd(kWriteMemory) != 0) {
             QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: ack_sendcmd(CMD_WRITE_MEMORY) failed",
                            __func__);

@@ -16,7 +16,7 @@ bool exists(const char* path) { return path != nullptr && access(path, F_OK) == 
 
 const char* shown(const char* path) { return path != nullptr ? path : "(null)"; }
 
-// Each round reads to the start of the buffer again: a whole file comes in the first one.
+// Every fread starts at `buf` again: harmless, since the first one takes the whole file.
 bool fill(void* buf, size_t n, FILE* file) {
     for (size_t total = 0; total < n;) {
         const size_t count = fread(buf, 1, n, file);

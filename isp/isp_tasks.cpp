@@ -1,17 +1,20 @@
 #include "isp/isp_tasks.h"
 
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include "common/heap_block.h"
 #include "common/log.h"
 #include "common/pause.h"
+#include "config/config_info.h"
 #include "isp/boot_loader.h"
 #include "isp/boot_mode.h"
 #include "isp/firmware_file.h"
 #include "isp/n32_upgrade.h"
 #include "isp/serial_port.h"
 
+using quil::common::allocateClearedBlock;
+using quil::common::HeapBlock;
 using quil::common::kFirmwareUpdateTag;
 using quil::common::pauseMs;
 using namespace quil::isp;  // NOLINT: this file is the module's exported front
@@ -23,15 +26,11 @@ constexpr int kBaud = 115200, kDataBits = 8, kStopBits = 1;
 constexpr int kSynchroniseAttempts = 3;
 constexpr char kReadBackPath[] = "/opt/test2.bin";
 
-// A block of `size` zero bytes, or null (a message says so); free() it.
-uint8_t* zeroedBlock(int size) {
-    const auto count = static_cast<size_t>(size);
-    void* block = malloc(count > 0 ? count : 1);
-    if (block == nullptr) {
-        QUIL_LOG_DEBUG(kFirmwareUpdateTag, "malloc failed. \n");
-        return nullptr;
-    }
-    return static_cast<uint8_t*>(memset(block, 0, count));
+// A block of `size` zero bytes, or null, which is logged.
+HeapBlock<uint8_t> clearedBlock(int size) {
+    auto block = allocateClearedBlock<uint8_t>(static_cast<size_t>(size));
+    if (block == nullptr) QUIL_LOG_DEBUG(kFirmwareUpdateTag, "malloc failed. \n");
+    return block;
 }
 
 bool sizeOfImage(const char* file_path, int& size) {
@@ -40,7 +39,7 @@ bool sizeOfImage(const char* file_path, int& size) {
     return size >= 0;
 }
 
-// A command that the session cannot do without.
+// Sends a command whose refusal ends the session.
 bool command(Command code, const char* name) {
     if (ack_sendcmd(code) == 0) return true;
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "ack_sendcmd %s failed.\n", name);
@@ -57,17 +56,16 @@ bool synchronise() {
 
 int writeImage(const char* file_path, int size) {
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "\n [*]. write mcu internal flash.\n");
-    uint8_t* image = zeroedBlock(size);
+    const auto image = clearedBlock(size);
     if (image == nullptr) return kFailed;
-    file_read(file_path, image, size);  // an image that cannot be read is written as zeros
-    const int result = writememory_2mcu(kFlashBase, image, size);
-    free(image);
+    file_read(file_path, image.get(), size);  // an image that cannot be read is written as zeros
+    const int result = writememory_2mcu(kFlashBase, image.get(), size);
     if (result >= 0) return 0;
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "writememory_2mcu failed. ret = %d\n", result);
     return kFailed;
 }
 
-// There is no read-back: the parts' own verification is the application's start.
+// Nothing is read back: whether the image is good shows when the application starts.
 int eraseAndWrite(const char* session, const char* file_path) {
     QUIL_LOG_DEBUG(kFirmwareUpdateTag,
                    "\n %s: [*]. erase mcu memory by page(in CMD_WRITE_MEMORY case).\n", session);
@@ -75,7 +73,8 @@ int eraseAndWrite(const char* session, const char* file_path) {
     if (!command(kExtendedErase, "CMD_EXTENDED_ERASE")) return kFailed;
     int size = 0;
     if (!sizeOfImage(file_path, size)) return kFailed;
-    erasememory_extend(kFlashBase, static_cast<uint32_t>(size));  // the write tells a failed one
+    erasememory_extend(kFlashBase,
+                       static_cast<uint32_t>(size));  // a failed erase shows in the write
     return writeImage(file_path, size);
 }
 
@@ -86,7 +85,7 @@ int getCommands() {
     const uint8_t version = readAnswer();
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "datalen = 0x%02x; version = 0x%02x \n", length, version);
     uint8_t commands[255];
-    memset(commands, 0xFF, sizeof(commands));  // what does not come is no command
+    memset(commands, 0xFF, sizeof(commands));  // bytes that do not arrive match no command
     mcu_serial_read(commands, length);
     for (int i = 0; i < length; ++i) {
         const char* name = commandName(commands[i]);
@@ -101,13 +100,12 @@ int readMemory(const char* file_path) {
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "\n [*]. read mcu BOOT memory.\n");
     int size = 0;
     if (!sizeOfImage(file_path, size)) return kFailed;
-    uint8_t* memory = zeroedBlock(size);
+    const auto memory = clearedBlock(size);
     if (memory == nullptr) return kFailed;
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "readmemory_4mcu:\n");
-    readmemory_4mcu(kFlashBase, memory, size);
+    readmemory_4mcu(kFlashBase, memory.get(), size);
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "file_write:\n");
-    file_write(kReadBackPath, memory, static_cast<unsigned>(size));
-    free(memory);
+    file_write(kReadBackPath, memory.get(), static_cast<unsigned>(size));
     return 0;
 }
 
@@ -122,7 +120,7 @@ int eraseAll() {
     return mcu_serial_read(&answer, 1);
 }
 
-// Erases by the type of the last detection: here there is none.
+// Erases by the last detected type: this session does not detect one.
 int erasePages(const char* file_path) {
     QUIL_LOG_DEBUG(kFirmwareUpdateTag,
                    "\n [*]. erase mcu memory by page(in CMD_EXTENDED_ERASE case).\n");
@@ -172,7 +170,7 @@ int runCommand(unsigned cmd, const char* file_path) {
     }
 }
 
-// What every session starts and ends with. A port that cannot be opened shows when synchronising.
+// Start and end of every session. If the port did not open, the synchronisation fails.
 bool enter(const char* uart_path, char parity) {
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "\n [*]. do task ! \n");
     mcu_serial_init(uart_path, kBaud, kDataBits, kStopBits, parity);
@@ -188,9 +186,7 @@ void leave() {
 }
 
 bool isUsable(const char* argument, const char* name) {
-    if (argument != nullptr && argument[0] != '\0' && strstr(argument, "UNDEF") == nullptr) {
-        return true;
-    }
+    if (argument != nullptr && quil::config::isSet(argument)) return true;
     QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: invalid %s is NULL, need to check ini file\n",
                    "mcu_isp_fw_update", name);
     return false;

@@ -16,17 +16,17 @@
 
 using quil::common::kFirmwareUpdateTag;
 using quil::common::pauseMs;
-using quil::update::ConfigText;
-using quil::update::currentConfig;
-using quil::update::kMcuVersionProperty;
-using quil::update::kMcuVersionSize;
+using quil::config::ConfigText;
+using quil::config::currentConfig;
+using quil::isp::kMcuVersionProperty;
+using quil::isp::kMcuVersionSize;
 
 namespace {
 
 constexpr int kProgrammingAttempts = 5;
 constexpr unsigned kAnswerMs = 500;
 
-// A frame of the MCU link, kept as a constant: it takes no label from the link's own requests.
+// A constant frame of the MCU link, so that it uses up no label of the link's requests.
 constexpr uint8_t kVersionRequest[] = {0x55, 0xBB, 0x00, 0x00, 0x00, 0x01, 0x07, 0x00, 0x19,
                                        0x00, 0x41, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
                                        0x00, 0x00, 0x00, 0x00, 0x01, 0x00, 0x00, 0x00, 0x00,
@@ -62,7 +62,7 @@ bool program() {
 
 int32_t serialInit(void) {
     const ConfigText path(currentConfig().mcu_uart_path);
-    if (path.text[0] == '\0' || strstr(path.text, "UNDEF") != nullptr) {
+    if (!quil::config::isSet(path.text)) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag,
                        "%s:config_info->mcu_uart_path is not set, need to check ini file.\n",
                        __func__);
@@ -94,7 +94,7 @@ int32_t getMcuFwVersion(int32_t fd, char* version) {
     const auto count = static_cast<int>(read(fd, answer, kAnswerMost));
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: mcu_fd = %d, data received(%u):\n", __func__, fd,
                    static_cast<unsigned>(count));
-    // No answer, or a short one, is an empty or a cut version: it compares unequal.
+    // A missing or short answer gives an empty or cut version, which compares unequal.
     if (count >= 0) answer[std::min<size_t>(static_cast<size_t>(count), kAnswerMost)] = '\0';
     memcpy(version, answer + kVersionAt, kVersionLength);
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "mcuIcVer = %.15s\n", version);
@@ -145,7 +145,8 @@ int32_t mcuFwUpdate(int32_t* fd) {
         return -1;
     }
     if (checkMcuFwVersion(*fd) == 0) {
-        // An error, although nothing is wrong: only 0 says that the descriptor has changed.
+        // Logged as an error although nothing is wrong. -1, because 0 means that the descriptor
+        // changed.
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: do not need upgrade FW\n", __func__);
         return -1;
     }

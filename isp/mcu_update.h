@@ -10,7 +10,7 @@
 #include "common/export.h"
 
 #ifdef __cplusplus
-namespace quil::update {
+namespace quil::isp {
 
 // What a version text needs room for; the text itself has up to 15 characters.
 inline constexpr int kMcuVersionSize = 92;
@@ -18,7 +18,7 @@ inline constexpr int kMcuVersionSize = 92;
 // The version that this flow programmed last.
 inline constexpr char kMcuVersionProperty[] = "persist.quil.mcu_fw_version";
 
-}  // namespace quil::update
+}  // namespace quil::isp
 
 extern "C" {
 #endif

@@ -4,13 +4,13 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdio.h>
-#include <stdlib.h>
 #include <string.h>
 #include <termios.h>
 #include <unistd.h>
 
 #include <algorithm>
 
+#include "common/heap_block.h"
 #include "common/little_endian.h"
 #include "common/log.h"
 #include "common/monotonic_clock.h"
@@ -19,7 +19,9 @@
 #include "isp/boot_mode.h"
 #include "isp/firmware_file.h"
 #include "isp/serial_port.h"
+#include "isp/xor_of.h"
 
+using quil::common::allocateClearedBlock;
 using quil::common::getLe32;
 using quil::common::kFirmwareUpdateTag;
 using quil::common::monotonicMs;
@@ -27,13 +29,15 @@ using quil::common::pauseMs;
 using quil::common::printFlushed;
 using quil::common::putLe16;
 using quil::common::putLe32;
+using quil::isp::xorOf;
 
 namespace {
 
 constexpr int kStepFailed = 255, kNoPortOrMemory = -1;
 constexpr uint32_t kFlashBase = 0x08000000;
 
-// Message names. A message that names a step itself is the sequence's; the others are the step's.
+// Names in messages: a message whose text names the step carries the sequence's name, the others
+// the step's.
 constexpr char kSequence[] = "n32_program";
 constexpr char kSetOpt[] = "set_opt";
 constexpr char kHandShake[] = "handShake";
@@ -66,7 +70,7 @@ constexpr uint32_t kCrcStart = 0xFFFFFFFF, kCrcPolynomial = 0x04C11DB7;
 uint8_t g_sendBuffer[kFrameMost];
 uint8_t g_receiveBuffer[kInfoSize + 1];
 
-// Over all blocks sent since the library was loaded, upgrade after upgrade: never reset.
+// Covers all blocks sent since the library was loaded; deliberately not reset between upgrades.
 uint32_t g_runningCrc = kCrcStart;
 
 // CRC-32 as the CRC unit of STM32-class parts has it: whole words, most significant bit first, no
@@ -79,12 +83,6 @@ uint32_t crcOf(uint32_t crc, const uint8_t* data, size_t count) {
         }
     }
     return crc;
-}
-
-uint8_t xorOf(const uint8_t* data, size_t count) {
-    uint8_t sum = 0;
-    for (size_t i = 0; i < count; ++i) sum ^= data[i];
-    return sum;
 }
 
 // Builds a request of `length` zero bytes of payload; returns where the payload stands.
@@ -116,7 +114,8 @@ ssize_t readInTime(uint8_t* to, size_t count) {
     return 0;
 }
 
-// Up to `count` bytes. Cleared before, so that silence never passes as the last answer.
+// Reads up to `count` bytes. Clears the buffer first, so that silence cannot look like the last
+// answer.
 size_t readSome(size_t count) {
     memset(g_receiveBuffer, 0, sizeof(g_receiveBuffer));
     const ssize_t got = readInTime(g_receiveBuffer, count);
@@ -229,9 +228,9 @@ bool eraseFlash() {
     return readGoodAnswer();
 }
 
-// Sends one block of `count` bytes to `address`. The running checksum takes the block in whatever
-// the boot loader makes of it. The flush drops what came during the pause: the answer that counts
-// comes later. Returns whether that is a good one.
+// Sends one block of `count` bytes to `address`. The running checksum includes refused blocks. The
+// flush drops bytes that arrived during the pause; the answer that counts comes later. Returns
+// whether it is a good one.
 bool sendBlock(uint32_t address, const uint8_t* block, size_t count) {
     uint8_t parameter[4];
     putLe32(parameter, address);
@@ -287,7 +286,7 @@ bool download(const uint8_t* image, uint32_t size) {
     return rest == 0 || downloadLast(kFlashBase + done, image + done, rest);
 }
 
-// The two bytes of the magic are all that is asked of the answer, whatever the boot loader found.
+// Any answer that starts with the magic passes, whatever the boot loader found.
 bool checkCrc(uint32_t size) {
     uint8_t parameter[4];
     putLe32(parameter, g_runningCrc);
@@ -321,17 +320,14 @@ int program(const uint8_t* image, uint32_t size) {
 
 int programFile(const char* file_path) {
     const int size = file_size(file_path);
-    const auto count = static_cast<size_t>(size);
-    auto* image = size < 0 ? nullptr : static_cast<uint8_t*>(malloc(std::max<size_t>(count, 1)));
+    const auto image =
+        size < 0 ? nullptr : allocateClearedBlock<uint8_t>(static_cast<size_t>(size));
     if (image == nullptr) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: malloc failed. \n", kSequence);
         return kNoPortOrMemory;
     }
-    memset(image, 0, count);
-    file_read(file_path, image, size);
-    const int result = program(image, static_cast<uint32_t>(size));
-    free(image);
-    return result;
+    file_read(file_path, image.get(), size);
+    return program(image.get(), static_cast<uint32_t>(size));
 }
 
 }  // namespace

@@ -23,7 +23,7 @@ struct BaudRate {
     unsigned rate;
     speed_t speed;
 };
-// No other rate is accepted: the boot loaders in the field answer at none.
+// No other rate is accepted: the boot loaders in the field use no other.
 constexpr BaudRate kBaudRates[] = {
     {50, B50},       {75, B75},         {110, B110},       {134, B134},         {150, B150},
     {200, B200},     {300, B300},       {600, B600},       {1200, B1200},       {1800, B1800},
@@ -33,7 +33,7 @@ constexpr BaudRate kBaudRates[] = {
 
 constexpr int kWriteFailed = 2, kSelectFailed = 4, kSelectTimedOut = 5;
 constexpr int kIdleRounds = 100, kIdleRoundMs = 10, kSelectIdleReads = 10;
-// A failed read is tried again at once, for so long without a byte.
+// For how long without a byte a failed read is repeated.
 constexpr int64_t kFailingMostMs = 10000;
 
 constexpr int kBadDataBits = -1, kBadParity = -2, kBadStopBits = -3, kNotSet = -4;
@@ -121,7 +121,7 @@ Got readMore(uint8_t* buf, int len, int& got) {
     }
     if (count == 0) return Got::kNothing;
     switch (errno) {
-        case EIO:  // the port has been unplugged: as idle as a line can be
+        case EIO:  // the port has been unplugged: counts as an idle round
         case ENXIO:
         case ENODEV:
             return Got::kNothing;

@@ -6,7 +6,6 @@
 #include <stdint.h>
 
 #include "common/export.h"
-#include "common/serial_slot.h"
 
 #ifdef __cplusplus
 namespace quil::isp {
@@ -22,6 +21,12 @@ int writeToPort(const uint8_t* data, size_t count);
 
 extern "C" {
 #endif
+
+// -1 at load. Holds the port of MCU programming from its first opening on, or what a failed opening
+// gave (-1); it is never set back after a close. Other components may use it as well. It is not the
+// descriptor of the MCU link, which is `config_info->mcu_fd`. Not guarded: one programming session
+// at a time, on one thread.
+extern QUIL_EXPORT int32_t fd;
 
 // Opens `path` into `fd` (also a failed opening's result) and sets speed (`baud` in bit/s), data
 // bits (7 or 8), stop bits (1 or 2) and parity ('N', 'E', 'O', 'S', either case). Returns 0, or -1;

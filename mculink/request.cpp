@@ -1,13 +1,15 @@
 #include "mculink/request.h"
 
 #include <errno.h>
-#include <stdlib.h>
 #include <string.h>
 #include <unistd.h>
 
+#include "common/heap_block.h"
 #include "common/log.h"
 #include "common/stdout_message.h"
 
+using quil::common::allocateBlock;
+using quil::common::HeapBlock;
 using quil::common::kErrorNoMemory;
 using quil::common::kErrorNullPointer;
 using quil::common::kServiceTag;
@@ -47,13 +49,13 @@ void buildFrame(WorkBlock& block, const uint8_t* payload, uint16_t len, uint16_t
 }
 
 // The work block of one request, or null when it cannot be had or the payload does not fit it.
-WorkBlock* allocateWorkBlock(uint16_t len) {
+HeapBlock<WorkBlock> allocateWorkBlock(uint16_t len) {
     if (len > kPayloadMax) {
         QUIL_LOG_ERROR(kServiceTag, "%s: payload length %u is above %u\n", "quil_request",
                        static_cast<unsigned>(len), static_cast<unsigned>(kPayloadMax));
         return nullptr;
     }
-    auto* block = static_cast<WorkBlock*>(malloc(sizeof(WorkBlock)));
+    auto block = allocateBlock<WorkBlock>(sizeof(WorkBlock));
     if (block == nullptr) {
         QUIL_LOG_DEBUG(kServiceTag, "error code %d", kErrorNoMemory);
         QUIL_LOG_ERROR(kServiceTag, "%s: work buffer malloc failed\n", "quil_request");
@@ -64,15 +66,13 @@ WorkBlock* allocateWorkBlock(uint16_t len) {
 }  // namespace
 
 int send_mcu_message(uint32_t cmd, uint8_t is_write, const uint8_t* payload, uint16_t len, int fd) {
-    auto* param = static_cast<quil_request_param_t*>(malloc(sizeof(quil_request_param_t)));
+    const auto param = allocateBlock<quil_request_param_t>(sizeof(quil_request_param_t));
     if (param == nullptr) {
         printErrorCode(kErrorNoMemory);
         return -1;
     }
     fillDescriptor(*param, cmd, is_write);
-    const int result = quil_request(payload, len, param, fd);
-    free(param);
-    return result;
+    return quil_request(payload, len, param.get(), fd);
 }
 
 int quil_request(const uint8_t* payload, uint16_t len, quil_request_param_t* param, int fd) {
@@ -94,7 +94,7 @@ int quil_request(const uint8_t* payload, uint16_t len, quil_request_param_t* par
     const int headerLength = quil_get_packet_length();
     QUIL_LOG_DEBUG(kServiceTag, "sdk_packet_add_frame_header5,n_send_len is %d\n", headerLength);
 
-    WorkBlock* block = allocateWorkBlock(len);
+    const auto block = allocateWorkBlock(len);
     if (block == nullptr) return -1;
     QUIL_LOG_DEBUG(kServiceTag, "sdk_packet_add_frame_header6\n");
     buildFrame(*block, payload, len, label, header, body);
@@ -105,7 +105,6 @@ int quil_request(const uint8_t* payload, uint16_t len, quil_request_param_t* par
         QUIL_LOG_ERROR(kServiceTag, "%s: quil_physical_send failed, n_recv_len = %d\n", __func__,
                        0);
     }
-    free(block);
     QUIL_LOG_DEBUG(kServiceTag, "%s: is end\n", __func__);
     return result;
 }

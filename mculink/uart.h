@@ -7,7 +7,6 @@
 #include <stdint.h>
 
 #include "common/export.h"
-#include "common/serial_slot.h"  // which the functions here do not touch
 
 #ifdef __cplusplus
 extern "C" {

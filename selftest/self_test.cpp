@@ -30,22 +30,11 @@ constexpr unsigned kFailure = static_cast<unsigned>(-1);
 constexpr uint32_t kRecordCommand = 0xFFFFFFF4;
 constexpr size_t kZeroAt = 4, kLengthAt = 6, kVerdictAt = 8, kCountAt = 9, kTextAt = 10;
 
-// The setting, terminated even where its field is not.
-struct Setting {
-    char text[sizeof(config_info_t::self_test_items) + 1] = {};
-};
-
-bool readSetting(Setting& setting) {
-    if (config_info == nullptr) return false;
-    memcpy(setting.text, config_info->self_test_items, sizeof(config_info->self_test_items));
-    return setting.text[0] != '\0' && strstr(setting.text, "UNDEF") == nullptr;
-}
-
 int numberOf(const char* token) {
     return static_cast<int>(std::clamp<long>(strtol(token, nullptr, 10), INT_MIN, INT_MAX));
 }
 
-// Takes the setting's text apart, in place. Returns how many numbers there are.
+// Splits the setting's text in place. Returns the count of numbers.
 size_t splitNumbers(char* text, int (&numbers)[kNumbersMost]) {
     size_t count = 0;
     char* rest = nullptr;
@@ -64,14 +53,15 @@ void switchOn(int number) {
     }
 }
 
-// What a run gathers.
+// What a run collects.
 struct Run {
-    char line[kLineSize] = {};  // not cleared between items: one that writes nothing repeats it
+    char line[kLineSize] =
+        {};  // not cleared between items: an item that writes nothing repeats the last line
     char text[kTextSize] = {};
     bool hasFailed = false;
 };
 
-// What does not fit is cut.
+// Cuts what does not fit.
 void append(Run& run) {
     const size_t length = strnlen(run.text, kTextSize);
     const size_t added = std::min(strnlen(run.line, kLineSize), kTextSize - 1 - length);
@@ -117,8 +107,8 @@ int writeToFile(const char* path, const char* text) {
 }
 
 int parseAndConfigTestItem(void) {
-    Setting setting;
-    if (!readSetting(setting)) {
+    quil::config::ConfigText setting(quil::config::currentConfig().self_test_items);
+    if (!quil::config::isSet(setting.text)) {
         QUIL_LOG_ERROR(kServiceTag,
                        "%s: self_test_items not config in ini, please check ini file\n", __func__);
         return -1;
@@ -139,9 +129,9 @@ unsigned runSelfTestAndGetResult(unsigned char* result, unsigned size) {
         QUIL_LOG_ERROR(kServiceTag, "%s: invalid NULL pointer\n", __func__);
         return kFailure;
     }
-    remove(kResultFile);  // mostly there is none yet
+    remove(kResultFile);  // usually there is none
     const int count = parseAndConfigTestItem();
-    // A missing setting is no reason to stop: what earlier runs switched on still runs.
+    // Without a setting the run goes on with the items that earlier runs switched on.
     if (count == 0) {
         QUIL_LOG_ERROR(kServiceTag, "%s: invalid select_test_items is 0, please check ini file.\n",
                        __func__);

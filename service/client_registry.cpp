@@ -39,7 +39,8 @@ Return<int32_t> QuilServiceManager::hwInvoke(const hidl_vec<uint8_t>& data) {
         }
         QUIL_LOG_DEBUG(kServiceTag, "%s: mClients[%d] is detected\n", __func__,
                        static_cast<int>(i));
-        // A client that died stays registered; its failed status only has to be looked at.
+        // A dead client stays registered. isOk() marks its status as checked; unchecked it would
+        // abort.
         (void)clients[i]->hwNotify(data).isOk();
     }
     return static_cast<int32_t>(data.size());

@@ -74,7 +74,7 @@ Return<void> QuilServiceManager::doWaitMcu() {
                        "%s: Timeout 5s waiting for response from MCU. frame_seq_num = 0x%x\n",
                        __func__, g_n_lable);
     }
-    // Said after a time-out too.
+    // Logged after a time-out as well.
     QUIL_LOG_DEBUG(kServiceTag, "%s data from thread_mcu is ready\n", __func__);
     if (recvData.empty()) QUIL_LOG_DEBUG(kServiceTag, "%s: recvData is empty\n", __func__);
     mDataReady = false;

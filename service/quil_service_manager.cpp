@@ -12,7 +12,7 @@ QuilServiceManager::QuilServiceManager() = default;
 
 QuilServiceManager::~QuilServiceManager() {
     std::vector<uint8_t>().swap(recvData);
-    // Last registered, first released; the vector's own destructor goes the other way.
+    // Releases the last entry first; the vector's own destructor starts with the first.
     while (!mClients.empty()) mClients.pop_back();
 }
 
@@ -70,7 +70,7 @@ void QuilServiceManager::dispatch(const Method& method, tclvMsg& msg, hidl_servi
         case HIDL_SERVICE_TYPE_SELF_TEST:
             ++mCounters.selfTest;
             QUIL_LOG_DEBUG(kServiceTag, "%s: process HIDL_SERVICE_TYPE_SELF_TEST\n", method.name);
-            if (method.isWrite != 0) return;  // run by reading only
+            if (method.isWrite != 0) return;  // a self-test runs only through get
             ret = selfTest(&msg);
             if (ret < 0) {
                 QUIL_LOG_ERROR(kServiceTag, "%s: do selfTest failed, ret = %d\n", method.name, ret);
@@ -84,8 +84,8 @@ void QuilServiceManager::dispatch(const Method& method, tclvMsg& msg, hidl_servi
                    static_cast<unsigned>(type));
 }
 
-// The result callback runs without mWaitMutex, so that it may call wakeUp. What arrives while it
-// runs is emptied with the rest, as is everything when it throws.
+// The result callback runs without mWaitMutex, so that it may call wakeUp. Bytes that arrive
+// meanwhile are cleared too, also when the callback throws.
 void QuilServiceManager::answer(const ResultCallback& result) {
     hidl_vec<uint8_t> bytes;
     {

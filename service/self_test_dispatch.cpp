@@ -27,7 +27,7 @@ Return<int32_t> QuilServiceManager::selfTest(tclvMsg* /*msg*/) {
     uint8_t record[kRecordMost] = {};
     const unsigned length = answerLength(runSelfTestAndGetResult(record, kRecordMost));
     {
-        // Bytes that were left from before are no self-test's answer: they go.
+        // Drop bytes of an earlier request.
         const MutexLock lock(mWaitMutex);
         recvData.assign(record, record + length);
     }

@@ -17,9 +17,9 @@
 #include "board/core/temporary_directory.h"
 #include "board/mcu/mcu_fitting.h"
 #include "board/mcu/mcu_image.h"
-#include "common/serial_slot.h"
 #include "config/config_info.h"
 #include "host/hosting_component.h"
+#include "isp/serial_port.h"
 
 namespace quil::tests {
 

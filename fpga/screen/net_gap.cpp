@@ -1,15 +1,16 @@
-// The end of a load: sub-pixel settings, and the net gap switched on.
+#include "fpga/screen/net_gap.h"
+
 #include <unistd.h>
 
 #include "common/log.h"
-#include "fpga/screen/screen_blocks.h"
-#include "fpga/spi_frame.h"
+#include "fpga/screen/block_frame.h"
 #include "fpga/spi_link.h"
 
 using quil::common::kFirmwareUpdateTag;
 using quil::fpga::frameSize;
 using quil::fpga::kStepPauseUs;
 using quil::fpga::PackedData;
+using quil::fpga::partOf;
 using quil::fpga::Rows;
 using quil::fpga::sendFixedFrame;
 using quil::fpga::WriteFrame;
@@ -18,7 +19,7 @@ namespace {
 
 constexpr unsigned kBeforeEnableS = 3;
 
-// Where the parts of a sub-pixel block stand, in the block and from its address on.
+// Offsets of a sub-pixel block's parts, the same in the block and in the FPGA from its address on.
 constexpr uint32_t kParameterAt = 0, kIpAt = 0x14, kEnableAt = 0x18, kRefreshAt = 0x19,
                    kFilterAt = 0x31;
 constexpr size_t kParameterSize = 20, kIpSize = 4, kFilterSize = 108;
@@ -34,14 +35,6 @@ template <size_t Size>
 void sendAndLog(WriteFrame<Size>& frame, const char* label) {
     spi_send_data(frame.bytes, sizeof(frame.bytes));
     quil::fpga::logFrame(label, frame.bytes, sizeof(frame.bytes));
-}
-
-template <size_t Size>
-WriteFrame<Size> partOf(const st_func_offset_map_t& row, uint32_t at, const PackedData& packed) {
-    WriteFrame<Size> frame;
-    quil::fpga::putWriteHeader(frame.bytes, row.fpga_addr + at);
-    packed.copy(uint64_t{row.offset} + at, frame.data(), Size);
-    return frame;
 }
 
 template <size_t Size>
@@ -84,6 +77,6 @@ void sendNetGapeEnable(int blockNum, const unsigned char* data) {
     usleep(kStepPauseUs);
     sendFixedFrame(kControlOff, sizeof(kControlOff));
     usleep(kStepPauseUs);
-    // Several copies, deliberately.
+    // Five copies of one frame go out: deliberate.
     for (int i = 0; i < kNetGapCopies; ++i) sendFixedFrame(kNetGapOn, sizeof(kNetGapOn));
 }

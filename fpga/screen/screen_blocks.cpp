@@ -19,7 +19,7 @@ namespace {
 constexpr size_t kCountSize = 4;
 constexpr size_t kLengthAt = 4, kBlockHeaderSize = 8;
 
-// Both lie inside the image: `at` never passes its end.
+// True if header and data lie inside the image. `at` is never beyond its end.
 bool isUsable(const uint8_t* image, size_t at, st_func_offset_map_t& row) {
     if (kPartitionSize - at < kBlockHeaderSize) return false;
     row.fpga_addr = getBe32(image + at);
@@ -90,8 +90,8 @@ int parse_emmc_block(unsigned char* dst, unsigned char* src) {
     for (unsigned i = 0; i < count; ++i) {
         st_func_offset_map_t row = {};
         if (!isUsable(src, at, row)) {
-            // The count stays what the header says, deliberately: later steps walk the rows of an
-            // earlier load.
+            // The count stays that of the header, deliberately: later steps also walk rows that an
+            // earlier load left.
             QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s invalid fpgaAddr, or datalen.\n", __func__);
             break;
         }

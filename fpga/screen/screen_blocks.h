@@ -1,11 +1,44 @@
-// What the screen parameters' files share: the block kinds' addresses, the table's rows and the
-// packed data behind them.
+// The screen partition's blocks: their table, and the packed data behind them. The partition's
+// layout stands in fpga/screen/screen_params.h.
 #pragma once
 
+#include <assert.h>
 #include <stddef.h>
 #include <stdint.h>
 
-#include "fpga/screen/screen_params.h"
+#include "common/export.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// A row of st_func_offset_map_tab.
+typedef struct st_func_offset_map {
+    uint32_t fpga_addr;  // the block kind, and where its data belongs
+    uint32_t datalen;    // bytes
+    uint32_t offset;     // of the data in the packed buffer, bytes
+} st_func_offset_map_t;
+
+static_assert(sizeof(st_func_offset_map_t) == 12, "binding");
+
+// The blocks of the latest load, in partition order. Rows behind them keep what an earlier load
+// left there.
+extern QUIL_EXPORT st_func_offset_map_t st_func_offset_map_tab[60];
+
+// Indexes the partition image `src` into st_func_offset_map_tab and packs its data into `dst`, both
+// of 2 MiB. Stops at a block without address or length, or longer than what is left of the image.
+// Returns the block count of the header all the same, 0 when that is above 60.
+QUIL_EXPORT int parse_emmc_block(unsigned char* dst, unsigned char* src);
+
+// Copies `len` bytes between ranges that do not overlap; nothing when one of the two is null.
+QUIL_EXPORT void putDataToSendCach(const void* src, void* dst, unsigned len);
+
+// The 32-bit value at `p`, most significant byte first; 0 without `p`. 32 bits, whatever the name
+// says.
+QUIL_EXPORT unsigned transUcharArrayToU64(const unsigned char* p);
+
+#ifdef __cplusplus
+}  // extern "C"
 
 namespace quil::fpga {
 
@@ -54,3 +87,4 @@ class Rows {
 void logFrame(const char* label, const uint8_t* frame, size_t size);
 
 }  // namespace quil::fpga
+#endif

@@ -1,10 +1,9 @@
-// The registers that are the same for every screen, and the single bytes of blocks that go with
-// them.
+#include "fpga/screen/screen_fixed.h"
+
 #include <iterator>
 
 #include "common/log.h"
-#include "fpga/screen/screen_blocks.h"
-#include "fpga/spi_frame.h"
+#include "fpga/screen/block_frame.h"
 #include "fpga/spi_link.h"
 
 using quil::common::kFirmwareUpdateTag;
@@ -12,7 +11,6 @@ using quil::fpga::frameSize;
 using quil::fpga::PackedData;
 using quil::fpga::Rows;
 using quil::fpga::sendFixedFrame;
-using quil::fpga::WriteFrame;
 
 namespace {
 
@@ -41,7 +39,7 @@ constexpr uint8_t kParameters[][frameSize(27)] = {
 constexpr size_t kHalfSubPixelTable = 256;
 struct SingleByte {
     uint32_t block;
-    uint32_t at;  // in the block, and from its address on
+    uint32_t at;  // offset in the block, and in the FPGA from the block's address on
     const char* sent;
 };
 constexpr SingleByte kSingleBytes[] = {
@@ -54,9 +52,7 @@ constexpr const char* kHalfSent[] = {"fpga_addr 10a43000 write size = %d\n",
 template <size_t Size>
 void sendPart(const st_func_offset_map_t& row, uint32_t at, const PackedData& packed,
               const char* sent) {
-    WriteFrame<Size> frame;
-    quil::fpga::putWriteHeader(frame.bytes, row.fpga_addr + at);
-    packed.copy(uint64_t{row.offset} + at, frame.data(), Size);
+    auto frame = quil::fpga::partOf<Size>(row, at, packed);
     const int result = spi_send_data(frame.bytes, sizeof(frame.bytes));
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, sent, result);
 }

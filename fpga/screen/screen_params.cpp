@@ -1,21 +1,24 @@
-// A load of the screen's parameters, step by step.
 #include "fpga/screen/screen_params.h"
 
 #include <errno.h>
 #include <fcntl.h>
 #include <sched.h>
-#include <stdlib.h>
 #include <string.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <iterator>
 
+#include "common/heap_block.h"
 #include "common/log.h"
+#include "fpga/screen/net_gap.h"
 #include "fpga/screen/screen_blocks.h"
+#include "fpga/screen/screen_fixed.h"
 #include "fpga/screen/screen_passes.h"
 #include "fpga/spi_frame.h"
+#include "fpga/spi_link.h"
 
+using quil::common::allocateClearedBlock;
 using quil::common::kFirmwareUpdateTag;
 using quil::fpga::kPartitionSize;
 using quil::fpga::PackedData;
@@ -34,27 +37,6 @@ constexpr uint8_t kWord[] = {0x00, 0x03, 0x00, 0x01};
 constexpr size_t kPairsAt[] = {33, 41, 47};
 constexpr time_t kNetworkWaitS = 4;
 
-// Raw image and packed data, zeroed.
-class Buffers {
-  public:
-    Buffers()
-        : mRaw(static_cast<uint8_t*>(calloc(1, kPartitionSize))),
-          mPacked(static_cast<uint8_t*>(calloc(1, kPartitionSize))) {}
-    ~Buffers() {
-        free(mRaw);
-        free(mPacked);
-    }
-    Buffers(const Buffers&) = delete;
-    Buffers& operator=(const Buffers&) = delete;
-    bool ok() const { return mRaw != nullptr && mPacked != nullptr; }
-    uint8_t* raw() { return mRaw; }
-    uint8_t* packed() { return mPacked; }
-
-  private:
-    uint8_t* mRaw;
-    uint8_t* mPacked;
-};
-
 // Returns the bytes read, or a negative number.
 int readPartition(uint8_t* image) {
     constexpr char kStep[] = "read_screen_paramter";
@@ -72,7 +54,7 @@ int readPartition(uint8_t* image) {
     return size;
 }
 
-// Another thread writes what is looked at here.
+// Another thread writes `buffer`.
 uint8_t received(size_t at) { return __atomic_load_n(&buffer[at], __ATOMIC_ACQUIRE); }
 
 bool isNetworkUp() {
@@ -91,8 +73,8 @@ time_t monotonicSeconds() {
     return now.tv_sec;
 }
 
-// Looks again and again without a sleep; other threads get their turn in between. Returns false
-// after 4 whole seconds.
+// Polls without a sleep and yields to other threads in between. Returns false after 4 whole
+// seconds.
 bool waitForNetwork() {
     const time_t start = monotonicSeconds();
     while (!isNetworkUp()) {
@@ -117,30 +99,31 @@ void enableNetGap(int blockCount, const uint8_t* packed, const char* function) {
 }  // namespace
 
 int fpgaLoadScreenParamsBySpi(void) {
-    Buffers buffers;
-    if (!buffers.ok()) {
+    const auto image = allocateClearedBlock<uint8_t>(kPartitionSize);
+    const auto data = allocateClearedBlock<uint8_t>(kPartitionSize);
+    if (image == nullptr || data == nullptr) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag,
                        "%s: could not allocate memory for the cach || cachPureData!\n", __func__);
         return -1;
     }
-    const int size = readPartition(buffers.raw());
+    const int size = readPartition(image.get());
     if (size < 0) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: failed to read screen paramter\n", __func__);
         return -1;
     }
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: read screen data size %d\n", __func__, size);
-    const int blockCount = parse_emmc_block(buffers.packed(), buffers.raw());
+    const int blockCount = parse_emmc_block(data.get(), image.get());
     if (blockCount < 1) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: parse_emmc_block, blockNum = %d\n", __func__,
                        blockCount);
         return -1;
     }
-    const PackedData packed(buffers.packed());
+    const PackedData packed(data.get());
     quil::fpga::readTopologyCounts(blockCount, packed);
-    quil::fpga::sendTopologies(blockCount, buffers.packed());
+    quil::fpga::sendTopologies(blockCount, data.get());
     quil::fpga::sendBlocks(blockCount, packed);
-    sendFixedParameter(blockCount, buffers.packed());
+    sendFixedParameter(blockCount, data.get());
     quil::fpga::sendFixedFrame(kControlOn, sizeof(kControlOn));
-    enableNetGap(blockCount, buffers.packed(), __func__);
+    enableNetGap(blockCount, data.get(), __func__);
     return 0;
 }

@@ -38,9 +38,10 @@ constexpr WholeKind kWholeKinds[] = {
 };
 constexpr size_t kLargestData = 5120;
 
-// One frame a kind for the length of a load: a short block leaves an earlier one's rest in it.
+// One frame for each kind, kept for a whole load: after a short block the frame still holds the
+// end of the block before it.
 struct KindFrames {
-    // The braces make it a memset: g++ would copy from 30 KB of zeros in the library else.
+    // The braces make it a memset. Otherwise g++ copies 30 KB of zeros stored in the library.
     WriteFrame<kLargestData> of[std::size(kWholeKinds)] = {};
 };
 
@@ -56,7 +57,7 @@ void sendWhole(const WholeKind& kind, WriteFrame<kLargestData>& frame,
     const size_t length = std::min<size_t>(row.datalen, kind.dataSize);
     putWriteHeader(frame.bytes, row.fpga_addr);
     packed.copy(row.offset, frame.data(), length);
-    frame.data()[length] = 0;  // right behind the block's data, not at the frame's end
+    frame.data()[length] = 0;  // directly after the block's data, not at the frame's end
     spi_send_data(frame.bytes, frameSize(kind.dataSize));
 }
 
@@ -114,7 +115,7 @@ void sendTopologies(int blockCount, const uint8_t* packed) {
     uint8_t index = 0;
     for (const st_func_offset_map_t& row : Rows(blockCount)) {
         if (row.fpga_addr < kTopologyFirst || row.fpga_addr > kTopologyLast) continue;
-        // There are more rows than counts: the rest sends nothing.
+        // Rows beyond the counts send nothing.
         if (index < std::size(free_routing_topology)) {
             sendTopologyPara(packed, row.offset, row.fpga_addr, free_routing_topology[index]);
         }
@@ -148,7 +149,7 @@ void sendTopologyPara(const unsigned char* src, unsigned offset, unsigned fpgaAd
         const uint64_t from = uint64_t{offset} + ahead;
         if (from >= quil::fpga::kPartitionSize) return;
         packed.copy(from, frame.data(), kTopologyUnit);
-        // Without data the frame is sent as it was, its header missing too.
+        // Without data the frame goes out as zeros, without a header: deliberate.
         if (src != nullptr) quil::fpga::putWriteHeader(frame.bytes, fpgaAddr + ahead);
         spi_send_data(frame.bytes, sizeof(frame.bytes));
     }

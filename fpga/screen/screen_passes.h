@@ -1,7 +1,26 @@
 // The passes of a load over the first `blockCount` rows of the table.
 #pragma once
 
+#include <stdint.h>
+
+#include "common/export.h"
 #include "fpga/screen/screen_blocks.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// How many 16-byte units of each topology block are sent. Rewritten by each load.
+extern QUIL_EXPORT int32_t free_routing_topology[20];
+
+// Sends `count` frames of 16 bytes each, from `src` + `offset` on to `fpgaAddr` on, which goes up
+// by 16 a frame, and nothing that begins past the packed buffer. Without `src` the frames are 22
+// zero bytes.
+QUIL_EXPORT void sendTopologyPara(const unsigned char* src, unsigned offset, unsigned fpgaAddr,
+                                  int count);
+
+#ifdef __cplusplus
+}  // extern "C"
 
 namespace quil::fpga {
 
@@ -15,3 +34,4 @@ void sendTopologies(int blockCount, const uint8_t* packed);
 void sendBlocks(int blockCount, const PackedData& packed);
 
 }  // namespace quil::fpga
+#endif

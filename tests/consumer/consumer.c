@@ -1,9 +1,12 @@
 // Every header with exported C names, read as C, and a few of the names called.
-#include <common/serial_slot.h>
 #include <fpga/ddr_recovery.h>
 #include <fpga/load_process.h>
 #include <fpga/network_bring_up.h>
+#include <fpga/screen/net_gap.h>
+#include <fpga/screen/screen_blocks.h>
+#include <fpga/screen/screen_fixed.h>
 #include <fpga/screen/screen_params.h>
+#include <fpga/screen/screen_passes.h>
 #include <fpga/spi_link.h>
 #include <isp/boot_loader.h>
 #include <isp/boot_mode.h>

@@ -8,7 +8,10 @@
 #include <string>
 #include <vector>
 
+#include "fpga/screen/net_gap.h"
+#include "fpga/screen/screen_fixed.h"
 #include "fpga/screen/screen_params.h"
+#include "fpga/screen/screen_passes.h"
 #include "testing/library_test.h"
 
 namespace quil::tests {

@@ -1,5 +1,6 @@
 // The hosting component's part in an MCU update: the flag, the link, the reader.
 #include "isp/mcu_update.h"
+#include "isp/serial_port.h"
 
 #include <android/log.h>
 #include <fcntl.h>
@@ -63,7 +64,7 @@ TEST_F(HostMcuUpdate, ABootWithOlderFirmwareEndsWithTheShippedVersionAnswering) 
     ASSERT_TRUE(host.start().ok());
     EXPECT_EQ(host.mcuFirmware(), McuFirmware::kReprogrammed);
     EXPECT_EQ(versionThroughTheService(), "V1.0.0");
-    EXPECT_EQ(board.properties().get(update::kMcuVersionProperty, ""), "V1.0.0");
+    EXPECT_EQ(board.properties().get(isp::kMcuVersionProperty, ""), "V1.0.0");
     EXPECT_THAT(board.violations(), IsEmpty());
 }
 

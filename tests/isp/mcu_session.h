@@ -12,6 +12,7 @@
 #include "board/core/temporary_directory.h"
 #include "board/mcu/mcu_fitting.h"
 #include "isp/isp_tasks.h"
+#include "isp/serial_port.h"
 #include "testing/library_test.h"
 
 namespace quil::tests {

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <termios.h>
 
+#include "isp/serial_port.h"
 #include "testing/library_test.h"
 
 namespace quil::tests {

@@ -10,7 +10,7 @@
 
 #include "board/core/board_directory.h"
 #include "board/core/temporary_directory.h"
-#include "common/serial_slot.h"
+#include "isp/serial_port.h"
 #include "tools/quilctl/cli.h"
 
 namespace quil::tests {

@@ -23,7 +23,7 @@ int version(const Cli& cli) {
     BoardSession session(cli.options, cli.console);
     const McuLink link;
     const std::string running = link.version();
-    const std::string recorded = session.board().properties().get(update::kMcuVersionProperty, "");
+    const std::string recorded = session.board().properties().get(isp::kMcuVersionProperty, "");
     std::ostream& out = cli.console.out;
     if (cli.options.json) {
         out << nlohmann::json{{"running", running},

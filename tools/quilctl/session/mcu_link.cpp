@@ -15,7 +15,7 @@ McuLink::McuLink() {
 McuLink::~McuLink() { host::shutDown(); }
 
 std::string McuLink::version() const {
-    char text[update::kMcuVersionSize] = {};
+    char text[isp::kMcuVersionSize] = {};
     return getMcuFwVersion(config_info->mcu_fd, text) == 0 ? text : "";
 }
 
