@@ -102,10 +102,5 @@ sp<IBase> getRawServiceInternal(const std::string& descriptor, const std::string
     return service;
 }
 
-status_t registerAsServiceInternal(const sp<IBase>& /*service*/, const std::string& name) {
-    ALOGE("Cannot register '%s': no service manager in this process", name.c_str());
-    return INVALID_OPERATION;
-}
-
 }  // namespace details
 }  // namespace android::hardware

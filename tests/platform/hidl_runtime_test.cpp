@@ -346,11 +346,11 @@ TEST_F(PassthroughLoader, NameThatIsNoInterfaceGivesNull) {
     EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("Invalid interface name"));
 }
 
-TEST_F(PassthroughLoader, RegistrationIsRefusedWithoutAServiceManager) {
+TEST_F(PassthroughLoader, RegistrationIsRefusedWithoutAPoolThatCouldServeIt) {
     const sp<IQuilServiceCallback> object = new Callback;
     ::testing::internal::CaptureStderr();
     EXPECT_EQ(object->registerAsService("default"), INVALID_OPERATION);
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("no service manager"));
+    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("there is no pool"));
     EXPECT_FALSE(IQuilServiceCallback::registerForNotifications("default", nullptr));
 }
 

@@ -14,9 +14,11 @@ namespace android::hardware {
 bool interfacesEqual(const sp<hidl::base::V1_0::IBase>& left,
                      const sp<hidl::base::V1_0::IBase>& right);
 
-// There is no transport here: the pool has no threads, and joining it returns at once.
-inline void configureRpcThreadpool(size_t /*maxThreads*/, bool /*callerWillJoin*/) {}
-inline void joinRpcThreadpool() {}
+// The pool that calls from other processes run on; the calling thread is one of maxThreads when it
+// will join. Who calls here is a test (<standin/rpc_threadpool.h>). Joining a pool that was never
+// configured returns at once.
+void configureRpcThreadpool(size_t maxThreads, bool callerWillJoin);
+void joinRpcThreadpool();
 
 namespace details {
 

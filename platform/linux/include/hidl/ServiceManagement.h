@@ -19,7 +19,8 @@ sp<hidl::base::V1_0::IBase> getRawServiceInternal(const std::string& descriptor,
                                                   const std::string& instance, bool retry,
                                                   bool getStub);
 
-// Always refused: there is no service manager to register with.
+// Refused until a pool is configured (configureRpcThreadpool). What is registered is for
+// <standin/rpc_threadpool.h> to find: getService asks the implementation library all the same.
 status_t registerAsServiceInternal(const sp<hidl::base::V1_0::IBase>& service,
                                    const std::string& name);
 
