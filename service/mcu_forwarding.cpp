@@ -27,8 +27,8 @@ Return<int32_t> QuilServiceManager::sendTclvDataToMcu(tclvMsg* msg, uint8_t is_w
         return -1;
     }
     QUIL_LOG_DEBUG(kServiceTag, "%s: load mcu thread fd = %d, mcu_type = %d\n", __func__,
-                   info->mcu_fd, info->mcu_type);
-    // The host raises the flag from its own thread.
+                   __atomic_load_n(&info->mcu_fd, __ATOMIC_ACQUIRE), info->mcu_type);
+    // The host raises the flag from its own thread, and changes the link while it stands.
     if (__atomic_load_n(&info->fw_updating, __ATOMIC_ACQUIRE) != 0) {
         QUIL_LOG_ERROR(kServiceTag, "%s: now fw is updating...return 0xff\n", __func__);
         const MutexLock lock(mWaitMutex);
