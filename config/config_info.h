@@ -23,7 +23,7 @@ typedef struct config_info_record {
     char product[64];     // product model
     int32_t mod_id;       // module id, from the product information block
     int32_t mcu_fd;       // serial descriptor of the MCU link; 0 after a parse, set by the host
-    int32_t fw_updating;  // non-zero while firmware is being written; set by the host
+    int32_t fw_updating;  // while firmware is being written 1 (MCU) or 2 (FPGA), set by the host
     int32_t mcu_type;
     char mcu_serial[16];           // the MCU's family, for its boot loader
     char mcu_fw_path[128];         // MCU image

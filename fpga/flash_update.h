@@ -30,9 +30,9 @@ QUIL_EXPORT int32_t fpgaFwUpdate(void);
 // Erases the flash. Returns 0 or -1.
 QUIL_EXPORT int32_t fpgaFlashFormat(void);
 
-// Writes the image (`fpga_fw_path`) into an erased flash and restarts the FPGA once no firmware
-// update is in progress, however long that takes: `fw_updating` is read without a lock. Does not
-// wait for DONE. Returns 0 or -1.
+// Writes the image (`fpga_fw_path`) into an erased flash and restarts the FPGA once `fw_updating`
+// is not 1 (the MCU's firmware is being written), however long that takes: it is read without a
+// lock. Does not wait for DONE. Returns 0 or -1.
 QUIL_EXPORT int32_t fpgaFlashWrite(void);
 
 #ifdef __cplusplus

@@ -14,10 +14,10 @@
 
 using quil::common::kFirmwareUpdateTag;
 using quil::config::currentConfig;
+using quil::fpga::kUpdateProperty;
 
 namespace {
 
-constexpr char kUpdateProperty[] = "persist.quil.system.fpga.fw.update";
 constexpr unsigned kAfterFormatS = 1, kBeforeEth1S = 1, kAfterEth1S = 1;
 
 // Only the first character counts.

@@ -10,6 +10,9 @@
 #include "common/export.h"
 
 #ifdef __cplusplus
+namespace quil::fpga {
+inline constexpr char kUpdateProperty[] = "persist.quil.system.fpga.fw.update";
+}
 extern "C" {
 #endif
 

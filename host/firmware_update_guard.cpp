@@ -8,15 +8,24 @@ namespace quil::host {
 namespace {
 
 // The flag is a plain word of the shared record, and requests look at it from their own threads.
-void setUpdating(int32_t updating) {
+void setUpdating(Firmware whose) {
     assert(config_info != nullptr);
-    __atomic_store_n(&config_info->fw_updating, updating, __ATOMIC_SEQ_CST);
+    __atomic_store_n(&config_info->fw_updating, static_cast<int32_t>(whose), __ATOMIC_SEQ_CST);
 }
 
 }  // namespace
 
-FirmwareUpdateGuard::FirmwareUpdateGuard() { setUpdating(1); }
+Firmware firmwareBeingWritten() {
+    if (config_info == nullptr) return Firmware::kNobodys;
+    return static_cast<Firmware>(__atomic_load_n(&config_info->fw_updating, __ATOMIC_SEQ_CST));
+}
 
-FirmwareUpdateGuard::~FirmwareUpdateGuard() { setUpdating(0); }
+FirmwareUpdateGuard::FirmwareUpdateGuard(Firmware whose) : mFormer(firmwareBeingWritten()) {
+    setUpdating(whose);
+}
+
+FirmwareUpdateGuard::~FirmwareUpdateGuard() { setUpdating(mFormer); }
+
+void FirmwareUpdateGuard::changeTo(Firmware whose) { setUpdating(whose); }
 
 }  // namespace quil::host

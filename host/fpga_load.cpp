@@ -1,6 +1,7 @@
 #include "host/fpga_load.h"
 
-#include <array>
+#include <cutils/properties.h>
+
 #include <cstdint>
 #include <string_view>
 
@@ -13,19 +14,32 @@ namespace {
 struct Sequence {
     std::string_view product;
     int32_t (*run)();
+    bool writesPendingImage;  // the others load theirs afresh each time, and no flash is written
 };
-constexpr std::array<Sequence, 3> kSequences = {{{"Heron", fpgaLoadProcessHeron},
-                                                 {"Kestrel", fpgaLoadProcessKestrel},
-                                                 {"Wren_t507", fpgaLoadProcessWren_t507}}};
+constexpr Sequence kSequences[] = {{"Heron", fpgaLoadProcessHeron, true},
+                                   {"Kestrel", fpgaLoadProcessKestrel, false},
+                                   {"Wren_t507", fpgaLoadProcessWren_t507, true}};
+
+const Sequence* sequenceOfTheProduct() {
+    for (const Sequence& sequence : kSequences) {
+        if (sequence.product == config_info->product) return &sequence;
+    }
+    return nullptr;
+}
 
 }  // namespace
 
+bool fpgaImageIsPending() {
+    const Sequence* sequence = sequenceOfTheProduct();
+    char value[PROPERTY_VALUE_MAX] = {};
+    return sequence != nullptr && sequence->writesPendingImage &&
+           property_get(fpga::kUpdateProperty, value, "0") > 0 && value[0] == '1';
+}
+
 FpgaLoad loadFpga() {
-    for (const Sequence& sequence : kSequences) {
-        if (sequence.product != config_info->product) continue;
-        return sequence.run() == 0 ? FpgaLoad::kUp : FpgaLoad::kFailed;
-    }
-    return FpgaLoad::kNoSequence;
+    const Sequence* sequence = sequenceOfTheProduct();
+    if (sequence == nullptr) return FpgaLoad::kNoSequence;
+    return sequence->run() == 0 ? FpgaLoad::kUp : FpgaLoad::kFailed;
 }
 
 }  // namespace quil::host

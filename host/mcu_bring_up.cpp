@@ -38,7 +38,8 @@ McuFirmware bringMcuUpToDate() {
         settings.putBack();
         return McuFirmware::kLeftAsItWas;
     }
-    config_info->mcu_fd = link;
+    // Clients are in already, and what they send looks at it.
+    __atomic_store_n(&config_info->mcu_fd, link, __ATOMIC_RELEASE);
     sdk_uart_close(former);
     return result == 0 ? McuFirmware::kReprogrammed : McuFirmware::kLinkLost;
 }

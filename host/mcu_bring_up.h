@@ -4,6 +4,7 @@
 namespace quil::host {
 
 enum class McuFirmware {
+    kNotAsked,
     kLeftAsItWas,   // it was up to date, or the update failed and the library's log says why
     kReprogrammed,  // the link was opened anew
     kLinkLost,      // reprogrammed, but the link could not be opened again

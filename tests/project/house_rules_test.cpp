@@ -50,7 +50,7 @@ const std::map<std::string, std::set<std::string>> kMayInclude = {
     {"service", {"common", "config", "mculink", "selftest"}},
     {"platform", {"host"}},
     {"board", {"platform"}},
-    {"host", {"config", "fpga", "isp", "mculink"}},
+    {"host", {"config", "fpga", "isp", "mculink", "service"}},
     {"tools", {"board", "config", "fpga", "host", "isp", "selftest", "service"}},
     {"testing", {"board", "common", "config", "host", "mculink", "service"}},
     {"fuzz",

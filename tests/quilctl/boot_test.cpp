@@ -21,6 +21,7 @@ TEST_F(QuilctlBoot, StagesFollowFromTheConfigurationToTheService) {
     EXPECT_EQ(said.code, tools::kOk);
     EXPECT_THAT(said.out, ContainsRegex("^stage +from +took  result\n"
                                         "configuration +0.000 s .* ok .Heron.\n"
+                                        "clients are let in +0.000 s .* ok\n"
                                         "MCU firmware .* ok .up to date.\n"
                                         "FPGA configured .* ok\n"
                                         "FPGA memory .* 1.000 s  ok\n"

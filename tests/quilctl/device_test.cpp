@@ -1,6 +1,7 @@
 // quilctl as the device has it: a client of a service that somebody else serves.
 #include <nlohmann/json.hpp>
 
+#include "host/firmware_update_guard.h"
 #include "host/hosting_component.h"
 #include "selftest/self_test.h"
 #include "testing/build.h"
@@ -118,6 +119,17 @@ TEST_F(QuilctlOnTheDevice, SelfTestPrintsJsonWhenAsked) {
     EXPECT_EQ(json["items"][0]["item"], "RTC");
     EXPECT_EQ(json["items"][0]["verdict"], "OK");
     EXPECT_EQ(json["record"].size(), 53U);
+}
+
+TEST_F(QuilctlOnTheDevice, SelfTestAndPowerModesTellThatFirmwareIsBeingWritten) {
+    const host::FirmwareUpdateGuard writing;
+    const std::vector<std::vector<std::string>> commands = {
+        {"self-test"}, {"power", "low"}, {"power", "normal"}};
+    for (const auto& words : commands) {
+        const Said answer = quilctl(words);
+        EXPECT_EQ(answer.code, 1);
+        EXPECT_EQ(answer.err, "firmware is being written: ask again later\n");
+    }
 }
 
 TEST_F(QuilctlOnTheDevice, SelfTestWithoutAnAnswerFails) {

@@ -1,12 +1,12 @@
 // What `lshal debug` shows.
 #include <cutils/native_handle.h>
-#include <unistd.h>
 
 #include <fstream>
 #include <thread>
 
 #include "common/version.h"
 #include "testing/build.h"
+#include "testing/debug_text.h"
 #include "testing/library_test.h"
 
 namespace quil::tests {
@@ -18,20 +18,7 @@ using testing::StartsWith;
 
 class DebugDump : public LibraryTest {
   protected:
-    std::string dump() {
-        int ends[2] = {-1, -1};
-        EXPECT_EQ(pipe(ends), 0);
-        native_handle_t* handle = native_handle_create(1, 0);
-        handle->data[0] = ends[1];
-        EXPECT_TRUE(service->debug(hidl_handle(handle), {}).isOk());
-        native_handle_delete(handle);
-        close(ends[1]);
-        std::string text(65536, '\0');
-        const ssize_t count = read(ends[0], text.data(), text.size());
-        close(ends[0]);
-        text.resize(count > 0 ? static_cast<size_t>(count) : 0);
-        return text;
-    }
+    std::string dump() { return debugTextOf(*service); }
 
     android::sp<OpenService> service = new OpenService;
 };

@@ -59,6 +59,7 @@ int selfTest(const Cli& cli) {
     const Bytes record = ask(*session, false, requestOf(kCommandSelfTest, {}));
     printVerdicts(cli, record);
     if (record.empty()) cli.console.err << "no answer\n";
+    if (saysBusy(record)) cli.console.err << kBusyText;
     return hasPassed(record) ? kOk : kFailed;
 }
 

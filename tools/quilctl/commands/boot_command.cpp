@@ -2,14 +2,13 @@
 #include <ostream>
 
 #include "config/config_info.h"
+#include "fpga/load_process.h"
 #include "tools/quilctl/files/validators.h"
 #include "tools/quilctl/session/boot_stages.h"
 #include "tools/quilctl/session/bring_up_faults.h"
 
 namespace quil::tools {
 namespace {
-
-constexpr char kFpgaUpdateProperty[] = "persist.quil.system.fpga.fw.update";
 
 // The update flow answers "nothing to do" as it does a failure, with an error message of its own.
 constexpr char kUpToDate[] = "mcuFwUpdate: do not need upgrade FW";
@@ -27,12 +26,14 @@ void endStage(BoardSession& session, BootStages& stages, host::BootStep step) {
     switch (step) {
         case host::BootStep::kConfiguration:
             return stages.end("configuration", true, config_info->product);
+        case host::BootStep::kClients:
+            return stages.end("clients are let in", true);
         case host::BootStep::kMcu:
             return endMcuStage(session, stages);
         case host::BootStep::kFpga:
             if (session.host().fpga() != host::FpgaLoad::kNoSequence) return;
             return stages.end("FPGA", false, "there is no load sequence for this product");
-        case host::BootStep::kService:
+        case host::BootStep::kUp:
             return stages.end("ready for requests", true);
     }
 }
@@ -45,7 +46,7 @@ struct BootArguments {
 int boot(const Cli& cli, const BootArguments& arguments) {
     BoardSession session(cli.options, cli.console, false);
     const BringUpFaults faults(session.board(), arguments.faults, cli.console.err);
-    if (arguments.updatesFpga) session.board().properties().set(kFpgaUpdateProperty, "1");
+    if (arguments.updatesFpga) session.board().properties().set(fpga::kUpdateProperty, "1");
     BootStages stages(session, cli.console);
     const host::StartUpResult result = session.host().start(
         {.updateMcu = true, .loadFpga = true, .onStep = [&](host::BootStep step) {

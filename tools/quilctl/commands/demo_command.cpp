@@ -6,9 +6,10 @@
 #include <chrono>
 #include <cstdio>
 #include <ostream>
+#include <thread>
 
 #include "config/config_info.h"
-#include "host/firmware_update_guard.h"
+#include "fpga/load_process.h"
 #include "tools/quilctl/files/self_test_record.h"
 #include "tools/quilctl/programming/programming_watch.h"
 #include "tools/quilctl/session/client.h"
@@ -20,6 +21,7 @@ namespace {
 constexpr uint32_t kVersionCommand = 0x00000001;
 constexpr uint32_t kValueCommand = 0x00000102;
 constexpr char kOlderVersion[] = "V0.9.0";
+constexpr auto kIntoTheProgramming = std::chrono::seconds(2);
 
 // Real time, whatever the board makes of the clocks that the library uses.
 double realMilliseconds() {
@@ -47,6 +49,7 @@ class Demo {
     Bytes request(const std::string& step, bool isWrite, const Bytes& bytes, const Bytes& expected,
                   bool reachesMcu);
     void boot();
+    void mcuUpdated(const std::string& before);
     void linkUp();
     void firmwareUpdate();
     void silentMcu();
@@ -106,27 +109,44 @@ Bytes Demo::request(const std::string& step, bool isWrite, const Bytes& bytes,
     return answer;
 }
 
-// The hosting component finds the older firmware and programs the shipped one.
+// The hosting component finds the older firmware and programs the shipped one; clients are in
+// before.
 void Demo::boot() {
     auto& board = mSession.board();
     const std::string before = board.mcuChip().version();
     row("power on, the MCU runs " + before, std::string(board.directory().filename()), "",
         before == kOlderVersion);
     const std::string imageBefore = board.fpga().version();
-    board.properties().set("persist.quil.system.fpga.fw.update", "1");
-    mSession.startService({.updateMcu = true, .loadFpga = true});
-    board.runFor(kMcuStart);
-    const auto& record = *config_info;
-    ProgrammingWatch watch(record.mcu_uart_path, record.mcu_serial);
-    for (const board::Event& event : board.trace().events()) watch.see(event);
-    const std::string running = board.mcuChip().version();
-    row("boot, the MCU is updated", std::to_string(watch.written()) + " bytes programmed",
-        before + " -> " + running, running == record.mcu_fw_version && watch.attempts() == 1);
+    board.properties().set(fpga::kUpdateProperty, "1");
+    std::jthread client;
+    host::BootJobs jobs;
+    jobs.loadFpga = true;
+    jobs.letClientsIn = [&](const auto&) {
+        linkUp();
+        client = std::jthread([this] { firmwareUpdate(); });
+        return true;
+    };
+    jobs.onStep = [&](host::BootStep step) {
+        if (step != host::BootStep::kMcu) return;
+        board.runFor(kMcuStart);
+        mcuUpdated(before);
+    };
+    mSession.startService(jobs);
     const std::string image = board.fpga().version();
     row("boot, the FPGA is updated",
         std::to_string(board.flash().usedSize()) + " bytes in its flash",
         (imageBefore.empty() ? "none" : imageBefore) + " -> " + image,
-        mSession.host().fpga() == host::FpgaLoad::kUp && image == record.fpga_fw_version);
+        mSession.host().fpga() == host::FpgaLoad::kUp && image == config_info->fpga_fw_version);
+    newOnTheWire();
+}
+
+void Demo::mcuUpdated(const std::string& before) {
+    const auto& record = *config_info;
+    ProgrammingWatch watch(record.mcu_uart_path, record.mcu_serial);
+    for (const board::Event& event : mSession.board().trace().events()) watch.see(event);
+    const std::string running = mSession.board().mcuChip().version();
+    row("boot, the MCU is updated", std::to_string(watch.written()) + " bytes programmed",
+        before + " -> " + running, running == record.mcu_fw_version && watch.attempts() == 1);
 }
 
 void Demo::linkUp() {
@@ -137,13 +157,14 @@ void Demo::linkUp() {
     row("open the MCU link", std::to_string(uart.baud()) + " baud " + uart.mode(),
         "fd " + std::to_string(record.mcu_fd),
         uart.baud() == record.mcu_baud_rate && uart.mode() == "8N1");
-    row("load the service, passthrough", "", "", mSession.host().service() != nullptr);
-    newOnTheWire();
+    row("load the service, clients in", "", "", mSession.host().service() != nullptr);
 }
 
+// A client that does not wait for the end of the boot, while the MCU's boot loader has the link.
 void Demo::firmwareUpdate() {
-    const host::FirmwareUpdateGuard updating;
-    request("get while firmware is updated", false, requestOf(kVersionCommand, {}), {0xFF}, false);
+    mSession.board().runFor(kIntoTheProgramming);
+    newOnTheWire();
+    request("get while it is programmed", false, requestOf(kVersionCommand, {}), {0xFF}, false);
 }
 
 void Demo::silentMcu() {
@@ -188,14 +209,12 @@ int Demo::run() {
     mConsole.out << "board time    step                           on the wire to the MCU     "
                     "client got\n";
     boot();
-    linkUp();
     const std::string shipped = config_info->mcu_fw_version;
     const Bytes version(shipped.begin(), shipped.end());
     request("get 0x1, the MCU's version", false, requestOf(kVersionCommand, {}), version, true);
     request("set 0x102", true, requestOf(kValueCommand, value), {0x00}, true);
     request("get 0x102 back", false, requestOf(kValueCommand, {}), value, true);
     request("get, only 3 bytes of request", false, {0x01, 0x00, 0x00}, {}, false);
-    firmwareUpdate();
     silentMcu();
     request("get 0x1 again", false, requestOf(kVersionCommand, {}), version, true);
     callback();

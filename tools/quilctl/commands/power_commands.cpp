@@ -16,13 +16,14 @@ int power(const Cli& cli, bool isLow) {
     const auto session = cli.connect(cli);
     const uint32_t command = isLow ? kCommandLowPower : kCommandNormalPower;
     const Bytes answer = ask(*session, true, requestOf(command, {}));
-    const bool isEmpty = answer.empty();  // all that this request ever says
+    const bool isEmpty = answer.empty();  // all that this request says when it is taken
     if (cli.options.json) {
         cli.console.out << nlohmann::json{{"command", command}, {"answer", answer}}.dump() << '\n';
     } else {
         cli.console.out << hex32(command) << " sent, " << (isEmpty ? "empty answer" : toHex(answer))
                         << '\n';
     }
+    if (saysBusy(answer)) cli.console.err << kBusyText;
     return isEmpty ? kOk : kFailed;
 }
 
