@@ -52,7 +52,7 @@ const std::map<std::string, std::set<std::string>> kMayInclude = {
     {"board", {"platform"}},
     {"host", {"config", "fpga", "isp", "mculink", "service"}},
     {"tools", {"board", "config", "fpga", "host", "isp", "selftest", "service"}},
-    {"testing", {"board", "common", "config", "host", "mculink", "service"}},
+    {"testing", {"board", "common", "config", "host", "isp", "mculink", "service"}},
     {"fuzz",
      {"board", "common", "config", "fpga", "host", "isp", "mculink", "selftest", "service",
       "testing", "tools"}},
