@@ -15,6 +15,10 @@ else()
     target_link_libraries(${name} PRIVATE quil_vendor_headers hidlbase)
     target_link_libraries(quil_impl PRIVATE ${name})
   endforeach()
+  # Debian's libcutils has no properties.
+  add_library(cutils SHARED tests/consumer/properties.c)
+  target_include_directories(cutils PRIVATE ${ANDROID_INCLUDE_DIR} platform/linux/include)
+  target_link_libraries(hidlbase PUBLIC cutils)
 endif()
 
 # The two header libraries of quilctl. Links, since the rest of /usr/include must not come with them.

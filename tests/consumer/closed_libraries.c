@@ -1,21 +1,8 @@
-// What the board's closed libraries and the platform bring on a device: here as little as a program
-// needs to start.
-#include <cutils/properties.h>
+// What the board's closed libraries bring on a device: here as little as a program needs to start.
 #include <quil_bi.h>
 #include <quil_fpga.h>
 #include <quil_hal.h>
 #include <string.h>
-
-int property_get(const char* key, char* value, const char* default_value) {
-    (void)key;
-    strcpy(value, default_value);
-    return (int)strlen(value);
-}
-int property_set(const char* key, const char* value) {
-    (void)key;
-    (void)value;
-    return 0;
-}
 
 int32_t bi_common_load_ini_file(const char* path) {
     return strcmp(path, "/vendor/etc/product.ini") == 0 ? 7 : 0;

@@ -169,7 +169,7 @@ TEST(Exports, LibraryNeedsNothingBeyondThePlatform) {
         // Debian's ARM libutils cannot do without it.
         "7z.so"};
 #ifdef QUIL_IMAGE
-    allowed.insert({"libc++.so.1", "libc++abi.so.1", "libunwind.so.1"});
+    allowed.insert({"libc++.so.1", "libc++abi.so.1", "libunwind.so.1", "libcutils.so"});
     allowed.insert({"libquilhal.so", "libquilhalcommon.so", "libquilmcuservice.so", "libquilsdk.so",
                     "libquilsdkcommon.so"});
 #endif
