@@ -67,7 +67,7 @@ struct Need {
 
 // Why the process has what it has.
 const Need kNeeds[] = {
-    {"int main()", "hal_quilservicemanager_default_exec", "file", "entrypoint"},
+    {"int main(", "hal_quilservicemanager_default_exec", "file", "entrypoint"},
     {"registerAsService(", "hwservicemanager", "binder", "call transfer"},
     {"registerAsService(", "hwservicemanager_prop", "file", "read"},
     {"registerAsService(", "hal_quilservicemanager_hwservice", "hwservice_manager", "add"},
