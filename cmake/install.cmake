@@ -4,41 +4,8 @@ include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 get_filename_component(android_libraries ${ANDROID_UTILS_LIBRARY} DIRECTORY)
 
-# Every header that declares what leaves the library, and what those include.
-set(QUIL_PUBLIC_HEADERS
-  common/export.h
-  fpga/ddr_recovery.h
-  fpga/load_process.h
-  fpga/network_bring_up.h
-  fpga/screen/net_gap.h
-  fpga/screen/screen_blocks.h
-  fpga/screen/screen_fixed.h
-  fpga/screen/screen_params.h
-  fpga/screen/screen_passes.h
-  fpga/spi_link.h
-  isp/boot_loader.h
-  isp/boot_mode.h
-  isp/firmware_file.h
-  isp/isp_tasks.h
-  isp/n32_upgrade.h
-  isp/serial_port.h
-  mculink/frame.h
-  mculink/request.h
-  mculink/uart.h
-  selftest/self_test.h
-  service/control_manager.h
-  service/quil_service_callback.h
-  service/quil_service_manager.h
-  service/tclv_msg.h
-  config/config_info.h
-  fpga/flash_update.h
-  isp/mcu_update.h)
 set(hidl_headers_dir ${CMAKE_BINARY_DIR}/hidl/)
 set(quil_include_dir ${CMAKE_INSTALL_INCLUDEDIR}/quil)
-foreach(header ${QUIL_PUBLIC_HEADERS})
-  get_filename_component(folder ${header} DIRECTORY)
-  install(FILES ${header} DESTINATION ${quil_include_dir}/${folder})
-endforeach()
 install(DIRECTORY platform/vendor/include/ platform/linux/include/ ${hidl_headers_dir}
         DESTINATION ${quil_include_dir} FILES_MATCHING PATTERN "*.h")
 
@@ -56,7 +23,8 @@ set_target_properties(quil_interface PROPERTIES EXPORT_NAME interface)
 set_target_properties(quil_vendor_headers PROPERTIES EXPORT_NAME vendor_headers)
 target_compile_features(quil_interface INTERFACE cxx_std_17)
 install(TARGETS ${quil_targets} EXPORT quilTargets
-        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${quil_include_dir})
+        LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR} INCLUDES DESTINATION ${quil_include_dir}
+        FILE_SET HEADERS DESTINATION ${quil_include_dir})
 
 set(quil_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/quil)
 install(EXPORT quilTargets NAMESPACE quil:: DESTINATION ${quil_package_dir})

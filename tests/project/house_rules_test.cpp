@@ -62,6 +62,26 @@ const std::map<std::string, std::set<std::string>> kMayInclude = {
       "service", "testing", "tools"}},
 };
 
+// The sources that the build's lists name. The fuzz targets stand there without their extension.
+std::set<fs::path> listedSources() {
+    static const std::regex word(R"([^\s()]+)");
+    std::set<fs::path> listed;
+    for (const auto& [folder, allowed] : kMayInclude) {
+        for (const auto& entry : fs::recursive_directory_iterator(projectRoot() / folder)) {
+            if (entry.path().filename() != "CMakeLists.txt") continue;
+            const std::string text = std::regex_replace(projectText(entry.path()),
+                                                        std::regex(R"(\$\{PROJECT_SOURCE_DIR\})"),
+                                                        projectRoot().string());
+            for (std::sregex_iterator it(text.begin(), text.end(), word), end; it != end; ++it) {
+                const fs::path source = entry.path().parent_path() / it->str();
+                listed.insert(source.lexically_normal());
+                listed.insert(source.lexically_normal().string() + ".cpp");
+            }
+        }
+    }
+    return listed;
+}
+
 }  // namespace
 
 TEST(HouseRules, EachFolderIncludesOnlyTheFoldersBelowIt) {
@@ -86,6 +106,17 @@ TEST(HouseRules, EveryFolderWithSourcesHasItsArrows) {
         if (kMayInclude.count(folder) == 0 && !sourcesIn(folder).empty()) without.push_back(folder);
     }
     EXPECT_THAT(without, IsEmpty());
+}
+
+TEST(HouseRules, EverySourceIsNamedInTheListsOfTheBuild) {
+    const std::set<fs::path> listed = listedSources();
+    std::vector<fs::path> unlisted;
+    for (const auto& [folder, allowed] : kMayInclude) {
+        for (const fs::path& file : sourcesIn(folder)) {
+            if (file.extension() == ".cpp" && listed.count(file) == 0) unlisted.push_back(file);
+        }
+    }
+    EXPECT_THAT(unlisted, IsEmpty());
 }
 
 TEST(HouseRules, FilesStayUnder600LinesAnd100Columns) {
