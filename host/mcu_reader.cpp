@@ -9,10 +9,11 @@
 #include <cstring>
 #include <system_error>
 
+#include "host/log_tag.h"
+
 namespace quil::host {
 namespace {
 
-constexpr char kTag[] = "quil_service_host";
 // A readable port without bytes occurs once after a flush, and again and again after a hang-up.
 constexpr int kEmptyReadsOfAHangUp = 3;
 
@@ -108,7 +109,7 @@ void McuReader::deliver(const std::vector<WireFrame>& frames) {
 }
 
 void McuReader::lose(const char* what) {
-    __android_log_print(ANDROID_LOG_ERROR, kTag, "MCU link fd %d is lost: %s", mLink, what);
+    __android_log_print(ANDROID_LOG_ERROR, kLogTag, "MCU link fd %d is lost: %s", mLink, what);
     const std::lock_guard lock(mMutex);
     mLinkLost = true;
 }

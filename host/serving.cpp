@@ -6,11 +6,10 @@
 #include <string_view>
 
 #include "host/hosting_component.h"
+#include "host/log_tag.h"
 
 namespace quil::host {
 namespace {
-
-constexpr char kTag[] = "quil_service_host";
 
 struct Switch {
     std::string_view argument;
@@ -41,14 +40,14 @@ int serve(int count, const char* const* arguments) {
     jobs.letClientsIn = registerService;
     for (int i = 1; i < count; ++i) {
         if (leaveOut(jobs, arguments[i])) continue;
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "unknown argument %s\n", arguments[i]);
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "unknown argument %s\n", arguments[i]);
         return 2;
     }
     android::hardware::configureRpcThreadpool(kRpcThreads, true /* the calling thread joins */);
     HostingComponent host;
     const StartUpResult result = host.start(jobs);
     if (!result.ok()) {
-        __android_log_print(ANDROID_LOG_ERROR, kTag, "%s\n", result.text.c_str());
+        __android_log_print(ANDROID_LOG_ERROR, kLogTag, "%s\n", result.text.c_str());
         return 1;
     }
     android::hardware::joinRpcThreadpool();

@@ -33,7 +33,7 @@ using testing::Not;
 
 namespace standin = android::hardware::standin;
 
-const Bytes kVersion = {1, 0, 0, 0, 0, 0, 0, 0};
+const Bytes kVersionRequest = {1, 0, 0, 0, 0, 0, 0, 0};
 
 class Serving : public testing::Test {
   protected:
@@ -83,7 +83,7 @@ class Serving : public testing::Test {
         ends.assign(count, board::Nanos(0));
         for (size_t i = 0; i < count; ++i) {
             mClients.emplace_back([this, i, remote = client()] {
-                answers[i] = remote->ask(false, kVersion);
+                answers[i] = remote->ask(false, kVersionRequest);
                 ends[i] = board.now();
             });
         }
