@@ -4,6 +4,8 @@
 #include <cstdlib>
 #include <stdexcept>
 
+#include "board/core/whole_file.h"
+#include "board/interpose/malloc_hook.h"
 #include "board/machine.h"
 
 namespace quil::board {
@@ -22,17 +24,18 @@ std::unique_ptr<Machine> powerOn(const std::filesystem::path& dir, BoardOptions 
         throw std::runtime_error(dir.string() + ": not a board directory (no rootfs in it)");
     }
     auto machine = std::make_unique<Machine>(std::filesystem::absolute(dir), options);
-    machine->scheduler.powerOn(options.realtime);
+    machine->faults.watchAllocations(
+        [](bool mayFail) { mayFail ? hookAllocations() : unhookAllocations(); });
+    machine->powerOn(options.realtime);
     g_poweredMachine.store(machine.get());
     machine->trace.add(EventKind::kPower, "board", "on, seed " + std::to_string(options.seed));
-    machine->mcuChip->powerOn();
+    machine->mcuChip.powerOn();
     return machine;
 }
 
 }  // namespace
 
 Board::Board(Product product, BoardOptions options)
-
     : temporary_(makeTemporaryBoard(product, options.flashedMcuVersion)),
       machine_(powerOn(temporary_->path(), options)) {}
 
@@ -42,7 +45,7 @@ Board::Board(const std::filesystem::path& dir, BoardOptions options)
 Board::~Board() {
     machine_->trace.add(EventKind::kPower, "board", "off");
     g_poweredMachine.store(nullptr);
-    machine_->scheduler.powerOff();
+    machine_->powerOff();
     machine_.reset();
 }
 
@@ -59,6 +62,11 @@ void Board::writeFile(std::string_view boardPath, std::string_view content) {
     writeWholeFile(path, content);
 }
 
+bool Board::isOpen(int fd) const {
+    Guard guard(boardLock());
+    return machine_->openFile(fd) != nullptr;
+}
+
 void Board::lendDevice(const std::string& path) {
     Guard guard(boardLock());
     machine_->lentDevices.lend(path);
@@ -72,7 +80,12 @@ Nanos Board::now() const {
 void Board::runFor(Nanos duration) {
     Scheduler::arrive();
     Guard guard(boardLock());
-    machine_->scheduler.sleepUntil(machine_->scheduler.now() + duration, "runFor");
+    machine_->scheduler.sleepFor(duration, "runFor");
+}
+
+void Board::after(Nanos delay, std::function<void()> action) {
+    Guard guard(boardLock());
+    machine_->scheduler.at(machine_->scheduler.now() + delay, std::move(action));
 }
 
 void Board::cutPowerAt(PowerCut cut) { machine_->trace.cutPowerAt(cut); }
@@ -86,19 +99,20 @@ bool Board::powerIsCut() const {
 Trace& Board::trace() { return machine_->trace; }
 Properties& Board::properties() { return machine_->properties; }
 Faults& Board::faults() { return machine_->faults; }
-McuApplication& Board::mcu() { return *machine_->mcu; }
-McuChip& Board::mcuChip() { return *machine_->mcuChip; }
-Uart& Board::mcuUart() { return *machine_->mcuUart; }
+McuApplication& Board::mcu() { return machine_->mcu; }
+McuChip& Board::mcuChip() { return machine_->mcuChip; }
+Uart& Board::mcuUart() { return machine_->mcuUart; }
 ProductInformation& Board::productInformation() { return machine_->productInformation; }
 IniReader& Board::iniReader() { return machine_->iniReader; }
-Probes& Board::probes() { return *machine_->probes; }
+Probes& Board::probes() { return machine_->probes; }
 GpioLines& Board::gpio() { return machine_->gpio; }
 Shell& Board::shell() { return machine_->shell; }
 Sysfs& Board::sysfs() { return machine_->sysfs; }
-Fpga& Board::fpga() { return *machine_->fpga; }
-SerialFlash& Board::flash() { return *machine_->flash; }
-Phy& Board::phy() { return *machine_->phy; }
-Network& Board::network() { return *machine_->network; }
+Fpga& Board::fpga() { return machine_->fpga; }
+SerialFlash& Board::flash() { return machine_->flash; }
+Phy& Board::phy() { return machine_->phy; }
+Network& Board::network() { return machine_->network; }
+FpgaLibrary& Board::fpgaLibrary() { return machine_->fpgaLibrary; }
 
 Nanos Board::deviceTime() const {
     Guard guard(boardLock());

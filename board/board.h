@@ -2,12 +2,13 @@
 #pragma once
 
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "board/core/board_directory.h"
+#include "board/board_directory.h"
 #include "board/core/faults.h"
 #include "board/core/temporary_directory.h"
 #include "board/core/trace.h"
@@ -19,6 +20,7 @@
 #include "board/devices/sysfs.h"
 #include "board/devices/uart.h"
 #include "board/fpga/fpga.h"
+#include "board/fpga/fpga_library.h"
 #include "board/fpga/network.h"
 #include "board/fpga/phy.h"
 #include "board/fpga/serial_flash.h"
@@ -30,8 +32,8 @@ namespace quil::board {
 struct BoardOptions {
     bool realtime = false;  // board time is the workstation's, to watch or to let others take part
     uint64_t seed = 1;
-    std::string flashedMcuVersion =
-        {};  // of a board in a directory of its own; "": the shipped one
+    // What runs on the MCU of a board in a directory of its own; "": the shipped version.
+    std::string flashedMcuVersion = {};
 };
 
 struct LogLine {
@@ -56,11 +58,15 @@ class Board {
     const std::filesystem::path& directory() const;
     std::filesystem::path hostPath(std::string_view boardPath) const;
     void writeFile(std::string_view boardPath, std::string_view content);
+    // True if this number stands for an open device or file of the board.
+    bool isOpen(int fd) const;
     // From now on this path is the workstation's device, whose traffic is traced.
     void lendDevice(const std::string& path);
 
-    Nanos now() const;         // since power-on
-    void runFor(Nanos);        // the calling thread waits in board time
+    Nanos now() const;   // since power-on
+    void runFor(Nanos);  // the calling thread waits in board time
+    // Calls this then, on whatever thread lets board time go on, with the board's lock held.
+    void after(Nanos, std::function<void()>);
     Nanos deviceTime() const;  // since power-on: what the program has waited for the FPGA's devices
 
     // Cuts the power at an event of the run to come: what it does until then is the same as without
@@ -85,6 +91,7 @@ class Board {
     SerialFlash& flash();
     Phy& phy();
     Network& network();
+    FpgaLibrary& fpgaLibrary();
 
     std::vector<std::string> log() const;
     std::vector<std::string> log(int priority) const;

@@ -2,35 +2,12 @@
 
 #include <errno.h>
 
-#include <array>
-
 #include "board/fpga/mtd_debug.h"
 
 namespace quil::board {
 namespace {
 
-constexpr std::array<std::string_view, 10> kBoardPaths = {"/vendor/",
-                                                          "/dev/ttyS",
-                                                          "/vendor_dlkm/",
-                                                          "/dev/fpga_spi",
-                                                          "/dev/block/by-name/",
-                                                          "/dev/mtd",
-                                                          "/sys/class/quilgpios/",
-                                                          "/sys/class/ethernet/",
-                                                          "/sdcard/",
-                                                          "/opt/"};
-
-}  // namespace
-
-struct Wiring {
-    std::string uart = "/dev/ttyS3";
-    int baud = 115200;
-    int codecs = 0;
-    int fpgaControl = 441, fpgaConfig = 442, fpgaDone = 443;
-    bool fpgaBootsFromFlash = true;
-};
-
-namespace {
+constexpr char kProductFile[] = "rootfs/vendor/etc/product.ini";
 
 // A line that the product file names, or the board's own number for it.
 void takeLine(const IniReader& reader, int handle, const char* key, int& line) {
@@ -57,63 +34,52 @@ Wiring wiringOf(const std::filesystem::path& productFile) {
     return wiring;
 }
 
-}  // namespace
-
-std::atomic<Machine*> g_poweredMachine{nullptr};
-
 // Never destroyed: a thread that outlives its board still returns through it.
 Scheduler& theScheduler() {
     static Scheduler* scheduler = new Scheduler;
     return *scheduler;
 }
 
-Machine::Machine(std::filesystem::path dir, BoardOptions opts)
-    : directory(std::move(dir)),
-      options(opts),
-      scheduler(theScheduler()),
-      properties(directory / "properties"),
-      productInformation(directory / "product_information") {
-    const Wiring wiring = wiringOf(hostPath("/vendor/etc/product.ini"));
+// The named lines are there before the parts that hang on them.
+GpioLines& withMcuLines(GpioLines& gpio) {
     gpio.add(kGpioBoot0, 0);
     gpio.add(kGpioNrst, 1);
-    mcuUart = std::make_unique<Uart>(wiring.uart);
-    mcu = std::make_unique<McuApplication>(directory / "mcu", *mcuUart, wiring.baud);
-    const McuPart& part = partOfProductFile(hostPath("/vendor/etc/product.ini"));
-    mcuChip = std::make_unique<McuChip>(part, directory / "mcu", *mcuUart, gpio, *mcu);
-    probes = std::make_unique<Probes>(directory / "parts", wiring.codecs);
-    wireFpga(wiring);
+    return gpio;
 }
 
-void Machine::wireFpga(const Wiring& wiring) {
-    const Fpga::Lines lines = {gpio.add(wiring.fpgaControl, 1), gpio.add(wiring.fpgaConfig, 1),
-                               gpio.add(wiring.fpgaDone, 0)};
-    flash = std::make_unique<SerialFlash>(directory / "mtd0");
-    fpga = std::make_unique<Fpga>(lines, *flash, wiring.fpgaBootsFromFlash);
-    phy = std::make_unique<Phy>(gpio.add(kPhyResetLine, 1), sysfs);
-    phy->onReset([this] { fpga->phyWasReset(); });
-    network = std::make_unique<Network>(*phy);
-    network->addCommands(shell);
-    addMtdDebug(shell, *flash);
-    fpgaLibrary = std::make_unique<FpgaLibrary>(*this);
-    network->powerOn();
-    fpga->powerOn();
+Fpga::Lines fpgaLines(GpioLines& gpio, const Wiring& wiring) {
+    return {gpio.add(wiring.fpgaControl, 1), gpio.add(wiring.fpgaConfig, 1),
+            gpio.add(wiring.fpgaDone, 0)};
+}
+
+}  // namespace
+
+std::atomic<Machine*> g_poweredMachine{nullptr};
+
+Machine::Machine(const std::filesystem::path& dir, BoardOptions opts)
+    : BoardServices(theScheduler(), std::make_unique<DirectoryStore>(dir), dir / "rootfs"),
+      directory(dir),
+      options(std::move(opts)),
+      wiring_(wiringOf(dir / kProductFile)),
+      probes(*this, wiring_.codecs),
+      mcuUart(*this, wiring_.uart),
+      mcu(*this, mcuUart, wiring_.baud),
+      mcuChip(*this, partOfProductFile(dir / kProductFile), mcuUart, withMcuLines(gpio), mcu),
+      fpga(*this, fpgaLines(gpio, wiring_), flash, wiring_.fpgaBootsFromFlash),
+      phy(*this, gpio.add(kPhyResetLine, 1), sysfs) {
+    phy.onReset([this] { fpga.phyWasReset(); });
+    network.addCommands(shell);
+    addMtdDebug(*this, shell, flash);
+    network.powerOn();
+    fpga.powerOn();
+    power.onCut([this] {
+        mcuChip.powerLost();
+        mcuUart.powerLost();
+        scheduler.powerLost();
+    });
 }
 
 Machine::~Machine() = default;
-
-void Machine::violation(const std::string& source, const std::string& text) {
-    if (dead()) return;
-    violations.push_back(source + ": " + text);
-    trace.add(EventKind::kViolation, source, text);
-}
-
-void Machine::losePower() {
-    Guard guard(boardLock());
-    if (dead_.exchange(true)) return;
-    mcuChip->powerLost();
-    mcuUart->powerLost();
-    scheduler.powerLost();
-}
 
 // Board time goes on only while all threads wait: behind so many failures without a pause, each one
 // takes a millisecond.
@@ -128,23 +94,7 @@ void Machine::readFailed() {
     errno = error;
 }
 
-std::optional<std::filesystem::path> Machine::onHost(const char* path) const {
-    if (path == nullptr) return std::nullopt;
-    const std::string_view text(path);
-    for (const std::string_view prefix : kBoardPaths) {
-        if (text.substr(0, prefix.size()) == prefix) return hostPath(text);
-    }
-    return std::nullopt;
-}
-
-std::filesystem::path Machine::hostPath(std::string_view boardPath) const {
-    while (!boardPath.empty() && boardPath.front() == '/') boardPath.remove_prefix(1);
-    return directory / "rootfs" / boardPath;
-}
-
-Uart* Machine::uartAt(std::string_view path) {
-    return mcuUart && mcuUart->path() == path ? mcuUart.get() : nullptr;
-}
+Uart* Machine::uartAt(std::string_view path) { return mcuUart.path() == path ? &mcuUart : nullptr; }
 
 OpenFile* Machine::openFile(int fd) {
     const auto found = files.find(fd);

@@ -5,13 +5,12 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "board/board.h"
-#include "board/core/lock.h"
-#include "board/core/scheduler.h"
+#include "board/core/services.h"
 #include "board/devices/lent_devices.h"
 #include "board/fpga/fpga_library.h"
 
@@ -28,64 +27,57 @@ struct OpenFile {
     Fpga* fpga = nullptr;
 };
 
-Scheduler& theScheduler();
+// What the product file says about how the parts are connected.
+struct Wiring {
+    std::string uart = "/dev/ttyS3";
+    int baud = 115200;
+    int codecs = 0;
+    int fpgaControl = 441, fpgaConfig = 442, fpgaDone = 443;
+    bool fpgaBootsFromFlash = true;
+};
 
-struct Wiring;
-
-class Machine {
+class Machine : public BoardServices {
   public:
-    Machine(std::filesystem::path directory, BoardOptions options);
+    Machine(const std::filesystem::path& directory, BoardOptions options);
     ~Machine();
 
-    void violation(const std::string& source, const std::string& text);
-    // Where a board path lives on the workstation; nothing for paths that are not the board's.
-    std::optional<std::filesystem::path> onHost(const char* path) const;
-    std::filesystem::path hostPath(std::string_view boardPath) const;
     Uart* uartAt(std::string_view path);
     OpenFile* openFile(int fd);
     // Power was cut: the devices are frozen, and every call of the host fails at once, so that a
     // flow under way runs out without reaching anything.
-    bool dead() const { return dead_.load(std::memory_order_relaxed); }
-    void losePower();
-    void readinessChanged() { scheduler.wakeAll(&files); }
+    bool dead() const { return power.isCut(); }
     // Lets the time go by that a faulty call takes; the board's lock is held once.
-    void spend(const Fault& fault) {
-        scheduler.sleepUntil(scheduler.now() + fault.takes, "a call that fails");
-    }
-
+    void spend(const Fault& fault) { scheduler.sleepFor(fault.takes, "a call that fails"); }
     // Lets time go on for a program that does nothing but read again. Keeps errno.
     void readFailed();
 
     const std::filesystem::path directory;
     const BoardOptions options;
-    Trace trace;
-    Scheduler& scheduler;
-    Faults faults;
-    Properties properties;
-    ProductInformation productInformation;
-    IniReader iniReader;
-    Sysfs sysfs;
-    GpioLines gpio{sysfs};
-    Shell shell{*this};
     std::map<int, OpenFile> files;
-    LentDevices lentDevices;
     std::vector<LogLine> log;
-    std::vector<std::string> violations;
-    std::unique_ptr<Uart> mcuUart;
-    std::unique_ptr<McuApplication> mcu;
-    std::unique_ptr<McuChip> mcuChip;
-    std::unique_ptr<Probes> probes;
-    Nanos deviceTime{0};  // waited for devices since power-on
-    std::unique_ptr<SerialFlash> flash;
-    std::unique_ptr<Fpga> fpga;
-    std::unique_ptr<Phy> phy;
-    std::unique_ptr<Network> network;
-    std::unique_ptr<FpgaLibrary> fpgaLibrary;
 
   private:
-    void wireFpga(const Wiring&);
+    const Wiring wiring_;
 
-    std::atomic<bool> dead_{false};
+  public:
+    Properties properties{*this};
+    ProductInformation productInformation{*this};
+    IniReader iniReader;
+    Sysfs sysfs;
+    GpioLines gpio{*this, sysfs};
+    LentDevices lentDevices{*this};
+    Probes probes;
+    Shell shell{*this, sysfs, probes};
+    Uart mcuUart;
+    McuApplication mcu;
+    McuChip mcuChip;
+    SerialFlash flash{*this};
+    Fpga fpga;
+    Phy phy;
+    Network network{*this, phy};
+    FpgaLibrary fpgaLibrary{*this, {sysfs, gpio, fpga, flash, network}};
+
+  private:
     Nanos lastFailedRead_{-1};
     int failedReadsAtOnce_ = 0;
 };

@@ -7,7 +7,6 @@
 #include <array>
 #include <iterator>
 
-#include "board/machine.h"
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "fuzz/powered_board.h"
@@ -89,8 +88,7 @@ class HostilePeer final : public board::UartPeer {
 
     void send(const Bytes& answer, milliseconds delay) {
         if (answer.empty()) return;
-        board::theScheduler().at(board::theScheduler().now() + delay,
-                                 [this, answer] { mBoard.mcuUart().sendToHost(answer); });
+        mBoard.after(delay, [this, answer] { mBoard.mcuUart().sendToHost(answer); });
     }
 
     board::Board& mBoard;
@@ -166,11 +164,6 @@ void addFault(board::Board& board, Input& input) {
     board.faults().add(fault);
 }
 
-bool isOpen(int number) {
-    const board::Guard guard(board::boardLock());
-    return board::poweredMachine()->openFile(number) != nullptr;
-}
-
 // Once a session has touched the lines, it leaves the MCU reset into its application.
 void checkMcuIsLeftInItsApplication(board::Board& board) {
     const auto commands = board.trace().events(board::EventKind::kShell);
@@ -200,7 +193,7 @@ void mcuSession(std::span<const uint8_t> bytes) {
     check(std::count(session.results.begin(), session.results.end(), result) > 0, "another result");
     check(board->now() - start <= session.most, "it takes too long");
     checkMcuIsLeftInItsApplication(*board);
-    check(!isOpen(fd), "the port is left open");
+    check(!board->isOpen(fd), "the port is left open");
 }
 
 }  // namespace quil::fuzz

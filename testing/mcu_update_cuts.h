@@ -13,8 +13,9 @@
 #include <vector>
 
 #include "board/board.h"
-#include "board/core/board_directory.h"
+#include "board/board_directory.h"
 #include "board/core/temporary_directory.h"
+#include "board/core/whole_file.h"
 #include "board/mcu/mcu_fitting.h"
 #include "board/mcu/mcu_image.h"
 #include "config/config_info.h"

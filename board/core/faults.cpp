@@ -3,20 +3,10 @@
 #include <errno.h>
 #include <string.h>
 
-#include <algorithm>
-#include <array>
-
-#include "board/interpose/malloc_hook.h"
-#include "board/machine.h"
+#include "board/core/lock.h"
 
 namespace quil::board {
 namespace {
-
-constexpr std::array<const char*, 22> kCallNames = {
-    "open",     "read",        "write",         "close",   "select", "poll",
-    "fcntl",    "tcgetattr",   "tcsetattr",     "tcflush", "access", "stat",
-    "fopen",    "remove",      "system",        "malloc",  "probe",  "gpio set",
-    "gpio get", "flash erase", "flash program", "vendor"};
 
 std::string describe(const Fault& fault) {
     std::string text = nameOf(fault.call);
@@ -30,21 +20,69 @@ std::string describe(const Fault& fault) {
 
 }  // namespace
 
-const char* nameOf(Call call) { return kCallNames.at(static_cast<size_t>(call)); }
+const char* nameOf(Call call) {
+    switch (call) {
+        case Call::kOpen:
+            return "open";
+        case Call::kRead:
+            return "read";
+        case Call::kWrite:
+            return "write";
+        case Call::kClose:
+            return "close";
+        case Call::kSelect:
+            return "select";
+        case Call::kPoll:
+            return "poll";
+        case Call::kFcntl:
+            return "fcntl";
+        case Call::kTcgetattr:
+            return "tcgetattr";
+        case Call::kTcsetattr:
+            return "tcsetattr";
+        case Call::kTcflush:
+            return "tcflush";
+        case Call::kAccess:
+            return "access";
+        case Call::kStat:
+            return "stat";
+        case Call::kFopen:
+            return "fopen";
+        case Call::kRemove:
+            return "remove";
+        case Call::kSystem:
+            return "system";
+        case Call::kMalloc:
+            return "malloc";
+        case Call::kProbe:
+            return "probe";
+        case Call::kGpioSet:
+            return "gpio set";
+        case Call::kGpioGet:
+            return "gpio get";
+        case Call::kFlashErase:
+            return "flash erase";
+        case Call::kFlashProgram:
+            return "flash program";
+        case Call::kVendor:
+            return "vendor";
+    }
+    return "";
+}
 
-Faults::Faults() = default;
+Faults::Faults(Trace& trace) : trace_(trace) {}
 Faults::~Faults() { clear(); }
 
 void Faults::add(Fault fault) {
     Guard guard(boardLock());
-    if (fault.call == Call::kMalloc) hookAllocations();
+    if (fault.call == Call::kMalloc && allocationsMayFail_) allocationsMayFail_(true);
     faults_.push_back(std::move(fault));
 }
 
 void Faults::clear() {
     Guard guard(boardLock());
     faults_.clear();
-    unhookAllocations();
+    if (allocationsMayFail_) allocationsMayFail_(false);
 }
 
 std::optional<Fault> Faults::take(Call call, std::string_view path) {
@@ -57,9 +95,7 @@ std::optional<Fault> Faults::take(Call call, std::string_view path) {
             continue;
         }
         if (fault.times > 0) --fault.times;
-        if (Machine* machine = poweredMachine()) {
-            machine->trace.add(EventKind::kFault, std::string(path), describe(fault));
-        }
+        trace_.add(EventKind::kFault, std::string(path), describe(fault));
         return fault;
     }
     return std::nullopt;

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -51,8 +52,8 @@ struct Fault {
 
 class Faults {
   public:
-    Faults();
-    ~Faults();  // takes the hook for allocation faults out again
+    explicit Faults(Trace&);
+    ~Faults();  // clears them, so that allocations are watched no more
     Faults(const Faults&) = delete;
     Faults& operator=(const Faults&) = delete;
 
@@ -61,7 +62,14 @@ class Faults {
     // The board's own use: the fault that this call meets, if any.
     std::optional<Fault> take(Call, std::string_view path);
 
+    // Called with true when an allocation fault is added, and with false when all faults go.
+    void watchAllocations(std::function<void(bool)> watch) {
+        allocationsMayFail_ = std::move(watch);
+    }
+
   private:
+    Trace& trace_;
+    std::function<void(bool)> allocationsMayFail_;
     std::vector<Fault> faults_;
 };
 

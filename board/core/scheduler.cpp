@@ -5,8 +5,7 @@
 #include <iterator>
 #include <utility>
 
-#include "board/interpose/real_calls.h"
-#include "board/machine.h"
+#include "board/core/real_calls.h"
 
 namespace quil::board {
 namespace {
@@ -21,7 +20,8 @@ int64_t realNanos() {
 
 }  // namespace
 
-void Scheduler::powerOn(bool realtime) {
+void Scheduler::powerOn(bool realtime, Trace& trace) {
+    trace_ = &trace;
     realtime_ = realtime;
     on_ = true;
     lost_ = false;
@@ -31,6 +31,7 @@ void Scheduler::powerOn(bool realtime) {
     threads_ = 0;
     all_.push_back(std::make_shared<BoardThread>());
     t_self = all_.back().get();
+    t_self->scheduler = this;
     t_self->attached = !realtime;
     t_self->number = threads_++;
     running_ = realtime ? nullptr : t_self;
@@ -41,6 +42,7 @@ void Scheduler::powerOff() {
     {
         Guard guard(boardLock());
         on_ = false;
+        trace_ = nullptr;
         timers_.clear();
         for (BoardThread* thread : parked_) thread->gate.open();
         for (BoardThread* thread : runQueue_) thread->gate.open();
@@ -165,9 +167,8 @@ void Scheduler::sleepUntil(Nanos when, const char* what) {
 
 // Gives the turn to the next in the queue; with an empty queue, lets time go on until there is one.
 void Scheduler::dispatch() {
-    static bool dispatching = false;  // timers' actions make threads runnable: one loop is enough
-    if (dispatching || realtime_) return;
-    dispatching = true;
+    if (dispatching_ || realtime_) return;  // a timer's action makes threads runnable
+    dispatching_ = true;
     while (running_ == nullptr && on_) {
         if (!runQueue_.empty()) {
             running_ = runQueue_.front();
@@ -180,14 +181,12 @@ void Scheduler::dispatch() {
             deadlock();
         }
     }
-    dispatching = false;
+    dispatching_ = false;
 }
 
 void Scheduler::fireNext() {
-    if (Machine* machine = poweredMachine()) {
-        machine->trace.cutIfDue();
-        if (lost_) return;
-    }
+    trace_->cutIfDue();
+    if (lost_) return;
     const auto timer = std::move(timers_.back());
     timers_.pop_back();
     virtualNow_ = std::max(now(), timer.first.first);
@@ -201,11 +200,9 @@ void Scheduler::deadlock() {
         fprintf(stderr, "  thread %d waits for %s %p\n", thread->number, thread->waitsFor,
                 thread->object);
     }
-    if (Machine* machine = poweredMachine()) {
-        const auto events = machine->trace.events();
-        for (size_t i = events.size() > 10 ? events.size() - 10 : 0; i < events.size(); ++i) {
-            fprintf(stderr, "  %s\n", toLine(events[i]).c_str());
-        }
+    const auto events = trace_->events();
+    for (size_t i = events.size() > 10 ? events.size() - 10 : 0; i < events.size(); ++i) {
+        fprintf(stderr, "  %s\n", toLine(events[i]).c_str());
     }
     fflush(stderr);
     abort();
@@ -213,6 +210,7 @@ void Scheduler::deadlock() {
 
 std::shared_ptr<BoardThread> Scheduler::expectChild() {
     auto child = std::make_shared<BoardThread>();
+    child->scheduler = this;
     child->number = threads_++;
     child->attached = true;
     child->arrived = false;
@@ -257,11 +255,10 @@ void Scheduler::arrive() {
 void Scheduler::end() {
     arrive();
     BoardThread* me = std::exchange(t_self, nullptr);
-    Machine* machine = poweredMachine();
     Guard guard(boardLock());
     me->finished = true;
-    if (machine == nullptr || !me->attached) return;
-    Scheduler& scheduler = machine->scheduler;
+    if (!me->attached) return;
+    Scheduler& scheduler = *me->scheduler;
     scheduler.wakeAll(me);
     if (scheduler.running_ != me) return;
     scheduler.running_ = nullptr;

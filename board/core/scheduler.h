@@ -24,7 +24,10 @@
 
 namespace quil::board {
 
+class Scheduler;
+
 struct BoardThread {
+    Scheduler* scheduler = nullptr;
     int number = 0;
     bool attached = false;  // takes turns
     bool arrived = true;    // false: it has been given turns that it has not come for yet
@@ -40,9 +43,12 @@ class Scheduler {
   public:
     using TimerId = std::pair<Nanos, uint64_t>;
 
-    void powerOn(bool realtime);  // attaches the calling thread
-    void powerOff();              // lets go of whoever still waits
-    void powerLost();             // time stands still: nothing is due any more, and nobody waits
+    // Attaches the calling thread. A cut of the power that the trace is to make comes before the
+    // next timer; a deadlock prints the trace's last events.
+    void powerOn(bool realtime, Trace&);
+    void powerOff();   // lets go of whoever still waits
+    void powerLost();  // time stands still: nothing is due any more, and nobody waits
+    bool isOn() const { return on_; }
     bool realtime() const { return realtime_; }
     Nanos now() const;
 
@@ -56,6 +62,7 @@ class Scheduler {
     bool wakeOne(const void* object);
     void wakeAll(const void* object);
     void sleepUntil(Nanos when, const char* what);
+    void sleepFor(Nanos duration, const char* what) { sleepUntil(now() + duration, what); }
     bool anyoneParked() const { return !parked_.empty(); }
 
     // Threads.
@@ -76,27 +83,28 @@ class Scheduler {
     void makeRunnable(BoardThread*);
     void dispatch();
     void fireNext();
-    void waitForTurn(BoardThread*, std::optional<Nanos> realDeadline);
     [[noreturn]] void deadlock();
     void startClockThread();
     void stopClockThread();
     void clockLoop();
     static void* clockThread(void* self);
 
-    bool realtime_ = false, on_ = false, lost_ = false;
+    Trace* trace_ = nullptr;  // null without power
+    bool realtime_ = false, on_ = false, lost_ = false, dispatching_ = false;
     std::atomic<Nanos> virtualNow_{Nanos(0)};
     int64_t realStart_ = 0;
     uint64_t sequence_ = 0;
     int threads_ = 0;
-    // The next one is the last: there are few at a time, and each byte on a line is one.
+    // Sorted, soonest last. A vector serves: there are few at a time, and each byte on a line adds
+    // and removes one.
     std::vector<std::pair<TimerId, std::function<void()>>> timers_;
     std::deque<BoardThread*> runQueue_;
     std::list<BoardThread*> parked_;
     BoardThread* running_ = nullptr;
     std::map<pthread_t, std::shared_ptr<BoardThread>> byHandle_;
     std::deque<std::shared_ptr<BoardThread>> all_;
-    std::deque<std::shared_ptr<BoardThread>>
-        outsiders_;  // not ours any more, or never: kept for good
+    // Records of threads outside board time. Never freed: such a thread may come back at any time.
+    std::deque<std::shared_ptr<BoardThread>> outsiders_;
     pthread_t clock_{};
     bool clockRuns_ = false;
     Gate clockWake_;

@@ -1,27 +1,15 @@
 #include "board/core/trace.h"
 
-#include <array>
 #include <cstdio>
 
-#include "board/core/board_directory.h"
-#include "board/machine.h"
+#include "board/core/bytes.h"
+#include "board/core/lock.h"
+#include "board/core/power.h"
+#include "board/core/scheduler.h"
+#include "board/core/whole_file.h"
 
 namespace quil::board {
 namespace {
-
-constexpr std::array<const char*, 20> kKindNames = {
-    "power", "open",  "close", "uart-tx", "uart-rx",  "frame", "gpio",
-    "shell", "sleep", "log",   "request", "property", "fault", "violation",
-    "note",  "probe", "spi",   "flash",   "vendor",   "mcu"};
-
-std::string hex(const std::vector<uint8_t>& bytes) {
-    constexpr char kDigits[] = "0123456789abcdef";
-    std::string text;
-    for (const uint8_t byte : bytes) {
-        text += {' ', kDigits[byte >> 4], kDigits[byte & 15]};
-    }
-    return text;
-}
 
 // One event is one line, whatever a log message holds.
 std::string oneLine(const std::string& text) {
@@ -38,7 +26,51 @@ std::string oneLine(const std::string& text) {
 
 }  // namespace
 
-const char* nameOf(EventKind kind) { return kKindNames.at(static_cast<size_t>(kind)); }
+const char* nameOf(EventKind kind) {
+    switch (kind) {
+        case EventKind::kPower:
+            return "power";
+        case EventKind::kOpen:
+            return "open";
+        case EventKind::kClose:
+            return "close";
+        case EventKind::kUartTx:
+            return "uart-tx";
+        case EventKind::kUartRx:
+            return "uart-rx";
+        case EventKind::kFrame:
+            return "frame";
+        case EventKind::kGpio:
+            return "gpio";
+        case EventKind::kShell:
+            return "shell";
+        case EventKind::kSleep:
+            return "sleep";
+        case EventKind::kLog:
+            return "log";
+        case EventKind::kRequest:
+            return "request";
+        case EventKind::kProperty:
+            return "property";
+        case EventKind::kFault:
+            return "fault";
+        case EventKind::kViolation:
+            return "violation";
+        case EventKind::kNote:
+            return "note";
+        case EventKind::kProbe:
+            return "probe";
+        case EventKind::kSpi:
+            return "spi";
+        case EventKind::kFlash:
+            return "flash";
+        case EventKind::kVendor:
+            return "vendor";
+        case EventKind::kMcu:
+            return "mcu";
+    }
+    return "";
+}
 
 std::string toLine(const Event& event) {
     char stamp[40];
@@ -46,11 +78,11 @@ std::string toLine(const Event& event) {
              nameOf(event.kind));
     std::string line = stamp + event.source;
     if (!event.text.empty()) line += ": " + oneLine(event.text);
-    if (!event.bytes.empty()) line += " [" + hex(event.bytes).substr(1) + "]";
+    if (!event.bytes.empty()) line += " [" + hexOf(event.bytes) + "]";
     return line;
 }
 
-Trace::Trace() = default;
+Trace::Trace(const Scheduler& scheduler, Power& power) : scheduler_(scheduler), power_(power) {}
 Trace::~Trace() = default;
 
 std::vector<Event> Trace::events() const {
@@ -72,19 +104,19 @@ std::optional<CutPosition> Trace::add(EventKind kind, std::string source, std::s
     Scheduler::arrive();
     Guard guard(boardLock());
     cutIfDue();
-    Machine* machine = poweredMachine();
-    if (machine != nullptr && machine->dead()) return CutPosition::kBefore;
+    if (power_.isCut()) return CutPosition::kBefore;
+    if (!power_.isOn()) return std::nullopt;
     const bool last = cut_ && cut_->event == count_;
     ++count_;
     if (recording_) {
         events_.push_back(
-            {theScheduler().now(), kind, std::move(source), std::move(text), std::move(bytes)});
+            {scheduler_.now(), kind, std::move(source), std::move(text), std::move(bytes)});
         const Event event = listeners_.empty() ? Event{} : events_.back();
         for (const auto& listener : listeners_) listener(event);
     }
-    if (!last || machine == nullptr) return std::nullopt;
+    if (!last) return std::nullopt;
     due_ = cut_->position == CutPosition::kAfter;
-    if (!due_) machine->losePower();
+    if (!due_) power_.cut();
     return cut_->position;
 }
 
@@ -101,7 +133,7 @@ void Trace::cutPowerAt(PowerCut cut) {
 void Trace::cutIfDue() {
     if (!due_) return;
     due_ = false;
-    if (Machine* machine = poweredMachine()) machine->losePower();
+    if (power_.isOn()) power_.cut();
 }
 
 void Trace::addWireByte(const WireByte& byte) {
@@ -139,8 +171,15 @@ std::string Trace::toText() const {
 void Trace::writeText(const std::filesystem::path& file) const { writeWholeFile(file, toText()); }
 
 const char* nameOf(CutPosition position) {
-    constexpr std::array<const char*, 3> kNames = {"before", "inside", "after"};
-    return kNames.at(static_cast<size_t>(position));
+    switch (position) {
+        case CutPosition::kBefore:
+            return "before";
+        case CutPosition::kInside:
+            return "inside";
+        case CutPosition::kAfter:
+            return "after";
+    }
+    return "";
 }
 
 }  // namespace quil::board

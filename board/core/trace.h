@@ -66,17 +66,20 @@ struct WireByte {
     uint8_t stopBits;
 };
 
+class Power;
+class Scheduler;
+
 class Trace {
   public:
-    Trace();
+    Trace(const Scheduler&, Power&);
     ~Trace();
     Trace(const Trace&) = delete;
     Trace& operator=(const Trace&) = delete;
 
     std::vector<Event> events() const;
     std::vector<Event> events(EventKind) const;
-    // Announces what is about to happen. A part that keeps its state without power looks whether
-    // power goes at this event.
+    // Announces what is about to happen; without power nothing does. A part that keeps its state
+    // without power looks whether power goes at this event.
     std::optional<CutPosition> add(EventKind, std::string source, std::string text,
                                    std::vector<uint8_t> bytes = {});
     uint64_t count() const;  // of all events since power-on, recorded or not
@@ -98,6 +101,8 @@ class Trace {
     void writeTraceEventJson(const std::filesystem::path&) const;
 
   private:
+    const Scheduler& scheduler_;
+    Power& power_;
     std::vector<Event> events_;
     std::vector<WireByte> wire_;
     std::vector<std::function<void(const Event&)>> listeners_;

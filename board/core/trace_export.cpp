@@ -3,9 +3,10 @@
 #include <map>
 #include <nlohmann/json.hpp>
 
-#include "board/core/board_directory.h"
+#include "board/core/bytes.h"
 #include "board/core/lock.h"
 #include "board/core/trace.h"
+#include "board/core/whole_file.h"
 
 namespace quil::board {
 namespace {
@@ -57,12 +58,6 @@ std::string vcdOf(const std::vector<WireByte>& wire) {
 }
 
 nlohmann::json jsonOf(const Event& event) {
-    std::string bytes;
-    for (const uint8_t byte : event.bytes) {
-        char digits[4];
-        snprintf(digits, sizeof digits, bytes.empty() ? "%02x" : " %02x", byte);
-        bytes += digits;
-    }
     return {{"name", event.text.empty() ? nameOf(event.kind) : event.text},
             {"cat", nameOf(event.kind)},
             {"ph", "i"},
@@ -70,7 +65,7 @@ nlohmann::json jsonOf(const Event& event) {
             {"ts", static_cast<double>(event.at.count()) / 1000.0},
             {"pid", 1},
             {"tid", static_cast<int>(event.kind)},
-            {"args", {{"source", event.source}, {"bytes", bytes}}}};
+            {"args", {{"source", event.source}, {"bytes", hexOf(event.bytes)}}}};
 }
 
 }  // namespace

@@ -4,8 +4,6 @@
 
 #include <stdexcept>
 
-#include "board/machine.h"
-
 namespace quil::board {
 namespace {
 
@@ -39,9 +37,8 @@ void GpioLine::onEdge(std::function<void(int level)> listener) {
 
 int GpioLine::drive(int level) {
     Guard guard(boardLock());
-    Machine* machine = poweredMachine();
-    const auto fault = machine ? machine->faults.take(Call::kGpioSet, name_) : std::nullopt;
-    if (machine != nullptr && machine->dead()) return EIO;
+    const auto fault = board_.faults.take(Call::kGpioSet, name_);
+    if (board_.power.isCut()) return EIO;
     if (fault && fault->error != 0) return fault->error;
     if (!fault) setLevel(level);
     return 0;
@@ -49,29 +46,27 @@ int GpioLine::drive(int level) {
 
 int GpioLine::read() const {
     Guard guard(boardLock());
-    Machine* machine = poweredMachine();
-    const auto fault = machine ? machine->faults.take(Call::kGpioGet, name_) : std::nullopt;
+    const auto fault = board_.faults.take(Call::kGpioGet, name_);
     return fault ? -fault->error : level_;
 }
 
 void GpioLine::setLevel(int level) {
     Guard guard(boardLock());
     if (stuckAt_ >= 0 || level == level_) return;
-    Machine* machine = poweredMachine();
-    if (machine != nullptr) machine->trace.add(EventKind::kGpio, name_, std::to_string(level));
-    if (machine != nullptr && machine->dead()) return;
+    board_.trace.add(EventKind::kGpio, name_, std::to_string(level));
+    if (board_.power.isCut()) return;
     level_ = level;
     for (const auto& listener : listeners_) listener(level);
 }
 
-GpioLines::GpioLines(Sysfs& sysfs) : sysfs_(sysfs) {}
+GpioLines::GpioLines(BoardServices& board, Sysfs& sysfs) : board_(board), sysfs_(sysfs) {}
 GpioLines::~GpioLines() = default;
 
 GpioLine& GpioLines::add(const std::string& name, int level) {
     Guard guard(boardLock());
     auto& line = lines_[name];
     if (line) return *line;
-    line = std::make_unique<GpioLine>(name, level);
+    line = std::make_unique<GpioLine>(board_, name, level);
     sysfs_.add("/sys/class/quilgpios/" + name + "/value",
                {[at = line.get()] {
                     const int level = at->read();
@@ -84,7 +79,7 @@ GpioLine& GpioLines::add(const std::string& name, int level) {
 GpioLine& GpioLines::add(int number, int level) {
     Guard guard(boardLock());
     auto& line = lines_[numbered(number)];
-    if (!line) line = std::make_unique<GpioLine>(numbered(number), level);
+    if (!line) line = std::make_unique<GpioLine>(board_, numbered(number), level);
     return *line;
 }
 

@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "board/core/services.h"
 #include "board/devices/sysfs.h"
 
 namespace quil::board {
@@ -20,7 +21,8 @@ inline constexpr char kGpioBoot0[] = "MCU_BOOT0", kGpioNrst[] = "MCU_NRST";
 // Call::kGpioGet (an error).
 class GpioLine {
   public:
-    GpioLine(std::string name, int level) : name_(std::move(name)), level_(level) {}
+    GpioLine(BoardServices& board, std::string name, int level)
+        : board_(board), name_(std::move(name)), level_(level) {}
     GpioLine(const GpioLine&) = delete;
     GpioLine& operator=(const GpioLine&) = delete;
 
@@ -38,6 +40,7 @@ class GpioLine {
     void setLevel(int level);
 
   private:
+    BoardServices& board_;
     const std::string name_;
     int level_;
     int stuckAt_ = -1;
@@ -46,7 +49,7 @@ class GpioLine {
 
 class GpioLines {
   public:
-    explicit GpioLines(Sysfs&);
+    GpioLines(BoardServices&, Sysfs&);
     ~GpioLines();
     GpioLines(const GpioLines&) = delete;
     GpioLines& operator=(const GpioLines&) = delete;
@@ -65,6 +68,7 @@ class GpioLines {
     GpioLine& at(int number);
 
   private:
+    BoardServices& board_;
     Sysfs& sysfs_;
     std::map<std::string, std::unique_ptr<GpioLine>> lines_;
 };

@@ -5,14 +5,13 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "board/core/board_directory.h"
-#include "board/machine.h"
+#include "board/core/whole_file.h"
 
 namespace quil::board {
 namespace {
 
-// What stands behind so much text is not looked at.
-constexpr uint64_t kLongest = uint64_t{1} << 20;
+constexpr uint64_t kLongest = uint64_t{1} << 20;  // the reader ignores what follows
+constexpr char kProductInformation[] = "product_information";
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
@@ -134,12 +133,12 @@ int IniReader::integer(int handle, const char* section, const char* key) const {
     return end == text->c_str() ? missingInteger_ : static_cast<int>(value);
 }
 
-ProductInformation::ProductInformation(std::filesystem::path file) : file_(std::move(file)) {}
+ProductInformation::ProductInformation(BoardServices& board) : board_(board) {}
 ProductInformation::~ProductInformation() = default;
 
 void ProductInformation::setModuleId(const std::string& text) {
     Guard guard(boardLock());
-    writeWholeFile(file_, text + "\n");
+    board_.store->replace(kProductInformation, text + "\n");
 }
 
 void ProductInformation::setFailing(bool failing) {
@@ -149,7 +148,7 @@ void ProductInformation::setFailing(bool failing) {
 
 int ProductInformation::fill(uint8_t* block) const {
     Guard guard(boardLock());
-    const auto text = readWholeFile(file_);
+    const auto text = board_.store->read(kProductInformation);
     if (failing_ || !text) return -1;
     memset(block, 0, kSize);
     const size_t length = std::min(text->find('\n'), text->size());

@@ -8,6 +8,8 @@
 #include <utility>
 #include <vector>
 
+#include "board/core/services.h"
+
 namespace quil::board {
 
 class IniReader {
@@ -37,7 +39,7 @@ class ProductInformation {
   public:
     static constexpr size_t kSize = 2048, kModuleIdAt = 64;
 
-    explicit ProductInformation(std::filesystem::path file);
+    explicit ProductInformation(BoardServices&);
     ~ProductInformation();
     ProductInformation(const ProductInformation&) = delete;
     ProductInformation& operator=(const ProductInformation&) = delete;
@@ -47,7 +49,7 @@ class ProductInformation {
     int fill(uint8_t* block) const;
 
   private:
-    std::filesystem::path file_;
+    BoardServices& board_;
     bool failing_ = false;
 };
 

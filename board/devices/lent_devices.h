@@ -9,12 +9,14 @@
 #include <string>
 #include <string_view>
 
-#include "board/core/trace.h"
+#include "board/core/services.h"
 
 namespace quil::board {
 
 class LentDevices {
   public:
+    explicit LentDevices(BoardServices& board) : board_(board) {}
+
     void lend(std::string path) { paths_.insert(std::move(path)); }
     bool has(std::string_view path) const { return paths_.find(path) != paths_.end(); }
 
@@ -25,6 +27,7 @@ class LentDevices {
     void transferred(int fd, EventKind, const void* data, ssize_t count) const;
 
   private:
+    BoardServices& board_;
     std::set<std::string, std::less<>> paths_;
     std::map<int, std::string> files_;
 };

@@ -7,15 +7,13 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "board/core/board_directory.h"
-#include "board/machine.h"
-
 namespace quil::board {
 namespace {
 
 constexpr std::array<const char*, 5> kProbedParts = {kRtc, kCodecs, kWifiAp, kWifiSta, kClockChip};
-constexpr std::array<const char*, 3> kHealthNames = {"healthy", "faulty", "absent"};
-constexpr std::array<const char*, 4> kCardNames = {"present", "missing", "full", "read-only"};
+constexpr Health kHealths[] = {Health::kHealthy, Health::kFaulty, Health::kAbsent};
+constexpr SdCard kCards[] = {SdCard::kPresent, SdCard::kMissing, SdCard::kFull, SdCard::kReadOnly};
+constexpr char kFile[] = "parts";
 constexpr char kCardName[] = "sdcard";
 constexpr std::string_view kCardPath = "/sdcard/";
 constexpr int32_t kNobodyAnswers = 1;  // the closed library has no error number for it
@@ -24,18 +22,42 @@ std::string codecName(int32_t index) { return kCodecs + ("." + std::to_string(in
 
 // The state of that name; the first one for any other text.
 template <typename State, size_t kCount>
-State stateNamed(const std::array<const char*, kCount>& names, const std::string& text) {
-    const auto found = std::find(names.begin(), names.end(), text);
-    return static_cast<State>(found == names.end() ? 0 : found - names.begin());
+State stateNamed(const State (&states)[kCount], const std::string& text) {
+    const auto* found = std::find_if(std::begin(states), std::end(states),
+                                     [&](State state) { return text == nameOf(state); });
+    return found == std::end(states) ? states[0] : *found;
 }
 
 }  // namespace
 
-const char* nameOf(Health health) { return kHealthNames.at(static_cast<size_t>(health)); }
-const char* nameOf(SdCard card) { return kCardNames.at(static_cast<size_t>(card)); }
+const char* nameOf(Health health) {
+    switch (health) {
+        case Health::kHealthy:
+            return "healthy";
+        case Health::kFaulty:
+            return "faulty";
+        case Health::kAbsent:
+            return "absent";
+    }
+    return "";
+}
 
-Probes::Probes(std::filesystem::path file, int codecs) : file_(std::move(file)), codecs_(codecs) {
-    std::istringstream lines(readWholeFile(file_).value_or(""));
+const char* nameOf(SdCard card) {
+    switch (card) {
+        case SdCard::kPresent:
+            return "present";
+        case SdCard::kMissing:
+            return "missing";
+        case SdCard::kFull:
+            return "full";
+        case SdCard::kReadOnly:
+            return "read-only";
+    }
+    return "";
+}
+
+Probes::Probes(BoardServices& board, int codecs) : board_(board), codecs_(codecs) {
+    std::istringstream lines(board_.store->read(kFile).value_or(""));
     for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         std::string name, equals, state;
@@ -71,7 +93,7 @@ void Probes::setSdCard(SdCard card) { set(kCardName, nameOf(card)); }
 
 SdCard Probes::sdCard() const {
     Guard guard(boardLock());
-    return stateNamed<SdCard>(kCardNames, stateOf(kCardName));
+    return stateNamed(kCards, stateOf(kCardName));
 }
 
 void Probes::set(const std::string& name, const std::string& state) {
@@ -95,7 +117,7 @@ void Probes::save() const {
     std::string text;
     for (const auto& [key, kept] : states_)
         text.append(key).append(" = ").append(kept).append("\n");
-    writeWholeFile(file_, text);
+    board_.store->replace(kFile, text);
 }
 
 std::string Probes::stateOf(const std::string& name) const {
@@ -104,18 +126,16 @@ std::string Probes::stateOf(const std::string& name) const {
 }
 
 Health Probes::healthHere(const std::string& part) const {
-    return stateNamed<Health>(kHealthNames, stateOf(part));
+    return stateNamed(kHealths, stateOf(part));
 }
 
 int32_t Probes::answer(const std::string& part, Health health) {
-    Machine* machine = poweredMachine();
     int32_t result = 0;
     if (health == Health::kFaulty) result = -EIO;
     if (health == Health::kAbsent) result = kNobodyAnswers;
-    if (machine == nullptr) return result;
-    if (const auto fault = machine->faults.take(Call::kProbe, part)) result = -fault->error;
-    machine->trace.add(EventKind::kProbe, part,
-                       std::string(nameOf(health)) + ", answered " + std::to_string(result));
+    if (const auto fault = board_.faults.take(Call::kProbe, part)) result = -fault->error;
+    board_.trace.add(EventKind::kProbe, part,
+                     std::string(nameOf(health)) + ", answered " + std::to_string(result));
     return result;
 }
 
@@ -124,7 +144,7 @@ int32_t Probes::probe(const std::string& part) {
     return answer(part, healthHere(part));
 }
 
-// What is said of all codecs holds for each that is not spoken of by itself.
+// The state of "es8316" is that of each codec that has none of its own.
 int32_t Probes::probeCodec(int32_t index) {
     Guard guard(boardLock());
     const std::string name = codecName(index);

@@ -1,15 +1,16 @@
 // What the board's closed library finds when it probes a part for the self-test, and the SD card.
 //
-// The settings stand in the board directory's file "parts", one "name = state" a line; what is not
+// The settings stand in the board's file "parts", one "name = state" a line; what is not
 // named there is healthy, or present.
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <map>
 #include <span>
 #include <string>
 #include <string_view>
+
+#include "board/core/services.h"
 
 namespace quil::board {
 
@@ -23,7 +24,7 @@ enum class SdCard { kPresent, kMissing, kFull, kReadOnly };
 
 class Probes {
   public:
-    Probes(std::filesystem::path file, int codecs);
+    Probes(BoardServices&, int codecs);
     ~Probes();
     Probes(const Probes&) = delete;
     Probes& operator=(const Probes&) = delete;
@@ -53,9 +54,9 @@ class Probes {
     void save() const;
     std::string stateOf(const std::string& name) const;
     Health healthHere(const std::string& part) const;
-    static int32_t answer(const std::string& part, Health health);
+    int32_t answer(const std::string& part, Health health);
 
-    const std::filesystem::path file_;
+    BoardServices& board_;
     const int codecs_;
     Settings states_;
 };

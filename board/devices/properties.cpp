@@ -2,13 +2,15 @@
 
 #include <sstream>
 
-#include "board/core/board_directory.h"
-#include "board/machine.h"
-
 namespace quil::board {
+namespace {
 
-Properties::Properties(std::filesystem::path file) : file_(std::move(file)) {
-    std::istringstream lines(readWholeFile(file_).value_or(""));
+constexpr char kFile[] = "properties";
+
+}  // namespace
+
+Properties::Properties(BoardServices& board) : board_(board) {
+    std::istringstream lines(board_.store->read(kFile).value_or(""));
     for (std::string line; std::getline(lines, line);) {
         const size_t equals = line.find('=');
         if (equals != std::string::npos) values_[line.substr(0, equals)] = line.substr(equals + 1);
@@ -29,14 +31,12 @@ std::string Properties::get(const std::string& name, const std::string& fallback
 
 void Properties::set(const std::string& name, const std::string& value) {
     Guard guard(boardLock());
-    if (Machine* machine = poweredMachine()) {
-        machine->trace.add(EventKind::kProperty, name, value);
-        if (machine->dead()) return;
-    }
+    board_.trace.add(EventKind::kProperty, name, value);
+    if (board_.power.isCut()) return;
     values_[name] = value;
     std::string text;
     for (const auto& [key, kept] : values_) text.append(key).append("=").append(kept).append("\n");
-    writeWholeFile(file_, text);
+    board_.store->replace(kFile, text);
 }
 
 }  // namespace quil::board

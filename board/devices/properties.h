@@ -1,17 +1,18 @@
-// The system properties, kept in the board directory from one power cycle to the next.
+// The system properties, kept in the board's file "properties" from one power cycle to the next.
 #pragma once
 
-#include <filesystem>
 #include <functional>
 #include <map>
 #include <string>
 #include <string_view>
 
+#include "board/core/services.h"
+
 namespace quil::board {
 
 class Properties {
   public:
-    explicit Properties(std::filesystem::path file);
+    explicit Properties(BoardServices&);
     ~Properties();
     Properties(const Properties&) = delete;
     Properties& operator=(const Properties&) = delete;
@@ -22,7 +23,7 @@ class Properties {
     void set(const std::string& name, const std::string& value);
 
   private:
-    std::filesystem::path file_;
+    BoardServices& board_;
     std::map<std::string, std::string, std::less<>> values_;
 };
 

@@ -10,8 +10,7 @@
 #include <optional>
 #include <stdexcept>
 
-#include "board/interpose/real_calls.h"
-#include "board/machine.h"
+#include "board/core/real_calls.h"
 
 namespace quil::board {
 namespace {
@@ -28,16 +27,6 @@ ProgramResult echo(const std::vector<std::string>& argv) {
     return {0, noNewline ? text : text + "\n"};
 }
 
-ProgramResult sleepFor(const std::vector<std::string>& argv) {
-    char* end = nullptr;
-    const double seconds = argv.size() > 1 ? strtod(argv[1].c_str(), &end) : -1;
-    if (end == nullptr || *end != '\0' || !(seconds >= 0 && seconds < 1e9)) {
-        return {kFailed, "", "sleep: not a number\n"};
-    }
-    Shell::pause(Nanos(static_cast<int64_t>(seconds * 1e9)));
-    return {};
-}
-
 std::string because(int error) { return std::string(": ") + strerror(error) + "\n"; }
 
 }  // namespace
@@ -48,9 +37,10 @@ struct Shell::Streams {
     std::array<int, 3> inherited = {0, 1, 2};
 };
 
-Shell::Shell(Machine& machine) : machine_(machine) {
+Shell::Shell(BoardServices& board, Sysfs& sysfs, const Probes& probes)
+    : board_(board), sysfs_(sysfs), probes_(probes) {
     programs_["echo"] = echo;
-    programs_["sleep"] = sleepFor;
+    programs_["sleep"] = [this](const auto& argv) { return sleepFor(argv); };
     programs_["cat"] = [this](const auto& argv) { return cat(argv); };
     programs_["true"] = programs_[":"] = [](const auto&) { return ProgramResult{}; };
     programs_["false"] = [](const auto&) { return ProgramResult{kFailed}; };
@@ -67,16 +57,22 @@ void Shell::remove(const std::string& name) {
     programs_.erase(name);
 }
 
-void Shell::pause(Nanos duration) {
-    theScheduler().sleepUntil(theScheduler().now() + duration, "a program");
+ProgramResult Shell::sleepFor(const std::vector<std::string>& argv) {
+    char* end = nullptr;
+    const double seconds = argv.size() > 1 ? strtod(argv[1].c_str(), &end) : -1;
+    if (end == nullptr || *end != '\0' || !(seconds >= 0 && seconds < 1e9)) {
+        return {kFailed, "", "sleep: not a number\n"};
+    }
+    board_.scheduler.sleepFor(Nanos(static_cast<int64_t>(seconds * 1e9)), "a program");
+    return {};
 }
 
 int Shell::run(const std::string& line) {
     Scheduler::arrive();
     Guard guard(boardLock());
-    const auto fault = machine_.faults.take(Call::kSystem, line);
-    machine_.trace.add(EventKind::kShell, "sh", line);
-    if (machine_.dead()) {
+    const auto fault = board_.faults.take(Call::kSystem, line);
+    board_.trace.add(EventKind::kShell, "sh", line);
+    if (board_.power.isCut()) {
         errno = EIO;
         return -1;
     }
@@ -95,7 +91,7 @@ int Shell::run(const std::string& line) {
             exitCode = runCommand(command);
         }
     } catch (const std::runtime_error& error) {
-        machine_.violation("sh", line + ": " + error.what());
+        board_.violation("sh", line + ": " + error.what());
         print(2, std::string("sh: ") + error.what() + "\n");
         exitCode = kFailed;
     }
@@ -144,12 +140,12 @@ ProgramResult Shell::runProgram(const std::vector<std::string>& argv) {
 // What stands in the way of opening the file; 0 when nothing does. Opening to write empties it.
 int Shell::open(const std::string& path, bool toWrite, bool append) {
     if (path == "/dev/null") return 0;
-    if (machine_.dead()) return EIO;
-    if (const auto fault = machine_.faults.take(Call::kOpen, path)) return fault->error;
-    if (machine_.sysfs.exists(path)) return machine_.sysfs.refusal(path, !toWrite, toWrite);
+    if (board_.power.isCut()) return EIO;
+    if (const auto fault = board_.faults.take(Call::kOpen, path)) return fault->error;
+    if (sysfs_.exists(path)) return sysfs_.refusal(path, !toWrite, toWrite);
     const auto use = toWrite ? Probes::Use::kCreate : Probes::Use::kRead;
-    if (const int error = machine_.probes->refusal(path, use)) return error;
-    const auto host = machine_.onHost(path.c_str()).value_or(path);
+    if (const int error = probes_.refusal(path, use)) return error;
+    const auto host = board_.onHost(path.c_str()).value_or(path);
     const int flags = toWrite ? O_WRONLY | O_CREAT | (append ? 0 : O_TRUNC) : O_RDONLY;
     const int fd = real().open(host.c_str(), flags, 0666);
     const int error = errno;
@@ -160,11 +156,11 @@ int Shell::open(const std::string& path, bool toWrite, bool append) {
 
 int Shell::deliver(const std::string& path, const std::string& text) {
     if (path == "/dev/null") return 0;
-    if (const auto fault = machine_.faults.take(Call::kWrite, path)) return fault->error;
-    if (const auto handle = machine_.sysfs.open(path)) {
+    if (const auto fault = board_.faults.take(Call::kWrite, path)) return fault->error;
+    if (const auto handle = sysfs_.open(path)) {
         return static_cast<int>(-std::min<ssize_t>(0, handle->write(text.data(), text.size())));
     }
-    std::ofstream file(machine_.onHost(path.c_str()).value_or(path), std::ios::app);
+    std::ofstream file(board_.onHost(path.c_str()).value_or(path), std::ios::app);
     file << text;
     file.flush();
     return file ? 0 : EIO;
@@ -182,14 +178,14 @@ void Shell::print(int fd, const std::string& text) {
 
 int Shell::readFile(const std::string& path, std::string* text) {
     if (const int error = open(path, false, false)) return error;
-    if (const auto fault = machine_.faults.take(Call::kRead, path)) return fault->error;
-    if (const auto handle = machine_.sysfs.open(path)) {
+    if (const auto fault = board_.faults.take(Call::kRead, path)) return fault->error;
+    if (const auto handle = sysfs_.open(path)) {
         std::array<char, 4096> page{};
         const ssize_t got = handle->read(page.data(), page.size());
         if (got > 0) text->append(page.data(), static_cast<size_t>(got));
         return static_cast<int>(-std::min<ssize_t>(0, got));
     }
-    std::ifstream file(machine_.onHost(path.c_str()).value_or(path), std::ios::binary);
+    std::ifstream file(board_.onHost(path.c_str()).value_or(path), std::ios::binary);
     text->append(std::istreambuf_iterator<char>(file), {});
     return 0;
 }

@@ -1,13 +1,13 @@
 // The board's shell, as system() meets it: simple commands, and the programs that are installed.
 //
 // It reads words with '...', "..." and \x, the redirections >, >>, < and 2>, 2>>, 2>&1, and the
-// operators ; && ||, as a POSIX shell does, and speaks with the voice of Android's. What it does
-// not know ($, |, &, globs) is a violation and a syntax error.
+// operators ; && ||, as a POSIX shell does, and prints the messages of Android's shell. What it
+// does not know ($, |, &, globs) is a violation and a syntax error.
 //
 // Every line is a kShell event. Faults: Call::kSystem by the whole line (an error: system() fails
-// with it; exitCode, signal: nothing is done and the shell ends so; lostSilently: nothing is done,
-// 0).
-// Files that a line writes or reads meet Call::kOpen, kWrite and kRead by their path.
+// with it; exitCode, signal: nothing is done and the shell ends so; lostSilently: nothing is done
+// and the exit code is 0), and Call::kOpen, kWrite and kRead by the path of a file that a line
+// writes or reads.
 #pragma once
 
 #include <functional>
@@ -16,11 +16,11 @@
 #include <string_view>
 #include <vector>
 
-#include "board/core/trace.h"
+#include "board/core/services.h"
+#include "board/devices/probes.h"
+#include "board/devices/sysfs.h"
 
 namespace quil::board {
-
-class Machine;
 
 struct ProgramResult {
     int exitCode = 0;
@@ -31,16 +31,16 @@ struct ProgramResult {
 // Exit codes.
 inline constexpr int kFailed = 1, kNotFound = 127;
 
-// What a program does that gives up: one line of error.
+// The result of a program that fails with one line on standard error.
 inline ProgramResult failure(const std::string& line) { return {kFailed, "", line + "\n"}; }
 
-// What a program does, with the board's lock held; argv[0] is its name. To take its time it calls
-// Shell::pause.
+// What a program does, with the board's lock held; argv[0] is its name. To take its time it lets
+// board time go on (Scheduler::sleepFor, BoardServices::spendDeviceTime).
 using Program = std::function<ProgramResult(const std::vector<std::string>& argv)>;
 
 class Shell {
   public:
-    explicit Shell(Machine&);
+    Shell(BoardServices&, Sysfs&, const Probes&);
     ~Shell();
     Shell(const Shell&) = delete;
     Shell& operator=(const Shell&) = delete;
@@ -53,8 +53,6 @@ class Shell {
     // Runs a line and returns what system() does: the wait status (exit code << 8), or -1 with
     // errno set.
     int run(const std::string& line);
-    // Board time goes on while the calling program works.
-    static void pause(Nanos);
 
     struct Redirection {
         int fd;  // 0, 1 or 2
@@ -75,15 +73,18 @@ class Shell {
     int open(const std::string& path, bool toWrite, bool append);
     int deliver(const std::string& path, const std::string& text);
     void print(int fd, const std::string& text);
+    ProgramResult sleepFor(const std::vector<std::string>& argv);
     ProgramResult cat(const std::vector<std::string>& argv);
     int readFile(const std::string& path, std::string* text);
 
-    Machine& machine_;
+    BoardServices& board_;
+    Sysfs& sysfs_;
+    const Probes& probes_;
     std::map<std::string, Program> programs_;
 };
 
-// The commands of a line in order. Throws std::runtime_error with the shell's words when the line
-// is none that the board's shell knows.
+// The commands of a line in order. Throws std::runtime_error with the shell's message when the
+// board's shell does not understand the line.
 std::vector<Shell::Command> parseShellLine(std::string_view line);
 
 }  // namespace quil::board

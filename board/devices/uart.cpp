@@ -6,8 +6,6 @@
 #include <array>
 #include <cmath>
 
-#include "board/machine.h"
-
 namespace quil::board {
 namespace {
 
@@ -45,22 +43,6 @@ bool agree(const LineSettings& a, const LineSettings& b) {
            a.parity == b.parity;
 }
 
-void note(EventKind kind, const std::string& path, const std::string& text,
-          std::vector<uint8_t> bytes = {}) {
-    if (Machine* machine = poweredMachine()) machine->trace.add(kind, path, text, std::move(bytes));
-}
-
-void noteByte(Nanos start, const LineSettings& line, bool fromHost, uint8_t byte) {
-    if (Machine* machine = poweredMachine()) {
-        machine->trace.addWireByte(
-            {start, line.bitTime(), fromHost, byte, line.dataBits, line.parity, line.stopBits});
-    }
-}
-
-void readinessChanged() {
-    if (Machine* machine = poweredMachine()) machine->readinessChanged();
-}
-
 }  // namespace
 
 // As the kernel reads c_cflag: an unknown speed code is no speed.
@@ -76,9 +58,21 @@ LineSettings settingsOf(const termios& settings) {
     return line;
 }
 
-Uart::Uart(std::string path)
-    : path_(std::move(path)), settings_(factorySettings()), line_(settingsOf(settings_)) {}
+Uart::Uart(BoardServices& board, std::string path)
+    : board_(board),
+      path_(std::move(path)),
+      settings_(factorySettings()),
+      line_(settingsOf(settings_)) {}
 Uart::~Uart() = default;
+
+void Uart::note(EventKind kind, const std::string& text, std::vector<uint8_t> bytes) {
+    board_.trace.add(kind, path_, text, std::move(bytes));
+}
+
+void Uart::noteByte(Nanos start, const LineSettings& line, bool fromHost, uint8_t byte) {
+    board_.trace.addWireByte(
+        {start, line.bitTime(), fromHost, byte, line.dataBits, line.parity, line.stopBits});
+}
 
 int Uart::baud() const {
     Guard guard(boardLock());
@@ -96,16 +90,9 @@ void Uart::unplug() {
     tx_.clear();
     rx_.clear();
     incoming_.clear();
-    note(EventKind::kNote, path_, "unplugged");
-    theScheduler().wakeAll(this);
-    readinessChanged();
-}
-
-void Uart::plug() {
-    Guard guard(boardLock());
-    plugged_ = true;
-    note(EventKind::kNote, path_, "plugged");
-    readinessChanged();
+    note(EventKind::kNote, "unplugged");
+    board_.scheduler.wakeAll(this);
+    board_.readinessChanged();
 }
 
 void Uart::addFault(const LineFault& fault) {
@@ -140,7 +127,7 @@ std::vector<uint8_t> Uart::arriving(bool fromHost, uint8_t byte) {
         if (fault.kind == LineFault::Kind::kCorrupt) byte ^= fault.value;
         if (fault.kind == LineFault::Kind::kExtra) before.push_back(fault.value);
         lost = lost || fault.kind == LineFault::Kind::kLost;
-        note(EventKind::kFault, path_,
+        note(EventKind::kFault,
              "byte " + std::to_string(number) + (fromHost ? " from the host" : " to the host"));
     }
     if (!lost) before.push_back(byte);
@@ -169,7 +156,7 @@ int Uart::setattr(const termios& settings) {
     if (!plugged_) return EIO;
     settings_ = settings;
     line_ = settingsOf(settings);
-    note(EventKind::kNote, path_, "set to " + std::to_string(line_.baud) + " " + mode());
+    note(EventKind::kNote, "set to " + std::to_string(line_.baud) + " " + mode());
     return 0;
 }
 
@@ -191,15 +178,14 @@ ssize_t Uart::hostWrite(const uint8_t* data, size_t count, bool nonBlocking) {
         done += room;
         startTransmit();
         if (done == count || nonBlocking) break;
-        theScheduler().park("room in the transmit buffer", this);
-        if (poweredMachine() == nullptr || poweredMachine()->dead()) break;
+        board_.scheduler.park("room in the transmit buffer", this);
+        if (!board_.power.isOn()) break;
     }
     if (done == 0 && count > 0) return -EAGAIN;
     const std::vector<uint8_t> bytes(data, data + done);
-    Machine* machine = poweredMachine();
-    if (machine != nullptr && machine->trace.recording()) {
+    if (board_.trace.recording()) {
         sent_.insert(sent_.end(), bytes.begin(), bytes.end());
-        note(EventKind::kUartTx, path_, std::to_string(done) + " bytes", bytes);
+        note(EventKind::kUartTx, std::to_string(done) + " bytes", bytes);
     }
     return static_cast<ssize_t>(done);
 }
@@ -207,9 +193,10 @@ ssize_t Uart::hostWrite(const uint8_t* data, size_t count, bool nonBlocking) {
 void Uart::startTransmit() {
     if (transmitting_ || tx_.empty() || line_.baud == 0) return;
     transmitting_ = true;
-    noteByte(theScheduler().now(), line_, true, tx_.front());
+    noteByte(board_.scheduler.now(), line_, true, tx_.front());
     const Nanos late = faults_.empty() ? Nanos(0) : lateness(true);
-    theScheduler().at(theScheduler().now() + line_.byteTime() + late, [this] { transmitted(); });
+    board_.scheduler.at(board_.scheduler.now() + line_.byteTime() + late,
+                        [this] { transmitted(); });
 }
 
 void Uart::transmitted() {
@@ -223,8 +210,8 @@ void Uart::transmitted() {
     ++passed_[1];
     startTransmit();
     if (wasFull) {
-        theScheduler().wakeAll(this);
-        readinessChanged();
+        board_.scheduler.wakeAll(this);
+        board_.readinessChanged();
     }
     if (peer_ == nullptr) return;
     if (faults_.empty()) return peer_->receive(asHeardAt(line_, peer_->lineSettings(), byte));
@@ -236,7 +223,7 @@ void Uart::transmitted() {
 // A receiver set up differently samples the wrong bits: what it gets is not what was sent.
 uint8_t Uart::asHeardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte) {
     if (agree(sender, listener)) return byte;
-    if (Machine* machine = poweredMachine()) machine->violation(path_, "framing error on the line");
+    board_.violation(path_, "framing error on the line");
     return static_cast<uint8_t>((byte << 3 | byte >> 5) ^ 0xA7);
 }
 
@@ -251,9 +238,9 @@ void Uart::startReceive() {
     if (receiving_ || incoming_.empty()) return;
     receiving_ = true;
     const LineSettings line = peer_ != nullptr ? peer_->lineSettings() : line_;
-    noteByte(theScheduler().now(), line, false, incoming_.front());
+    noteByte(board_.scheduler.now(), line, false, incoming_.front());
     const Nanos late = faults_.empty() ? Nanos(0) : lateness(false);
-    theScheduler().at(theScheduler().now() + line.byteTime() + late, [this] { received(); });
+    board_.scheduler.at(board_.scheduler.now() + line.byteTime() + late, [this] { received(); });
 }
 
 void Uart::keep(uint8_t byte) {
@@ -277,10 +264,10 @@ void Uart::received() {
     startReceive();
     if (!receiving_ && !burst_.empty()) {
         const std::vector<uint8_t> burst = std::exchange(burst_, {});
-        note(EventKind::kUartRx, path_, std::to_string(burst.size()) + " bytes", burst);
+        note(EventKind::kUartRx, std::to_string(burst.size()) + " bytes", burst);
     }
-    theScheduler().wakeAll(this);
-    readinessChanged();
+    board_.scheduler.wakeAll(this);
+    board_.readinessChanged();
 }
 
 ssize_t Uart::hostRead(uint8_t* data, size_t count, bool nonBlocking) {
@@ -297,9 +284,9 @@ ssize_t Uart::hostRead(uint8_t* data, size_t count, bool nonBlocking) {
 // VMIN 0: waits at most VTIME tenths of a second, for one byte. VMIN n: waits for n bytes.
 bool Uart::waitForInput(size_t least, bool nonBlocking) {
     if (nonBlocking) return least == 0 || !rx_.empty();
-    Scheduler& scheduler = theScheduler();
+    Scheduler& scheduler = board_.scheduler;
     if (least > 0) {
-        while (plugged_ && rx_.size() < least && poweredMachine() != nullptr) {
+        while (plugged_ && rx_.size() < least && scheduler.isOn()) {
             scheduler.park("bytes from the serial line", this);
         }
         return plugged_;

@@ -10,7 +10,7 @@
 #include <string>
 #include <vector>
 
-#include "board/core/trace.h"
+#include "board/core/services.h"
 
 namespace quil::board {
 
@@ -41,7 +41,8 @@ struct LineFault {
     Nanos delay{0};
 };
 
-// What hangs on the wire. Called at the moment when the byte's stop bit has passed.
+// The device at the other end of the wire. Called at the moment when the byte's stop bit has
+// passed.
 class UartPeer {
   public:
     virtual ~UartPeer() = default;
@@ -53,7 +54,7 @@ class Uart {
   public:
     static constexpr size_t kBuffer = 4096;
 
-    explicit Uart(std::string path);
+    Uart(BoardServices&, std::string path);
     ~Uart();
     Uart(const Uart&) = delete;
     Uart& operator=(const Uart&) = delete;
@@ -63,7 +64,6 @@ class Uart {
     int baud() const;
     std::string mode() const;  // "8N1"
     void unplug();             // the device is gone: EIO, end of file
-    void plug();
     void addFault(const LineFault&);
     std::vector<uint8_t> sentByHost() const;  // every byte accepted by write()
     size_t bytesOnTheWay() const;             // accepted by write(), not yet at the peer
@@ -84,9 +84,12 @@ class Uart {
     bool writable() const;
     void opened();
     void closed();
+
     void powerLost();
 
   private:
+    void note(EventKind, const std::string& text, std::vector<uint8_t> bytes = {});
+    void noteByte(Nanos start, const LineSettings&, bool fromHost, uint8_t byte);
     void startTransmit();
     void transmitted();
     void startReceive();
@@ -98,7 +101,8 @@ class Uart {
     Nanos lateness(bool fromHost) const;
     uint8_t asHeardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte);
 
-    std::string path_;
+    BoardServices& board_;
+    const std::string path_;
     UartPeer* peer_ = nullptr;
     termios settings_{};
     LineSettings line_;

@@ -3,10 +3,8 @@
 #include <fcntl.h>
 
 #include <algorithm>
-#include <cstdio>
 
-#include "board/core/device_time.h"
-#include "board/machine.h"
+#include "board/core/bytes.h"
 
 namespace quil::board {
 namespace {
@@ -38,8 +36,8 @@ uint8_t Fpga::Progress::value(Nanos now) const {
     return since && !fails && now - *since >= plan.after ? 1 : plan.notReady;
 }
 
-Fpga::Fpga(Lines lines, SerialFlash& flash, bool bootsFromFlash)
-    : lines_(lines), flash_(flash), bootsFromFlash_(bootsFromFlash) {
+Fpga::Fpga(BoardServices& board, Lines lines, SerialFlash& flash, bool bootsFromFlash)
+    : board_(board), lines_(lines), flash_(flash), bootsFromFlash_(bootsFromFlash) {
     lines_.control.onEdge([this](int) { linesChanged(); });
     lines_.config.onEdge([this](int) { linesChanged(); });
     flash_.onUse([this] {
@@ -49,23 +47,12 @@ Fpga::Fpga(Lines lines, SerialFlash& flash, bool bootsFromFlash)
 
 Fpga::~Fpga() = default;
 
-Nanos Fpga::now() { return theScheduler().now(); }
+void Fpga::note(const std::string& text) const { board_.trace.add(EventKind::kNote, "fpga", text); }
 
-void Fpga::note(const std::string& text) {
-    if (Machine* machine = poweredMachine()) machine->trace.add(EventKind::kNote, "fpga", text);
-}
-
-void Fpga::violation(const std::string& text, std::span<const uint8_t> bytes) {
-    Machine* machine = poweredMachine();
-    if (machine == nullptr) return;
-    std::string all = text;
+void Fpga::violation(const std::string& text, std::span<const uint8_t> bytes) const {
     constexpr size_t kShown = 8;
-    char digits[4];
-    for (const uint8_t byte : bytes.first(std::min(bytes.size(), kShown))) {
-        snprintf(digits, sizeof digits, " %02x", byte);
-        all += digits;
-    }
-    machine->violation("fpga", all);
+    const std::string shown = hexOf(bytes.first(std::min(bytes.size(), kShown)));
+    board_.violation("fpga", shown.empty() ? text : text + " " + shown);
 }
 
 // The kernel takes longer to start than the FPGA: all of it has happened before time begins.
@@ -85,7 +72,7 @@ void Fpga::linesChanged() {
 }
 
 void Fpga::clear() {
-    if (configuring_) theScheduler().cancel(*configuring_);
+    if (configuring_) board_.scheduler.cancel(*configuring_);
     configuring_.reset();
     configured_ = udp_ = transmitReset_ = receiveReset_ = false;
     version_.clear();
@@ -97,7 +84,7 @@ void Fpga::clear() {
 void Fpga::beginConfiguration() {
     note("configuration begins");
     const auto size = static_cast<int64_t>(imageIn(flash_).size());
-    configuring_ = theScheduler().at(now() + kClearing + kConfigureByte * size, [this] {
+    configuring_ = board_.scheduler.at(now() + kClearing + kConfigureByte * size, [this] {
         configuring_.reset();
         takeImage(checkFpgaImage(imageIn(flash_)), now());
     });
@@ -121,7 +108,8 @@ void Fpga::takeImage(const FpgaImageCheck& image, Nanos since) {
 std::string Fpga::load(std::span<const uint8_t> image) {
     clear();
     const FpgaImageCheck check = checkFpgaImage(image);
-    spendDeviceTime(kClearing + kConfigureByte * static_cast<int64_t>(image.size()), "fpga load");
+    board_.spendDeviceTime(kClearing + kConfigureByte * static_cast<int64_t>(image.size()),
+                           "fpga load");
     takeImage(check, now());
     return problem_;
 }

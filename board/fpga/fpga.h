@@ -23,7 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "board/core/scheduler.h"
+#include "board/core/services.h"
 #include "board/devices/gpio_lines.h"
 #include "board/fpga/fpga_image.h"
 #include "board/fpga/serial_flash.h"
@@ -69,7 +69,7 @@ class Fpga {
         GpioLine& config;
         GpioLine& done;
     };
-    Fpga(Lines, SerialFlash&, bool bootsFromFlash);
+    Fpga(BoardServices&, Lines, SerialFlash&, bool bootsFromFlash);
     ~Fpga();
     Fpga(const Fpga&) = delete;
     Fpga& operator=(const Fpga&) = delete;
@@ -127,15 +127,17 @@ class Fpga {
     void clear();
     void beginConfiguration();
     void takeImage(const FpgaImageCheck&, Nanos since);
-    static bool isWellFormed(std::span<const uint8_t> bytes, bool isRead);
-    static void violation(const std::string& text, std::span<const uint8_t> bytes = {});
-    static void note(const std::string& text);
+    bool isWellFormed(std::span<const uint8_t> bytes, bool isRead) const;
+    void violation(const std::string& text, std::span<const uint8_t> bytes = {}) const;
+    void note(const std::string& text) const;
+    void record(const std::string& text, std::span<const uint8_t> bytes) const;
     void writeRegister(uint32_t address, std::span<const uint8_t> data);
     void readInto(uint32_t address, std::span<uint8_t> data);
     uint8_t registerValue(uint32_t address) const;
     Page& pageOf(uint32_t address);
-    static Nanos now();
+    Nanos now() const { return board_.scheduler.now(); }
 
+    BoardServices& board_;
     const Lines lines_;
     SerialFlash& flash_;
     const bool bootsFromFlash_;

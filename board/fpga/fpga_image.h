@@ -11,8 +11,6 @@
 #include <string>
 #include <string_view>
 
-#include "board/core/crc32.h"
-
 namespace quil::board {
 
 // Makes a valid image of exactly `size` bytes. Throws std::runtime_error when the version does not

@@ -11,16 +11,28 @@
 #include <string>
 #include <vector>
 
-namespace quil::board {
+#include "board/core/services.h"
+#include "board/devices/gpio_lines.h"
+#include "board/devices/sysfs.h"
+#include "board/fpga/fpga.h"
+#include "board/fpga/network.h"
+#include "board/fpga/serial_flash.h"
 
-class Machine;
+namespace quil::board {
 
 class FpgaLibrary {
   public:
+    struct Parts {
+        Sysfs& sysfs;
+        GpioLines& gpio;
+        Fpga& fpga;
+        SerialFlash& flash;
+        Network& network;
+    };
     static constexpr char kKestrelAddress[] = "240.10.10.10", kKestrelMask[] = "255.255.255.0";
     static constexpr int64_t kUdpByteNanos = 80;  // 100 Mbit/s
 
-    explicit FpgaLibrary(Machine&);
+    FpgaLibrary(BoardServices&, const Parts&);
     ~FpgaLibrary();
     FpgaLibrary(const FpgaLibrary&) = delete;
     FpgaLibrary& operator=(const FpgaLibrary&) = delete;
@@ -46,10 +58,11 @@ class FpgaLibrary {
     void keep(std::initializer_list<const char*> texts);
     int32_t reprogram();
     int32_t sendScreen(const std::string& partition, int64_t byteNanos, const char* how);
-    // A file of the board; nothing when there is none, or a fault forbids it.
+    // False when the board has no such file, or a fault forbids it.
     bool readFile(const std::string& path, std::vector<uint8_t>* content);
 
-    Machine& machine_;
+    BoardServices& board_;
+    const Parts parts_;
     std::vector<const char*> texts_;
 };
 

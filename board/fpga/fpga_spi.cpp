@@ -2,9 +2,8 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "board/core/device_time.h"
+#include "board/core/bytes.h"
 #include "board/fpga/fpga.h"
-#include "board/machine.h"
 
 namespace quil::board {
 namespace {
@@ -12,12 +11,6 @@ namespace {
 constexpr uint8_t kWriteCommand = 0x02, kReadCommand = 0x0B, kUnconfigured = 0xFF;
 constexpr size_t kAddressAt = 1, kDataAt = 5, kReadDataAt = 6, kOverhead = 6;
 constexpr uint32_t kRegistersFrom = 0x1000, kRegistersTo = 0x1FFF;
-
-uint32_t addressOf(std::span<const uint8_t> bytes) {
-    uint32_t address = 0;
-    for (size_t i = 0; i < 4; ++i) address = address << 8 | bytes[kAddressAt + i];
-    return address;
-}
 
 std::string describe(const char* what, uint32_t address, size_t count) {
     char text[64];
@@ -27,12 +20,6 @@ std::string describe(const char* what, uint32_t address, size_t count) {
 
 bool isRegister(uint32_t address) { return address >= kRegistersFrom && address <= kRegistersTo; }
 
-void trace(const std::string& text, std::span<const uint8_t> bytes) {
-    if (Machine* machine = poweredMachine()) {
-        machine->trace.add(EventKind::kSpi, kFpgaDevice, text, {bytes.begin(), bytes.end()});
-    }
-}
-
 struct Rule {
     bool broken;
     const char* text;
@@ -40,7 +27,11 @@ struct Rule {
 
 }  // namespace
 
-bool Fpga::isWellFormed(std::span<const uint8_t> bytes, bool isRead) {
+void Fpga::record(const std::string& text, std::span<const uint8_t> bytes) const {
+    board_.trace.add(EventKind::kSpi, kFpgaDevice, text, {bytes.begin(), bytes.end()});
+}
+
+bool Fpga::isWellFormed(std::span<const uint8_t> bytes, bool isRead) const {
     if (bytes.size() <= kOverhead) {
         violation("a transaction of " + std::to_string(bytes.size()) + " bytes:", bytes);
         return false;
@@ -63,11 +54,11 @@ bool Fpga::isWellFormed(std::span<const uint8_t> bytes, bool isRead) {
 
 ssize_t Fpga::spiWrite(std::span<const uint8_t> bytes, bool truncated) {
     const auto count = static_cast<ssize_t>(bytes.size());
-    spendDeviceTime(kSpiByte * count, "spi");
+    board_.spendDeviceTime(kSpiByte * count, "spi");
     if (truncated ? bytes.size() <= kDataAt : !isWellFormed(bytes, false)) return count;
-    const uint32_t address = addressOf(bytes);
+    const uint32_t address = big32(bytes, kAddressAt);
     const auto data = bytes.subspan(kDataAt, bytes.size() - (truncated ? kDataAt : kOverhead));
-    trace(describe("write", address, data.size()), bytes);
+    record(describe("write", address, data.size()), bytes);
     transactions_.push_back({now(), false, address, {bytes.begin(), bytes.end()}, {}});
     if (!configured_) return count;
     if (isRegister(address)) {
@@ -80,14 +71,14 @@ ssize_t Fpga::spiWrite(std::span<const uint8_t> bytes, bool truncated) {
 
 ssize_t Fpga::spiRead(std::span<uint8_t> bytes) {
     const auto count = static_cast<ssize_t>(bytes.size());
-    spendDeviceTime(kSpiByte * count, "spi");
+    board_.spendDeviceTime(kSpiByte * count, "spi");
     if (!isWellFormed(bytes, true)) return count;
-    const uint32_t address = addressOf(bytes);
+    const uint32_t address = big32(bytes, kAddressAt);
     const std::vector<uint8_t> sent(bytes.begin(), bytes.end());
     std::fill_n(bytes.begin(), kReadDataAt, uint8_t{0});  // nothing useful comes with the header
     const auto data = bytes.subspan(kReadDataAt);
     readInto(address, data);
-    trace(describe("read", address, data.size()), data);
+    record(describe("read", address, data.size()), data);
     transactions_.push_back({now(), true, address, sent, {data.begin(), data.end()}});
     return count;
 }

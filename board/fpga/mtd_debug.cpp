@@ -7,8 +7,8 @@
 #include <filesystem>
 #include <limits>
 
-#include "board/core/board_directory.h"
-#include "board/machine.h"
+#include "board/core/bytes.h"
+#include "board/core/whole_file.h"
 
 namespace quil::board {
 namespace {
@@ -28,89 +28,95 @@ std::optional<uint32_t> numberOf(const std::string& word) {
     return static_cast<uint32_t>(value);
 }
 
-std::string hex(uint32_t value) {
+std::string paddedHex(uint32_t value) {
     char text[16];
     snprintf(text, sizeof text, "0x%.8x", value);
     return text;
-}
-
-std::filesystem::path fileOf(const std::string& path) {
-    Machine* machine = poweredMachine();
-    return machine->onHost(path.c_str()).value_or(path);
 }
 
 struct Range {
     uint32_t offset, length;
 };
 
-ProgramResult erase(SerialFlash& flash, Range range, const Words&) {
-    if (const int error = flash.erase(range.offset, range.length)) {
+// What the tool works on.
+struct Place {
+    BoardServices& board;
+    SerialFlash& flash;
+
+    std::filesystem::path fileOf(const std::string& path) const {
+        return board.onHost(path.c_str()).value_or(path);
+    }
+};
+
+ProgramResult erase(const Place& place, Range range, const Words&) {
+    if (const int error = place.flash.erase(range.offset, range.length)) {
         return failed("MEMERASE", error);
     }
     return {0,
-            "Erased " + std::to_string(range.length) + " bytes from address " + hex(range.offset) +
-                " in flash\n",
+            "Erased " + std::to_string(range.length) + " bytes from address " +
+                paddedHex(range.offset) + " in flash\n",
             ""};
 }
 
-ProgramResult write(SerialFlash& flash, Range range, const Words& argv) {
+ProgramResult write(const Place& place, Range range, const Words& argv) {
     const std::string& path = argv[5];
-    if (const auto fault = poweredMachine()->faults.take(Call::kOpen, path)) {
+    if (const auto fault = place.board.faults.take(Call::kOpen, path)) {
         return failed("fopen()", fault->error);
     }
-    const auto content = readWholeFile(fileOf(path));
+    const auto content = readWholeFile(place.fileOf(path));
     if (!content) return failed("fopen()", ENOENT);
     if (content->size() < range.length) return failure("fread(): the file is too short");
-    const auto* bytes = reinterpret_cast<const uint8_t*>(content->data());
-    if (const int error = flash.program(range.offset, {bytes, range.length})) {
+    if (const int error =
+            place.flash.program(range.offset, bytesOf(*content).first(range.length))) {
         return failed("write()", error);
     }
     return {0,
             "Copied " + std::to_string(range.length) + " bytes from " + path + " to address " +
-                hex(range.offset) + " in flash\n",
+                paddedHex(range.offset) + " in flash\n",
             ""};
 }
 
-ProgramResult read(SerialFlash& flash, Range range, const Words& argv) {
+ProgramResult read(const Place& place, Range range, const Words& argv) {
     const std::string& path = argv[5];
-    const auto cells = flash.read(range.offset, range.length);
+    const auto cells = place.flash.read(range.offset, range.length);
     if (cells.size() != range.length) return failed("read()", EINVAL);
-    if (const auto fault = poweredMachine()->faults.take(Call::kOpen, path)) {
+    if (const auto fault = place.board.faults.take(Call::kOpen, path)) {
         return failed("open()", fault->error);
     }
-    writeWholeFile(fileOf(path), {reinterpret_cast<const char*>(cells.data()), cells.size()});
+    writeWholeFile(place.fileOf(path), textOf(cells));
     return {0,
-            "Copied " + std::to_string(range.length) + " bytes from address " + hex(range.offset) +
-                " in flash to " + path + "\n",
+            "Copied " + std::to_string(range.length) + " bytes from address " +
+                paddedHex(range.offset) + " in flash to " + path + "\n",
             ""};
 }
 
 struct Verb {
     const char* name;
     size_t words;
-    ProgramResult (*run)(SerialFlash&, Range, const Words&);
+    ProgramResult (*run)(const Place&, Range, const Words&);
 };
 constexpr std::array<Verb, 3> kVerbs = {
     {{"erase", 5, erase}, {"write", 6, write}, {"read", 6, read}}};
 
-ProgramResult run(SerialFlash& flash, const Words& argv) {
+ProgramResult run(const Place& place, const Words& argv) {
     std::error_code ignored;
-    if (!std::filesystem::exists(fileOf(kMtdDebugFile), ignored)) {
+    if (!std::filesystem::exists(place.fileOf(kMtdDebugFile), ignored)) {
         return {kNotFound, "", argv[0] + ": inaccessible or not found\n"};
     }
     for (const Verb& verb : kVerbs) {
         if (argv.size() != verb.words || argv[1] != verb.name) continue;
         if (argv[2] != kFlashDevice) return failed("open()", ENOENT);
         const auto offset = numberOf(argv[3]), length = numberOf(argv[4]);
-        if (offset && length) return verb.run(flash, {*offset, *length}, argv);
+        if (offset && length) return verb.run(place, {*offset, *length}, argv);
     }
     return failure("usage: mtd_debug erase|write|read DEVICE OFFSET LENGTH [FILE]");
 }
 
 }  // namespace
 
-void addMtdDebug(Shell& shell, SerialFlash& flash) {
-    shell.add("mtd_debug", [&flash](const Words& argv) { return run(flash, argv); });
+void addMtdDebug(BoardServices& board, Shell& shell, SerialFlash& flash) {
+    shell.add("mtd_debug",
+              [place = Place{board, flash}](const Words& argv) { return run(place, argv); });
 }
 
 }  // namespace quil::board

@@ -9,6 +9,6 @@ namespace quil::board {
 inline constexpr char kMtdDebugFile[] = "/vendor/bin/mtd_debug";
 
 // Without the tool's file in the board's file system the shell does not find it.
-void addMtdDebug(Shell&, SerialFlash&);
+void addMtdDebug(BoardServices&, Shell&, SerialFlash&);
 
 }  // namespace quil::board

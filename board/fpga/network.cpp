@@ -2,18 +2,19 @@
 
 #include <filesystem>
 
-#include "board/core/device_time.h"
-#include "board/machine.h"
-
 namespace quil::board {
 namespace {
 
 constexpr char kModule[] = "dwmac_meson8b", kModuleFile[] = "dwmac-meson8b.ko";
 
+}  // namespace
+
+Network::Network(BoardServices& board, Phy& phy) : board_(board), phy_(phy) {}
+Network::~Network() = default;
+
 // What keeps the kernel from taking the file as a module; null when nothing does.
-const char* refusalOf(const std::string& path) {
-    Machine* machine = poweredMachine();
-    const auto host = machine ? machine->onHost(path.c_str()) : std::nullopt;
+const char* Network::refusalOf(const std::string& modulePath) const {
+    const auto host = board_.onHost(modulePath.c_str());
     std::error_code error;
     if (!host || !std::filesystem::is_regular_file(*host, error)) {
         return "No such file or directory";
@@ -23,11 +24,6 @@ const char* refusalOf(const std::string& path) {
     }
     return nullptr;
 }
-
-}  // namespace
-
-Network::Network(Phy& phy) : phy_(phy) {}
-Network::~Network() = default;
 
 void Network::powerOn() { setLoaded(true); }
 
@@ -51,7 +47,7 @@ void Network::addCommands(Shell& shell) {
 ProgramResult Network::insmod(const Words& argv) {
     if (argv.size() != 2) return failure("usage: insmod MODULE");
     const std::string start = "insmod: failed to load " + argv[1] + ": ";
-    spendDeviceTime(kLoad, "insmod");
+    board_.spendDeviceTime(kLoad, "insmod");
     if (const char* refusal = refusalOf(argv[1])) return failure(start + refusal);
     if (loaded_) return failure(start + "File exists");
     setLoaded(true);
@@ -60,7 +56,7 @@ ProgramResult Network::insmod(const Words& argv) {
 
 ProgramResult Network::rmmod(const Words& argv) {
     if (argv.size() != 2) return failure("usage: rmmod MODULE");
-    spendDeviceTime(kUnload, "rmmod");
+    board_.spendDeviceTime(kUnload, "rmmod");
     if (argv[1] != kModule || !loaded_) {
         return failure("rmmod: failed to unload " + argv[1] + ": No such file or directory");
     }

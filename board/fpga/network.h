@@ -5,7 +5,7 @@
 //   insmod /vendor_dlkm/lib/modules/dwmac-meson8b.ko
 //   ifconfig eth1 ADDRESS netmask MASK up
 //
-// The module's file stands in the board's file system; an empty one cannot be loaded.
+// The module's file stands in the board's file system; an empty file cannot be loaded.
 #pragma once
 
 #include <string>
@@ -26,7 +26,7 @@ class Network {
         bool up = false;
     };
 
-    explicit Network(Phy&);
+    Network(BoardServices&, Phy&);
     ~Network();
     Network(const Network&) = delete;
     Network& operator=(const Network&) = delete;
@@ -47,6 +47,9 @@ class Network {
     ProgramResult ifconfig(const Words&);
     void setLoaded(bool);
 
+    const char* refusalOf(const std::string& modulePath) const;
+
+    BoardServices& board_;
     Phy& phy_;
     bool loaded_ = false;
     int loads_ = 0;

@@ -5,17 +5,11 @@
 #include <cstdio>
 #include <sstream>
 
-#include "board/machine.h"
-
 namespace quil::board {
 namespace {
 
 constexpr uint32_t kHighestRegister = 0x1f, kHighestValue = 0xFFFF;
 constexpr char kLinkUp[] = "0x907\n", kLinkDown[] = "0x103\n";
-
-void violation(const std::string& text) {
-    if (Machine* machine = poweredMachine()) machine->violation("phy", text);
-}
 
 // A number in hexadecimal after "0x".
 std::optional<uint32_t> numberOf(const std::string& word, uint32_t highest) {
@@ -27,11 +21,10 @@ std::optional<uint32_t> numberOf(const std::string& word, uint32_t highest) {
     return value <= highest ? std::optional(value) : std::nullopt;
 }
 
-Nanos now() { return theScheduler().now(); }
-
 }  // namespace
 
-Phy::Phy(GpioLine& resetLine, Sysfs& sysfs) : resetLine_(resetLine), sysfs_(sysfs) {
+Phy::Phy(BoardServices& board, GpioLine& resetLine, Sysfs& sysfs)
+    : board_(board), resetLine_(resetLine), sysfs_(sysfs) {
     resetLine_.onEdge([this](int level) { resetLineChanged(level); });
 }
 
@@ -114,8 +107,6 @@ bool Phy::isLinkUp() const {
     const bool dead = deadResets_ < 0 || (deadResets_ > 0 && resets_ <= deadResets_);
     return cable_ && driver_ && !dead && setUpAt_ && now() - *setUpAt_ >= kLinkTraining;
 }
-
-bool Phy::isInReset() const { return resetLine_.level() == 0; }
 
 uint16_t Phy::registerAt(uint16_t page, uint8_t number) const {
     Guard guard(boardLock());

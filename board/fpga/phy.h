@@ -15,7 +15,7 @@
 #include <string>
 #include <string_view>
 
-#include "board/core/trace.h"
+#include "board/core/services.h"
 #include "board/devices/gpio_lines.h"
 #include "board/devices/sysfs.h"
 
@@ -34,7 +34,7 @@ class Phy {
     static constexpr uint16_t kPageRegister = 0x1f, kSetUpPage = 0xd08, kSetUpRegister = 0x10,
                               kSetUp = 0x5e;
 
-    Phy(GpioLine& resetLine, Sysfs&);
+    Phy(BoardServices&, GpioLine& resetLine, Sysfs&);
     ~Phy();
     Phy(const Phy&) = delete;
     Phy& operator=(const Phy&) = delete;
@@ -44,7 +44,6 @@ class Phy {
     void setDeadResets(int count);         // the link stays down after so many resets; -1: always
     void setStatusText(std::string text);  // shown whatever the link does; empty: as the link is
     bool isLinkUp() const;
-    bool isInReset() const;
     uint16_t registerAt(uint16_t page, uint8_t number) const;
     int resets() const;  // releases of the reset line
 
@@ -60,6 +59,10 @@ class Phy {
     bool mayBeAccessed() const;
     std::string statusText() const;
 
+    void violation(const std::string& text) { board_.violation("phy", text); }
+    Nanos now() const { return board_.scheduler.now(); }
+
+    BoardServices& board_;
     GpioLine& resetLine_;
     Sysfs& sysfs_;
     std::function<void()> onReset_;

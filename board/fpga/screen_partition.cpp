@@ -2,16 +2,18 @@
 
 #include <array>
 
+#include "board/core/bytes.h"
+
 namespace quil::board {
 namespace {
 
-void putWord(std::string& bytes, size_t value) {
-    for (int shift = 24; shift >= 0; shift -= 8) bytes += static_cast<char>(value >> shift);
+void append(std::string& bytes, size_t value) {
+    bytes.resize(bytes.size() + 4);
+    putBig32(bytes, bytes.size() - 4, static_cast<uint32_t>(value));
 }
 
 uint32_t takeWord(std::span<const uint8_t>& bytes) {
-    uint32_t value = 0;
-    for (size_t i = 0; i < 4; ++i) value = value << 8 | bytes[i];
+    const uint32_t value = big32(bytes, 0);
     bytes = bytes.subspan(4);
     return value;
 }
@@ -56,10 +58,10 @@ std::vector<uint8_t> noise(uint32_t address, size_t length) {
 
 std::string makeScreenPartition(std::span<const ScreenBlock> blocks) {
     std::string partition;
-    putWord(partition, blocks.size());
+    append(partition, blocks.size());
     for (const ScreenBlock& block : blocks) {
-        putWord(partition, block.address);
-        putWord(partition, block.data.size());
+        append(partition, block.address);
+        append(partition, block.data.size());
         partition.append(block.data.begin(), block.data.end());
     }
     return partition;

@@ -17,7 +17,7 @@ struct ScreenBlock {
 };
 
 std::string makeScreenPartition(std::span<const ScreenBlock> blocks);
-// The blocks up to the first that is none.
+// The blocks up to the first malformed one.
 std::vector<ScreenBlock> readScreenPartition(std::span<const uint8_t> partition);
 
 // What a board leaves the factory with: one block of each kind, and more than one of those kinds

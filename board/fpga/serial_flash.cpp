@@ -5,14 +5,13 @@
 #include <algorithm>
 #include <cstdio>
 
-#include "board/core/board_directory.h"
-#include "board/core/device_time.h"
-#include "board/machine.h"
+#include "board/core/bytes.h"
 
 namespace quil::board {
 namespace {
 
 constexpr uint8_t kErased = 0xFF;
+constexpr char kFile[] = "mtd0";
 
 std::string hexNumber(uint32_t number) {
     char text[16];
@@ -20,38 +19,31 @@ std::string hexNumber(uint32_t number) {
     return text;
 }
 
-// Null: the operation goes on.
-std::optional<Fault> faultOf(Call call) {
-    Machine* machine = poweredMachine();
-    if (machine == nullptr) return std::nullopt;
-    if (machine->dead()) return Fault{.call = call, .error = EIO};
-    return machine->faults.take(call, kFlashDevice);
-}
-
-// Whether power goes with what this announces.
-std::optional<CutPosition> note(const std::string& text) {
-    Machine* machine = poweredMachine();
-    if (machine == nullptr) return std::nullopt;
-    return machine->trace.add(EventKind::kFlash, kFlashDevice, text);
-}
-
-// How much of an operation is done when power goes inside it: more than nothing, less than all, and
-// the same at each replay.
-size_t tornAt(size_t size) {
-    const uint64_t seed = poweredMachine() != nullptr ? poweredMachine()->trace.count() : 0;
-    return 1 + static_cast<size_t>(seed * 2654435761U % size);
-}
-
 }  // namespace
 
-SerialFlash::SerialFlash(std::filesystem::path file) : file_(std::move(file)) {
-    const std::string content = readWholeFile(file_).value_or("");
+SerialFlash::SerialFlash(BoardServices& board) : board_(board) {
+    const std::string content = board_.store->read(kFile).value_or("");
     const size_t size = std::min<size_t>(content.size(), kSize);
     cells_.assign(content.begin(), content.begin() + static_cast<ptrdiff_t>(size));
     trim();
 }
 
 SerialFlash::~SerialFlash() = default;
+
+// Nothing: the operation goes on.
+std::optional<Fault> SerialFlash::faultOf(Call call) {
+    if (board_.power.isCut()) return Fault{.call = call, .error = EIO};
+    return board_.faults.take(call, kFlashDevice);
+}
+
+// Whether power goes with what this announces.
+std::optional<CutPosition> SerialFlash::note(const std::string& text) {
+    return board_.trace.add(EventKind::kFlash, kFlashDevice, text);
+}
+
+size_t SerialFlash::tornBytes(size_t size) const {
+    return 1 + tornAt(board_.trace.count(), size - 2);
+}
 
 std::vector<uint8_t> SerialFlash::read(uint32_t offset, size_t length) const {
     Guard guard(boardLock());
@@ -90,7 +82,7 @@ int SerialFlash::erase(uint32_t offset, uint32_t length) {
     if (offset > kSize || length > kSize - offset) return EINVAL;
     const auto cut = note("erase " + hexNumber(offset) + ", " + hexNumber(length) + " bytes");
     if (cut == CutPosition::kInside) {
-        eraseCells(offset, static_cast<uint32_t>(tornAt(length - 1)));
+        eraseCells(offset, static_cast<uint32_t>(tornBytes(length)));
         save();
         return EIO;
     }
@@ -98,7 +90,7 @@ int SerialFlash::erase(uint32_t offset, uint32_t length) {
     int error = 0;
     for (uint32_t at = offset; at < offset + length && error == 0; at += kSector) {
         const auto fault = faultOf(Call::kFlashErase);
-        spendDeviceTime(kSectorErase, "flash erase");
+        board_.spendDeviceTime(kSectorErase, "flash erase");
         if (!fault) eraseCells(at, kSector);
         if (fault) error = fault->error;
     }
@@ -113,7 +105,7 @@ int SerialFlash::program(uint32_t offset, std::span<const uint8_t> data) {
     const auto cut = note("program " + hexNumber(offset) + ", " +
                           hexNumber(static_cast<uint32_t>(data.size())) + " bytes");
     if (cut == CutPosition::kInside && data.size() > 1) {
-        programCells(offset, data.first(tornAt(data.size() - 1)));
+        programCells(offset, data.first(tornBytes(data.size())));
         save();
         return EIO;
     }
@@ -123,7 +115,7 @@ int SerialFlash::program(uint32_t offset, std::span<const uint8_t> data) {
         const auto at = static_cast<uint32_t>(offset + done);
         const size_t part = std::min<size_t>(kPage - at % kPage, data.size() - done);
         const auto fault = faultOf(Call::kFlashProgram);
-        spendDeviceTime(kPageProgram, "flash program");
+        board_.spendDeviceTime(kPageProgram, "flash program");
         if (!fault) programCells(at, data.subspan(done, part));
         if (fault) error = fault->error;
         done += part;
@@ -148,9 +140,8 @@ void SerialFlash::programCells(uint32_t offset, std::span<const uint8_t> data) {
         wasErased = wasErased && cell == kErased;
         cell &= data[i];
     }
-    Machine* machine = poweredMachine();
-    if (!wasErased && machine != nullptr) {
-        machine->violation(kFlashDevice, "page " + hexNumber(offset) + " is not erased");
+    if (!wasErased) {
+        board_.violation(kFlashDevice, "page " + hexNumber(offset) + " is not erased");
     }
 }
 
@@ -158,8 +149,6 @@ void SerialFlash::trim() {
     while (!cells_.empty() && cells_.back() == kErased) cells_.pop_back();
 }
 
-void SerialFlash::save() const {
-    writeWholeFile(file_, {reinterpret_cast<const char*>(cells_.data()), cells_.size()});
-}
+void SerialFlash::save() const { board_.store->replace(kFile, textOf(cells_)); }
 
 }  // namespace quil::board

@@ -2,8 +2,8 @@
 // only.
 //
 // Sizes and times are those of a common 128-Mbit part (W25Q128: block erase 150 ms, page program
-// 0.7 ms). The contents stand in one file of the board directory; what lies behind the file's end
-// is erased, so that a nearly empty flash is a small file.
+// 0.7 ms). The board keeps the contents in the file "mtd0"; what lies behind the file's end is
+// erased, so that a nearly empty flash is a small file.
 //
 // Faults: Call::kFlashErase once for each sector and Call::kFlashProgram once for each page, both
 // with the path "/dev/mtd0": an error ends the operation there, lostSilently leaves the sector or
@@ -11,14 +11,13 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <functional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
-#include "board/core/trace.h"
+#include "board/core/services.h"
 
 namespace quil::board {
 
@@ -30,12 +29,12 @@ class SerialFlash {
     static constexpr Nanos kSectorErase = std::chrono::milliseconds(150);
     static constexpr Nanos kPageProgram = std::chrono::microseconds(700);
 
-    explicit SerialFlash(std::filesystem::path file);
+    explicit SerialFlash(BoardServices&);
     ~SerialFlash();
     SerialFlash(const SerialFlash&) = delete;
     SerialFlash& operator=(const SerialFlash&) = delete;
 
-    // The cells of a range; of what lies behind the flash's end, nothing.
+    // The cells of a range, as far as the flash reaches.
     std::vector<uint8_t> read(uint32_t offset, size_t length) const;
     // How far the flash is used: all behind is erased.
     uint32_t usedSize() const;
@@ -57,7 +56,12 @@ class SerialFlash {
     void trim();
     void save() const;
 
-    const std::filesystem::path file_;
+    std::optional<Fault> faultOf(Call);
+    std::optional<CutPosition> note(const std::string& text);
+    // Of an operation of `size` bytes: more than none and less than all.
+    size_t tornBytes(size_t size) const;
+
+    BoardServices& board_;
     std::vector<uint8_t> cells_;  // behind its end: 0xFF
     std::function<void()> listener_;
 };

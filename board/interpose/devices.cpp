@@ -6,8 +6,8 @@
 #include <utility>
 #include <vector>
 
+#include "board/core/real_calls.h"
 #include "board/interpose/interpose.h"
-#include "board/interpose/real_calls.h"
 #include "board/machine.h"
 
 using namespace quil::board;
@@ -72,7 +72,7 @@ int waitForAny(Machine& machine, std::vector<pollfd>& entries, std::optional<Nan
         const int count = countReady(machine, entries);
         if (count > 0 || poweredMachine() != &machine) return count;
         if (deadline && scheduler.now() >= *deadline) return 0;
-        scheduler.park("one of several descriptors", &machine.files, nextLook(machine, deadline));
+        scheduler.park("one of several descriptors", &machine, nextLook(machine, deadline));
     }
 }
 

@@ -5,8 +5,8 @@
 #include <string.h>
 #include <sys/stat.h>
 
+#include "board/core/real_calls.h"
 #include "board/interpose/interpose.h"
-#include "board/interpose/real_calls.h"
 #include "board/machine.h"
 
 using namespace quil::board;
@@ -37,8 +37,8 @@ int openUart(Machine& machine, Uart& uart, int flags) {
 int openFpga(Machine& machine, int flags) {
     const int fd = real().open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
     if (fd < 0) return fd;
-    machine.fpga->checkOpenMode(flags);
-    machine.files[fd] = {kFpgaDevice, nullptr, flags, nullptr, machine.fpga.get()};
+    machine.fpga.checkOpenMode(flags);
+    machine.files[fd] = {kFpgaDevice, nullptr, flags, nullptr, &machine.fpga};
     return fd;
 }
 
@@ -67,7 +67,7 @@ int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::st
     Guard guard(boardLock());
     if (machine.dead()) return failWith(EIO);
     if (const auto fault = machine.faults.take(Call::kOpen, path)) return failWith(fault->error);
-    if (const int error = machine.probes->refusal(path, useOf(flags))) return failWith(error);
+    if (const int error = machine.probes.refusal(path, useOf(flags))) return failWith(error);
     int fd = -1;
     if (Uart* uart = machine.uartAt(path)) {
         fd = openUart(machine, *uart, flags);
@@ -118,7 +118,7 @@ void waitForPipe(Machine& machine, int fd) {
     if ((real().fcntl(fd, F_GETFL) & O_NONBLOCK) != 0) return;
     pollfd entry{fd, POLLIN, 0};
     while (real().poll(&entry, 1, 0) == 0 && poweredMachine() == &machine) {
-        machine.scheduler.park("input", &machine.files);
+        machine.scheduler.park("input", &machine);
     }
 }
 
@@ -221,7 +221,7 @@ FILE* fopenAnywhere(FILE* (*call)(const char*, const char*), const char* path, c
         errno = fault->error;
         return nullptr;
     }
-    if (const int error = machine->probes->refusal(path, useOf(mode))) {
+    if (const int error = machine->probes.refusal(path, useOf(mode))) {
         errno = error;
         return nullptr;
     }
@@ -241,7 +241,7 @@ int withHostPath(Call call, const char* path, Function function) {
     if (machine->dead()) return failWith(EIO);
     if (const auto fault = machine->faults.take(call, path)) return failWith(fault->error);
     const auto use = call == Call::kRemove ? Probes::Use::kWrite : Probes::Use::kRead;
-    if (const int error = machine->probes->refusal(path, use)) return failWith(error);
+    if (const int error = machine->probes.refusal(path, use)) return failWith(error);
     if (machine->uartAt(path) != nullptr || isFpga(path)) return function(kSomeFile);
     if (machine->sysfs.exists(path)) {
         return call == Call::kRemove ? failWith(EPERM) : function(kSomeFile);

@@ -13,8 +13,7 @@ namespace {
 template <typename... Parameters, typename... Arguments>
 int32_t onBoard(int32_t (FpgaLibrary::*call)(Parameters...), Arguments... arguments) {
     Machine* machine = machineForCall();
-    return machine != nullptr && !machine->dead() ? ((*machine->fpgaLibrary).*call)(arguments...)
-                                                  : -1;
+    return machine != nullptr && !machine->dead() ? (machine->fpgaLibrary.*call)(arguments...) : -1;
 }
 
 }  // namespace

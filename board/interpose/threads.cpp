@@ -3,8 +3,8 @@
 #include <errno.h>
 #include <pthread.h>
 
+#include "board/core/real_calls.h"
 #include "board/interpose/interpose.h"
-#include "board/interpose/real_calls.h"
 #include "board/machine.h"
 
 using namespace quil::board;

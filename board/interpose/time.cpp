@@ -5,8 +5,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "board/core/real_calls.h"
 #include "board/interpose/interpose.h"
-#include "board/interpose/real_calls.h"
 #include "board/machine.h"
 
 using namespace quil::board;
@@ -35,7 +35,7 @@ bool sleepOnBoard(Nanos duration) {
     Guard guard(boardLock());
     if (machine->dead()) return true;
     machine->trace.add(EventKind::kSleep, "thread", secondsText(duration));
-    machine->scheduler.sleepUntil(machine->scheduler.now() + duration, "sleep");
+    machine->scheduler.sleepFor(duration, "sleep");
     return true;
 }
 

@@ -4,8 +4,8 @@
 #include <stdio.h>
 #include <string.h>
 
+#include "board/core/real_calls.h"
 #include "board/interpose/interpose.h"
-#include "board/interpose/real_calls.h"
 #include "board/machine.h"
 #include "platform/vendor/include/quil_bi.h"
 
@@ -33,7 +33,7 @@ int keepLogLine(int priority, const char* tag, const char* text) {
 // Without power nobody answers.
 int32_t probe(const char* part) {
     Machine* machine = machineForCall();
-    return machine != nullptr && !machine->dead() ? machine->probes->probe(part) : -1;
+    return machine != nullptr && !machine->dead() ? machine->probes.probe(part) : -1;
 }
 
 int copyProperty(std::string_view value, char* dest) {
@@ -119,7 +119,7 @@ QUIL_EXPORT int32_t bi_i2c_get_rtc_state(int32_t /*bus*/) { return probe(kRtc); 
 
 QUIL_EXPORT int32_t bi_i2c_get_audio_state(int32_t codec) {
     Machine* machine = machineForCall();
-    return machine != nullptr && !machine->dead() ? machine->probes->probeCodec(codec) : -1;
+    return machine != nullptr && !machine->dead() ? machine->probes.probeCodec(codec) : -1;
 }
 
 QUIL_EXPORT int32_t bi_i2c_get_clock_chip_state(int32_t /*bus*/) { return probe(kClockChip); }

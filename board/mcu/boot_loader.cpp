@@ -31,9 +31,21 @@ std::optional<LoaderFault> LoaderFaults::take(uint8_t command, LoaderStep step) 
 }
 
 const char* nameOf(LoaderStep step) {
-    constexpr std::array<const char*, 6> kNames = {"sync",  "command", "address",
-                                                   "count", "data",    "finished"};
-    return kNames.at(static_cast<size_t>(step));
+    switch (step) {
+        case LoaderStep::kSync:
+            return "sync";
+        case LoaderStep::kCommand:
+            return "command";
+        case LoaderStep::kAddress:
+            return "address";
+        case LoaderStep::kCount:
+            return "count";
+        case LoaderStep::kData:
+            return "data";
+        case LoaderStep::kFinished:
+            return "finished";
+    }
+    return "";
 }
 
 std::unique_ptr<BootLoader> makeBootLoader(McuFlash& flash, McuSurroundings& around,

@@ -4,11 +4,12 @@
 #include <numeric>
 #include <sstream>
 
-#include "board/core/board_directory.h"
-#include "board/machine.h"
+#include "board/core/bytes.h"
 
 namespace quil::board {
 namespace {
+
+constexpr char kValuesFile[] = "mcu/values";
 
 // The frame on the wire, little-endian, both ways.
 namespace wire {
@@ -19,39 +20,24 @@ constexpr size_t kLengthOverPayload = 22, kFrameOverPayload = 32, kPayloadMax = 
 constexpr uint8_t kTypeMask = 0x0F, kRequest = 1, kResponse = 2, kWrite = 0x20, kUnused = 0x90;
 }  // namespace wire
 
-uint16_t word16(const std::vector<uint8_t>& bytes, size_t at) {
-    return static_cast<uint16_t>(bytes[at] | bytes[at + 1] << 8);
-}
-
-uint32_t word32(const std::vector<uint8_t>& bytes, size_t at) {
-    return word16(bytes, at) | static_cast<uint32_t>(word16(bytes, at + 2)) << 16;
-}
-
 uint16_t sumOf(const std::vector<uint8_t>& bytes, size_t count) {
     return static_cast<uint16_t>(
         std::accumulate(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count), 0U));
 }
 
-void put16(std::vector<uint8_t>& bytes, size_t at, uint32_t value) {
-    bytes[at] = static_cast<uint8_t>(value);
-    bytes[at + 1] = static_cast<uint8_t>(value >> 8);
-}
-
-// An answer wears the header of its request; an unsolicited frame wears an empty one.
+// An answer has the header of its request; an unsolicited frame has an empty one.
 std::vector<uint8_t> buildAnswer(std::vector<uint8_t> header, uint32_t cmd, bool isWrite,
                                  const std::vector<uint8_t>& payload) {
     header.resize(wire::kPayloadAt);
     header[0] = wire::kMagic0;
     header[1] = wire::kMagic1;
-    put16(header, 2, 0);
-    put16(header, wire::kFixedAt, 0x0100);
-    put16(header, wire::kLengthAt,
-          static_cast<uint32_t>(payload.size() + wire::kLengthOverPayload));
+    putLittle16(header, 2, 0);
+    putLittle16(header, wire::kFixedAt, 0x0100);
+    putLittle16(header, wire::kLengthAt,
+                static_cast<uint32_t>(payload.size() + wire::kLengthOverPayload));
     header[wire::kFlagsAt] = static_cast<uint8_t>(wire::kResponse | (isWrite ? wire::kWrite : 0));
-    put16(header, wire::kCommandAt, cmd);
-    put16(header, wire::kCommandAt + 2, cmd >> 16);
-    put16(header, wire::kScopeAt, 0);
-    put16(header, wire::kScopeAt + 2, 0);
+    putLittle32(header, wire::kCommandAt, cmd);
+    putLittle32(header, wire::kScopeAt, 0);
     header.insert(header.end(), payload.begin(), payload.end());
     const uint16_t sum = sumOf(header, header.size());
     header.push_back(static_cast<uint8_t>(sum));
@@ -61,15 +47,15 @@ std::vector<uint8_t> buildAnswer(std::vector<uint8_t> header, uint32_t cmd, bool
 
 // What the firmware updater asks: a get of the version with a scope of its own.
 bool isUpdatersQuery(const std::vector<uint8_t>& frame) {
-    return word32(frame, wire::kCommandAt) == McuApplication::kVersionCommand &&
-           word32(frame, wire::kScopeAt) == McuApplication::kUpdatersScope &&
+    return little32(frame, wire::kCommandAt) == McuApplication::kVersionCommand &&
+           little32(frame, wire::kScopeAt) == McuApplication::kUpdatersScope &&
            (frame[wire::kFlagsAt] & wire::kWrite) == 0;
 }
 
 std::string describe(const char* what, const std::vector<uint8_t>& frame) {
     char text[96];
     snprintf(text, sizeof text, "%s label=%u cmd=0x%08x %s payload=%zu", what,
-             word16(frame, wire::kLabelAt), word32(frame, wire::kCommandAt),
+             little16(frame, wire::kLabelAt), little32(frame, wire::kCommandAt),
              frame[wire::kFlagsAt] & wire::kWrite ? "set" : "get",
              frame.size() - wire::kFrameOverPayload);
     return text;
@@ -77,8 +63,8 @@ std::string describe(const char* what, const std::vector<uint8_t>& frame) {
 
 }  // namespace
 
-McuApplication::McuApplication(std::filesystem::path directory, Uart& uart, int baud)
-    : directory_(std::move(directory)), uart_(uart) {
+McuApplication::McuApplication(BoardServices& board, Uart& uart, int baud)
+    : board_(board), uart_(uart) {
     line_.baud = baud;
     load();
 }
@@ -99,7 +85,7 @@ void McuApplication::stop() {
 }
 
 void McuApplication::load() {
-    std::istringstream lines(readWholeFile(directory_ / "values").value_or(""));
+    std::istringstream lines(board_.store->read(kValuesFile).value_or(""));
     for (std::string line; std::getline(lines, line);) {
         const size_t equals = line.find('=');
         if (equals == std::string::npos) continue;
@@ -113,21 +99,16 @@ void McuApplication::load() {
 
 void McuApplication::saveValues() const {
     std::string text;
-    char part[16];
+    char key[16];
     for (const auto& [cmd, bytes] : values_) {
-        snprintf(part, sizeof part, "0x%08x =", cmd);
-        text += part;
-        for (const uint8_t byte : bytes) {
-            snprintf(part, sizeof part, " %02x", byte);
-            text += part;
-        }
-        text += "\n";
+        snprintf(key, sizeof key, "0x%08x = ", cmd);
+        text += key + hexOf(bytes) + "\n";
     }
-    writeWholeFile(directory_ / "values", text);
+    board_.store->replace(kValuesFile, text);
 }
 
 void McuApplication::receive(uint8_t byte) {
-    const Nanos now = theScheduler().now();
+    const Nanos now = board_.scheduler.now();
     if (!frame_.empty() && now - lastByte_ > kLongestGap) startOver("a frame broke off");
     lastByte_ = now;
     const uint8_t expected = frame_.empty() ? wire::kMagic0 : wire::kMagic1;
@@ -142,20 +123,20 @@ void McuApplication::receive(uint8_t byte) {
     frame_.push_back(byte);
     if (frame_.size() == wire::kHeaderEnd) checkHeader();
     if (frame_.size() < wire::kHeaderEnd) return;
-    if (frame_.size() == wire::kHeaderEnd + word16(frame_, wire::kLengthAt)) checkFrame();
+    if (frame_.size() == wire::kHeaderEnd + little16(frame_, wire::kLengthAt)) checkFrame();
 }
 
 void McuApplication::startOver(const std::string& why) {
-    if (Machine* machine = poweredMachine()) machine->violation("mcu", why);
+    board_.violation("mcu", why);
     ++badFrames_;
     frame_.clear();
 }
 
 void McuApplication::checkHeader() {
     inNoise_ = false;
-    const uint16_t length = word16(frame_, wire::kLengthAt);
-    if (word16(frame_, 2) != 0) return startOver("reserved word is not 0");
-    if (word16(frame_, wire::kFixedAt) != 0x0100) return startOver("fixed word is not 0x0100");
+    const uint16_t length = little16(frame_, wire::kLengthAt);
+    if (little16(frame_, 2) != 0) return startOver("reserved word is not 0");
+    if (little16(frame_, wire::kFixedAt) != 0x0100) return startOver("fixed word is not 0x0100");
     if (length < wire::kLengthOverPayload ||
         length > wire::kLengthOverPayload + wire::kPayloadMax) {
         return startOver("length " + std::to_string(length) + " is out of range");
@@ -165,11 +146,11 @@ void McuApplication::checkHeader() {
 void McuApplication::checkFrame() {
     const size_t body = frame_.size() - 2;
     const uint8_t flags = frame_[wire::kFlagsAt];
-    if (word16(frame_, body) != sumOf(frame_, body)) return startOver("checksum is wrong");
+    if (little16(frame_, body) != sumOf(frame_, body)) return startOver("checksum is wrong");
     if ((flags & wire::kTypeMask) != wire::kRequest) return startOver("frame is no request");
     if ((flags & wire::kUnused) != 0) return startOver("unused flag bits are set");
     if (frame_[wire::kReservedAt] != 0) return startOver("reserved byte is not 0");
-    if (word32(frame_, wire::kScopeAt) != 0 && !isUpdatersQuery(frame_)) {
+    if (little32(frame_, wire::kScopeAt) != 0 && !isUpdatersQuery(frame_)) {
         return startOver("word after the command is not 0");
     }
     accept();
@@ -177,20 +158,19 @@ void McuApplication::checkFrame() {
 
 void McuApplication::accept() {
     const std::vector<uint8_t> frame = std::exchange(frame_, {});
-    Request request{theScheduler().now(),
-                    word16(frame, wire::kLabelAt),
+    Request request{board_.scheduler.now(),
+                    little16(frame, wire::kLabelAt),
                     frame[wire::kFlagsAt],
                     (frame[wire::kFlagsAt] & wire::kWrite) != 0,
-                    word32(frame, wire::kCommandAt),
+                    little32(frame, wire::kCommandAt),
                     {frame.begin() + wire::kPayloadAt, frame.end() - 2},
                     frame};
-    Machine* machine = poweredMachine();
-    if (machine != nullptr && machine->trace.recording()) {
-        machine->trace.add(EventKind::kFrame, "mcu", describe("request", frame), frame);
+    if (board_.trace.recording()) {
+        board_.trace.add(EventKind::kFrame, "mcu", describe("request", frame), frame);
         requests_.push_back(request);
         framesSeen_.push_back(frame);
     }
-    if (machine == nullptr || machine->dead()) return;
+    if (!board_.power.isOn()) return;
     answer(request);
 }
 
@@ -226,16 +206,14 @@ void McuApplication::answer(const Request& request) {
     const auto headerEnd = request.frame.begin() + wire::kPayloadAt;
     auto frame =
         buildAnswer({request.frame.begin(), headerEnd}, request.cmd, request.isWrite, payload);
-    theScheduler().at(theScheduler().now() + answerDelay_,
-                      [this, epoch = epoch_, frame = std::move(frame)] {
-                          if (epoch == epoch_) send(frame);
-                      });
+    board_.scheduler.at(board_.scheduler.now() + kAnswerDelay,
+                        [this, epoch = epoch_, frame = std::move(frame)] {
+                            if (epoch == epoch_) send(frame);
+                        });
 }
 
 void McuApplication::send(std::vector<uint8_t> frame) {
-    if (Machine* machine = poweredMachine()) {
-        machine->trace.add(EventKind::kFrame, "mcu", describe("answer", frame), frame);
-    }
+    board_.trace.add(EventKind::kFrame, "mcu", describe("answer", frame), frame);
     if (corrupt_) frame[frame.size() - 2] ^= 0x01;
     uart_.sendToHost(noiseBefore_);
     uart_.sendToHost(frame);
@@ -257,11 +235,6 @@ size_t McuApplication::badFrames() const {
     return badFrames_;
 }
 
-void McuApplication::setAnswerDelay(Nanos delay) {
-    Guard guard(boardLock());
-    answerDelay_ = delay;
-}
-
 void McuApplication::setSilent(bool silent) {
     Guard guard(boardLock());
     silent_ = silent;
@@ -281,11 +254,6 @@ void McuApplication::setCorruptAnswers(bool corrupt) {
 void McuApplication::setAnswer(uint32_t cmd, std::vector<uint8_t> payload) {
     Guard guard(boardLock());
     fixedAnswers_[cmd] = std::move(payload);
-}
-
-void McuApplication::setVersion(std::string version) {
-    Guard guard(boardLock());
-    version_ = std::move(version);
 }
 
 void McuApplication::setLine(LineSettings line) {

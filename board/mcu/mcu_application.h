@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <map>
 #include <string>
 #include <vector>
@@ -30,9 +29,10 @@ class McuApplication : public UartPeer {
     static constexpr uint32_t kUpdatersScope = 0x00030000;
     static constexpr size_t kIdentificationPart = 16, kIdentificationVersion = 16;
     static constexpr Nanos kLongestGap = std::chrono::milliseconds(50);  // inside one frame
+    static constexpr Nanos kAnswerDelay = std::chrono::milliseconds(1);  // after the last byte
 
-    // `directory` holds the file "values". Nothing is heard or said before start.
-    McuApplication(std::filesystem::path directory, Uart&, int baud);
+    // Keeps its values in the board's file "mcu/values". Hears and says nothing before start.
+    McuApplication(BoardServices&, Uart&, int baud);
     ~McuApplication() override;
     McuApplication(const McuApplication&) = delete;
     McuApplication& operator=(const McuApplication&) = delete;
@@ -40,12 +40,10 @@ class McuApplication : public UartPeer {
     std::vector<Request> requests() const;
     std::vector<std::vector<uint8_t>> framesSeen() const;  // every well-formed frame, in order
     size_t badFrames() const;
-    void setAnswerDelay(Nanos);  // from the last byte of a request, default 1 ms
     void setSilent(bool);
     void setNoise(std::vector<uint8_t> before, std::vector<uint8_t> after);  // around each answer
     void setCorruptAnswers(bool);  // flips a bit of the checksum
     void setAnswer(uint32_t cmd, std::vector<uint8_t> payload);
-    void setVersion(std::string);  // says this one until the next start
     void setLine(LineSettings);
     void sendUnsolicited(const std::vector<uint8_t>& payload, uint32_t cmd);
 
@@ -68,7 +66,7 @@ class McuApplication : public UartPeer {
     void load();
     void saveValues() const;
 
-    std::filesystem::path directory_;
+    BoardServices& board_;
     Uart& uart_;
     LineSettings line_;
     std::string partName_, version_;
@@ -81,7 +79,6 @@ class McuApplication : public UartPeer {
     size_t badFrames_ = 0;
     std::vector<Request> requests_;
     std::vector<std::vector<uint8_t>> framesSeen_;
-    Nanos answerDelay_ = std::chrono::milliseconds(1);
     bool silent_ = false, corrupt_ = false;
     std::vector<uint8_t> noiseBefore_, noiseAfter_;
 };

@@ -1,21 +1,39 @@
 #include "board/mcu/mcu_chip.h"
 
-#include "board/machine.h"
+#include "board/devices/ini_reader.h"
 
 namespace quil::board {
+namespace {
+
+constexpr char kFlashFile[] = "mcu/flash";
+
+}  // namespace
 
 const char* nameOf(McuChip::State state) {
-    constexpr std::array<const char*, 6> kNames = {"in reset",    "starting", "boot loader",
-                                                   "application", "no image", "elsewhere"};
-    return kNames.at(static_cast<size_t>(state));
+    switch (state) {
+        case McuChip::State::kInReset:
+            return "in reset";
+        case McuChip::State::kStarting:
+            return "starting";
+        case McuChip::State::kBootLoader:
+            return "boot loader";
+        case McuChip::State::kApplication:
+            return "application";
+        case McuChip::State::kNoImage:
+            return "no image";
+        case McuChip::State::kElsewhere:
+            return "elsewhere";
+    }
+    return "";
 }
 
-McuChip::McuChip(const McuPart& part, const std::filesystem::path& directory, Uart& uart,
-                 GpioLines& gpio, McuApplication& application)
-    : uart_(uart),
+McuChip::McuChip(BoardServices& board, const McuPart& part, Uart& uart, GpioLines& gpio,
+                 McuApplication& application)
+    : board_(board),
+      uart_(uart),
       boot0_(gpio.at(kGpioBoot0)),
       application_(application),
-      flash_(part, directory / "flash"),
+      flash_(part, *board.store, kFlashFile),
       loader_(makeBootLoader(flash_, *this, faults_)) {
     gpio.at(kGpioNrst).onEdge([this](int level) { onReset(level); });
     uart_.attach(this);
@@ -99,10 +117,10 @@ LineSettings McuChip::lineSettings() const {
     return uart_.hostLine();
 }
 
-Nanos McuChip::now() const { return theScheduler().now(); }
+Nanos McuChip::now() const { return board_.scheduler.now(); }
 
 void McuChip::after(Nanos delay, std::function<void()> action) {
-    theScheduler().at(now() + delay, [this, epoch = epoch_, action = std::move(action)] {
+    board_.scheduler.at(now() + delay, [this, epoch = epoch_, action = std::move(action)] {
         if (epoch == epoch_) action();
     });
 }
@@ -112,23 +130,17 @@ void McuChip::send(std::vector<uint8_t> bytes) { uart_.sendToHost(bytes); }
 LineSettings McuChip::hostLine() const { return uart_.hostLine(); }
 
 void McuChip::note(const std::string& text) {
-    if (Machine* machine = poweredMachine()) {
-        machine->trace.add(EventKind::kMcu, part().name, text);
-    }
+    board_.trace.add(EventKind::kMcu, part().name, text);
 }
 
-void McuChip::violation(const std::string& text) {
-    if (Machine* machine = poweredMachine()) machine->violation(part().name, text);
-}
+void McuChip::violation(const std::string& text) { board_.violation(part().name, text); }
 
 void McuChip::operate(const std::string& what, std::function<Nanos(McuFlash&)> start,
                       std::function<void(const std::string&)> done) {
-    Machine* machine = poweredMachine();
-    if (machine == nullptr) return;
-    const auto cut = machine->trace.add(EventKind::kFlash, part().name, what);
+    const auto cut = board_.trace.add(EventKind::kFlash, part().name, what);
     if (cut == CutPosition::kBefore) return;
     const Nanos takes = start(flash_);
-    if (cut == CutPosition::kInside) flash_.powerLost(machine->trace.count());
+    if (cut == CutPosition::kInside) flash_.powerLost(board_.trace.count());
     if (cut == CutPosition::kAfter) flash_.finish();
     if (!cut) after(takes, [this, done = std::move(done)] { done(flash_.finish()); });
 }
@@ -153,7 +165,8 @@ const McuPart& partOfProductFile(const std::filesystem::path& productFile) {
 
 McuImageCheck checkFlashedMcu(const std::filesystem::path& boardDirectory) {
     const McuPart& part = partOfProductFile(boardDirectory / "rootfs/vendor/etc/product.ini");
-    const McuFlash flash(part, boardDirectory / "mcu/flash");
+    DirectoryStore store(boardDirectory);
+    const McuFlash flash(part, store, kFlashFile);
     return checkMcuImage(part, flash.cells());
 }
 

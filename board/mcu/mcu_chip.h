@@ -25,9 +25,8 @@ class McuChip : public UartPeer, private McuSurroundings {
     // From the rise of NRST until the part listens.
     static constexpr Nanos kStartTime = std::chrono::microseconds(500);
 
-    // `directory` holds the file "flash".
-    McuChip(const McuPart&, const std::filesystem::path& directory, Uart&, GpioLines&,
-            McuApplication&);
+    // The board keeps the flash in the file "mcu/flash".
+    McuChip(BoardServices&, const McuPart&, Uart&, GpioLines&, McuApplication&);
     ~McuChip() override;
     McuChip(const McuChip&) = delete;
     McuChip& operator=(const McuChip&) = delete;
@@ -65,6 +64,7 @@ class McuChip : public UartPeer, private McuSurroundings {
     void startFromReset();
     void startApplication();
 
+    BoardServices& board_;
     Uart& uart_;
     GpioLine& boot0_;
     McuApplication& application_;
@@ -81,7 +81,7 @@ const char* nameOf(McuChip::State);
 
 // The part that a product file names as mcu_serial; the GD32F303 where it names none that is known.
 const McuPart& partOfProductFile(const std::filesystem::path& productFile);
-// What the MCU of a board directory would start from.
+// What the MCU would find in its flash if the board in this directory were powered on.
 McuImageCheck checkFlashedMcu(const std::filesystem::path& boardDirectory);
 
 }  // namespace quil::board

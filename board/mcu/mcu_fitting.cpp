@@ -4,7 +4,7 @@
 #include <sstream>
 #include <stdexcept>
 
-#include "board/core/board_directory.h"
+#include "board/core/whole_file.h"
 #include "board/mcu/mcu_chip.h"
 #include "board/mcu/mcu_image.h"
 

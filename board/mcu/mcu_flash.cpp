@@ -5,20 +5,14 @@
 #include <stdexcept>
 #include <utility>
 
-#include "board/core/board_directory.h"
+#include "board/core/bytes.h"
 
 namespace quil::board {
 namespace {
 
-std::filesystem::path beside(std::filesystem::path file, const char* name) {
-    return file.replace_filename(name);
-}
-
-// Where in `size` steps the power went.
-uint32_t tornAt(uint64_t seed, size_t size) {
-    uint64_t mixed = (seed + 0x9E3779B97F4A7C15) * 0xBF58476D1CE4E5B9;
-    mixed ^= mixed >> 29;
-    return static_cast<uint32_t>(mixed % (size + 1));
+std::string optionsBeside(const std::string& file) {
+    const size_t slash = file.rfind('/');
+    return file.substr(0, slash == std::string::npos ? 0 : slash + 1) + "option_bytes";
 }
 
 std::string hexAddress(uint32_t offset) {
@@ -29,9 +23,9 @@ std::string hexAddress(uint32_t offset) {
 
 }  // namespace
 
-McuFlash::McuFlash(const McuPart& part, std::filesystem::path file)
-    : part_(part), file_(std::move(file)), optionsFile_(beside(file_, "option_bytes")) {
-    std::string kept = readWholeFile(file_).value_or("");
+McuFlash::McuFlash(const McuPart& part, Store& store, std::string file)
+    : part_(part), store_(store), file_(std::move(file)), optionsFile_(optionsBeside(file_)) {
+    std::string kept = store_.read(file_).value_or("");
     kept.resize(std::min<size_t>(kept.size(), part.flashSize()));
     cells_.assign(part.flashSize(), 0xFF);
     std::copy(kept.begin(), kept.end(), cells_.begin());
@@ -48,7 +42,7 @@ McuFlash::~McuFlash() {
 }
 
 void McuFlash::loadOptions() {
-    std::istringstream lines(readWholeFile(optionsFile_).value_or(""));
+    std::istringstream lines(store_.read(optionsFile_).value_or(""));
     for (std::string name, equals; lines >> name >> equals;) {
         if (name == "readout_protected") lines >> readoutProtected_;
         uint32_t page = 0;
@@ -60,14 +54,14 @@ void McuFlash::loadOptions() {
 void McuFlash::save() {
     if (std::exchange(changed_, false)) {
         while (used_ > 0 && cells_[used_ - 1] == 0xFF) --used_;
-        writeWholeFile(file_, {reinterpret_cast<const char*>(cells_.data()), used_});
+        store_.replace(file_, textOf(cells()).substr(0, used_));
     }
     if (!std::exchange(optionsChanged_, false)) return;
     std::string text = "readout_protected = " + std::to_string(readoutProtected_) + "\n";
     for (const uint32_t page : writeProtected_) {
         text += "write_protected = " + std::to_string(page) + "\n";
     }
-    writeWholeFile(optionsFile_, text);
+    store_.replace(optionsFile_, text);
 }
 
 McuFlash::Page McuFlash::page(uint32_t number) const {
@@ -134,17 +128,17 @@ std::string McuFlash::finish() {
 void McuFlash::powerLost(uint64_t seed) {
     const Operation torn = std::exchange(operation_, {});
     if (torn.kind == Operation::kProgram) {
-        const uint32_t done = tornAt(seed, torn.bytes.size());
+        const auto done = static_cast<uint32_t>(tornAt(seed, torn.bytes.size()));
         program(torn.offset, std::span(torn.bytes).first(done));
         if (done < torn.bytes.size()) {
             cells_[torn.offset + done] &= static_cast<uint8_t>(torn.bytes[done] | 0x55);
             used_ = std::max<size_t>(used_, torn.offset + done + 1);
         }
     } else if (!torn.pages.empty()) {
-        const uint32_t done = tornAt(seed, torn.pages.size() - 1);
-        for (uint32_t i = 0; i < done; ++i) erase(page(torn.pages[i]));
+        const size_t done = tornAt(seed, torn.pages.size() - 1);
+        for (size_t i = 0; i < done; ++i) erase(page(torn.pages[i]));
         const Page half = page(torn.pages[done]);
-        erase({half.offset, tornAt(seed + 1, half.size)});
+        erase({half.offset, static_cast<uint32_t>(tornAt(seed + 1, half.size))});
     }
 }
 

@@ -1,4 +1,5 @@
-// The flash memory of the microcontroller, kept in a file of the board directory.
+// The flash memory of the microcontroller, kept in one file, with its protection in a second one,
+// "option_bytes", beside it.
 //
 // NOR: an erase sets every bit of a page, programming clears bits, a unit that is not erased must
 // not be programmed. An operation takes its time; until it is finished the cells keep what they
@@ -6,12 +7,12 @@
 #pragma once
 
 #include <cstdint>
-#include <filesystem>
 #include <set>
 #include <span>
 #include <string>
 #include <vector>
 
+#include "board/core/store.h"
 #include "board/core/trace.h"
 #include "board/mcu/mcu_parts.h"
 
@@ -23,8 +24,8 @@ class McuFlash {
         uint32_t offset, size;
     };
 
-    // The file holds the flash from its start; what it does not reach to is erased.
-    McuFlash(const McuPart&, std::filesystem::path file);
+    // The file holds the flash from its start; what lies behind the file's end is erased.
+    McuFlash(const McuPart&, Store&, std::string file);
     ~McuFlash();
     McuFlash(const McuFlash&) = delete;
     McuFlash& operator=(const McuFlash&) = delete;
@@ -44,7 +45,7 @@ class McuFlash {
     bool busy() const { return operation_.kind != Operation::kNone; }
     // The end of the operation. Returns what broke the rules, "" when nothing did.
     std::string finish();
-    // Power goes. What the operation under way has done by then depends on the seed alone.
+    // Power goes. The seed alone decides how much of the operation under way is done.
     void powerLost(uint64_t seed);
 
     // Protection outlives the power, as option bytes do.
@@ -53,7 +54,7 @@ class McuFlash {
     const std::set<uint32_t>& writeProtectedPages() const { return writeProtected_; }
     void setWriteProtected(std::set<uint32_t> pages);
 
-    void save();  // writes the files where something changed; also done at the end
+    void save();  // writes the files if something changed; the destructor does so too
 
   private:
     struct Operation {
@@ -69,7 +70,8 @@ class McuFlash {
     void loadOptions();
 
     const McuPart& part_;
-    const std::filesystem::path file_, optionsFile_;
+    Store& store_;
+    const std::string file_, optionsFile_;
     std::vector<uint8_t> cells_;
     size_t used_ = 0;  // all cells from here on are erased
     Operation operation_;

@@ -2,9 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <functional>
 #include <numeric>
 #include <utility>
+
+#include "board/core/bytes.h"
 
 namespace quil::board {
 namespace {
@@ -16,26 +17,15 @@ constexpr size_t kBlockAt = kPayloadAt + kKeySize, kLongestPayload = 148, kInfoS
 constexpr int kSpeed = 9600;
 constexpr uint32_t kCrcStart = 0xFFFFFFFF;
 
-uint32_t word16(std::span<const uint8_t> bytes, size_t at) {
-    return static_cast<uint32_t>(bytes[at] | bytes[at + 1] << 8);
-}
-
-uint32_t word32(std::span<const uint8_t> bytes, size_t at) {
-    return word16(bytes, at) | word16(bytes, at + 2) << 16;
-}
-
-// As the part's CRC unit does it: a word at a time, its most significant bit first.
+// As the part's CRC unit does it: a word at a time, its most significant bit first. No zip file has
+// this bit order, and zlib has no CRC for it.
 uint32_t crcOf(std::span<const uint8_t> bytes) {
     uint32_t crc = kCrcStart;
     for (size_t at = 0; at + 4 <= bytes.size(); at += 4) {
-        crc ^= word32(bytes, at);
+        crc ^= little32(bytes, at);
         for (int bit = 0; bit < 32; ++bit) crc = crc << 1 ^ (crc >> 31 != 0 ? 0x04C11DB7 : 0);
     }
     return crc;
-}
-
-uint8_t xorOf(const std::vector<uint8_t>& bytes) {
-    return std::accumulate(bytes.begin(), bytes.end(), uint8_t{0}, std::bit_xor<>());
 }
 
 }  // namespace
@@ -81,7 +71,7 @@ void N32BootLoader::receive(uint8_t byte) {
     inNoise_ = false;
     frame_.push_back(byte);
     if (frame_.size() < kPayloadAt) return;
-    const size_t length = word16(frame_, kPayloadLengthAt);
+    const size_t length = little16(frame_, kPayloadLengthAt);
     if (length > kLongestPayload) return startOver("a request of so many bytes");
     if (frame_.size() == kPayloadAt + length + 1) frame();
 }
@@ -93,7 +83,7 @@ void N32BootLoader::startOver(const std::string& why) {
 
 void N32BootLoader::frame() {
     const CommandRow* row = rowOf(frame_[kCommandAt]);
-    const size_t length = word16(frame_, kPayloadLengthAt);
+    const size_t length = little16(frame_, kPayloadLengthAt);
     if (xorOf(frame_) != 0) {
         refuse(N32Refusal::kCheckByte, "the check byte is wrong");
     } else if (row == nullptr || frame_[kCommandAt + 1] != 0) {
@@ -107,7 +97,7 @@ void N32BootLoader::frame() {
 }
 
 bool N32BootLoader::keyIsZero() const {
-    if (word16(frame_, kPayloadLengthAt) < kKeySize) return true;
+    if (little16(frame_, kPayloadLengthAt) < kKeySize) return true;
     return std::all_of(frame_.begin() + kPayloadAt, frame_.begin() + kBlockAt,
                        [](uint8_t byte) { return byte == 0; });
 }
@@ -154,7 +144,7 @@ void N32BootLoader::refuse(N32Refusal reason, const std::string& why, bool viola
 }
 
 void N32BootLoader::handshake() {
-    const uint32_t speed = word32(frame_, kParameterAt);
+    const uint32_t speed = little32(frame_, kParameterAt);
     if (speed != 0x80250000) return refuse(N32Refusal::kParameter, "another speed than 9600");
     succeed(kTurnaround);
 }
@@ -167,7 +157,8 @@ void N32BootLoader::getInfo() {
 }
 
 void N32BootLoader::erase() {
-    const uint32_t first = word16(frame_, kParameterAt), count = word16(frame_, kParameterAt + 2);
+    const uint32_t first = little16(frame_, kParameterAt),
+                   count = little16(frame_, kParameterAt + 2);
     if (first + count > flash_.part().pageCount()) {
         return refuse(N32Refusal::kParameter, "an erase of a page that the part has not");
     }
@@ -186,8 +177,8 @@ void N32BootLoader::erase() {
 }
 
 void N32BootLoader::download() {
-    const uint32_t address = word32(frame_, kParameterAt);
-    const size_t size = word16(frame_, kPayloadLengthAt) - kKeySize - 4;
+    const uint32_t address = little32(frame_, kParameterAt);
+    const size_t size = little16(frame_, kPayloadLengthAt) - kKeySize - 4;
     const std::vector<uint8_t> data(frame_.begin() + kBlockAt,
                                     frame_.begin() + static_cast<std::ptrdiff_t>(kBlockAt + size));
     if (size % 16 != 0) return refuse(N32Refusal::kLength, "data that are no multiple of 16");
@@ -195,7 +186,7 @@ void N32BootLoader::download() {
     if (address < kMcuFlashBase || offset % 16 != 0 || offset + size > flash_.part().flashSize()) {
         return refuse(N32Refusal::kParameter, "an address outside the flash");
     }
-    if (word32(frame_, kBlockAt + size) != crcOf(data)) {
+    if (little32(frame_, kBlockAt + size) != crcOf(data)) {
         return refuse(N32Refusal::kBlockCrc, "the block's CRC is wrong");
     }
     char what[48];
@@ -218,8 +209,8 @@ void N32BootLoader::download() {
 // Hosts count 16 bytes too many for an image of whole 16 bytes, and continue the CRC of an earlier
 // session: a wrong CRC is their habit, no violation.
 void N32BootLoader::checkCrc() {
-    const uint32_t expected = word32(frame_, kParameterAt);
-    const uint32_t address = word32(frame_, kBlockAt), length = word32(frame_, kBlockAt + 4);
+    const uint32_t expected = little32(frame_, kParameterAt);
+    const uint32_t address = little32(frame_, kBlockAt), length = little32(frame_, kBlockAt + 4);
     const uint32_t offset = address - kMcuFlashBase, size = flash_.part().flashSize();
     if (address < kMcuFlashBase || offset > size || length > size - offset) {
         return refuse(N32Refusal::kParameter, "a CRC outside the flash", false);

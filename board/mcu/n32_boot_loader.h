@@ -7,18 +7,18 @@
 //   0x01 handshake       parameter: the line's speed, big-endian
 //   0x10 get info        answers 51 bytes
 //   0x30 flash erase     parameter: first page (2), pages (2); payload: 16 zero bytes
-//   0x31 flash download  parameter: address; payload: 16 zero bytes, data (a multiple of 16, at
-//   most
-//                        128), the data's CRC. Answered no sooner than 60 ms after the request:
-//                        hosts flush their input 100 ms after sending, and count on what comes
-//                        later.
-//   0x32 CRC check       parameter: the CRC of all data since the handshake; payload: 16 zero
-//   bytes,
-//                        address, length. The CRC of the flash there has to be the same.
+//   0x31 flash download  parameter: address
+//                        payload: 16 zero bytes, data (a multiple of 16, at most 128), its CRC
+//   0x32 CRC check       parameter: the CRC of all data since the handshake
+//                        payload: 16 zero bytes, address, length
+//
+// A download is answered no sooner than 60 ms after the request: hosts flush their input for a
+// while after sending, and expect the answer later. A CRC check succeeds when the flash at that
+// address has that CRC.
 //
 // The CRC is that of STM32-class CRC units: polynomial 0x04C11DB7, initial value 0xFFFFFFFF, over
 // 32-bit words. Status 0xA0 0x00 is success; 0xB0 and a reason (N32Refusal) is not. What no healthy
-// host sends is a violation as well.
+// host sends is recorded as a violation as well.
 #pragma once
 
 #include "board/mcu/boot_loader.h"

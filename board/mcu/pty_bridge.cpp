@@ -9,7 +9,7 @@
 #include <array>
 #include <stdexcept>
 
-#include "board/interpose/real_calls.h"
+#include "board/core/real_calls.h"
 
 namespace quil::board {
 namespace {
@@ -39,7 +39,8 @@ int openMaster(std::string& port) {
 class PtyBridge::Part : public McuSurroundings {
   public:
     Part(const PtyBridgeOptions& options, int master)
-        : flash(partOf(options.part), options.flash),
+        : store_(options.flash.parent_path()),
+          flash(partOf(options.part), store_, options.flash.filename()),
           loader(makeBootLoader(flash, *this, faults)),
           master_(master),
           realtime_(options.realtime) {
@@ -101,6 +102,10 @@ class PtyBridge::Part : public McuSurroundings {
         return std::clamp(static_cast<int>(left.count()), 0, kLongestWaitMs);
     }
 
+  private:
+    DirectoryStore store_;
+
+  public:
     McuFlash flash;
     LoaderFaults faults;
     std::vector<std::string> violations;

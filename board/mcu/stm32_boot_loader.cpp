@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
-#include <functional>
-#include <numeric>
 #include <utility>
+
+#include "board/core/bytes.h"
 
 namespace quil::board {
 namespace {
@@ -15,7 +15,7 @@ constexpr int kSlowest = 1200, kFastest = 115200;  // bit/s
 constexpr size_t kMostPages = 512;                 // numbers that an extended erase takes
 constexpr uint16_t kEraseEverything = 0xFFFF, kFirstSpecial = 0xFFF0;
 
-std::string hex(const char* format, uint32_t value) {
+std::string formatted(const char* format, uint32_t value) {
     char text[48];
     snprintf(text, sizeof text, format, value);
     return text;
@@ -74,7 +74,7 @@ void Stm32BootLoader::receive(uint8_t byte) {
 void Stm32BootLoader::synchronise(uint8_t byte) {
     const LineSettings line = around_.hostLine();
     if (line.baud < kSlowest || line.baud > kFastest || byte != kSync) {
-        return around_.note("no synchronisation with " + hex("0x%02x", byte) + " at " +
+        return around_.note("no synchronisation with " + formatted("0x%02x", byte) + " at " +
                             std::to_string(line.baud) + " bit/s");
     }
     line_ = line;
@@ -103,7 +103,7 @@ void Stm32BootLoader::awaitCommand() { expect(2, &Stm32BootLoader::command); }
 bool Stm32BootLoader::passes(LoaderStep step) {
     const auto fault = faults_.take(code_, step);
     if (!fault) return true;
-    around_.note(std::string("fault at ") + nameOf(step) + hex(" of command 0x%02x", code_));
+    around_.note(std::string("fault at ") + nameOf(step) + formatted(" of command 0x%02x", code_));
     if (fault->kind == LoaderFault::Kind::kLate) {
         late_ = fault->delay;
         return true;
@@ -136,19 +136,17 @@ void Stm32BootLoader::refuse(const std::string& why, bool violation) {
     answer({kNack});
 }
 
-bool Stm32BootLoader::xorIsRight() {
-    return std::accumulate(in_.begin(), in_.end(), 0U, std::bit_xor<>()) == 0;
-}
+bool Stm32BootLoader::xorIsRight() { return xorOf(in_) == 0; }
 
 void Stm32BootLoader::command() {
     code_ = in_[0];
     if (in_[1] != static_cast<uint8_t>(~code_)) {
-        return refuse(hex("command 0x%02x without its complement", code_));
+        return refuse(formatted("command 0x%02x without its complement", code_));
     }
     const CommandRow* row = rowOf(code_);
     const auto& known = part_.commands;
     if (row == nullptr || std::find(known.begin(), known.end(), code_) == known.end()) {
-        return refuse(hex("no command 0x%02x", code_), false);
+        return refuse(formatted("no command 0x%02x", code_), false);
     }
     if (row->refusedUnderReadoutProtection && flash_.readoutProtected()) {
         return refuse(std::string(row->name) + " under read-out protection", false);
@@ -201,12 +199,11 @@ bool Stm32BootLoader::inRam(uint32_t address, size_t size) const {
 
 // False when the address was refused or a fault took it.
 bool Stm32BootLoader::takeAddress() {
-    address_ = static_cast<uint32_t>(in_[0]) << 24 | static_cast<uint32_t>(in_[1]) << 16 |
-               static_cast<uint32_t>(in_[2]) << 8 | in_[3];
+    address_ = big32(in_, 0);
     if (!xorIsRight()) {
         refuse("the address's XOR is wrong");
     } else if (!inFlash(address_, 1) && !inRam(address_, 1)) {
-        refuse(hex("address 0x%08x is neither flash nor RAM", address_));
+        refuse(formatted("address 0x%08x is neither flash nor RAM", address_));
     } else {
         return acknowledge(LoaderStep::kAddress);
     }
@@ -266,7 +263,7 @@ void Stm32BootLoader::writeCount() {
 void Stm32BootLoader::writeData() {
     const uint32_t count = in_[0] + 1U;
     if (!xorIsRight()) return refuse("the data's XOR is wrong");
-    if (address_ % 4 != 0) return refuse(hex("0x%08x is on no word", address_));
+    if (address_ % 4 != 0) return refuse(formatted("0x%08x is on no word", address_));
     if (count % part_.writeMultiple != 0) {
         return refuse(std::to_string(count) + " bytes are no multiple of " +
                       std::to_string(part_.writeMultiple));
@@ -284,7 +281,7 @@ void Stm32BootLoader::writeData() {
 
 void Stm32BootLoader::programFlash(uint32_t offset) {
     std::vector<uint8_t> bytes(in_.begin() + 1, in_.end() - 1);
-    const std::string what = hex("program 0x%08x", kMcuFlashBase + offset) + ", " +
+    const std::string what = formatted("program 0x%08x", kMcuFlashBase + offset) + ", " +
                              std::to_string(bytes.size()) + " bytes";
     operate(
         what,
@@ -326,7 +323,7 @@ void Stm32BootLoader::extendedCount() {
 void Stm32BootLoader::specialErase() {
     const auto request = static_cast<uint16_t>(in_[0] << 8 | in_[1]);
     if (!xorIsRight()) return refuse("the erase request's XOR is wrong");
-    if (request != kEraseEverything) return refuse(hex("no special erase 0x%04x", request));
+    if (request != kEraseEverything) return refuse(formatted("no special erase 0x%04x", request));
     massErase();
 }
 

@@ -17,6 +17,7 @@
 
 #include "board/board.h"
 #include "board/core/temporary_directory.h"
+#include "board/core/whole_file.h"
 
 namespace quil::tests {
 

@@ -1,9 +1,6 @@
 // The microcontroller's flash: page maps, the NOR rules, times, and what power that goes leaves.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
-
-#include <filesystem>
 
 #include "board/board.h"
 #include "board/mcu/mcu_flash.h"
@@ -21,13 +18,7 @@ using Bytes = std::vector<uint8_t>;
 
 class BoardFlash : public testing::Test {
   protected:
-    BoardFlash() { std::filesystem::remove_all(directory); }
-    ~BoardFlash() override { std::filesystem::remove_all(directory); }
-
-    McuFlash flashOf(McuKind kind) {
-        std::filesystem::create_directories(directory);
-        return McuFlash(partOf(kind), directory / "flash");
-    }
+    McuFlash flashOf(McuKind kind) { return McuFlash(partOf(kind), store, "mcu/flash"); }
     static Bytes cells(const McuFlash& flash, uint32_t offset, size_t size) {
         const auto span = flash.cells().subspan(offset, size);
         return {span.begin(), span.end()};
@@ -37,8 +28,7 @@ class BoardFlash : public testing::Test {
         return flash.finish();
     }
 
-    const std::filesystem::path directory =
-        std::filesystem::temp_directory_path() / ("board-flash-" + std::to_string(getpid()));
+    MemoryStore store;
 };
 
 struct Map {
@@ -128,7 +118,9 @@ TEST_F(BoardFlash, ContentsAndProtectionOutliveThePower) {
         flash.setReadoutProtected(true);
         flash.setWriteProtected({3, 5});
     }
-    EXPECT_EQ(std::filesystem::file_size(directory / "flash"), 7U);
+    EXPECT_EQ(store.read("mcu/flash").value_or("").size(), 7U);
+    EXPECT_EQ(store.read("mcu/option_bytes"),
+              "readout_protected = 1\nwrite_protected = 3\nwrite_protected = 5\n");
     const McuFlash flash = flashOf(McuKind::kGd32F303);
     EXPECT_THAT(cells(flash, 3, 5), ElementsAre(0xFF, 1, 2, 3, 0xFF));
     EXPECT_TRUE(flash.readoutProtected());
@@ -139,7 +131,7 @@ TEST_F(BoardFlash, ContentsAndProtectionOutliveThePower) {
 TEST_F(BoardFlash, PowerThatGoesInAProgrammingLeavesAPartOfItTheSameForTheSameSeed) {
     std::set<size_t> lengths;
     for (uint64_t seed = 0; seed < 50; ++seed) {
-        std::filesystem::remove_all(directory);
+        store = MemoryStore();
         McuFlash flash = flashOf(McuKind::kGd32F303);
         flash.startProgram(0, Bytes(64, 0));
         flash.powerLost(seed);
@@ -154,7 +146,7 @@ TEST_F(BoardFlash, PowerThatGoesInAProgrammingLeavesAPartOfItTheSameForTheSameSe
                         Each(0xFF));
         }
         lengths.insert(done);
-        McuFlash same(partOf(McuKind::kGd32F303), directory / "other");
+        McuFlash same(partOf(McuKind::kGd32F303), store, "other");
         same.startProgram(0, Bytes(64, 0));
         same.powerLost(seed);
         EXPECT_EQ(cells(same, 0, 65), left);

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "board/board.h"
+#include "board/core/bytes.h"
 #include "board/fpga/fpga_image.h"
 #include "platform/vendor/include/quil_hal.h"
 
@@ -339,7 +340,7 @@ TEST(FpgaImage, HasItsHeaderSizeAndCrc) {
 
 TEST(FpgaImage, CrcIsThePublishedOne) {
     const std::string digits = "123456789";  // the check value that every catalogue of CRCs gives
-    EXPECT_EQ(crc32({reinterpret_cast<const uint8_t*>(digits.data()), digits.size()}), 0xCBF43926U);
+    EXPECT_EQ(crc32Of(bytesOf(digits)), 0xCBF43926U);
 }
 
 TEST(FpgaImage, ThatCannotBeIsRefused) {

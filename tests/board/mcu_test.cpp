@@ -8,6 +8,7 @@
 #include <unistd.h>
 
 #include "board/board.h"
+#include "board/core/whole_file.h"
 
 namespace {
 

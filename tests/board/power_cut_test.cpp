@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "board/core/temporary_directory.h"
+#include "board/core/whole_file.h"
 #include "tests/board/boot_loader_test.h"
 
 namespace quil::tests {

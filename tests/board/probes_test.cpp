@@ -70,7 +70,9 @@ TEST(BoardProbes, StatesOutliveThePower) {
     Board first;
     first.probes().setHealth(kRtc, Health::kAbsent);
     first.probes().setSdCard(SdCard::kReadOnly);
-    const Probes again(first.directory() / "parts", 1);
+    Scheduler unused;
+    BoardServices off(unused, std::make_unique<DirectoryStore>(first.directory()));
+    const Probes again(off, 1);
     EXPECT_EQ(again.health(kRtc), Health::kAbsent);
     EXPECT_EQ(again.sdCard(), SdCard::kReadOnly);
     first.probes().restore({});

@@ -150,7 +150,9 @@ TEST_F(BoardSerialFlash, PageThatIsLostSilentlyStaysErased) {
 TEST_F(BoardSerialFlash, ContentsOutliveThePower) {
     ASSERT_EQ(run("mtd_debug erase /dev/mtd0 0 0xD00000"), 0);
     ASSERT_EQ(run("mtd_debug write /dev/mtd0 0 65536 /vendor/firmware/fpga_Heron.bin"), 0);
-    const SerialFlash again(board.directory() / "mtd0");
+    Scheduler unused;
+    BoardServices off(unused, std::make_unique<DirectoryStore>(board.directory()));
+    const SerialFlash again(off);
     EXPECT_EQ(again.read(0, 70000), board.flash().read(0, 70000));
     EXPECT_EQ(std::filesystem::file_size(board.directory() / "mtd0"), again.usedSize());
 }

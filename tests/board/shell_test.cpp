@@ -9,6 +9,7 @@
 #include <fstream>
 
 #include "board/board.h"
+#include "board/core/whole_file.h"
 
 namespace {
 

@@ -11,8 +11,9 @@
 #include <string>
 #include <thread>
 
-#include "board/core/board_directory.h"
+#include "board/board_directory.h"
 #include "board/core/temporary_directory.h"
+#include "board/core/whole_file.h"
 #include "board/mcu/mcu_image.h"
 #include "board/mcu/pty_bridge.h"
 

@@ -4,7 +4,6 @@
 #include <errno.h>
 
 #include "board/fpga/fpga_library.h"
-#include "board/machine.h"
 #include "tests/fpga/fpga_test.h"
 
 namespace quil::tests {
@@ -269,7 +268,7 @@ TEST_F(FpgaLoadKestrel, ClosedLibraryMayKeepItsTextsForTheyAreTheRecordsOwn) {
     const std::vector<const char*> fields = {config_info->fpga_drv_path, config_info->fpga_fw_path,
                                              config_info->fpga_parameter,
                                              config_info->hex_parameter};
-    EXPECT_EQ(board::poweredMachine()->fpgaLibrary->texts(), fields);
+    EXPECT_EQ(board.fpgaLibrary().texts(), fields);
 }
 
 TEST_F(FpgaLoadKestrel, RestsASecondBeforeAndBehindEth1) {

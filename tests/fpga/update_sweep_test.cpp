@@ -6,6 +6,7 @@
 #include <map>
 
 #include "board/core/temporary_directory.h"
+#include "board/core/whole_file.h"
 #include "fpga/load_process.h"
 #include "tests/fpga/fpga_test.h"
 

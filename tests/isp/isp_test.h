@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "board/machine.h"
 #include "isp/boot_loader.h"
 #include "isp/boot_mode.h"
 #include "isp/firmware_file.h"
@@ -131,8 +130,8 @@ class ScriptedPeer final : public board::UartPeer {
 
     void answer(const Exchange& exchange) {
         if (exchange.out.empty()) return;
-        board::theScheduler().at(board::theScheduler().now() + exchange.delay,
-                                 [this, out = exchange.out] { mBoard.mcuUart().sendToHost(out); });
+        mBoard.after(exchange.delay,
+                     [this, out = exchange.out] { mBoard.mcuUart().sendToHost(out); });
     }
     void complain(const char* what) {
         mComplaint = std::string(what) + ", " + std::to_string(mScript.size()) +
@@ -168,10 +167,7 @@ class IspTest : public LibraryTest {
     }
 
     // Whether the number stands for an open device of the board.
-    static bool isOpen(int number) {
-        const board::Guard guard(board::boardLock());
-        return board::poweredMachine()->openFile(number) != nullptr;
-    }
+    bool isOpen(int number) const { return board.isOpen(number); }
 
     void writeImage(const Bytes& image) {
         board.writeFile(kImagePath, std::string(image.begin(), image.end()));

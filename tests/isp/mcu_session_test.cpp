@@ -5,7 +5,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include "board/core/board_directory.h"
+#include "board/board_directory.h"
 #include "board/mcu/mcu_image.h"
 
 namespace quil::tests {

@@ -44,9 +44,7 @@ class IspSerialPort : public IspTest {
     }
     // The same after a while, with nobody waiting.
     void arriveLater(board::Nanos delay, const Bytes& bytes) {
-        board::Guard guard(board::boardLock());
-        auto& scheduler = board::theScheduler();
-        scheduler.at(scheduler.now() + delay, [this, bytes] { board.mcuUart().sendToHost(bytes); });
+        board.after(delay, [this, bytes] { board.mcuUart().sendToHost(bytes); });
     }
 };
 

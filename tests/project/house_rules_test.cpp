@@ -28,15 +28,15 @@ std::vector<std::string> linesOf(const fs::path& file) {
     return lines;
 }
 
-// The folders of the project that a file's quoted includes name.
-std::set<std::string> foldersIncludedBy(const fs::path& file) {
-    static const std::regex include("^#include \"([^/\"]+)/");
-    std::set<std::string> folders;
+// What a file's quoted includes name, as far as the pattern's group reaches.
+std::set<std::string> includedBy(const fs::path& file, const std::string& group) {
+    const std::regex include("^#include \"" + group);
+    std::set<std::string> found;
     for (const std::string& line : linesOf(file)) {
         std::smatch match;
-        if (std::regex_search(line, match, include)) folders.insert(match[1]);
+        if (std::regex_search(line, match, include)) found.insert(match[1]);
     }
-    return folders;
+    return found;
 }
 
 // What each folder may include beside itself; "platform" is the stand-in of the platform's headers.
@@ -82,17 +82,62 @@ std::set<fs::path> listedSources() {
     return listed;
 }
 
+// The same inside board/. A header that lies in board/ itself stands for a folder of its own.
+const std::map<std::string, std::set<std::string>> kBoardMayInclude = {
+    {"core", {}},
+    {"devices", {"core"}},
+    {"mcu", {"core", "devices"}},
+    {"fpga", {"core", "devices"}},
+    {"board_directory", {"core", "fpga", "mcu"}},
+    {"board", {"board_directory", "core", "devices", "fpga", "interpose", "machine", "mcu"}},
+    {"machine", {"board", "core", "devices", "fpga"}},
+    {"interpose", {"core", "fpga", "machine"}},
+};
+
 }  // namespace
 
 TEST(HouseRules, EachFolderIncludesOnlyTheFoldersBelowIt) {
     std::vector<std::string> wrong;
     for (const auto& [folder, allowed] : kMayInclude) {
         for (const fs::path& file : sourcesIn(folder)) {
-            for (const std::string& included : foldersIncludedBy(file)) {
+            for (const std::string& included : includedBy(file, "([^/\"]+)/")) {
                 if (included == folder || allowed.count(included) != 0) continue;
                 wrong.push_back(fs::relative(file, projectRoot()).string() + " includes " +
                                 included);
             }
+        }
+    }
+    EXPECT_THAT(wrong, IsEmpty());
+}
+
+TEST(HouseRules, EachPartOfTheBoardIncludesOnlyThePartsBelowIt) {
+    std::vector<std::string> wrong;
+    const fs::path board = projectRoot() / "board";
+    for (const fs::path& file : sourcesIn("board")) {
+        const fs::path inside = fs::relative(file, board);
+        const std::string part =
+            inside.has_parent_path() ? inside.parent_path().string() : inside.stem().string();
+        const auto allowed = kBoardMayInclude.find(part);
+        ASSERT_NE(allowed, kBoardMayInclude.end()) << part;
+        for (const std::string& included : includedBy(file, "board/([^/\".]+)")) {
+            if (included == part || allowed->second.count(included) != 0) continue;
+            wrong.push_back("board/" + inside.string() + " includes " + included);
+        }
+    }
+    EXPECT_THAT(wrong, IsEmpty());
+}
+
+// Whoever reaches the powered machine depends on all of the board: only what stands in for the C
+// library has no other way.
+TEST(HouseRules, OnlyTheBoardAndItsInterpositionReachThePoweredMachine) {
+    std::vector<std::string> wrong;
+    for (const auto& [folder, allowed] : kMayInclude) {
+        for (const fs::path& file : sourcesIn(folder)) {
+            if (includedBy(file, "(board/machine\\.h)").empty()) continue;
+            const std::string name = fs::relative(file, projectRoot()).string();
+            const bool isAllowed = name == "board/machine.cpp" || name == "board/board.cpp" ||
+                                   name.rfind("board/interpose/", 0) == 0;
+            if (!isAllowed) wrong.push_back(name);
         }
     }
     EXPECT_THAT(wrong, IsEmpty());

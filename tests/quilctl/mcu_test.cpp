@@ -9,7 +9,8 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "board/core/board_directory.h"
+#include "board/board_directory.h"
+#include "board/core/whole_file.h"
 #include "board/mcu/mcu_image.h"
 #include "tests/quilctl/test_run.h"
 

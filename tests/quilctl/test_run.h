@@ -8,8 +8,9 @@
 #include <string>
 #include <vector>
 
-#include "board/core/board_directory.h"
+#include "board/board_directory.h"
 #include "board/core/temporary_directory.h"
+#include "board/core/whole_file.h"
 #include "isp/serial_port.h"
 #include "tools/quilctl/cli.h"
 

@@ -6,7 +6,7 @@
 #include <set>
 #include <stdexcept>
 
-#include "board/core/board_directory.h"
+#include "board/board_directory.h"
 #include "board/mcu/mcu_chip.h"
 #include "tools/quilctl/cli.h"
 #include "tools/quilctl/files/validators.h"

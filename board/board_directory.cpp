@@ -1,9 +1,10 @@
-#include "board/core/board_directory.h"
+#include "board/board_directory.h"
 
 #include <array>
-#include <fstream>
+#include <sstream>
 #include <stdexcept>
 
+#include "board/core/whole_file.h"
 #include "board/fpga/fpga_image.h"
 #include "board/fpga/screen_partition.h"
 #include "board/mcu/mcu_image.h"
@@ -28,55 +29,92 @@ struct ProductRow {
     int audioCodecs;
 };
 constexpr std::array<ProductRow, 3> kProducts = {{
-    {Product::kHeron, "Heron", "101", "/dev/ttyS3", 115200, McuKind::kGd32F303, 8192, "V1.0.0",
-     "V2.1.0", "V2.0.7", 431, 432, 1, 441, 442, 443, "1-2-3-5", 1},
-    {Product::kKestrel, "Kestrel", "102", "/dev/ttyS1", 115200, McuKind::kStm32H750, 8192, "V1.2.0",
-     "V3.0.2", "", 451, 452, 1, 461, 462, 463, "1-3-4-5", 2},
-    {Product::kWrenT507, "Wren_t507", "103", "/dev/ttyS2", 1000000, McuKind::kN32G45x, 8000,
-     "V2.0.1", "V1.4.0", "V1.3.2", 131, 132, 2, 141, 142, 143, "1-2-4", 1},
+    {
+        .product = Product::kHeron,
+        .name = "Heron",
+        .moduleId = "101",
+        .uart = "/dev/ttyS3",
+        .baud = 115200,
+        .mcu = McuKind::kGd32F303,
+        .mcuImageSize = 8192,
+        .mcuVersion = "V1.0.0",
+        .fpgaVersion = "V2.1.0",
+        .fpgaFormer = "V2.0.7",
+        .wdtSwitch = 431,
+        .wdtPulse = 432,
+        .wdtStartup = 1,
+        .fpgaControl = 441,
+        .fpgaConfig = 442,
+        .fpgaDone = 443,
+        .selfTestItems = "1-2-3-5",
+        .audioCodecs = 1,
+    },
+    {
+        .product = Product::kKestrel,
+        .name = "Kestrel",
+        .moduleId = "102",
+        .uart = "/dev/ttyS1",
+        .baud = 115200,
+        .mcu = McuKind::kStm32H750,
+        .mcuImageSize = 8192,
+        .mcuVersion = "V1.2.0",
+        .fpgaVersion = "V3.0.2",
+        .fpgaFormer = "",
+        .wdtSwitch = 451,
+        .wdtPulse = 452,
+        .wdtStartup = 1,
+        .fpgaControl = 461,
+        .fpgaConfig = 462,
+        .fpgaDone = 463,
+        .selfTestItems = "1-3-4-5",
+        .audioCodecs = 2,
+    },
+    {
+        .product = Product::kWrenT507,
+        .name = "Wren_t507",
+        .moduleId = "103",
+        .uart = "/dev/ttyS2",
+        .baud = 1000000,
+        .mcu = McuKind::kN32G45x,
+        .mcuImageSize = 8000,
+        .mcuVersion = "V2.0.1",
+        .fpgaVersion = "V1.4.0",
+        .fpgaFormer = "V1.3.2",
+        .wdtSwitch = 131,
+        .wdtPulse = 132,
+        .wdtStartup = 2,
+        .fpgaControl = 141,
+        .fpgaConfig = 142,
+        .fpgaDone = 143,
+        .selfTestItems = "1-2-4",
+        .audioCodecs = 1,
+    },
 }};
 
 const ProductRow& rowOf(Product product) { return kProducts.at(static_cast<size_t>(product)); }
 
 std::string productFile(const ProductRow& row) {
     const std::string name = row.name;
-    const auto number = [](int value) { return std::to_string(value) + "\n"; };
-    return "; What this board is and where its parts are.\n"
-           "[product]\nproduct = " +
-           name +
-           "\n\n"
-           "[block]\nfpga_parameter = screen\nhex_parameter = hexparam\n\n"
-           "[fpga]\nfpga_fw_path = /vendor/firmware/fpga_" +
-           name +
-           ".bin\n"
-           "fpga_drv_path = /dev/fpga_spi\nfpga_fw_version = " +
-           row.fpgaVersion +
-           "\n"
-           "fpga_control_gpio = " +
-           number(row.fpgaControl) + "fpga_config_gpio = " + number(row.fpgaConfig) +
-           "fpga_done_gpio = " + number(row.fpgaDone) +
-           "\n"
-           "[mcu]\nmcu_type = 1\nmcu_serial = " +
-           partOf(row.mcu).name +
-           "\n"
-           "mcu_fw_path = /vendor/firmware/mcu_" +
-           name +
-           ".bin\n"
-           "mcu_fw_version = " +
-           row.mcuVersion +
-           "\n"
-           "mcu_uart_path = " +
-           row.uart + "\nmcu_baud_rate = " + number(row.baud) +
-           "mcu_sock_path = /dev/socket/mcu\n\n"
-           "[mcu_wdt]\nmcu_wdt_switch = " +
-           number(row.wdtSwitch) + "mcu_wdt_pulse = " + number(row.wdtPulse) +
-           "mcu_wdt_startup_type = " + number(row.wdtStartup) +
-           "\n"
-           "[self_test]\nself_test_items = " +
-           row.selfTestItems +
-           "\n"
-           "audio_num = " +
-           number(row.audioCodecs);
+    std::ostringstream text;
+    text << "; What this board is and where its parts are.\n"
+         << "[product]\nproduct = " << name << "\n\n"
+         << "[block]\nfpga_parameter = screen\nhex_parameter = hexparam\n\n"
+         << "[fpga]\nfpga_fw_path = /vendor/firmware/fpga_" << name << ".bin\n"
+         << "fpga_drv_path = /dev/fpga_spi\nfpga_fw_version = " << row.fpgaVersion << "\n"
+         << "fpga_control_gpio = " << row.fpgaControl << "\n"
+         << "fpga_config_gpio = " << row.fpgaConfig << "\n"
+         << "fpga_done_gpio = " << row.fpgaDone << "\n\n"
+         << "[mcu]\nmcu_type = 1\nmcu_serial = " << partOf(row.mcu).name << "\n"
+         << "mcu_fw_path = /vendor/firmware/mcu_" << name << ".bin\n"
+         << "mcu_fw_version = " << row.mcuVersion << "\n"
+         << "mcu_uart_path = " << row.uart << "\nmcu_baud_rate = " << row.baud << "\n"
+         << "mcu_sock_path = /dev/socket/mcu\n\n"
+         << "[mcu_wdt]\nmcu_wdt_switch = " << row.wdtSwitch << "\n"
+         << "mcu_wdt_pulse = " << row.wdtPulse << "\n"
+         << "mcu_wdt_startup_type = " << row.wdtStartup << "\n\n"
+         << "[self_test]\nself_test_items = " << row.selfTestItems << "\n"
+         << "audio_num = " << row.audioCodecs << "\n";
+    return text.str();
 }
 
 constexpr const char kReadme[] =
@@ -91,9 +129,8 @@ constexpr const char kReadme[] =
     "mcu/flash               the MCU's flash from its start; what is not there is erased\n"
     "mcu/option_bytes        its protection, where any was ever set\n"
     "mcu/values              what the MCU keeps: one \"command = bytes\" a line, in hex\n"
-    "mtd0                    the serial flash with the FPGA's configuration; behind the file's "
-    "end\n"
-    "                        it is erased\n"
+    "mtd0                    the serial flash with the FPGA's configuration; what lies behind\n"
+    "                        the file's end is erased\n"
     "parts                   what is wrong with parts: one \"rtc = faulty\" a line; rtc, es8316,\n"
     "                        es8316.0, wifi-ap, wifi-sta, idt6965: healthy, faulty or absent;\n"
     "                        sdcard: present, missing, full or read-only\n"
@@ -159,26 +196,6 @@ void createBoardDirectory(const std::filesystem::path& dir, Product product,
     writeWholeFile(dir / "mcu/values", "");
     writeWholeFile(dir / "properties", "");
     writeWholeFile(dir / "product_information", std::string(row.moduleId) + "\n");
-}
-
-std::optional<std::string> readWholeFile(const std::filesystem::path& path, uint64_t most) {
-    std::error_code error;
-    if (!std::filesystem::is_regular_file(path, error)) return std::nullopt;
-    std::ifstream file(path, std::ios::binary | std::ios::ate);
-    if (!file) return std::nullopt;
-    const auto size = std::min<uint64_t>(static_cast<uint64_t>(std::streamoff{file.tellg()}), most);
-    std::string content(static_cast<size_t>(size), '\0');
-    file.seekg(0);
-    file.read(content.data(), static_cast<std::streamsize>(content.size()));
-    content.resize(static_cast<size_t>(file.gcount()));
-    return content;
-}
-
-void writeWholeFile(const std::filesystem::path& path, std::string_view content) {
-    std::ofstream file(path, std::ios::binary | std::ios::trunc);
-    file.write(content.data(), static_cast<std::streamsize>(content.size()));
-    file.flush();
-    if (!file) throw std::runtime_error(path.string() + ": cannot be written");
 }
 
 }  // namespace quil::board

@@ -1,4 +1,4 @@
-#include "board/interpose/real_calls.h"
+#include "board/core/real_calls.h"
 
 #include <dlfcn.h>
 #include <string.h>

@@ -1,0 +1,58 @@
+// What a part of the board needs of the board around it: time, power, the record of what happens,
+// faults, and files. Each part gets it at its construction. The powered board is one (Machine); the
+// test of a single part makes one of its own.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "board/core/faults.h"
+#include "board/core/lock.h"
+#include "board/core/power.h"
+#include "board/core/scheduler.h"
+#include "board/core/store.h"
+#include "board/core/trace.h"
+
+namespace quil::board {
+
+class BoardServices {
+  public:
+    // `root` is the workstation's directory that holds the board's file system.
+    BoardServices(Scheduler&, std::unique_ptr<Store>, std::filesystem::path root = {});
+    ~BoardServices();
+    BoardServices(const BoardServices&) = delete;
+    BoardServices& operator=(const BoardServices&) = delete;
+
+    // Between these two the calling thread lives in board time, and what happens is recorded.
+    void powerOn(bool realtime = false);
+    void powerOff();
+
+    // The model was used as no healthy program uses the real part.
+    void violation(const std::string& source, const std::string& text);
+    // Board time goes on by that much, and counts as the devices' (Board::deviceTime). Called with
+    // the board's lock held, which is given up meanwhile.
+    void spendDeviceTime(Nanos duration, const char* what);
+    // Who waits for one of several descriptors looks again.
+    void readinessChanged() { scheduler.wakeAll(this); }
+
+    // Where a board path lives on the workstation; nothing for paths that are not the board's.
+    std::optional<std::filesystem::path> onHost(const char* path) const;
+    std::filesystem::path hostPath(std::string_view boardPath) const;
+
+    Scheduler& scheduler;
+    const std::unique_ptr<Store> store;
+    Power power;
+    Trace trace;
+    Faults faults;
+    std::vector<std::string> violations;
+    Nanos deviceTime{0};  // waited for devices since power-on
+
+  private:
+    const std::filesystem::path root_;
+};
+
+}  // namespace quil::board

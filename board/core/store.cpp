@@ -1,0 +1,43 @@
+#include "board/core/store.h"
+
+#include <stdexcept>
+
+#include "board/core/whole_file.h"
+
+namespace quil::board {
+
+DirectoryStore::DirectoryStore(std::filesystem::path directory)
+    : directory_(std::move(directory)) {}
+
+std::optional<std::string> DirectoryStore::read(const std::string& name) const {
+    return readWholeFile(directory_ / name);
+}
+
+// No fsync: the files have to survive a killed program, not a crash of the workstation.
+void DirectoryStore::replace(const std::string& name, std::string_view content) {
+    const std::filesystem::path file = directory_ / name;
+    const std::filesystem::path fresh = file.string() + ".new";
+    std::error_code error;
+    try {
+        writeWholeFile(fresh, content);
+    } catch (const std::runtime_error&) {
+        std::filesystem::remove(fresh, error);
+        throw std::runtime_error(file.string() + ": cannot be written");
+    }
+    std::filesystem::rename(fresh, file, error);
+    if (!error) return;
+    const std::string why = error.message();
+    std::filesystem::remove(fresh, error);
+    throw std::runtime_error(file.string() + ": " + why);
+}
+
+std::optional<std::string> MemoryStore::read(const std::string& name) const {
+    const auto found = files_.find(name);
+    return found == files_.end() ? std::nullopt : std::optional(found->second);
+}
+
+void MemoryStore::replace(const std::string& name, std::string_view content) {
+    files_[name] = content;
+}
+
+}  // namespace quil::board
