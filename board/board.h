@@ -30,7 +30,7 @@
 namespace quil::board {
 
 struct BoardOptions {
-    bool realtime = false;  // board time is the workstation's, to watch or to let others take part
+    bool realtime = false;  // board time is real time, to watch or for outside programs
     uint64_t seed = 1;
     // What runs on the MCU of a board in a directory of its own; "": the shipped version.
     std::string flashedMcuVersion = {};
@@ -44,9 +44,9 @@ struct LogLine {
 
 class Machine;
 
-// Power on by construction, off by destruction. One at a time in a process. The constructing thread
-// lives in board time, and so do the threads that it starts from then on; all of them should have
-// been joined before the power goes.
+// Powered on by construction, off by destruction. One at a time in a process. The constructing
+// thread lives in board time, and so do the threads that it starts from then on; join all of them
+// before the board is destroyed.
 class Board {
   public:
     explicit Board(Product = Product::kHeron, BoardOptions = {});  // in a directory of its own
@@ -60,25 +60,25 @@ class Board {
     void writeFile(std::string_view boardPath, std::string_view content);
     // True if this number stands for an open device or file of the board.
     bool isOpen(int fd) const;
-    // From now on this path is the workstation's device, whose traffic is traced.
+    // From now on this path is the workstation's device; what is transferred is traced.
     void lendDevice(const std::string& path);
 
     Nanos now() const;   // since power-on
     void runFor(Nanos);  // the calling thread waits in board time
-    // Calls this then, on whatever thread lets board time go on, with the board's lock held.
+    // Calls the function after that time, with the board's lock held, on any thread.
     void after(Nanos, std::function<void()>);
-    Nanos deviceTime() const;  // since power-on: what the program has waited for the FPGA's devices
+    Nanos deviceTime() const;  // since power-on: what the program has spent waiting for devices
 
-    // Cuts the power at an event of the run to come: what it does until then is the same as without
-    // the cut. The calls of the host fail from then on; destroy the board and make a new one in its
-    // directory to power it on again. trace().count() of an uncut run is the number of its events.
+    // Cuts the power at a later event; up to there the run is the same as without the cut. From
+    // then on the calls of the host fail; destroy the board and make a new one in its directory to
+    // power it on again. trace().count() of an uncut run is the number of its events.
     void cutPowerAt(PowerCut);
     bool powerIsCut() const;
 
     Trace& trace();
     Properties& properties();
     Faults& faults();
-    McuApplication& mcu();  // what runs on the MCU when an image stands in its flash
+    McuApplication& mcu();  // what runs on the MCU if its flash holds a valid image
     McuChip& mcuChip();
     Uart& mcuUart();
     ProductInformation& productInformation();

@@ -152,8 +152,8 @@ namespace {
 
 constexpr size_t kFpgaImageSize = 65536;
 
-// The flash holds an image that is older than the one in the file system; a Kestrel's FPGA is
-// loaded by the platform at each start.
+// The flash holds an older image than the file system. A Kestrel's flash is empty: the platform
+// loads its FPGA at each start.
 void writeFpgaSide(const std::filesystem::path& dir, const ProductRow& row) {
     const auto root = dir / "rootfs";
     const std::string image = "fpga_" + std::string(row.name) + ".bin";

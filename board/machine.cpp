@@ -9,13 +9,13 @@ namespace {
 
 constexpr char kProductFile[] = "rootfs/vendor/etc/product.ini";
 
-// A line that the product file names, or the board's own number for it.
+// Takes the line's number from the product file, if it has one.
 void takeLine(const IniReader& reader, int handle, const char* key, int& line) {
     const int number = reader.integer(handle, "fpga", key);
     if (number > 0) line = number;
 }
 
-// The wiring follows the product file that stands in the board's file system at power-on.
+// The parts are connected as the product file says at power-on.
 Wiring wiringOf(const std::filesystem::path& productFile) {
     Wiring wiring;
     IniReader reader;
@@ -34,13 +34,13 @@ Wiring wiringOf(const std::filesystem::path& productFile) {
     return wiring;
 }
 
-// Never destroyed: a thread that outlives its board still returns through it.
+// Never destroyed: a thread that outlives its board still uses it when it returns from a wait.
 Scheduler& theScheduler() {
     static Scheduler* scheduler = new Scheduler;
     return *scheduler;
 }
 
-// The named lines are there before the parts that hang on them.
+// Adds the lines that the MCU is connected to.
 GpioLines& withMcuLines(GpioLines& gpio) {
     gpio.add(kGpioBoot0, 0);
     gpio.add(kGpioNrst, 1);
@@ -81,8 +81,8 @@ Machine::Machine(const std::filesystem::path& dir, BoardOptions opts)
 
 Machine::~Machine() = default;
 
-// Board time goes on only while all threads wait: behind so many failures without a pause, each one
-// takes a millisecond.
+// Board time goes on only while all threads wait. After many failures at the same instant, each
+// further one takes a millisecond.
 void Machine::readFailed() {
     constexpr int kAtOnceMost = 4096;
     constexpr Nanos kStep = std::chrono::milliseconds(1);

@@ -43,12 +43,13 @@ class Machine : public BoardServices {
 
     Uart* uartAt(std::string_view path);
     OpenFile* openFile(int fd);
-    // Power was cut: the devices are frozen, and every call of the host fails at once, so that a
-    // flow under way runs out without reaching anything.
+    // Power was cut: the devices are frozen, and every call of the host fails at once, so that the
+    // program's work ends without any effect.
     bool dead() const { return power.isCut(); }
-    // Lets the time go by that a faulty call takes; the board's lock is held once.
+    // Waits for the time that a faulty call takes.
     void spend(const Fault& fault) { scheduler.sleepFor(fault.takes, "a call that fails"); }
-    // Lets time go on for a program that does nothing but read again. Keeps errno.
+    // Called after a failed read, so that a program that only tries again does not stop board time.
+    // Keeps errno.
     void readFailed();
 
     const std::filesystem::path directory;
@@ -85,8 +86,8 @@ class Machine : public BoardServices {
 extern std::atomic<Machine*> g_poweredMachine;
 inline Machine* poweredMachine() { return g_poweredMachine.load(std::memory_order_relaxed); }
 
-// The powered machine, for a C library call made by the program; null when the call is none of the
-// board's business (no power, or the board's own call).
+// The powered machine, for a C library call of the program; null without power, and for calls that
+// the board itself makes.
 inline Machine* machineForCall() {
     Machine* machine = poweredMachine();
     if (machine == nullptr || BoardLock::mine()) return nullptr;
@@ -95,8 +96,8 @@ inline Machine* machineForCall() {
     return machine;
 }
 
-// The same, for threads that take turns. The others may sleep or ask for the time whenever they
-// like, also while the power goes: they do not touch the machine at all.
+// The same, but null for threads that take no turns. Those may sleep or ask for the time at any
+// moment, also while the machine is destroyed, and so must not touch it.
 inline Machine* machineForTurns() {
     return poweredMachine() != nullptr && Scheduler::attached() ? machineForCall() : nullptr;
 }

@@ -1,4 +1,4 @@
-// Calls that fail, come up short, or lose what they were given.
+// Injected faults: calls that fail, transfer fewer bytes than asked, or lose data silently.
 #pragma once
 
 #include <cstddef>
@@ -29,37 +29,37 @@ enum class Call {
     kRemove,
     kSystem,
     kMalloc,
-    kProbe,    // path: the part's name; the probe answers -error
+    kProbe,    // path: the part's name; the probe returns -error
     kGpioSet,  // path: the line's name
     kGpioGet,
     kFlashErase,    // path: "/dev/mtd0"; once for each sector
-    kFlashProgram,  // the same; once for each page
-    kVendor         // path: the closed library's function, which answers -error
+    kFlashProgram,  // path: "/dev/mtd0"; once for each page
+    kVendor         // path: the closed library's function; it returns -error
 };
 
 struct Fault {
     Call call;
     std::string path = {};               // board path, or "" for any file of the board
     int error = 0;                       // errno of the failure
-    std::optional<size_t> shortTo = {};  // read and write: at most so many bytes
-    int after = 0;                       // calls let through first
+    std::optional<size_t> shortTo = {};  // read and write: transfers at most this many bytes
+    int after = 0;                       // so many matching calls succeed first
     int times = 1;                       // -1: for ever
     bool lostSilently = false;           // write, GPIO, system: reported as done, not done
     Nanos takes{0};                      // read, select, poll: board time until the failure
-    std::optional<int> exitCode = {};    // system: the command does nothing and exits so
-    std::optional<int> signal = {};      // system: the command does nothing but die of it
+    std::optional<int> exitCode = {};    // system: the command only exits with this code
+    std::optional<int> signal = {};      // system: the command only dies of this signal
 };
 
 class Faults {
   public:
     explicit Faults(Trace&);
-    ~Faults();  // clears them, so that allocations are watched no more
+    ~Faults();  // clears them, which ends the watch on allocations
     Faults(const Faults&) = delete;
     Faults& operator=(const Faults&) = delete;
 
     void add(Fault);
     void clear();
-    // The board's own use: the fault that this call meets, if any.
+    // For the board's parts: the fault that applies to this call, if any; it counts as used.
     std::optional<Fault> take(Call, std::string_view path);
 
     // Called with true when an allocation fault is added, and with false when all faults go.

@@ -7,8 +7,8 @@
 
 #include <utility>
 
-// What the board does to its own containers under its lock is none of the thread sanitizer's
-// business.
+// The thread sanitizer does not see the board's lock, and would report each access that the lock
+// protects: accesses under the lock are excluded.
 extern "C" {
 [[gnu::weak]] void AnnotateIgnoreReadsBegin(const char* file, int line);
 [[gnu::weak]] void AnnotateIgnoreReadsEnd(const char* file, int line);

@@ -1,5 +1,5 @@
-// The board's own lock and wake-ups, straight on the kernel's futex: they take no part in what a
-// sanitizer knows of the program's locks, so that the board hides no race of the program under it.
+// The board's own lock and wake-ups, directly on the kernel's futex. The thread sanitizer must not
+// see them: locks of the board would order the program's threads and so hide the program's races.
 #pragma once
 
 #include <atomic>
@@ -8,16 +8,16 @@
 
 namespace quil::board {
 
-// One lock for the whole board, as a kernel's big lock; a thread may take it again.
+// One lock for the whole board. Recursive: the thread that holds it may lock it again.
 class BoardLock {
   public:
     void lock();
     void unlock();
-    // True while this thread is at work inside the board: its C library calls are then the board's
-    // own.
+    // True while this thread holds the lock: its C library calls are then the board's own, and pass
+    // through to the C library.
     static bool mine();
-    // Gives the lock up however often this thread holds it, so that others get on while it waits.
-    // Returns how often that was, for takeAgain.
+    // Unlocks all levels that this thread holds, so that other threads can go on while it waits.
+    // Returns the number of levels, for takeAgain.
     int giveUp();
     void takeAgain(int times);
 
@@ -27,17 +27,17 @@ class BoardLock {
 BoardLock& boardLock();
 using Guard = std::lock_guard<BoardLock>;
 
-// Lets its waiter through once for each opening.
+// Each open() lets one wait() return, also when it comes first.
 class Gate {
   public:
     void open();
     void wait();
-    // Returns false when `nanos` of real time went by first.
+    // Returns false after `nanos` of real time without an open(); negative: waits without a limit.
     bool waitFor(int64_t nanos);
 
   private:
     std::atomic<int> word_{0};
-    std::atomic<int> waiting_{0};  // nobody waits: no call into the kernel
+    std::atomic<int> waiting_{0};  // at 0, open() need not call the kernel
 };
 
 }  // namespace quil::board

@@ -11,7 +11,8 @@ namespace {
 RealCalls g_calls;
 std::atomic<bool> g_resolved{false};
 
-// Condition variables changed their layout once; an unversioned look-up may find the old functions.
+// glibc keeps functions for an older layout of condition variables under the same names; an
+// unversioned look-up may find those.
 void* find(const char* name) {
 #ifdef __x86_64__
     const bool changed = strncmp(name, "pthread_cond_", 13) == 0;

@@ -1,4 +1,4 @@
-// The C library's own functions, found behind the board's: resolved once, at the first use.
+// The C library's own functions, which the board's definitions hide. Looked up at the first use.
 #pragma once
 
 #include <poll.h>

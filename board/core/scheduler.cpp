@@ -165,9 +165,10 @@ void Scheduler::sleepUntil(Nanos when, const char* what) {
     }
 }
 
-// Gives the turn to the next in the queue; with an empty queue, lets time go on until there is one.
+// Gives the turn to the next thread in the queue. When there is none, fires timers until one of
+// them makes a thread runnable.
 void Scheduler::dispatch() {
-    if (dispatching_ || realtime_) return;  // a timer's action makes threads runnable
+    if (dispatching_ || realtime_) return;  // called by a timer's action, from the loop below
     dispatching_ = true;
     while (running_ == nullptr && on_) {
         if (!runQueue_.empty()) {

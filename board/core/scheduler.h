@@ -1,9 +1,9 @@
 // Board time and the threads that live in it.
 //
-// One attached thread runs at a time. It hands over only where it would block; whoever has waited
-// for its turn longest goes next, so that a run is the same every time. When all of them wait, the
-// clock jumps to the next timer. In real time the threads run as they like and timers fire when
-// they are due.
+// One attached thread runs at a time. It gives its turn up only where it would block, and the
+// thread that has waited longest goes next, so that every run is the same. When all threads wait,
+// the clock jumps to the next timer. In real time the threads run freely, and a thread of the
+// scheduler's own fires the timers when they are due.
 #pragma once
 
 #include <pthread.h>
@@ -30,7 +30,7 @@ struct BoardThread {
     Scheduler* scheduler = nullptr;
     int number = 0;
     bool attached = false;  // takes turns
-    bool arrived = true;    // false: it has been given turns that it has not come for yet
+    bool arrived = true;    // false: it has started but not yet waited for its first turn
     bool queued = false, parked = false, timedOut = false, finished = false;
     const char* waitsFor = "";
     const void* object = nullptr;
@@ -46,18 +46,18 @@ class Scheduler {
     // Attaches the calling thread. A cut of the power that the trace is to make comes before the
     // next timer; a deadlock prints the trace's last events.
     void powerOn(bool realtime, Trace&);
-    void powerOff();   // lets go of whoever still waits
-    void powerLost();  // time stands still: nothing is due any more, and nobody waits
+    void powerOff();   // wakes all threads that still wait
+    void powerLost();  // drops all timers and wakes all threads; no wait lasts any more
     bool isOn() const { return on_; }
     bool realtime() const { return realtime_; }
     Nanos now() const;
 
-    // All that follows is called with the board's lock held.
+    // The functions from here to `Threads` are called with the board's lock held.
     TimerId at(Nanos when, std::function<void()> action);
     void cancel(const TimerId& id);
 
-    // Waits until woken for `object`, or for the deadline: then false. Gives the board's lock up
-    // meanwhile.
+    // Waits for a wake of `object` or for the deadline; false: the deadline came first. The board's
+    // lock is given up meanwhile, at all its levels.
     bool park(const char* what, const void* object, std::optional<Nanos> deadline = {});
     bool wakeOne(const void* object);
     void wakeAll(const void* object);
@@ -66,17 +66,18 @@ class Scheduler {
     bool anyoneParked() const { return !parked_.empty(); }
 
     // Threads.
-    BoardThread* self();  // the calling thread; one outside board time gets a record without turns
+    BoardThread* self();     // the calling thread; outside board time it takes no turns
     static bool attached();  // the calling thread takes turns
     std::shared_ptr<BoardThread> expectChild();
     void childFailed(const std::shared_ptr<BoardThread>&);
     void started(const std::shared_ptr<BoardThread>&, pthread_t);
     std::shared_ptr<BoardThread> find(pthread_t);
     void forget(pthread_t);
-    // Takes no memory: a sanitizer may not know the thread yet.
+    // Allocates nothing: a sanitizer may not know the new thread yet.
     static void begin(BoardThread*, bool waitForTurn);
     static void end();
-    // The first call of a thread that began without waiting for its turn. Called without the lock.
+    // Waits for the first turn of a thread that began without; called at its first call of the
+    // board, without the lock.
     static void arrive();
 
   private:

@@ -1,3 +1,4 @@
+// A temporary directory that is removed with its contents.
 #pragma once
 
 #include <stdlib.h>
@@ -8,10 +9,9 @@
 
 namespace quil::board {
 
-// A directory in the system's place for such; it goes away, with what is in it, with this object.
 class TemporaryDirectory {
   public:
-    // Throws std::runtime_error when there is no place.
+    // Throws std::runtime_error when it cannot be made.
     explicit TemporaryDirectory(const std::string& name = "board") {
         std::string pattern =
             (std::filesystem::temp_directory_path() / (name + "-XXXXXX")).string();

@@ -11,7 +11,7 @@
 namespace quil::board {
 namespace {
 
-// One event is one line, whatever a log message holds.
+// Escapes control characters, so that an event is one line whatever a log message contains.
 std::string oneLine(const std::string& text) {
     std::string line;
     for (const char c : text) {

@@ -37,9 +37,9 @@ enum class EventKind {
     kMcu      // what runs on the microcontroller
 };
 
-// Where power goes: at the event with this number, counted from 0 at power-on. Before it: nothing
-// of it happens. Inside: what takes its time (a flash operation) is torn, all else is as before.
-// After: it has happened, and nothing follows.
+// Where power is cut: at the event with this number, counted from 0 at power-on. Before: the event
+// does not happen. Inside: an operation that takes time (of a flash) is done in part; any other
+// event does not happen. After: the event happens, and nothing follows it.
 enum class CutPosition { kBefore, kInside, kAfter };
 const char* nameOf(CutPosition);  // "before", "inside", "after"
 struct PowerCut {
@@ -78,24 +78,25 @@ class Trace {
 
     std::vector<Event> events() const;
     std::vector<Event> events(EventKind) const;
-    // Announces what is about to happen; without power nothing does. A part that keeps its state
-    // without power looks whether power goes at this event.
+    // Records what is about to happen, if there is power. Returns where power is cut if it is cut
+    // at this event: a part with a non-volatile memory then does part of its work or none.
     std::optional<CutPosition> add(EventKind, std::string source, std::string text,
                                    std::vector<uint8_t> bytes = {});
-    uint64_t count() const;  // of all events since power-on, recorded or not
+    uint64_t count() const;  // events since power-on, also those not recorded
     void cutPowerAt(PowerCut);
-    // Power goes now if the last event was to be the last; called where something new begins.
+    // Cuts the power if the last event was the one to cut after. Called before anything new
+    // happens.
     void cutIfDue();
     bool cutIsDue() const { return due_; }
     void addWireByte(const WireByte&);
-    // Called with every event from now on, on the thread that caused it. It may print, not wait.
+    // Called with every event from now on, on the thread that caused it. It must not wait.
     void onEvent(std::function<void(const Event&)>);
-    // With recording off nothing is kept and nobody is told: for runs too long to remember.
+    // Without recording, events are only counted: for runs whose events would not fit the memory.
     void setRecording(bool);
     bool recording() const;
     void clear();
 
-    std::string toText() const;  // one line an event
+    std::string toText() const;  // one line for each event
     void writeText(const std::filesystem::path&) const;
     void writeVcd(const std::filesystem::path&) const;
     void writeTraceEventJson(const std::filesystem::path&) const;

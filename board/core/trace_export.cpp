@@ -1,4 +1,4 @@
-// The trace for other people's programs: waveform viewers and timeline viewers.
+// The trace in the formats of waveform viewers (VCD) and timeline viewers (trace-event JSON).
 #include <algorithm>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -11,7 +11,7 @@
 namespace quil::board {
 namespace {
 
-// Line levels by microsecond: at each instant at which a line changes, its new level.
+// The new level of each line that changes, by microsecond.
 using Levels = std::map<int64_t, std::map<char, int>>;
 constexpr char kTxLine = '!', kRxLine = '"';
 
@@ -26,7 +26,7 @@ std::vector<int> bitsOf(const WireByte& byte) {
     }
     if (byte.parity == 'E') bits.push_back(ones & 1);
     if (byte.parity == 'O') bits.push_back(~ones & 1);
-    bits.push_back(1);  // the line rests at 1 through further stop bits
+    bits.push_back(1);  // a second stop bit is the same level
     return bits;
 }
 
@@ -37,7 +37,7 @@ Levels levelsOf(const std::vector<WireByte>& wire) {
         const char line = byte.fromHost ? kTxLine : kRxLine;
         Nanos at = byte.start;
         for (const int bit : bitsOf(byte)) {
-            // What falls at time 0 has to be seen falling.
+            // An edge at time 0 would be taken for the initial level: it moves to 1.
             levels[std::max<int64_t>(1, micros(at))][line] = bit;
             at += byte.bit;
         }
@@ -78,7 +78,7 @@ void Trace::writeVcd(const std::filesystem::path& file) const {
 void Trace::writeTraceEventJson(const std::filesystem::path& file) const {
     nlohmann::json root = {{"displayTimeUnit", "ms"}, {"traceEvents", nlohmann::json::array()}};
     for (const Event& event : events()) root["traceEvents"].push_back(jsonOf(event));
-    // A log line may hold any bytes: what is no UTF-8 is replaced.
+    // A log line may hold any bytes; JSON takes only UTF-8.
     writeWholeFile(file, root.dump(1, ' ', false, nlohmann::json::error_handler_t::replace) + "\n");
 }
 

@@ -1,4 +1,4 @@
-// The board's GPIO lines: named ones, which are sysfs value files, and numbered ones, which the
+// The board's GPIO lines: named lines, each with a sysfs value file, and numbered lines, which the
 // closed library drives.
 #pragma once
 
@@ -28,15 +28,16 @@ class GpioLine {
 
     const std::string& name() const { return name_; }
     int level() const;
-    // From now on the line has this level, whoever drives it; -1 lets it go again, where it is.
+    // The line takes this level and keeps it, whoever drives it. -1 ends that; the level stays.
     void stickAt(int level);
     // Called after each change, with the board's lock held.
     void onEdge(std::function<void(int level)>);
 
-    // The host drives or reads the line. drive: 0 or an errno; read: the level or a negated errno.
+    // The host drives or reads the line. drive returns 0 or an errno, read the level or a negated
+    // errno.
     int drive(int level);
     int read() const;
-    // A part of the board drives its output: no fault of the host's calls meets it.
+    // A part of the board drives the line: faults of the host's calls do not apply.
     void setLevel(int level);
 
   private:
@@ -54,8 +55,8 @@ class GpioLines {
     GpioLines(const GpioLines&) = delete;
     GpioLines& operator=(const GpioLines&) = delete;
 
-    // Both give the line that is there already, at the level that it has: a product file may give
-    // one number to two purposes.
+    // Both return the existing line, at its present level, if there is one: a product file may give
+    // two purposes the same number.
     //
     // A named line with its file /sys/class/quilgpios/<name>/value.
     GpioLine& add(const std::string& name, int level);
@@ -63,7 +64,7 @@ class GpioLines {
     GpioLine& add(int number, int level);
     GpioLine* find(const std::string& name);
     GpioLine* find(int number);
-    // The same for lines that are there. Throws std::out_of_range otherwise.
+    // As find, but throws std::out_of_range if there is no such line.
     GpioLine& at(const std::string& name);
     GpioLine& at(int number);
 

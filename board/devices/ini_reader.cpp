@@ -15,8 +15,8 @@ constexpr char kProductInformation[] = "product_information";
 
 bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 
-// inih reads lines of bounded length. A longer line is handed to it in pieces, the later ones
-// indented: to inih they continue the value before them.
+// inih reads lines of bounded length. A longer line is passed to it in pieces, all but the first
+// indented: inih takes an indented line as a continuation of the value before it.
 class LineFeeder {
   public:
     explicit LineFeeder(const std::string& text) : text_(text) {}
@@ -46,7 +46,7 @@ class LineFeeder {
         return true;
     }
 
-    // inih would find the comment's start only in the piece that holds it.
+    // inih would drop only the piece that the comment starts in, and keep the pieces after it.
     void dropInlineComment() {
         for (size_t i = 1; i < rest_.size(); ++i) {
             if (rest_[i] == ';' && isBlank(rest_[i - 1])) return rest_.erase(i - 1), void();
@@ -58,10 +58,10 @@ class LineFeeder {
         started_ = true;
         if (rest_.size() <= room) return rest_.size();
         if (!continuing_ && rest_.substr(0, room).find_first_of("=:") == std::string::npos) {
-            rest_.erase(room);  // no key in sight: noise, of which one piece is enough
+            rest_.erase(room);  // no key: the line is invalid, and one piece shows that
             return room;
         }
-        // Blanks at either side of a cut would be trimmed away.
+        // inih trims each piece, so that a cut beside a blank would lose the blank.
         size_t length = room;
         while (length > 1 && (isBlank(rest_[length - 1]) || isBlank(rest_[length]))) --length;
         return length > 1 ? length : room;

@@ -21,7 +21,7 @@ class IniReader {
     IniReader(const IniReader&) = delete;
     IniReader& operator=(const IniReader&) = delete;
 
-    void setMissingInteger(int);  // what a missing integer reads as, default 0
+    void setMissingInteger(int);  // the value of a missing integer, default 0
 
     int load(const std::filesystem::path& hostPath);  // a handle, 0 when the file cannot be read
     const std::string* find(int handle, const char* section, const char* key) const;

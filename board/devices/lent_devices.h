@@ -1,6 +1,5 @@
-// Devices of the workstation that are lent to the board: the board's programs reach the real thing,
-// and what crosses it stands in the trace as if it were the board's own. Only sensible in real
-// time.
+// Devices of the workstation that are lent to the board: the board's programs reach the real
+// device, and the trace records what they transfer. For boards in real time.
 #pragma once
 
 #include <cstdint>
@@ -20,7 +19,7 @@ class LentDevices {
     void lend(std::string path) { paths_.insert(std::move(path)); }
     bool has(std::string_view path) const { return paths_.find(path) != paths_.end(); }
 
-    // For the C library calls. The others than these know nothing of the descriptor.
+    // For the C library calls.
     void opened(int fd, std::string path) { files_[fd] = std::move(path); }
     void closed(int fd) { files_.erase(fd); }
     bool isOpen(int fd) const { return files_.count(fd) != 0; }

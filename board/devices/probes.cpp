@@ -16,11 +16,11 @@ constexpr SdCard kCards[] = {SdCard::kPresent, SdCard::kMissing, SdCard::kFull, 
 constexpr char kFile[] = "parts";
 constexpr char kCardName[] = "sdcard";
 constexpr std::string_view kCardPath = "/sdcard/";
-constexpr int32_t kNobodyAnswers = 1;  // the closed library has no error number for it
+constexpr int32_t kNobodyAnswers = 1;  // what the closed library returns for an absent part
 
 std::string codecName(int32_t index) { return kCodecs + ("." + std::to_string(index)); }
 
-// The state of that name; the first one for any other text.
+// The state with that name; the first one if there is none.
 template <typename State, size_t kCount>
 State stateNamed(const State (&states)[kCount], const std::string& text) {
     const auto* found = std::find_if(std::begin(states), std::end(states),

@@ -1,7 +1,7 @@
-// What the board's closed library finds when it probes a part for the self-test, and the SD card.
+// The state of the parts that the closed library probes for the self-test, and of the SD card.
 //
-// The settings stand in the board's file "parts", one "name = state" a line; what is not
-// named there is healthy, or present.
+// The board's file "parts" has one line "name = state" for each part; a part without a line is
+// healthy, and the SD card is present.
 #pragma once
 
 #include <cstdint>
@@ -14,8 +14,8 @@
 
 namespace quil::board {
 
-// Names of parts, as the settings, the trace and injected faults (Call::kProbe) have them. One
-// codec alone is "es8316.0", "es8316.1", and so on.
+// Names of parts in the settings, the trace and faults (Call::kProbe). A single codec is
+// "es8316.0", "es8316.1", and so on.
 inline constexpr char kRtc[] = "rtc", kCodecs[] = "es8316", kWifiAp[] = "wifi-ap",
                       kWifiSta[] = "wifi-sta", kClockChip[] = "idt6965";
 
@@ -37,15 +37,15 @@ class Probes {
     void setSdCard(SdCard);
     SdCard sdCard() const;
 
-    // All that was set, to be put back later.
+    // A copy of all settings, to be restored later.
     using Settings = std::map<std::string, std::string>;
     Settings settings() const;
     void restore(const Settings&);
 
-    // The closed library's calls: 0 is healthy.
+    // The closed library's calls; they return 0 for a healthy part.
     int32_t probe(const std::string& part);
     int32_t probeCodec(int32_t index);
-    // The error that the SD card's state has for this use of a path; 0 when there is none.
+    // The errno of this use of a path in the card's present state; 0 if the use is possible.
     enum class Use { kRead, kWrite, kCreate };
     int refusal(std::string_view boardPath, Use) const;
 

@@ -31,7 +31,8 @@ std::string because(int error) { return std::string(": ") + strerror(error) + "\
 
 }  // namespace
 
-// Where a command's descriptors 1 and 2 lead: to a file, or nowhere else than the program's own.
+// Where a command's output goes: to a file, or to the descriptor of the program that called
+// system().
 struct Shell::Streams {
     std::array<std::optional<std::string>, 3> files;
     std::array<int, 3> inherited = {0, 1, 2};
@@ -77,7 +78,8 @@ int Shell::run(const std::string& line) {
         return -1;
     }
     if (fault && fault->exitCode) return waitStatus(*fault->exitCode);
-    if (fault && fault->signal) return *fault->signal;  // as a wait status has it
+    if (fault && fault->signal)
+        return *fault->signal;  // a wait status holds the signal in its low bits
     if (fault && fault->error != 0) {
         errno = fault->error;
         return -1;
@@ -137,7 +139,8 @@ ProgramResult Shell::runProgram(const std::vector<std::string>& argv) {
     return {kNotFound, "", "sh: " + argv[0] + ": inaccessible or not found\n"};
 }
 
-// What stands in the way of opening the file; 0 when nothing does. Opening to write empties it.
+// Returns 0, or the errno that prevents opening the file. Opening to write without `append` empties
+// the file.
 int Shell::open(const std::string& path, bool toWrite, bool append) {
     if (path == "/dev/null") return 0;
     if (board_.power.isCut()) return EIO;
@@ -167,7 +170,7 @@ int Shell::deliver(const std::string& path, const std::string& text) {
 }
 
 void Shell::print(int fd, const std::string& text) {
-    if (fd == 1) fflush(stdout);  // the program's own buffered text came first
+    if (fd == 1) fflush(stdout);  // text that the program wrote before comes first
     size_t done = 0;
     while (done < text.size()) {
         const ssize_t count = real().write(fd, text.data() + done, text.size() - done);

@@ -1,4 +1,4 @@
-// The board's shell, as system() meets it: simple commands, and the programs that are installed.
+// The shell behind system(): simple commands, and the programs that are installed.
 //
 // It reads words with '...', "..." and \x, the redirections >, >>, < and 2>, 2>>, 2>&1, and the
 // operators ; && ||, as a POSIX shell does, and prints the messages of Android's shell. What it
@@ -45,8 +45,8 @@ class Shell {
     Shell(const Shell&) = delete;
     Shell& operator=(const Shell&) = delete;
 
-    // `name` as the command line has it: "ifconfig", or a whole path. echo, cat, sleep, true, false
-    // and : are there from the start.
+    // `name` is the first word of a command: "ifconfig", or a whole path. echo, cat, sleep, true,
+    // false and : are there from the start.
     void add(const std::string& name, Program);
     void remove(const std::string& name);
 

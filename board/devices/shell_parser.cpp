@@ -1,4 +1,4 @@
-// How the board's shell reads a line.
+// The parser of the board's shell.
 #include <cctype>
 #include <optional>
 #include <stdexcept>

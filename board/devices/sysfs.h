@@ -1,4 +1,4 @@
-// Attribute files of the board's drivers: a read shows a text, a write stores one.
+// Attribute files of the board's drivers: a read returns a text, a write passes one to the driver.
 #pragma once
 
 #include <stdio.h>
@@ -11,18 +11,18 @@
 
 namespace quil::board {
 
-// One attribute. Both are called with the board's lock held.
+// One attribute. Both functions are called with the board's lock held.
 struct SysfsFile {
     std::function<std::string()> show = nullptr;                // null: EACCES to a reader
     std::function<int(std::string_view text)> store = nullptr;  // 0 or an errno; null: EACCES
 };
 
-// One opening of an attribute. A read past the shown text ends; every write stores by itself.
+// An open attribute. A read behind the end of the text returns 0; each write is stored at once.
+// A negative result is the negated errno.
 class SysfsHandle {
   public:
     explicit SysfsHandle(const SysfsFile& file) : file_(file) {}
-    ssize_t read(char* data,
-                 size_t count);  // a negative result is the negated errno, here and below
+    ssize_t read(char* data, size_t count);
     ssize_t write(const char* data, size_t count);
     ssize_t seek(off_t to);
 
@@ -44,10 +44,10 @@ class Sysfs {
     void remove(const std::string& path);
     bool exists(std::string_view path) const;
 
-    // The board's own use. The errno that forbids such an opening, 0 when none does.
+    // For the board's other parts. refusal: the errno of such an open(), or 0.
     int refusal(std::string_view path, bool toRead, bool toWrite) const;
     std::shared_ptr<SysfsHandle> open(std::string_view path) const;
-    // A C stream onto the attribute; `handle` takes part in the stream until it is closed.
+    // A C stream onto the attribute, which keeps `handle` alive until it is closed.
     static FILE* openStream(const std::shared_ptr<SysfsHandle>& handle, const char* mode);
 
   private:

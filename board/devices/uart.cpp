@@ -24,7 +24,7 @@ constexpr std::array<SpeedRow, 30> kSpeeds = {
      SPEED(2000000), SPEED(2500000), SPEED(3000000), SPEED(3500000), SPEED(4000000)}};
 #undef SPEED
 
-constexpr double kSpeedTolerance = 0.03;  // beyond this a receiver samples the wrong bits
+constexpr double kSpeedTolerance = 0.03;  // with a larger error a receiver samples wrong bits
 
 termios factorySettings() {
     termios settings{};
@@ -45,7 +45,7 @@ bool agree(const LineSettings& a, const LineSettings& b) {
 
 }  // namespace
 
-// As the kernel reads c_cflag: an unknown speed code is no speed.
+// As the kernel reads c_cflag; an unknown speed code gives the speed 0.
 LineSettings settingsOf(const termios& settings) {
     LineSettings line;
     const tcflag_t code = settings.c_cflag & (CBAUD | CBAUDEX);
@@ -167,8 +167,8 @@ int Uart::flush(int queue) {
     return queue == TCIFLUSH || queue == TCOFLUSH || queue == TCIOFLUSH ? 0 : EINVAL;
 }
 
-// Takes what fits into the transmit buffer, and waits for room for the rest. A negative result is
-// the negated errno, here and in hostRead.
+// Puts bytes into the transmit buffer, and waits for room when it is full. A negative result is the
+// negated errno, here and in hostRead.
 ssize_t Uart::hostWrite(const uint8_t* data, size_t count, bool nonBlocking) {
     size_t done = 0;
     while (done < count) {
@@ -220,7 +220,7 @@ void Uart::transmitted() {
     }
 }
 
-// A receiver set up differently samples the wrong bits: what it gets is not what was sent.
+// A receiver with other line settings samples the wrong bits and hears another byte.
 uint8_t Uart::asHeardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte) {
     if (agree(sender, listener)) return byte;
     board_.violation(path_, "framing error on the line");
@@ -245,7 +245,7 @@ void Uart::startReceive() {
 
 void Uart::keep(uint8_t byte) {
     if (openCount_ == 0) return;
-    if (rx_.size() < kBuffer) rx_.push_back(byte);  // a full buffer loses what comes
+    if (rx_.size() < kBuffer) rx_.push_back(byte);  // a full buffer drops the byte
     burst_.push_back(byte);
 }
 

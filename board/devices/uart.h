@@ -1,5 +1,5 @@
 // A serial port: byte times from the line's settings, the kernel's buffers, the host's termios, and
-// whatever hangs at the other end of the wire.
+// the device at the other end of the wire.
 #pragma once
 
 #include <termios.h>
@@ -25,8 +25,8 @@ struct LineSettings {
 };
 LineSettings settingsOf(const termios&);
 
-// One byte that goes wrong on the line. Bytes are counted by direction, from the adding of the
-// fault: 0 is the next one.
+// One byte that goes wrong on the line. `byte` is its number in its direction; the next byte after
+// the fault is added has the number 0.
 struct LineFault {
     enum class Kind {
         kCorrupt,  // its bits of `value` are inverted
@@ -41,12 +41,11 @@ struct LineFault {
     Nanos delay{0};
 };
 
-// The device at the other end of the wire. Called at the moment when the byte's stop bit has
-// passed.
+// The device at the other end of the wire.
 class UartPeer {
   public:
     virtual ~UartPeer() = default;
-    virtual void receive(uint8_t byte) = 0;
+    virtual void receive(uint8_t byte) = 0;  // at the end of the byte's stop bit
     virtual LineSettings lineSettings() const = 0;
 };
 
@@ -63,7 +62,7 @@ class Uart {
     const std::string& path() const { return path_; }
     int baud() const;
     std::string mode() const;  // "8N1"
-    void unplug();             // the device is gone: EIO, end of file
+    void unplug();             // the device is gone: EIO, and end of file to readers
     void addFault(const LineFault&);
     std::vector<uint8_t> sentByHost() const;  // every byte accepted by write()
     size_t bytesOnTheWay() const;             // accepted by write(), not yet at the peer
@@ -96,7 +95,7 @@ class Uart {
     void received();
     void keep(uint8_t byte);
     bool waitForInput(size_t need, bool nonBlocking);
-    // What arrives for a byte that is sent, and how much later, with the faults of the line.
+    // With the faults of the line: the bytes that arrive for a byte sent, and how much later.
     std::vector<uint8_t> arriving(bool fromHost, uint8_t byte);
     Nanos lateness(bool fromHost) const;
     uint8_t asHeardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte);
@@ -111,7 +110,7 @@ class Uart {
     std::deque<uint8_t> tx_, rx_, incoming_;
     std::vector<uint8_t> sent_, burst_;
     std::vector<LineFault> faults_;
-    std::array<size_t, 2> passed_{};  // bytes that came through: to the host, from it
+    std::array<size_t, 2> passed_{};  // bytes transferred: to the host, from the host
     bool transmitting_ = false, receiving_ = false;
 };
 

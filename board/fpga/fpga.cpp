@@ -11,7 +11,7 @@ namespace {
 
 constexpr Nanos kLongAgo = -std::chrono::hours(1);
 
-// The image that stands in the flash, as long as its header says.
+// The image in the flash, with the length that its header gives.
 std::vector<uint8_t> imageIn(const SerialFlash& flash) {
     constexpr size_t kHeader = 32;
     const size_t size = checkFpgaImage(flash.read(0, kHeader)).size;
@@ -55,7 +55,7 @@ void Fpga::violation(const std::string& text, std::span<const uint8_t> bytes) co
     board_.violation("fpga", shown.empty() ? text : text + " " + shown);
 }
 
-// The kernel takes longer to start than the FPGA: all of it has happened before time begins.
+// The FPGA starts faster than the kernel: board time begins when it is configured already.
 void Fpga::powerOn() {
     isPowered_ = true;
     if (bootsFromFlash_) takeImage(checkFpgaImage(imageIn(flash_)), kLongAgo);

@@ -3,12 +3,12 @@
 // one SPI transaction.
 //
 // Lines: PROG_B (the control line) low clears it and takes DONE down. Once PROG_B and the
-// configuration line are both high again it reads its image from the flash, at 50 MHz. Whoever uses
-// the flash has to hold PROG_B low: anything else is a violation.
+// configuration line are both high again it reads its image from the flash, at 50 MHz. The host may
+// use the flash only while PROG_B is low; any other use is a violation.
 //
 // A transaction is a command byte (0x02 write, 0x0B read), a 32-bit address, most significant byte
 // first, and then the data and a 0x00 to write, or a 0x00 and room for the data to read. Every byte
-// of it is checked. Without a configuration writes are lost and reads give 0xFF.
+// is checked. Without a configuration writes have no effect and reads return 0xFF.
 //
 // Faults: Call::kOpen, kRead, kWrite and kClose by the path.
 #pragma once
@@ -32,11 +32,11 @@ namespace quil::board {
 
 inline constexpr char kFpgaDevice[] = "/dev/fpga_spi";
 
-// Something in the FPGA that becomes ready some time after it could begin: its register reads 1
-// then.
+// A unit of the FPGA that becomes ready some time after it begins to work; its register then reads
+// 1.
 struct Readiness {
     Nanos after{0};
-    int failures = 0;      // so many beginnings come to nothing first; -1: all of them
+    int failures = 0;      // so many beginnings fail first; -1: all of them
     uint8_t notReady = 0;  // what the register reads until then
 };
 
@@ -74,41 +74,41 @@ class Fpga {
     Fpga(const Fpga&) = delete;
     Fpga& operator=(const Fpga&) = delete;
 
-    // For tests. Settings hold from now on: what is on its way begins again.
+    // For tests. A new setting takes effect at once: a unit that has begun begins again.
     void setDdr(const Readiness&);               // begins when the FPGA is configured
     void setSgmiiClock(const Readiness&);        // begins when the FPGA is configured
     void setSgmiiNegotiation(const Readiness&);  // begins when both resets are released
-    // The next reads of this address give these bytes, each read the next one; then the last.
+    // Each read of this address returns the next of these bytes; after the last, always the last.
     void scriptReads(uint32_t address, std::vector<uint8_t> values);
-    void setStuckUnconfigured(bool);  // never gets through a configuration
+    void setStuckUnconfigured(bool);  // every configuration fails
     bool isConfigured() const;
     std::string version() const;  // of the image that it runs; empty when there is none
     std::string problem() const;  // why the last configuration failed
     bool isUdpMode() const;
     std::vector<SpiTransaction> transactions() const;
     void forgetTransactions();
-    // The parameter memory: every address that was written since the configuration.
+    // The parameter memory: the addresses written since the configuration.
     std::map<uint32_t, uint8_t> memory() const;
     std::optional<uint8_t> memoryAt(uint32_t address) const;
     // What a register would answer now.
     uint8_t registerNow(Register) const;
 
-    // The board's own use, with the board's lock held.
+    // For the board's other parts, with the board's lock held.
     void powerOn();
     const Lines& lines() const { return lines_; }
-    // Both return what the driver answers: a count or a negated errno. `truncated`: a fault has cut
-    // the transaction, so that nobody is to blame for its shape.
+    // Both return what the driver does: a count or a negated errno. `truncated`: a fault shortened
+    // the transaction, so that its shape is no violation.
     ssize_t spiWrite(std::span<const uint8_t> bytes, bool truncated);
     ssize_t spiRead(std::span<uint8_t> bytes);
     void checkOpenMode(int flags);
-    // Loads an image as the platform's driver does. Empty, or what was wrong with it.
+    // Loads an image as the platform's driver does. Returns what was wrong with it, else "".
     std::string load(std::span<const uint8_t> image);
     void writeMemory(uint32_t address, std::span<const uint8_t> data);
     void setUdpMode();
     void phyWasReset();
 
   private:
-    // One Readiness at work.
+    // The state of one such unit.
     struct Progress {
         Readiness plan;
         std::optional<Nanos> since;

@@ -1,8 +1,7 @@
-// The FPGA's configuration image as it stands in a file and in the serial flash.
+// The FPGA's configuration image, in a file and in the serial flash.
 //
-// All fields big-endian: a sync word (4 bytes), the size of the whole image (4), the CRC-32 of
-// everything behind this field (4), the version's text (20, filled up with zeros), the body. The
-// CRC is that of IEEE 802.3.
+// All fields are big-endian: a sync word (4 bytes), the size of the whole image (4), the CRC-32
+// (IEEE 802.3) of everything behind this field (4), the version's text (20, NUL padded), the body.
 #pragma once
 
 #include <cstddef>
@@ -20,10 +19,9 @@ std::string makeFpgaImage(std::string_view version, size_t size);
 struct FpgaImageCheck {
     std::string problem;  // empty: the image is good
     std::string version;
-    uint32_t size = 0;  // as the header says; 0 when there is none
+    uint32_t size = 0;  // from the header; 0 without a header
 };
-// What an FPGA finds that reads its configuration from these bytes; more of them may follow the
-// image.
+// Checks the image at the start of these bytes as an FPGA does; other bytes may follow the image.
 FpgaImageCheck checkFpgaImage(std::span<const uint8_t> bytes);
 
 }  // namespace quil::board

@@ -94,7 +94,7 @@ int32_t FpgaLibrary::configureEth1() {
     });
 }
 
-// Every block goes where its address says; the closed library knows no kinds.
+// Writes each block to its address; unlike the product, the library knows no kinds of blocks.
 int32_t FpgaLibrary::sendScreen(const std::string& partition, int64_t byteNanos, const char* how) {
     std::vector<uint8_t> content;
     if (!parts_.fpga.isConfigured()) return -EIO;

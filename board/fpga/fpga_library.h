@@ -1,9 +1,8 @@
-// The board's closed FPGA library and hardware layer: what stands behind the hal_* and *fpga* calls
-// of platform/vendor/include.
+// The board's closed FPGA library and hardware layer, behind the hal_* and *fpga* calls of
+// platform/vendor/include.
 //
 // Every call is a kVendor event with its name and arguments. Faults: Call::kVendor by the
-// function's name (the call does nothing and answers -error; lostSilently: it does nothing and
-// answers 0).
+// function's name (the call does nothing and returns -error; with lostSilently it returns 0).
 #pragma once
 
 #include <cstdint>
@@ -37,8 +36,8 @@ class FpgaLibrary {
     FpgaLibrary(const FpgaLibrary&) = delete;
     FpgaLibrary& operator=(const FpgaLibrary&) = delete;
 
-    // Each takes the board's lock and answers as the function of the same meaning does: 0 or more,
-    // or a negated errno.
+    // Each takes the board's lock, does the work of one function of the library, and returns what
+    // that function returns: 0 or more, or a negated errno.
     int32_t setLine(int32_t number, int32_t level);
     int32_t readLine(int32_t number);
     int32_t readSysfs(const char* path, char* buffer, uint32_t size);
@@ -49,7 +48,8 @@ class FpgaLibrary {
     int32_t updateProgram();
     int32_t loadParameters();
 
-    // Every text that a call handed over, by its address: a closed library may keep them.
+    // The address of every text that a caller passed. A closed library may keep such addresses, so
+    // that callers must not free the texts.
     const std::vector<const char*>& texts() const { return texts_; }
 
   private:

@@ -75,7 +75,8 @@ ssize_t Fpga::spiRead(std::span<uint8_t> bytes) {
     if (!isWellFormed(bytes, true)) return count;
     const uint32_t address = big32(bytes, kAddressAt);
     const std::vector<uint8_t> sent(bytes.begin(), bytes.end());
-    std::fill_n(bytes.begin(), kReadDataAt, uint8_t{0});  // nothing useful comes with the header
+    std::fill_n(bytes.begin(), kReadDataAt,
+                uint8_t{0});  // while the header is sent, the FPGA returns no data
     const auto data = bytes.subspan(kReadDataAt);
     readInto(address, data);
     record(describe("read", address, data.size()), data);
@@ -185,7 +186,7 @@ void Fpga::forgetTransactions() {
     transactions_.clear();
 }
 
-// The FPGA's side has to be reset once more before it negotiates with a PHY that starts afresh.
+// After a reset of the PHY, the FPGA negotiates only when its own side is reset once more.
 void Fpga::phyWasReset() { negotiation_.since.reset(); }
 
 }  // namespace quil::board

@@ -1,4 +1,4 @@
-// The MTD tool of the vendor image: "mtd_debug erase|write|read|info /dev/mtd0 ...".
+// The MTD tool of the vendor image: "mtd_debug erase|write|read /dev/mtd0 ...".
 #pragma once
 
 #include "board/devices/shell.h"
@@ -8,7 +8,7 @@ namespace quil::board {
 
 inline constexpr char kMtdDebugFile[] = "/vendor/bin/mtd_debug";
 
-// Without the tool's file in the board's file system the shell does not find it.
+// The shell finds the tool only if its file is in the board's file system.
 void addMtdDebug(BoardServices&, Shell&, SerialFlash&);
 
 }  // namespace quil::board

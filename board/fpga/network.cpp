@@ -12,7 +12,7 @@ constexpr char kModule[] = "dwmac_meson8b", kModuleFile[] = "dwmac-meson8b.ko";
 Network::Network(BoardServices& board, Phy& phy) : board_(board), phy_(phy) {}
 Network::~Network() = default;
 
-// What keeps the kernel from taking the file as a module; null when nothing does.
+// Why the kernel does not load the file as a module; null if it does.
 const char* Network::refusalOf(const std::string& modulePath) const {
     const auto host = board_.onHost(modulePath.c_str());
     std::error_code error;

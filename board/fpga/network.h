@@ -32,10 +32,10 @@ class Network {
     Network& operator=(const Network&) = delete;
 
     bool isDriverLoaded() const;
-    Interface eth1() const;  // what a driver just loaded has: nothing
+    Interface eth1() const;  // all empty after the driver is loaded
     int driverLoads() const;
 
-    // The board's own use.
+    // For the board's other parts.
     void powerOn();
     void addCommands(Shell&);
     bool configure(const std::string& address, const std::string& netmask);

@@ -1,9 +1,10 @@
-// The Ethernet PHY between the host's eth1 and the FPGA: a reset line, registers in pages, and the
-// link that comes up once it is set up.
+// The Ethernet PHY between the host's eth1 and the FPGA: a reset line, registers in pages, and a
+// link that comes up once the PHY is set up.
 //
-// The host reaches it through two files that the Ethernet driver shows while it is loaded:
-// "/sys/class/ethernet/phyreg" takes "w REGISTER VALUE" and "r REGISTER" and shows what was read
-// last; "/sys/class/ethernet/quilphyreg" shows the link's status, with "0x907" in it when it is up.
+// The host reaches it through two files that exist while the Ethernet driver is loaded:
+// "/sys/class/ethernet/phyreg" takes "w REGISTER VALUE" and "r REGISTER" and shows the last value
+// read; "/sys/class/ethernet/quilphyreg" shows the link's status, which contains "0x907" when the
+// link is up.
 //
 // Faults: Call::kOpen, kRead and kWrite by the files' paths.
 #pragma once
@@ -27,10 +28,10 @@ inline constexpr char kPhyStatus[] = "/sys/class/ethernet/quilphyreg";
 
 class Phy {
   public:
-    // From the release of the reset to the first access, and from the set-up to the link.
+    // From the release of the reset to the first permitted access; from the set-up to the link.
     static constexpr Nanos kStartUp = std::chrono::milliseconds(150);
     static constexpr Nanos kLinkTraining = std::chrono::milliseconds(20);
-    // The page and register that set the port up, and what the board needs there.
+    // The register that sets the port up, its page, and the value that the board needs.
     static constexpr uint16_t kPageRegister = 0x1f, kSetUpPage = 0xd08, kSetUpRegister = 0x10,
                               kSetUp = 0x5e;
 
@@ -41,13 +42,13 @@ class Phy {
 
     // For tests.
     void setCable(bool plugged);
-    void setDeadResets(int count);         // the link stays down after so many resets; -1: always
-    void setStatusText(std::string text);  // shown whatever the link does; empty: as the link is
+    void setDeadResets(int count);  // the link stays down after each of so many resets; -1: always
+    void setStatusText(std::string text);  // the fixed text of the status file; empty: the true one
     bool isLinkUp() const;
     uint16_t registerAt(uint16_t page, uint8_t number) const;
     int resets() const;  // releases of the reset line
 
-    // The board's own use: the driver's files come and go with it.
+    // For the board's other parts: the driver's files exist while it is loaded.
     void driverLoaded();
     void driverUnloaded();
     void onReset(std::function<void()> listener) { onReset_ = std::move(listener); }

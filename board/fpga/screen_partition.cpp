@@ -40,7 +40,7 @@ constexpr std::array<FactoryRow, 17> kFactoryRows = {{{0x10018000, 5120},
                                                       {0x10A45000, 157},
                                                       {0x10A46000, 16}}};
 
-// The topology header's counts: units of 16 bytes of the topology blocks, in their order.
+// The topology header counts the topology blocks' units of 16 bytes, in the order of the blocks.
 constexpr size_t kCountsAt = 3, kCountStride = 256;
 constexpr std::array<uint8_t, 3> kUnits = {4, 2, 10};
 

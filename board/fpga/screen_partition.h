@@ -20,8 +20,8 @@ std::string makeScreenPartition(std::span<const ScreenBlock> blocks);
 // The blocks up to the first malformed one.
 std::vector<ScreenBlock> readScreenPartition(std::span<const uint8_t> partition);
 
-// What a board leaves the factory with: one block of each kind, and more than one of those kinds
-// that come in ranges.
+// The parameters of a board from the factory: one block of each kind, and several of the kinds
+// that have a range of addresses.
 std::vector<ScreenBlock> factoryScreen();
 
 }  // namespace quil::board

@@ -30,13 +30,13 @@ SerialFlash::SerialFlash(BoardServices& board) : board_(board) {
 
 SerialFlash::~SerialFlash() = default;
 
-// Nothing: the operation goes on.
+// The fault of this step; nothing if it succeeds.
 std::optional<Fault> SerialFlash::faultOf(Call call) {
     if (board_.power.isCut()) return Fault{.call = call, .error = EIO};
     return board_.faults.take(call, kFlashDevice);
 }
 
-// Whether power goes with what this announces.
+// Where power is cut, if it is cut at this event.
 std::optional<CutPosition> SerialFlash::note(const std::string& text) {
     return board_.trace.add(EventKind::kFlash, kFlashDevice, text);
 }

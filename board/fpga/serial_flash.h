@@ -1,5 +1,5 @@
-// The serial flash behind /dev/mtd0: it is erased to 0xFF by sectors, and programming clears bits
-// only.
+// The serial flash behind /dev/mtd0: an erase sets all bits of whole sectors, programming can only
+// clear bits.
 //
 // Sizes and times are those of a common 128-Mbit part (W25Q128: block erase 150 ms, page program
 // 0.7 ms). The board keeps the contents in the file "mtd0"; what lies behind the file's end is
@@ -7,7 +7,7 @@
 //
 // Faults: Call::kFlashErase once for each sector and Call::kFlashProgram once for each page, both
 // with the path "/dev/mtd0": an error ends the operation there, lostSilently leaves the sector or
-// page as it is. Power that goes inside an operation leaves it half done.
+// page as it is. A power cut inside an operation leaves it partly done.
 #pragma once
 
 #include <cstdint>
@@ -36,18 +36,19 @@ class SerialFlash {
 
     // The cells of a range, as far as the flash reaches.
     std::vector<uint8_t> read(uint32_t offset, size_t length) const;
-    // How far the flash is used: all behind is erased.
+    // The flash is erased from this offset to its end.
     uint32_t usedSize() const;
-    // Puts these cells there in no time, as the factory's programmer does; the rest is erased.
+    // Sets the contents at once, as the factory's programmer does; the rest is erased.
     void preload(std::string_view content);
-    // Flips bits of one cell, as a worn part does.
+    // Inverts bits of one cell, as in a worn part.
     void damage(uint32_t offset, uint8_t bits);
 
-    // The device's work, in board time. 0 or an errno. Asks for whole sectors to erase.
+    // The device's work, in board time. 0 or an errno; an erase of less than whole sectors is
+    // EINVAL.
     int erase(uint32_t offset, uint32_t length);
     int program(uint32_t offset, std::span<const uint8_t> data);
 
-    // Called before each erase and programming, to see that the host may use the flash now.
+    // Called before each erase and programming, to check that the host may use the flash.
     void onUse(std::function<void()> listener) { listener_ = std::move(listener); }
 
   private:
@@ -62,7 +63,7 @@ class SerialFlash {
     size_t tornBytes(size_t size) const;
 
     BoardServices& board_;
-    std::vector<uint8_t> cells_;  // behind its end: 0xFF
+    std::vector<uint8_t> cells_;  // the cells behind its end are 0xFF
     std::function<void()> listener_;
 };
 

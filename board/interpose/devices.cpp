@@ -14,7 +14,7 @@ using namespace quil::board;
 
 namespace {
 
-// Runs `action` on the serial port behind the descriptor, or `otherwise` when there is none.
+// Runs `action` on the serial port behind the descriptor, or `otherwise` if it is not the board's.
 template <typename Action, typename Otherwise>
 int onUart(Call call, int fd, Action action, Otherwise otherwise) {
     Machine* machine = machineForCall();
@@ -32,7 +32,7 @@ int onUart(Call call, int fd, Action action, Otherwise otherwise) {
     return -1;
 }
 
-// What a poll entry's descriptor is ready for now.
+// The events for which a poll entry's descriptor is ready now.
 short readyNow(Machine& machine, const pollfd& entry) {
     const OpenFile* file = machine.openFile(entry.fd);
     if (file == nullptr || file->uart == nullptr) {
@@ -57,7 +57,7 @@ int countReady(Machine& machine, std::vector<pollfd>& entries) {
     return count;
 }
 
-// In real time nothing tells the board of others' descriptors: it looks again now and then.
+// In real time nothing wakes the board for descriptors that are not its own: it polls them.
 std::optional<Nanos> nextLook(const Machine& machine, std::optional<Nanos> deadline) {
     if (!machine.options.realtime) return deadline;
     const Nanos look = machine.scheduler.now() + std::chrono::milliseconds(5);

@@ -13,7 +13,7 @@ using namespace quil::board;
 
 namespace {
 
-// Stands for a driver's attribute where only its being there is asked for.
+// Answers access() and stat() of a device or attribute: only its existence matters.
 constexpr char kSomeFile[] = "/dev/null";
 
 using OpenCall = int (*)(const char*, int, ...);
@@ -109,8 +109,7 @@ mode_t modeOf(int flags, va_list arguments) {
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
 }
 
-// A pipe or socket with nothing in it: the reader waits in board time, not with the turn in its
-// hands.
+// A reader of an empty pipe or socket waits in board time, so that other threads get their turn.
 void waitForPipe(Machine& machine, int fd) {
     struct stat info {};
     if (fd == 0 || machine.options.realtime || !Scheduler::attached()) return;
@@ -128,7 +127,7 @@ ssize_t resultOf(ssize_t result) {
     return -1;
 }
 
-// A read that comes up short has gone over the wire as a whole.
+// A fault that shortens a read shortens the result, not the SPI transaction.
 ssize_t readFpga(Fpga& fpga, void* data, size_t whole, size_t count) {
     const ssize_t done = fpga.spiRead({static_cast<uint8_t*>(data), whole});
     return resultOf(std::min(done, static_cast<ssize_t>(count)));
@@ -176,7 +175,7 @@ int closeOnBoard(Machine& machine, OpenFile file, int fd) {
     return fault ? failWith(fault->error) : result;
 }
 
-// Status flags of a device are the board's; everything else is the descriptor's.
+// The board keeps the status flags of its devices; other commands act on the descriptor.
 int fcntlOnBoard(Machine& machine, OpenFile& file, int fd, int command, void* argument) {
     if (machine.dead()) return failWith(EIO);
     if (const auto fault = machine.faults.take(Call::kFcntl, file.path)) {
@@ -230,8 +229,7 @@ FILE* fopenAnywhere(FILE* (*call)(const char*, const char*), const char* path, c
     return call(host->c_str(), mode);
 }
 
-// For the calls that only need another path: the fault's result, or the call with the path
-// translated.
+// For calls that only need the path translated; a fault takes the place of the call.
 template <typename Function>
 int withHostPath(Call call, const char* path, Function function) {
     Machine* machine = machineForCall();
@@ -317,7 +315,7 @@ QUIL_EXPORT ssize_t write(int fd, const void* data, size_t count) {
     return result;
 }
 
-// On a board's file each part is a write of its own; what the last one did not take ends the call.
+// On a board's file each part is one write; the first incomplete write ends the call.
 QUIL_EXPORT ssize_t writev(int fd, const iovec* parts, int count) {
     Machine* machine = machineForCall();
     if (machine == nullptr) return real().writev(fd, parts, count);

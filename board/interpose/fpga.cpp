@@ -1,5 +1,4 @@
-// The closed hardware layer and FPGA library, as the program calls them. Without power nobody
-// answers.
+// The functions of the closed hardware layer and FPGA library. Without power they return -1.
 #include "board/fpga/fpga_library.h"
 #include "board/interpose/interpose.h"
 #include "board/machine.h"

@@ -1,8 +1,8 @@
-// What the files that define the C library's names share.
+// Shared by the files that define functions of the C library.
 #pragma once
 
 #define QUIL_EXPORT [[gnu::visibility("default")]]
 
-// There when a sanitizer is built in.
+// Null unless that sanitizer is built in.
 extern "C" [[gnu::weak]] void __asan_init();
 extern "C" [[gnu::weak]] void __tsan_init();

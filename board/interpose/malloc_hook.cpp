@@ -41,7 +41,8 @@ void* replacementFor(const char* name) {
     return nullptr;
 }
 
-// The loader may have made the slots read-only. They stay writable: others may share their page.
+// The loader may have made the slots read-only. Their page stays writable afterwards: it may hold
+// other writable data.
 void setSlot(void** where, void* value) {
     const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
     void* start = reinterpret_cast<void*>(reinterpret_cast<uintptr_t>(where) & ~(page - 1));

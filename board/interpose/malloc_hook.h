@@ -1,5 +1,5 @@
-// Allocation failures for the library under test alone: its own jumps to malloc and calloc are bent
-// while such a fault is armed, nobody else's.
+// Allocation failures for the library under test alone: while such a fault is armed, that library's
+// references to malloc and calloc are redirected, and no others.
 #pragma once
 
 namespace quil::board {

@@ -1,5 +1,5 @@
-// Threads, mutexes and condition variables. In board time a thread that would block gives its turn
-// up.
+// Threads, mutexes and condition variables. A thread in board time gives its turn up where it would
+// block.
 #include <errno.h>
 #include <pthread.h>
 
@@ -13,7 +13,7 @@ namespace {
 
 struct Turn {
     explicit Turn(BoardThread* thread) {
-        // The sanitizers' own thread start-up needs parent and child to run at once.
+        // With a sanitizer the parent waits for the child's start: the child runs before its turn.
         Scheduler::begin(thread, __tsan_init == nullptr && __asan_init == nullptr);
     }
     ~Turn() { Scheduler::end(); }

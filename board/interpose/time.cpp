@@ -1,4 +1,4 @@
-// Sleeping and telling the time.
+// Sleeps and clocks.
 #include <errno.h>
 #include <sched.h>
 #include <sys/syscall.h>
@@ -28,7 +28,7 @@ std::string secondsText(Nanos duration) {
     return std::to_string(static_cast<double>(duration.count()) / 1e9) + " s";
 }
 
-// Returns false when the thread does not live in board time and has to sleep by itself.
+// Returns false if the thread is outside board time and has to sleep in real time.
 bool sleepOnBoard(Nanos duration) {
     Machine* machine = machineForTurns();
     if (machine == nullptr) return false;
@@ -69,8 +69,8 @@ QUIL_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* time
     return sleepOnBoard(duration) ? 0 : real().clock_nanosleep(clock, flags, time, left);
 }
 
-// A thread that looks again and again would stop board time, which goes on only while all wait:
-// each time that it yields, time goes on to the next whole millisecond.
+// Board time goes on only while all threads wait, so that a thread that polls would stop it:
+// therefore each yield waits for the next whole millisecond.
 QUIL_EXPORT int sched_yield() noexcept {
     Machine* machine = machineForTurns();
     if (machine == nullptr) return real().sched_yield();
@@ -81,8 +81,8 @@ QUIL_EXPORT int sched_yield() noexcept {
     return 0;
 }
 
-// Takes no lock and, before everything is resolved, no other call: the address sanitizer asks for
-// the time while it holds its allocator's locks.
+// Takes no lock and, until the C library's functions are looked up, calls none of them: the address
+// sanitizer asks for the time while it holds its allocator's locks.
 QUIL_EXPORT int clock_gettime(clockid_t clock, timespec* time) noexcept {
     const Machine* machine = poweredMachine();
     if (machine != nullptr && Scheduler::attached() && !isProcessorClock(clock) &&

@@ -30,7 +30,7 @@ int keepLogLine(int priority, const char* tag, const char* text) {
     return 1;
 }
 
-// Without power nobody answers.
+// -1 without power.
 int32_t probe(const char* part) {
     Machine* machine = machineForCall();
     return machine != nullptr && !machine->dead() ? machine->probes.probe(part) : -1;
@@ -64,7 +64,7 @@ QUIL_EXPORT int __android_log_write(int priority, const char* tag, const char* t
     return keepLogLine(priority, tag, text);
 }
 
-// Whatever errno was before, the property area's search leaves its own.
+// As on the platform, the search of the property area sets errno in any case.
 QUIL_EXPORT int property_get(const char* name, char* value, const char* fallback) {
     errno = ENOENT;
     const std::string_view missing = fallback != nullptr ? fallback : "";
@@ -92,7 +92,7 @@ QUIL_EXPORT int32_t bi_common_load_ini_file(const char* path) {
     return machine->iniReader.load(host.value_or(path));
 }
 
-// Copies whatever stands there, however long: the closed library knows no capacity.
+// Copies the value whatever its length, as the closed library does: it has no capacity argument.
 QUIL_EXPORT int32_t bi_common_ini_get_string(int32_t handle, const char* section, const char* key,
                                              char* dest) {
     Machine* machine = machineForCall();

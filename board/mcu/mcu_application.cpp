@@ -45,7 +45,7 @@ std::vector<uint8_t> buildAnswer(std::vector<uint8_t> header, uint32_t cmd, bool
     return header;
 }
 
-// What the firmware updater asks: a get of the version with a scope of its own.
+// The firmware updater's query is a get of the version with a scope that only it uses.
 bool isUpdatersQuery(const std::vector<uint8_t>& frame) {
     return little32(frame, wire::kCommandAt) == McuApplication::kVersionCommand &&
            little32(frame, wire::kScopeAt) == McuApplication::kUpdatersScope &&

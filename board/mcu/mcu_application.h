@@ -1,5 +1,5 @@
-// The microcontroller's application: it reads requests from its serial line, checks every byte of
-// them, keeps values, and answers.
+// The microcontroller's application: it reads requests from its serial line, checks every byte,
+// keeps the values that are set, and answers.
 #pragma once
 
 #include <cstdint>
@@ -23,15 +23,14 @@ class McuApplication : public UartPeer {
         std::vector<uint8_t> frame;
     };
     static constexpr uint32_t kVersionCommand = 0x00000001;
-    // The firmware updater's query has this in the word after the command. Its answer names the
-    // part (16 bytes) and the version (16 bytes), both NUL padded: the version's 15 characters are
-    // bytes 46 to 60 of the frame.
+    // The word after the command in the firmware updater's query. The answer has the part's name
+    // and the version, each NUL padded to 16 bytes: the version starts at byte 46 of the frame.
     static constexpr uint32_t kUpdatersScope = 0x00030000;
     static constexpr size_t kIdentificationPart = 16, kIdentificationVersion = 16;
     static constexpr Nanos kLongestGap = std::chrono::milliseconds(50);  // inside one frame
     static constexpr Nanos kAnswerDelay = std::chrono::milliseconds(1);  // after the last byte
 
-    // Keeps its values in the board's file "mcu/values". Hears and says nothing before start.
+    // Keeps its values in the board's file "mcu/values". Silent until start.
     McuApplication(BoardServices&, Uart&, int baud);
     ~McuApplication() override;
     McuApplication(const McuApplication&) = delete;
@@ -47,7 +46,7 @@ class McuApplication : public UartPeer {
     void setLine(LineSettings);
     void sendUnsolicited(const std::vector<uint8_t>& payload, uint32_t cmd);
 
-    // The part starts the application that its flash holds; any reset stops it.
+    // The part starts the application in its flash; any reset stops it.
     void start(std::string partName, std::string version);
     void stop();
 

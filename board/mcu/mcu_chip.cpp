@@ -61,7 +61,7 @@ void McuChip::flashImage(std::string_view image) {
     flash_.load(image);
 }
 
-// The part has long been up when the host is.
+// The part starts faster than the host: board time begins when it is up.
 void McuChip::powerOn() {
     Guard guard(boardLock());
     startFromReset();
@@ -74,7 +74,7 @@ void McuChip::powerLost() {
 
 void McuChip::onReset(int level) {
     if (level == 0) {
-        powerLost();  // to a flash at work a reset is the same
+        powerLost();  // a reset interrupts a flash operation as a power cut does
         return;
     }
     state_ = State::kStarting;

@@ -1,8 +1,8 @@
 // The microcontroller as a part on the board: reset and BOOT0, flash, and what runs on it.
 //
-// While NRST is low it is silent. When NRST rises, BOOT0 decides: high starts the boot loader in
-// its ROM, low the application in its flash, if a whole image stands there (mcu_image.h); otherwise
-// the part stays silent, as it does after a jump to anywhere else.
+// While NRST is low it is silent. When NRST rises, a high BOOT0 starts the boot loader in its ROM,
+// and a low BOOT0 the application in its flash, if there is a valid image (mcu_image.h). Without
+// one, and after a jump to any other address, the part stays silent.
 #pragma once
 
 #include <memory>
@@ -22,7 +22,7 @@ class McuChip : public UartPeer, private McuSurroundings {
         State as;             // kBootLoader, kApplication, kNoImage
         std::string version;  // of the application
     };
-    // From the rise of NRST until the part listens.
+    // From the rise of NRST to the first byte that the part can receive.
     static constexpr Nanos kStartTime = std::chrono::microseconds(500);
 
     // The board keeps the flash in the file "mcu/flash".
@@ -37,7 +37,7 @@ class McuChip : public UartPeer, private McuSurroundings {
     std::vector<Start> starts() const;  // since power-on
     LoaderFaults& loaderFaults() { return faults_; }
     McuFlash& flash() { return flash_; }
-    // Puts an image into the flash, as a programmer on a desk would; takes effect at the next
+    // Puts an image into the flash at once, without the boot loader; takes effect at the next
     // start.
     void flashImage(std::string_view image);
 
@@ -79,7 +79,7 @@ class McuChip : public UartPeer, private McuSurroundings {
 
 const char* nameOf(McuChip::State);
 
-// The part that a product file names as mcu_serial; the GD32F303 where it names none that is known.
+// The part that a product file names as mcu_serial; the GD32F303 if it names no known part.
 const McuPart& partOfProductFile(const std::filesystem::path& productFile);
 // What the MCU would find in its flash if the board in this directory were powered on.
 McuImageCheck checkFlashedMcu(const std::filesystem::path& boardDirectory);

@@ -21,7 +21,7 @@ std::string productFileOf(const fs::path& board) {
     return *content;
 }
 
-// Where the value of a line "key = value" stands.
+// Offset and length of the value in a line "key = value".
 std::pair<size_t, size_t> valueOf(const std::string& content, const std::string& key) {
     const std::string start = "\n" + key + " = ";
     const size_t at = content.find(start);

@@ -1,4 +1,4 @@
-// Another MCU for a board that is off.
+// Replaces the MCU, or the contents of its flash, on a board that is off.
 #pragma once
 
 #include <cstddef>
@@ -11,16 +11,17 @@ namespace quil::board {
 
 struct McuFitting {
     McuKind kind = McuKind::kGd32F303;
-    std::string shipped = "V1.0.0";  // the version that the product file and its image have
-    std::string flashed = {};        // what stands in the flash; "": the shipped one
-    size_t imageSize = 8192;         // bytes, of both images
+    std::string shipped =
+        "V1.0.0";              // the version in the product file and of the image that it names
+    std::string flashed = {};  // the version in the flash; "": the shipped one
+    size_t imageSize = 8192;   // bytes, of both images
 };
 
-// The product file names the part and the shipped version from then on; the image that it names,
-// and the flash, are written anew. Throws std::runtime_error when the directory is no board's.
+// Changes the part and the shipped version in the product file, and writes the image that it names
+// and the flash anew. Throws std::runtime_error if the directory holds no board.
 void fitMcu(const std::filesystem::path& boardDirectory, const McuFitting&);
 
-// Only the flash: an image of that version, as large as the shipped one.
+// Changes the flash alone: an image of that version, as large as the shipped one.
 void flashMcu(const std::filesystem::path& boardDirectory, const std::string& version);
 
 }  // namespace quil::board

@@ -50,7 +50,7 @@ void McuFlash::loadOptions() {
     }
 }
 
-// The file ends with the last cell that is not erased.
+// The file ends with the last programmed cell.
 void McuFlash::save() {
     if (std::exchange(changed_, false)) {
         while (used_ > 0 && cells_[used_ - 1] == 0xFF) --used_;
@@ -124,7 +124,7 @@ std::string McuFlash::finish() {
     return "";
 }
 
-// Cells go one after another: those before the cut are done, one is half done.
+// Cells change one after another: those before the cut are done, one is half done.
 void McuFlash::powerLost(uint64_t seed) {
     const Operation torn = std::exchange(operation_, {});
     if (torn.kind == Operation::kProgram) {

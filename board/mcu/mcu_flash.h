@@ -1,9 +1,9 @@
 // The flash memory of the microcontroller, kept in one file, with its protection in a second one,
 // "option_bytes", beside it.
 //
-// NOR: an erase sets every bit of a page, programming clears bits, a unit that is not erased must
-// not be programmed. An operation takes its time; until it is finished the cells keep what they
-// had, and power that is lost meanwhile leaves a part of it done.
+// NOR: an erase sets every bit of a page, programming clears bits, and a unit must be erased before
+// it is programmed. An operation takes its time. The cells change when it is finished; a power cut
+// before that leaves it partly done.
 #pragma once
 
 #include <cstdint>
@@ -37,18 +37,18 @@ class McuFlash {
     // For tests and tools: erases everything and puts `image` at the start.
     void load(std::string_view image);
 
-    // Operations, one at a time; each start returns how long it will take. Pages under write
-    // protection are passed over, as a part does.
+    // Operations, one at a time; each start returns how long it will take. Write-protected pages
+    // are skipped without an error, as in the real part.
     Nanos startErase(const std::vector<uint32_t>& pages);
     Nanos startMassErase();
     Nanos startProgram(uint32_t offset, std::span<const uint8_t> bytes);
     bool busy() const { return operation_.kind != Operation::kNone; }
-    // The end of the operation. Returns what broke the rules, "" when nothing did.
+    // Ends the operation. Returns the rule that it broke, "" if none.
     std::string finish();
     // Power goes. The seed alone decides how much of the operation under way is done.
     void powerLost(uint64_t seed);
 
-    // Protection outlives the power, as option bytes do.
+    // Protection is kept without power, in the option bytes.
     bool readoutProtected() const { return readoutProtected_; }
     void setReadoutProtected(bool);
     const std::set<uint32_t>& writeProtectedPages() const { return writeProtected_; }

@@ -9,7 +9,7 @@
 //   0x220  .  code
 //   length - 4: CRC-32 (IEEE 802.3, as in zip files) of all before it
 //
-// All fields are little-endian. What follows the image in the flash does not matter.
+// All fields are little-endian. Bytes behind the image in the flash are ignored.
 #pragma once
 
 #include <cstddef>
@@ -25,15 +25,16 @@ namespace quil::board {
 inline constexpr size_t kMcuImageVersionAt = 0x210, kMcuImageVersionMax = 15;
 inline constexpr size_t kMcuImageLeast = 0x228;  // bytes
 
-// A valid image of exactly `size` bytes, whose code follows from the version: images of two
-// versions differ all over. Throws std::invalid_argument when the size or the version does not fit.
+// A valid image of exactly `size` bytes. Its code depends on the version, so that the images of two
+// versions differ throughout. Throws std::invalid_argument when the size or the version does not
+// fit.
 std::string makeMcuImage(McuKind, std::string_view version, size_t size);
 
 struct McuImageCheck {
-    std::string problem;  // why a start from this flash fails; empty: it does not
+    std::string problem;  // why a start from this flash fails; empty: it succeeds
     std::string version;  // when there is no problem
 };
-// What a part finds at the start of its flash.
+// Checks the image at the start of a flash as the part does at its start.
 McuImageCheck checkMcuImage(const McuPart&, std::span<const uint8_t> flash);
 
 }  // namespace quil::board

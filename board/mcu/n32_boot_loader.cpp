@@ -131,7 +131,7 @@ void N32BootLoader::succeed(Nanos delay, std::vector<uint8_t> payload) {
     answer(delay, std::move(payload), kSuccess, 0);
 }
 
-// The answer to a refused download comes when that to a good one would: hosts flush meanwhile.
+// A refused download is answered as late as a good one: hosts flush their input before that.
 void N32BootLoader::refuse(N32Refusal reason, const std::string& why, bool violation) {
     if (violation) {
         around_.violation(why);
@@ -206,8 +206,8 @@ void N32BootLoader::download() {
         });
 }
 
-// Hosts count 16 bytes too many for an image of whole 16 bytes, and continue the CRC of an earlier
-// session: a wrong CRC is their habit, no violation.
+// Hosts in the field count 16 bytes too many for images of a multiple of 16 bytes, and continue the
+// CRC of an earlier session: a wrong CRC is therefore no violation.
 void N32BootLoader::checkCrc() {
     const uint32_t expected = little32(frame_, kParameterAt);
     const uint32_t address = little32(frame_, kBlockAt), length = little32(frame_, kBlockAt + 4);

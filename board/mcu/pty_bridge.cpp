@@ -14,7 +14,7 @@
 namespace quil::board {
 namespace {
 
-constexpr int kLongestWaitMs = 20;  // so that stop() is heard
+constexpr int kLongestWaitMs = 20;  // stop() takes effect within this time
 
 Nanos realNow() {
     timespec time{};
@@ -35,7 +35,7 @@ int openMaster(std::string& port) {
 
 }  // namespace
 
-// The part: what was put off waits in a list, and comes at its time or at once.
+// The part. Delayed actions wait in a list, sorted by time; without real time they are due at once.
 class PtyBridge::Part : public McuSurroundings {
   public:
     Part(const PtyBridgeOptions& options, int master)
@@ -71,14 +71,14 @@ class PtyBridge::Part : public McuSurroundings {
     void resetBySoftware() override { restarts_ = true; }
     void jumpTo(uint32_t) override { restarts_ = true; }
 
-    // A pty hands over at once what takes its time on a line.
+    // A pty transfers at once; in real time each byte is delayed as on a line.
     void arrive(uint8_t byte) {
         const Nanos time = realtime_ ? hostLine().byteTime() : Nanos(0);
         lineFree_ = std::max(lineFree_, now()) + time;
         put(lineFree_, [this, byte] { loader->receive(byte); });
     }
 
-    // A reset lets what was sent before it out.
+    // Called once all bytes sent before the reset are out.
     void restart() {
         if (flash.busy()) flash.powerLost(0);
         pending_.clear();
@@ -165,7 +165,7 @@ void PtyBridge::serveOnce() {
             part_->runDue();
         }
     } else if (ready > 0 && (entry.revents & POLLHUP) != 0) {
-        part_->restart();  // nobody has the port open
+        part_->restart();  // no program has the port open
         inUse_.store(false);
         const timespec pause{0, 5'000'000};
         real().nanosleep(&pause, nullptr);

@@ -1,8 +1,8 @@
-// A boot-loader model behind a pseudo terminal, for programs that know nothing of boards.
+// A boot-loader model behind a pseudo terminal, for ordinary programs of the workstation.
 //
-// The part's BOOT0 is strapped high: whatever resets it starts its boot loader again, and so does
-// the last program that closes the port, as with an adapter that has a modem line on the reset pin.
-// A pseudo terminal carries no parity, and garbles nothing at a wrong speed.
+// The part's BOOT0 is always high: every reset starts its boot loader again. The last program that
+// closes the port resets it, as does an adapter whose modem line is connected to the reset pin. A
+// pseudo terminal has no parity, and transfers bytes correctly at any speed.
 #pragma once
 
 #include <atomic>
@@ -17,9 +17,9 @@ namespace quil::board {
 
 struct PtyBridgeOptions {
     McuKind part = McuKind::kGd32F303;
-    std::filesystem::path flash;      // the file with the part's flash; need not be there
+    std::filesystem::path flash;      // the file with the part's flash; made when missing
     std::filesystem::path link = {};  // a symbolic link to the port, made and removed; "": none
-    bool realtime = false;            // bytes and flash take their time, or none
+    bool realtime = false;            // bytes and flash operations take their real time
 };
 
 class PtyBridge {
@@ -31,10 +31,10 @@ class PtyBridge {
 
     const std::string& port() const;  // "/dev/pts/3"
     void run();                       // serves until stop is called
-    void stop();                      // from any thread, or a signal's handler
-    // A program has spoken on the port and not closed it yet. From any thread.
+    void stop();                      // from any thread or signal handler
+    // A program has sent bytes and not closed the port yet. From any thread.
     bool inUse() const { return inUse_.load(); }
-    // Between runs.
+    // Not while run() serves.
     McuFlash& flash();
     LoaderFaults& faults();
     const std::vector<std::string>& violations() const;

@@ -83,7 +83,7 @@ void Stm32BootLoader::synchronise(uint8_t byte) {
     if (!acknowledge(LoaderStep::kSync)) synchronised_ = false;
 }
 
-// The receiver keeps one byte while nobody reads it; the next ones are lost.
+// The receiver keeps one unread byte; further bytes are lost.
 void Stm32BootLoader::receiveWhileBusy(uint8_t byte) {
     if (!heardWhileBusy_) {
         heardWhileBusy_ = byte;
@@ -197,7 +197,7 @@ bool Stm32BootLoader::inRam(uint32_t address, size_t size) const {
     return address >= kMcuRamBase && address - kMcuRamBase + size <= part_.ramSize;
 }
 
-// False when the address was refused or a fault took it.
+// False if the address was refused or a fault ended the command.
 bool Stm32BootLoader::takeAddress() {
     address_ = big32(in_, 0);
     if (!xorIsRight()) {
@@ -254,7 +254,7 @@ void Stm32BootLoader::writeAddress() {
     if (takeAddress()) expect(1, &Stm32BootLoader::writeCount);
 }
 
-// The count's byte, its data and their XOR are one frame.
+// The count, the data and their XOR are received as one frame.
 void Stm32BootLoader::writeCount() {
     expected_ = in_[0] + 3U;
     next_ = &Stm32BootLoader::writeData;
@@ -381,7 +381,7 @@ void Stm32BootLoader::readoutProtect() {
     finished("", true);
 }
 
-// Takes the protection away with everything that it protected.
+// Ends the protection and erases the flash that it protected.
 void Stm32BootLoader::readoutUnprotect() {
     if (!acknowledge(LoaderStep::kCommand)) return;
     if (!flash_.readoutProtected()) return finished("", true);

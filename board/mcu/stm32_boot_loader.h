@@ -1,15 +1,14 @@
 // The USART boot loader of STM32 parts (AN3155), and of the GD32 parts, which answer it too and
 // have the command 0x06 of their own.
 //
-// It measures the line at the first 0x7F and keeps to it until the next reset. AN3155 has even
-// parity; parts in the field are run with odd parity and with none as well, so the model takes the
-// parity that the host has then. Between 1,200 and 115,200 bit/s it answers, elsewhere it hears
-// nothing.
+// It measures the line speed at the first 0x7F and keeps it until the next reset. AN3155 says even
+// parity; parts in the field are also used with odd parity and with none, so the model takes the
+// parity that the host has at that moment. It answers between 1,200 and 115,200 bit/s only.
 //
 // It refuses (0x1F): a code without its complement, a command that the part has not, a wrong XOR,
 // an address outside flash and RAM or not on a word, a length that is not a multiple of what the
 // part writes or reaches past the memory, page numbers that the part has not, and under read-out
-// protection whatever AN3155 says. What no healthy host sends is a violation as well.
+// protection whatever AN3155 says. What no healthy host sends is recorded as a violation as well.
 #pragma once
 
 #include "board/mcu/boot_loader.h"
