@@ -36,110 +36,110 @@ std::unique_ptr<Machine> powerOn(const std::filesystem::path& dir, BoardOptions 
 }  // namespace
 
 Board::Board(Product product, BoardOptions options)
-    : temporary_(makeTemporaryBoard(product, options.flashedMcuVersion)),
-      machine_(powerOn(temporary_->path(), options)) {}
+    : mTemporary(makeTemporaryBoard(product, options.flashedMcuVersion)),
+      mMachine(powerOn(mTemporary->path(), options)) {}
 
 Board::Board(const std::filesystem::path& dir, BoardOptions options)
-    : machine_(powerOn(dir, options)) {}
+    : mMachine(powerOn(dir, options)) {}
 
 Board::~Board() {
-    machine_->trace.add(EventKind::kPower, "board", "off");
+    mMachine->trace.add(EventKind::kPower, "board", "off");
     g_poweredMachine.store(nullptr);
-    machine_->powerOff();
-    machine_.reset();
+    mMachine->powerOff();
+    mMachine.reset();
 }
 
-const std::filesystem::path& Board::directory() const { return machine_->directory; }
+const std::filesystem::path& Board::directory() const { return mMachine->directory; }
 
 std::filesystem::path Board::hostPath(std::string_view boardPath) const {
-    return machine_->hostPath(boardPath);
+    return mMachine->hostPath(boardPath);
 }
 
 void Board::writeFile(std::string_view boardPath, std::string_view content) {
     Guard guard(boardLock());
-    const auto path = machine_->hostPath(boardPath);
+    const auto path = mMachine->hostPath(boardPath);
     std::filesystem::create_directories(path.parent_path());
     writeWholeFile(path, content);
 }
 
 bool Board::isOpen(int fd) const {
     Guard guard(boardLock());
-    return machine_->openFile(fd) != nullptr;
+    return mMachine->openFile(fd) != nullptr;
 }
 
 void Board::lendDevice(const std::string& path) {
     Guard guard(boardLock());
-    machine_->lentDevices.lend(path);
+    mMachine->lentDevices.lend(path);
 }
 
 Nanos Board::now() const {
     Guard guard(boardLock());
-    return machine_->scheduler.now();
+    return mMachine->scheduler.now();
 }
 
 void Board::runFor(Nanos duration) {
     Scheduler::arrive();
     Guard guard(boardLock());
-    machine_->scheduler.sleepFor(duration, "runFor");
+    mMachine->scheduler.sleepFor(duration, "runFor");
 }
 
 void Board::after(Nanos delay, std::function<void()> action) {
     Guard guard(boardLock());
-    machine_->scheduler.at(machine_->scheduler.now() + delay, std::move(action));
+    mMachine->scheduler.at(mMachine->scheduler.now() + delay, std::move(action));
 }
 
-void Board::cutPowerAt(PowerCut cut) { machine_->trace.cutPowerAt(cut); }
+void Board::cutPowerAt(PowerCut cut) { mMachine->trace.cutPowerAt(cut); }
 
 bool Board::powerIsCut() const {
     Guard guard(boardLock());
-    machine_->trace.cutIfDue();
-    return machine_->dead();
+    mMachine->trace.cutIfDue();
+    return mMachine->dead();
 }
 
-Trace& Board::trace() { return machine_->trace; }
-Properties& Board::properties() { return machine_->properties; }
-Faults& Board::faults() { return machine_->faults; }
-McuApplication& Board::mcu() { return machine_->mcu; }
-McuChip& Board::mcuChip() { return machine_->mcuChip; }
-Uart& Board::mcuUart() { return machine_->mcuUart; }
-ProductInformation& Board::productInformation() { return machine_->productInformation; }
-IniReader& Board::iniReader() { return machine_->iniReader; }
-Probes& Board::probes() { return machine_->probes; }
-GpioLines& Board::gpio() { return machine_->gpio; }
-Shell& Board::shell() { return machine_->shell; }
-Sysfs& Board::sysfs() { return machine_->sysfs; }
-Fpga& Board::fpga() { return machine_->fpga; }
-SerialFlash& Board::flash() { return machine_->flash; }
-Phy& Board::phy() { return machine_->phy; }
-Network& Board::network() { return machine_->network; }
-FpgaLibrary& Board::fpgaLibrary() { return machine_->fpgaLibrary; }
+Trace& Board::trace() { return mMachine->trace; }
+Properties& Board::properties() { return mMachine->properties; }
+Faults& Board::faults() { return mMachine->faults; }
+McuApplication& Board::mcu() { return mMachine->mcu; }
+McuChip& Board::mcuChip() { return mMachine->mcuChip; }
+Uart& Board::mcuUart() { return mMachine->mcuUart; }
+ProductInformation& Board::productInformation() { return mMachine->productInformation; }
+IniReader& Board::iniReader() { return mMachine->iniReader; }
+Probes& Board::probes() { return mMachine->probes; }
+GpioLines& Board::gpio() { return mMachine->gpio; }
+Shell& Board::shell() { return mMachine->shell; }
+Sysfs& Board::sysfs() { return mMachine->sysfs; }
+Fpga& Board::fpga() { return mMachine->fpga; }
+SerialFlash& Board::flash() { return mMachine->flash; }
+Phy& Board::phy() { return mMachine->phy; }
+Network& Board::network() { return mMachine->network; }
+FpgaLibrary& Board::fpgaLibrary() { return mMachine->fpgaLibrary; }
 
 Nanos Board::deviceTime() const {
     Guard guard(boardLock());
-    return machine_->deviceTime;
+    return mMachine->deviceTime;
 }
 
 std::vector<LogLine> Board::logLines() const {
     Guard guard(boardLock());
-    return machine_->log;
+    return mMachine->log;
 }
 
 LogLine Board::lastLogLine() const {
     Guard guard(boardLock());
-    return machine_->log.empty() ? LogLine{} : machine_->log.back();
+    return mMachine->log.empty() ? LogLine{} : mMachine->log.back();
 }
 
 std::vector<std::string> Board::log() const {
     Guard guard(boardLock());
     std::vector<std::string> texts;
-    for (const LogLine& line : machine_->log) texts.push_back(line.text);
+    for (const LogLine& line : mMachine->log) texts.push_back(line.text);
     return texts;
 }
 
 std::vector<std::string> Board::log(int priority) const {
     Guard guard(boardLock());
     std::vector<std::string> texts;
-    for (const LogLine& line : machine_->log) {
+    for (const LogLine& line : mMachine->log) {
         if (line.priority == priority) texts.push_back(line.text);
     }
     return texts;
@@ -147,12 +147,12 @@ std::vector<std::string> Board::log(int priority) const {
 
 std::vector<std::string> Board::violations() const {
     Guard guard(boardLock());
-    return machine_->violations;
+    return mMachine->violations;
 }
 
 void Board::clearLog() {
     Guard guard(boardLock());
-    machine_->log.clear();
+    mMachine->log.clear();
 }
 
 }  // namespace quil::board

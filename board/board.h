@@ -101,8 +101,8 @@ class Board {
     void clearLog();
 
   private:
-    std::unique_ptr<TemporaryDirectory> temporary_;  // none when the directory is the caller's
-    std::unique_ptr<Machine> machine_;
+    std::unique_ptr<TemporaryDirectory> mTemporary;  // none when the directory is the caller's
+    std::unique_ptr<Machine> mMachine;
 };
 
 }  // namespace quil::board

@@ -60,12 +60,12 @@ Machine::Machine(const std::filesystem::path& dir, BoardOptions opts)
     : BoardServices(theScheduler(), std::make_unique<DirectoryStore>(dir), dir / "rootfs"),
       directory(dir),
       options(std::move(opts)),
-      wiring_(wiringOf(dir / kProductFile)),
-      probes(*this, wiring_.codecs),
-      mcuUart(*this, wiring_.uart),
-      mcu(*this, mcuUart, wiring_.baud),
+      mWiring(wiringOf(dir / kProductFile)),
+      probes(*this, mWiring.codecs),
+      mcuUart(*this, mWiring.uart),
+      mcu(*this, mcuUart, mWiring.baud),
       mcuChip(*this, partOfProductFile(dir / kProductFile), mcuUart, withMcuLines(gpio), mcu),
-      fpga(*this, fpgaLines(gpio, wiring_), flash, wiring_.fpgaBootsFromFlash),
+      fpga(*this, fpgaLines(gpio, mWiring), flash, mWiring.fpgaBootsFromFlash),
       phy(*this, gpio.add(kPhyResetLine, 1), sysfs) {
     phy.onReset([this] { fpga.phyWasReset(); });
     network.addCommands(shell);
@@ -88,9 +88,9 @@ void Machine::readFailed() {
     constexpr Nanos kStep = std::chrono::milliseconds(1);
     const int error = errno;
     const Nanos now = scheduler.now();
-    failedReadsAtOnce_ = now == lastFailedRead_ ? failedReadsAtOnce_ + 1 : 0;
-    lastFailedRead_ = failedReadsAtOnce_ < kAtOnceMost ? now : now + kStep;
-    scheduler.sleepUntil(lastFailedRead_, "its next read");
+    mFailedReadsAtOnce = now == mLastFailedRead ? mFailedReadsAtOnce + 1 : 0;
+    mLastFailedRead = mFailedReadsAtOnce < kAtOnceMost ? now : now + kStep;
+    scheduler.sleepUntil(mLastFailedRead, "its next read");
     errno = error;
 }
 

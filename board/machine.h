@@ -58,7 +58,7 @@ class Machine : public BoardServices {
     std::vector<LogLine> log;
 
   private:
-    const Wiring wiring_;
+    const Wiring mWiring;
 
   public:
     Properties properties{*this};
@@ -79,8 +79,8 @@ class Machine : public BoardServices {
     FpgaLibrary fpgaLibrary{*this, {sysfs, gpio, fpga, flash, network}};
 
   private:
-    Nanos lastFailedRead_{-1};
-    int failedReadsAtOnce_ = 0;
+    Nanos mLastFailedRead{-1};
+    int mFailedReadsAtOnce = 0;
 };
 
 extern std::atomic<Machine*> g_poweredMachine;

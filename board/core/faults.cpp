@@ -70,24 +70,24 @@ const char* nameOf(Call call) {
     return "";
 }
 
-Faults::Faults(Trace& trace) : trace_(trace) {}
+Faults::Faults(Trace& trace) : mTrace(trace) {}
 Faults::~Faults() { clear(); }
 
 void Faults::add(Fault fault) {
     Guard guard(boardLock());
-    if (fault.call == Call::kMalloc && allocationsMayFail_) allocationsMayFail_(true);
-    faults_.push_back(std::move(fault));
+    if (fault.call == Call::kMalloc && mAllocationsMayFail) mAllocationsMayFail(true);
+    mFaults.push_back(std::move(fault));
 }
 
 void Faults::clear() {
     Guard guard(boardLock());
-    faults_.clear();
-    if (allocationsMayFail_) allocationsMayFail_(false);
+    mFaults.clear();
+    if (mAllocationsMayFail) mAllocationsMayFail(false);
 }
 
 std::optional<Fault> Faults::take(Call call, std::string_view path) {
     Guard guard(boardLock());
-    for (Fault& fault : faults_) {
+    for (Fault& fault : mFaults) {
         if (fault.call != call || fault.times == 0) continue;
         if (!fault.path.empty() && fault.path != path) continue;
         if (fault.after > 0) {
@@ -95,7 +95,7 @@ std::optional<Fault> Faults::take(Call call, std::string_view path) {
             continue;
         }
         if (fault.times > 0) --fault.times;
-        trace_.add(EventKind::kFault, std::string(path), describe(fault));
+        mTrace.add(EventKind::kFault, std::string(path), describe(fault));
         return fault;
     }
     return std::nullopt;

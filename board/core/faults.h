@@ -64,13 +64,13 @@ class Faults {
 
     // Called with true when an allocation fault is added, and with false when all faults go.
     void watchAllocations(std::function<void(bool)> watch) {
-        allocationsMayFail_ = std::move(watch);
+        mAllocationsMayFail = std::move(watch);
     }
 
   private:
-    Trace& trace_;
-    std::function<void(bool)> allocationsMayFail_;
-    std::vector<Fault> faults_;
+    Trace& mTrace;
+    std::function<void(bool)> mAllocationsMayFail;
+    std::vector<Fault> mFaults;
 };
 
 const char* nameOf(Call);

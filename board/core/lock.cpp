@@ -47,8 +47,8 @@ void ignoreEnd() {
 void BoardLock::lock() {
     if (t_depth++ > 0) return;
     int free = 0;
-    if (!word_.compare_exchange_strong(free, 1, std::memory_order_acquire)) {
-        while (word_.exchange(2, std::memory_order_acquire) != 0) futexWait(word_, 2);
+    if (!mWord.compare_exchange_strong(free, 1, std::memory_order_acquire)) {
+        while (mWord.exchange(2, std::memory_order_acquire) != 0) futexWait(mWord, 2);
     }
     ignoreBegin();
 }
@@ -56,7 +56,7 @@ void BoardLock::lock() {
 void BoardLock::unlock() {
     if (--t_depth > 0) return;
     ignoreEnd();
-    if (word_.exchange(0, std::memory_order_release) == 2) futexWakeOne(word_);
+    if (mWord.exchange(0, std::memory_order_release) == 2) futexWakeOne(mWord);
 }
 
 int BoardLock::giveUp() {
@@ -78,8 +78,8 @@ BoardLock& boardLock() {
 }
 
 void Gate::open() {
-    word_.fetch_add(1);
-    if (waiting_.load() > 0) futexWakeOne(word_);
+    mWord.fetch_add(1);
+    if (mWaiting.load() > 0) futexWakeOne(mWord);
 }
 
 void Gate::wait() {
@@ -91,15 +91,15 @@ bool Gate::waitFor(int64_t nanos) {
     timespec timeout{};
     timeout.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
     timeout.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
-    int opened = word_.load(std::memory_order_acquire);
+    int opened = mWord.load(std::memory_order_acquire);
     if (opened == 0) {
-        waiting_.fetch_add(1);
-        futexWait(word_, 0, nanos < 0 ? nullptr : &timeout);
-        waiting_.fetch_sub(1);
-        opened = word_.load(std::memory_order_acquire);
+        mWaiting.fetch_add(1);
+        futexWait(mWord, 0, nanos < 0 ? nullptr : &timeout);
+        mWaiting.fetch_sub(1);
+        opened = mWord.load(std::memory_order_acquire);
     }
     while (opened > 0) {
-        if (word_.compare_exchange_weak(opened, opened - 1, std::memory_order_acquire)) return true;
+        if (mWord.compare_exchange_weak(opened, opened - 1, std::memory_order_acquire)) return true;
     }
     return false;
 }

@@ -22,7 +22,7 @@ class BoardLock {
     void takeAgain(int times);
 
   private:
-    std::atomic<int> word_{0};
+    std::atomic<int> mWord{0};
 };
 BoardLock& boardLock();
 using Guard = std::lock_guard<BoardLock>;
@@ -36,8 +36,8 @@ class Gate {
     bool waitFor(int64_t nanos);
 
   private:
-    std::atomic<int> word_{0};
-    std::atomic<int> waiting_{0};  // at 0, open() need not call the kernel
+    std::atomic<int> mWord{0};
+    std::atomic<int> mWaiting{0};  // at 0, open() need not call the kernel
 };
 
 }  // namespace quil::board

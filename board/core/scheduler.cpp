@@ -21,80 +21,80 @@ int64_t realNanos() {
 }  // namespace
 
 void Scheduler::powerOn(bool realtime, Trace& trace) {
-    trace_ = &trace;
-    realtime_ = realtime;
-    on_ = true;
-    lost_ = false;
-    virtualNow_ = Nanos(0);
-    realStart_ = realNanos();
-    sequence_ = 0;
-    threads_ = 0;
-    all_.push_back(std::make_shared<BoardThread>());
-    t_self = all_.back().get();
+    mTrace = &trace;
+    mRealtime = realtime;
+    mOn = true;
+    mLost = false;
+    mVirtualNow = Nanos(0);
+    mRealStart = realNanos();
+    mSequence = 0;
+    mThreads = 0;
+    mAll.push_back(std::make_shared<BoardThread>());
+    t_self = mAll.back().get();
     t_self->scheduler = this;
     t_self->attached = !realtime;
-    t_self->number = threads_++;
-    running_ = realtime ? nullptr : t_self;
+    t_self->number = mThreads++;
+    mRunning = realtime ? nullptr : t_self;
     if (realtime) startClockThread();
 }
 
 void Scheduler::powerOff() {
     {
         Guard guard(boardLock());
-        on_ = false;
-        trace_ = nullptr;
-        timers_.clear();
-        for (BoardThread* thread : parked_) thread->gate.open();
-        for (BoardThread* thread : runQueue_) thread->gate.open();
-        parked_.clear();
-        runQueue_.clear();
-        running_ = nullptr;
-        for (auto& thread : all_) {
+        mOn = false;
+        mTrace = nullptr;
+        mTimers.clear();
+        for (BoardThread* thread : mParked) thread->gate.open();
+        for (BoardThread* thread : mRunQueue) thread->gate.open();
+        mParked.clear();
+        mRunQueue.clear();
+        mRunning = nullptr;
+        for (auto& thread : mAll) {
             thread->attached = false;
-            if (!thread->finished) outsiders_.push_back(thread);
+            if (!thread->finished) mOutsiders.push_back(thread);
         }
-        all_.clear();
-        byHandle_.clear();
+        mAll.clear();
+        mByHandle.clear();
     }
-    if (realtime_) stopClockThread();
+    if (mRealtime) stopClockThread();
     t_self = nullptr;
 }
 
 void Scheduler::powerLost() {
-    lost_ = true;
-    timers_.clear();
-    while (!parked_.empty()) {
-        parked_.front()->timedOut = true;
-        makeRunnable(parked_.front());
+    mLost = true;
+    mTimers.clear();
+    while (!mParked.empty()) {
+        mParked.front()->timedOut = true;
+        makeRunnable(mParked.front());
     }
 }
 
 Nanos Scheduler::now() const {
-    return realtime_ ? Nanos(realNanos() - realStart_) : virtualNow_.load();
+    return mRealtime ? Nanos(realNanos() - mRealStart) : mVirtualNow.load();
 }
 
 Scheduler::TimerId Scheduler::at(Nanos when, std::function<void()> action) {
-    const TimerId id{std::max(when, now()), sequence_++};
-    if (lost_) return id;
-    auto place = timers_.end();
-    while (place != timers_.begin() && std::prev(place)->first < id) --place;
-    timers_.emplace(place, id, std::move(action));
-    if (realtime_) {
-        clockWake_.open();
-    } else if (running_ == nullptr) {
+    const TimerId id{std::max(when, now()), mSequence++};
+    if (mLost) return id;
+    auto place = mTimers.end();
+    while (place != mTimers.begin() && std::prev(place)->first < id) --place;
+    mTimers.emplace(place, id, std::move(action));
+    if (mRealtime) {
+        mClockWake.open();
+    } else if (mRunning == nullptr) {
         dispatch();
     }
     return id;
 }
 
 void Scheduler::cancel(const TimerId& id) {
-    std::erase_if(timers_, [&id](const auto& timer) { return timer.first == id; });
+    std::erase_if(mTimers, [&id](const auto& timer) { return timer.first == id; });
 }
 
 BoardThread* Scheduler::self() {
     if (t_self == nullptr) {
-        outsiders_.push_back(std::make_shared<BoardThread>());
-        t_self = outsiders_.back().get();
+        mOutsiders.push_back(std::make_shared<BoardThread>());
+        t_self = mOutsiders.back().get();
     }
     return t_self;
 }
@@ -103,14 +103,14 @@ bool Scheduler::attached() { return t_self && t_self->attached; }
 
 bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> deadline) {
     BoardThread* me = self();
-    if (!on_) return false;
+    if (!mOn) return false;
     me->waitsFor = what;
     me->object = object;
     me->timedOut = false;
     me->parked = true;
-    parked_.push_back(me);
+    mParked.push_back(me);
     std::optional<TimerId> timer;
-    if (lost_) {
+    if (mLost) {
         me->timedOut = true;
         makeRunnable(me);
     } else if (deadline) {
@@ -119,8 +119,8 @@ bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> 
             makeRunnable(me);
         });
     }
-    if (running_ == me) {
-        running_ = nullptr;
+    if (mRunning == me) {
+        mRunning = nullptr;
         dispatch();
     }
     const int held = boardLock().giveUp();
@@ -134,18 +134,18 @@ bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> 
 void Scheduler::makeRunnable(BoardThread* thread) {
     if (!thread->parked) return;
     thread->parked = false;
-    parked_.remove(thread);
+    mParked.remove(thread);
     if (!thread->attached) {
         thread->gate.open();
         return;
     }
     thread->queued = true;
-    runQueue_.push_back(thread);
-    if (running_ == nullptr) dispatch();
+    mRunQueue.push_back(thread);
+    if (mRunning == nullptr) dispatch();
 }
 
 bool Scheduler::wakeOne(const void* object) {
-    for (BoardThread* thread : parked_) {
+    for (BoardThread* thread : mParked) {
         if (thread->object != object) continue;
         makeRunnable(thread);
         return true;
@@ -160,7 +160,7 @@ void Scheduler::wakeAll(const void* object) {
 
 void Scheduler::sleepUntil(Nanos when, const char* what) {
     BoardThread* me = self();
-    while (on_ && now() < when) {
+    while (mOn && now() < when) {
         if (!park(what, me, when)) return;
     }
 }
@@ -168,40 +168,40 @@ void Scheduler::sleepUntil(Nanos when, const char* what) {
 // Gives the turn to the next thread in the queue. When there is none, fires timers until one of
 // them makes a thread runnable.
 void Scheduler::dispatch() {
-    if (dispatching_ || realtime_) return;  // called by a timer's action, from the loop below
-    dispatching_ = true;
-    while (running_ == nullptr && on_) {
-        if (!runQueue_.empty()) {
-            running_ = runQueue_.front();
-            runQueue_.pop_front();
-            running_->queued = false;
-            running_->gate.open();
-        } else if (!timers_.empty()) {
+    if (mDispatching || mRealtime) return;  // called by a timer's action, from the loop below
+    mDispatching = true;
+    while (mRunning == nullptr && mOn) {
+        if (!mRunQueue.empty()) {
+            mRunning = mRunQueue.front();
+            mRunQueue.pop_front();
+            mRunning->queued = false;
+            mRunning->gate.open();
+        } else if (!mTimers.empty()) {
             fireNext();
         } else {
             deadlock();
         }
     }
-    dispatching_ = false;
+    mDispatching = false;
 }
 
 void Scheduler::fireNext() {
-    trace_->cutIfDue();
-    if (lost_) return;
-    const auto timer = std::move(timers_.back());
-    timers_.pop_back();
-    virtualNow_ = std::max(now(), timer.first.first);
+    mTrace->cutIfDue();
+    if (mLost) return;
+    const auto timer = std::move(mTimers.back());
+    mTimers.pop_back();
+    mVirtualNow = std::max(now(), timer.first.first);
     timer.second();
 }
 
 void Scheduler::deadlock() {
     fprintf(stderr, "board deadlock at %.6f s: every thread waits and nothing is due\n",
             static_cast<double>(now().count()) / 1e9);
-    for (const BoardThread* thread : parked_) {
+    for (const BoardThread* thread : mParked) {
         fprintf(stderr, "  thread %d waits for %s %p\n", thread->number, thread->waitsFor,
                 thread->object);
     }
-    const auto events = trace_->events();
+    const auto events = mTrace->events();
     for (size_t i = events.size() > 10 ? events.size() - 10 : 0; i < events.size(); ++i) {
         fprintf(stderr, "  %s\n", toLine(events[i]).c_str());
     }
@@ -212,34 +212,34 @@ void Scheduler::deadlock() {
 std::shared_ptr<BoardThread> Scheduler::expectChild() {
     auto child = std::make_shared<BoardThread>();
     child->scheduler = this;
-    child->number = threads_++;
+    child->number = mThreads++;
     child->attached = true;
     child->arrived = false;
     child->queued = true;
-    all_.push_back(child);
-    runQueue_.push_back(child.get());
+    mAll.push_back(child);
+    mRunQueue.push_back(child.get());
     return child;
 }
 
 void Scheduler::childFailed(const std::shared_ptr<BoardThread>& child) {
-    std::erase(runQueue_, child.get());
-    std::erase(all_, child);
+    std::erase(mRunQueue, child.get());
+    std::erase(mAll, child);
 }
 
 void Scheduler::started(const std::shared_ptr<BoardThread>& child, pthread_t handle) {
-    byHandle_[handle] = child;
+    mByHandle[handle] = child;
 }
 
 std::shared_ptr<BoardThread> Scheduler::find(pthread_t handle) {
-    const auto found = byHandle_.find(handle);
-    return found == byHandle_.end() ? nullptr : found->second;
+    const auto found = mByHandle.find(handle);
+    return found == mByHandle.end() ? nullptr : found->second;
 }
 
 void Scheduler::forget(pthread_t handle) {
-    const auto found = byHandle_.find(handle);
-    if (found == byHandle_.end()) return;
-    std::erase(all_, found->second);
-    byHandle_.erase(found);
+    const auto found = mByHandle.find(handle);
+    if (found == mByHandle.end()) return;
+    std::erase(mAll, found->second);
+    mByHandle.erase(found);
 }
 
 void Scheduler::begin(BoardThread* child, bool waitForTurn) {
@@ -261,23 +261,23 @@ void Scheduler::end() {
     if (!me->attached) return;
     Scheduler& scheduler = *me->scheduler;
     scheduler.wakeAll(me);
-    if (scheduler.running_ != me) return;
-    scheduler.running_ = nullptr;
+    if (scheduler.mRunning != me) return;
+    scheduler.mRunning = nullptr;
     scheduler.dispatch();
 }
 
 void Scheduler::startClockThread() {
-    clockRuns_ = true;
-    ::pthread_create(&clock_, nullptr, clockThread, this);
+    mClockRuns = true;
+    ::pthread_create(&mClock, nullptr, clockThread, this);
 }
 
 void Scheduler::stopClockThread() {
     {
         Guard guard(boardLock());
-        clockRuns_ = false;
+        mClockRuns = false;
     }
-    clockWake_.open();
-    ::pthread_join(clock_, nullptr);
+    mClockWake.open();
+    ::pthread_join(mClock, nullptr);
 }
 
 void* Scheduler::clockThread(void* self) {
@@ -287,17 +287,17 @@ void* Scheduler::clockThread(void* self) {
 
 void Scheduler::clockLoop() {
     boardLock().lock();
-    while (clockRuns_) {
+    while (mClockRuns) {
         int64_t pause = -1;
-        if (!timers_.empty()) pause = (timers_.back().first.first - now()).count();
-        if (!timers_.empty() && pause <= 0) {
-            const auto timer = std::move(timers_.back());
-            timers_.pop_back();
+        if (!mTimers.empty()) pause = (mTimers.back().first.first - now()).count();
+        if (!mTimers.empty() && pause <= 0) {
+            const auto timer = std::move(mTimers.back());
+            mTimers.pop_back();
             timer.second();
             continue;
         }
         boardLock().unlock();
-        clockWake_.waitFor(pause);
+        mClockWake.waitFor(pause);
         boardLock().lock();
     }
     boardLock().unlock();

@@ -48,8 +48,8 @@ class Scheduler {
     void powerOn(bool realtime, Trace&);
     void powerOff();   // wakes all threads that still wait
     void powerLost();  // drops all timers and wakes all threads; no wait lasts any more
-    bool isOn() const { return on_; }
-    bool realtime() const { return realtime_; }
+    bool isOn() const { return mOn; }
+    bool realtime() const { return mRealtime; }
     Nanos now() const;
 
     // The functions from here to `Threads` are called with the board's lock held.
@@ -63,7 +63,7 @@ class Scheduler {
     void wakeAll(const void* object);
     void sleepUntil(Nanos when, const char* what);
     void sleepFor(Nanos duration, const char* what) { sleepUntil(now() + duration, what); }
-    bool anyoneParked() const { return !parked_.empty(); }
+    bool anyoneParked() const { return !mParked.empty(); }
 
     // Threads.
     BoardThread* self();     // the calling thread; outside board time it takes no turns
@@ -90,25 +90,25 @@ class Scheduler {
     void clockLoop();
     static void* clockThread(void* self);
 
-    Trace* trace_ = nullptr;  // null without power
-    bool realtime_ = false, on_ = false, lost_ = false, dispatching_ = false;
-    std::atomic<Nanos> virtualNow_{Nanos(0)};
-    int64_t realStart_ = 0;
-    uint64_t sequence_ = 0;
-    int threads_ = 0;
+    Trace* mTrace = nullptr;  // null without power
+    bool mRealtime = false, mOn = false, mLost = false, mDispatching = false;
+    std::atomic<Nanos> mVirtualNow{Nanos(0)};
+    int64_t mRealStart = 0;
+    uint64_t mSequence = 0;
+    int mThreads = 0;
     // Sorted, soonest last. A vector serves: there are few at a time, and each byte on a line adds
     // and removes one.
-    std::vector<std::pair<TimerId, std::function<void()>>> timers_;
-    std::deque<BoardThread*> runQueue_;
-    std::list<BoardThread*> parked_;
-    BoardThread* running_ = nullptr;
-    std::map<pthread_t, std::shared_ptr<BoardThread>> byHandle_;
-    std::deque<std::shared_ptr<BoardThread>> all_;
+    std::vector<std::pair<TimerId, std::function<void()>>> mTimers;
+    std::deque<BoardThread*> mRunQueue;
+    std::list<BoardThread*> mParked;
+    BoardThread* mRunning = nullptr;
+    std::map<pthread_t, std::shared_ptr<BoardThread>> mByHandle;
+    std::deque<std::shared_ptr<BoardThread>> mAll;
     // Records of threads outside board time. Never freed: such a thread may come back at any time.
-    std::deque<std::shared_ptr<BoardThread>> outsiders_;
-    pthread_t clock_{};
-    bool clockRuns_ = false;
-    Gate clockWake_;
+    std::deque<std::shared_ptr<BoardThread>> mOutsiders;
+    pthread_t mClock{};
+    bool mClockRuns = false;
+    Gate mClockWake;
 };
 
 }  // namespace quil::board

@@ -25,7 +25,7 @@ BoardServices::BoardServices(Scheduler& time, std::unique_ptr<Store> files,
       store(std::move(files)),
       trace(time, power),
       faults(trace),
-      root_(std::move(root)) {}
+      mRoot(std::move(root)) {}
 
 BoardServices::~BoardServices() = default;
 
@@ -61,7 +61,7 @@ std::optional<std::filesystem::path> BoardServices::onHost(const char* path) con
 
 std::filesystem::path BoardServices::hostPath(std::string_view boardPath) const {
     while (!boardPath.empty() && boardPath.front() == '/') boardPath.remove_prefix(1);
-    return root_ / boardPath;
+    return mRoot / boardPath;
 }
 
 }  // namespace quil::board

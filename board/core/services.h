@@ -52,7 +52,7 @@ class BoardServices {
     Nanos deviceTime{0};  // waited for devices since power-on
 
   private:
-    const std::filesystem::path root_;
+    const std::filesystem::path mRoot;
 };
 
 }  // namespace quil::board

@@ -7,15 +7,15 @@
 namespace quil::board {
 
 DirectoryStore::DirectoryStore(std::filesystem::path directory)
-    : directory_(std::move(directory)) {}
+    : mDirectory(std::move(directory)) {}
 
 std::optional<std::string> DirectoryStore::read(const std::string& name) const {
-    return readWholeFile(directory_ / name);
+    return readWholeFile(mDirectory / name);
 }
 
 // No fsync: the files have to survive a killed program, not a crash of the workstation.
 void DirectoryStore::replace(const std::string& name, std::string_view content) {
-    const std::filesystem::path file = directory_ / name;
+    const std::filesystem::path file = mDirectory / name;
     const std::filesystem::path fresh = file.string() + ".new";
     std::error_code error;
     try {
@@ -32,12 +32,12 @@ void DirectoryStore::replace(const std::string& name, std::string_view content) 
 }
 
 std::optional<std::string> MemoryStore::read(const std::string& name) const {
-    const auto found = files_.find(name);
-    return found == files_.end() ? std::nullopt : std::optional(found->second);
+    const auto found = mFiles.find(name);
+    return found == mFiles.end() ? std::nullopt : std::optional(found->second);
 }
 
 void MemoryStore::replace(const std::string& name, std::string_view content) {
-    files_[name] = content;
+    mFiles[name] = content;
 }
 
 }  // namespace quil::board

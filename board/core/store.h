@@ -27,7 +27,7 @@ class DirectoryStore : public Store {
     void replace(const std::string& name, std::string_view content) override;
 
   private:
-    const std::filesystem::path directory_;
+    const std::filesystem::path mDirectory;
 };
 
 // Lasts as long as this object.
@@ -37,7 +37,7 @@ class MemoryStore : public Store {
     void replace(const std::string& name, std::string_view content) override;
 
   private:
-    std::map<std::string, std::string> files_;
+    std::map<std::string, std::string> mFiles;
 };
 
 }  // namespace quil::board

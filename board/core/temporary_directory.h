@@ -16,19 +16,19 @@ class TemporaryDirectory {
         std::string pattern =
             (std::filesystem::temp_directory_path() / (name + "-XXXXXX")).string();
         if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
-        path_ = pattern;
+        mPath = pattern;
     }
     ~TemporaryDirectory() {
         std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
+        std::filesystem::remove_all(mPath, ignored);
     }
     TemporaryDirectory(const TemporaryDirectory&) = delete;
     TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
 
-    const std::filesystem::path& path() const { return path_; }
+    const std::filesystem::path& path() const { return mPath; }
 
   private:
-    std::filesystem::path path_;
+    std::filesystem::path mPath;
 };
 
 }  // namespace quil::board

@@ -82,18 +82,18 @@ std::string toLine(const Event& event) {
     return line;
 }
 
-Trace::Trace(const Scheduler& scheduler, Power& power) : scheduler_(scheduler), power_(power) {}
+Trace::Trace(const Scheduler& scheduler, Power& power) : mScheduler(scheduler), mPower(power) {}
 Trace::~Trace() = default;
 
 std::vector<Event> Trace::events() const {
     Guard guard(boardLock());
-    return events_;
+    return mEvents;
 }
 
 std::vector<Event> Trace::events(EventKind kind) const {
     Guard guard(boardLock());
     std::vector<Event> found;
-    for (const Event& event : events_) {
+    for (const Event& event : mEvents) {
         if (event.kind == kind) found.push_back(event);
     }
     return found;
@@ -104,62 +104,62 @@ std::optional<CutPosition> Trace::add(EventKind kind, std::string source, std::s
     Scheduler::arrive();
     Guard guard(boardLock());
     cutIfDue();
-    if (power_.isCut()) return CutPosition::kBefore;
-    if (!power_.isOn()) return std::nullopt;
-    const bool last = cut_ && cut_->event == count_;
-    ++count_;
-    if (recording_) {
-        events_.push_back(
-            {scheduler_.now(), kind, std::move(source), std::move(text), std::move(bytes)});
-        const Event event = listeners_.empty() ? Event{} : events_.back();
-        for (const auto& listener : listeners_) listener(event);
+    if (mPower.isCut()) return CutPosition::kBefore;
+    if (!mPower.isOn()) return std::nullopt;
+    const bool last = mCut && mCut->event == mCount;
+    ++mCount;
+    if (mRecording) {
+        mEvents.push_back(
+            {mScheduler.now(), kind, std::move(source), std::move(text), std::move(bytes)});
+        const Event event = mListeners.empty() ? Event{} : mEvents.back();
+        for (const auto& listener : mListeners) listener(event);
     }
     if (!last) return std::nullopt;
-    due_ = cut_->position == CutPosition::kAfter;
-    if (!due_) power_.cut();
-    return cut_->position;
+    mDue = mCut->position == CutPosition::kAfter;
+    if (!mDue) mPower.cut();
+    return mCut->position;
 }
 
 uint64_t Trace::count() const {
     Guard guard(boardLock());
-    return count_;
+    return mCount;
 }
 
 void Trace::cutPowerAt(PowerCut cut) {
     Guard guard(boardLock());
-    cut_ = cut;
+    mCut = cut;
 }
 
 void Trace::cutIfDue() {
-    if (!due_) return;
-    due_ = false;
-    if (power_.isOn()) power_.cut();
+    if (!mDue) return;
+    mDue = false;
+    if (mPower.isOn()) mPower.cut();
 }
 
 void Trace::addWireByte(const WireByte& byte) {
     Guard guard(boardLock());
-    if (recording_) wire_.push_back(byte);
+    if (mRecording) mWire.push_back(byte);
 }
 
 void Trace::onEvent(std::function<void(const Event&)> listener) {
     Guard guard(boardLock());
-    listeners_.push_back(std::move(listener));
+    mListeners.push_back(std::move(listener));
 }
 
 void Trace::setRecording(bool on) {
     Guard guard(boardLock());
-    recording_ = on;
+    mRecording = on;
 }
 
 bool Trace::recording() const {
     Guard guard(boardLock());
-    return recording_;
+    return mRecording;
 }
 
 void Trace::clear() {
     Guard guard(boardLock());
-    events_.clear();
-    wire_.clear();
+    mEvents.clear();
+    mWire.clear();
 }
 
 std::string Trace::toText() const {

@@ -87,7 +87,7 @@ class Trace {
     // Cuts the power if the last event was the one to cut after. Called before anything new
     // happens.
     void cutIfDue();
-    bool cutIsDue() const { return due_; }
+    bool cutIsDue() const { return mDue; }
     void addWireByte(const WireByte&);
     // Called with every event from now on, on the thread that caused it. It must not wait.
     void onEvent(std::function<void(const Event&)>);
@@ -102,15 +102,15 @@ class Trace {
     void writeTraceEventJson(const std::filesystem::path&) const;
 
   private:
-    const Scheduler& scheduler_;
-    Power& power_;
-    std::vector<Event> events_;
-    std::vector<WireByte> wire_;
-    std::vector<std::function<void(const Event&)>> listeners_;
-    bool recording_ = true;
-    uint64_t count_ = 0;
-    std::optional<PowerCut> cut_;
-    bool due_ = false;
+    const Scheduler& mScheduler;
+    Power& mPower;
+    std::vector<Event> mEvents;
+    std::vector<WireByte> mWire;
+    std::vector<std::function<void(const Event&)>> mListeners;
+    bool mRecording = true;
+    uint64_t mCount = 0;
+    std::optional<PowerCut> mCut;
+    bool mDue = false;
 };
 
 const char* nameOf(EventKind);

@@ -72,7 +72,7 @@ nlohmann::json jsonOf(const Event& event) {
 
 void Trace::writeVcd(const std::filesystem::path& file) const {
     Guard guard(boardLock());
-    writeWholeFile(file, vcdOf(wire_));
+    writeWholeFile(file, vcdOf(mWire));
 }
 
 void Trace::writeTraceEventJson(const std::filesystem::path& file) const {

@@ -20,25 +20,25 @@ int store(GpioLine& line, std::string_view text) {
 
 int GpioLine::level() const {
     Guard guard(boardLock());
-    return level_;
+    return mLevel;
 }
 
 void GpioLine::stickAt(int level) {
     Guard guard(boardLock());
-    stuckAt_ = -1;
+    mStuckAt = -1;
     if (level >= 0) setLevel(level);
-    stuckAt_ = level;
+    mStuckAt = level;
 }
 
 void GpioLine::onEdge(std::function<void(int level)> listener) {
     Guard guard(boardLock());
-    listeners_.push_back(std::move(listener));
+    mListeners.push_back(std::move(listener));
 }
 
 int GpioLine::drive(int level) {
     Guard guard(boardLock());
-    const auto fault = board_.faults.take(Call::kGpioSet, name_);
-    if (board_.power.isCut()) return EIO;
+    const auto fault = mBoard.faults.take(Call::kGpioSet, mName);
+    if (mBoard.power.isCut()) return EIO;
     if (fault && fault->error != 0) return fault->error;
     if (!fault) setLevel(level);
     return 0;
@@ -46,28 +46,28 @@ int GpioLine::drive(int level) {
 
 int GpioLine::read() const {
     Guard guard(boardLock());
-    const auto fault = board_.faults.take(Call::kGpioGet, name_);
-    return fault ? -fault->error : level_;
+    const auto fault = mBoard.faults.take(Call::kGpioGet, mName);
+    return fault ? -fault->error : mLevel;
 }
 
 void GpioLine::setLevel(int level) {
     Guard guard(boardLock());
-    if (stuckAt_ >= 0 || level == level_) return;
-    board_.trace.add(EventKind::kGpio, name_, std::to_string(level));
-    if (board_.power.isCut()) return;
-    level_ = level;
-    for (const auto& listener : listeners_) listener(level);
+    if (mStuckAt >= 0 || level == mLevel) return;
+    mBoard.trace.add(EventKind::kGpio, mName, std::to_string(level));
+    if (mBoard.power.isCut()) return;
+    mLevel = level;
+    for (const auto& listener : mListeners) listener(level);
 }
 
-GpioLines::GpioLines(BoardServices& board, Sysfs& sysfs) : board_(board), sysfs_(sysfs) {}
+GpioLines::GpioLines(BoardServices& board, Sysfs& sysfs) : mBoard(board), mSysfs(sysfs) {}
 GpioLines::~GpioLines() = default;
 
 GpioLine& GpioLines::add(const std::string& name, int level) {
     Guard guard(boardLock());
-    auto& line = lines_[name];
+    auto& line = mLines[name];
     if (line) return *line;
-    line = std::make_unique<GpioLine>(board_, name, level);
-    sysfs_.add("/sys/class/quilgpios/" + name + "/value",
+    line = std::make_unique<GpioLine>(mBoard, name, level);
+    mSysfs.add("/sys/class/quilgpios/" + name + "/value",
                {[at = line.get()] {
                     const int level = at->read();
                     return level < 0 ? std::string() : std::to_string(level) + "\n";
@@ -78,15 +78,15 @@ GpioLine& GpioLines::add(const std::string& name, int level) {
 
 GpioLine& GpioLines::add(int number, int level) {
     Guard guard(boardLock());
-    auto& line = lines_[numbered(number)];
-    if (!line) line = std::make_unique<GpioLine>(board_, numbered(number), level);
+    auto& line = mLines[numbered(number)];
+    if (!line) line = std::make_unique<GpioLine>(mBoard, numbered(number), level);
     return *line;
 }
 
 GpioLine* GpioLines::find(const std::string& name) {
     Guard guard(boardLock());
-    const auto found = lines_.find(name);
-    return found == lines_.end() ? nullptr : found->second.get();
+    const auto found = mLines.find(name);
+    return found == mLines.end() ? nullptr : found->second.get();
 }
 
 GpioLine* GpioLines::find(int number) { return find(numbered(number)); }

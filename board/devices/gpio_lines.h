@@ -22,11 +22,11 @@ inline constexpr char kGpioBoot0[] = "MCU_BOOT0", kGpioNrst[] = "MCU_NRST";
 class GpioLine {
   public:
     GpioLine(BoardServices& board, std::string name, int level)
-        : board_(board), name_(std::move(name)), level_(level) {}
+        : mBoard(board), mName(std::move(name)), mLevel(level) {}
     GpioLine(const GpioLine&) = delete;
     GpioLine& operator=(const GpioLine&) = delete;
 
-    const std::string& name() const { return name_; }
+    const std::string& name() const { return mName; }
     int level() const;
     // The line takes this level and keeps it, whoever drives it. -1 ends that; the level stays.
     void stickAt(int level);
@@ -41,11 +41,11 @@ class GpioLine {
     void setLevel(int level);
 
   private:
-    BoardServices& board_;
-    const std::string name_;
-    int level_;
-    int stuckAt_ = -1;
-    std::vector<std::function<void(int)>> listeners_;
+    BoardServices& mBoard;
+    const std::string mName;
+    int mLevel;
+    int mStuckAt = -1;
+    std::vector<std::function<void(int)>> mListeners;
 };
 
 class GpioLines {
@@ -69,9 +69,9 @@ class GpioLines {
     GpioLine& at(int number);
 
   private:
-    BoardServices& board_;
-    Sysfs& sysfs_;
-    std::map<std::string, std::unique_ptr<GpioLine>> lines_;
+    BoardServices& mBoard;
+    Sysfs& mSysfs;
+    std::map<std::string, std::unique_ptr<GpioLine>> mLines;
 };
 
 }  // namespace quil::board

@@ -19,58 +19,58 @@ bool isBlank(char c) { return c == ' ' || c == '\t' || c == '\r'; }
 // indented: inih takes an indented line as a continuation of the value before it.
 class LineFeeder {
   public:
-    explicit LineFeeder(const std::string& text) : text_(text) {}
-    bool continuing() const { return continuing_; }
+    explicit LineFeeder(const std::string& text) : mText(text) {}
+    bool continuing() const { return mContinuing; }
 
     char* next(char* line, int size) {
-        if (rest_.empty() && !takeLine()) return nullptr;
+        if (mRest.empty() && !takeLine()) return nullptr;
         const size_t room = static_cast<size_t>(size) - 3;  // the indent, the line end, the NUL
         const size_t length = pieceLength(room);
-        std::string piece = (continuing_ ? " " : "") + rest_.substr(0, length) + "\n";
-        rest_.erase(0, length);
+        std::string piece = (mContinuing ? " " : "") + mRest.substr(0, length) + "\n";
+        mRest.erase(0, length);
         memcpy(line, piece.c_str(), piece.size() + 1);
         return line;
     }
 
   private:
     bool takeLine() {
-        if (at_ >= text_.size()) return false;
-        const size_t end = std::min(text_.find('\n', at_), text_.size());
-        rest_ = text_.substr(at_, end - at_);
-        at_ = end + 1;
-        continuing_ = false;
-        started_ = false;
-        rest_.erase(std::min(rest_.find('\0'), rest_.size()));
+        if (mAt >= mText.size()) return false;
+        const size_t end = std::min(mText.find('\n', mAt), mText.size());
+        mRest = mText.substr(mAt, end - mAt);
+        mAt = end + 1;
+        mContinuing = false;
+        mStarted = false;
+        mRest.erase(std::min(mRest.find('\0'), mRest.size()));
         dropInlineComment();
-        if (rest_.empty()) rest_ = " ";
+        if (mRest.empty()) mRest = " ";
         return true;
     }
 
     // inih would drop only the piece that the comment starts in, and keep the pieces after it.
     void dropInlineComment() {
-        for (size_t i = 1; i < rest_.size(); ++i) {
-            if (rest_[i] == ';' && isBlank(rest_[i - 1])) return rest_.erase(i - 1), void();
+        for (size_t i = 1; i < mRest.size(); ++i) {
+            if (mRest[i] == ';' && isBlank(mRest[i - 1])) return mRest.erase(i - 1), void();
         }
     }
 
     size_t pieceLength(size_t room) {
-        continuing_ = started_;
-        started_ = true;
-        if (rest_.size() <= room) return rest_.size();
-        if (!continuing_ && rest_.substr(0, room).find_first_of("=:") == std::string::npos) {
-            rest_.erase(room);  // no key: the line is invalid, and one piece shows that
+        mContinuing = mStarted;
+        mStarted = true;
+        if (mRest.size() <= room) return mRest.size();
+        if (!mContinuing && mRest.substr(0, room).find_first_of("=:") == std::string::npos) {
+            mRest.erase(room);  // no key: the line is invalid, and one piece shows that
             return room;
         }
         // inih trims each piece, so that a cut beside a blank would lose the blank.
         size_t length = room;
-        while (length > 1 && (isBlank(rest_[length - 1]) || isBlank(rest_[length]))) --length;
+        while (length > 1 && (isBlank(mRest[length - 1]) || isBlank(mRest[length]))) --length;
         return length > 1 ? length : room;
     }
 
-    const std::string& text_;
-    size_t at_ = 0;
-    std::string rest_;
-    bool continuing_ = false, started_ = false;
+    const std::string& mText;
+    size_t mAt = 0;
+    std::string mRest;
+    bool mContinuing = false, mStarted = false;
 };
 
 struct Parse {
@@ -102,22 +102,22 @@ IniReader::~IniReader() = default;
 
 void IniReader::setMissingInteger(int value) {
     Guard guard(boardLock());
-    missingInteger_ = value;
+    mMissingInteger = value;
 }
 
 int IniReader::load(const std::filesystem::path& hostPath) {
     Guard guard(boardLock());
     const auto text = readWholeFile(hostPath, kLongest);
     if (!text) return 0;
-    files_.push_back(parseIni(*text));
-    return static_cast<int>(files_.size());
+    mFiles.push_back(parseIni(*text));
+    return static_cast<int>(mFiles.size());
 }
 
 const std::string* IniReader::find(int handle, const char* section, const char* key) const {
     Guard guard(boardLock());
-    if (handle < 1 || static_cast<size_t>(handle) > files_.size()) return nullptr;
+    if (handle < 1 || static_cast<size_t>(handle) > mFiles.size()) return nullptr;
     if (section == nullptr || key == nullptr) return nullptr;
-    const Values& values = files_[static_cast<size_t>(handle) - 1];
+    const Values& values = mFiles[static_cast<size_t>(handle) - 1];
     const auto found = values.find({section, key});
     return found == values.end() ? nullptr : &found->second;
 }
@@ -125,31 +125,31 @@ const std::string* IniReader::find(int handle, const char* section, const char* 
 int IniReader::integer(int handle, const char* section, const char* key) const {
     Guard guard(boardLock());
     const std::string* text = find(handle, section, key);
-    if (text == nullptr) return missingInteger_;
+    if (text == nullptr) return mMissingInteger;
     const size_t digits = text->find_first_not_of("+-");
     const bool isHex = digits != std::string::npos && text->compare(digits, 2, "0x") == 0;
     char* end = nullptr;
     const long value = strtol(text->c_str(), &end, isHex ? 16 : 10);
-    return end == text->c_str() ? missingInteger_ : static_cast<int>(value);
+    return end == text->c_str() ? mMissingInteger : static_cast<int>(value);
 }
 
-ProductInformation::ProductInformation(BoardServices& board) : board_(board) {}
+ProductInformation::ProductInformation(BoardServices& board) : mBoard(board) {}
 ProductInformation::~ProductInformation() = default;
 
 void ProductInformation::setModuleId(const std::string& text) {
     Guard guard(boardLock());
-    board_.store->replace(kProductInformation, text + "\n");
+    mBoard.store->replace(kProductInformation, text + "\n");
 }
 
 void ProductInformation::setFailing(bool failing) {
     Guard guard(boardLock());
-    failing_ = failing;
+    mFailing = failing;
 }
 
 int ProductInformation::fill(uint8_t* block) const {
     Guard guard(boardLock());
-    const auto text = board_.store->read(kProductInformation);
-    if (failing_ || !text) return -1;
+    const auto text = mBoard.store->read(kProductInformation);
+    if (mFailing || !text) return -1;
     memset(block, 0, kSize);
     const size_t length = std::min(text->find('\n'), text->size());
     memcpy(block + kModuleIdAt, text->data(), std::min(length, kSize - kModuleIdAt - 1));

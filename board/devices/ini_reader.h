@@ -28,8 +28,8 @@ class IniReader {
     int integer(int handle, const char* section, const char* key) const;
 
   private:
-    std::vector<Values> files_;
-    int missingInteger_ = 0;
+    std::vector<Values> mFiles;
+    int mMissingInteger = 0;
 };
 
 // Parses a whole file's text. Values of any length; a NUL ends its line.
@@ -49,8 +49,8 @@ class ProductInformation {
     int fill(uint8_t* block) const;
 
   private:
-    BoardServices& board_;
-    bool failing_ = false;
+    BoardServices& mBoard;
+    bool mFailing = false;
 };
 
 }  // namespace quil::board

@@ -3,10 +3,10 @@
 namespace quil::board {
 
 void LentDevices::transferred(int fd, EventKind kind, const void* data, ssize_t count) const {
-    const auto file = files_.find(fd);
-    if (file == files_.end() || count <= 0) return;
+    const auto file = mFiles.find(fd);
+    if (file == mFiles.end() || count <= 0) return;
     const auto* bytes = static_cast<const uint8_t*>(data);
-    board_.trace.add(kind, file->second, std::to_string(count) + " bytes", {bytes, bytes + count});
+    mBoard.trace.add(kind, file->second, std::to_string(count) + " bytes", {bytes, bytes + count});
 }
 
 }  // namespace quil::board

@@ -14,21 +14,21 @@ namespace quil::board {
 
 class LentDevices {
   public:
-    explicit LentDevices(BoardServices& board) : board_(board) {}
+    explicit LentDevices(BoardServices& board) : mBoard(board) {}
 
-    void lend(std::string path) { paths_.insert(std::move(path)); }
-    bool has(std::string_view path) const { return paths_.find(path) != paths_.end(); }
+    void lend(std::string path) { mPaths.insert(std::move(path)); }
+    bool has(std::string_view path) const { return mPaths.find(path) != mPaths.end(); }
 
     // For the C library calls.
-    void opened(int fd, std::string path) { files_[fd] = std::move(path); }
-    void closed(int fd) { files_.erase(fd); }
-    bool isOpen(int fd) const { return files_.count(fd) != 0; }
+    void opened(int fd, std::string path) { mFiles[fd] = std::move(path); }
+    void closed(int fd) { mFiles.erase(fd); }
+    bool isOpen(int fd) const { return mFiles.count(fd) != 0; }
     void transferred(int fd, EventKind, const void* data, ssize_t count) const;
 
   private:
-    BoardServices& board_;
-    std::set<std::string, std::less<>> paths_;
-    std::map<int, std::string> files_;
+    BoardServices& mBoard;
+    std::set<std::string, std::less<>> mPaths;
+    std::map<int, std::string> mFiles;
 };
 
 }  // namespace quil::board

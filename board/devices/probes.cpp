@@ -56,12 +56,12 @@ const char* nameOf(SdCard card) {
     return "";
 }
 
-Probes::Probes(BoardServices& board, int codecs) : board_(board), codecs_(codecs) {
-    std::istringstream lines(board_.store->read(kFile).value_or(""));
+Probes::Probes(BoardServices& board, int codecs) : mBoard(board), mCodecs(codecs) {
+    std::istringstream lines(mBoard.store->read(kFile).value_or(""));
     for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         std::string name, equals, state;
-        if (words >> name >> equals >> state && equals == "=") states_[name] = state;
+        if (words >> name >> equals >> state && equals == "=") mStates[name] = state;
     }
 }
 
@@ -98,31 +98,31 @@ SdCard Probes::sdCard() const {
 
 void Probes::set(const std::string& name, const std::string& state) {
     Guard guard(boardLock());
-    states_[name] = state;
+    mStates[name] = state;
     save();
 }
 
 Probes::Settings Probes::settings() const {
     Guard guard(boardLock());
-    return states_;
+    return mStates;
 }
 
 void Probes::restore(const Settings& settings) {
     Guard guard(boardLock());
-    states_ = settings;
+    mStates = settings;
     save();
 }
 
 void Probes::save() const {
     std::string text;
-    for (const auto& [key, kept] : states_)
+    for (const auto& [key, kept] : mStates)
         text.append(key).append(" = ").append(kept).append("\n");
-    board_.store->replace(kFile, text);
+    mBoard.store->replace(kFile, text);
 }
 
 std::string Probes::stateOf(const std::string& name) const {
-    const auto found = states_.find(name);
-    return found == states_.end() ? "" : found->second;
+    const auto found = mStates.find(name);
+    return found == mStates.end() ? "" : found->second;
 }
 
 Health Probes::healthHere(const std::string& part) const {
@@ -133,8 +133,8 @@ int32_t Probes::answer(const std::string& part, Health health) {
     int32_t result = 0;
     if (health == Health::kFaulty) result = -EIO;
     if (health == Health::kAbsent) result = kNobodyAnswers;
-    if (const auto fault = board_.faults.take(Call::kProbe, part)) result = -fault->error;
-    board_.trace.add(EventKind::kProbe, part,
+    if (const auto fault = mBoard.faults.take(Call::kProbe, part)) result = -fault->error;
+    mBoard.trace.add(EventKind::kProbe, part,
                      std::string(nameOf(health)) + ", answered " + std::to_string(result));
     return result;
 }
@@ -148,7 +148,7 @@ int32_t Probes::probe(const std::string& part) {
 int32_t Probes::probeCodec(int32_t index) {
     Guard guard(boardLock());
     const std::string name = codecName(index);
-    if (index < 0 || index >= codecs_) return answer(name, Health::kAbsent);
+    if (index < 0 || index >= mCodecs) return answer(name, Health::kAbsent);
     return answer(name, healthHere(stateOf(name).empty() ? kCodecs : name));
 }
 

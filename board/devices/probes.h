@@ -56,9 +56,9 @@ class Probes {
     Health healthHere(const std::string& part) const;
     int32_t answer(const std::string& part, Health health);
 
-    BoardServices& board_;
-    const int codecs_;
-    Settings states_;
+    BoardServices& mBoard;
+    const int mCodecs;
+    Settings mStates;
 };
 
 const char* nameOf(Health);

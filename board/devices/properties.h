@@ -23,8 +23,8 @@ class Properties {
     void set(const std::string& name, const std::string& value);
 
   private:
-    BoardServices& board_;
-    std::map<std::string, std::string, std::less<>> values_;
+    BoardServices& mBoard;
+    std::map<std::string, std::string, std::less<>> mValues;
 };
 
 }  // namespace quil::board

@@ -39,23 +39,23 @@ struct Shell::Streams {
 };
 
 Shell::Shell(BoardServices& board, Sysfs& sysfs, const Probes& probes)
-    : board_(board), sysfs_(sysfs), probes_(probes) {
-    programs_["echo"] = echo;
-    programs_["sleep"] = [this](const auto& argv) { return sleepFor(argv); };
-    programs_["cat"] = [this](const auto& argv) { return cat(argv); };
-    programs_["true"] = programs_[":"] = [](const auto&) { return ProgramResult{}; };
-    programs_["false"] = [](const auto&) { return ProgramResult{kFailed}; };
+    : mBoard(board), mSysfs(sysfs), mProbes(probes) {
+    mPrograms["echo"] = echo;
+    mPrograms["sleep"] = [this](const auto& argv) { return sleepFor(argv); };
+    mPrograms["cat"] = [this](const auto& argv) { return cat(argv); };
+    mPrograms["true"] = mPrograms[":"] = [](const auto&) { return ProgramResult{}; };
+    mPrograms["false"] = [](const auto&) { return ProgramResult{kFailed}; };
 }
 Shell::~Shell() = default;
 
 void Shell::add(const std::string& name, Program program) {
     Guard guard(boardLock());
-    programs_[name] = std::move(program);
+    mPrograms[name] = std::move(program);
 }
 
 void Shell::remove(const std::string& name) {
     Guard guard(boardLock());
-    programs_.erase(name);
+    mPrograms.erase(name);
 }
 
 ProgramResult Shell::sleepFor(const std::vector<std::string>& argv) {
@@ -64,16 +64,16 @@ ProgramResult Shell::sleepFor(const std::vector<std::string>& argv) {
     if (end == nullptr || *end != '\0' || !(seconds >= 0 && seconds < 1e9)) {
         return {kFailed, "", "sleep: not a number\n"};
     }
-    board_.scheduler.sleepFor(Nanos(static_cast<int64_t>(seconds * 1e9)), "a program");
+    mBoard.scheduler.sleepFor(Nanos(static_cast<int64_t>(seconds * 1e9)), "a program");
     return {};
 }
 
 int Shell::run(const std::string& line) {
     Scheduler::arrive();
     Guard guard(boardLock());
-    const auto fault = board_.faults.take(Call::kSystem, line);
-    board_.trace.add(EventKind::kShell, "sh", line);
-    if (board_.power.isCut()) {
+    const auto fault = mBoard.faults.take(Call::kSystem, line);
+    mBoard.trace.add(EventKind::kShell, "sh", line);
+    if (mBoard.power.isCut()) {
         errno = EIO;
         return -1;
     }
@@ -93,7 +93,7 @@ int Shell::run(const std::string& line) {
             exitCode = runCommand(command);
         }
     } catch (const std::runtime_error& error) {
-        board_.violation("sh", line + ": " + error.what());
+        mBoard.violation("sh", line + ": " + error.what());
         print(2, std::string("sh: ") + error.what() + "\n");
         exitCode = kFailed;
     }
@@ -134,8 +134,8 @@ int Shell::runCommand(const Command& command) {
 }
 
 ProgramResult Shell::runProgram(const std::vector<std::string>& argv) {
-    const auto found = programs_.find(argv[0]);
-    if (found != programs_.end()) return Program(found->second)(argv);
+    const auto found = mPrograms.find(argv[0]);
+    if (found != mPrograms.end()) return Program(found->second)(argv);
     return {kNotFound, "", "sh: " + argv[0] + ": inaccessible or not found\n"};
 }
 
@@ -143,12 +143,12 @@ ProgramResult Shell::runProgram(const std::vector<std::string>& argv) {
 // the file.
 int Shell::open(const std::string& path, bool toWrite, bool append) {
     if (path == "/dev/null") return 0;
-    if (board_.power.isCut()) return EIO;
-    if (const auto fault = board_.faults.take(Call::kOpen, path)) return fault->error;
-    if (sysfs_.exists(path)) return sysfs_.refusal(path, !toWrite, toWrite);
+    if (mBoard.power.isCut()) return EIO;
+    if (const auto fault = mBoard.faults.take(Call::kOpen, path)) return fault->error;
+    if (mSysfs.exists(path)) return mSysfs.refusal(path, !toWrite, toWrite);
     const auto use = toWrite ? Probes::Use::kCreate : Probes::Use::kRead;
-    if (const int error = probes_.refusal(path, use)) return error;
-    const auto host = board_.onHost(path.c_str()).value_or(path);
+    if (const int error = mProbes.refusal(path, use)) return error;
+    const auto host = mBoard.onHost(path.c_str()).value_or(path);
     const int flags = toWrite ? O_WRONLY | O_CREAT | (append ? 0 : O_TRUNC) : O_RDONLY;
     const int fd = real().open(host.c_str(), flags, 0666);
     const int error = errno;
@@ -159,11 +159,11 @@ int Shell::open(const std::string& path, bool toWrite, bool append) {
 
 int Shell::deliver(const std::string& path, const std::string& text) {
     if (path == "/dev/null") return 0;
-    if (const auto fault = board_.faults.take(Call::kWrite, path)) return fault->error;
-    if (const auto handle = sysfs_.open(path)) {
+    if (const auto fault = mBoard.faults.take(Call::kWrite, path)) return fault->error;
+    if (const auto handle = mSysfs.open(path)) {
         return static_cast<int>(-std::min<ssize_t>(0, handle->write(text.data(), text.size())));
     }
-    std::ofstream file(board_.onHost(path.c_str()).value_or(path), std::ios::app);
+    std::ofstream file(mBoard.onHost(path.c_str()).value_or(path), std::ios::app);
     file << text;
     file.flush();
     return file ? 0 : EIO;
@@ -181,14 +181,14 @@ void Shell::print(int fd, const std::string& text) {
 
 int Shell::readFile(const std::string& path, std::string* text) {
     if (const int error = open(path, false, false)) return error;
-    if (const auto fault = board_.faults.take(Call::kRead, path)) return fault->error;
-    if (const auto handle = sysfs_.open(path)) {
+    if (const auto fault = mBoard.faults.take(Call::kRead, path)) return fault->error;
+    if (const auto handle = mSysfs.open(path)) {
         std::array<char, 4096> page{};
         const ssize_t got = handle->read(page.data(), page.size());
         if (got > 0) text->append(page.data(), static_cast<size_t>(got));
         return static_cast<int>(-std::min<ssize_t>(0, got));
     }
-    std::ifstream file(board_.onHost(path.c_str()).value_or(path), std::ios::binary);
+    std::ifstream file(mBoard.onHost(path.c_str()).value_or(path), std::ios::binary);
     text->append(std::istreambuf_iterator<char>(file), {});
     return 0;
 }

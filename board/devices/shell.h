@@ -77,10 +77,10 @@ class Shell {
     ProgramResult cat(const std::vector<std::string>& argv);
     int readFile(const std::string& path, std::string* text);
 
-    BoardServices& board_;
-    Sysfs& sysfs_;
-    const Probes& probes_;
-    std::map<std::string, Program> programs_;
+    BoardServices& mBoard;
+    Sysfs& mSysfs;
+    const Probes& mProbes;
+    std::map<std::string, Program> mPrograms;
 };
 
 // The commands of a line in order. Throws std::runtime_error with the shell's message when the

@@ -20,15 +20,15 @@ struct Token {
 
 class Lexer {
   public:
-    explicit Lexer(std::string_view line) : rest_(line) {}
+    explicit Lexer(std::string_view line) : mRest(line) {}
 
     std::optional<Token> next() {
-        while (!rest_.empty() && (rest_[0] == ' ' || rest_[0] == '\t')) rest_.remove_prefix(1);
-        if (rest_.empty() || rest_[0] == '#') return std::nullopt;
+        while (!mRest.empty() && (mRest[0] == ' ' || mRest[0] == '\t')) mRest.remove_prefix(1);
+        if (mRest.empty() || mRest[0] == '#') return std::nullopt;
         for (const std::string_view sign :
              {"2>&1", "2>>", "2>", "1>>", "1>", "&&", "||", ">>", ">", "<", ";", "\n"}) {
-            if (rest_.substr(0, sign.size()) != sign) continue;
-            rest_.remove_prefix(sign.size());
+            if (mRest.substr(0, sign.size()) != sign) continue;
+            mRest.remove_prefix(sign.size());
             return Token{true, std::string(sign == "\n" ? ";" : sign)};
         }
         return Token{false, word()};
@@ -37,14 +37,14 @@ class Lexer {
   private:
     std::string word() {
         std::string text;
-        while (!rest_.empty() && std::string_view(" \t\n;<>").find(rest_[0]) == rest_.npos) {
+        while (!mRest.empty() && std::string_view(" \t\n;<>").find(mRest[0]) == mRest.npos) {
             const char c = take();
             if (c == '\'') {
                 while (char quoted = inQuotes('\'')) text += quoted;
             } else if (c == '"') {
                 doubleQuoted(text);
             } else if (c == '\\') {
-                if (!rest_.empty()) text += take();
+                if (!mRest.empty()) text += take();
             } else if (std::string_view("$`|&()*?[{~").find(c) != std::string_view::npos) {
                 refuse(std::string("'") + c + "'");
             } else {
@@ -58,25 +58,25 @@ class Lexer {
         while (char c = inQuotes('"')) {
             if (c == '$' || c == '`') refuse(std::string("'") + c + "'");
             const bool escapes =
-                c == '\\' && !rest_.empty() && (rest_[0] == '"' || rest_[0] == '\\');
+                c == '\\' && !mRest.empty() && (mRest[0] == '"' || mRest[0] == '\\');
             text += escapes ? take() : c;
         }
     }
 
     // The next character inside quotes; 0 at their end.
     char inQuotes(char quote) {
-        if (rest_.empty()) refuse("end of file");
+        if (mRest.empty()) refuse("end of file");
         const char c = take();
         return c == quote ? '\0' : c;
     }
 
     char take() {
-        const char c = rest_[0];
-        rest_.remove_prefix(1);
+        const char c = mRest[0];
+        mRest.remove_prefix(1);
         return c;
     }
 
-    std::string_view rest_;
+    std::string_view mRest;
 };
 
 Shell::Redirection redirection(const std::string& sign, Lexer& lexer) {

@@ -41,23 +41,23 @@ int streamClose(void* cookie) {
 }  // namespace
 
 ssize_t SysfsHandle::read(char* data, size_t count) {
-    if (!file_.show) return -EACCES;
-    if (offset_ == 0) shown_ = file_.show();
-    const size_t got = std::min(count, shown_.size() - std::min(offset_, shown_.size()));
-    if (got > 0) shown_.copy(data, got, offset_);
-    offset_ += got;
+    if (!mFile.show) return -EACCES;
+    if (mOffset == 0) mShown = mFile.show();
+    const size_t got = std::min(count, mShown.size() - std::min(mOffset, mShown.size()));
+    if (got > 0) mShown.copy(data, got, mOffset);
+    mOffset += got;
     return static_cast<ssize_t>(got);
 }
 
 ssize_t SysfsHandle::write(const char* data, size_t count) {
-    if (!file_.store) return -EACCES;
-    const int error = file_.store({data, count});
+    if (!mFile.store) return -EACCES;
+    const int error = mFile.store({data, count});
     return error != 0 ? -error : static_cast<ssize_t>(count);
 }
 
 ssize_t SysfsHandle::seek(off_t to) {
     if (to < 0) return -EINVAL;
-    offset_ = static_cast<size_t>(to);
+    mOffset = static_cast<size_t>(to);
     return static_cast<ssize_t>(to);
 }
 
@@ -66,29 +66,29 @@ Sysfs::~Sysfs() = default;
 
 void Sysfs::add(const std::string& path, SysfsFile file) {
     Guard guard(boardLock());
-    files_[path] = std::move(file);
+    mFiles[path] = std::move(file);
 }
 
 void Sysfs::remove(const std::string& path) {
     Guard guard(boardLock());
-    files_.erase(path);
+    mFiles.erase(path);
 }
 
 bool Sysfs::exists(std::string_view path) const {
     Guard guard(boardLock());
-    return files_.find(path) != files_.end();
+    return mFiles.find(path) != mFiles.end();
 }
 
 int Sysfs::refusal(std::string_view path, bool toRead, bool toWrite) const {
-    const auto found = files_.find(path);
-    if (found == files_.end()) return ENOENT;
+    const auto found = mFiles.find(path);
+    if (found == mFiles.end()) return ENOENT;
     if (toRead && !found->second.show) return EACCES;
     return toWrite && !found->second.store ? EACCES : 0;
 }
 
 std::shared_ptr<SysfsHandle> Sysfs::open(std::string_view path) const {
-    const auto found = files_.find(path);
-    return found == files_.end() ? nullptr : std::make_shared<SysfsHandle>(found->second);
+    const auto found = mFiles.find(path);
+    return found == mFiles.end() ? nullptr : std::make_shared<SysfsHandle>(found->second);
 }
 
 FILE* Sysfs::openStream(const std::shared_ptr<SysfsHandle>& handle, const char* mode) {

@@ -21,15 +21,15 @@ struct SysfsFile {
 // A negative result is the negated errno.
 class SysfsHandle {
   public:
-    explicit SysfsHandle(const SysfsFile& file) : file_(file) {}
+    explicit SysfsHandle(const SysfsFile& file) : mFile(file) {}
     ssize_t read(char* data, size_t count);
     ssize_t write(const char* data, size_t count);
     ssize_t seek(off_t to);
 
   private:
-    const SysfsFile file_;
-    std::string shown_;
-    size_t offset_ = 0;
+    const SysfsFile mFile;
+    std::string mShown;
+    size_t mOffset = 0;
 };
 
 class Sysfs {
@@ -51,7 +51,7 @@ class Sysfs {
     static FILE* openStream(const std::shared_ptr<SysfsHandle>& handle, const char* mode);
 
   private:
-    std::map<std::string, SysfsFile, std::less<>> files_;
+    std::map<std::string, SysfsFile, std::less<>> mFiles;
 };
 
 }  // namespace quil::board

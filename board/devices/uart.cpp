@@ -59,60 +59,60 @@ LineSettings settingsOf(const termios& settings) {
 }
 
 Uart::Uart(BoardServices& board, std::string path)
-    : board_(board),
-      path_(std::move(path)),
-      settings_(factorySettings()),
-      line_(settingsOf(settings_)) {}
+    : mBoard(board),
+      mPath(std::move(path)),
+      mSettings(factorySettings()),
+      mLine(settingsOf(mSettings)) {}
 Uart::~Uart() = default;
 
 void Uart::note(EventKind kind, const std::string& text, std::vector<uint8_t> bytes) {
-    board_.trace.add(kind, path_, text, std::move(bytes));
+    mBoard.trace.add(kind, mPath, text, std::move(bytes));
 }
 
 void Uart::noteByte(Nanos start, const LineSettings& line, bool fromHost, uint8_t byte) {
-    board_.trace.addWireByte(
+    mBoard.trace.addWireByte(
         {start, line.bitTime(), fromHost, byte, line.dataBits, line.parity, line.stopBits});
 }
 
 int Uart::baud() const {
     Guard guard(boardLock());
-    return line_.baud;
+    return mLine.baud;
 }
 
 std::string Uart::mode() const {
     Guard guard(boardLock());
-    return std::to_string(line_.dataBits) + line_.parity + std::to_string(line_.stopBits);
+    return std::to_string(mLine.dataBits) + mLine.parity + std::to_string(mLine.stopBits);
 }
 
 void Uart::unplug() {
     Guard guard(boardLock());
-    plugged_ = false;
-    tx_.clear();
-    rx_.clear();
-    incoming_.clear();
+    mPlugged = false;
+    mTx.clear();
+    mRx.clear();
+    mIncoming.clear();
     note(EventKind::kNote, "unplugged");
-    board_.scheduler.wakeAll(this);
-    board_.readinessChanged();
+    mBoard.scheduler.wakeAll(this);
+    mBoard.readinessChanged();
 }
 
 void Uart::addFault(const LineFault& fault) {
     Guard guard(boardLock());
-    faults_.push_back(fault);
-    faults_.back().byte += passed_.at(fault.fromHost ? 1 : 0);
+    mFaults.push_back(fault);
+    mFaults.back().byte += mPassed.at(fault.fromHost ? 1 : 0);
 }
 
 void Uart::powerLost() {
-    plugged_ = false;
-    tx_.clear();
-    rx_.clear();
-    incoming_.clear();
-    burst_.clear();
+    mPlugged = false;
+    mTx.clear();
+    mRx.clear();
+    mIncoming.clear();
+    mBurst.clear();
 }
 
 Nanos Uart::lateness(bool fromHost) const {
     Nanos late{0};
-    for (const LineFault& fault : faults_) {
-        const bool here = fault.fromHost == fromHost && fault.byte == passed_.at(fromHost ? 1 : 0);
+    for (const LineFault& fault : mFaults) {
+        const bool here = fault.fromHost == fromHost && fault.byte == mPassed.at(fromHost ? 1 : 0);
         if (here && fault.kind == LineFault::Kind::kLate) late += fault.delay;
     }
     return late;
@@ -121,8 +121,8 @@ Nanos Uart::lateness(bool fromHost) const {
 std::vector<uint8_t> Uart::arriving(bool fromHost, uint8_t byte) {
     std::vector<uint8_t> before;
     bool lost = false;
-    const size_t number = passed_.at(fromHost ? 1 : 0);
-    for (const LineFault& fault : faults_) {
+    const size_t number = mPassed.at(fromHost ? 1 : 0);
+    for (const LineFault& fault : mFaults) {
         if (fault.fromHost != fromHost || fault.byte != number) continue;
         if (fault.kind == LineFault::Kind::kCorrupt) byte ^= fault.value;
         if (fault.kind == LineFault::Kind::kExtra) before.push_back(fault.value);
@@ -136,34 +136,34 @@ std::vector<uint8_t> Uart::arriving(bool fromHost, uint8_t byte) {
 
 std::vector<uint8_t> Uart::sentByHost() const {
     Guard guard(boardLock());
-    return sent_;
+    return mSent;
 }
 
 size_t Uart::bytesOnTheWay() const {
     Guard guard(boardLock());
-    return tx_.size();
+    return mTx.size();
 }
 
-void Uart::attach(UartPeer* peer) { peer_ = peer; }
+void Uart::attach(UartPeer* peer) { mPeer = peer; }
 
 int Uart::getattr(termios* settings) const {
-    if (!plugged_) return EIO;
-    *settings = settings_;
+    if (!mPlugged) return EIO;
+    *settings = mSettings;
     return 0;
 }
 
 int Uart::setattr(const termios& settings) {
-    if (!plugged_) return EIO;
-    settings_ = settings;
-    line_ = settingsOf(settings);
-    note(EventKind::kNote, "set to " + std::to_string(line_.baud) + " " + mode());
+    if (!mPlugged) return EIO;
+    mSettings = settings;
+    mLine = settingsOf(settings);
+    note(EventKind::kNote, "set to " + std::to_string(mLine.baud) + " " + mode());
     return 0;
 }
 
 int Uart::flush(int queue) {
-    if (!plugged_) return EIO;
-    if (queue == TCIFLUSH || queue == TCIOFLUSH) rx_.clear();
-    if (queue == TCOFLUSH || queue == TCIOFLUSH) tx_.clear();
+    if (!mPlugged) return EIO;
+    if (queue == TCIFLUSH || queue == TCIOFLUSH) mRx.clear();
+    if (queue == TCOFLUSH || queue == TCIOFLUSH) mTx.clear();
     return queue == TCIFLUSH || queue == TCOFLUSH || queue == TCIOFLUSH ? 0 : EINVAL;
 }
 
@@ -172,144 +172,144 @@ int Uart::flush(int queue) {
 ssize_t Uart::hostWrite(const uint8_t* data, size_t count, bool nonBlocking) {
     size_t done = 0;
     while (done < count) {
-        if (!plugged_) return done > 0 ? static_cast<ssize_t>(done) : -EIO;
-        const size_t room = std::min(kBuffer - tx_.size(), count - done);
-        tx_.insert(tx_.end(), data + done, data + done + room);
+        if (!mPlugged) return done > 0 ? static_cast<ssize_t>(done) : -EIO;
+        const size_t room = std::min(kBuffer - mTx.size(), count - done);
+        mTx.insert(mTx.end(), data + done, data + done + room);
         done += room;
         startTransmit();
         if (done == count || nonBlocking) break;
-        board_.scheduler.park("room in the transmit buffer", this);
-        if (!board_.power.isOn()) break;
+        mBoard.scheduler.park("room in the transmit buffer", this);
+        if (!mBoard.power.isOn()) break;
     }
     if (done == 0 && count > 0) return -EAGAIN;
     const std::vector<uint8_t> bytes(data, data + done);
-    if (board_.trace.recording()) {
-        sent_.insert(sent_.end(), bytes.begin(), bytes.end());
+    if (mBoard.trace.recording()) {
+        mSent.insert(mSent.end(), bytes.begin(), bytes.end());
         note(EventKind::kUartTx, std::to_string(done) + " bytes", bytes);
     }
     return static_cast<ssize_t>(done);
 }
 
 void Uart::startTransmit() {
-    if (transmitting_ || tx_.empty() || line_.baud == 0) return;
-    transmitting_ = true;
-    noteByte(board_.scheduler.now(), line_, true, tx_.front());
-    const Nanos late = faults_.empty() ? Nanos(0) : lateness(true);
-    board_.scheduler.at(board_.scheduler.now() + line_.byteTime() + late,
+    if (mTransmitting || mTx.empty() || mLine.baud == 0) return;
+    mTransmitting = true;
+    noteByte(mBoard.scheduler.now(), mLine, true, mTx.front());
+    const Nanos late = mFaults.empty() ? Nanos(0) : lateness(true);
+    mBoard.scheduler.at(mBoard.scheduler.now() + mLine.byteTime() + late,
                         [this] { transmitted(); });
 }
 
 void Uart::transmitted() {
-    transmitting_ = false;
-    if (tx_.empty()) return;  // flushed or unplugged in the middle of the byte
-    const uint8_t byte = tx_.front();
-    const bool wasFull = tx_.size() == kBuffer;
-    tx_.pop_front();
+    mTransmitting = false;
+    if (mTx.empty()) return;  // flushed or unplugged in the middle of the byte
+    const uint8_t byte = mTx.front();
+    const bool wasFull = mTx.size() == kBuffer;
+    mTx.pop_front();
     std::vector<uint8_t> faulty;
-    if (!faults_.empty()) faulty = arriving(true, byte);
-    ++passed_[1];
+    if (!mFaults.empty()) faulty = arriving(true, byte);
+    ++mPassed[1];
     startTransmit();
     if (wasFull) {
-        board_.scheduler.wakeAll(this);
-        board_.readinessChanged();
+        mBoard.scheduler.wakeAll(this);
+        mBoard.readinessChanged();
     }
-    if (peer_ == nullptr) return;
-    if (faults_.empty()) return peer_->receive(asHeardAt(line_, peer_->lineSettings(), byte));
+    if (mPeer == nullptr) return;
+    if (mFaults.empty()) return mPeer->receive(asHeardAt(mLine, mPeer->lineSettings(), byte));
     for (const uint8_t heard : faulty) {
-        peer_->receive(asHeardAt(line_, peer_->lineSettings(), heard));
+        mPeer->receive(asHeardAt(mLine, mPeer->lineSettings(), heard));
     }
 }
 
 // A receiver with other line settings samples the wrong bits and hears another byte.
 uint8_t Uart::asHeardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte) {
     if (agree(sender, listener)) return byte;
-    board_.violation(path_, "framing error on the line");
+    mBoard.violation(mPath, "framing error on the line");
     return static_cast<uint8_t>((byte << 3 | byte >> 5) ^ 0xA7);
 }
 
 void Uart::sendToHost(const std::vector<uint8_t>& bytes) {
     Guard guard(boardLock());
-    if (!plugged_) return;
-    incoming_.insert(incoming_.end(), bytes.begin(), bytes.end());
+    if (!mPlugged) return;
+    mIncoming.insert(mIncoming.end(), bytes.begin(), bytes.end());
     startReceive();
 }
 
 void Uart::startReceive() {
-    if (receiving_ || incoming_.empty()) return;
-    receiving_ = true;
-    const LineSettings line = peer_ != nullptr ? peer_->lineSettings() : line_;
-    noteByte(board_.scheduler.now(), line, false, incoming_.front());
-    const Nanos late = faults_.empty() ? Nanos(0) : lateness(false);
-    board_.scheduler.at(board_.scheduler.now() + line.byteTime() + late, [this] { received(); });
+    if (mReceiving || mIncoming.empty()) return;
+    mReceiving = true;
+    const LineSettings line = mPeer != nullptr ? mPeer->lineSettings() : mLine;
+    noteByte(mBoard.scheduler.now(), line, false, mIncoming.front());
+    const Nanos late = mFaults.empty() ? Nanos(0) : lateness(false);
+    mBoard.scheduler.at(mBoard.scheduler.now() + line.byteTime() + late, [this] { received(); });
 }
 
 void Uart::keep(uint8_t byte) {
-    if (openCount_ == 0) return;
-    if (rx_.size() < kBuffer) rx_.push_back(byte);  // a full buffer drops the byte
-    burst_.push_back(byte);
+    if (mOpenCount == 0) return;
+    if (mRx.size() < kBuffer) mRx.push_back(byte);  // a full buffer drops the byte
+    mBurst.push_back(byte);
 }
 
 void Uart::received() {
-    receiving_ = false;
-    if (incoming_.empty()) return;
-    const LineSettings sender = peer_ != nullptr ? peer_->lineSettings() : line_;
-    const uint8_t byte = asHeardAt(sender, line_, incoming_.front());
-    incoming_.pop_front();
-    if (faults_.empty()) {
+    mReceiving = false;
+    if (mIncoming.empty()) return;
+    const LineSettings sender = mPeer != nullptr ? mPeer->lineSettings() : mLine;
+    const uint8_t byte = asHeardAt(sender, mLine, mIncoming.front());
+    mIncoming.pop_front();
+    if (mFaults.empty()) {
         keep(byte);
     } else {
         for (const uint8_t heard : arriving(false, byte)) keep(heard);
     }
-    ++passed_[0];
+    ++mPassed[0];
     startReceive();
-    if (!receiving_ && !burst_.empty()) {
-        const std::vector<uint8_t> burst = std::exchange(burst_, {});
+    if (!mReceiving && !mBurst.empty()) {
+        const std::vector<uint8_t> burst = std::exchange(mBurst, {});
         note(EventKind::kUartRx, std::to_string(burst.size()) + " bytes", burst);
     }
-    board_.scheduler.wakeAll(this);
-    board_.readinessChanged();
+    mBoard.scheduler.wakeAll(this);
+    mBoard.readinessChanged();
 }
 
 ssize_t Uart::hostRead(uint8_t* data, size_t count, bool nonBlocking) {
-    const bool canonical = settings_.c_lflag & ICANON;
-    const size_t least = canonical ? 1 : std::min<size_t>(settings_.c_cc[VMIN], count);
-    if (!waitForInput(least, nonBlocking)) return plugged_ ? -EAGAIN : 0;
-    if (!plugged_) return 0;
-    const size_t got = std::min(count, rx_.size());
-    std::copy_n(rx_.begin(), got, data);
-    rx_.erase(rx_.begin(), rx_.begin() + static_cast<std::ptrdiff_t>(got));
+    const bool canonical = mSettings.c_lflag & ICANON;
+    const size_t least = canonical ? 1 : std::min<size_t>(mSettings.c_cc[VMIN], count);
+    if (!waitForInput(least, nonBlocking)) return mPlugged ? -EAGAIN : 0;
+    if (!mPlugged) return 0;
+    const size_t got = std::min(count, mRx.size());
+    std::copy_n(mRx.begin(), got, data);
+    mRx.erase(mRx.begin(), mRx.begin() + static_cast<std::ptrdiff_t>(got));
     return static_cast<ssize_t>(got);
 }
 
 // VMIN 0: waits at most VTIME tenths of a second, for one byte. VMIN n: waits for n bytes.
 bool Uart::waitForInput(size_t least, bool nonBlocking) {
-    if (nonBlocking) return least == 0 || !rx_.empty();
-    Scheduler& scheduler = board_.scheduler;
+    if (nonBlocking) return least == 0 || !mRx.empty();
+    Scheduler& scheduler = mBoard.scheduler;
     if (least > 0) {
-        while (plugged_ && rx_.size() < least && scheduler.isOn()) {
+        while (mPlugged && mRx.size() < least && scheduler.isOn()) {
             scheduler.park("bytes from the serial line", this);
         }
-        return plugged_;
+        return mPlugged;
     }
-    const Nanos deadline = scheduler.now() + std::chrono::milliseconds(100 * settings_.c_cc[VTIME]);
-    while (plugged_ && rx_.empty() && scheduler.now() < deadline) {
+    const Nanos deadline = scheduler.now() + std::chrono::milliseconds(100 * mSettings.c_cc[VTIME]);
+    while (mPlugged && mRx.empty() && scheduler.now() < deadline) {
         if (!scheduler.park("bytes from the serial line", this, deadline)) break;
     }
     return true;
 }
 
 bool Uart::readable() const {
-    const bool canonical = settings_.c_lflag & ICANON;
-    const size_t least = canonical ? 1 : std::max<size_t>(1, settings_.c_cc[VMIN]);
-    return !plugged_ || rx_.size() >= least;
+    const bool canonical = mSettings.c_lflag & ICANON;
+    const size_t least = canonical ? 1 : std::max<size_t>(1, mSettings.c_cc[VMIN]);
+    return !mPlugged || mRx.size() >= least;
 }
 
-bool Uart::writable() const { return !plugged_ || tx_.size() < kBuffer; }
+bool Uart::writable() const { return !mPlugged || mTx.size() < kBuffer; }
 
-void Uart::opened() { ++openCount_; }
+void Uart::opened() { ++mOpenCount; }
 
 void Uart::closed() {
-    if (--openCount_ == 0) rx_.clear();
+    if (--mOpenCount == 0) mRx.clear();
 }
 
 }  // namespace quil::board

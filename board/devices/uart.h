@@ -59,7 +59,7 @@ class Uart {
     Uart& operator=(const Uart&) = delete;
 
     // For tests.
-    const std::string& path() const { return path_; }
+    const std::string& path() const { return mPath; }
     int baud() const;
     std::string mode() const;  // "8N1"
     void unplug();             // the device is gone: EIO, and end of file to readers
@@ -70,10 +70,10 @@ class Uart {
     // For the peer.
     void attach(UartPeer*);
     void sendToHost(const std::vector<uint8_t>&);
-    LineSettings hostLine() const { return line_; }
+    LineSettings hostLine() const { return mLine; }
 
     // For the C library calls.
-    bool plugged() const { return plugged_; }
+    bool plugged() const { return mPlugged; }
     int getattr(termios*) const;
     int setattr(const termios&);
     int flush(int queue);
@@ -100,18 +100,18 @@ class Uart {
     Nanos lateness(bool fromHost) const;
     uint8_t asHeardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte);
 
-    BoardServices& board_;
-    const std::string path_;
-    UartPeer* peer_ = nullptr;
-    termios settings_{};
-    LineSettings line_;
-    bool plugged_ = true;
-    int openCount_ = 0;
-    std::deque<uint8_t> tx_, rx_, incoming_;
-    std::vector<uint8_t> sent_, burst_;
-    std::vector<LineFault> faults_;
-    std::array<size_t, 2> passed_{};  // bytes transferred: to the host, from the host
-    bool transmitting_ = false, receiving_ = false;
+    BoardServices& mBoard;
+    const std::string mPath;
+    UartPeer* mPeer = nullptr;
+    termios mSettings{};
+    LineSettings mLine;
+    bool mPlugged = true;
+    int mOpenCount = 0;
+    std::deque<uint8_t> mTx, mRx, mIncoming;
+    std::vector<uint8_t> mSent, mBurst;
+    std::vector<LineFault> mFaults;
+    std::array<size_t, 2> mPassed{};  // bytes transferred: to the host, from the host
+    bool mTransmitting = false, mReceiving = false;
 };
 
 }  // namespace quil::board

@@ -37,81 +37,81 @@ uint8_t Fpga::Progress::value(Nanos now) const {
 }
 
 Fpga::Fpga(BoardServices& board, Lines lines, SerialFlash& flash, bool bootsFromFlash)
-    : board_(board), lines_(lines), flash_(flash), bootsFromFlash_(bootsFromFlash) {
-    lines_.control.onEdge([this](int) { linesChanged(); });
-    lines_.config.onEdge([this](int) { linesChanged(); });
-    flash_.onUse([this] {
-        if (lines_.control.level() != 0) violation("the flash is used while PROG_B is high");
+    : mBoard(board), mLines(lines), mFlash(flash), mBootsFromFlash(bootsFromFlash) {
+    mLines.control.onEdge([this](int) { linesChanged(); });
+    mLines.config.onEdge([this](int) { linesChanged(); });
+    mFlash.onUse([this] {
+        if (mLines.control.level() != 0) violation("the flash is used while PROG_B is high");
     });
 }
 
 Fpga::~Fpga() = default;
 
-void Fpga::note(const std::string& text) const { board_.trace.add(EventKind::kNote, "fpga", text); }
+void Fpga::note(const std::string& text) const { mBoard.trace.add(EventKind::kNote, "fpga", text); }
 
 void Fpga::violation(const std::string& text, std::span<const uint8_t> bytes) const {
     constexpr size_t kShown = 8;
     const std::string shown = hexOf(bytes.first(std::min(bytes.size(), kShown)));
-    board_.violation("fpga", shown.empty() ? text : text + " " + shown);
+    mBoard.violation("fpga", shown.empty() ? text : text + " " + shown);
 }
 
 // The FPGA starts faster than the kernel: board time begins when it is configured already.
 void Fpga::powerOn() {
-    isPowered_ = true;
-    if (bootsFromFlash_) takeImage(checkFpgaImage(imageIn(flash_)), kLongAgo);
+    mIsPowered = true;
+    if (mBootsFromFlash) takeImage(checkFpgaImage(imageIn(mFlash)), kLongAgo);
 }
 
 void Fpga::linesChanged() {
-    if (!isPowered_) return;
-    if (lines_.control.level() == 0) {
-        if (configured_ || configuring_) note("cleared by PROG_B");
+    if (!mIsPowered) return;
+    if (mLines.control.level() == 0) {
+        if (mConfigured || mConfiguring) note("cleared by PROG_B");
         clear();
-    } else if (lines_.config.level() != 0 && bootsFromFlash_ && !configured_ && !configuring_) {
+    } else if (mLines.config.level() != 0 && mBootsFromFlash && !mConfigured && !mConfiguring) {
         beginConfiguration();
     }
 }
 
 void Fpga::clear() {
-    if (configuring_) board_.scheduler.cancel(*configuring_);
-    configuring_.reset();
-    configured_ = udp_ = transmitReset_ = receiveReset_ = false;
-    version_.clear();
-    pages_.clear();
-    ddr_.since = clock_.since = negotiation_.since = std::nullopt;
-    lines_.done.setLevel(0);
+    if (mConfiguring) mBoard.scheduler.cancel(*mConfiguring);
+    mConfiguring.reset();
+    mConfigured = mUdp = mTransmitReset = mReceiveReset = false;
+    mVersion.clear();
+    mPages.clear();
+    mDdr.since = mClock.since = mNegotiation.since = std::nullopt;
+    mLines.done.setLevel(0);
 }
 
 void Fpga::beginConfiguration() {
     note("configuration begins");
-    const auto size = static_cast<int64_t>(imageIn(flash_).size());
-    configuring_ = board_.scheduler.at(now() + kClearing + kConfigureByte * size, [this] {
-        configuring_.reset();
-        takeImage(checkFpgaImage(imageIn(flash_)), now());
+    const auto size = static_cast<int64_t>(imageIn(mFlash).size());
+    mConfiguring = mBoard.scheduler.at(now() + kClearing + kConfigureByte * size, [this] {
+        mConfiguring.reset();
+        takeImage(checkFpgaImage(imageIn(mFlash)), now());
     });
 }
 
 void Fpga::takeImage(const FpgaImageCheck& image, Nanos since) {
-    problem_ = stuck_ ? "the part is broken" : image.problem;
-    if (!problem_.empty()) {
-        note("configuration failed: " + problem_);
+    mProblem = mStuck ? "the part is broken" : image.problem;
+    if (!mProblem.empty()) {
+        note("configuration failed: " + mProblem);
         return;
     }
-    configured_ = true;
-    version_ = image.version;
-    ddr_.begin(since);
-    clock_.begin(since);
-    negotiation_.begin(since);
-    note("configured with " + version_ + ", " + std::to_string(image.size) + " bytes");
-    lines_.done.setLevel(1);
+    mConfigured = true;
+    mVersion = image.version;
+    mDdr.begin(since);
+    mClock.begin(since);
+    mNegotiation.begin(since);
+    note("configured with " + mVersion + ", " + std::to_string(image.size) + " bytes");
+    mLines.done.setLevel(1);
 }
 
 std::string Fpga::load(std::span<const uint8_t> image) {
     clear();
     const FpgaImageCheck check = checkFpgaImage(image);
-    board_.spendDeviceTime(kClearing + kConfigureByte * static_cast<int64_t>(image.size()),
+    mBoard.spendDeviceTime(kClearing + kConfigureByte * static_cast<int64_t>(image.size()),
                            "fpga load");
     takeImage(check, now());
-    return problem_;
+    return mProblem;
 }
 
 void Fpga::checkOpenMode(int flags) {
@@ -120,45 +120,45 @@ void Fpga::checkOpenMode(int flags) {
 
 void Fpga::setDdr(const Readiness& plan) {
     Guard guard(boardLock());
-    ddr_.replan(plan, now());
+    mDdr.replan(plan, now());
 }
 
 void Fpga::setSgmiiClock(const Readiness& plan) {
     Guard guard(boardLock());
-    clock_.replan(plan, now());
+    mClock.replan(plan, now());
 }
 
 void Fpga::setSgmiiNegotiation(const Readiness& plan) {
     Guard guard(boardLock());
-    negotiation_.replan(plan, now());
+    mNegotiation.replan(plan, now());
 }
 
 void Fpga::setStuckUnconfigured(bool stuck) {
     Guard guard(boardLock());
-    stuck_ = stuck;
+    mStuck = stuck;
     if (stuck) clear();
 }
 
 bool Fpga::isConfigured() const {
     Guard guard(boardLock());
-    return configured_;
+    return mConfigured;
 }
 
 std::string Fpga::version() const {
     Guard guard(boardLock());
-    return version_;
+    return mVersion;
 }
 
 std::string Fpga::problem() const {
     Guard guard(boardLock());
-    return problem_;
+    return mProblem;
 }
 
 bool Fpga::isUdpMode() const {
     Guard guard(boardLock());
-    return udp_;
+    return mUdp;
 }
 
-void Fpga::setUdpMode() { udp_ = true; }
+void Fpga::setUdpMode() { mUdp = true; }
 
 }  // namespace quil::board

@@ -95,7 +95,7 @@ class Fpga {
 
     // For the board's other parts, with the board's lock held.
     void powerOn();
-    const Lines& lines() const { return lines_; }
+    const Lines& lines() const { return mLines; }
     // Both return what the driver does: a count or a negated errno. `truncated`: a fault shortened
     // the transaction, so that its shape is no violation.
     ssize_t spiWrite(std::span<const uint8_t> bytes, bool truncated);
@@ -135,20 +135,20 @@ class Fpga {
     void readInto(uint32_t address, std::span<uint8_t> data);
     uint8_t registerValue(uint32_t address) const;
     Page& pageOf(uint32_t address);
-    Nanos now() const { return board_.scheduler.now(); }
+    Nanos now() const { return mBoard.scheduler.now(); }
 
-    BoardServices& board_;
-    const Lines lines_;
-    SerialFlash& flash_;
-    const bool bootsFromFlash_;
-    bool isPowered_ = false, configured_ = false, stuck_ = false, udp_ = false;
-    std::string version_, problem_;
-    std::optional<Scheduler::TimerId> configuring_;
-    Progress ddr_{kDdr, {}}, clock_{kClock, {}}, negotiation_{kNegotiation, {}};
-    bool transmitReset_ = false, receiveReset_ = false;
-    std::unordered_map<uint32_t, std::unique_ptr<Page>> pages_;
-    std::map<uint32_t, std::vector<uint8_t>> scripts_;
-    std::vector<SpiTransaction> transactions_;
+    BoardServices& mBoard;
+    const Lines mLines;
+    SerialFlash& mFlash;
+    const bool mBootsFromFlash;
+    bool mIsPowered = false, mConfigured = false, mStuck = false, mUdp = false;
+    std::string mVersion, mProblem;
+    std::optional<Scheduler::TimerId> mConfiguring;
+    Progress mDdr{kDdr, {}}, mClock{kClock, {}}, mNegotiation{kNegotiation, {}};
+    bool mTransmitReset = false, mReceiveReset = false;
+    std::unordered_map<uint32_t, std::unique_ptr<Page>> mPages;
+    std::map<uint32_t, std::vector<uint8_t>> mScripts;
+    std::vector<SpiTransaction> mTransactions;
 };
 
 }  // namespace quil::board

@@ -16,28 +16,28 @@ constexpr char kBlockDevices[] = "/dev/block/by-name/";
 
 }  // namespace
 
-FpgaLibrary::FpgaLibrary(BoardServices& board, const Parts& parts) : board_(board), parts_(parts) {}
+FpgaLibrary::FpgaLibrary(BoardServices& board, const Parts& parts) : mBoard(board), mParts(parts) {}
 FpgaLibrary::~FpgaLibrary() = default;
 
 template <typename Work>
 int32_t FpgaLibrary::call(const char* name, const std::string& arguments, Work work) {
     Guard guard(boardLock());
-    board_.trace.add(EventKind::kVendor, name, arguments);
-    if (const auto fault = board_.faults.take(Call::kVendor, name)) return -fault->error;
+    mBoard.trace.add(EventKind::kVendor, name, arguments);
+    if (const auto fault = mBoard.faults.take(Call::kVendor, name)) return -fault->error;
     return work();
 }
 
 void FpgaLibrary::keep(std::initializer_list<const char*> texts) {
     Guard guard(boardLock());
-    texts_.insert(texts_.end(), texts);
+    mTexts.insert(mTexts.end(), texts);
 }
 
 int32_t FpgaLibrary::setLine(int32_t number, int32_t level) {
     Guard guard(boardLock());
-    GpioLine* line = parts_.gpio.find(number);
+    GpioLine* line = mParts.gpio.find(number);
     if (line == nullptr) return -ENODEV;
     if (level != 0 && level != 1) {
-        board_.violation("hal", line->name() + " is set to " + std::to_string(level));
+        mBoard.violation("hal", line->name() + " is set to " + std::to_string(level));
         return -EINVAL;
     }
     return -line->drive(level);
@@ -45,25 +45,25 @@ int32_t FpgaLibrary::setLine(int32_t number, int32_t level) {
 
 int32_t FpgaLibrary::readLine(int32_t number) {
     Guard guard(boardLock());
-    const GpioLine* line = parts_.gpio.find(number);
+    const GpioLine* line = mParts.gpio.find(number);
     return line != nullptr ? line->read() : -ENODEV;
 }
 
 int32_t FpgaLibrary::readSysfs(const char* path, char* buffer, uint32_t size) {
     if (path == nullptr || buffer == nullptr) return -EINVAL;
     Guard guard(boardLock());
-    if (const auto fault = board_.faults.take(Call::kOpen, path)) return -fault->error;
-    if (const int error = parts_.sysfs.refusal(path, true, false)) return -error;
-    if (const auto fault = board_.faults.take(Call::kRead, path)) {
+    if (const auto fault = mBoard.faults.take(Call::kOpen, path)) return -fault->error;
+    if (const int error = mParts.sysfs.refusal(path, true, false)) return -error;
+    if (const auto fault = mBoard.faults.take(Call::kRead, path)) {
         if (fault->error != 0) return -fault->error;
         if (fault->shortTo) size = static_cast<uint32_t>(std::min<size_t>(size, *fault->shortTo));
     }
-    return static_cast<int32_t>(parts_.sysfs.open(path)->read(buffer, size));
+    return static_cast<int32_t>(mParts.sysfs.open(path)->read(buffer, size));
 }
 
 bool FpgaLibrary::readFile(const std::string& path, std::vector<uint8_t>* content) {
-    const auto host = board_.onHost(path.c_str());
-    if (!host || board_.faults.take(Call::kOpen, path)) return false;
+    const auto host = mBoard.onHost(path.c_str());
+    if (!host || mBoard.faults.take(Call::kOpen, path)) return false;
     const auto bytes = readWholeFile(*host);
     if (bytes) content->assign(bytes->begin(), bytes->end());
     return bytes.has_value();
@@ -76,34 +76,34 @@ int32_t FpgaLibrary::loadProgram(const char* driver, const char* image) {
         std::vector<uint8_t> content;
         if (textOf(driver) != kFpgaDevice) return -ENODEV;
         if (!readFile(textOf(image), &content)) return -ENOENT;
-        return parts_.fpga.load(content).empty() ? 0 : -EIO;
+        return mParts.fpga.load(content).empty() ? 0 : -EIO;
     });
 }
 
 int32_t FpgaLibrary::switchGmacToUdp() {
     return call("fpgaSwitchGmacToUdp", "", [&] {
-        if (!parts_.fpga.isConfigured()) return -EIO;
-        parts_.fpga.setUdpMode();
+        if (!mParts.fpga.isConfigured()) return -EIO;
+        mParts.fpga.setUdpMode();
         return 0;
     });
 }
 
 int32_t FpgaLibrary::configureEth1() {
     return call("bi_fpga_eth1_config_kestrel", "", [&] {
-        return parts_.network.configure(kKestrelAddress, kKestrelMask) ? 0 : -ENODEV;
+        return mParts.network.configure(kKestrelAddress, kKestrelMask) ? 0 : -ENODEV;
     });
 }
 
 // Writes each block to its address; unlike the product, the library knows no kinds of blocks.
 int32_t FpgaLibrary::sendScreen(const std::string& partition, int64_t byteNanos, const char* how) {
     std::vector<uint8_t> content;
-    if (!parts_.fpga.isConfigured()) return -EIO;
+    if (!mParts.fpga.isConfigured()) return -EIO;
     if (!readFile(partition, &content)) return -ENOENT;
     const auto blocks = readScreenPartition(content);
     if (blocks.empty()) return -EINVAL;
     for (const ScreenBlock& block : blocks) {
-        board_.spendDeviceTime(Nanos(byteNanos * static_cast<int64_t>(block.data.size())), how);
-        parts_.fpga.writeMemory(block.address, block.data);
+        mBoard.spendDeviceTime(Nanos(byteNanos * static_cast<int64_t>(block.data.size())), how);
+        mParts.fpga.writeMemory(block.address, block.data);
     }
     return 0;
 }
@@ -113,9 +113,9 @@ int32_t FpgaLibrary::loadScreenByUdp(const char* parameters, const char* hexPara
     const std::string arguments = textOf(parameters) + ", " + textOf(hexParameters);
     return call("bi_fpga_load_screen_params_by_udp", arguments, [&] {
         std::vector<uint8_t> hexContent;
-        if (!parts_.network.eth1().up) return -ENETDOWN;
+        if (!mParts.network.eth1().up) return -ENETDOWN;
         if (!readFile(kBlockDevices + textOf(hexParameters), &hexContent)) return -ENOENT;
-        parts_.fpga.setUdpMode();
+        mParts.fpga.setUdpMode();
         return sendScreen(kBlockDevices + textOf(parameters), kUdpByteNanos, "udp");
     });
 }
@@ -132,21 +132,21 @@ int32_t FpgaLibrary::updateProgram() {
 // Writes the image that the product file names.
 int32_t FpgaLibrary::reprogram() {
     IniReader reader;
-    const int handle = reader.load(board_.hostPath("/vendor/etc/product.ini"));
+    const int handle = reader.load(mBoard.hostPath("/vendor/etc/product.ini"));
     const std::string* path = reader.find(handle, "fpga", "fpga_fw_path");
     std::vector<uint8_t> image;
     if (path == nullptr || !readFile(*path, &image) || image.empty()) return -ENOENT;
     constexpr uint32_t kSector = SerialFlash::kSector;
     const auto sectors = static_cast<uint32_t>((image.size() + kSector - 1) / kSector);
-    GpioLine& control = parts_.fpga.lines().control;
+    GpioLine& control = mParts.fpga.lines().control;
     control.drive(0);
-    const int erased = parts_.flash.erase(0, sectors * kSector);
-    const int programmed = erased != 0 ? erased : parts_.flash.program(0, image);
+    const int erased = mParts.flash.erase(0, sectors * kSector);
+    const int programmed = erased != 0 ? erased : mParts.flash.program(0, image);
     control.drive(1);
     if (programmed != 0) return -programmed;
     const Nanos takes = Fpga::kConfigureByte * static_cast<int64_t>(image.size());
-    board_.spendDeviceTime(Fpga::kClearing + takes, "fpga configuration");
-    return parts_.fpga.isConfigured() ? 0 : -EIO;
+    mBoard.spendDeviceTime(Fpga::kClearing + takes, "fpga configuration");
+    return mParts.fpga.isConfigured() ? 0 : -EIO;
 }
 
 }  // namespace quil::board

@@ -50,7 +50,7 @@ class FpgaLibrary {
 
     // The address of every text that a caller passed. A closed library may keep such addresses, so
     // that callers must not free the texts.
-    const std::vector<const char*>& texts() const { return texts_; }
+    const std::vector<const char*>& texts() const { return mTexts; }
 
   private:
     template <typename Work>
@@ -61,9 +61,9 @@ class FpgaLibrary {
     // False when the board has no such file, or a fault forbids it.
     bool readFile(const std::string& path, std::vector<uint8_t>* content);
 
-    BoardServices& board_;
-    const Parts parts_;
-    std::vector<const char*> texts_;
+    BoardServices& mBoard;
+    const Parts mParts;
+    std::vector<const char*> mTexts;
 };
 
 }  // namespace quil::board

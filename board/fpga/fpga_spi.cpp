@@ -28,7 +28,7 @@ struct Rule {
 }  // namespace
 
 void Fpga::record(const std::string& text, std::span<const uint8_t> bytes) const {
-    board_.trace.add(EventKind::kSpi, kFpgaDevice, text, {bytes.begin(), bytes.end()});
+    mBoard.trace.add(EventKind::kSpi, kFpgaDevice, text, {bytes.begin(), bytes.end()});
 }
 
 bool Fpga::isWellFormed(std::span<const uint8_t> bytes, bool isRead) const {
@@ -54,13 +54,13 @@ bool Fpga::isWellFormed(std::span<const uint8_t> bytes, bool isRead) const {
 
 ssize_t Fpga::spiWrite(std::span<const uint8_t> bytes, bool truncated) {
     const auto count = static_cast<ssize_t>(bytes.size());
-    board_.spendDeviceTime(kSpiByte * count, "spi");
+    mBoard.spendDeviceTime(kSpiByte * count, "spi");
     if (truncated ? bytes.size() <= kDataAt : !isWellFormed(bytes, false)) return count;
     const uint32_t address = big32(bytes, kAddressAt);
     const auto data = bytes.subspan(kDataAt, bytes.size() - (truncated ? kDataAt : kOverhead));
     record(describe("write", address, data.size()), bytes);
-    transactions_.push_back({now(), false, address, {bytes.begin(), bytes.end()}, {}});
-    if (!configured_) return count;
+    mTransactions.push_back({now(), false, address, {bytes.begin(), bytes.end()}, {}});
+    if (!mConfigured) return count;
     if (isRegister(address)) {
         writeRegister(address, data);
     } else {
@@ -71,7 +71,7 @@ ssize_t Fpga::spiWrite(std::span<const uint8_t> bytes, bool truncated) {
 
 ssize_t Fpga::spiRead(std::span<uint8_t> bytes) {
     const auto count = static_cast<ssize_t>(bytes.size());
-    board_.spendDeviceTime(kSpiByte * count, "spi");
+    mBoard.spendDeviceTime(kSpiByte * count, "spi");
     if (!isWellFormed(bytes, true)) return count;
     const uint32_t address = big32(bytes, kAddressAt);
     const std::vector<uint8_t> sent(bytes.begin(), bytes.end());
@@ -80,7 +80,7 @@ ssize_t Fpga::spiRead(std::span<uint8_t> bytes) {
     const auto data = bytes.subspan(kReadDataAt);
     readInto(address, data);
     record(describe("read", address, data.size()), data);
-    transactions_.push_back({now(), true, address, sent, {data.begin(), data.end()}});
+    mTransactions.push_back({now(), true, address, sent, {data.begin(), data.end()}});
     return count;
 }
 
@@ -90,22 +90,22 @@ void Fpga::writeRegister(uint32_t address, std::span<const uint8_t> data) {
         violation(describe("no register takes such a write:", address, data.size()), data);
         return;
     }
-    bool& reset = address == kTransmitReset ? transmitReset_ : receiveReset_;
+    bool& reset = address == kTransmitReset ? mTransmitReset : mReceiveReset;
     const bool asserted = data[0] == 0;
-    if (asserted) negotiation_.since.reset();
+    if (asserted) mNegotiation.since.reset();
     const bool released = reset && !asserted;
     reset = asserted;
-    if (released && !transmitReset_ && !receiveReset_) negotiation_.begin(now());
+    if (released && !mTransmitReset && !mReceiveReset) mNegotiation.begin(now());
 }
 
 void Fpga::readInto(uint32_t address, std::span<uint8_t> data) {
-    std::fill(data.begin(), data.end(), configured_ ? uint8_t{0} : kUnconfigured);
-    if (const auto script = scripts_.find(address); script != scripts_.end()) {
+    std::fill(data.begin(), data.end(), mConfigured ? uint8_t{0} : kUnconfigured);
+    if (const auto script = mScripts.find(address); script != mScripts.end()) {
         data[0] = script->second.front();
         if (script->second.size() > 1) script->second.erase(script->second.begin());
         return;
     }
-    if (!configured_) return;
+    if (!mConfigured) return;
     if (isRegister(address)) {
         data[0] = registerValue(address);
         return;
@@ -118,11 +118,11 @@ void Fpga::readInto(uint32_t address, std::span<uint8_t> data) {
 uint8_t Fpga::registerValue(uint32_t address) const {
     switch (address) {
         case kDdrState:
-            return ddr_.value(now());
+            return mDdr.value(now());
         case kSgmiiClock:
-            return clock_.value(now());
+            return mClock.value(now());
         case kSgmiiNegotiation:
-            return negotiation_.value(now());
+            return mNegotiation.value(now());
         default:
             violation(describe("no register can be read:", address, 1));
             return 0;
@@ -139,7 +139,7 @@ void Fpga::writeMemory(uint32_t address, std::span<const uint8_t> data) {
 }
 
 Fpga::Page& Fpga::pageOf(uint32_t address) {
-    auto& page = pages_[address / kPage];
+    auto& page = mPages[address / kPage];
     if (!page) page = std::make_unique<Page>();
     return *page;
 }
@@ -147,7 +147,7 @@ Fpga::Page& Fpga::pageOf(uint32_t address) {
 std::map<uint32_t, uint8_t> Fpga::memory() const {
     Guard guard(boardLock());
     std::map<uint32_t, uint8_t> all;
-    for (const auto& [number, page] : pages_) {
+    for (const auto& [number, page] : mPages) {
         for (uint32_t i = 0; i < kPage; ++i) {
             if (page->written[i]) all[number * kPage + i] = page->bytes[i];
         }
@@ -157,36 +157,36 @@ std::map<uint32_t, uint8_t> Fpga::memory() const {
 
 std::optional<uint8_t> Fpga::memoryAt(uint32_t address) const {
     Guard guard(boardLock());
-    const auto page = pages_.find(address / kPage);
-    if (page == pages_.end() || !page->second->written[address % kPage]) return std::nullopt;
+    const auto page = mPages.find(address / kPage);
+    if (page == mPages.end() || !page->second->written[address % kPage]) return std::nullopt;
     return page->second->bytes[address % kPage];
 }
 
 uint8_t Fpga::registerNow(Register which) const {
     Guard guard(boardLock());
-    return configured_ ? registerValue(which) : kUnconfigured;
+    return mConfigured ? registerValue(which) : kUnconfigured;
 }
 
 void Fpga::scriptReads(uint32_t address, std::vector<uint8_t> values) {
     Guard guard(boardLock());
     if (values.empty()) {
-        scripts_.erase(address);
+        mScripts.erase(address);
     } else {
-        scripts_[address] = std::move(values);
+        mScripts[address] = std::move(values);
     }
 }
 
 std::vector<SpiTransaction> Fpga::transactions() const {
     Guard guard(boardLock());
-    return transactions_;
+    return mTransactions;
 }
 
 void Fpga::forgetTransactions() {
     Guard guard(boardLock());
-    transactions_.clear();
+    mTransactions.clear();
 }
 
 // After a reset of the PHY, the FPGA negotiates only when its own side is reset once more.
-void Fpga::phyWasReset() { negotiation_.since.reset(); }
+void Fpga::phyWasReset() { mNegotiation.since.reset(); }
 
 }  // namespace quil::board

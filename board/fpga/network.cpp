@@ -9,12 +9,12 @@ constexpr char kModule[] = "dwmac_meson8b", kModuleFile[] = "dwmac-meson8b.ko";
 
 }  // namespace
 
-Network::Network(BoardServices& board, Phy& phy) : board_(board), phy_(phy) {}
+Network::Network(BoardServices& board, Phy& phy) : mBoard(board), mPhy(phy) {}
 Network::~Network() = default;
 
 // Why the kernel does not load the file as a module; null if it does.
 const char* Network::refusalOf(const std::string& modulePath) const {
-    const auto host = board_.onHost(modulePath.c_str());
+    const auto host = mBoard.onHost(modulePath.c_str());
     std::error_code error;
     if (!host || !std::filesystem::is_regular_file(*host, error)) {
         return "No such file or directory";
@@ -28,13 +28,13 @@ const char* Network::refusalOf(const std::string& modulePath) const {
 void Network::powerOn() { setLoaded(true); }
 
 void Network::setLoaded(bool loaded) {
-    loaded_ = loaded;
-    eth1_ = {};
+    mLoaded = loaded;
+    mEth1 = {};
     if (loaded) {
-        ++loads_;
-        phy_.driverLoaded();
+        ++mLoads;
+        mPhy.driverLoaded();
     } else {
-        phy_.driverUnloaded();
+        mPhy.driverUnloaded();
     }
 }
 
@@ -47,17 +47,17 @@ void Network::addCommands(Shell& shell) {
 ProgramResult Network::insmod(const Words& argv) {
     if (argv.size() != 2) return failure("usage: insmod MODULE");
     const std::string start = "insmod: failed to load " + argv[1] + ": ";
-    board_.spendDeviceTime(kLoad, "insmod");
+    mBoard.spendDeviceTime(kLoad, "insmod");
     if (const char* refusal = refusalOf(argv[1])) return failure(start + refusal);
-    if (loaded_) return failure(start + "File exists");
+    if (mLoaded) return failure(start + "File exists");
     setLoaded(true);
     return {};
 }
 
 ProgramResult Network::rmmod(const Words& argv) {
     if (argv.size() != 2) return failure("usage: rmmod MODULE");
-    board_.spendDeviceTime(kUnload, "rmmod");
-    if (argv[1] != kModule || !loaded_) {
+    mBoard.spendDeviceTime(kUnload, "rmmod");
+    if (argv[1] != kModule || !mLoaded) {
         return failure("rmmod: failed to unload " + argv[1] + ": No such file or directory");
     }
     setLoaded(false);
@@ -73,24 +73,24 @@ ProgramResult Network::ifconfig(const Words& argv) {
 }
 
 bool Network::configure(const std::string& address, const std::string& netmask) {
-    if (!loaded_) return false;
-    eth1_ = {address, netmask, true};
+    if (!mLoaded) return false;
+    mEth1 = {address, netmask, true};
     return true;
 }
 
 bool Network::isDriverLoaded() const {
     Guard guard(boardLock());
-    return loaded_;
+    return mLoaded;
 }
 
 Network::Interface Network::eth1() const {
     Guard guard(boardLock());
-    return eth1_;
+    return mEth1;
 }
 
 int Network::driverLoads() const {
     Guard guard(boardLock());
-    return loads_;
+    return mLoads;
 }
 
 }  // namespace quil::board

@@ -49,11 +49,11 @@ class Network {
 
     const char* refusalOf(const std::string& modulePath) const;
 
-    BoardServices& board_;
-    Phy& phy_;
-    bool loaded_ = false;
-    int loads_ = 0;
-    Interface eth1_;
+    BoardServices& mBoard;
+    Phy& mPhy;
+    bool mLoaded = false;
+    int mLoads = 0;
+    Interface mEth1;
 };
 
 }  // namespace quil::board

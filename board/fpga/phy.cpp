@@ -24,40 +24,40 @@ std::optional<uint32_t> numberOf(const std::string& word, uint32_t highest) {
 }  // namespace
 
 Phy::Phy(BoardServices& board, GpioLine& resetLine, Sysfs& sysfs)
-    : board_(board), resetLine_(resetLine), sysfs_(sysfs) {
-    resetLine_.onEdge([this](int level) { resetLineChanged(level); });
+    : mBoard(board), mResetLine(resetLine), mSysfs(sysfs) {
+    mResetLine.onEdge([this](int level) { resetLineChanged(level); });
 }
 
 Phy::~Phy() = default;
 
 void Phy::resetLineChanged(int level) {
-    setUpAt_.reset();
-    registers_.clear();
-    page_ = 0;
+    mSetUpAt.reset();
+    mRegisters.clear();
+    mPage = 0;
     if (level != 0) {
-        ++resets_;
-        startsAt_ = now() + kStartUp;
-    } else if (onReset_) {
-        onReset_();
+        ++mResets;
+        mStartsAt = now() + kStartUp;
+    } else if (mOnReset) {
+        mOnReset();
     }
 }
 
 void Phy::driverLoaded() {
-    driver_ = true;
-    sysfs_.add(kPhyRegisters, {[this] {
+    mDriver = true;
+    mSysfs.add(kPhyRegisters, {[this] {
                                    char text[32];
-                                   snprintf(text, sizeof text, "0x%x = 0x%x\n", lastRegister_,
-                                            lastValue_);
+                                   snprintf(text, sizeof text, "0x%x = 0x%x\n", mLastRegister,
+                                            mLastValue);
                                    return std::string(text);
                                },
                                [this](std::string_view text) { return store(text); }});
-    sysfs_.add(kPhyStatus, {[this] { return statusText(); }, nullptr});
+    mSysfs.add(kPhyStatus, {[this] { return statusText(); }, nullptr});
 }
 
 void Phy::driverUnloaded() {
-    driver_ = false;
-    sysfs_.remove(kPhyRegisters);
-    sysfs_.remove(kPhyStatus);
+    mDriver = false;
+    mSysfs.remove(kPhyRegisters);
+    mSysfs.remove(kPhyStatus);
 }
 
 int Phy::store(std::string_view text) {
@@ -77,63 +77,63 @@ int Phy::store(std::string_view text) {
         return EIO;
     }
     if (isWrite) return writeRegister(*number, *value);
-    lastRegister_ = static_cast<uint16_t>(*number);
-    lastValue_ = registerAt(page_, static_cast<uint8_t>(*number));
+    mLastRegister = static_cast<uint16_t>(*number);
+    mLastValue = registerAt(mPage, static_cast<uint8_t>(*number));
     return 0;
 }
 
 int Phy::writeRegister(uint32_t number, uint32_t value) {
     const auto word = static_cast<uint16_t>(value);
     if (number == kPageRegister) {
-        page_ = word;
+        mPage = word;
         return 0;
     }
-    registers_[uint32_t{page_} << 8 | number] = word;
-    if (page_ == kSetUpPage && number == kSetUpRegister) {
-        setUpAt_ = word == kSetUp ? std::optional(now()) : std::nullopt;
+    mRegisters[uint32_t{mPage} << 8 | number] = word;
+    if (mPage == kSetUpPage && number == kSetUpRegister) {
+        mSetUpAt = word == kSetUp ? std::optional(now()) : std::nullopt;
     }
     return 0;
 }
 
-bool Phy::mayBeAccessed() const { return resetLine_.level() != 0 && now() >= startsAt_; }
+bool Phy::mayBeAccessed() const { return mResetLine.level() != 0 && now() >= mStartsAt; }
 
 std::string Phy::statusText() const {
-    if (!fixedText_.empty()) return fixedText_;
+    if (!mFixedText.empty()) return mFixedText;
     return isLinkUp() ? kLinkUp : kLinkDown;
 }
 
 bool Phy::isLinkUp() const {
     Guard guard(boardLock());
-    const bool dead = deadResets_ < 0 || (deadResets_ > 0 && resets_ <= deadResets_);
-    return cable_ && driver_ && !dead && setUpAt_ && now() - *setUpAt_ >= kLinkTraining;
+    const bool dead = mDeadResets < 0 || (mDeadResets > 0 && mResets <= mDeadResets);
+    return mCable && mDriver && !dead && mSetUpAt && now() - *mSetUpAt >= kLinkTraining;
 }
 
 uint16_t Phy::registerAt(uint16_t page, uint8_t number) const {
     Guard guard(boardLock());
-    if (number == kPageRegister) return page_;
-    const auto found = registers_.find(uint32_t{page} << 8 | number);
-    return found == registers_.end() ? uint16_t{0} : found->second;
+    if (number == kPageRegister) return mPage;
+    const auto found = mRegisters.find(uint32_t{page} << 8 | number);
+    return found == mRegisters.end() ? uint16_t{0} : found->second;
 }
 
 int Phy::resets() const {
     Guard guard(boardLock());
-    return resets_;
+    return mResets;
 }
 
 void Phy::setCable(bool plugged) {
     Guard guard(boardLock());
-    cable_ = plugged;
+    mCable = plugged;
 }
 
 void Phy::setDeadResets(int count) {
     Guard guard(boardLock());
-    resets_ = 0;
-    deadResets_ = count;
+    mResets = 0;
+    mDeadResets = count;
 }
 
 void Phy::setStatusText(std::string text) {
     Guard guard(boardLock());
-    fixedText_ = std::move(text);
+    mFixedText = std::move(text);
 }
 
 }  // namespace quil::board

@@ -51,7 +51,7 @@ class Phy {
     // For the board's other parts: the driver's files exist while it is loaded.
     void driverLoaded();
     void driverUnloaded();
-    void onReset(std::function<void()> listener) { onReset_ = std::move(listener); }
+    void onReset(std::function<void()> listener) { mOnReset = std::move(listener); }
 
   private:
     void resetLineChanged(int level);
@@ -60,20 +60,20 @@ class Phy {
     bool mayBeAccessed() const;
     std::string statusText() const;
 
-    void violation(const std::string& text) { board_.violation("phy", text); }
-    Nanos now() const { return board_.scheduler.now(); }
+    void violation(const std::string& text) { mBoard.violation("phy", text); }
+    Nanos now() const { return mBoard.scheduler.now(); }
 
-    BoardServices& board_;
-    GpioLine& resetLine_;
-    Sysfs& sysfs_;
-    std::function<void()> onReset_;
-    bool cable_ = true, driver_ = false;
-    int deadResets_ = 0, resets_ = 0;
-    std::string fixedText_;
-    Nanos startsAt_{0};
-    std::optional<Nanos> setUpAt_;
-    uint16_t page_ = 0, lastRegister_ = 0, lastValue_ = 0;
-    std::map<uint32_t, uint16_t> registers_;  // page << 8 | number
+    BoardServices& mBoard;
+    GpioLine& mResetLine;
+    Sysfs& mSysfs;
+    std::function<void()> mOnReset;
+    bool mCable = true, mDriver = false;
+    int mDeadResets = 0, mResets = 0;
+    std::string mFixedText;
+    Nanos mStartsAt{0};
+    std::optional<Nanos> mSetUpAt;
+    uint16_t mPage = 0, mLastRegister = 0, mLastValue = 0;
+    std::map<uint32_t, uint16_t> mRegisters;  // page << 8 | number
 };
 
 }  // namespace quil::board

@@ -21,10 +21,10 @@ std::string hexNumber(uint32_t number) {
 
 }  // namespace
 
-SerialFlash::SerialFlash(BoardServices& board) : board_(board) {
-    const std::string content = board_.store->read(kFile).value_or("");
+SerialFlash::SerialFlash(BoardServices& board) : mBoard(board) {
+    const std::string content = mBoard.store->read(kFile).value_or("");
     const size_t size = std::min<size_t>(content.size(), kSize);
-    cells_.assign(content.begin(), content.begin() + static_cast<ptrdiff_t>(size));
+    mCells.assign(content.begin(), content.begin() + static_cast<ptrdiff_t>(size));
     trim();
 }
 
@@ -32,37 +32,37 @@ SerialFlash::~SerialFlash() = default;
 
 // The fault of this step; nothing if it succeeds.
 std::optional<Fault> SerialFlash::faultOf(Call call) {
-    if (board_.power.isCut()) return Fault{.call = call, .error = EIO};
-    return board_.faults.take(call, kFlashDevice);
+    if (mBoard.power.isCut()) return Fault{.call = call, .error = EIO};
+    return mBoard.faults.take(call, kFlashDevice);
 }
 
 // Where power is cut, if it is cut at this event.
 std::optional<CutPosition> SerialFlash::note(const std::string& text) {
-    return board_.trace.add(EventKind::kFlash, kFlashDevice, text);
+    return mBoard.trace.add(EventKind::kFlash, kFlashDevice, text);
 }
 
 size_t SerialFlash::tornBytes(size_t size) const {
-    return 1 + tornAt(board_.trace.count(), size - 2);
+    return 1 + tornAt(mBoard.trace.count(), size - 2);
 }
 
 std::vector<uint8_t> SerialFlash::read(uint32_t offset, size_t length) const {
     Guard guard(boardLock());
     const size_t end = std::min<size_t>(kSize, offset + length);
     std::vector<uint8_t> cells(end > offset ? end - offset : 0, kErased);
-    const size_t kept = std::min(end, cells_.size());
-    if (kept > offset) std::copy_n(cells_.begin() + offset, kept - offset, cells.begin());
+    const size_t kept = std::min(end, mCells.size());
+    if (kept > offset) std::copy_n(mCells.begin() + offset, kept - offset, cells.begin());
     return cells;
 }
 
 uint32_t SerialFlash::usedSize() const {
     Guard guard(boardLock());
-    return static_cast<uint32_t>(cells_.size());
+    return static_cast<uint32_t>(mCells.size());
 }
 
 void SerialFlash::preload(std::string_view content) {
     Guard guard(boardLock());
-    cells_.assign(content.begin(), content.end());
-    cells_.resize(std::min<size_t>(cells_.size(), kSize));
+    mCells.assign(content.begin(), content.end());
+    mCells.resize(std::min<size_t>(mCells.size(), kSize));
     trim();
     save();
 }
@@ -70,8 +70,8 @@ void SerialFlash::preload(std::string_view content) {
 void SerialFlash::damage(uint32_t offset, uint8_t bits) {
     Guard guard(boardLock());
     if (offset >= kSize) return;
-    if (offset >= cells_.size()) cells_.resize(offset + 1, kErased);
-    cells_[offset] ^= bits;
+    if (offset >= mCells.size()) mCells.resize(offset + 1, kErased);
+    mCells[offset] ^= bits;
     trim();
     save();
 }
@@ -86,11 +86,11 @@ int SerialFlash::erase(uint32_t offset, uint32_t length) {
         save();
         return EIO;
     }
-    if (listener_) listener_();
+    if (mListener) mListener();
     int error = 0;
     for (uint32_t at = offset; at < offset + length && error == 0; at += kSector) {
         const auto fault = faultOf(Call::kFlashErase);
-        board_.spendDeviceTime(kSectorErase, "flash erase");
+        mBoard.spendDeviceTime(kSectorErase, "flash erase");
         if (!fault) eraseCells(at, kSector);
         if (fault) error = fault->error;
     }
@@ -109,13 +109,13 @@ int SerialFlash::program(uint32_t offset, std::span<const uint8_t> data) {
         save();
         return EIO;
     }
-    if (listener_) listener_();
+    if (mListener) mListener();
     int error = 0;
     for (size_t done = 0; done < data.size() && error == 0;) {
         const auto at = static_cast<uint32_t>(offset + done);
         const size_t part = std::min<size_t>(kPage - at % kPage, data.size() - done);
         const auto fault = faultOf(Call::kFlashProgram);
-        board_.spendDeviceTime(kPageProgram, "flash program");
+        mBoard.spendDeviceTime(kPageProgram, "flash program");
         if (!fault) programCells(at, data.subspan(done, part));
         if (fault) error = fault->error;
         done += part;
@@ -126,29 +126,29 @@ int SerialFlash::program(uint32_t offset, std::span<const uint8_t> data) {
 }
 
 void SerialFlash::eraseCells(uint32_t offset, uint32_t length) {
-    if (offset >= cells_.size()) return;
-    const size_t end = std::min<size_t>(cells_.size(), size_t{offset} + length);
-    std::fill(cells_.begin() + offset, cells_.begin() + static_cast<ptrdiff_t>(end), kErased);
+    if (offset >= mCells.size()) return;
+    const size_t end = std::min<size_t>(mCells.size(), size_t{offset} + length);
+    std::fill(mCells.begin() + offset, mCells.begin() + static_cast<ptrdiff_t>(end), kErased);
     trim();
 }
 
 void SerialFlash::programCells(uint32_t offset, std::span<const uint8_t> data) {
-    if (cells_.size() < offset + data.size()) cells_.resize(offset + data.size(), kErased);
+    if (mCells.size() < offset + data.size()) mCells.resize(offset + data.size(), kErased);
     bool wasErased = true;
     for (size_t i = 0; i < data.size(); ++i) {
-        uint8_t& cell = cells_[offset + i];
+        uint8_t& cell = mCells[offset + i];
         wasErased = wasErased && cell == kErased;
         cell &= data[i];
     }
     if (!wasErased) {
-        board_.violation(kFlashDevice, "page " + hexNumber(offset) + " is not erased");
+        mBoard.violation(kFlashDevice, "page " + hexNumber(offset) + " is not erased");
     }
 }
 
 void SerialFlash::trim() {
-    while (!cells_.empty() && cells_.back() == kErased) cells_.pop_back();
+    while (!mCells.empty() && mCells.back() == kErased) mCells.pop_back();
 }
 
-void SerialFlash::save() const { board_.store->replace(kFile, textOf(cells_)); }
+void SerialFlash::save() const { mBoard.store->replace(kFile, textOf(mCells)); }
 
 }  // namespace quil::board

@@ -49,7 +49,7 @@ class SerialFlash {
     int program(uint32_t offset, std::span<const uint8_t> data);
 
     // Called before each erase and programming, to check that the host may use the flash.
-    void onUse(std::function<void()> listener) { listener_ = std::move(listener); }
+    void onUse(std::function<void()> listener) { mListener = std::move(listener); }
 
   private:
     void eraseCells(uint32_t offset, uint32_t length);
@@ -62,9 +62,9 @@ class SerialFlash {
     // Of an operation of `size` bytes: more than none and less than all.
     size_t tornBytes(size_t size) const;
 
-    BoardServices& board_;
-    std::vector<uint8_t> cells_;  // the cells behind its end are 0xFF
-    std::function<void()> listener_;
+    BoardServices& mBoard;
+    std::vector<uint8_t> mCells;  // the cells behind its end are 0xFF
+    std::function<void()> mListener;
 };
 
 }  // namespace quil::board

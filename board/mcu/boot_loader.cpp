@@ -8,16 +8,16 @@ namespace quil::board {
 
 void LoaderFaults::add(const LoaderFault& fault) {
     Guard guard(boardLock());
-    faults_.push_back(fault);
+    mFaults.push_back(fault);
 }
 
 void LoaderFaults::clear() {
     Guard guard(boardLock());
-    faults_.clear();
+    mFaults.clear();
 }
 
 std::optional<LoaderFault> LoaderFaults::take(uint8_t command, LoaderStep step) {
-    for (LoaderFault& fault : faults_) {
+    for (LoaderFault& fault : mFaults) {
         if (fault.times == 0 || (fault.step && *fault.step != step)) continue;
         if (fault.command && (step == LoaderStep::kSync || *fault.command != command)) continue;
         if (fault.after > 0) {

@@ -64,7 +64,7 @@ class LoaderFaults {
     std::optional<LoaderFault> take(uint8_t command, LoaderStep);
 
   private:
-    std::vector<LoaderFault> faults_;
+    std::vector<LoaderFault> mFaults;
 };
 
 const char* nameOf(LoaderStep);

@@ -64,28 +64,28 @@ std::string describe(const char* what, const std::vector<uint8_t>& frame) {
 }  // namespace
 
 McuApplication::McuApplication(BoardServices& board, Uart& uart, int baud)
-    : board_(board), uart_(uart) {
-    line_.baud = baud;
+    : mBoard(board), mUart(uart) {
+    mLine.baud = baud;
     load();
 }
 
 McuApplication::~McuApplication() = default;
 
 void McuApplication::start(std::string partName, std::string version) {
-    partName_ = std::move(partName);
-    version_ = std::move(version);
-    running_ = true;
-    ++epoch_;
+    mPartName = std::move(partName);
+    mVersion = std::move(version);
+    mRunning = true;
+    ++mEpoch;
 }
 
 void McuApplication::stop() {
-    running_ = inNoise_ = false;
-    frame_.clear();
-    ++epoch_;
+    mRunning = mInNoise = false;
+    mFrame.clear();
+    ++mEpoch;
 }
 
 void McuApplication::load() {
-    std::istringstream lines(board_.store->read(kValuesFile).value_or(""));
+    std::istringstream lines(mBoard.store->read(kValuesFile).value_or(""));
     for (std::string line; std::getline(lines, line);) {
         const size_t equals = line.find('=');
         if (equals == std::string::npos) continue;
@@ -93,50 +93,50 @@ void McuApplication::load() {
         std::istringstream text(line.substr(equals + 1));
         for (unsigned byte = 0; text >> std::hex >> byte;)
             bytes.push_back(static_cast<uint8_t>(byte));
-        values_[static_cast<uint32_t>(strtoul(line.c_str(), nullptr, 16))] = bytes;
+        mValues[static_cast<uint32_t>(strtoul(line.c_str(), nullptr, 16))] = bytes;
     }
 }
 
 void McuApplication::saveValues() const {
     std::string text;
     char key[16];
-    for (const auto& [cmd, bytes] : values_) {
+    for (const auto& [cmd, bytes] : mValues) {
         snprintf(key, sizeof key, "0x%08x = ", cmd);
         text += key + hexOf(bytes) + "\n";
     }
-    board_.store->replace(kValuesFile, text);
+    mBoard.store->replace(kValuesFile, text);
 }
 
 void McuApplication::receive(uint8_t byte) {
-    const Nanos now = board_.scheduler.now();
-    if (!frame_.empty() && now - lastByte_ > kLongestGap) startOver("a frame broke off");
-    lastByte_ = now;
-    const uint8_t expected = frame_.empty() ? wire::kMagic0 : wire::kMagic1;
-    if (frame_.size() < 2 && byte != expected) {
-        frame_.clear();
+    const Nanos now = mBoard.scheduler.now();
+    if (!mFrame.empty() && now - mLastByte > kLongestGap) startOver("a frame broke off");
+    mLastByte = now;
+    const uint8_t expected = mFrame.empty() ? wire::kMagic0 : wire::kMagic1;
+    if (mFrame.size() < 2 && byte != expected) {
+        mFrame.clear();
         if (byte != wire::kMagic0) {
-            if (!inNoise_) startOver("bytes that start no frame");
-            inNoise_ = true;
+            if (!mInNoise) startOver("bytes that start no frame");
+            mInNoise = true;
             return;
         }
     }
-    frame_.push_back(byte);
-    if (frame_.size() == wire::kHeaderEnd) checkHeader();
-    if (frame_.size() < wire::kHeaderEnd) return;
-    if (frame_.size() == wire::kHeaderEnd + little16(frame_, wire::kLengthAt)) checkFrame();
+    mFrame.push_back(byte);
+    if (mFrame.size() == wire::kHeaderEnd) checkHeader();
+    if (mFrame.size() < wire::kHeaderEnd) return;
+    if (mFrame.size() == wire::kHeaderEnd + little16(mFrame, wire::kLengthAt)) checkFrame();
 }
 
 void McuApplication::startOver(const std::string& why) {
-    board_.violation("mcu", why);
-    ++badFrames_;
-    frame_.clear();
+    mBoard.violation("mcu", why);
+    ++mBadFrames;
+    mFrame.clear();
 }
 
 void McuApplication::checkHeader() {
-    inNoise_ = false;
-    const uint16_t length = little16(frame_, wire::kLengthAt);
-    if (little16(frame_, 2) != 0) return startOver("reserved word is not 0");
-    if (little16(frame_, wire::kFixedAt) != 0x0100) return startOver("fixed word is not 0x0100");
+    mInNoise = false;
+    const uint16_t length = little16(mFrame, wire::kLengthAt);
+    if (little16(mFrame, 2) != 0) return startOver("reserved word is not 0");
+    if (little16(mFrame, wire::kFixedAt) != 0x0100) return startOver("fixed word is not 0x0100");
     if (length < wire::kLengthOverPayload ||
         length > wire::kLengthOverPayload + wire::kPayloadMax) {
         return startOver("length " + std::to_string(length) + " is out of range");
@@ -144,128 +144,128 @@ void McuApplication::checkHeader() {
 }
 
 void McuApplication::checkFrame() {
-    const size_t body = frame_.size() - 2;
-    const uint8_t flags = frame_[wire::kFlagsAt];
-    if (little16(frame_, body) != sumOf(frame_, body)) return startOver("checksum is wrong");
+    const size_t body = mFrame.size() - 2;
+    const uint8_t flags = mFrame[wire::kFlagsAt];
+    if (little16(mFrame, body) != sumOf(mFrame, body)) return startOver("checksum is wrong");
     if ((flags & wire::kTypeMask) != wire::kRequest) return startOver("frame is no request");
     if ((flags & wire::kUnused) != 0) return startOver("unused flag bits are set");
-    if (frame_[wire::kReservedAt] != 0) return startOver("reserved byte is not 0");
-    if (little32(frame_, wire::kScopeAt) != 0 && !isUpdatersQuery(frame_)) {
+    if (mFrame[wire::kReservedAt] != 0) return startOver("reserved byte is not 0");
+    if (little32(mFrame, wire::kScopeAt) != 0 && !isUpdatersQuery(mFrame)) {
         return startOver("word after the command is not 0");
     }
     accept();
 }
 
 void McuApplication::accept() {
-    const std::vector<uint8_t> frame = std::exchange(frame_, {});
-    Request request{board_.scheduler.now(),
+    const std::vector<uint8_t> frame = std::exchange(mFrame, {});
+    Request request{mBoard.scheduler.now(),
                     little16(frame, wire::kLabelAt),
                     frame[wire::kFlagsAt],
                     (frame[wire::kFlagsAt] & wire::kWrite) != 0,
                     little32(frame, wire::kCommandAt),
                     {frame.begin() + wire::kPayloadAt, frame.end() - 2},
                     frame};
-    if (board_.trace.recording()) {
-        board_.trace.add(EventKind::kFrame, "mcu", describe("request", frame), frame);
-        requests_.push_back(request);
-        framesSeen_.push_back(frame);
+    if (mBoard.trace.recording()) {
+        mBoard.trace.add(EventKind::kFrame, "mcu", describe("request", frame), frame);
+        mRequests.push_back(request);
+        mFramesSeen.push_back(frame);
     }
-    if (!board_.power.isOn()) return;
+    if (!mBoard.power.isOn()) return;
     answer(request);
 }
 
 std::vector<uint8_t> McuApplication::answerTo(const Request& request) {
     if (request.isWrite) {
-        const auto [kept, isNew] = values_.try_emplace(request.cmd);
+        const auto [kept, isNew] = mValues.try_emplace(request.cmd);
         if (isNew || kept->second != request.payload) {
             kept->second = request.payload;
             saveValues();
         }
     }
-    if (const auto fixed = fixedAnswers_.find(request.cmd); fixed != fixedAnswers_.end()) {
+    if (const auto fixed = mFixedAnswers.find(request.cmd); fixed != mFixedAnswers.end()) {
         return fixed->second;
     }
     if (request.isWrite) return {0x00};
     if (isUpdatersQuery(request.frame)) return identification();
-    if (request.cmd == kVersionCommand) return {version_.begin(), version_.end()};
-    const auto kept = values_.find(request.cmd);
-    return kept == values_.end() ? std::vector<uint8_t>(4) : kept->second;
+    if (request.cmd == kVersionCommand) return {mVersion.begin(), mVersion.end()};
+    const auto kept = mValues.find(request.cmd);
+    return kept == mValues.end() ? std::vector<uint8_t>(4) : kept->second;
 }
 
 std::vector<uint8_t> McuApplication::identification() const {
-    std::string text = partName_;
+    std::string text = mPartName;
     text.resize(kIdentificationPart);
-    text += version_;
+    text += mVersion;
     text.resize(kIdentificationPart + kIdentificationVersion);
     return {text.begin(), text.end()};
 }
 
 void McuApplication::answer(const Request& request) {
     const std::vector<uint8_t> payload = answerTo(request);
-    if (silent_) return;
+    if (mSilent) return;
     const auto headerEnd = request.frame.begin() + wire::kPayloadAt;
     auto frame =
         buildAnswer({request.frame.begin(), headerEnd}, request.cmd, request.isWrite, payload);
-    board_.scheduler.at(board_.scheduler.now() + kAnswerDelay,
-                        [this, epoch = epoch_, frame = std::move(frame)] {
-                            if (epoch == epoch_) send(frame);
+    mBoard.scheduler.at(mBoard.scheduler.now() + kAnswerDelay,
+                        [this, epoch = mEpoch, frame = std::move(frame)] {
+                            if (epoch == mEpoch) send(frame);
                         });
 }
 
 void McuApplication::send(std::vector<uint8_t> frame) {
-    board_.trace.add(EventKind::kFrame, "mcu", describe("answer", frame), frame);
-    if (corrupt_) frame[frame.size() - 2] ^= 0x01;
-    uart_.sendToHost(noiseBefore_);
-    uart_.sendToHost(frame);
-    uart_.sendToHost(noiseAfter_);
+    mBoard.trace.add(EventKind::kFrame, "mcu", describe("answer", frame), frame);
+    if (mCorrupt) frame[frame.size() - 2] ^= 0x01;
+    mUart.sendToHost(mNoiseBefore);
+    mUart.sendToHost(frame);
+    mUart.sendToHost(mNoiseAfter);
 }
 
 std::vector<McuApplication::Request> McuApplication::requests() const {
     Guard guard(boardLock());
-    return requests_;
+    return mRequests;
 }
 
 std::vector<std::vector<uint8_t>> McuApplication::framesSeen() const {
     Guard guard(boardLock());
-    return framesSeen_;
+    return mFramesSeen;
 }
 
 size_t McuApplication::badFrames() const {
     Guard guard(boardLock());
-    return badFrames_;
+    return mBadFrames;
 }
 
 void McuApplication::setSilent(bool silent) {
     Guard guard(boardLock());
-    silent_ = silent;
+    mSilent = silent;
 }
 
 void McuApplication::setNoise(std::vector<uint8_t> before, std::vector<uint8_t> after) {
     Guard guard(boardLock());
-    noiseBefore_ = std::move(before);
-    noiseAfter_ = std::move(after);
+    mNoiseBefore = std::move(before);
+    mNoiseAfter = std::move(after);
 }
 
 void McuApplication::setCorruptAnswers(bool corrupt) {
     Guard guard(boardLock());
-    corrupt_ = corrupt;
+    mCorrupt = corrupt;
 }
 
 void McuApplication::setAnswer(uint32_t cmd, std::vector<uint8_t> payload) {
     Guard guard(boardLock());
-    fixedAnswers_[cmd] = std::move(payload);
+    mFixedAnswers[cmd] = std::move(payload);
 }
 
 void McuApplication::setLine(LineSettings line) {
     Guard guard(boardLock());
-    line_ = line;
+    mLine = line;
 }
 
 void McuApplication::sendUnsolicited(const std::vector<uint8_t>& payload, uint32_t cmd) {
     Guard guard(boardLock());
-    if (running_) send(buildAnswer({}, cmd, false, payload));
+    if (mRunning) send(buildAnswer({}, cmd, false, payload));
 }
 
-LineSettings McuApplication::lineSettings() const { return line_; }
+LineSettings McuApplication::lineSettings() const { return mLine; }
 
 }  // namespace quil::board

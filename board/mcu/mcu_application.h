@@ -65,21 +65,21 @@ class McuApplication : public UartPeer {
     void load();
     void saveValues() const;
 
-    BoardServices& board_;
-    Uart& uart_;
-    LineSettings line_;
-    std::string partName_, version_;
-    bool running_ = false;
-    uint64_t epoch_ = 0;  // counts starts and stops
-    std::map<uint32_t, std::vector<uint8_t>> values_, fixedAnswers_;
-    std::vector<uint8_t> frame_;
-    bool inNoise_ = false;
-    Nanos lastByte_{0};
-    size_t badFrames_ = 0;
-    std::vector<Request> requests_;
-    std::vector<std::vector<uint8_t>> framesSeen_;
-    bool silent_ = false, corrupt_ = false;
-    std::vector<uint8_t> noiseBefore_, noiseAfter_;
+    BoardServices& mBoard;
+    Uart& mUart;
+    LineSettings mLine;
+    std::string mPartName, mVersion;
+    bool mRunning = false;
+    uint64_t mEpoch = 0;  // counts starts and stops
+    std::map<uint32_t, std::vector<uint8_t>> mValues, mFixedAnswers;
+    std::vector<uint8_t> mFrame;
+    bool mInNoise = false;
+    Nanos mLastByte{0};
+    size_t mBadFrames = 0;
+    std::vector<Request> mRequests;
+    std::vector<std::vector<uint8_t>> mFramesSeen;
+    bool mSilent = false, mCorrupt = false;
+    std::vector<uint8_t> mNoiseBefore, mNoiseAfter;
 };
 
 }  // namespace quil::board

@@ -29,36 +29,36 @@ const char* nameOf(McuChip::State state) {
 
 McuChip::McuChip(BoardServices& board, const McuPart& part, Uart& uart, GpioLines& gpio,
                  McuApplication& application)
-    : board_(board),
-      uart_(uart),
-      boot0_(gpio.at(kGpioBoot0)),
-      application_(application),
-      flash_(part, *board.store, kFlashFile),
-      loader_(makeBootLoader(flash_, *this, faults_)) {
+    : mBoard(board),
+      mUart(uart),
+      mBoot0(gpio.at(kGpioBoot0)),
+      mApplication(application),
+      mFlash(part, *board.store, kFlashFile),
+      mLoader(makeBootLoader(mFlash, *this, mFaults)) {
     gpio.at(kGpioNrst).onEdge([this](int level) { onReset(level); });
-    uart_.attach(this);
+    mUart.attach(this);
 }
 
-McuChip::~McuChip() { uart_.attach(nullptr); }
+McuChip::~McuChip() { mUart.attach(nullptr); }
 
 McuChip::State McuChip::state() const {
     Guard guard(boardLock());
-    return state_;
+    return mState;
 }
 
 std::string McuChip::version() const {
     Guard guard(boardLock());
-    return version_;
+    return mVersion;
 }
 
 std::vector<McuChip::Start> McuChip::starts() const {
     Guard guard(boardLock());
-    return starts_;
+    return mStarts;
 }
 
 void McuChip::flashImage(std::string_view image) {
     Guard guard(boardLock());
-    flash_.load(image);
+    mFlash.load(image);
 }
 
 // The part starts faster than the host: board time begins when it is up.
@@ -68,7 +68,7 @@ void McuChip::powerOn() {
 }
 
 void McuChip::powerLost() {
-    if (flash_.busy()) flash_.powerLost(static_cast<uint64_t>(now().count()));
+    if (mFlash.busy()) mFlash.powerLost(static_cast<uint64_t>(now().count()));
     halt(State::kInReset);
 }
 
@@ -77,72 +77,72 @@ void McuChip::onReset(int level) {
         powerLost();  // a reset interrupts a flash operation as a power cut does
         return;
     }
-    state_ = State::kStarting;
+    mState = State::kStarting;
     after(kStartTime, [this] { startFromReset(); });
 }
 
 void McuChip::halt(State state) {
-    ++epoch_;
-    application_.stop();
-    version_.clear();
-    state_ = state;
+    ++mEpoch;
+    mApplication.stop();
+    mVersion.clear();
+    mState = state;
 }
 
 void McuChip::startFromReset() {
-    if (boot0_.level() == 0) return startApplication();
-    state_ = State::kBootLoader;
-    starts_.push_back({now(), state_, ""});
+    if (mBoot0.level() == 0) return startApplication();
+    mState = State::kBootLoader;
+    mStarts.push_back({now(), mState, ""});
     note("the boot loader starts");
-    loader_->start();
+    mLoader->start();
 }
 
 void McuChip::startApplication() {
-    const McuImageCheck check = checkMcuImage(part(), flash_.cells());
-    state_ = check.problem.empty() ? State::kApplication : State::kNoImage;
-    version_ = check.version;
-    starts_.push_back({now(), state_, version_});
-    if (state_ == State::kNoImage) return note("no start: " + check.problem);
-    note("the application starts, " + version_);
-    application_.start(part().name, version_);
+    const McuImageCheck check = checkMcuImage(part(), mFlash.cells());
+    mState = check.problem.empty() ? State::kApplication : State::kNoImage;
+    mVersion = check.version;
+    mStarts.push_back({now(), mState, mVersion});
+    if (mState == State::kNoImage) return note("no start: " + check.problem);
+    note("the application starts, " + mVersion);
+    mApplication.start(part().name, mVersion);
 }
 
 void McuChip::receive(uint8_t byte) {
-    if (state_ == State::kBootLoader) loader_->receive(byte);
-    if (state_ == State::kApplication) application_.receive(byte);
+    if (mState == State::kBootLoader) mLoader->receive(byte);
+    if (mState == State::kApplication) mApplication.receive(byte);
 }
 
 LineSettings McuChip::lineSettings() const {
-    if (state_ == State::kBootLoader) return loader_->lineSettings();
-    if (state_ == State::kApplication) return application_.lineSettings();
-    return uart_.hostLine();
+    if (mState == State::kBootLoader) return mLoader->lineSettings();
+    if (mState == State::kApplication) return mApplication.lineSettings();
+    return mUart.hostLine();
 }
 
-Nanos McuChip::now() const { return board_.scheduler.now(); }
+Nanos McuChip::now() const { return mBoard.scheduler.now(); }
 
 void McuChip::after(Nanos delay, std::function<void()> action) {
-    board_.scheduler.at(now() + delay, [this, epoch = epoch_, action = std::move(action)] {
-        if (epoch == epoch_) action();
+    mBoard.scheduler.at(now() + delay, [this, epoch = mEpoch, action = std::move(action)] {
+        if (epoch == mEpoch) action();
     });
 }
 
-void McuChip::send(std::vector<uint8_t> bytes) { uart_.sendToHost(bytes); }
+void McuChip::send(std::vector<uint8_t> bytes) { mUart.sendToHost(bytes); }
 
-LineSettings McuChip::hostLine() const { return uart_.hostLine(); }
+LineSettings McuChip::hostLine() const { return mUart.hostLine(); }
 
 void McuChip::note(const std::string& text) {
-    board_.trace.add(EventKind::kMcu, part().name, text);
+    mBoard.trace.add(EventKind::kMcu, part().name, text);
 }
 
-void McuChip::violation(const std::string& text) { board_.violation(part().name, text); }
+void McuChip::violation(const std::string& text) { mBoard.violation(part().name, text); }
 
 void McuChip::operate(const std::string& what, std::function<Nanos(McuFlash&)> start,
                       std::function<void(const std::string&)> done) {
-    const auto cut = board_.trace.add(EventKind::kFlash, part().name, what);
+    const auto cut = mBoard.trace.add(EventKind::kFlash, part().name, what);
     if (cut == CutPosition::kBefore) return;
-    const Nanos takes = start(flash_);
-    if (cut == CutPosition::kInside) flash_.powerLost(board_.trace.count());
-    if (cut == CutPosition::kAfter) flash_.finish();
-    if (!cut) after(takes, [this, done = std::move(done)] { done(flash_.finish()); });
+    const Nanos takes = start(mFlash);
+    if (cut == CutPosition::kInside) mFlash.powerLost(mBoard.trace.count());
+    if (cut == CutPosition::kAfter) mFlash.finish();
+    if (!cut) after(takes, [this, done = std::move(done)] { done(mFlash.finish()); });
 }
 
 void McuChip::resetBySoftware() {

@@ -31,12 +31,12 @@ class McuChip : public UartPeer, private McuSurroundings {
     McuChip(const McuChip&) = delete;
     McuChip& operator=(const McuChip&) = delete;
 
-    const McuPart& part() const { return flash_.part(); }
+    const McuPart& part() const { return mFlash.part(); }
     State state() const;
     std::string version() const;        // of the running application, else ""
     std::vector<Start> starts() const;  // since power-on
-    LoaderFaults& loaderFaults() { return faults_; }
-    McuFlash& flash() { return flash_; }
+    LoaderFaults& loaderFaults() { return mFaults; }
+    McuFlash& flash() { return mFlash; }
     // Puts an image into the flash at once, without the boot loader; takes effect at the next
     // start.
     void flashImage(std::string_view image);
@@ -64,17 +64,17 @@ class McuChip : public UartPeer, private McuSurroundings {
     void startFromReset();
     void startApplication();
 
-    BoardServices& board_;
-    Uart& uart_;
-    GpioLine& boot0_;
-    McuApplication& application_;
-    McuFlash flash_;
-    LoaderFaults faults_;
-    const std::unique_ptr<BootLoader> loader_;
-    State state_ = State::kInReset;
-    std::string version_;
-    std::vector<Start> starts_;
-    uint64_t epoch_ = 0;  // counts resets
+    BoardServices& mBoard;
+    Uart& mUart;
+    GpioLine& mBoot0;
+    McuApplication& mApplication;
+    McuFlash mFlash;
+    LoaderFaults mFaults;
+    const std::unique_ptr<BootLoader> mLoader;
+    State mState = State::kInReset;
+    std::string mVersion;
+    std::vector<Start> mStarts;
+    uint64_t mEpoch = 0;  // counts resets
 };
 
 const char* nameOf(McuChip::State);

@@ -24,12 +24,12 @@ std::string hexAddress(uint32_t offset) {
 }  // namespace
 
 McuFlash::McuFlash(const McuPart& part, Store& store, std::string file)
-    : part_(part), store_(store), file_(std::move(file)), optionsFile_(optionsBeside(file_)) {
-    std::string kept = store_.read(file_).value_or("");
+    : mPart(part), mStore(store), mFile(std::move(file)), mOptionsFile(optionsBeside(mFile)) {
+    std::string kept = mStore.read(mFile).value_or("");
     kept.resize(std::min<size_t>(kept.size(), part.flashSize()));
-    cells_.assign(part.flashSize(), 0xFF);
-    std::copy(kept.begin(), kept.end(), cells_.begin());
-    used_ = kept.size();
+    mCells.assign(part.flashSize(), 0xFF);
+    std::copy(kept.begin(), kept.end(), mCells.begin());
+    mUsed = kept.size();
     loadOptions();
 }
 
@@ -42,83 +42,83 @@ McuFlash::~McuFlash() {
 }
 
 void McuFlash::loadOptions() {
-    std::istringstream lines(store_.read(optionsFile_).value_or(""));
+    std::istringstream lines(mStore.read(mOptionsFile).value_or(""));
     for (std::string name, equals; lines >> name >> equals;) {
-        if (name == "readout_protected") lines >> readoutProtected_;
+        if (name == "readout_protected") lines >> mReadoutProtected;
         uint32_t page = 0;
-        if (name == "write_protected" && lines >> page) writeProtected_.insert(page);
+        if (name == "write_protected" && lines >> page) mWriteProtected.insert(page);
     }
 }
 
 // The file ends with the last programmed cell.
 void McuFlash::save() {
-    if (std::exchange(changed_, false)) {
-        while (used_ > 0 && cells_[used_ - 1] == 0xFF) --used_;
-        store_.replace(file_, textOf(cells()).substr(0, used_));
+    if (std::exchange(mChanged, false)) {
+        while (mUsed > 0 && mCells[mUsed - 1] == 0xFF) --mUsed;
+        mStore.replace(mFile, textOf(cells()).substr(0, mUsed));
     }
-    if (!std::exchange(optionsChanged_, false)) return;
-    std::string text = "readout_protected = " + std::to_string(readoutProtected_) + "\n";
-    for (const uint32_t page : writeProtected_) {
+    if (!std::exchange(mOptionsChanged, false)) return;
+    std::string text = "readout_protected = " + std::to_string(mReadoutProtected) + "\n";
+    for (const uint32_t page : mWriteProtected) {
         text += "write_protected = " + std::to_string(page) + "\n";
     }
-    store_.replace(optionsFile_, text);
+    mStore.replace(mOptionsFile, text);
 }
 
 McuFlash::Page McuFlash::page(uint32_t number) const {
-    const auto& [first, second] = part_.regions;
+    const auto& [first, second] = mPart.regions;
     if (number < first.pages) return {number * first.pageSize, first.pageSize};
-    if (number >= part_.pageCount()) throw std::out_of_range("no such flash page");
+    if (number >= mPart.pageCount()) throw std::out_of_range("no such flash page");
     return {first.pages * first.pageSize + (number - first.pages) * second.pageSize,
             second.pageSize};
 }
 
 uint32_t McuFlash::pageAt(uint32_t offset) const {
-    const auto& [first, second] = part_.regions;
+    const auto& [first, second] = mPart.regions;
     const uint32_t border = first.pages * first.pageSize;
     return offset < border ? offset / first.pageSize
                            : first.pages + (offset - border) / second.pageSize;
 }
 
 void McuFlash::load(std::string_view image) {
-    if (image.size() > cells_.size()) throw std::invalid_argument("more than the flash holds");
-    std::fill(std::copy(image.begin(), image.end(), cells_.begin()), cells_.end(), 0xFF);
-    used_ = image.size();
-    changed_ = true;
+    if (image.size() > mCells.size()) throw std::invalid_argument("more than the flash holds");
+    std::fill(std::copy(image.begin(), image.end(), mCells.begin()), mCells.end(), 0xFF);
+    mUsed = image.size();
+    mChanged = true;
 }
 
 void McuFlash::setReadoutProtected(bool on) {
-    readoutProtected_ = on;
-    optionsChanged_ = true;
+    mReadoutProtected = on;
+    mOptionsChanged = true;
 }
 
 void McuFlash::setWriteProtected(std::set<uint32_t> pages) {
-    writeProtected_ = std::move(pages);
-    optionsChanged_ = true;
+    mWriteProtected = std::move(pages);
+    mOptionsChanged = true;
 }
 
 Nanos McuFlash::startErase(const std::vector<uint32_t>& pages) {
-    operation_ = {Operation::kErase, pages};
-    return part_.eraseTime * static_cast<int64_t>(pages.size());
+    mOperation = {Operation::kErase, pages};
+    return mPart.eraseTime * static_cast<int64_t>(pages.size());
 }
 
 Nanos McuFlash::startMassErase() {
-    operation_ = {Operation::kMassErase};
-    for (uint32_t number = 0; number < part_.pageCount(); ++number) {
-        operation_.pages.push_back(number);
+    mOperation = {Operation::kMassErase};
+    for (uint32_t number = 0; number < mPart.pageCount(); ++number) {
+        mOperation.pages.push_back(number);
     }
-    return part_.massEraseTime;
+    return mPart.massEraseTime;
 }
 
 Nanos McuFlash::startProgram(uint32_t offset, std::span<const uint8_t> bytes) {
-    if (offset + bytes.size() > cells_.size()) throw std::out_of_range("beyond the flash");
-    operation_ = {Operation::kProgram, {}, offset, {bytes.begin(), bytes.end()}};
-    const uint32_t first = offset / part_.programUnit;
-    const size_t end = (offset + bytes.size() + part_.programUnit - 1) / part_.programUnit;
-    return part_.programTime * static_cast<int64_t>(end - first);
+    if (offset + bytes.size() > mCells.size()) throw std::out_of_range("beyond the flash");
+    mOperation = {Operation::kProgram, {}, offset, {bytes.begin(), bytes.end()}};
+    const uint32_t first = offset / mPart.programUnit;
+    const size_t end = (offset + bytes.size() + mPart.programUnit - 1) / mPart.programUnit;
+    return mPart.programTime * static_cast<int64_t>(end - first);
 }
 
 std::string McuFlash::finish() {
-    const Operation done = std::exchange(operation_, {});
+    const Operation done = std::exchange(mOperation, {});
     if (done.kind == Operation::kProgram) return program(done.offset, done.bytes);
     for (const uint32_t number : done.pages) erase(page(number));
     return "";
@@ -126,13 +126,13 @@ std::string McuFlash::finish() {
 
 // Cells change one after another: those before the cut are done, one is half done.
 void McuFlash::powerLost(uint64_t seed) {
-    const Operation torn = std::exchange(operation_, {});
+    const Operation torn = std::exchange(mOperation, {});
     if (torn.kind == Operation::kProgram) {
         const auto done = static_cast<uint32_t>(tornAt(seed, torn.bytes.size()));
         program(torn.offset, std::span(torn.bytes).first(done));
         if (done < torn.bytes.size()) {
-            cells_[torn.offset + done] &= static_cast<uint8_t>(torn.bytes[done] | 0x55);
-            used_ = std::max<size_t>(used_, torn.offset + done + 1);
+            mCells[torn.offset + done] &= static_cast<uint8_t>(torn.bytes[done] | 0x55);
+            mUsed = std::max<size_t>(mUsed, torn.offset + done + 1);
         }
     } else if (!torn.pages.empty()) {
         const size_t done = tornAt(seed, torn.pages.size() - 1);
@@ -143,36 +143,36 @@ void McuFlash::powerLost(uint64_t seed) {
 }
 
 bool McuFlash::isProtected(uint32_t offset) const {
-    return !writeProtected_.empty() && writeProtected_.count(pageAt(offset)) != 0;
+    return !mWriteProtected.empty() && mWriteProtected.count(pageAt(offset)) != 0;
 }
 
 bool McuFlash::erased(uint32_t offset, uint32_t size) const {
-    const auto at = cells_.begin() + offset;
+    const auto at = mCells.begin() + offset;
     return std::all_of(at, at + size, [](uint8_t cell) { return cell == 0xFF; });
 }
 
 void McuFlash::erase(const Page& page) {
     if (page.size == 0 || isProtected(page.offset)) return;
-    std::fill_n(cells_.begin() + page.offset, page.size, 0xFF);
-    changed_ = true;
+    std::fill_n(mCells.begin() + page.offset, page.size, 0xFF);
+    mChanged = true;
 }
 
 std::string McuFlash::program(uint32_t offset, std::span<const uint8_t> bytes) {
     std::string broken;
     for (uint32_t done = 0; done < bytes.size();) {
-        const uint32_t unit = (offset + done) / part_.programUnit * part_.programUnit;
+        const uint32_t unit = (offset + done) / mPart.programUnit * mPart.programUnit;
         const auto end = static_cast<uint32_t>(
-            std::min<size_t>(unit + part_.programUnit - offset, bytes.size()));
+            std::min<size_t>(unit + mPart.programUnit - offset, bytes.size()));
         if (!isProtected(unit)) {
-            if (broken.empty() && !erased(unit, part_.programUnit)) {
+            if (broken.empty() && !erased(unit, mPart.programUnit)) {
                 broken = "programming at " + hexAddress(unit) + ", which is not erased";
             }
-            for (; done < end; ++done) cells_[offset + done] &= bytes[done];
+            for (; done < end; ++done) mCells[offset + done] &= bytes[done];
         }
         done = end;
     }
-    used_ = std::max(used_, offset + bytes.size());
-    changed_ = true;
+    mUsed = std::max(mUsed, offset + bytes.size());
+    mChanged = true;
     return broken;
 }
 

@@ -30,8 +30,8 @@ class McuFlash {
     McuFlash(const McuFlash&) = delete;
     McuFlash& operator=(const McuFlash&) = delete;
 
-    const McuPart& part() const { return part_; }
-    std::span<const uint8_t> cells() const { return cells_; }
+    const McuPart& part() const { return mPart; }
+    std::span<const uint8_t> cells() const { return mCells; }
     Page page(uint32_t number) const;
     uint32_t pageAt(uint32_t offset) const;
     // For tests and tools: erases everything and puts `image` at the start.
@@ -42,16 +42,16 @@ class McuFlash {
     Nanos startErase(const std::vector<uint32_t>& pages);
     Nanos startMassErase();
     Nanos startProgram(uint32_t offset, std::span<const uint8_t> bytes);
-    bool busy() const { return operation_.kind != Operation::kNone; }
+    bool busy() const { return mOperation.kind != Operation::kNone; }
     // Ends the operation. Returns the rule that it broke, "" if none.
     std::string finish();
     // Power goes. The seed alone decides how much of the operation under way is done.
     void powerLost(uint64_t seed);
 
     // Protection is kept without power, in the option bytes.
-    bool readoutProtected() const { return readoutProtected_; }
+    bool readoutProtected() const { return mReadoutProtected; }
     void setReadoutProtected(bool);
-    const std::set<uint32_t>& writeProtectedPages() const { return writeProtected_; }
+    const std::set<uint32_t>& writeProtectedPages() const { return mWriteProtected; }
     void setWriteProtected(std::set<uint32_t> pages);
 
     void save();  // writes the files if something changed; the destructor does so too
@@ -69,15 +69,15 @@ class McuFlash {
     std::string program(uint32_t offset, std::span<const uint8_t> bytes);
     void loadOptions();
 
-    const McuPart& part_;
-    Store& store_;
-    const std::string file_, optionsFile_;
-    std::vector<uint8_t> cells_;
-    size_t used_ = 0;  // all cells from here on are erased
-    Operation operation_;
-    bool readoutProtected_ = false;
-    std::set<uint32_t> writeProtected_;
-    bool changed_ = false, optionsChanged_ = false;
+    const McuPart& mPart;
+    Store& mStore;
+    const std::string mFile, mOptionsFile;
+    std::vector<uint8_t> mCells;
+    size_t mUsed = 0;  // all cells from here on are erased
+    Operation mOperation;
+    bool mReadoutProtected = false;
+    std::set<uint32_t> mWriteProtected;
+    bool mChanged = false, mOptionsChanged = false;
 };
 
 }  // namespace quil::board

@@ -45,86 +45,86 @@ const N32BootLoader::CommandRow* N32BootLoader::rowOf(uint8_t code) {
 }
 
 N32BootLoader::N32BootLoader(McuFlash& flash, McuSurroundings& around, LoaderFaults& faults)
-    : flash_(flash), around_(around), faults_(faults) {}
+    : mFlash(flash), mAround(around), mFaults(faults) {}
 N32BootLoader::~N32BootLoader() = default;
 
 LineSettings N32BootLoader::lineSettings() const { return {kSpeed, 8, 'N', 1}; }
 
 void N32BootLoader::start() {
-    frame_.clear();
-    busy_ = hung_ = inNoise_ = false;
-    late_ = Nanos(0);
+    mFrame.clear();
+    mBusy = mHung = mInNoise = false;
+    mLate = Nanos(0);
 }
 
 void N32BootLoader::receive(uint8_t byte) {
-    if (hung_) return;
-    if (busy_) return around_.violation("a byte came while the flash was at work, and was lost");
-    const Nanos now = around_.now();
-    if (!frame_.empty() && now - lastByte_ > kLongestGap) startOver("a request broke off");
-    lastByte_ = now;
-    const size_t had = frame_.size();
+    if (mHung) return;
+    if (mBusy) return mAround.violation("a byte came while the flash was at work, and was lost");
+    const Nanos now = mAround.now();
+    if (!mFrame.empty() && now - mLastByte > kLongestGap) startOver("a request broke off");
+    mLastByte = now;
+    const size_t had = mFrame.size();
     if (had < 2 && byte != (had == 0 ? kStart0 : kStart1)) {
-        frame_.clear();
-        if (!std::exchange(inNoise_, true)) startOver("bytes that start no request");
+        mFrame.clear();
+        if (!std::exchange(mInNoise, true)) startOver("bytes that start no request");
         return;
     }
-    inNoise_ = false;
-    frame_.push_back(byte);
-    if (frame_.size() < kPayloadAt) return;
-    const size_t length = little16(frame_, kPayloadLengthAt);
+    mInNoise = false;
+    mFrame.push_back(byte);
+    if (mFrame.size() < kPayloadAt) return;
+    const size_t length = little16(mFrame, kPayloadLengthAt);
     if (length > kLongestPayload) return startOver("a request of so many bytes");
-    if (frame_.size() == kPayloadAt + length + 1) frame();
+    if (mFrame.size() == kPayloadAt + length + 1) frame();
 }
 
 void N32BootLoader::startOver(const std::string& why) {
-    around_.violation(why);
-    frame_.clear();
+    mAround.violation(why);
+    mFrame.clear();
 }
 
 void N32BootLoader::frame() {
-    const CommandRow* row = rowOf(frame_[kCommandAt]);
-    const size_t length = little16(frame_, kPayloadLengthAt);
-    if (xorOf(frame_) != 0) {
+    const CommandRow* row = rowOf(mFrame[kCommandAt]);
+    const size_t length = little16(mFrame, kPayloadLengthAt);
+    if (xorOf(mFrame) != 0) {
         refuse(N32Refusal::kCheckByte, "the check byte is wrong");
-    } else if (row == nullptr || frame_[kCommandAt + 1] != 0) {
+    } else if (row == nullptr || mFrame[kCommandAt + 1] != 0) {
         refuse(N32Refusal::kCommand, "no such command");
     } else if (length < row->leastPayload || length > row->mostPayload || !keyIsZero()) {
         refuse(N32Refusal::kLength, "the payload is not this command's");
     } else if (passesFaults()) {
         (this->*row->handler)();
     }
-    frame_.clear();
+    mFrame.clear();
 }
 
 bool N32BootLoader::keyIsZero() const {
-    if (little16(frame_, kPayloadLengthAt) < kKeySize) return true;
-    return std::all_of(frame_.begin() + kPayloadAt, frame_.begin() + kBlockAt,
+    if (little16(mFrame, kPayloadLengthAt) < kKeySize) return true;
+    return std::all_of(mFrame.begin() + kPayloadAt, mFrame.begin() + kBlockAt,
                        [](uint8_t byte) { return byte == 0; });
 }
 
 bool N32BootLoader::passesFaults() {
-    const auto fault = faults_.take(frame_[kCommandAt], LoaderStep::kCommand);
+    const auto fault = mFaults.take(mFrame[kCommandAt], LoaderStep::kCommand);
     if (!fault) return true;
-    around_.note("fault at command " + std::to_string(frame_[kCommandAt]));
+    mAround.note("fault at command " + std::to_string(mFrame[kCommandAt]));
     if (fault->kind == LoaderFault::Kind::kLate) {
-        late_ = fault->delay;
+        mLate = fault->delay;
         return true;
     }
     if (fault->kind == LoaderFault::Kind::kNack) refuse(N32Refusal::kFault, "a fault", false);
-    if (fault->kind == LoaderFault::Kind::kHangs) hung_ = true;
+    if (fault->kind == LoaderFault::Kind::kHangs) mHung = true;
     return false;
 }
 
 void N32BootLoader::answer(Nanos delay, std::vector<uint8_t> payload, uint8_t status0,
                            uint8_t status1) {
     std::vector<uint8_t> bytes = {
-        kStart0, kStart1, frame_[kCommandAt], 0, static_cast<uint8_t>(payload.size()), 0};
+        kStart0, kStart1, mFrame[kCommandAt], 0, static_cast<uint8_t>(payload.size()), 0};
     bytes.insert(bytes.end(), payload.begin(), payload.end());
     bytes.push_back(status0);
     bytes.push_back(status1);
     bytes.push_back(xorOf(bytes));
-    around_.after(delay + std::exchange(late_, Nanos(0)),
-                  [this, bytes = std::move(bytes)] { around_.send(bytes); });
+    mAround.after(delay + std::exchange(mLate, Nanos(0)),
+                  [this, bytes = std::move(bytes)] { mAround.send(bytes); });
 }
 
 void N32BootLoader::succeed(Nanos delay, std::vector<uint8_t> payload) {
@@ -134,88 +134,88 @@ void N32BootLoader::succeed(Nanos delay, std::vector<uint8_t> payload) {
 // A refused download is answered as late as a good one: hosts flush their input before that.
 void N32BootLoader::refuse(N32Refusal reason, const std::string& why, bool violation) {
     if (violation) {
-        around_.violation(why);
+        mAround.violation(why);
     } else {
-        around_.note("refused: " + why);
+        mAround.note("refused: " + why);
     }
-    const bool download = frame_[kCommandAt] == 0x31;
+    const bool download = mFrame[kCommandAt] == 0x31;
     answer(download ? kDownloadTurnaround : kTurnaround, {}, kFailure,
            static_cast<uint8_t>(reason));
 }
 
 void N32BootLoader::handshake() {
-    const uint32_t speed = little32(frame_, kParameterAt);
+    const uint32_t speed = little32(mFrame, kParameterAt);
     if (speed != 0x80250000) return refuse(N32Refusal::kParameter, "another speed than 9600");
     succeed(kTurnaround);
 }
 
 void N32BootLoader::getInfo() {
     std::vector<uint8_t> info(kInfoSize);
-    const std::string_view name = flash_.part().name;
+    const std::string_view name = mFlash.part().name;
     std::copy(name.begin(), name.end(), info.begin());
     succeed(kTurnaround, std::move(info));
 }
 
 void N32BootLoader::erase() {
-    const uint32_t first = little16(frame_, kParameterAt),
-                   count = little16(frame_, kParameterAt + 2);
-    if (first + count > flash_.part().pageCount()) {
+    const uint32_t first = little16(mFrame, kParameterAt),
+                   count = little16(mFrame, kParameterAt + 2);
+    if (first + count > mFlash.part().pageCount()) {
         return refuse(N32Refusal::kParameter, "an erase of a page that the part has not");
     }
     std::vector<uint32_t> pages(count);
     std::iota(pages.begin(), pages.end(), first);
-    busy_ = true;
-    around_.operate(
+    mBusy = true;
+    mAround.operate(
         "erase " + std::to_string(count) + " pages",
         [pages](McuFlash& flash) { return flash.startErase(pages); },
-        [this, request = frame_](const std::string&) {
-            busy_ = false;
-            frame_ = request;
+        [this, request = mFrame](const std::string&) {
+            mBusy = false;
+            mFrame = request;
             succeed(kTurnaround);
-            frame_.clear();
+            mFrame.clear();
         });
 }
 
 void N32BootLoader::download() {
-    const uint32_t address = little32(frame_, kParameterAt);
-    const size_t size = little16(frame_, kPayloadLengthAt) - kKeySize - 4;
-    const std::vector<uint8_t> data(frame_.begin() + kBlockAt,
-                                    frame_.begin() + static_cast<std::ptrdiff_t>(kBlockAt + size));
+    const uint32_t address = little32(mFrame, kParameterAt);
+    const size_t size = little16(mFrame, kPayloadLengthAt) - kKeySize - 4;
+    const std::vector<uint8_t> data(mFrame.begin() + kBlockAt,
+                                    mFrame.begin() + static_cast<std::ptrdiff_t>(kBlockAt + size));
     if (size % 16 != 0) return refuse(N32Refusal::kLength, "data that are no multiple of 16");
     const uint32_t offset = address - kMcuFlashBase;
-    if (address < kMcuFlashBase || offset % 16 != 0 || offset + size > flash_.part().flashSize()) {
+    if (address < kMcuFlashBase || offset % 16 != 0 || offset + size > mFlash.part().flashSize()) {
         return refuse(N32Refusal::kParameter, "an address outside the flash");
     }
-    if (little32(frame_, kBlockAt + size) != crcOf(data)) {
+    if (little32(mFrame, kBlockAt + size) != crcOf(data)) {
         return refuse(N32Refusal::kBlockCrc, "the block's CRC is wrong");
     }
     char what[48];
     snprintf(what, sizeof what, "program 0x%08x, %zu bytes", address, size);
-    busy_ = true;
-    around_.operate(
+    mBusy = true;
+    mAround.operate(
         what, [offset, data](McuFlash& flash) { return flash.startProgram(offset, data); },
-        [this, request = frame_](const std::string& broken) {
-            busy_ = false;
-            frame_ = request;
+        [this, request = mFrame](const std::string& broken) {
+            mBusy = false;
+            mFrame = request;
             if (broken.empty()) {
                 succeed(kDownloadTurnaround);
             } else {
                 refuse(N32Refusal::kFlash, broken);
             }
-            frame_.clear();
+            mFrame.clear();
         });
 }
 
 // Hosts in the field count 16 bytes too many for images of a multiple of 16 bytes, and continue the
 // CRC of an earlier session: a wrong CRC is therefore no violation.
 void N32BootLoader::checkCrc() {
-    const uint32_t expected = little32(frame_, kParameterAt);
-    const uint32_t address = little32(frame_, kBlockAt), length = little32(frame_, kBlockAt + 4);
-    const uint32_t offset = address - kMcuFlashBase, size = flash_.part().flashSize();
+    const uint32_t expected = little32(mFrame, kParameterAt);
+    const uint32_t address = little32(mFrame, kBlockAt), length = little32(mFrame, kBlockAt + 4);
+    const uint32_t offset = address - kMcuFlashBase, size = mFlash.part().flashSize();
     if (address < kMcuFlashBase || offset > size || length > size - offset) {
         return refuse(N32Refusal::kParameter, "a CRC outside the flash", false);
     }
-    if (crcOf(flash_.cells().subspan(offset, length)) != expected) {
+    if (crcOf(mFlash.cells().subspan(offset, length)) != expected) {
         return refuse(N32Refusal::kFlashCrc, "the flash has another CRC", false);
     }
     succeed(kTurnaround);

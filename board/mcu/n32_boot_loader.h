@@ -74,12 +74,12 @@ class N32BootLoader : public BootLoader {
 
     static const CommandRow* rowOf(uint8_t code);
 
-    McuFlash& flash_;
-    McuSurroundings& around_;
-    LoaderFaults& faults_;
-    std::vector<uint8_t> frame_;
-    Nanos lastByte_{0}, late_{0};
-    bool busy_ = false, hung_ = false, inNoise_ = false;
+    McuFlash& mFlash;
+    McuSurroundings& mAround;
+    LoaderFaults& mFaults;
+    std::vector<uint8_t> mFrame;
+    Nanos mLastByte{0}, mLate{0};
+    bool mBusy = false, mHung = false, mInNoise = false;
 };
 
 }  // namespace quil::board

@@ -39,27 +39,27 @@ int openMaster(std::string& port) {
 class PtyBridge::Part : public McuSurroundings {
   public:
     Part(const PtyBridgeOptions& options, int master)
-        : store_(options.flash.parent_path()),
-          flash(partOf(options.part), store_, options.flash.filename()),
+        : mStore(options.flash.parent_path()),
+          flash(partOf(options.part), mStore, options.flash.filename()),
           loader(makeBootLoader(flash, *this, faults)),
-          master_(master),
-          realtime_(options.realtime) {
+          mMaster(master),
+          mRealtime(options.realtime) {
         loader->start();
     }
 
     Nanos now() const override { return realNow(); }
     void after(Nanos delay, std::function<void()> action) override {
-        put(now() + (realtime_ ? delay : Nanos(0)), std::move(action));
+        put(now() + (mRealtime ? delay : Nanos(0)), std::move(action));
     }
     void send(std::vector<uint8_t> bytes) override {
         const Nanos line = hostLine().byteTime() * static_cast<int64_t>(bytes.size());
         after(line, [this, bytes = std::move(bytes)] {
-            [[maybe_unused]] const ssize_t sent = real().write(master_, bytes.data(), bytes.size());
+            [[maybe_unused]] const ssize_t sent = real().write(mMaster, bytes.data(), bytes.size());
         });
     }
     LineSettings hostLine() const override {
         termios settings{};
-        real().tcgetattr(master_, &settings);
+        real().tcgetattr(mMaster, &settings);
         return settingsOf(settings);
     }
     void note(const std::string&) override {}
@@ -68,42 +68,42 @@ class PtyBridge::Part : public McuSurroundings {
                  std::function<void(const std::string&)> done) override {
         after(start(flash), [this, done = std::move(done)] { done(flash.finish()); });
     }
-    void resetBySoftware() override { restarts_ = true; }
-    void jumpTo(uint32_t) override { restarts_ = true; }
+    void resetBySoftware() override { mRestarts = true; }
+    void jumpTo(uint32_t) override { mRestarts = true; }
 
     // A pty transfers at once; in real time each byte is delayed as on a line.
     void arrive(uint8_t byte) {
-        const Nanos time = realtime_ ? hostLine().byteTime() : Nanos(0);
-        lineFree_ = std::max(lineFree_, now()) + time;
-        put(lineFree_, [this, byte] { loader->receive(byte); });
+        const Nanos time = mRealtime ? hostLine().byteTime() : Nanos(0);
+        mLineFree = std::max(mLineFree, now()) + time;
+        put(mLineFree, [this, byte] { loader->receive(byte); });
     }
 
     // Called once all bytes sent before the reset are out.
     void restart() {
         if (flash.busy()) flash.powerLost(0);
-        pending_.clear();
+        mPending.clear();
         loader->start();
     }
     void runDue() {
-        while (!pending_.empty() && pending_.front().first <= now()) {
-            const auto action = std::move(pending_.front().second);
-            pending_.erase(pending_.begin());
+        while (!mPending.empty() && mPending.front().first <= now()) {
+            const auto action = std::move(mPending.front().second);
+            mPending.erase(mPending.begin());
             action();
         }
-        if (restarts_ && pending_.empty()) {
-            restarts_ = false;
+        if (mRestarts && mPending.empty()) {
+            mRestarts = false;
             restart();
         }
     }
     int waitMs() const {
-        if (pending_.empty()) return kLongestWaitMs;
+        if (mPending.empty()) return kLongestWaitMs;
         const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(pending_.front().first - now());
+            std::chrono::ceil<std::chrono::milliseconds>(mPending.front().first - now());
         return std::clamp(static_cast<int>(left.count()), 0, kLongestWaitMs);
     }
 
   private:
-    DirectoryStore store_;
+    DirectoryStore mStore;
 
   public:
     McuFlash flash;
@@ -114,63 +114,63 @@ class PtyBridge::Part : public McuSurroundings {
   private:
     void put(Nanos when, std::function<void()> action) {
         const auto later = [when](const auto& entry) { return entry.first > when; };
-        pending_.emplace(std::find_if(pending_.begin(), pending_.end(), later), when,
+        mPending.emplace(std::find_if(mPending.begin(), mPending.end(), later), when,
                          std::move(action));
     }
 
-    const int master_;
-    const bool realtime_;
-    bool restarts_ = false;
-    Nanos lineFree_{0};
-    std::vector<std::pair<Nanos, std::function<void()>>> pending_;
+    const int mMaster;
+    const bool mRealtime;
+    bool mRestarts = false;
+    Nanos mLineFree{0};
+    std::vector<std::pair<Nanos, std::function<void()>>> mPending;
 };
 
 PtyBridge::PtyBridge(const PtyBridgeOptions& options)
-    : options_(options),
-      master_(openMaster(port_)),
-      part_(std::make_unique<Part>(options, master_)) {
-    if (options_.link.empty()) return;
+    : mOptions(options),
+      mMaster(openMaster(mPort)),
+      mPart(std::make_unique<Part>(options, mMaster)) {
+    if (mOptions.link.empty()) return;
     std::error_code error;
-    if (std::filesystem::is_symlink(options_.link, error)) std::filesystem::remove(options_.link);
-    std::filesystem::create_symlink(port_, options_.link);
+    if (std::filesystem::is_symlink(mOptions.link, error)) std::filesystem::remove(mOptions.link);
+    std::filesystem::create_symlink(mPort, mOptions.link);
 }
 
 PtyBridge::~PtyBridge() {
     std::error_code ignored;
-    if (!options_.link.empty()) std::filesystem::remove(options_.link, ignored);
-    real().close(master_);
+    if (!mOptions.link.empty()) std::filesystem::remove(mOptions.link, ignored);
+    real().close(mMaster);
 }
 
-const std::string& PtyBridge::port() const { return port_; }
-McuFlash& PtyBridge::flash() { return part_->flash; }
-LoaderFaults& PtyBridge::faults() { return part_->faults; }
-const std::vector<std::string>& PtyBridge::violations() const { return part_->violations; }
-void PtyBridge::stop() { stopped_.store(true); }
+const std::string& PtyBridge::port() const { return mPort; }
+McuFlash& PtyBridge::flash() { return mPart->flash; }
+LoaderFaults& PtyBridge::faults() { return mPart->faults; }
+const std::vector<std::string>& PtyBridge::violations() const { return mPart->violations; }
+void PtyBridge::stop() { mStopped.store(true); }
 
 void PtyBridge::run() {
-    while (!stopped_.load()) serveOnce();
-    part_->flash.save();
-    stopped_.store(false);
+    while (!mStopped.load()) serveOnce();
+    mPart->flash.save();
+    mStopped.store(false);
 }
 
 void PtyBridge::serveOnce() {
-    pollfd entry{master_, POLLIN, 0};
-    const int ready = real().poll(&entry, 1, part_->waitMs());
+    pollfd entry{mMaster, POLLIN, 0};
+    const int ready = real().poll(&entry, 1, mPart->waitMs());
     if (ready > 0 && (entry.revents & POLLIN) != 0) {
-        inUse_.store(true);
+        mInUse.store(true);
         std::array<uint8_t, 512> bytes{};
-        const ssize_t got = real().read(master_, bytes.data(), bytes.size());
+        const ssize_t got = real().read(mMaster, bytes.data(), bytes.size());
         for (ssize_t i = 0; i < got; ++i) {
-            part_->arrive(bytes.at(static_cast<size_t>(i)));
-            part_->runDue();
+            mPart->arrive(bytes.at(static_cast<size_t>(i)));
+            mPart->runDue();
         }
     } else if (ready > 0 && (entry.revents & POLLHUP) != 0) {
-        part_->restart();  // no program has the port open
-        inUse_.store(false);
+        mPart->restart();  // no program has the port open
+        mInUse.store(false);
         const timespec pause{0, 5'000'000};
         real().nanosleep(&pause, nullptr);
     }
-    part_->runDue();
+    mPart->runDue();
 }
 
 }  // namespace quil::board

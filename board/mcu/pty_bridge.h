@@ -33,7 +33,7 @@ class PtyBridge {
     void run();                       // serves until stop is called
     void stop();                      // from any thread or signal handler
     // A program has sent bytes and not closed the port yet. From any thread.
-    bool inUse() const { return inUse_.load(); }
+    bool inUse() const { return mInUse.load(); }
     // Not while run() serves.
     McuFlash& flash();
     LoaderFaults& faults();
@@ -43,11 +43,11 @@ class PtyBridge {
     class Part;
     void serveOnce();
 
-    const PtyBridgeOptions options_;
-    std::string port_;
-    int master_ = -1;
-    std::atomic<bool> stopped_{false}, inUse_{false};
-    std::unique_ptr<Part> part_;
+    const PtyBridgeOptions mOptions;
+    std::string mPort;
+    int mMaster = -1;
+    std::atomic<bool> mStopped{false}, mInUse{false};
+    std::unique_ptr<Part> mPart;
 };
 
 }  // namespace quil::board

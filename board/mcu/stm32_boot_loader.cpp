@@ -48,69 +48,69 @@ const Stm32BootLoader::CommandRow* Stm32BootLoader::rowOf(uint8_t code) {
 }
 
 Stm32BootLoader::Stm32BootLoader(McuFlash& flash, McuSurroundings& around, LoaderFaults& faults)
-    : flash_(flash), around_(around), faults_(faults), part_(flash.part()) {}
+    : mFlash(flash), mAround(around), mFaults(faults), mPart(flash.part()) {}
 Stm32BootLoader::~Stm32BootLoader() = default;
 
 void Stm32BootLoader::start() {
-    synchronised_ = busy_ = hung_ = false;
-    heardWhileBusy_.reset();
-    ram_.clear();
-    late_ = Nanos(0);
+    mSynchronised = mBusy = mHung = false;
+    mHeardWhileBusy.reset();
+    mRam.clear();
+    mLate = Nanos(0);
     awaitCommand();
 }
 
 LineSettings Stm32BootLoader::lineSettings() const {
-    return synchronised_ ? line_ : around_.hostLine();
+    return mSynchronised ? mLine : mAround.hostLine();
 }
 
 void Stm32BootLoader::receive(uint8_t byte) {
-    if (hung_) return;
-    if (!synchronised_) return synchronise(byte);
-    if (busy_) return receiveWhileBusy(byte);
-    in_.push_back(byte);
-    if (in_.size() == expected_) (this->*next_)();
+    if (mHung) return;
+    if (!mSynchronised) return synchronise(byte);
+    if (mBusy) return receiveWhileBusy(byte);
+    mIn.push_back(byte);
+    if (mIn.size() == mExpected) (this->*mNext)();
 }
 
 void Stm32BootLoader::synchronise(uint8_t byte) {
-    const LineSettings line = around_.hostLine();
+    const LineSettings line = mAround.hostLine();
     if (line.baud < kSlowest || line.baud > kFastest || byte != kSync) {
-        return around_.note("no synchronisation with " + formatted("0x%02x", byte) + " at " +
+        return mAround.note("no synchronisation with " + formatted("0x%02x", byte) + " at " +
                             std::to_string(line.baud) + " bit/s");
     }
-    line_ = line;
-    synchronised_ = true;
-    code_ = 0;
-    if (!acknowledge(LoaderStep::kSync)) synchronised_ = false;
+    mLine = line;
+    mSynchronised = true;
+    mCode = 0;
+    if (!acknowledge(LoaderStep::kSync)) mSynchronised = false;
 }
 
 // The receiver keeps one unread byte; further bytes are lost.
 void Stm32BootLoader::receiveWhileBusy(uint8_t byte) {
-    if (!heardWhileBusy_) {
-        heardWhileBusy_ = byte;
+    if (!mHeardWhileBusy) {
+        mHeardWhileBusy = byte;
     } else {
-        around_.violation("a byte came while the flash was at work, and was lost");
+        mAround.violation("a byte came while the flash was at work, and was lost");
     }
 }
 
 void Stm32BootLoader::expect(size_t bytes, Handler handler) {
-    in_.clear();
-    expected_ = bytes;
-    next_ = handler;
+    mIn.clear();
+    mExpected = bytes;
+    mNext = handler;
 }
 
 void Stm32BootLoader::awaitCommand() { expect(2, &Stm32BootLoader::command); }
 
 bool Stm32BootLoader::passes(LoaderStep step) {
-    const auto fault = faults_.take(code_, step);
+    const auto fault = mFaults.take(mCode, step);
     if (!fault) return true;
-    around_.note(std::string("fault at ") + nameOf(step) + formatted(" of command 0x%02x", code_));
+    mAround.note(std::string("fault at ") + nameOf(step) + formatted(" of command 0x%02x", mCode));
     if (fault->kind == LoaderFault::Kind::kLate) {
-        late_ = fault->delay;
+        mLate = fault->delay;
         return true;
     }
     awaitCommand();
     if (fault->kind == LoaderFault::Kind::kNack) answer({kNack});
-    if (fault->kind == LoaderFault::Kind::kHangs) hung_ = true;
+    if (fault->kind == LoaderFault::Kind::kHangs) mHung = true;
     return false;
 }
 
@@ -121,34 +121,34 @@ bool Stm32BootLoader::acknowledge(LoaderStep step) {
 }
 
 void Stm32BootLoader::answer(std::vector<uint8_t> bytes) {
-    const Nanos late = std::exchange(late_, Nanos(0));
-    if (late == Nanos(0)) return around_.send(std::move(bytes));
-    around_.after(late, [this, bytes = std::move(bytes)] { around_.send(bytes); });
+    const Nanos late = std::exchange(mLate, Nanos(0));
+    if (late == Nanos(0)) return mAround.send(std::move(bytes));
+    mAround.after(late, [this, bytes = std::move(bytes)] { mAround.send(bytes); });
 }
 
 void Stm32BootLoader::refuse(const std::string& why, bool violation) {
     if (violation) {
-        around_.violation(why);
+        mAround.violation(why);
     } else {
-        around_.note("refused: " + why);
+        mAround.note("refused: " + why);
     }
     awaitCommand();
     answer({kNack});
 }
 
-bool Stm32BootLoader::xorIsRight() { return xorOf(in_) == 0; }
+bool Stm32BootLoader::xorIsRight() { return xorOf(mIn) == 0; }
 
 void Stm32BootLoader::command() {
-    code_ = in_[0];
-    if (in_[1] != static_cast<uint8_t>(~code_)) {
-        return refuse(formatted("command 0x%02x without its complement", code_));
+    mCode = mIn[0];
+    if (mIn[1] != static_cast<uint8_t>(~mCode)) {
+        return refuse(formatted("command 0x%02x without its complement", mCode));
     }
-    const CommandRow* row = rowOf(code_);
-    const auto& known = part_.commands;
-    if (row == nullptr || std::find(known.begin(), known.end(), code_) == known.end()) {
-        return refuse(formatted("no command 0x%02x", code_), false);
+    const CommandRow* row = rowOf(mCode);
+    const auto& known = mPart.commands;
+    if (row == nullptr || std::find(known.begin(), known.end(), mCode) == known.end()) {
+        return refuse(formatted("no command 0x%02x", mCode), false);
     }
-    if (row->refusedUnderReadoutProtection && flash_.readoutProtected()) {
+    if (row->refusedUnderReadoutProtection && mFlash.readoutProtected()) {
         return refuse(std::string(row->name) + " under read-out protection", false);
     }
     (this->*row->handler)();
@@ -156,8 +156,8 @@ void Stm32BootLoader::command() {
 
 void Stm32BootLoader::get() {
     if (!passes(LoaderStep::kCommand)) return;
-    const auto& known = part_.commands;
-    std::vector<uint8_t> bytes = {kAck, static_cast<uint8_t>(known.size()), part_.loaderVersion};
+    const auto& known = mPart.commands;
+    std::vector<uint8_t> bytes = {kAck, static_cast<uint8_t>(known.size()), mPart.loaderVersion};
     bytes.insert(bytes.end(), known.begin(), known.end());
     bytes.push_back(kAck);
     answer(std::move(bytes));
@@ -166,14 +166,14 @@ void Stm32BootLoader::get() {
 
 void Stm32BootLoader::getVersion() {
     if (!passes(LoaderStep::kCommand)) return;
-    answer({kAck, part_.loaderVersion, 0, 0, kAck});
+    answer({kAck, mPart.loaderVersion, 0, 0, kAck});
     awaitCommand();
 }
 
 void Stm32BootLoader::getId() {
     if (!passes(LoaderStep::kCommand)) return;
-    answer({kAck, 1, static_cast<uint8_t>(part_.productId >> 8),
-            static_cast<uint8_t>(part_.productId), kAck});
+    answer({kAck, 1, static_cast<uint8_t>(mPart.productId >> 8),
+            static_cast<uint8_t>(mPart.productId), kAck});
     awaitCommand();
 }
 
@@ -182,7 +182,7 @@ void Stm32BootLoader::getPid() {
     if (!passes(LoaderStep::kCommand)) return;
     std::vector<uint8_t> bytes = {kAck, 4};
     for (int shift = 0; shift < 32; shift += 8) {
-        bytes.push_back(static_cast<uint8_t>(part_.gdPid >> shift));
+        bytes.push_back(static_cast<uint8_t>(mPart.gdPid >> shift));
     }
     bytes.push_back(kAck);
     answer(std::move(bytes));
@@ -190,20 +190,20 @@ void Stm32BootLoader::getPid() {
 }
 
 bool Stm32BootLoader::inFlash(uint32_t address, size_t size) const {
-    return address >= kMcuFlashBase && address - kMcuFlashBase + size <= part_.flashSize();
+    return address >= kMcuFlashBase && address - kMcuFlashBase + size <= mPart.flashSize();
 }
 
 bool Stm32BootLoader::inRam(uint32_t address, size_t size) const {
-    return address >= kMcuRamBase && address - kMcuRamBase + size <= part_.ramSize;
+    return address >= kMcuRamBase && address - kMcuRamBase + size <= mPart.ramSize;
 }
 
 // False if the address was refused or a fault ended the command.
 bool Stm32BootLoader::takeAddress() {
-    address_ = big32(in_, 0);
+    mAddress = big32(mIn, 0);
     if (!xorIsRight()) {
         refuse("the address's XOR is wrong");
-    } else if (!inFlash(address_, 1) && !inRam(address_, 1)) {
-        refuse(formatted("address 0x%08x is neither flash nor RAM", address_));
+    } else if (!inFlash(mAddress, 1) && !inRam(mAddress, 1)) {
+        refuse(formatted("address 0x%08x is neither flash nor RAM", mAddress));
     } else {
         return acknowledge(LoaderStep::kAddress);
     }
@@ -219,19 +219,19 @@ void Stm32BootLoader::readAddress() {
 }
 
 void Stm32BootLoader::readCount() {
-    const size_t count = in_[0] + 1U;
-    if (in_[1] != static_cast<uint8_t>(~in_[0])) return refuse("the count lacks its complement");
-    if (!inFlash(address_, count) && !inRam(address_, count)) {
+    const size_t count = mIn[0] + 1U;
+    if (mIn[1] != static_cast<uint8_t>(~mIn[0])) return refuse("the count lacks its complement");
+    if (!inFlash(mAddress, count) && !inRam(mAddress, count)) {
         return refuse("a read beyond the memory's end");
     }
     if (!passes(LoaderStep::kCount)) return;
     std::vector<uint8_t> bytes = {kAck};
-    if (inFlash(address_, count)) {
-        const auto cells = flash_.cells().subspan(address_ - kMcuFlashBase, count);
+    if (inFlash(mAddress, count)) {
+        const auto cells = mFlash.cells().subspan(mAddress - kMcuFlashBase, count);
         bytes.insert(bytes.end(), cells.begin(), cells.end());
     } else {
-        ram_.resize(part_.ramSize);
-        const auto at = ram_.begin() + (address_ - kMcuRamBase);
+        mRam.resize(mPart.ramSize);
+        const auto at = mRam.begin() + (mAddress - kMcuRamBase);
         bytes.insert(bytes.end(), at, at + static_cast<std::ptrdiff_t>(count));
     }
     awaitCommand();
@@ -243,7 +243,7 @@ void Stm32BootLoader::go() {
 }
 
 void Stm32BootLoader::goAddress() {
-    if (takeAddress()) around_.jumpTo(address_);
+    if (takeAddress()) mAround.jumpTo(mAddress);
 }
 
 void Stm32BootLoader::writeMemory() {
@@ -256,31 +256,31 @@ void Stm32BootLoader::writeAddress() {
 
 // The count, the data and their XOR are received as one frame.
 void Stm32BootLoader::writeCount() {
-    expected_ = in_[0] + 3U;
-    next_ = &Stm32BootLoader::writeData;
+    mExpected = mIn[0] + 3U;
+    mNext = &Stm32BootLoader::writeData;
 }
 
 void Stm32BootLoader::writeData() {
-    const uint32_t count = in_[0] + 1U;
+    const uint32_t count = mIn[0] + 1U;
     if (!xorIsRight()) return refuse("the data's XOR is wrong");
-    if (address_ % 4 != 0) return refuse(formatted("0x%08x is on no word", address_));
-    if (count % part_.writeMultiple != 0) {
+    if (mAddress % 4 != 0) return refuse(formatted("0x%08x is on no word", mAddress));
+    if (count % mPart.writeMultiple != 0) {
         return refuse(std::to_string(count) + " bytes are no multiple of " +
-                      std::to_string(part_.writeMultiple));
+                      std::to_string(mPart.writeMultiple));
     }
-    if (inFlash(address_, count)) {
-        if (passes(LoaderStep::kData)) programFlash(address_ - kMcuFlashBase);
+    if (inFlash(mAddress, count)) {
+        if (passes(LoaderStep::kData)) programFlash(mAddress - kMcuFlashBase);
         return;
     }
-    if (!inRam(address_, count)) return refuse("a write beyond the memory's end");
+    if (!inRam(mAddress, count)) return refuse("a write beyond the memory's end");
     if (!passes(LoaderStep::kData)) return;
-    ram_.resize(part_.ramSize);
-    std::copy(in_.begin() + 1, in_.end() - 1, ram_.begin() + (address_ - kMcuRamBase));
+    mRam.resize(mPart.ramSize);
+    std::copy(mIn.begin() + 1, mIn.end() - 1, mRam.begin() + (mAddress - kMcuRamBase));
     finished("", false);
 }
 
 void Stm32BootLoader::programFlash(uint32_t offset) {
-    std::vector<uint8_t> bytes(in_.begin() + 1, in_.end() - 1);
+    std::vector<uint8_t> bytes(mIn.begin() + 1, mIn.end() - 1);
     const std::string what = formatted("program 0x%08x", kMcuFlashBase + offset) + ", " +
                              std::to_string(bytes.size()) + " bytes";
     operate(
@@ -296,16 +296,16 @@ void Stm32BootLoader::erase() {
 }
 
 void Stm32BootLoader::eraseCount() {
-    expected_ = in_[0] == 0xFF ? 2 : in_[0] + 3U;
-    next_ = &Stm32BootLoader::erasePages;
+    mExpected = mIn[0] == 0xFF ? 2 : mIn[0] + 3U;
+    mNext = &Stm32BootLoader::erasePages;
 }
 
 void Stm32BootLoader::erasePages() {
-    if (in_[0] == 0xFF) {
-        return in_[1] == 0 ? massErase() : refuse("the global erase's check byte is wrong");
+    if (mIn[0] == 0xFF) {
+        return mIn[1] == 0 ? massErase() : refuse("the global erase's check byte is wrong");
     }
     if (!xorIsRight()) return refuse("the page list's XOR is wrong");
-    erasePagesNow({in_.begin() + 1, in_.end() - 1});
+    erasePagesNow({mIn.begin() + 1, mIn.end() - 1});
 }
 
 void Stm32BootLoader::extendedErase() {
@@ -313,15 +313,15 @@ void Stm32BootLoader::extendedErase() {
 }
 
 void Stm32BootLoader::extendedCount() {
-    const auto count = static_cast<uint16_t>(in_[0] << 8 | in_[1]);
+    const auto count = static_cast<uint16_t>(mIn[0] << 8 | mIn[1]);
     const bool special = count >= kFirstSpecial;
     if (!special && count >= kMostPages) return refuse("an erase of too many pages");
-    expected_ = special ? 3 : 2 + 2 * (count + 1U) + 1;
-    next_ = special ? &Stm32BootLoader::specialErase : &Stm32BootLoader::extendedPages;
+    mExpected = special ? 3 : 2 + 2 * (count + 1U) + 1;
+    mNext = special ? &Stm32BootLoader::specialErase : &Stm32BootLoader::extendedPages;
 }
 
 void Stm32BootLoader::specialErase() {
-    const auto request = static_cast<uint16_t>(in_[0] << 8 | in_[1]);
+    const auto request = static_cast<uint16_t>(mIn[0] << 8 | mIn[1]);
     if (!xorIsRight()) return refuse("the erase request's XOR is wrong");
     if (request != kEraseEverything) return refuse(formatted("no special erase 0x%04x", request));
     massErase();
@@ -330,13 +330,13 @@ void Stm32BootLoader::specialErase() {
 void Stm32BootLoader::extendedPages() {
     if (!xorIsRight()) return refuse("the page list's XOR is wrong");
     std::vector<uint32_t> pages;
-    for (size_t at = 2; at + 2 < in_.size(); at += 2) pages.push_back(in_[at] << 8 | in_[at + 1]);
+    for (size_t at = 2; at + 2 < mIn.size(); at += 2) pages.push_back(mIn[at] << 8 | mIn[at + 1]);
     erasePagesNow(std::move(pages));
 }
 
 void Stm32BootLoader::erasePagesNow(std::vector<uint32_t> pages) {
-    const auto absent = [this](uint32_t page) { return page >= part_.pageCount(); };
-    if (!part_.ignoresAbsentPages && std::any_of(pages.begin(), pages.end(), absent)) {
+    const auto absent = [this](uint32_t page) { return page >= mPart.pageCount(); };
+    if (!mPart.ignoresAbsentPages && std::any_of(pages.begin(), pages.end(), absent)) {
         return refuse("an erase of a page that the part has not");
     }
     std::erase_if(pages, absent);
@@ -358,33 +358,33 @@ void Stm32BootLoader::writeProtect() {
 }
 
 void Stm32BootLoader::writeProtectCount() {
-    expected_ = in_[0] + 3U;
-    next_ = &Stm32BootLoader::writeProtectSectors;
+    mExpected = mIn[0] + 3U;
+    mNext = &Stm32BootLoader::writeProtectSectors;
 }
 
 void Stm32BootLoader::writeProtectSectors() {
     if (!xorIsRight()) return refuse("the sector list's XOR is wrong");
     if (!passes(LoaderStep::kData)) return;
-    flash_.setWriteProtected({in_.begin() + 1, in_.end() - 1});
+    mFlash.setWriteProtected({mIn.begin() + 1, mIn.end() - 1});
     finished("", true);
 }
 
 void Stm32BootLoader::writeUnprotect() {
     if (!acknowledge(LoaderStep::kCommand)) return;
-    flash_.setWriteProtected({});
+    mFlash.setWriteProtected({});
     finished("", true);
 }
 
 void Stm32BootLoader::readoutProtect() {
     if (!acknowledge(LoaderStep::kCommand)) return;
-    flash_.setReadoutProtected(true);
+    mFlash.setReadoutProtected(true);
     finished("", true);
 }
 
 // Ends the protection and erases the flash that it protected.
 void Stm32BootLoader::readoutUnprotect() {
     if (!acknowledge(LoaderStep::kCommand)) return;
-    if (!flash_.readoutProtected()) return finished("", true);
+    if (!mFlash.readoutProtected()) return finished("", true);
     operate(
         "erase everything",
         [](McuFlash& flash) {
@@ -396,12 +396,12 @@ void Stm32BootLoader::readoutUnprotect() {
 
 void Stm32BootLoader::operate(const std::string& what, std::function<Nanos(McuFlash&)> start,
                               bool resets) {
-    busy_ = true;
-    around_.operate(what, std::move(start), [this, resets](const std::string& broken) {
-        busy_ = false;
+    mBusy = true;
+    mAround.operate(what, std::move(start), [this, resets](const std::string& broken) {
+        mBusy = false;
         finished(broken, resets);
-        if (!heardWhileBusy_) return;
-        const uint8_t byte = *std::exchange(heardWhileBusy_, std::nullopt);
+        if (!mHeardWhileBusy) return;
+        const uint8_t byte = *std::exchange(mHeardWhileBusy, std::nullopt);
         receive(byte);
     });
 }
@@ -410,7 +410,7 @@ void Stm32BootLoader::finished(const std::string& broken, bool resets) {
     if (!broken.empty()) return refuse(broken);
     const bool passed = acknowledge(LoaderStep::kFinished);
     awaitCommand();
-    if (passed && resets) around_.resetBySoftware();
+    if (passed && resets) mAround.resetBySoftware();
 }
 
 }  // namespace quil::board

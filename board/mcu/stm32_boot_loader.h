@@ -83,19 +83,19 @@ class Stm32BootLoader : public BootLoader {
 
     static const CommandRow* rowOf(uint8_t code);
 
-    McuFlash& flash_;
-    McuSurroundings& around_;
-    LoaderFaults& faults_;
-    const McuPart& part_;
-    bool synchronised_ = false, busy_ = false, hung_ = false;
-    LineSettings line_;
-    uint8_t code_ = 0;  // of the command under way
-    uint32_t address_ = 0;
-    std::vector<uint8_t> in_, ram_;
-    size_t expected_ = 0;
-    Handler next_ = nullptr;
-    std::optional<uint8_t> heardWhileBusy_;
-    Nanos late_{0};
+    McuFlash& mFlash;
+    McuSurroundings& mAround;
+    LoaderFaults& mFaults;
+    const McuPart& mPart;
+    bool mSynchronised = false, mBusy = false, mHung = false;
+    LineSettings mLine;
+    uint8_t mCode = 0;  // of the command under way
+    uint32_t mAddress = 0;
+    std::vector<uint8_t> mIn, mRam;
+    size_t mExpected = 0;
+    Handler mNext = nullptr;
+    std::optional<uint8_t> mHeardWhileBusy;
+    Nanos mLate{0};
 };
 
 }  // namespace quil::board
