@@ -17,7 +17,8 @@ class Properties {
     Properties(const Properties&) = delete;
     Properties& operator=(const Properties&) = delete;
 
-    // While the board's lock is held, and as long: programs read before each message.
+    // Makes no copy, since programs read a property before each log message: the text is valid
+    // while the board's lock is held.
     std::string_view find(std::string_view name, std::string_view fallback) const;
     std::string get(const std::string& name, const std::string& fallback = "") const;
     void set(const std::string& name, const std::string& value);
