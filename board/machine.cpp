@@ -7,7 +7,7 @@
 namespace quil::board {
 namespace {
 
-constexpr char kProductFile[] = "rootfs/vendor/etc/product.ini";
+constexpr char kWiringFile[] = "rootfs/vendor/etc/product.ini";
 
 // Takes the line's number from the product file, if it has one.
 void takeLine(const IniReader& reader, int handle, const char* key, int& line) {
@@ -60,11 +60,11 @@ Machine::Machine(const std::filesystem::path& dir, BoardOptions opts)
     : BoardServices(theScheduler(), std::make_unique<DirectoryStore>(dir), dir / "rootfs"),
       directory(dir),
       options(std::move(opts)),
-      mWiring(wiringOf(dir / kProductFile)),
+      mWiring(wiringOf(dir / kWiringFile)),
       probes(*this, mWiring.codecs),
       mcuUart(*this, mWiring.uart),
       mcu(*this, mcuUart, mWiring.baud),
-      mcuChip(*this, partOfProductFile(dir / kProductFile), mcuUart, withMcuLines(gpio), mcu),
+      mcuChip(*this, partOfProductFile(dir / kWiringFile), mcuUart, withMcuLines(gpio), mcu),
       fpga(*this, fpgaLines(gpio, mWiring), flash, mWiring.fpgaBootsFromFlash),
       phy(*this, gpio.add(kPhyResetLine, 1), sysfs) {
     phy.onReset([this] { fpga.phyWasReset(); });

@@ -13,7 +13,7 @@ namespace {
 constexpr std::array<const char*, 5> kProbedParts = {kRtc, kCodecs, kWifiAp, kWifiSta, kClockChip};
 constexpr Health kHealths[] = {Health::kHealthy, Health::kFaulty, Health::kAbsent};
 constexpr SdCard kCards[] = {SdCard::kPresent, SdCard::kMissing, SdCard::kFull, SdCard::kReadOnly};
-constexpr char kFile[] = "parts";
+constexpr char kPartsFile[] = "parts";
 constexpr char kCardName[] = "sdcard";
 constexpr std::string_view kCardPath = "/sdcard/";
 constexpr int32_t kNobodyAnswers = 1;  // what the closed library returns for an absent part
@@ -57,7 +57,7 @@ const char* nameOf(SdCard card) {
 }
 
 Probes::Probes(BoardServices& board, int codecs) : mBoard(board), mCodecs(codecs) {
-    std::istringstream lines(mBoard.store->read(kFile).value_or(""));
+    std::istringstream lines(mBoard.store->read(kPartsFile).value_or(""));
     for (std::string line; std::getline(lines, line);) {
         std::istringstream words(line);
         std::string name, equals, state;
@@ -117,7 +117,7 @@ void Probes::save() const {
     std::string text;
     for (const auto& [key, kept] : mStates)
         text.append(key).append(" = ").append(kept).append("\n");
-    mBoard.store->replace(kFile, text);
+    mBoard.store->replace(kPartsFile, text);
 }
 
 std::string Probes::stateOf(const std::string& name) const {

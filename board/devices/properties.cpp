@@ -5,12 +5,12 @@
 namespace quil::board {
 namespace {
 
-constexpr char kFile[] = "properties";
+constexpr char kPropertiesFile[] = "properties";
 
 }  // namespace
 
 Properties::Properties(BoardServices& board) : mBoard(board) {
-    std::istringstream lines(mBoard.store->read(kFile).value_or(""));
+    std::istringstream lines(mBoard.store->read(kPropertiesFile).value_or(""));
     for (std::string line; std::getline(lines, line);) {
         const size_t equals = line.find('=');
         if (equals != std::string::npos) mValues[line.substr(0, equals)] = line.substr(equals + 1);
@@ -36,7 +36,7 @@ void Properties::set(const std::string& name, const std::string& value) {
     mValues[name] = value;
     std::string text;
     for (const auto& [key, kept] : mValues) text.append(key).append("=").append(kept).append("\n");
-    mBoard.store->replace(kFile, text);
+    mBoard.store->replace(kPropertiesFile, text);
 }
 
 }  // namespace quil::board

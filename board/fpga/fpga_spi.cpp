@@ -12,7 +12,7 @@ constexpr uint8_t kWriteCommand = 0x02, kReadCommand = 0x0B, kUnconfigured = 0xF
 constexpr size_t kAddressAt = 1, kDataAt = 5, kReadDataAt = 6, kOverhead = 6;
 constexpr uint32_t kRegistersFrom = 0x1000, kRegistersTo = 0x1FFF;
 
-std::string describe(const char* what, uint32_t address, size_t count) {
+std::string describeTransfer(const char* what, uint32_t address, size_t count) {
     char text[64];
     snprintf(text, sizeof text, "%s 0x%08x, %zu bytes", what, address, count);
     return text;
@@ -58,7 +58,7 @@ ssize_t Fpga::spiWrite(std::span<const uint8_t> bytes, bool truncated) {
     if (truncated ? bytes.size() <= kDataAt : !isWellFormed(bytes, false)) return count;
     const uint32_t address = big32(bytes, kAddressAt);
     const auto data = bytes.subspan(kDataAt, bytes.size() - (truncated ? kDataAt : kOverhead));
-    record(describe("write", address, data.size()), bytes);
+    record(describeTransfer("write", address, data.size()), bytes);
     mTransactions.push_back({now(), false, address, {bytes.begin(), bytes.end()}, {}});
     if (!mConfigured) return count;
     if (isRegister(address)) {
@@ -79,7 +79,7 @@ ssize_t Fpga::spiRead(std::span<uint8_t> bytes) {
                 uint8_t{0});  // while the header is sent, the FPGA returns no data
     const auto data = bytes.subspan(kReadDataAt);
     readInto(address, data);
-    record(describe("read", address, data.size()), data);
+    record(describeTransfer("read", address, data.size()), data);
     mTransactions.push_back({now(), true, address, sent, {data.begin(), data.end()}});
     return count;
 }
@@ -87,7 +87,7 @@ ssize_t Fpga::spiRead(std::span<uint8_t> bytes) {
 void Fpga::writeRegister(uint32_t address, std::span<const uint8_t> data) {
     const bool isReset = address == kTransmitReset || address == kReceiveReset;
     if (!isReset || data.size() != 1 || data[0] > 1) {
-        violation(describe("no register takes such a write:", address, data.size()), data);
+        violation(describeTransfer("no register takes such a write:", address, data.size()), data);
         return;
     }
     bool& reset = address == kTransmitReset ? mTransmitReset : mReceiveReset;
@@ -124,7 +124,7 @@ uint8_t Fpga::registerValue(uint32_t address) const {
         case kSgmiiNegotiation:
             return mNegotiation.value(now());
         default:
-            violation(describe("no register can be read:", address, 1));
+            violation(describeTransfer("no register can be read:", address, 1));
             return 0;
     }
 }

@@ -12,7 +12,7 @@ constexpr uint32_t kHighestRegister = 0x1f, kHighestValue = 0xFFFF;
 constexpr char kLinkUp[] = "0x907\n", kLinkDown[] = "0x103\n";
 
 // A number in hexadecimal after "0x".
-std::optional<uint32_t> numberOf(const std::string& word, uint32_t highest) {
+std::optional<uint32_t> hexNumberOf(const std::string& word, uint32_t highest) {
     if (word.size() < 3 || word.size() > 6 || word.compare(0, 2, "0x") != 0) return std::nullopt;
     if (word.find_first_not_of("0123456789abcdefABCDEF", 2) != std::string::npos) {
         return std::nullopt;
@@ -64,8 +64,8 @@ int Phy::store(std::string_view text) {
     std::istringstream words{std::string(text)};
     std::string verb, first, second, more;
     words >> verb >> first >> second >> more;
-    const auto number = numberOf(first, kHighestRegister);
-    const auto value = numberOf(second, kHighestValue);
+    const auto number = hexNumberOf(first, kHighestRegister);
+    const auto value = hexNumberOf(second, kHighestValue);
     const bool isWrite = verb == "w" && number && value && more.empty();
     const bool isRead = verb == "r" && number && second.empty();
     if (!isWrite && !isRead) {

@@ -11,7 +11,7 @@ namespace quil::board {
 namespace {
 
 constexpr uint8_t kErased = 0xFF;
-constexpr char kFile[] = "mtd0";
+constexpr char kCellsFile[] = "mtd0";
 
 std::string hexNumber(uint32_t number) {
     char text[16];
@@ -22,7 +22,7 @@ std::string hexNumber(uint32_t number) {
 }  // namespace
 
 SerialFlash::SerialFlash(BoardServices& board) : mBoard(board) {
-    const std::string content = mBoard.store->read(kFile).value_or("");
+    const std::string content = mBoard.store->read(kCellsFile).value_or("");
     const size_t size = std::min<size_t>(content.size(), kSize);
     mCells.assign(content.begin(), content.begin() + static_cast<ptrdiff_t>(size));
     trim();
@@ -149,6 +149,6 @@ void SerialFlash::trim() {
     while (!mCells.empty() && mCells.back() == kErased) mCells.pop_back();
 }
 
-void SerialFlash::save() const { mBoard.store->replace(kFile, textOf(mCells)); }
+void SerialFlash::save() const { mBoard.store->replace(kCellsFile, textOf(mCells)); }
 
 }  // namespace quil::board

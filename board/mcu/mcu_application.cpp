@@ -52,7 +52,7 @@ bool isUpdatersQuery(const std::vector<uint8_t>& frame) {
            (frame[wire::kFlagsAt] & wire::kWrite) == 0;
 }
 
-std::string describe(const char* what, const std::vector<uint8_t>& frame) {
+std::string describeFrame(const char* what, const std::vector<uint8_t>& frame) {
     char text[96];
     snprintf(text, sizeof text, "%s label=%u cmd=0x%08x %s payload=%zu", what,
              little16(frame, wire::kLabelAt), little32(frame, wire::kCommandAt),
@@ -166,7 +166,7 @@ void McuApplication::accept() {
                     {frame.begin() + wire::kPayloadAt, frame.end() - 2},
                     frame};
     if (mBoard.trace.recording()) {
-        mBoard.trace.add(EventKind::kFrame, "mcu", describe("request", frame), frame);
+        mBoard.trace.add(EventKind::kFrame, "mcu", describeFrame("request", frame), frame);
         mRequests.push_back(request);
         mFramesSeen.push_back(frame);
     }
@@ -213,7 +213,7 @@ void McuApplication::answer(const Request& request) {
 }
 
 void McuApplication::send(std::vector<uint8_t> frame) {
-    mBoard.trace.add(EventKind::kFrame, "mcu", describe("answer", frame), frame);
+    mBoard.trace.add(EventKind::kFrame, "mcu", describeFrame("answer", frame), frame);
     if (mCorrupt) frame[frame.size() - 2] ^= 0x01;
     mUart.sendToHost(mNoiseBefore);
     mUart.sendToHost(frame);
