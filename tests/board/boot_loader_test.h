@@ -28,7 +28,7 @@ class BoardBootLoaderTest : public testing::Test {
     static constexpr uint8_t kAck = 0x79, kNack = 0x1F;
 
     ~BoardBootLoaderTest() override {
-        if (fd_ >= 0) close(fd_);
+        if (mFd >= 0) close(mFd);
     }
 
     // A board with this part, an empty flash and its line open at the part's usual settings.
@@ -37,8 +37,8 @@ class BoardBootLoaderTest : public testing::Test {
         setPart(part);
         std::filesystem::remove(directory() / "mcu/flash");
         board = std::make_unique<board::Board>(directory());
-        fd_ = open("/dev/ttyS3", O_RDWR | O_NOCTTY);
-        ASSERT_GE(fd_, 0);
+        mFd = open("/dev/ttyS3", O_RDWR | O_NOCTTY);
+        ASSERT_GE(mFd, 0);
         setLine(speed, parity);
     }
 
@@ -47,7 +47,7 @@ class BoardBootLoaderTest : public testing::Test {
         settings.c_cflag = CS8 | CREAD | CLOCAL | parity;
         cfsetispeed(&settings, speed);
         cfsetospeed(&settings, speed);
-        ASSERT_EQ(tcsetattr(fd_, TCSANOW, &settings), 0);
+        ASSERT_EQ(tcsetattr(mFd, TCSANOW, &settings), 0);
     }
 
     void reset(int boot0) {
@@ -60,27 +60,27 @@ class BoardBootLoaderTest : public testing::Test {
 
     // Sends and returns what comes back while board time goes on.
     Bytes exchange(const Bytes& request, useconds_t wait = 50000) const {
-        EXPECT_EQ(write(fd_, request.data(), request.size()), static_cast<ssize_t>(request.size()));
+        EXPECT_EQ(write(mFd, request.data(), request.size()), static_cast<ssize_t>(request.size()));
         for (useconds_t slept = 0; slept < wait; slept += 500000) {
             usleep(std::min<useconds_t>(500000, wait - slept));
         }
         Bytes answer(4096);
-        const ssize_t got = read(fd_, answer.data(), answer.size());
+        const ssize_t got = read(mFd, answer.data(), answer.size());
         answer.resize(got > 0 ? static_cast<size_t>(got) : 0);
         return answer;
     }
 
-    int fd() const { return fd_; }
+    int fd() const { return mFd; }
     std::vector<std::string> violations() const { return board->violations(); }
     Bytes flash(uint32_t offset, size_t size) const {
         const auto cells = board->mcuChip().flash().cells().subspan(offset, size);
         return {cells.begin(), cells.end()};
     }
 
-    const std::filesystem::path& directory() const { return scratch_.path(); }
+    const std::filesystem::path& directory() const { return mScratch.path(); }
 
   private:
-    const board::TemporaryDirectory scratch_;
+    const board::TemporaryDirectory mScratch;
 
   protected:
     std::unique_ptr<board::Board> board;
@@ -93,8 +93,8 @@ class BoardBootLoaderTest : public testing::Test {
         board::writeWholeFile(file, text);
     }
 
-    std::filesystem::path directory_;
-    int fd_ = -1;
+    std::filesystem::path mDirectory;
+    int mFd = -1;
 };
 
 }  // namespace quil::tests
