@@ -1,7 +1,8 @@
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
+
 #include <iterator>
 
 namespace quil::host {

@@ -1,6 +1,6 @@
 #include "host/firmware_update_guard.h"
 
-#include <cassert>
+#include <assert.h>
 
 #include "config/config_info.h"
 

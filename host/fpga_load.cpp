@@ -1,8 +1,8 @@
 #include "host/fpga_load.h"
 
 #include <cutils/properties.h>
+#include <stdint.h>
 
-#include <cstdint>
 #include <string_view>
 
 #include "config/config_info.h"

@@ -51,7 +51,7 @@ bool FrameAssembler::extractOne(std::vector<WireFrame>& frames) {
     }
     frames.push_back(parseFrame(whole));
     ++mStatistics.frames;
-    mHeld.erase(mHeld.begin(), mHeld.begin() + static_cast<std::ptrdiff_t>(*size));
+    mHeld.erase(mHeld.begin(), mHeld.begin() + static_cast<ptrdiff_t>(*size));
     return true;
 }
 
@@ -65,7 +65,7 @@ void FrameAssembler::skipToMagic() {
 
 void FrameAssembler::skip(size_t count) {
     mStatistics.skippedBytes += count;
-    mHeld.erase(mHeld.begin(), mHeld.begin() + static_cast<std::ptrdiff_t>(count));
+    mHeld.erase(mHeld.begin(), mHeld.begin() + static_cast<ptrdiff_t>(count));
 }
 
 }  // namespace quil::host

@@ -1,6 +1,7 @@
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <vector>
 
 #include "host/wire_frame.h"

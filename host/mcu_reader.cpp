@@ -1,12 +1,12 @@
 #include "host/mcu_reader.h"
 
 #include <android/log.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <string.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <system_error>
 
 #include "host/log_tag.h"
@@ -84,10 +84,10 @@ McuReader::Wake McuReader::waitForSomething() {
 // False when the link is gone.
 bool McuReader::readWhatIsThere() {
     uint8_t piece[512];
-    const ssize_t count = read(mLink, piece, sizeof piece);
+    const ssize_t count = read(mLink, piece, sizeof(piece));
     if (count < 0) {
         if (errno == EINTR || errno == EAGAIN) return true;
-        lose(std::strerror(errno));
+        lose(strerror(errno));
         return false;
     }
     if (count == 0) {

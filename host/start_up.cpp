@@ -1,7 +1,7 @@
 #include "host/start_up.h"
 
-#include <cerrno>
-#include <cstring>
+#include <errno.h>
+#include <string.h>
 
 #include "config/config_info.h"
 #include "mculink/uart.h"
@@ -24,7 +24,7 @@ StartUpResult startUp() {
     const int link = sdk_uart_init(path.c_str(), config_info->mcu_baud_rate);
     if (link < 0) {
         return {StartUpError::kLink,
-                "the MCU link " + path + " could not be opened: " + std::strerror(errno)};
+                "the MCU link " + path + " could not be opened: " + strerror(errno)};
     }
     config_info->mcu_fd = link;
     return {};

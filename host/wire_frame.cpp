@@ -1,7 +1,8 @@
 #include "host/wire_frame.h"
 
-#include <cassert>
-#include <cstdio>
+#include <assert.h>
+#include <stdio.h>
+
 #include <numeric>
 
 namespace quil::host {
@@ -41,7 +42,7 @@ uint32_t loadField(ByteView bytes, const FixedField& field) {
 template <typename... Values>
 std::string formatted(const char* format, Values... values) {
     char text[128];
-    std::snprintf(text, sizeof text, format, values...);
+    snprintf(text, sizeof(text), format, values...);
     return text;
 }
 

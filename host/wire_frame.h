@@ -5,8 +5,9 @@
 //   22 command | 26 reserved | 30 payload | 16-bit sum of everything before it
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
+
 #include <optional>
 #include <string>
 #include <vector>

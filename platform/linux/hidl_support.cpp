@@ -1,10 +1,9 @@
 #define LOG_TAG "HidlSupport"
 
 #include <hidl/HidlSupport.h>
+#include <inttypes.h>
 #include <log/log.h>
-
-#include <cinttypes>
-#include <cstdio>
+#include <stdio.h>
 
 namespace android::hardware {
 

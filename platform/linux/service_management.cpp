@@ -4,8 +4,8 @@
 #include <hidl/HidlTransportSupport.h>
 #include <hidl/ServiceManagement.h>
 #include <log/log.h>
+#include <stdlib.h>
 
-#include <cstdlib>
 #include <sstream>
 
 using ::android::hidl::base::V1_0::IBase;

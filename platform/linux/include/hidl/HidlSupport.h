@@ -2,14 +2,14 @@
 
 #include <cutils/native_handle.h>
 #include <hidl/HidlInternal.h>
+#include <stddef.h>
+#include <stdint.h>
 #include <utils/Errors.h>
 #include <utils/RefBase.h>
 #include <utils/StrongPointer.h>
 
 #include <algorithm>
 #include <array>
-#include <cstddef>
-#include <cstdint>
 #include <functional>
 #include <initializer_list>
 #include <iterator>

@@ -1,10 +1,10 @@
 #pragma once
 
 #include <hidl/HidlSupport.h>
+#include <stdint.h>
 #include <utils/Errors.h>
 #include <utils/StrongPointer.h>
 
-#include <cstdint>
 #include <ostream>
 #include <string>
 #include <utility>
