@@ -1,37 +1,27 @@
 // A whole start of a Heron board's FPGA with a pending update, in board time and in the
 // workstation's.
 #include <benchmark/benchmark.h>
-#include <stdlib.h>
 
 #include <chrono>
 #include <cmath>
-#include <initializer_list>
 #include <string>
-#include <utility>
 
 #include "board/board.h"
 #include "config/config_info.h"
 #include "fpga/load_process.h"
-#include "fpga/screen/screen_params.h"
+#include "testing/library_state.h"
 
 namespace {
 
 using Seconds = std::chrono::duration<double>;
 
-// What the library itself has asked for.
+// The sum of the library's own pauses, in seconds.
 double pausesOf(quil::board::Board& board) {
     double seconds = 0;
     for (const auto& event : board.trace().events(quil::board::EventKind::kSleep)) {
         seconds += std::stod(event.text);
     }
     return seconds;
-}
-
-// The network side has come up before: its thread is none of this boot.
-void networkIsUp() {
-    const std::initializer_list<std::pair<size_t, uint8_t>> received = {
-        {23, 3}, {25, 1}, {33, 1}, {41, 1}, {47, 1}};
-    for (const auto& [at, value] : received) buffer[at] = value;
 }
 
 struct Boot {
@@ -41,6 +31,8 @@ struct Boot {
 };
 
 Boot bootOnce() {
+    const quil::tests::FreshLibrary library;
+    quil::tests::networkIsUp();
     quil::board::Board board;
     board.properties().set("persist.quil.system.fpga.fw.update", "1");
     Boot boot;
@@ -50,13 +42,13 @@ Boot bootOnce() {
     return boot;
 }
 
-// Counters: board_s is the boot's length in board time; remainder_us what of it is neither a pause
-// of the library nor the devices' own time, which has to be 0; speed is board time to real time.
+// Counters: board_s is the length of the boot in board time. remainder_us is the part of it that is
+// neither a pause of the library nor the devices' own time; it has to be 0. speed is board time
+// divided by real time.
 void heronBoot(benchmark::State& state) {
     double boardTime = 0, realTime = 0, remainder = 0;
-    networkIsUp();
     for (auto _ : state) {
-        // Both outside of the board's power, whose clock would be the board's.
+        // Read while no board is powered: during a boot, this clock shows board time.
         const auto start = std::chrono::steady_clock::now();
         const Boot boot = bootOnce();
         realTime += Seconds(std::chrono::steady_clock::now() - start).count();
@@ -71,8 +63,6 @@ void heronBoot(benchmark::State& state) {
     state.counters["board_s"] = boardTime / runs;
     state.counters["remainder_us"] = std::round(remainder / runs * 1e9) / 1e3;
     state.counters["speed"] = boardTime / realTime;
-    free(config_info);
-    config_info = nullptr;
 }
 
 BENCHMARK(heronBoot)->Unit(benchmark::kMillisecond);

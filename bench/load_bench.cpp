@@ -1,26 +1,25 @@
-// What loading the library costs: the loader's time in a fresh process, and what it has to work on.
+// What loading the library costs: the loader's time in a fresh process, and the sizes that it
+// depends on.
 #include <benchmark/benchmark.h>
-#include <stdio.h>
 
-#include <memory>
+#include <sstream>
 #include <string>
 
 #include "testing/build.h"
+#include "testing/program_output.h"
 
 namespace {
 
-using Pipe = std::unique_ptr<FILE, int (*)(FILE*)>;
-
-// The number that a command prints first.
+// The first number of a command's output.
 double numberFrom(const std::string& command) {
+    std::istringstream output(quil::tests::outputOf(command));
     double number = 0;
-    const Pipe pipe(popen(command.c_str(), "r"), pclose);
-    return pipe && fscanf(pipe.get(), "%lf", &number) == 1 ? number : -1;
+    return output >> number ? number : -1;
 }
 
 constexpr char kName[] = "/quil.hardware.quilservicemanager@1.0-impl.so'";
 
-// What `size` calls text, and what the loader has to work on.
+// The size of the text, and the number of relocations.
 void describe(benchmark::State& state, const std::string& directory) {
     const std::string library = "'" + directory + kName;
     state.counters["textBytes"] = numberFrom("size " + library + " | tail -n 1");

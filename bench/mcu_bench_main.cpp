@@ -1,6 +1,6 @@
+#include <stdio.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <exception>
 #include <ext/stdio_filebuf.h>
 #include <iostream>
@@ -8,12 +8,13 @@
 #include "bench/mcu_bench.h"
 
 int main() {
-    // The library prints its progress: that goes nowhere, the report to where it went.
+    // The library prints its progress to standard output. That is discarded; the report goes to
+    // the original standard output.
     __gnu_cxx::stdio_filebuf<char> buffer(dup(STDOUT_FILENO), std::ios::out);
     std::ostream report(&buffer);
     if (freopen("/dev/null", "w", stdout) == nullptr) return 2;
     try {
-        // The sweep forks: it comes before there is any thread.
+        // First, because the sweep forks, which is safe only while there is one thread.
         const bool isMended = quil::bench::powerCutSweep(report);
         const bool isAsPredicted = quil::bench::mcuProgramming(report);
         const bool isBeside = quil::bench::stm32flashBeside(report);

@@ -1,12 +1,11 @@
-// What programming the MCU costs: in board time, beside what the contract's
-// pauses, the bytes on the line and the flash have to take; in processor time, the board included;
-// and beside it stm32flash with the same part, in real time.
+// What programming the MCU costs: in board time, compared with the sum of the contract's pauses,
+// the bytes on the line and the work of the flash; and in processor time, the board included.
+#include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
 
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <filesystem>
 #include <optional>
 #include <ostream>
@@ -37,7 +36,7 @@ double processorSeconds() {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-// What a session has to take, worked out from the contract's numbers and the part's data alone.
+// The time that a session has to take, from the contract's numbers and the part's data alone.
 class Prediction {
   public:
     Prediction(const McuPart& part, size_t size) : mPart(part) {
@@ -57,11 +56,11 @@ class Prediction {
 
   private:
     static constexpr size_t kBlock = 256;
-    static constexpr Nanos kRound = milliseconds(10);  // between two looks at the line
+    static constexpr Nanos kRound = milliseconds(10);  // between two polls of the line
 
     void pause(Nanos time) { mPauses += time; }
 
-    // Line and flash at work, with `pause` before the first look at the answer.
+    // The line's and the flash's time, rounded up to the polls: the first one comes after `pause`.
     void exchange(size_t sent, size_t answered, Nanos flash, Nanos pause = {}) {
         const Nanos line = static_cast<long>(sent + answered) * kIspLine.byteTime();
         const Nanos busy = line + flash;
@@ -105,7 +104,7 @@ class Session {
     board::Board& board() { return *mBoard; }
     const McuPart& part() const { return mPart; }
 
-    // Returns what it took in board time.
+    // Returns its length in board time.
     Nanos run() {
         std::string image = "/vendor/firmware/mcu_Heron.bin", port = mBoard->mcuUart().path();
         std::string chip = mPart.name;
@@ -131,12 +130,11 @@ bool printBoardTime(std::ostream& out, board::McuKind kind, size_t size) {
     const Nanos total = session.run();
     const Prediction prediction(session.part(), size);
     char text[160];
-    std::snprintf(text, sizeof text, "%s, %zu KiB: %.6f s of board time\n", session.part().name,
-                  size / 1024, seconds(total));
+    snprintf(text, sizeof(text), "%s, %zu KiB: %.6f s of board time\n", session.part().name,
+             size / 1024, seconds(total));
     out << text;
     const auto row = [&](const char* what, Nanos time, const std::string& note) {
-        std::snprintf(text, sizeof text, "  %-10s %12.6f s  %s\n", what, seconds(time),
-                      note.c_str());
+        snprintf(text, sizeof(text), "  %-10s %12.6f s  %s\n", what, seconds(time), note.c_str());
         out << text;
     };
     row("pauses", prediction.pauses(), "fixed ones, and what is left of each 10 ms round");
@@ -157,9 +155,9 @@ void printProcessorTime(std::ostream& out, board::McuKind kind, size_t size) {
         best = std::min(best, processorSeconds() - start);
     }
     char text[160];
-    std::snprintf(text, sizeof text,
-                  "%s, %zu KiB: %.2f s of board time took %.1f ms of processor time: %.0f times\n",
-                  partOf(kind).name, size / 1024, boardTime, best * 1e3, boardTime / best);
+    snprintf(text, sizeof(text),
+             "%s, %zu KiB: %.2f s of board time took %.1f ms of processor time: %.0f times\n",
+             partOf(kind).name, size / 1024, boardTime, best * 1e3, boardTime / best);
     out << text;
 }
 

@@ -1,12 +1,12 @@
 // How many power cuts a second an exhaustive sweep over an MCU update makes, each with the clean
 // boot that mends it: on two cores, a process on each.
+#include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
 #include <time.h>
 #include <unistd.h>
 
 #include <array>
-#include <cstdio>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -32,7 +32,8 @@ double secondsOn(clockid_t clock) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-// Every so-manieth cut, from that one on. The library complains of a board without power.
+// Every kWorkers-th cut, starting at `first`. Standard error is discarded: the library reports each
+// failure of a board without power.
 Share sweep(size_t first) {
     FILE* report = fdopen(dup(STDERR_FILENO), "w");
     if (report == nullptr || freopen("/dev/null", "w", stderr) == nullptr) {
@@ -47,7 +48,7 @@ Share sweep(size_t first) {
         ++share.cuts;
         if (problem.empty()) continue;
         ++share.wrong;
-        std::fprintf(report, "cut %s: %s\n", tests::nameOf(all[i]).c_str(), problem.c_str());
+        fprintf(report, "cut %s: %s\n", tests::nameOf(all[i]).c_str(), problem.c_str());
     }
     fclose(report);
     share.processorSeconds = secondsOn(CLOCK_PROCESS_CPUTIME_ID);
@@ -72,19 +73,19 @@ Worker startWorker(size_t first) {
     try {
         share = sweep(first);
     } catch (const std::exception& error) {
-        std::fprintf(stderr, "sweep: %s\n", error.what());
+        fprintf(stderr, "sweep: %s\n", error.what());
         _exit(1);
     }
-    _exit(write(ends[1], &share, sizeof share) == sizeof share ? 0 : 1);
+    _exit(write(ends[1], &share, sizeof(share)) == sizeof(share) ? 0 : 1);
 }
 
 Share shareOf(const Worker& worker) {
     Share share;
-    const ssize_t got = read(worker.report, &share, sizeof share);
+    const ssize_t got = read(worker.report, &share, sizeof(share));
     close(worker.report);
     int status = 0;
     waitpid(worker.process, &status, 0);
-    if (got != sizeof share || status != 0) throw std::runtime_error("a sweep failed");
+    if (got != sizeof(share) || status != 0) throw std::runtime_error("a sweep failed");
     return share;
 }
 
@@ -104,11 +105,11 @@ bool powerCutSweep(std::ostream& out) {
     const double seconds = secondsOn(CLOCK_MONOTONIC) - start;
     const auto cuts = static_cast<double>(all.cuts);
     char text[256];
-    std::snprintf(text, sizeof text,
-                  "power cuts in an update of gd32f303, %zu KiB: %.0f cuts in %.1f s on %d cores: "
-                  "%.0f a second\n  (%.0f a second of processor time and core), %.0f not mended\n",
-                  kImageSize / 1024, cuts, seconds, kWorkers, cuts / seconds,
-                  cuts / all.processorSeconds, static_cast<double>(all.wrong));
+    snprintf(text, sizeof(text),
+             "power cuts in an update of gd32f303, %zu KiB: %.0f cuts in %.1f s on %d cores: "
+             "%.0f a second\n  (%.0f a second of processor time and core), %.0f not mended\n",
+             kImageSize / 1024, cuts, seconds, kWorkers, cuts / seconds,
+             cuts / all.processorSeconds, static_cast<double>(all.wrong));
     out << text;
     return all.wrong == 0;
 }

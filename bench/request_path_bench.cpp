@@ -1,6 +1,6 @@
-// What one request costs, beside the least that its contract asks for: the same write and hand-over
-// between two threads, the same flushed lines, and as many reads of the level property. No board is
-// powered: the calls go straight to the C library.
+// What one request costs, compared with the least that the contract demands: the same write and
+// hand-over between two threads, the same flushed lines, and as many reads of the level property.
+// No board is powered: the calls go straight to the C library.
 #include <benchmark/benchmark.h>
 #include <cutils/properties.h>
 #include <dlfcn.h>
@@ -20,6 +20,7 @@
 #include <vector>
 
 #include "board/board.h"
+#include "board/core/temporary_directory.h"
 #include "common/log.h"
 #include "config/config_info.h"
 #include "mculink/frame.h"
@@ -28,7 +29,7 @@
 #include "service/quil_service_manager.h"
 #include "testing/build.h"
 
-// Heap blocks are counted by standing in front of the C library's allocator.
+// Replaces the C library's malloc, to count heap blocks.
 extern "C" void* __libc_malloc(size_t size);
 static std::atomic<uint64_t> gHeapBlocks{0};
 extern "C" void* malloc(size_t size) {
@@ -45,13 +46,13 @@ using Request = android::hardware::hidl_vec<uint8_t>;
 
 constexpr char kLibrary[] = QUIL_LIB_DIR "/quil.hardware.quilservicemanager@1.0-impl.so";
 
-// Opens what tells whether an answer was taken.
+// Shows whether an answer was accepted.
 class OpenService : public QuilServiceManager {
   public:
     using QuilServiceManager::mDataReady;
 };
 
-// A pipe as the MCU's link, and the MCU: a thread that hears how many bytes have come in all.
+// A pipe as the MCU's link, and a thread as the MCU: it reports the total number of bytes read.
 class Link {
   public:
     explicit Link(std::function<void(size_t)> heard) {
@@ -93,8 +94,8 @@ void requestPath(benchmark::State& state) {
     const auto body = static_cast<size_t>(state.range(0));
     std::atomic<size_t> served{0};
     const Link link([&](size_t bytes) {
-        // An answer that overtakes the start of the wait is forgotten by contract: say it again,
-        // until as many requests have come back as have been read.
+        // By contract an answer that arrives before the wait begins is dropped: repeat it until as
+        // many requests have returned as were read.
         const size_t frames =
             bytes / (quil::mculink::kPacketHeaderSize + body + quil::mculink::kChecksumSize);
         while (served < frames) {
@@ -118,7 +119,7 @@ void requestPath(benchmark::State& state) {
     config_info = nullptr;
 }
 
-// The messages of such a request, each with its read of the level: those that a board keeps at 'D'.
+// The number of messages of such a request, each with a read of the level: those logged at level D.
 size_t messagesOf(size_t body) {
     quil::board::Board board;
     board.properties().set(quil::common::kLogLevelProperty, "D");
@@ -152,7 +153,8 @@ void readLevels(size_t count) {
     }
 }
 
-// The bare loop: a write of the same frame and one condition-variable hand-over back.
+// The lower bound: a write of the same frame and one hand-over by condition variable; with the
+// lines and reads of the level of a request, what the contract demands.
 template <bool kWithLinesAndLevels>
 void loop(benchmark::State& state) {
     const auto body = static_cast<size_t>(state.range(0));
@@ -186,17 +188,17 @@ void loop(benchmark::State& state) {
 void bareLoop(benchmark::State& state) { loop<false>(state); }
 void contractsLeast(benchmark::State& state) { loop<true>(state); }
 
-// One message that is off: the read of the level property and nothing else.
+// One message below the log level: only the level property is read.
 void logGateOff(benchmark::State& state) {
     const uint8_t byte = 0;
     for (auto _ : state) printsend(&byte, 1);
 }
 
-// A copy of the library's file, since the library itself is loaded already.
+// Loads a copy of the library's file: the library itself is already loaded.
 void loadToFactory(benchmark::State& state) {
-    const auto copy = std::filesystem::temp_directory_path() /
-                      ("quil-load-bench-" + std::to_string(getpid()) + ".so");
-    std::filesystem::copy_file(kLibrary, copy, std::filesystem::copy_options::overwrite_existing);
+    const quil::board::TemporaryDirectory scratch;
+    const std::filesystem::path copy = scratch.path() / "library.so";
+    std::filesystem::copy_file(kLibrary, copy);
     for (auto _ : state) {
         void* library = dlopen(copy.c_str(), RTLD_NOW | RTLD_LOCAL);
         auto* factory = reinterpret_cast<IQuilServiceManager* (*)(const char*)>(
@@ -210,7 +212,6 @@ void loadToFactory(benchmark::State& state) {
         service.clear();
         dlclose(library);
     }
-    std::filesystem::remove(copy);
 }
 
 BENCHMARK(requestPath)->Arg(1)->Arg(4112)->UseRealTime();
@@ -222,7 +223,8 @@ BENCHMARK(loadToFactory);
 }  // namespace
 
 int main(int argc, char** argv) {
-    // The request path prints four lines a request: they go nowhere, the report to where they went.
+    // The library prints four lines a request to standard output. They are discarded; the report
+    // goes to the original standard output.
     __gnu_cxx::stdio_filebuf<char> buffer(dup(STDOUT_FILENO), std::ios::out);
     std::ostream report(&buffer);
     if (freopen("/dev/null", "w", stdout) == nullptr) return 1;

@@ -1,4 +1,4 @@
-// What the index of a full screen partition costs, beside one copy of the same bytes.
+// What indexing a full screen partition costs, compared with one copy of the same bytes.
 #include <benchmark/benchmark.h>
 #include <string.h>
 
@@ -12,7 +12,7 @@ namespace {
 constexpr size_t kPartitionSize = 0x200000;
 constexpr uint32_t kBlocks = 60;
 
-// As many blocks as there can be, which fill the partition to its last byte.
+// The largest number of blocks; they fill the partition to its last byte.
 std::vector<uint8_t> fullPartition() {
     std::vector<uint8_t> image(kPartitionSize, 0x5A);
     quil::common::putBe32(image.data(), kBlocks);

@@ -1,9 +1,9 @@
 // stm32flash with the same boot-loader model behind a pseudo terminal, in real time.
+#include <stdio.h>
 #include <stdlib.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <ostream>
 #include <stdexcept>
@@ -31,7 +31,7 @@ double now() {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-// Returns whether it says that it has written everything.
+// Returns whether stm32flash reports that it wrote everything.
 bool write(const fs::path& image, const fs::path& port) {
     const std::string command = std::string(kProgram) + " -m 8n1 -b 115200 -w " + image.string() +
                                 " " + port.string() + " >/dev/null 2>&1";
@@ -58,9 +58,9 @@ bool stm32flashBeside(std::ostream& out) {
     bridge.stop();
     server.join();
     char text[160];
-    std::snprintf(text, sizeof text,
-                  "stm32flash -m 8n1 -b 115200, %zu KiB, gd32f470: %s %.2f s, real time\n",
-                  kWrittenSize / 1024, isDone ? "took" : "FAILED after", seconds);
+    snprintf(text, sizeof(text),
+             "stm32flash -m 8n1 -b 115200, %zu KiB, gd32f470: %s %.2f s, real time\n",
+             kWrittenSize / 1024, isDone ? "took" : "FAILED after", seconds);
     out << text;
     return isDone;
 }

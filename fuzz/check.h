@@ -1,4 +1,4 @@
-// What a fuzz target says when something does not hold that has to.
+// How a fuzz target reports that a condition does not hold.
 #pragma once
 
 #include <stdexcept>
@@ -6,7 +6,7 @@
 
 namespace quil::fuzz {
 
-// Nobody catches it under libFuzzer: it ends the process, and the input is kept.
+// Not caught under libFuzzer: it ends the process, and libFuzzer keeps the input.
 class Finding : public std::runtime_error {
   public:
     using std::runtime_error::runtime_error;

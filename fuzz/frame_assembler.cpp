@@ -1,5 +1,5 @@
-// The MCU's byte stream in pieces of any size. Input: a byte that decides the pieces' sizes, then
-// the stream.
+// The MCU's byte stream, cut into pieces. Input: a byte from which the sizes of the pieces follow,
+// then the stream.
 #include "host/frame_assembler.h"
 
 #include "fuzz/check.h"
@@ -13,7 +13,7 @@ using host::Bytes;
 using host::FrameAssembler;
 using host::WireFrame;
 
-// The frames of a whole stream, by its definition: at each byte a good frame starts, or none does.
+// The frames of a whole stream, straight from the definition: try every byte as a frame's start.
 std::vector<Bytes> framesOf(std::span<const uint8_t> stream) {
     std::vector<Bytes> frames;
     while (stream.size() >= host::wire::kOverhead) {
@@ -52,7 +52,7 @@ std::vector<WireFrame> feedInPieces(FrameAssembler& assembler, std::span<const u
     return frames;
 }
 
-// What was built from a frame's fields is a good frame with these fields.
+// A frame that is built from these fields parses to the same fields.
 void checkRoundTrip(const WireFrame& frame) {
     const Bytes bytes = host::buildFrame(frame);
     check(host::frameProblems(bytes).empty(), "a built frame has problems");
@@ -61,7 +61,7 @@ void checkRoundTrip(const WireFrame& frame) {
 
 void checkResynchronised(FrameAssembler& assembler) {
     WireFrame good;
-    good.label = 0xBB55;  // a magic in a frame's middle
+    good.label = 0xBB55;  // looks like the magic, in the middle of a frame
     good.payload = {0x55, 0xBB, 0x00};
     const auto frames = assembler.feed(host::buildFrame(good));
     check(frames.size() == 1 && isSame(frames[0], good), "a good frame after the stream is lost");

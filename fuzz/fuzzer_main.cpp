@@ -1,10 +1,10 @@
-// What libFuzzer calls: the one target that this program was built for.
+// libFuzzer's entry point: calls the target that this program was built for.
+#include <signal.h>
+#include <stddef.h>
+#include <stdlib.h>
 #include <sys/time.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <cstddef>
-#include <cstdlib>
 #include <string_view>
 
 #include "fuzz/targets.h"
@@ -20,8 +20,8 @@ constexpr const quil::fuzz::Target* targetOfThisProgram() {
 constexpr const quil::fuzz::Target* kTarget = targetOfThisProgram();
 static_assert(kTarget != nullptr, "a program without a target");
 
-// In place of libFuzzer's own time-out, which would look at the board's clock: so much processor
-// time, which a busy machine does not use up.
+// Replaces libFuzzer's own time-out, which would read the board's clock. A limit of processor time
+// does not fail on a busy machine.
 constexpr time_t kProcessorSecondsMost = 30;
 
 void limitProcessorTime(time_t seconds) {
@@ -38,7 +38,7 @@ extern "C" void spins(int /*signal*/) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    static const auto former = std::signal(SIGPROF, spins);
+    static const auto former = signal(SIGPROF, spins);
     (void)former;
     limitProcessorTime(kProcessorSecondsMost);
     kTarget->run({data, size});

@@ -1,15 +1,17 @@
-// What a fuzz target takes its input apart with.
+// Splits a fuzz target's input into numbers and byte strings.
 #pragma once
 
+#include <stddef.h>
+#include <stdint.h>
+
 #include <algorithm>
-#include <cstddef>
-#include <cstdint>
 #include <span>
-#include <string>
+
+#include "testing/bytes.h"
 
 namespace quil::fuzz {
 
-// Reads an input from its front. What is not there reads as 0.
+// Reads an input from its front; 0 past its end.
 class Input {
   public:
     explicit Input(std::span<const uint8_t> bytes) : mRest(bytes) {}
@@ -36,8 +38,6 @@ class Input {
     std::span<const uint8_t> mRest;
 };
 
-inline std::string textOf(std::span<const uint8_t> bytes) {
-    return {reinterpret_cast<const char*>(bytes.data()), bytes.size()};
-}
+using tests::textOf;
 
 }  // namespace quil::fuzz

@@ -1,6 +1,6 @@
-// A programming session or an update, and an MCU that answers anything. Input: session, image,
-// circumstances, what happens when the script is over, a fault (call and error, calls before it,
-// times), and then the script: for each write of the host a byte that says what is answered to it.
+// A programming session or an update with an MCU that answers anything. Input, one byte each: the
+// session, the image, the circumstances, what follows the script, a fault (call and error, calls
+// before it, times); then the script: for each write of the host, a byte that selects the answer.
 #include <errno.h>
 #include <unistd.h>
 
@@ -16,19 +16,18 @@
 #include "isp/n32_upgrade.h"
 #include "isp/serial_port.h"
 #include "mculink/uart.h"
+#include "testing/bytes.h"
+#include "testing/isp_session.h"
 
 namespace quil::fuzz {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
 using board::Call;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using tests::Bytes;
 
 constexpr char kImage[] = "/vendor/firmware/mcu_Heron.bin";
-constexpr char kBoot0Low[] = "echo 0 > /sys/class/quilgpios/MCU_BOOT0/value";
-constexpr char kResetLow[] = "echo 0 > /sys/class/quilgpios/MCU_NRST/value";
-constexpr char kResetHigh[] = "echo 1 > /sys/class/quilgpios/MCU_NRST/value";
 
 const Bytes kN32Good = {0xAA, 0x55, 0x01, 0x00, 0x00, 0x00, 0xA0, 0x00, 0x5E};
 
@@ -37,9 +36,7 @@ Bytes n32Info() {
     answer[0] = 0xAA;
     answer[1] = 0x55;
     answer[57] = 0xA0;
-    uint8_t check = 0;
-    for (const uint8_t byte : answer) check ^= byte;
-    answer[59] = check;
+    answer[59] = tests::xorOf(answer);
     return answer;
 }
 
@@ -54,14 +51,15 @@ class HostilePeer final : public board::UartPeer {
     }
     ~HostilePeer() override { mBoard.mcuUart().attach(nullptr); }
 
-    // It hears whatever the port is set to.
+    // Always the port's own settings, so that no byte is garbled.
     board::LineSettings lineSettings() const override { return mBoard.mcuUart().hostLine(); }
     void receive(uint8_t byte) override {
         if (mBoard.mcuUart().bytesOnTheWay() == 0) answerTo(byte);
     }
 
   private:
-    // Low 4 bits: so many bytes of the script. Above them what comes before these, and how late.
+    // Bits 0 to 3: how many bytes of the script to send. Bits 4 and 5: what to send before them.
+    // Bits 6 and 7: the delay.
     void answerTo(uint8_t byte) {
         if (mScript.empty() && mAfter == After::kAgain) mScript = Input(mWhole);
         if (mScript.empty()) return answerAfterTheScript(byte);
@@ -112,18 +110,18 @@ int update() {
     return result;
 }
 int n32Update() {
-    snprintf(config_info->mcu_serial, sizeof config_info->mcu_serial, "n32g45x");
+    snprintf(config_info->mcu_serial, sizeof(config_info->mcu_serial), "n32g45x");
     return doMcuUpdateByIsp();
 }
 
 struct Session {
     int (*run)();
-    std::array<int, 3> results;  // that it may end with
-    seconds most;                // of board time
+    std::array<int, 3> results;  // the allowed ones
+    seconds most;                // limit of board time
 };
-// What a session may take: every answer 2.9 s late, three of them for each of the image's 12
-// blocks, and 10 s for each that a port which may not wait never gives; an N32's come byte by byte,
-// up to 3 s each. An update is five sessions.
+// The limits of time: every answer is 2.9 s late, three for each of the image's 12 blocks; a
+// read of a port that may not wait fails for 10 s. The answers of an N32 come byte by byte, up to
+// 3 s each. An update is five sessions.
 constexpr Session kSessions[] = {
     {production, {0, 15, 15}, seconds(200)},      {n32Upgrade, {0, -1, 255}, seconds(900)},
     {update, {0, -1, -1}, seconds(1000)},         {n32Update, {0, -1, -1}, seconds(4500)},
@@ -134,7 +132,7 @@ constexpr Session kSessions[] = {
 };
 constexpr std::array<size_t, 8> kImageSizes = {0, 1, 127, 128, 256, 1000, 1024, 3000};
 
-// An image that is not there, or of one of the sizes.
+// Writes an image of one of the sizes, or removes it.
 void putImage(board::Board& board, uint8_t which) {
     if ((which & 0x0F) == 0x0F) {
         std::filesystem::remove(board.hostPath(kImage));
@@ -164,13 +162,14 @@ void addFault(board::Board& board, Input& input) {
     board.faults().add(fault);
 }
 
-// Once a session has touched the lines, it leaves the MCU reset into its application.
+// A session that has driven the lines ends with the MCU reset into its application.
 void checkMcuIsLeftInItsApplication(board::Board& board) {
     const auto commands = board.trace().events(board::EventKind::kShell);
     if (commands.empty()) return;
     check(commands.size() >= 3, "lines left in the middle");
     const auto* last = &commands[commands.size() - 3];
-    check(last[0].text == kBoot0Low && last[1].text == kResetLow && last[2].text == kResetHigh,
+    check(last[0].text == tests::kBoot0Low && last[1].text == tests::kResetLow &&
+              last[2].text == tests::kResetHigh,
           "the MCU is not reset into its application");
 }
 

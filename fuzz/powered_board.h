@@ -1,26 +1,18 @@
-// A board for one input, and a library as freshly loaded.
+// A board for one input, and a library in the state in which it was loaded.
 #pragma once
-
-#include <stdlib.h>
-#include <string.h>
 
 #include <filesystem>
 
 #include "board/board.h"
 #include "board/core/temporary_directory.h"
-#include "config/config_info.h"
-#include "fpga/screen/screen_params.h"
-#include "fpga/screen/screen_passes.h"
-#include "isp/serial_port.h"
-#include "mculink/frame.h"
-#include "selftest/self_test.h"
+#include "testing/library_state.h"
 
 namespace quil::fuzz {
 
 inline constexpr char kUart[] = "/dev/ttyS3";
 
-// Where the boards of a process lie, one after the other: copies of one, for making one anew takes
-// most of an input's time.
+// The directory of a process's boards, one at a time. Each is a copy of a model board: making one
+// from scratch would take most of an input's time.
 class BoardPlace {
   public:
     static BoardPlace& ofThisProcess() {
@@ -43,28 +35,13 @@ class BoardPlace {
 
 class PoweredBoard {
   public:
-    PoweredBoard() { forgetState(); }
-    ~PoweredBoard() { forgetState(); }
-    PoweredBoard(const PoweredBoard&) = delete;
-    PoweredBoard& operator=(const PoweredBoard&) = delete;
-
     board::Board* operator->() { return &mBoard; }
     board::Board& operator*() { return mBoard; }
 
     void logEverything() { mBoard.properties().set("persist.quil.device.log.level", "D"); }
 
   private:
-    static void forgetState() {
-        free(config_info);
-        config_info = nullptr;
-        g_n_lable = 0;
-        fd = -1;
-        for (test_option_t& row : test_option_table) row.enable = 0;
-        memset(st_func_offset_map_tab, 0, sizeof st_func_offset_map_tab);
-        memset(free_routing_topology, 0, sizeof free_routing_topology);
-        memset(buffer, 0, sizeof buffer);
-    }
-
+    const tests::FreshLibrary mLibrary;
     board::Board mBoard{BoardPlace::ofThisProcess().freshBoard()};
 };
 

@@ -37,10 +37,10 @@ void checkParsedAgain() {
     const config_info_t first = *config_info;
     const config_info_t* where = config_info;
     check(parseConfigInfo() == 0 && config_info == where, "the record has moved");
-    check(memcmp(&first, config_info, sizeof first) == 0, "parsed again it is another record");
+    check(memcmp(&first, config_info, sizeof(first)) == 0, "parsed again it is another record");
 }
 
-// What the checker finds nothing wrong with is read without a word.
+// Where the checker finds no error, the library logs none.
 void checkTheChecker(const std::string& content, const std::vector<std::string>& errors) {
     const auto problems = tools::checkProductFile(content);
     const auto lines = std::count(content.begin(), content.end(), '\n') + 1;

@@ -1,4 +1,4 @@
-// What quilctl makes of words and of standard input. Input: text.
+// How quilctl reads values from its arguments and from standard input. Input: text.
 #include <sstream>
 
 #include "fuzz/check.h"

@@ -1,6 +1,6 @@
-// Requests of clients, through the service to the MCU and back. Input, once for each request: a
-// byte of circumstances, 16 bits of length, so many bytes; where kIsLong is set, 16 bits that say
-// how many bytes 0xA5 follow them.
+// Requests of clients, through the service to the MCU and back. Input, for each request: a byte of
+// circumstances, a length (16 bits), and that number of bytes; with kIsLong also the number (16
+// bits) of bytes 0xA5 to append.
 #include <unistd.h>
 
 #include <memory>
@@ -13,13 +13,14 @@
 #include "host/mcu_reader.h"
 #include "mculink/uart.h"
 #include "service/quil_service_manager.h"
+#include "testing/bytes.h"
 
 namespace quil::fuzz {
 namespace {
 
 using namespace hardware::quilservicemanager::implementation;  // NOLINT: the thing fuzzed
 using android::hardware::hidl_vec;
-using Bytes = std::vector<uint8_t>;
+using tests::Bytes;
 
 constexpr uint8_t kIsSet = 0x01, kMoodMask = 0x06, kIsUpdating = 0x08, kIsLong = 0x10,
                   kIsLogged = 0x20;
@@ -85,7 +86,7 @@ class Conversation {
         checkSent(request, mBoard->mcu().requests(), sent);
         checkAnswer(request, answer);
         check(mBoard->violations().empty(), "the MCU refuses something");
-        mBoard->runFor(kLineMost);  // an answer that comes too late belongs to nobody
+        mBoard->runFor(kLineMost);  // so that a late answer does not meet the next request
         mService->wakeUp(Bytes());
     }
 

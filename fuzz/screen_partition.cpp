@@ -1,5 +1,6 @@
-// The partition of screen parameters. Input: a byte of mode, then the partition as it stands, or a
-// recipe for one: the count's deviation, then for each block its kind, length (16 bits) and seed.
+// The partition of screen parameters. Input: a byte of mode, then either the partition itself or a
+// recipe: by how much the header's count is wrong, then each block's kind, length (16 bits) and
+// seed.
 #include <iterator>
 #include <numeric>
 
@@ -7,6 +8,7 @@
 #include "fuzz/input.h"
 #include "fuzz/powered_board.h"
 #include "fuzz/targets.h"
+#include "testing/bytes.h"
 #include "testing/screen_reading.h"
 #include "tools/quilctl/files/screen_file.h"
 
@@ -24,11 +26,7 @@ constexpr uint32_t kAddresses[] = {
 constexpr size_t kFixedTransfers = 7 + 1 + 7, kTransfersMost = 20000;
 constexpr size_t kTopologiesMost = 20, kFarFromTheEnd = 0x1C0000;
 
-void appendWord(Bytes& bytes, uint32_t value) {
-    for (const int shift : {24, 16, 8, 0}) bytes.push_back(static_cast<uint8_t>(value >> shift));
-}
-
-// Mostly zeros, so that the counts which it may be taken for stay small.
+// Mostly zeros: a load may read the data as counts, and large ones would take long.
 void appendData(Bytes& bytes, size_t length, uint8_t seed) {
     for (size_t i = 0; i < length; ++i) {
         bytes.push_back(i % (size_t{seed} + 2) == 3 ? seed & 3 : uint8_t{0});
@@ -42,13 +40,13 @@ Bytes partitionOf(Input recipe) {
     while (!recipe.empty() && count < 64) {
         const uint8_t kind = recipe.byte();
         const uint16_t length = recipe.word();
-        appendWord(blocks, kAddresses[kind % std::size(kAddresses)]);
-        appendWord(blocks, kind >= 0xF0 ? UINT32_MAX - length : length);
+        tests::appendWord(blocks, kAddresses[kind % std::size(kAddresses)]);
+        tests::appendWord(blocks, kind >= 0xF0 ? UINT32_MAX - length : length);
         appendData(blocks, length, recipe.byte());
         ++count;
     }
     Bytes partition;
-    appendWord(partition, count + static_cast<uint32_t>(deviation));
+    tests::appendWord(partition, count + static_cast<uint32_t>(deviation));
     partition.insert(partition.end(), blocks.begin(), blocks.end());
     return partition;
 }
@@ -61,7 +59,7 @@ size_t transfersOf(const ScreenFile& file) {
     return count;
 }
 
-// Whether each block has all the bytes that a load takes for its own.
+// Whether each block is as long as a load assumes.
 bool isComplete(const ScreenFile& file) {
     if (file.damage || file.size > kFarFromTheEnd) return false;
     size_t topologies = 0;
@@ -84,7 +82,7 @@ void checkRoundTrip(const Bytes& partition, const ScreenFile& file) {
     check(built.size() == file.size, "built again it has another size");
 }
 
-// Rows as an earlier load, or anybody else, may have left them.
+// Fills the exported table with rows that an earlier load or another component may have left.
 void leaveRows(uint8_t seed) {
     for (size_t i = 0; i < std::size(st_func_offset_map_tab); ++i) {
         const auto n = static_cast<uint32_t>(i * 37 + seed);

@@ -1,4 +1,4 @@
-// A line for the board's shell: how it is read, and what it does. Input: the line.
+// A line for the board's shell: its parsing and its run. Input: the line.
 #include <algorithm>
 #include <stdexcept>
 
@@ -52,7 +52,7 @@ bool isSame(const Commands& left, const Commands& right) {
                       [](const auto& a, const auto& b) { return isSame(a, b); });
 }
 
-// A file of the board that the line may touch. Others are the workstation's own.
+// Whether the path is below the board's own; any other is a file of the workstation.
 bool isHarmless(const std::string& path) {
     if (path.find("..") != std::string::npos) return false;
     for (const char* folder : {"/sdcard/", "/vendor/", "/vendor_dlkm/", "/opt/", "/dev/mtd",
@@ -94,7 +94,7 @@ void checkRun(const std::string& line, bool isGood) {
 
 void shellLine(std::span<const uint8_t> input) {
     const std::string whole = textOf(input);
-    const std::string line = whole.substr(0, whole.find('\0'));  // all that system() can say
+    const std::string line = whole.substr(0, whole.find('\0'));  // system() takes a C string
     Commands commands;
     bool isGood = true;
     try {

@@ -1,9 +1,10 @@
-// The fuzz targets: each takes arbitrary bytes to one place of the project that meets bytes from
-// outside, and throws a Finding when something does not hold afterwards. An input has the same
-// outcome whenever it is run; a board that a target needs is made and thrown away by it.
+// The fuzz targets. Each passes arbitrary bytes to one place that reads bytes from outside, and
+// throws a Finding when a condition does not hold afterwards. An input always has the same outcome:
+// a target makes its own board for each input.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <span>
 
 namespace quil::fuzz {
@@ -24,7 +25,7 @@ void screenPartition(std::span<const uint8_t> input);
 void shellLine(std::span<const uint8_t> input);
 
 struct Target {
-    const char* name;  // of its source file, its program and its corpus
+    const char* name;  // also of the source file, the program and the corpus
     void (*run)(std::span<const uint8_t> input);
 };
 inline constexpr Target kTargets[] = {

@@ -1,12 +1,12 @@
-// Death tests whose body starts in a process of its own.
+// Death tests whose body runs in a newly started process.
 #pragma once
 
 #include <gtest/gtest.h>
 
 namespace quil::tests {
 
-// An emulated program cannot start itself anew: there the body runs in a fork. Suites with
-// DeathTest in their names are run first, so that a fork of theirs is as fresh.
+// Under emulation a program cannot start itself again, so the body runs in a fork. GoogleTest runs
+// suites with DeathTest in their names first, when the state to fork from is still fresh.
 inline void dieInAFreshProcess() {
 #ifdef __arm__
     GTEST_FLAG_SET(death_test_style, "fast");
@@ -15,7 +15,7 @@ inline void dieInAFreshProcess() {
 #endif
 }
 
-// Tests of how a process ends.
+// For tests of how a process ends.
 class ProcessEnd : public testing::Test {
   protected:
     void SetUp() override { dieInAFreshProcess(); }

@@ -1,29 +1,27 @@
-// What most tests of the library start from: a powered board and a library as freshly loaded.
+// The fixture of most tests of the library: a powered board, and a library in the state in which it
+// was loaded.
 #pragma once
 
 #include <android/log.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
 
 #include <string>
 #include <utility>
-#include <vector>
 
 #include "board/board.h"
 #include "config/config_info.h"
-#include "mculink/frame.h"
 #include "mculink/uart.h"
 #include "service/quil_service_manager.h"
+#include "testing/bytes.h"
+#include "testing/library_state.h"
 
 namespace quil::tests {
-
-using Bytes = std::vector<uint8_t>;
 
 inline constexpr char kHeronUart[] = "/dev/ttyS3";
 inline constexpr char kMcuImage[] = "/vendor/firmware/mcu_Heron.bin";
 
-// Runs `action` and returns what it left on standard output.
+// Runs `action` and returns what it printed to standard output.
 template <typename Action>
 std::string standardOutputOf(Action action) {
     testing::internal::CaptureStdout();
@@ -33,36 +31,28 @@ std::string standardOutputOf(Action action) {
 
 class LibraryTest : public testing::Test {
   protected:
-    LibraryTest() { forgetState(); }
-    ~LibraryTest() override { forgetState(); }
-
     void setLogLevel(const std::string& level) {
         board.properties().set("persist.quil.device.log.level", level);
     }
 
-    // Parses the board's product file and drops what was logged meanwhile.
+    // Parses the board's product file, then clears the log.
     void parseProduct() {
         ASSERT_EQ(parseConfigInfo(), 0);
         board.clearLog();
     }
 
-    // The same with the MCU link open, as the hosting component leaves it.
+    // The same, and opens the MCU link as the hosting component does.
     void openLink() {
         parseProduct();
         config_info->mcu_fd = sdk_uart_init(kHeronUart, 115200);
         ASSERT_GE(config_info->mcu_fd, 0);
     }
 
-    static void forgetState() {
-        free(config_info);
-        config_info = nullptr;
-        g_n_lable = 0;
-    }
-
+    const FreshLibrary library;
     board::Board board;
 };
 
-// Opens the members that a test has to look at or to set.
+// Makes public the members that tests read or set.
 class OpenService : public hardware::quilservicemanager::implementation::QuilServiceManager {
   public:
     using QuilServiceManager::mClients;

@@ -1,7 +1,5 @@
-// Power cuts in the middle of an MCU update, and the boots that have to mend them.
+// Power cuts during an MCU update, and the boots that have to repair the MCU afterwards.
 #pragma once
-
-#include <stdlib.h>
 
 #include <algorithm>
 #include <array>
@@ -18,9 +16,8 @@
 #include "board/core/whole_file.h"
 #include "board/mcu/mcu_fitting.h"
 #include "board/mcu/mcu_image.h"
-#include "config/config_info.h"
 #include "host/hosting_component.h"
-#include "isp/serial_port.h"
+#include "testing/library_state.h"
 
 namespace quil::tests {
 
@@ -28,7 +25,7 @@ inline std::string nameOf(const board::PowerCut& cut) {
     return std::to_string(cut.event) + ":" + nameOf(cut.position);
 }
 
-// "123:inside"
+// Reads "123:inside".
 inline std::optional<board::PowerCut> cutNamed(const std::string& text) {
     board::PowerCut cut{};
     const size_t colon = text.find(':');
@@ -54,16 +51,8 @@ class McuUpdateCuts {
         board::createBoardDirectory(mDirectory, board::Product::kHeron);
         board::fitMcu(mDirectory, {kind, kShipped, kOlder, imageSize});
     }
-    ~McuUpdateCuts() {
-        free(config_info);
-        config_info = nullptr;
-        fd = -1;  // as freshly loaded
-    }
-    McuUpdateCuts(const McuUpdateCuts&) = delete;
-    McuUpdateCuts& operator=(const McuUpdateCuts&) = delete;
 
-    // Every cut in an update that nothing disturbs, of each `stride`th event; none when the update
-    // does not end as it should.
+    // The three cuts at every `stride`-th event of an undisturbed update; none if it fails.
     std::vector<board::PowerCut> allCuts(uint64_t stride = 1) {
         restore();
         const Boot boot = bootOnce(std::nullopt);
@@ -78,7 +67,7 @@ class McuUpdateCuts {
         return cuts;
     }
 
-    // Cuts the power there and boots again. What is wrong then; empty: nothing.
+    // Cuts the power there and boots again. Returns what is wrong then, or "".
     std::string cutAndMend(const board::PowerCut& cut) {
         restore();
         const Boot broken = bootOnce(cut);
@@ -95,21 +84,20 @@ class McuUpdateCuts {
     struct Boot {
         bool wasCut = false;
         uint64_t firstEvent = 0, endEvent = 0;
-        std::string startedAs;  // the version that came up with the power; empty: none
-        std::string runs;       // the version that runs in the end
+        std::string startedAs;  // the version that runs at power-on; "": none
+        std::string runs;       // the version that runs after the boot
         bool flashIsWhole = false;
         std::string violation;
     };
 
-    // As after the factory and an older release: what an update changes.
+    // Undoes what an update changes: the older version is in the flash, and no version is recorded.
     void restore() {
         board::writeWholeFile(mDirectory / "mcu/flash", mOlder);
         board::writeWholeFile(mDirectory / "properties", "");
     }
 
     Boot bootOnce(std::optional<board::PowerCut> cut) {
-        free(config_info);
-        config_info = nullptr;
+        const FreshLibrary library;
         Boot boot;
         board::Board board(mDirectory);
         board.trace().setRecording(false);

@@ -1,20 +1,30 @@
-// What another program of the workstation says: a shell command's standard output.
+// Runs shell commands on the workstation and keeps their standard output.
 #pragma once
 
 #include <stdio.h>
 
 #include <array>
-#include <memory>
 #include <string>
 
 namespace quil::tests {
 
-inline std::string outputOf(const std::string& command) {
-    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(command.c_str(), "r"), pclose);
+struct CommandRun {
+    int status = -1;  // the wait status; -1 when the command did not start
     std::string output;
+};
+
+inline CommandRun runCommand(const std::string& command) {
+    CommandRun run;
+    FILE* pipe = popen(command.c_str(), "r");
+    if (pipe == nullptr) return run;
     std::array<char, 4096> chunk{};
-    while (pipe && fgets(chunk.data(), chunk.size(), pipe.get()) != nullptr) output += chunk.data();
-    return output;
+    for (size_t n = 0; (n = fread(chunk.data(), 1, chunk.size(), pipe)) > 0;) {
+        run.output.append(chunk.data(), n);
+    }
+    run.status = pclose(pipe);
+    return run;
 }
+
+inline std::string outputOf(const std::string& command) { return runCommand(command).output; }
 
 }  // namespace quil::tests

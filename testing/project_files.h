@@ -1,4 +1,4 @@
-// What stands in the project's own files, and where its library was built.
+// The project's own files and the library that was built.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -22,7 +22,7 @@ inline const std::filesystem::path& projectRoot() {
     return root;
 }
 
-// Of a file named from the project's root.
+// The text of a file, whose path is relative to the project's root.
 inline std::string projectText(const std::filesystem::path& file) {
     std::ifstream in(projectRoot() / file);
     EXPECT_TRUE(in) << file;
@@ -32,7 +32,7 @@ inline std::string projectText(const std::filesystem::path& file) {
 inline constexpr const char* kProductFolders[] = {"common", "config",   "mculink", "isp",
                                                   "fpga",   "selftest", "service"};
 
-// The sources and headers of a folder and of those below it.
+// The sources and headers of a folder and its subfolders.
 inline std::vector<std::filesystem::path> sourcesIn(const std::filesystem::path& folder) {
     std::vector<std::filesystem::path> files;
     for (const auto& entry :
@@ -43,7 +43,7 @@ inline std::vector<std::filesystem::path> sourcesIn(const std::filesystem::path&
     return files;
 }
 
-// The plain C names of quil.map: what stands before its C++ block.
+// The plain C names of quil.map, which come before its C++ block.
 inline std::set<std::string> plainNamesOfTheMap() {
     const std::string map = projectText("quil.map");
     const std::string plain = map.substr(0, map.find("extern"));

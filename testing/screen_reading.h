@@ -1,8 +1,9 @@
-// What the FPGA's memory has to hold after a load of a partition: an account of its own, one write
-// after the other, that shares nothing with the library.
+// What the FPGA's memory has to hold after a partition was loaded, worked out write by write, by
+// code that shares nothing with the library.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <map>
 #include <string_view>
 #include <vector>
@@ -73,8 +74,8 @@ class ScreenReading {
         }
     }
 
-    // A frame of a fixed size: what it held before stays behind a shorter block, but for the 0
-    // right behind the block's data.
+    // A frame of a fixed size. Behind a shorter block, one byte becomes 0 and the rest keeps what
+    // an earlier block of this kind left.
     void frame(const char* kind, size_t size, const Block& block) {
         std::vector<uint8_t>& data = mFrames[kind];
         data.resize(size + 1);

@@ -1,4 +1,4 @@
-// Where tests run many times slower than the machine, the longest ones take fewer of their cases.
+// Where tests run many times slower than usual, the longest ones run fewer of their cases.
 #pragma once
 
 #include "testing/build.h"

@@ -1,5 +1,5 @@
-// A host's end of the MCU's serial line, for the tests of the boot-loader models: it drives the
-// GPIO lines and speaks bytes, by the C library calls alone.
+// The host's end of the MCU's serial line, for the tests of the boot-loader models. It drives the
+// GPIO lines and transfers bytes with C library calls only.
 #pragma once
 
 #include <fcntl.h>
@@ -18,10 +18,9 @@
 #include "board/board.h"
 #include "board/core/temporary_directory.h"
 #include "board/core/whole_file.h"
+#include "testing/bytes.h"
 
 namespace quil::tests {
-
-using Bytes = std::vector<uint8_t>;
 
 class BoardBootLoaderTest : public testing::Test {
   protected:
@@ -31,7 +30,7 @@ class BoardBootLoaderTest : public testing::Test {
         if (mFd >= 0) close(mFd);
     }
 
-    // A board with this part, an empty flash and its line open at the part's usual settings.
+    // Powers a board with this part and an empty flash, and opens the line with these settings.
     void powerOn(const char* part, speed_t speed = B115200, tcflag_t parity = PARENB | PARODD) {
         board::createBoardDirectory(directory(), board::Product::kHeron);
         setPart(part);
@@ -58,7 +57,7 @@ class BoardBootLoaderTest : public testing::Test {
         usleep(1000);
     }
 
-    // Sends and returns what comes back while board time goes on.
+    // Sends the request and returns the bytes that arrive within `wait`.
     Bytes exchange(const Bytes& request, useconds_t wait = 50000) const {
         EXPECT_EQ(write(mFd, request.data(), request.size()), static_cast<ssize_t>(request.size()));
         for (useconds_t slept = 0; slept < wait; slept += 500000) {

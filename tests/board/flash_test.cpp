@@ -1,20 +1,21 @@
-// The microcontroller's flash: page maps, the NOR rules, times, and what power that goes leaves.
+// The microcontroller's flash: page maps, the NOR rules, times, and its contents after a power cut.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "board/board.h"
 #include "board/mcu/mcu_flash.h"
 #include "board/mcu/mcu_image.h"
+#include "testing/bytes.h"
 
 namespace {
 
 using namespace quil::board;
+using quil::tests::Bytes;
 using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using testing::Each;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Bytes = std::vector<uint8_t>;
 
 class BoardFlash : public testing::Test {
   protected:
@@ -62,7 +63,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Map{"n32g45x", McuKind::kN32G45x, 524288, 256, 255, 522240, 2048}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(BoardFlash, AFreshFlashIsErased) {
+TEST_F(BoardFlash, FreshFlashIsErased) {
     const McuFlash flash = flashOf(McuKind::kGd32F470);
     EXPECT_THAT(flash.cells(), Each(0xFF));
 }
@@ -86,7 +87,7 @@ TEST_F(BoardFlash, ProgrammingAUnitThatIsNotErasedBreaksTheRulesAndOnlyClearsBit
     EXPECT_EQ(program(flash, 0x14, {0x00}), "");
 }
 
-TEST_F(BoardFlash, AnEraseTakesItsPagesBackAndNoOther) {
+TEST_F(BoardFlash, EraseTakesItsPagesBackAndNoOther) {
     McuFlash flash = flashOf(McuKind::kGd32F303);
     program(flash, 0, Bytes(size_t{3} * 2048, 0));
     EXPECT_EQ(flash.startErase({0, 2}), milliseconds(30));
@@ -127,7 +128,7 @@ TEST_F(BoardFlash, ContentsAndProtectionOutliveThePower) {
     EXPECT_THAT(flash.writeProtectedPages(), ElementsAre(3U, 5U));
 }
 
-// What lies before the point where the power went is programmed, what lies behind it is not.
+// The cells before the point of the power cut are programmed, those behind it are not.
 TEST_F(BoardFlash, PowerThatGoesInAProgrammingLeavesAPartOfItTheSameForTheSameSeed) {
     std::set<size_t> lengths;
     for (uint64_t seed = 0; seed < 50; ++seed) {
@@ -142,7 +143,7 @@ TEST_F(BoardFlash, PowerThatGoesInAProgrammingLeavesAPartOfItTheSameForTheSameSe
             left.begin());
         if (done < 64) {
             EXPECT_EQ(left[done], 0x55) << "half a byte";
-            EXPECT_THAT(Bytes(left.begin() + static_cast<std::ptrdiff_t>(done) + 1, left.end()),
+            EXPECT_THAT(Bytes(left.begin() + static_cast<ptrdiff_t>(done) + 1, left.end()),
                         Each(0xFF));
         }
         lengths.insert(done);

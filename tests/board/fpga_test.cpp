@@ -1,5 +1,5 @@
-// The FPGA's model, through the calls alone: configuration, DONE, SPI transactions, registers,
-// memory.
+// The FPGA's model, through the library calls only: configuration, DONE, SPI transactions,
+// registers, memory.
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -10,6 +10,7 @@
 #include "board/core/bytes.h"
 #include "board/fpga/fpga_image.h"
 #include "platform/vendor/include/quil_hal.h"
+#include "testing/bytes.h"
 
 namespace {
 
@@ -20,7 +21,7 @@ using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
-using Bytes = std::vector<uint8_t>;
+using quil::tests::Bytes;
 
 constexpr int32_t kControl = 441, kConfig = 442, kDone = 443;
 
@@ -339,7 +340,7 @@ TEST(FpgaImage, HasItsHeaderSizeAndCrc) {
 }
 
 TEST(FpgaImage, CrcIsThePublishedOne) {
-    const std::string digits = "123456789";  // the check value that every catalogue of CRCs gives
+    const std::string digits = "123456789";  // the usual input for a CRC's check value
     EXPECT_EQ(crc32Of(bytesOf(digits)), 0xCBF43926U);
 }
 

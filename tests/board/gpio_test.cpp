@@ -1,4 +1,4 @@
-// The board's GPIO lines, by the ways that the host drives them.
+// The board's GPIO lines, in each way that a host can drive them.
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -29,7 +29,7 @@ std::vector<std::string> edges(const Board& board) {
     return found;
 }
 
-TEST(BoardGpio, AFreshBoardHasTheMcuOutOfResetAndBoot0Low) {
+TEST(BoardGpio, FreshBoardHasTheMcuOutOfResetAndBoot0Low) {
     Board board;
     EXPECT_EQ(board.gpio().at("MCU_BOOT0").level(), 0);
     EXPECT_EQ(board.gpio().at("MCU_NRST").level(), 1);
@@ -37,7 +37,7 @@ TEST(BoardGpio, AFreshBoardHasTheMcuOutOfResetAndBoot0Low) {
     EXPECT_THROW(board.gpio().at("MCU_BOOT1"), std::out_of_range);
 }
 
-TEST(BoardGpio, TheShellMovesALineAndEachChangeIsAnEdge) {
+TEST(BoardGpio, ShellMovesALineAndEachChangeIsAnEdge) {
     Board board;
     EXPECT_EQ(system("echo 1 > /sys/class/quilgpios/MCU_BOOT0/value"), 0);
     EXPECT_EQ(system("echo 1 > /sys/class/quilgpios/MCU_BOOT0/value"), 0);
@@ -45,20 +45,20 @@ TEST(BoardGpio, TheShellMovesALineAndEachChangeIsAnEdge) {
     EXPECT_THAT(edges(board), ElementsAre("MCU_BOOT0 1", "MCU_NRST 0"));
 }
 
-TEST(BoardGpio, AValueFileIsReadAndWrittenByDescriptor) {
+TEST(BoardGpio, ValueFileIsReadAndWrittenByDescriptor) {
     Board board;
     const int fd = open(kNrst, O_RDWR);
     ASSERT_GE(fd, 0);
     char text[8] = {};
-    EXPECT_EQ(read(fd, text, sizeof text), 2);
+    EXPECT_EQ(read(fd, text, sizeof(text)), 2);
     EXPECT_STREQ(text, "1\n");
-    EXPECT_EQ(read(fd, text, sizeof text), 0);
+    EXPECT_EQ(read(fd, text, sizeof(text)), 0);
     EXPECT_EQ(write(fd, "0", 1), 1);
     EXPECT_EQ(close(fd), 0);
     EXPECT_EQ(board.gpio().at("MCU_NRST").level(), 0);
 }
 
-TEST(BoardGpio, AValueFileIsReadAndWrittenByStream) {
+TEST(BoardGpio, ValueFileIsReadAndWrittenByStream) {
     Board board;
     FILE* out = fopen(kBoot0, "w");
     ASSERT_NE(out, nullptr);
@@ -71,7 +71,7 @@ TEST(BoardGpio, AValueFileIsReadAndWrittenByStream) {
     EXPECT_THAT(edges(board), ElementsAre("MCU_BOOT0 1"));
 }
 
-TEST(BoardGpio, AValueFileIsThereToLookAtAndALineThatIsNotHasNone) {
+TEST(BoardGpio, ValueFileIsThereToLookAtAndALineThatIsNotHasNone) {
     Board board;
     struct stat info {};
     EXPECT_EQ(access(kBoot0, F_OK), 0);
@@ -82,7 +82,7 @@ TEST(BoardGpio, AValueFileIsThereToLookAtAndALineThatIsNotHasNone) {
     EXPECT_EQ(errno, ENOENT);
 }
 
-TEST(BoardGpio, TheDriverTakesOneDigitOnly) {
+TEST(BoardGpio, DriverTakesOneDigitOnly) {
     Board board;
     testing::internal::CaptureStderr();
     EXPECT_EQ(system("echo high > /sys/class/quilgpios/MCU_BOOT0/value"), 1 << 8);
@@ -106,7 +106,7 @@ TEST(BoardGpio, FaultsFailOrLoseAWriteAndFailARead) {
     EXPECT_EQ(line.read(), 1);
 }
 
-TEST(BoardGpio, AStuckLineStaysWhereItIsUntilItIsLetGo) {
+TEST(BoardGpio, StuckLineStaysWhereItIsUntilItIsLetGo) {
     Board board;
     GpioLine& line = board.gpio().at("MCU_NRST");
     line.stickAt(0);
@@ -150,7 +150,7 @@ TEST(BoardGpio, OneNumberForAllLinesOfTheFpgaIsOneLine) {
     EXPECT_EQ(line.level(), 1);
 }
 
-TEST(BoardSysfs, AnAttributeIsWhatItsDriverShowsAndStores) {
+TEST(BoardSysfs, AttributeIsWhatItsDriverShowsAndStores) {
     Board board;
     std::string stored;
     board.sysfs().add("/sys/class/ethernet/phyreg", {nullptr, [&](std::string_view text) {

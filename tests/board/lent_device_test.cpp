@@ -1,4 +1,4 @@
-// A device of the workstation in the place of one of the board's.
+// A device of the workstation in place of one of the board's.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -15,7 +15,7 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-// A pseudo terminal: its far end is the device.
+// A pseudo terminal, whose far end is the device.
 class LentDevice : public testing::Test {
   protected:
     LentDevice() {
@@ -55,7 +55,7 @@ TEST_F(LentDevice, WhatCrossesItStandsInTheTrace) {
     EXPECT_EQ(byte, '\x7F');
     ASSERT_EQ(write(nearEnd, "\x79\x1F", 2), 2);
     char answer[8];
-    ASSERT_EQ(read(fd, answer, sizeof answer), 2);
+    ASSERT_EQ(read(fd, answer, sizeof(answer)), 2);
     const auto sent = eventsOf(board, EventKind::kUartTx);
     const auto got = eventsOf(board, EventKind::kUartRx);
     ASSERT_EQ(sent.size(), 1u);
@@ -82,7 +82,7 @@ TEST_F(LentDevice, AfterAnOpeningThatFailedTheErrorIsInTheTrace) {
     EXPECT_EQ(opened[0].text, "ENOENT");
 }
 
-TEST_F(LentDevice, APortThatIsNotThereCannotBeLent) {
+TEST_F(LentDevice, PortThatIsNotThereCannotBeLent) {
     Board board;
     EXPECT_THROW(tools::LentPort(board, "/dev/no-such-device", {}), std::runtime_error);
 }

@@ -1,4 +1,4 @@
-// Bytes that go wrong on the serial line, in each direction.
+// Faults of single bytes on the serial line, in each direction.
 #include "tests/board/boot_loader_test.h"
 
 namespace quil::tests {
@@ -21,7 +21,7 @@ class BoardLineFault : public BoardBootLoaderTest {
     Bytes version() { return exchange({0x01, 0xFE}); }
 };
 
-TEST_F(BoardLineFault, ACorruptByteHasItsBitsInverted) {
+TEST_F(BoardLineFault, CorruptByteHasItsBitsInverted) {
     add({.kind = Kind::kCorrupt, .fromHost = false, .byte = 1, .value = 0x81});
     EXPECT_THAT(version(), ElementsAre(kAck, 0xB1, 0, 0, kAck));
     EXPECT_THAT(version(), ElementsAre(kAck, 0x30, 0, 0, kAck));
@@ -30,21 +30,21 @@ TEST_F(BoardLineFault, ACorruptByteHasItsBitsInverted) {
     EXPECT_THAT(version(), ElementsAre(kAck, 0x30, 0, 0, kAck));
 }
 
-TEST_F(BoardLineFault, ALostByteNeverArrives) {
+TEST_F(BoardLineFault, LostByteNeverArrives) {
     add({.kind = Kind::kLost, .fromHost = false, .byte = 4});
     EXPECT_THAT(version(), ElementsAre(kAck, 0x30, 0, 0));
     add({.kind = Kind::kLost, .fromHost = true, .byte = 0});
     EXPECT_THAT(version(), IsEmpty());
 }
 
-TEST_F(BoardLineFault, AnExtraByteArrivesBeforeItsNeighbour) {
+TEST_F(BoardLineFault, ExtraByteArrivesBeforeItsNeighbour) {
     add({.kind = Kind::kExtra, .fromHost = false, .byte = 0, .value = 0x55});
     EXPECT_THAT(version(), ElementsAre(0x55, kAck, 0x30, 0, 0, kAck));
     add({.kind = Kind::kExtra, .fromHost = true, .byte = 1, .value = 0x22});
     EXPECT_THAT(version(), ElementsAre(kNack));
 }
 
-TEST_F(BoardLineFault, ALateByteHoldsUpThoseBehindIt) {
+TEST_F(BoardLineFault, LateByteHoldsUpThoseBehindIt) {
     add({.kind = Kind::kLate,
          .fromHost = false,
          .byte = 2,

@@ -1,4 +1,4 @@
-// The serial line and the microcontroller at its end, through the C library calls alone.
+// The serial line and the microcontroller at its end, through C library calls only.
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -8,17 +8,19 @@
 #include <unistd.h>
 
 #include "board/board.h"
+#include "board/core/temporary_directory.h"
 #include "board/core/whole_file.h"
+#include "testing/bytes.h"
 
 namespace {
 
 using namespace quil::board;
+using quil::tests::Bytes;
 using std::chrono::milliseconds;
 using std::chrono::nanoseconds;
 using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::HasSubstr;
-using Bytes = std::vector<uint8_t>;
 
 // A get of 0x00000102 with the payload 0x01, label 5.
 const Bytes kGet = {0x55, 0xBB, 0x00, 0x00, 0x00, 0x01, 0x05, 0x00, 0x17, 0x00, 0x41,
@@ -76,7 +78,7 @@ TEST(BoardUart, ThirtyThreeBytesTakeTheirTenBitsEachAtTheLinesRate) {
     close(fd);
 }
 
-TEST(BoardUart, AWriteLargerThanTheBufferWaitsForRoom) {
+TEST(BoardUart, WriteLargerThanTheBufferWaitsForRoom) {
     Board board;
     const int fd = openLine();
     sendBytes(fd, Bytes(5096, 0));
@@ -84,7 +86,7 @@ TEST(BoardUart, AWriteLargerThanTheBufferWaitsForRoom) {
     close(fd);
 }
 
-TEST(BoardUart, ANonBlockingWriteIntoAFullBufferSaysAgain) {
+TEST(BoardUart, NonBlockingWriteIntoAFullBufferSaysAgain) {
     Board board;
     const int fd = openLine();
     ASSERT_EQ(fcntl(fd, F_SETFL, O_NONBLOCK), 0);
@@ -95,7 +97,7 @@ TEST(BoardUart, ANonBlockingWriteIntoAFullBufferSaysAgain) {
     close(fd);
 }
 
-TEST(BoardUart, AReadWithNothingThereReturnsAtOnce) {
+TEST(BoardUart, ReadWithNothingThereReturnsAtOnce) {
     Board board;
     const int fd = openLine();
     uint8_t byte = 0;
@@ -104,7 +106,7 @@ TEST(BoardUart, AReadWithNothingThereReturnsAtOnce) {
     close(fd);
 }
 
-TEST(BoardUart, TheWrongSpeedGarblesEveryByte) {
+TEST(BoardUart, WrongSpeedGarblesEveryByte) {
     Board board;
     const int fd = openLine("/dev/ttyS3", B9600);
     sendBytes(fd, kGet);
@@ -114,7 +116,7 @@ TEST(BoardUart, TheWrongSpeedGarblesEveryByte) {
     close(fd);
 }
 
-TEST(BoardUart, AnUnpluggedLineFailsToWriteAndReadsAsEnded) {
+TEST(BoardUart, UnpluggedLineFailsToWriteAndReadsAsEnded) {
     Board board;
     const int fd = openLine();
     board.mcuUart().unplug();
@@ -127,7 +129,7 @@ TEST(BoardUart, AnUnpluggedLineFailsToWriteAndReadsAsEnded) {
     close(fd);
 }
 
-TEST(BoardMcu, AGetIsAnsweredInTheShapeOfItsRequest) {
+TEST(BoardMcu, GetIsAnsweredInTheShapeOfItsRequest) {
     Board board;
     const int fd = openLine();
     sendBytes(fd, kGet);
@@ -190,7 +192,7 @@ void PrintTo(const BadFrame& frame, std::ostream* out) { *out << frame.name; }
 
 class BoardMcuRefuses : public testing::TestWithParam<BadFrame> {};
 
-TEST_P(BoardMcuRefuses, AFrameThatIsNotToTheLetter) {
+TEST_P(BoardMcuRefuses, FrameThatIsNotToTheLetter) {
     Board board;
     const int fd = openLine();
     sendBytes(fd, GetParam().bytes);
@@ -223,7 +225,7 @@ INSTANTIATE_TEST_SUITE_P(
                     BadFrame{"sum", wrongSum(), "mcu: checksum is wrong"}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST(BoardMcu, AFrameThatPausesTooLongIsDropped) {
+TEST(BoardMcu, FrameThatPausesTooLongIsDropped) {
     Board board;
     const int fd = openLine();
     sendBytes(fd, {kGet.begin(), kGet.begin() + 20});
@@ -236,9 +238,8 @@ TEST(BoardMcu, AFrameThatPausesTooLongIsDropped) {
 }
 
 TEST(BoardMcu, ValuesAndVersionAndPropertiesOutliveThePower) {
-    const auto dir =
-        std::filesystem::temp_directory_path() / ("board-mcu-" + std::to_string(getpid()));
-    std::filesystem::remove_all(dir);
+    const TemporaryDirectory scratch;
+    const std::filesystem::path& dir = scratch.path();
     createBoardDirectory(dir, Product::kKestrel);
     {
         Board board(dir);
@@ -261,7 +262,6 @@ TEST(BoardMcu, ValuesAndVersionAndPropertiesOutliveThePower) {
     EXPECT_EQ(answer[30], 0x01);
     EXPECT_EQ(board.properties().get("persist.a"), "b=c");
     close(fd);
-    std::filesystem::remove_all(dir);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// The boot loader of the N32G45x, frame by frame. Check bytes and CRCs were worked out by another
+// The boot loader of the N32G45x, frame by frame. Check bytes and CRCs come from an independent
 // program.
 #include "tests/board/boot_loader_test.h"
 
@@ -110,7 +110,7 @@ TEST_F(N32BootLoader, AnswersADownloadAfterTheHostsFlush) {
     EXPECT_EQ(exchange({}, 50000), good(0x31));
 }
 
-TEST_F(N32BootLoader, AWrongCrcOfTheFlashIsToldAndNoViolation) {
+TEST_F(N32BootLoader, WrongCrcOfTheFlashIsToldAndNoViolation) {
     start();
     EXPECT_EQ(exchange(kCheckCrc, 100000), bad(0x32, N32Refusal::kFlashCrc));
     EXPECT_THAT(violations(), IsEmpty());
@@ -168,7 +168,7 @@ TEST_F(N32BootLoader, RefusesToProgramWhatIsNotErased) {
                 ElementsAre("n32g45x: programming at 0x08000000, which is not erased"));
 }
 
-TEST_F(N32BootLoader, ARequestThatBreaksOffIsDropped) {
+TEST_F(N32BootLoader, RequestThatBreaksOffIsDropped) {
     start();
     exchange({kErase.begin(), kErase.begin() + 15}, 150000);
     EXPECT_EQ(exchange(kHandshake, 200000), good(0x01));

@@ -33,7 +33,7 @@ class BoardNetwork : public testing::Test {
     }
     static std::string status() {
         char text[64] = {};
-        const int32_t length = hal_sys_read(kStatus, text, sizeof text);
+        const int32_t length = hal_sys_read(kStatus, text, sizeof(text));
         return length < 0 ? std::to_string(length) : std::string(text, static_cast<size_t>(length));
     }
     void resetPhy() {
@@ -88,7 +88,7 @@ TEST_F(BoardNetwork, RegisterFileShowsWhatWasReadLast) {
     setUpPhy();
     EXPECT_EQ(run("echo r 0x10 > /sys/class/ethernet/phyreg"), 0);
     char text[64] = {};
-    EXPECT_EQ(hal_sys_read("/sys/class/ethernet/phyreg", text, sizeof text), 12);
+    EXPECT_EQ(hal_sys_read("/sys/class/ethernet/phyreg", text, sizeof(text)), 12);
     EXPECT_STREQ(text, "0x10 = 0x5e\n");
 }
 

@@ -1,4 +1,4 @@
-// Power that goes at a chosen event: what it leaves behind, and how the calls of the host end.
+// Power cuts at a chosen event: the state that they leave, and how the host's calls end.
 #include <cutils/properties.h>
 #include <errno.h>
 #include <poll.h>
@@ -21,7 +21,7 @@ using testing::IsEmpty;
 
 namespace fs = std::filesystem;
 
-// A board directory of its own with an MCU at version V0.9.0, to be put back as it was.
+// A board directory whose MCU has version V0.9.0; restore() undoes what an update changed.
 class BoardPowerCut : public testing::Test {
   protected:
     BoardPowerCut() {
@@ -31,7 +31,7 @@ class BoardPowerCut : public testing::Test {
 
     void restore() const { writeWholeFile(directory / "mcu/flash", old); }
 
-    // An update of the first pages by hand, as a host does it. Its answers do not matter.
+    // Updates the first pages as a host does. The answers do not matter.
     static void update(Board& board, const std::string& image) {
         const int line = open("/dev/ttyS3", O_RDWR | O_NOCTTY | O_NONBLOCK);
         termios settings{};
@@ -67,15 +67,15 @@ class BoardPowerCut : public testing::Test {
         [[maybe_unused]] const auto sent = write(line, bytes.data(), bytes.size());
         usleep(100000);
         uint8_t answer[16];
-        [[maybe_unused]] const auto got = read(line, answer, sizeof answer);
+        [[maybe_unused]] const auto got = read(line, answer, sizeof(answer));
     }
     static void writeBlock(int line, const std::string& image, size_t at) {
         exchange(line, {0x31, 0xCE});
         const auto high = static_cast<uint8_t>(at >> 8);
         exchange(line, {8, 0, high, 0, static_cast<uint8_t>(8 ^ high)});
         Bytes frame = {0xFF};
-        frame.insert(frame.end(), image.begin() + static_cast<std::ptrdiff_t>(at),
-                     image.begin() + static_cast<std::ptrdiff_t>(at) + 256);
+        frame.insert(frame.end(), image.begin() + static_cast<ptrdiff_t>(at),
+                     image.begin() + static_cast<ptrdiff_t>(at) + 256);
         uint8_t check = 0;
         for (const uint8_t byte : frame) check ^= byte;
         frame.push_back(check);
@@ -121,7 +121,7 @@ TEST_F(BoardPowerCut,
     EXPECT_GT(found["V1.0.0"], 5);
 }
 
-TEST_F(BoardPowerCut, ARunWithACutIsTheUncutRunUntilThen) {
+TEST_F(BoardPowerCut, RunWithACutIsTheUncutRunUntilThen) {
     std::vector<std::string> whole, cut;
     {
         Board board(directory);

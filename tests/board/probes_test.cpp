@@ -1,4 +1,4 @@
-// The parts that the self-test probes, and the SD card's states, through the calls alone.
+// The parts that the self-test probes, and the SD card's states, through the library calls only.
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>

@@ -1,15 +1,14 @@
-// The serial flash and the tool that reaches it.
+// The serial flash and its command line tool.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <thread>
 
 #include "board/board.h"
 #include "platform/vendor/include/quil_hal.h"
+#include "testing/files.h"
 
 namespace {
 
@@ -32,8 +31,7 @@ class BoardSerialFlash : public testing::Test {
         return status >> 8;
     }
     std::string file(const std::string& path) const {
-        std::ifstream in(board.hostPath(path), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
+        return quil::tests::contentOf(board.hostPath(path));
     }
 
     Board board;
@@ -177,7 +175,7 @@ TEST(BoardSerialFlashAmongThreads, OthersRunOnWhileTheShellErases) {
     EXPECT_EQ(board.now(), 150ms);
 }
 
-TEST(BoardSerialFlashInRealTime, TheShellsProgrammingOfAPageComesToItsEnd) {
+TEST(BoardSerialFlashInRealTime, ProgrammingOfAPageByTheShellComesToItsEnd) {
     Board board(Product::kHeron, {.realtime = true});
     EXPECT_EQ(hal_gpio_setvalue(441, 0), 0);
     const auto start = board.now();

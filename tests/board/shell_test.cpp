@@ -1,4 +1,4 @@
-// What system() finds on the board: a shell with the programs that the devices brought along.
+// system() on the board: a shell with the programs that the devices install.
 #include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
@@ -25,7 +25,7 @@ std::string content(const Board& board, const char* path) {
 
 class BoardShell : public testing::Test {
   protected:
-    // Installs a program that remembers what it was called with.
+    // Installs a program that records its arguments.
     void install(const std::string& name, const ProgramResult& result = {}) {
         board.shell().add(name, [this, result](const Words& argv) {
             calls.push_back(argv);
@@ -33,7 +33,7 @@ class BoardShell : public testing::Test {
         });
     }
 
-    // Standard error of a line, its status in `status`.
+    // Runs a line and returns its standard error; its status goes to `status`.
     std::string errorsOf(const char* line) {
         testing::internal::CaptureStderr();
         status = system(line);
@@ -63,7 +63,7 @@ TEST_F(BoardShell, EveryLineIsAnEvent) {
     EXPECT_EQ(events[1].text, "echo 1 > /vendor/etc/note; false");
 }
 
-TEST_F(BoardShell, AProgramGetsItsWordsAndItsExitCodeComesBackShiftedByEight) {
+TEST_F(BoardShell, ProgramGetsItsWordsAndItsExitCodeComesBackShiftedByEight) {
     install("mtd_debug", {3});
     status = system("mtd_debug erase /dev/mtd0 0 0xD00000");
     EXPECT_EQ(status, 3 << 8);
@@ -71,7 +71,7 @@ TEST_F(BoardShell, AProgramGetsItsWordsAndItsExitCodeComesBackShiftedByEight) {
     EXPECT_THAT(calls, ElementsAre(Words{"mtd_debug", "erase", "/dev/mtd0", "0", "0xD00000"}));
 }
 
-TEST_F(BoardShell, AnUnknownProgramEndsWith127AndTheShellsWords) {
+TEST_F(BoardShell, UnknownProgramEndsWith127AndTheShellsWords) {
     EXPECT_EQ(errorsOf("frobnicate --all"), "sh: frobnicate: inaccessible or not found\n");
     EXPECT_EQ(status, 127 << 8);
 }
@@ -105,7 +105,7 @@ TEST_F(BoardShell, OutputGoesToTheProgramsOwnUnlessItIsLedAway) {
     EXPECT_EQ(content(board, "/vendor/etc/o"), "out\nerr\n");
 }
 
-TEST_F(BoardShell, AFileThatCannotBeCreatedKeepsTheProgramFromRunning) {
+TEST_F(BoardShell, FileThatCannotBeCreatedKeepsTheProgramFromRunning) {
     install("a");
     EXPECT_EQ(errorsOf("a > /vendor/none/such"),
               "sh: can't create /vendor/none/such: No such file or directory\n");

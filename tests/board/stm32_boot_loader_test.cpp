@@ -81,7 +81,7 @@ TEST_F(Stm32BootLoader, GetListsTheVersionAndTheCommands) {
                             0x63, 0x73, 0x82, 0x92, kAck));
 }
 
-TEST_F(Stm32BootLoader, AnStm32HasItsOwnCommandsAndRefusesTheOthers) {
+TEST_F(Stm32BootLoader, Stm32HasItsOwnCommandsAndRefusesTheOthers) {
     start("stm32h750");
     EXPECT_THAT(exchange({0x00, 0xFF}), ElementsAre(kAck, 11, 0x31, 0x00, 0x01, 0x02, 0x11, 0x21,
                                                     0x31, 0x44, 0x63, 0x73, 0x82, 0x92, kAck));
@@ -96,7 +96,7 @@ TEST_F(Stm32BootLoader, GdPartsTellTheirIdentifierLeastByteFirst) {
     EXPECT_THAT(exchange({0x06, 0xF9}), ElementsAre(kAck, 4, 0x33, 0x56, 0x45, 0x46, kAck));
 }
 
-TEST_F(Stm32BootLoader, TheGd32F470TellsItsOwnIdentifier) {
+TEST_F(Stm32BootLoader, Gd32F470TellsItsOwnIdentifier) {
     start("gd32f470");
     EXPECT_THAT(exchange({0x06, 0xF9}), ElementsAre(kAck, 4, 0x30, 0x5A, 0x45, 0x4E, kAck));
 }
@@ -112,17 +112,17 @@ TEST_F(Stm32BootLoader, WritesABlockAndReadsItBack) {
     EXPECT_THAT(violations(), IsEmpty());
 }
 
-TEST_F(Stm32BootLoader, A256ByteBlockTakesItsProgrammingTime) {
+TEST_F(Stm32BootLoader, BlockOf256BytesTakesItsProgrammingTime) {
     start();
     ASSERT_THAT(exchange({0x31, 0xCE}), ElementsAre(kAck));
     ASSERT_THAT(exchange(kBase), ElementsAre(kAck));
     Bytes frame(258, 0xA5);
     frame[0] = 0xFF;
-    frame[257] = 0xFF;  // 256 times 0xA5 is 0, and the count
+    frame[257] = 0xFF;  // the XOR of 256 times 0xA5 is 0; the count's is left
     const auto sent = board->now();
     exchange(frame);
     const auto events = board->trace().events(EventKind::kUartRx);
-    // 258 bytes there and one back, 11 bits each at 115,200 bit/s; 64 words of 30 us.
+    // 258 bytes to the part and one back, 11 bits each at 115,200 bit/s; 64 words of 30 us.
     const auto byte = std::chrono::nanoseconds(95486);
     EXPECT_EQ(events.back().at - sent, 259 * byte + std::chrono::microseconds(64 * 30));
 }
@@ -229,7 +229,7 @@ TEST_F(Stm32BootLoader, ErasesEverythingByEitherCommand) {
     EXPECT_THAT(flash(0, 4), Each(0xFF));
 }
 
-TEST_F(Stm32BootLoader, TheStm32H750PassesOverPagesThatItHasNot) {
+TEST_F(Stm32BootLoader, Stm32H750PassesOverPagesThatItHasNot) {
     start("stm32h750");
     write(kBase, Bytes(32, 0));
     ASSERT_THAT(exchange({0x44, 0xBB}), ElementsAre(kAck));
@@ -333,7 +333,7 @@ TEST_F(Stm32BootLoader, Boot0DecidesAtTheRiseOfTheResetLineWhatStarts) {
     EXPECT_THAT(violations(), IsEmpty());
 }
 
-TEST_F(Stm32BootLoader, AResetTearsWhatTheFlashIsAtAndNoImageMeansASilentPart) {
+TEST_F(Stm32BootLoader, ResetTearsWhatTheFlashIsAtAndNoImageMeansASilentPart) {
     start();
     board->mcuChip().flashImage(makeMcuImage(McuKind::kGd32F303, "V1.0.0", 8192));
     ASSERT_THAT(exchange({0x44, 0xBB}), ElementsAre(kAck));
@@ -385,7 +385,7 @@ INSTANTIATE_TEST_SUITE_P(
             "silentEnd", {kSilent, 0x44, LoaderStep::kFinished}, {{0x44, 0xBB}}, Bytes(5, 0)}),
     [](const auto& info) { return std::string(info.param.name); });
 
-TEST_F(Stm32BootLoader, ASilentSynchronisationIsTriedAgain) {
+TEST_F(Stm32BootLoader, SilentSynchronisationIsTriedAgain) {
     powerOn("gd32f303");
     board->mcuChip().loaderFaults().add({.step = LoaderStep::kSync, .after = 0, .times = 2});
     reset(1);
@@ -394,7 +394,7 @@ TEST_F(Stm32BootLoader, ASilentSynchronisationIsTriedAgain) {
     EXPECT_THAT(exchange({0x7F}), ElementsAre(kAck));
 }
 
-TEST_F(Stm32BootLoader, AHungLoaderNeedsAReset) {
+TEST_F(Stm32BootLoader, HungLoaderNeedsAReset) {
     start();
     board->mcuChip().loaderFaults().add({.kind = LoaderFault::Kind::kHangs, .command = 0x02});
     EXPECT_THAT(exchange({0x02, 0xFD}), IsEmpty());
@@ -403,7 +403,7 @@ TEST_F(Stm32BootLoader, AHungLoaderNeedsAReset) {
     EXPECT_THAT(exchange({0x7F}), ElementsAre(kAck));
 }
 
-TEST_F(Stm32BootLoader, ALateAnswerComesLate) {
+TEST_F(Stm32BootLoader, LateAnswerComesLate) {
     start();
     board->mcuChip().loaderFaults().add({.kind = LoaderFault::Kind::kLate,
                                          .command = 0x31,

@@ -1,11 +1,10 @@
-// The boot-loader model against a program that we did not write: Debian's stm32flash, over a pseudo
-// terminal. A pseudo terminal has no parity: the program is told so.
+// The boot-loader model checked by an independent program: Debian's stm32flash, over a pseudo
+// terminal. A pseudo terminal has no parity, hence the program's option -m 8n1.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
 #include <unistd.h>
 
-#include <array>
 #include <filesystem>
 #include <memory>
 #include <string>
@@ -16,6 +15,7 @@
 #include "board/core/whole_file.h"
 #include "board/mcu/mcu_image.h"
 #include "board/mcu/pty_bridge.h"
+#include "testing/program_output.h"
 
 namespace {
 
@@ -55,15 +55,10 @@ class BoardStm32flash : public testing::TestWithParam<Part> {
     int flash(const std::string& arguments) {
         const std::string command = std::string(kProgram) + " -m 8n1 -b 115200 " + arguments + " " +
                                     (directory / "port").string() + " 2>&1";
-        output.clear();
-        FILE* pipe = popen(command.c_str(), "r");
-        std::array<char, 1024> chunk{};
-        while (pipe != nullptr && fgets(chunk.data(), chunk.size(), pipe) != nullptr) {
-            output += chunk.data();
-        }
-        const int status = pipe != nullptr ? pclose(pipe) : -1;
-        while (bridge->inUse()) std::this_thread::yield();  // until the close has reset the part
-        return status;
+        const quil::tests::CommandRun run = quil::tests::runCommand(command);
+        output = run.output;
+        while (bridge->inUse()) std::this_thread::yield();  // the close resets the part
+        return run.status;
     }
 
     const TemporaryDirectory scratch;

@@ -1,4 +1,4 @@
-// Board time: who runs when, and what the clock shows.
+// Board time: which thread runs when, and what the clock shows.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
@@ -24,23 +24,22 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 using testing::ElementsAre;
 
-// The workstation's own clock, past everything that the board stands in for.
+// The workstation's own clock: a system call that the board does not intercept.
 Nanos realNow() {
     timespec time{};
     syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &time);
     return seconds(time.tv_sec) + Nanos(time.tv_nsec);
 }
 
-TEST(BoardTime, SleepsTakeBoardTimeAndHardlyAnyRealTime) {
-    const Nanos start = realNow();
+// Ten days: if the workstation slept as well, the test would run into its time limit.
+TEST(BoardTime, SleepsTakeBoardTimeOnly) {
     Board board;
-    sleep(60);
+    sleep(864000);
     usleep(1500);
-    EXPECT_EQ(board.now(), seconds(60) + std::chrono::microseconds(1500));
-    EXPECT_LT(realNow() - start, seconds(1));
+    EXPECT_EQ(board.now(), std::chrono::hours(240) + std::chrono::microseconds(1500));
 }
 
-TEST(BoardTime, AYieldTakesTimeToTheNextWholeMillisecondSoThatALoopOfLooksComesToItsEnd) {
+TEST(BoardTime, YieldTakesTimeToTheNextWholeMillisecondSoThatALoopOfLooksComesToItsEnd) {
     Board board;
     usleep(300);
     std::thread other([] { usleep(500); });
@@ -51,7 +50,7 @@ TEST(BoardTime, AYieldTakesTimeToTheNextWholeMillisecondSoThatALoopOfLooksComesT
     other.join();
 }
 
-TEST(BoardTime, TheWallClockStartsAtTheSameInstantOnEveryBoard) {
+TEST(BoardTime, WallClockStartsAtTheSameInstantOnEveryBoard) {
     Board board;
     timespec time{};
     sleep(2);
@@ -60,22 +59,20 @@ TEST(BoardTime, TheWallClockStartsAtTheSameInstantOnEveryBoard) {
     EXPECT_EQ(time.tv_nsec, 0);
 }
 
-TEST(BoardTime, AConditionThatNobodySignalsTimesOutAtItsDeadline) {
+TEST(BoardTime, ConditionThatNobodySignalsTimesOutAtItsDeadline) {
     Board board;
     pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
     pthread_cond_t condition = PTHREAD_COND_INITIALIZER;
     timespec deadline{};
     clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += 5;
-    const Nanos start = realNow();
+    deadline.tv_sec += 864000;
     pthread_mutex_lock(&mutex);
     EXPECT_EQ(pthread_cond_timedwait(&condition, &mutex, &deadline), ETIMEDOUT);
     pthread_mutex_unlock(&mutex);
-    EXPECT_EQ(board.now(), seconds(5));
-    EXPECT_LT(realNow() - start, milliseconds(100));
+    EXPECT_EQ(board.now(), std::chrono::hours(240));
 }
 
-TEST(BoardTime, ASignalEndsAWaitAtTheMomentOfTheSignal) {
+TEST(BoardTime, SignalEndsAWaitAtTheMomentOfTheSignal) {
     Board board;
     std::mutex mutex;
     std::condition_variable condition;
@@ -126,13 +123,13 @@ std::string traceOfTwoThreads(uint64_t seed) {
     return board.trace().toText();
 }
 
-TEST(BoardTime, TheSameSeedGivesTheSameTraceByteForByte) {
+TEST(BoardTime, SameSeedGivesTheSameTraceByteForByte) {
     const std::string once = traceOfTwoThreads(7);
     EXPECT_EQ(once, traceOfTwoThreads(7));
     EXPECT_THAT(once, testing::HasSubstr("note      second: 4"));
 }
 
-TEST(BoardTime, AReaderOfAPipeWaitsInBoardTime) {
+TEST(BoardTime, ReaderOfAPipeWaitsInBoardTime) {
     Board board;
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -170,7 +167,7 @@ TEST(BoardTime, InRealTimeASleepTakesItsTime) {
     EXPECT_GE(realNow() - start, milliseconds(2));
 }
 
-TEST(BoardTime, AThreadFromBeforeTheBoardsSleepsAndAsksForTheTimeWhileTheirPowerComesAndGoes) {
+TEST(BoardTime, ThreadFromBeforeTheBoardsSleepsAndAsksForTheTimeWhileTheirPowerComesAndGoes) {
     std::atomic<bool> isOver = false;
     std::atomic<int> looks = 0;
     std::thread outsider([&] {
@@ -187,7 +184,7 @@ TEST(BoardTime, AThreadFromBeforeTheBoardsSleepsAndAsksForTheTimeWhileTheirPower
     outsider.join();
 }
 
-TEST(BoardPower, ASecondBoardIsRefusedWhileOneIsOn) {
+TEST(BoardPower, SecondBoardIsRefusedWhileOneIsOn) {
     Board board;
     EXPECT_THROW(Board second, std::runtime_error);
 }

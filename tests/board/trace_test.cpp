@@ -1,9 +1,10 @@
-// The trace and what it exports, read back by other eyes than the ones that wrote it.
+// The trace and its exports, read back by independent readers.
 #include <fstream>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <sstream>
 
+#include "testing/files.h"
 #include "testing/library_test.h"
 #include "testing/program_output.h"
 
@@ -26,8 +27,7 @@ class BoardTrace : public LibraryTest {
                          void (board::Trace::*write)(const std::filesystem::path&) const) {
         const auto path = board.directory() / name;
         (board.trace().*write)(path);
-        std::ifstream in(path);
-        return {std::istreambuf_iterator<char>(in), {}};
+        return contentOf(path);
     }
 };
 

@@ -1,4 +1,4 @@
-// The level property decides afresh before each message what is printed.
+// The level property is read before each message and decides whether it is printed.
 #include <set>
 
 #include "service/quil_service_callback.h"
@@ -21,7 +21,7 @@ void PrintTo(const Gate& gate, std::ostream* out) { *out << '"' << gate.level <<
 
 class LogGate : public LibraryTest {
   protected:
-    // Calls that have an error, an info and debug messages to say.
+    // Makes calls that log an error, an info and debug messages.
     std::set<int> prioritiesSaid() {
         const android::sp<OpenService> service = new OpenService;
         const android::sp<QuilServiceCallback> callback = new QuilServiceCallback;

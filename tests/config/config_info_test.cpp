@@ -17,7 +17,7 @@ namespace {
 
 constexpr char kProductFile[] = "/vendor/etc/product.ini";
 
-// A file with every key set and nothing to complain about; a test changes what it is about.
+// A file with every key set and no error; each test changes the keys that it is about.
 constexpr char kWholeFile[] =
     "[product]\nproduct = Testbird\n"
     "[block]\nfpga_parameter = params\nhex_parameter = hexes\n"
@@ -366,13 +366,12 @@ TEST_F(ConfigInfo, ModuleIdIsTheLeadingDecimalNumberOfItsText) {
 class ConfigInfoProduct : public testing::TestWithParam<board::Product> {};
 
 TEST_P(ConfigInfoProduct, HasAProductFileWithNothingToComplainAbout) {
+    const FreshLibrary library;
     const board::Board board(GetParam());
     EXPECT_EQ(parseConfigInfo(), 0);
     EXPECT_THAT(board.log(ANDROID_LOG_ERROR), IsEmpty());
     EXPECT_EQ(config_info->product, board::nameOf(GetParam()));
     EXPECT_NE(config_info->mod_id, 0);
-    free(config_info);
-    config_info = nullptr;
 }
 
 INSTANTIATE_TEST_SUITE_P(Each, ConfigInfoProduct,

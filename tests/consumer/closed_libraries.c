@@ -1,4 +1,4 @@
-// What the board's closed libraries bring on a device: here as little as a program needs to start.
+// Replaces the board's closed libraries: just enough for a program to start.
 #include <quil_bi.h>
 #include <quil_fpga.h>
 #include <quil_hal.h>

@@ -1,4 +1,4 @@
-// Every header with exported C names, read as C, and a few of the names called.
+// Compiles every header with exported C names as C, and calls some of them.
 #include <fpga/ddr_recovery.h>
 #include <fpga/load_process.h>
 #include <fpga/network_bring_up.h>

@@ -1,14 +1,13 @@
-// The three products' load sequences on whole boards: healthy ones, and with a fault at each step.
+// The three products' load sequences on whole boards, without a fault and with one at each step.
 #include <errno.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 
 #include "board/fpga/fpga_image.h"
 #include "board/fpga/screen_partition.h"
 #include "fpga/load_process.h"
+#include "testing/files.h"
 #include "testing/screen_reading.h"
 #include "tests/fpga/fpga_test.h"
 
@@ -24,17 +23,13 @@ using testing::IsEmpty;
 
 namespace {
 
-// A board of any product, parsed, with what a sequence does and leaves behind.
+// A board of any product with its file parsed; runs its load sequence and shows the results.
 class BootedBoard {
   public:
     explicit BootedBoard(Product product) : board(product) {
-        forget();
         EXPECT_EQ(parseConfigInfo(), 0);
         board.clearLog();
     }
-    ~BootedBoard() { forget(); }
-    BootedBoard(const BootedBoard&) = delete;
-    BootedBoard& operator=(const BootedBoard&) = delete;
 
     int32_t load() {
         int32_t result = 0;
@@ -44,10 +39,7 @@ class BootedBoard {
     void askForUpdate() { board.properties().set(kFpgaUpdateProperty, "1"); }
     std::string property() { return board.properties().get(kFpgaUpdateProperty, "(absent)"); }
     std::vector<std::string> errors() { return board.log(ANDROID_LOG_ERROR); }
-    std::string file(const std::string& path) const {
-        std::ifstream in(board.hostPath(path), std::ios::binary);
-        return {std::istreambuf_iterator<char>(in), {}};
-    }
+    std::string file(const std::string& path) const { return contentOf(board.hostPath(path)); }
     Bytes screen() const {
         const std::string bytes = file("/dev/block/by-name/screen");
         return {bytes.begin(), bytes.end()};
@@ -55,7 +47,7 @@ class BootedBoard {
     void putScreen(const std::vector<board::ScreenBlock>& blocks) {
         board.writeFile("/dev/block/by-name/screen", board::makeScreenPartition(blocks));
     }
-    // Whether the flash holds the image of the file system, and nothing behind it.
+    // Whether the flash holds the file system's image, and is erased behind it.
     bool holdsNewImage() {
         const std::string image = file(config_info->fpga_fw_path);
         const auto cells = board.flash().read(0, image.size());
@@ -64,16 +56,10 @@ class BootedBoard {
                board.flash().usedSize() <= image.size();
     }
 
+    const FreshLibrary library;
     Board board;
 
   private:
-    static void forget() {
-        free(config_info);
-        config_info = nullptr;
-        memset(st_func_offset_map_tab, 0, sizeof st_func_offset_map_tab);
-        memset(free_routing_topology, 0, sizeof free_routing_topology);
-        memset(buffer, 0, sizeof buffer);
-    }
     static int32_t (*sequence())() {
         const std::string product = config_info->product;
         if (product == "Kestrel") return fpgaLoadProcessKestrel;
@@ -170,7 +156,7 @@ TEST(FpgaBoot, MemoryHoldsWhatThePartitionSaysAlsoForBlocksOfOtherLengths) {
     EXPECT_THAT(heron.board.violations(), IsEmpty());
 }
 
-// One fault on a board that is healthy otherwise.
+// One fault on an otherwise healthy board.
 struct StageFault {
     const char* name;
     Product product;
@@ -194,7 +180,7 @@ TEST_P(FpgaBootWith, EndsAsTheSequenceSays) {
     EXPECT_THAT(booted.board.violations(), IsEmpty());
 }
 
-// A failing call, `times` times after `after` that succeed.
+// Makes a call fail `times` times, after `after` successes.
 std::function<void(Board&)> failing(Call call, const std::string& path, int after = 0,
                                     int times = 1) {
     return [=](Board& board) {
@@ -481,7 +467,7 @@ INSTANTIATE_TEST_SUITE_P(
                    false,
                    [](Board& board) {
                        without(kScreenDevice)(board);
-                       failing(Call::kOpen, kSpiDevice, 2 + 3)(board);  // behind two reads
+                       failing(Call::kOpen, kSpiDevice, 2 + 3)(board);  // after two reads
                    },
                    0,
                    {"read_screen_paramter: open /dev/block/by-name/screen failed !!!\n",

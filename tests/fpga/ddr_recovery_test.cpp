@@ -1,4 +1,4 @@
-// The DDR's check, and the FPGA's restart through PROG_B when it does not come.
+// The DDR check, and the FPGA's restart through PROG_B when the DDR is not ready.
 #include "fpga/ddr_recovery.h"
 
 #include <errno.h>
@@ -14,7 +14,7 @@ namespace {
 
 constexpr char kRead[] = "read 0x00001016", kSecond[] = "sleep 1.000000 s";
 
-// One attempt that finds the DDR not ready, at level 'D' without the bytes of the read.
+// The messages of one attempt that finds the DDR not ready: at level 'D', without the read's bytes.
 std::vector<std::string> badAttempt(const std::string& hex, const std::string& decimal) {
     return {"I fpgaCheckDDRAndRecovery, fpga_ddr_state = 0x" + hex + "\n",
             "E fpgaRecovery: invalid fpga_ddr_state = " + decimal + "\n",
@@ -38,7 +38,7 @@ class FpgaDdr : public FpgaTest {
         const auto lines = timeline();
         return static_cast<int>(std::count(lines.begin(), lines.end(), "gpio 441 = 0"));
     }
-    // What the recovery itself says: without the bytes of the reads and the DONE check's lines.
+    // The recovery's own messages: without the bytes of the reads and those of the DONE check.
     std::vector<std::string> recoveryMessages() {
         std::vector<std::string> kept;
         for (const std::string& line : messages()) {

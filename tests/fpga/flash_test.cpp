@@ -24,7 +24,7 @@ bool gTellFails = false;
 
 }  // namespace
 
-// In front of libc's: no file of a workstation refuses to tell its position.
+// Replaces libc's: on a workstation, no file makes ftell fail.
 extern "C" __attribute__((visibility("default"))) long ftell(FILE* file) {
     static auto* const real = reinterpret_cast<long (*)(FILE*)>(dlsym(RTLD_NEXT, "ftell"));
     if (!gTellFails) return real(file);
@@ -43,7 +43,7 @@ class FpgaFlash : public FpgaTest {
         startFresh();
     }
 
-    // Whatever the FPGA makes of its lines.
+    // Holds DONE at this level, whatever the FPGA does.
     void done(int level) { board.gpio().at(443).stickAt(level); }
 
     // The commands do nothing and succeed; `failing` exits with 3.
@@ -112,7 +112,7 @@ TEST_F(FpgaFlash, DoneLineBelow1IsNoLineAndCountsAsLow) {
 }
 
 TEST_F(FpgaFlash, DoneBeforeTheProductIsParsedHasNoLine) {
-    forgetState();
+    FreshLibrary::reset();
     EXPECT_EQ(fpgaCheckDone(), 0);
     EXPECT_THAT(messages(), ElementsAre("D fpgaCheckDone: invalid fpga_done_gpio_id = 0\n"));
 }
@@ -295,7 +295,8 @@ TEST_F(FpgaFlash, UpdateTakesADoneLineThatCannotBeReadForDone) {
     EXPECT_EQ(messages().back(), "D fpgaFwUpdate: fpga done pin check success\n");
 }
 
-// A line that cannot be driven: which one, after how many times that it could, and what stands.
+// A line that can be driven `after` times and then no more; the log's message then, and the number
+// of commands that were run.
 struct StuckLine {
     const char* name;
     const char* line;

@@ -1,8 +1,6 @@
-// What the tests of the FPGA's bring-up share: the lines of the Heron board, what happened on it in
-// order, and what was logged with level and tag.
+// Shared by the tests of the FPGA's bring-up: the Heron board's lines, the events on it in order,
+// and the log with levels and tags.
 #pragma once
-
-#include <string.h>
 
 #include <initializer_list>
 #include <string>
@@ -26,31 +24,9 @@ inline constexpr char kFpgaImage[] = "/vendor/firmware/fpga_Heron.bin";
 // Registers of the FPGA.
 inline constexpr uint32_t kDdrAt = 0x1016, kClockAt = 0x1100, kNegotiationAt = 0x1103;
 
-inline std::string hex(const Bytes& bytes) {
-    std::string text;
-    char digits[4];
-    for (const uint8_t byte : bytes) {
-        snprintf(digits, sizeof digits, text.empty() ? "%02x" : " %02x", byte);
-        text += digits;
-    }
-    return text;
-}
-
-// "02 10 00" as bytes.
-inline Bytes bytesOf(const std::string& text) {
-    Bytes bytes;
-    for (size_t at = 0; at + 1 < text.size(); at += 3) {
-        bytes.push_back(static_cast<uint8_t>(std::stoi(text.substr(at, 2), nullptr, 16)));
-    }
-    return bytes;
-}
-
-// A write transaction: its head as literal bytes, its data, the final 0.
+// A write transaction: its head in hexadecimal, its data, the final 0.
 inline Bytes transfer(const std::string& head, const Bytes& data) {
-    Bytes bytes = bytesOf(head);
-    bytes.insert(bytes.end(), data.begin(), data.end());
-    bytes.push_back(0);
-    return bytes;
+    return bytesOf(head) + data + Bytes{0};
 }
 
 // `count` bytes that differ from their neighbours and from block to block.
@@ -64,20 +40,11 @@ inline Bytes pattern(size_t count, uint8_t seed) {
 
 class FpgaTest : public LibraryTest {
   protected:
-    FpgaTest() { forgetTables(); }
-    ~FpgaTest() override { forgetTables(); }
-
-    // No test may do to the board what a part of it does not take, unless it says so.
+    // A test that makes a part of the board record violations has to expect them.
     void TearDown() override { EXPECT_THAT(board.violations(), testing::SizeIs(mViolations)); }
     void expectViolations(size_t count) { mViolations = count; }
 
-    static void forgetTables() {
-        memset(st_func_offset_map_tab, 0, sizeof st_func_offset_map_tab);
-        memset(free_routing_topology, 0, sizeof free_routing_topology);
-        memset(buffer, 0, sizeof buffer);
-    }
-
-    // The log from here on, and the trace.
+    // Clears the log and the trace.
     void startFresh(const std::string& level = "D") {
         if (config_info == nullptr) parseProduct();
         setLogLevel(level);
@@ -85,7 +52,7 @@ class FpgaTest : public LibraryTest {
         board.trace().clear();
     }
 
-    // "D text" for each message; all of them carry the one tag.
+    // "D text" for each message. All have the same tag.
     std::vector<std::string> messages() {
         std::vector<std::string> lines;
         for (const board::LogLine& line : board.logLines()) {
@@ -119,7 +86,7 @@ class FpgaTest : public LibraryTest {
     }
     std::vector<std::string> writtenHex() {
         std::vector<std::string> lines;
-        for (const Bytes& frame : writes()) lines.push_back(hex(frame));
+        for (const Bytes& frame : writes()) lines.push_back(hexOf(frame));
         return lines;
     }
 
@@ -132,7 +99,7 @@ class FpgaTest : public LibraryTest {
     }
     static std::string spiLine(const board::Event& event) {
         const bool isWrite = event.text.rfind("write", 0) == 0;
-        return isWrite ? "spi " + hex(event.bytes) : event.text.substr(0, event.text.find(','));
+        return isWrite ? "spi " + hexOf(event.bytes) : event.text.substr(0, event.text.find(','));
     }
     std::vector<std::string> textsOf(board::EventKind kind) {
         std::vector<std::string> texts;

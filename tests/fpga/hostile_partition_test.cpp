@@ -1,5 +1,5 @@
-// Partitions that no builder would write: whatever stands there, a load comes to its end, stays
-// inside its buffers (which the address sanitizer watches) and sends well-formed transactions only.
+// Partitions that no builder would write. Whatever they hold, a load ends, stays inside its buffers
+// (the address sanitizer checks that) and sends only well-formed transactions.
 #include <iterator>
 #include <random>
 
@@ -33,7 +33,7 @@ class Dice {
     std::mt19937 mEngine;
 };
 
-// Mostly zeros, so that the topology counts which it may be taken for stay small.
+// Mostly zeros: a load may read the data as topology counts, and large ones would take long.
 Bytes dataOf(Dice& dice, size_t length) {
     Bytes data(length);
     for (size_t i = dice.below(200); i < length; i += 1 + dice.below(400)) {
@@ -42,7 +42,7 @@ Bytes dataOf(Dice& dice, size_t length) {
     return data;
 }
 
-// Gamma blocks have thousands of messages each: a few will do.
+// Few gamma blocks, since each one is sent in thousands of writes.
 uint32_t addressOf(Dice& dice) {
     if (dice.oneIn(60)) return 0x10400000;
     if (dice.oneIn(40)) return 0;
@@ -54,7 +54,7 @@ void appendBlock(Dice& dice, Bytes& image) {
     const uint32_t length = dice.oneIn(4) ? dice.below(70000) : dice.of(kLengths);
     appendWord(image, addressOf(dice));
     if (dice.oneIn(25)) {
-        // A length that lies: 4 GiB, none, or to the image's end and a little further.
+        // A wrong length: 4 GiB, 0, or a little past the image's end.
         const auto left = static_cast<uint32_t>(kImageSize - std::min(kImageSize, image.size()));
         const uint32_t lies[] = {0xFFFFFFFF, 0x80000000, 0,          left - 4,
                                  left - 3,   left + 1,   dice.word()};
@@ -66,7 +66,7 @@ void appendBlock(Dice& dice, Bytes& image) {
     image.insert(image.end(), data.begin(), data.end());
 }
 
-// Blocks that follow a filler, so that they stand at the image's end.
+// A filler, so that the blocks behind it are at the image's end.
 void appendFiller(Dice& dice, Bytes& image) {
     const uint32_t length = static_cast<uint32_t>(kImageSize) - 12 - dice.below(30000);
     appendWord(image, 0x20000000);
@@ -90,7 +90,7 @@ Bytes hostilePartition(Dice& dice) {
     return image;
 }
 
-// Rows as an earlier load, or anybody else, may have left them.
+// Fills the exported table with rows that an earlier load or another component may have left.
 void scrambleRows(Dice& dice) {
     for (st_func_offset_map_t& row : st_func_offset_map_tab) {
         row = {dice.oneIn(60) ? 0x10400000 : dice.of(kAddresses),
@@ -116,14 +116,14 @@ class HostilePartition : public FpgaScreen {
     }
 };
 
-// A few thousand seeds, in parts that processes share among themselves.
+// A few thousand seeds, in parts, so that processes can share them.
 class HostilePart : public HostilePartition, public testing::WithParamInterface<uint32_t> {};
 
 TEST_P(HostilePart, OfFiveHundredSeedsHarmsNothing) { runSeeds(GetParam() * 500, 500); }
 
 INSTANTIATE_TEST_SUITE_P(Short, HostilePart, testing::Range(0U, kEmulated ? 1U : 4U));
 
-// 100,000 seeds in ten slices, for half an hour without anything else to do:
+// 100,000 seeds in ten slices, which take half an hour; run them with
 // --gtest_also_run_disabled_tests --gtest_filter='*HostileSlice*'
 class HostileSlice : public HostilePartition, public testing::WithParamInterface<uint32_t> {};
 

@@ -25,7 +25,7 @@ class FpgaLoad : public FpgaTest {
         board.properties().set(kFpgaUpdateProperty, value);
     }
 
-    // The messages of one function, without those of what it calls.
+    // The messages of one function, without those of the functions that it calls.
     std::vector<std::string> messagesOf(const std::string& function) {
         std::vector<std::string> kept;
         for (const std::string& line : messages()) {
@@ -49,8 +49,8 @@ class FpgaLoad : public FpgaTest {
     }
 };
 
-// Heron: commands are faked, DONE stands at 1, the DDR is good, the partition is missing and the
-// network's clock never comes: what is looked at is which step follows which.
+// Heron. Only the order of the steps is tested: commands are faked, DONE is 1, the DDR is ready,
+// the partition is missing and the network's clock never comes up.
 class FpgaLoadHeron : public FpgaLoad {
   protected:
     FpgaLoadHeron() {
@@ -227,17 +227,17 @@ class FpgaLoadKestrel : public FpgaLoad {
   protected:
     FpgaLoadKestrel() {
         parseProduct();
-        snprintf(config_info->fpga_drv_path, sizeof config_info->fpga_drv_path, "/dev/driver");
-        snprintf(config_info->fpga_fw_path, sizeof config_info->fpga_fw_path, "/vendor/image");
-        snprintf(config_info->fpga_parameter, sizeof config_info->fpga_parameter, "block one");
-        snprintf(config_info->hex_parameter, sizeof config_info->hex_parameter, "block two");
+        snprintf(config_info->fpga_drv_path, sizeof(config_info->fpga_drv_path), "/dev/driver");
+        snprintf(config_info->fpga_fw_path, sizeof(config_info->fpga_fw_path), "/vendor/image");
+        snprintf(config_info->fpga_parameter, sizeof(config_info->fpga_parameter), "block one");
+        snprintf(config_info->hex_parameter, sizeof(config_info->hex_parameter), "block two");
         for (const char* call :
              {"hal_fpga_load_program_sync", "bi_fpga_load_screen_params_by_udp"}) {
             mSucceeding.push_back(call);
         }
         startFresh("I");
     }
-    // The closed library answers 0 without a real device behind it.
+    // Makes the closed library return 0 without doing anything.
     void succeed() {
         for (const std::string& call : mSucceeding) {
             board.faults().add({.call = Call::kVendor, .path = call, .lostSilently = true});

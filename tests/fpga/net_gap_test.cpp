@@ -1,4 +1,4 @@
-// The end of a load of the screen's parameters: the fixed registers, the wait for the network side
+// The end of a load of the screen's parameters: the fixed registers, the wait for the network side,
 // and the net gap.
 #include <thread>
 
@@ -41,7 +41,7 @@ std::vector<std::string> joined(std::vector<std::string> first,
 
 class ScreenFixed : public FpgaScreen {
   protected:
-    // Rows without a load: this data at offset 0.
+    // A row without a load: data at offset 0.
     void oneRow(uint32_t address) { st_func_offset_map_tab[0] = {address, 1, 0}; }
     Bytes packed = pattern(kImageSize, 1);
 };
@@ -67,8 +67,8 @@ TEST_F(ScreenFixed, SubPixelTableGoesOnceMoreInTwoHalves) {
     oneRow(0x10A43000);
     sendFixedParameter(1, packed.data());
     EXPECT_EQ(writtenHex(),
-              joined(kFixed, {hex(transfer("02 10 a4 30 00", partOf(packed, 0, 256))),
-                              hex(transfer("02 10 a4 31 00", partOf(packed, 256, 256)))}));
+              joined(kFixed, {hexOf(transfer("02 10 a4 30 00", partOf(packed, 0, 256))),
+                              hexOf(transfer("02 10 a4 31 00", partOf(packed, 256, 256)))}));
     EXPECT_THAT(messages(), ElementsAre("D fpga_addr 10a43000 write size = 262\n",
                                         "D fpga_addr 10a43100 write size = 262\n"));
 }
@@ -105,8 +105,8 @@ TEST_F(ScreenFixed, WithoutDataEachFrameIsLoggedAndGoesWithZeros) {
     oneRow(0x10A43000);
     st_func_offset_map_tab[1] = {0x10000100, 1, 0};
     sendFixedParameter(2, nullptr);
-    EXPECT_EQ(writtenHex(), joined(kFixed, {hex(transfer("02 10 a4 30 00", Bytes(256))),
-                                            hex(transfer("02 10 a4 31 00", Bytes(256))),
+    EXPECT_EQ(writtenHex(), joined(kFixed, {hexOf(transfer("02 10 a4 30 00", Bytes(256))),
+                                            hexOf(transfer("02 10 a4 31 00", Bytes(256))),
                                             "02 10 00 01 1b 00 00"}));
     EXPECT_THAT(messages(),
                 ElementsAre("E dst or src is NULL\n", "D fpga_addr 10a43000 write size = 262\n",
@@ -135,7 +135,7 @@ class ScreenNetGap : public ScreenFixed {
         const Bytes bytes = bytesOf(frame);
         for (size_t i = 0; i < bytes.size(); ++i) {
             char text[80];
-            snprintf(text, sizeof text, "I %s[%zu] = 0x%x\n", label.c_str(), i, bytes[i]);
+            snprintf(text, sizeof(text), "I %s[%zu] = 0x%x\n", label.c_str(), i, bytes[i]);
             lines.push_back(text);
         }
         return lines;
@@ -151,12 +151,12 @@ TEST_F(ScreenNetGap, StartsAfter3SecondsAndEndsWithFiveCopies) {
 TEST_F(ScreenNetGap, BlockWhoseEnableIs0GoesWithAllParametersAndItsFilterTwice) {
     packed[24] = 0;
     oneRow(0x10A45000);
-    const std::string filter = hex(transfer("02 10 a4 50 31", partOf(packed, 49, 108)));
+    const std::string filter = hexOf(transfer("02 10 a4 50 31", partOf(packed, 49, 108)));
     const auto pauses = pausesOf(1);
-    EXPECT_EQ(writtenHex(), joined({hex(transfer("02 10 a4 50 00", partOf(packed, 0, 20))),
-                                    hex(transfer("02 10 a4 50 14", partOf(packed, 20, 4))), filter,
-                                    "02 10 a4 50 18 00 00",
-                                    hex(transfer("02 10 a4 50 19", {packed[25]})), filter},
+    EXPECT_EQ(writtenHex(), joined({hexOf(transfer("02 10 a4 50 00", partOf(packed, 0, 20))),
+                                    hexOf(transfer("02 10 a4 50 14", partOf(packed, 20, 4))),
+                                    filter, "02 10 a4 50 18 00 00",
+                                    hexOf(transfer("02 10 a4 50 19", {packed[25]})), filter},
                                    kEnable));
     EXPECT_EQ(pauses, joined({"3.000000 s", "0.010000 s", "0.010000 s", "0.010000 s", "0.010000 s",
                               "0.010000 s", "0.100000 s", "0.010000 s"},
@@ -168,10 +168,10 @@ TEST_F(ScreenNetGap, BlockWhoseEnableIsSetGoesWithOneParameterAndItsFilterOnce) 
     oneRow(0x10A45000);
     const auto pauses = pausesOf(1);
     EXPECT_EQ(writtenHex(),
-              joined({hex(transfer("02 10 a4 50 00", {packed[0]})),
-                      hex(transfer("02 10 a4 50 14", partOf(packed, 20, 4))),
-                      hex(transfer("02 10 a4 50 31", partOf(packed, 49, 108))),
-                      "02 10 a4 50 18 05 00", hex(transfer("02 10 a4 50 19", {packed[25]}))},
+              joined({hexOf(transfer("02 10 a4 50 00", {packed[0]})),
+                      hexOf(transfer("02 10 a4 50 14", partOf(packed, 20, 4))),
+                      hexOf(transfer("02 10 a4 50 31", partOf(packed, 49, 108))),
+                      "02 10 a4 50 18 05 00", hexOf(transfer("02 10 a4 50 19", {packed[25]}))},
                      kEnable));
     EXPECT_EQ(pauses, joined({"3.000000 s", "0.010000 s", "0.010000 s", "0.010000 s", "0.010000 s",
                               "0.010000 s"},
@@ -229,9 +229,9 @@ TEST_F(ScreenNetGap, EveryBlockOfTheKindIsSent) {
 TEST_F(ScreenNetGap, WithoutDataTheEnableByteCountsAs0AndFramesGoWithZeros) {
     oneRow(0x10A45000);
     sendNetGapeEnable(1, nullptr);
-    const std::string filter = hex(transfer("02 10 a4 50 31", Bytes(108)));
-    EXPECT_EQ(writtenHex(), joined({hex(transfer("02 10 a4 50 00", Bytes(20))),
-                                    hex(transfer("02 10 a4 50 14", Bytes(4))), filter,
+    const std::string filter = hexOf(transfer("02 10 a4 50 31", Bytes(108)));
+    EXPECT_EQ(writtenHex(), joined({hexOf(transfer("02 10 a4 50 00", Bytes(20))),
+                                    hexOf(transfer("02 10 a4 50 14", Bytes(4))), filter,
                                     "02 10 a4 50 18 00 00", "02 10 a4 50 19 00 00", filter},
                                    kEnable));
     EXPECT_EQ(messages(), std::vector<std::string>(5, "E dst or src is NULL\n"));
@@ -241,8 +241,8 @@ TEST_F(ScreenNetGap, BlockAtTheEndOfThePackedDataGoesWithZerosBehindIt) {
     st_func_offset_map_tab[0] = {0x10A45000, 1, static_cast<uint32_t>(kImageSize - 10)};
     sendNetGapeEnable(1, packed.data());
     Bytes parameters = partOf(packed, kImageSize - 10, 20);
-    EXPECT_EQ(hex(writes()[0]), hex(transfer("02 10 a4 50 00", parameters)));
-    EXPECT_EQ(hex(writes()[2]), hex(transfer("02 10 a4 50 31", Bytes(108))));
+    EXPECT_EQ(hexOf(writes()[0]), hexOf(transfer("02 10 a4 50 00", parameters)));
+    EXPECT_EQ(hexOf(writes()[2]), hexOf(transfer("02 10 a4 50 31", Bytes(108))));
 }
 
 // The wait for the network side.
@@ -275,10 +275,10 @@ TEST_F(ScreenNetworkWait, OfASideThatIsUpTakesNoTimeAndIsLoggedBehindTheNetGap) 
 }
 
 TEST_F(ScreenNetworkWait, OfASideThatNeverComesTakes4WholeSecondsAndIsLoggedBeforeTheNetGap) {
-    memset(buffer, 0, sizeof buffer);
+    memset(buffer, 0, sizeof(buffer));
     board.runFor(std::chrono::milliseconds(300));
     const board::Nanos time = waited();
-    // Whole seconds of the clock: the wait begins at 0.38 s and ends with the fourth of them.
+    // The wait counts whole seconds of the clock: it begins at 0.38 s and ends at 4 s.
     EXPECT_GT(time, std::chrono::milliseconds(3610));
     EXPECT_LT(time, std::chrono::milliseconds(3630));
     EXPECT_THAT(messages(), ElementsAre(kTooLong));
@@ -293,7 +293,7 @@ TEST_F(ScreenNetworkWait, OfASideThatNeverComesTakes4WholeSecondsAndIsLoggedBefo
 }
 
 TEST_F(ScreenNetworkWait, EndsWhenTheOtherThreadHasWrittenTheLastByte) {
-    memset(buffer, 0, sizeof buffer);
+    memset(buffer, 0, sizeof(buffer));
     std::thread network([] {
         usleep(2080000);  // 2 s into the wait
         for (const auto& [at, value] : {std::pair{33, 9}, {42, 9}, {47, 9}, {25, 1}, {23, 3}}) {

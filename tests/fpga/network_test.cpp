@@ -23,7 +23,7 @@ constexpr char kPhyPage[] = "$ echo w 0x1f 0xd08 > /sys/class/ethernet/phyreg";
 constexpr char kPhyRead[] = "$ echo r 0x10 > /sys/class/ethernet/phyreg";
 constexpr char kPhyWrite[] = "$ echo w 0x10 0x5e > /sys/class/ethernet/phyreg";
 
-// What a healthy attempt does between the clock and the reset pulse.
+// The steps of a healthy attempt between the clock and the reset pulse.
 const std::vector<std::string> kSetUp = {"RTL8211FS_RSTN = 0",
                                          "sleep 0.500000 s",
                                          "RTL8211FS_RSTN = 1",
@@ -66,7 +66,7 @@ class FpgaNetwork : public FpgaTest {
   protected:
     FpgaNetwork() {
         parseProduct();
-        // Whatever the commands come to, nobody looks.
+        // All commands fail: their exit codes are ignored.
         board.faults().add({.call = Call::kSystem, .times = -1, .exitCode = 1});
         board.phy().setStatusText("0x907");
         clockReads({1});

@@ -1,4 +1,4 @@
-// The partition's index: count, blocks, rows and packed data, whatever stands there.
+// The partition's index: count, blocks, rows and packed data, of good and bad partitions.
 #include "tests/fpga/screen_test.h"
 
 namespace quil::tests {
@@ -112,8 +112,8 @@ TEST_F(ScreenIndex, BlockThatRunsPastTheImageIsRefusedLikeOneOfLength0) {
 
 TEST_F(ScreenIndex, HeaderThatRunsPastTheImageIsRefused) {
     for (const size_t left : {0, 1, 7}) {
+        FreshLibrary::reset();
         startFresh("D");
-        forgetTables();
         EXPECT_EQ(index(partitionOf({{0x10300000, Bytes(kImageSize - 12 - left, 0xFF)}}, 2)), 2);
         EXPECT_THAT(row(1), ElementsAre(0, 0, 0));
         EXPECT_EQ(messages().back(), "E parse_emmc_block invalid fpgaAddr, or datalen.\n");
@@ -148,9 +148,9 @@ TEST_F(ScreenIndex, CopyToASendBufferIsPlain) {
 }
 
 TEST_F(ScreenIndex, TablesHaveTheSizesThatOthersLinkAgainst) {
-    EXPECT_EQ(sizeof st_func_offset_map_tab, 720U);
-    EXPECT_EQ(sizeof free_routing_topology, 80U);
-    EXPECT_EQ(sizeof buffer, 1056U);
+    EXPECT_EQ(sizeof(st_func_offset_map_tab), 720U);
+    EXPECT_EQ(sizeof(free_routing_topology), 80U);
+    EXPECT_EQ(sizeof(buffer), 1056U);
 }
 
 }  // namespace quil::tests

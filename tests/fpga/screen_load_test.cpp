@@ -1,5 +1,4 @@
-// A load of the screen's parameters: what each kind of block becomes on the wire, in which order,
-// and what is logged.
+// A load of the screen's parameters: the writes for each kind of block, their order, and the log.
 #include <errno.h>
 #include <quil_hal.h>
 
@@ -18,7 +17,7 @@ using testing::IsEmpty;
 
 namespace {
 
-// A topology header that gives these counts to the first topology blocks.
+// A topology header with these counts for the first topology blocks.
 Bytes headerWith(const std::vector<uint16_t>& counts) {
     Bytes data(5120, 0xEE);
     for (size_t k = 0; k < 20; ++k) {
@@ -33,7 +32,7 @@ Bytes headerWith(const std::vector<uint16_t>& counts) {
 
 class ScreenLoad : public FpgaScreen {};
 
-// What ends a load.
+// Failures that end a load.
 
 TEST_F(ScreenLoad, WithoutMemoryForEitherBufferFails) {
     for (const int after : {0, 1}) {
@@ -87,7 +86,7 @@ TEST_F(ScreenLoad, OfAnEmptyPartitionFails) {
 
 TEST_F(ScreenLoad, ReadsThePartitionOnceUpTo2MiBAndSaysHowMuch) {
     startFresh("D");
-    // A second read of it would fail.
+    // Fails a second read of the partition, if there is one.
     board.faults().add({.call = Call::kRead, .path = kScreen, .error = EIO, .after = 2});
     Bytes bytes = partitionOf({{0x10300000, {1}}});
     bytes.resize(kImageSize + 100);
@@ -109,7 +108,7 @@ TEST_F(ScreenLoad, TransfersThatFailDoNotStopIt) {
         1 + 7 + 1 + 6 + 7);
 }
 
-// Kinds that are one frame of a fixed size.
+// Kinds that are sent in one frame of a fixed size.
 
 struct Whole {
     const char* name;
@@ -123,7 +122,7 @@ std::string wholeName(const testing::TestParamInfo<Whole>& info) { return info.p
 class WholeBlock : public ScreenLoad, public testing::WithParamInterface<Whole> {
   protected:
     size_t dataSize() const { return GetParam().size - 6; }
-    // What the block becomes: its first frame, whatever else its kind sends.
+    // The block's first frame; some kinds send more.
     Bytes frameOf(const Bytes& data) {
         load({{GetParam().address, data}});
         return blockFrames().at(0);
@@ -209,9 +208,9 @@ TEST_F(ScreenLoad, BlocksAreSentInTheOrderOfThePartition) {
     load({{0x10820000, data}, {0x10300000, data}, {0x10810000, data}});
     const auto frames = blockFrames();
     ASSERT_EQ(frames.size(), 3U);
-    EXPECT_EQ(hex(partOf(frames[0], 0, 5)), "02 10 82 00 00");
-    EXPECT_EQ(hex(partOf(frames[1], 0, 5)), "02 10 30 00 00");
-    EXPECT_EQ(hex(partOf(frames[2], 0, 5)), "02 10 81 00 00");
+    EXPECT_EQ(hexOf(partOf(frames[0], 0, 5)), "02 10 82 00 00");
+    EXPECT_EQ(hexOf(partOf(frames[1], 0, 5)), "02 10 30 00 00");
+    EXPECT_EQ(hexOf(partOf(frames[2], 0, 5)), "02 10 81 00 00");
 }
 
 TEST_F(ScreenLoad, NetGapAndGammaBlocksAreAnnouncedAtDebugLevel) {
@@ -231,7 +230,7 @@ TEST_F(ScreenLoad, RowsThatThisLoadDidNotFillAreWalkedAllTheSame) {
     load({{0x10300000, {1}}, {0x10301000, data}});
     load({{0x10810000, data}, {0, {}}}, 2);
     EXPECT_THAT(blockFrames(), ElementsAre(transfer("02 10 81 00 00", data),
-                                           // The earlier load's row: its offset, this load's data.
+                                           // An earlier row's offset, this load's data.
                                            transfer("02 10 30 10 00", partOf(data, 1, 4096))));
 }
 
@@ -247,8 +246,8 @@ TEST_F(ScreenLoad, RowsThatPointPastThePackedDataSendZeros) {
     EXPECT_EQ(frames[1], transfer("02 10 30 00 00", zeros));
     EXPECT_EQ(frames[2], transfer("02 10 40 00 00", gamma));
     EXPECT_EQ(frames[4], transfer("02 10 42 00 00", gamma));
-    EXPECT_EQ(hex(frames[5]), "02 10 00 01 03 00 00 00");
-    EXPECT_EQ(hex(frames[6]), "02 10 00 01 0b 00 00");
+    EXPECT_EQ(hexOf(frames[5]), "02 10 00 01 03 00 00 00");
+    EXPECT_EQ(hexOf(frames[6]), "02 10 00 01 0b 00 00");
 }
 
 TEST_F(ScreenLoad, RowOfLength0HasItsZeroRightBehindTheAddress) {
@@ -260,7 +259,7 @@ TEST_F(ScreenLoad, RowOfLength0HasItsZeroRightBehindTheAddress) {
     EXPECT_EQ(blockFrames().back(), transfer("02 10 30 00 00", mixed));
 }
 
-// A partition that a builder could have written, of any kinds and lengths in any order.
+// A random well-formed partition: any kinds and lengths in any order.
 std::vector<Block> anyBlocks(std::mt19937& engine) {
     constexpr uint32_t kKinds[] = {0x10018000, 0x10B00000, 0x10B4C000, 0x10300000, 0x10313000,
                                    0x10200000, 0x10204000, 0x10A43000, 0x10810000, 0x10820000,
@@ -326,7 +325,7 @@ TEST_F(ScreenLoad, GammaLogsTheBytesOfItsFramesAtInformationLevel) {
     for (const Bytes& frame : blockFrames()) {
         for (size_t i = 0; i < 2054; ++i) {
             char text[64];
-            snprintf(text, sizeof text, "I send_buff_gamma[%zu] = 0x%x\n", i, frame[i]);
+            snprintf(text, sizeof(text), "I send_buff_gamma[%zu] = 0x%x\n", i, frame[i]);
             expected.push_back(text);
         }
     }
@@ -481,7 +480,7 @@ TEST_F(ScreenTopology, WithoutASourceEachFrameIs22ZerosAndAMessage) {
     sendTopologyPara(nullptr, 0, 0x10B00000, 2);
     EXPECT_THAT(messages(), ElementsAre("E dst or src is NULL\n", "E dst or src is NULL\n"));
     EXPECT_THAT(sleeps(), ElementsAre("0.010000 s", "0.010000 s"));
-    // The FPGA knows no such transaction.
+    // The model refuses the transaction.
     const char* const refused = "fpga: a write without the command 0x02: 00 00 00 00 00 00 00 00";
     EXPECT_THAT(board.violations(), ElementsAre(refused, refused));
     EXPECT_EQ(board.deviceTime(), 2 * 22 * board::Fpga::kSpiByte);

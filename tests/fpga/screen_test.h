@@ -1,4 +1,4 @@
-// What the tests of the screen's parameters share: partitions made block by block, and loads of
+// Shared by the tests of the screen's parameters: partitions built block by block, and loads of
 // them.
 #pragma once
 
@@ -21,11 +21,7 @@ struct Block {
     Bytes data;
 };
 
-inline void appendWord(Bytes& bytes, uint32_t value) {
-    for (const int shift : {24, 16, 8, 0}) bytes.push_back(static_cast<uint8_t>(value >> shift));
-}
-
-// A partition as its builder writes it; `count` where the header lies about its blocks.
+// A partition as its builder writes it. `count` is the header's number of blocks, if it is wrong.
 inline Bytes partitionOf(const std::vector<Block>& blocks, int64_t count = -1) {
     Bytes bytes;
     appendWord(bytes, static_cast<uint32_t>(count >= 0 ? count : blocks.size()));
@@ -45,15 +41,7 @@ class FpgaScreen : public FpgaTest {
         startFresh("E");
     }
 
-    static void networkIsUp() {
-        for (const auto& [at, value] : {std::pair{23, 3}, {25, 1}, {33, 9}, {42, 9}, {47, 9}}) {
-            buffer[at] = static_cast<uint8_t>(value);
-        }
-    }
-
-    void putPartition(const Bytes& bytes) {
-        board.writeFile(kScreen, {reinterpret_cast<const char*>(bytes.data()), bytes.size()});
-    }
+    void putPartition(const Bytes& bytes) { board.writeFile(kScreen, textOf(bytes)); }
     int load(const std::vector<Block>& blocks, int64_t count = -1) {
         putPartition(partitionOf(blocks, count));
         board.trace().clear();
@@ -61,7 +49,7 @@ class FpgaScreen : public FpgaTest {
         return fpgaLoadScreenParamsBySpi();
     }
 
-    // The frames of a load up to the first fixed one, and from that on.
+    // The frames of a load before its fixed ones, and those from the first fixed one on.
     std::vector<Bytes> blockFrames() {
         auto frames = writes();
         frames.erase(firstFixed(frames), frames.end());
@@ -84,7 +72,7 @@ class FpgaScreen : public FpgaTest {
     }
 };
 
-// The part of a block's data that stands from `from` on, zeros behind its end.
+// `count` bytes of a block's data from `from` on; zeros past its end.
 inline Bytes partOf(const Bytes& data, size_t from, size_t count) {
     Bytes part(count);
     for (size_t i = 0; i < count && from + i < data.size(); ++i) part[i] = data[from + i];

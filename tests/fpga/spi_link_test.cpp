@@ -17,7 +17,7 @@ using testing::IsEmpty;
 
 namespace {
 
-// The seven bytes of a read of one: what came with the header, and the state.
+// The log of the seven bytes of a one-byte read: those that came with the header, and the state.
 std::vector<std::string> bytesLogged(const std::string& function, const std::string& state) {
     const std::string start = "D " + function + ": send_data[";
     std::vector<std::string> lines(7, start);
@@ -110,7 +110,7 @@ TEST_P(FpgaStateRead, IsOneReadOfLengthAnd6BytesWithTheHeaderInTheBuffer) {
     const auto transactions = board.fpga().transactions();
     ASSERT_EQ(transactions.size(), 1U);
     EXPECT_TRUE(transactions[0].isRead);
-    EXPECT_EQ(hex(transactions[0].sent), std::string(GetParam().header) + " 00 00 00");
+    EXPECT_EQ(hexOf(transactions[0].sent), std::string(GetParam().header) + " 00 00 00");
     EXPECT_THAT(sleeps(), IsEmpty());
     EXPECT_THAT(board.violations(), IsEmpty());
 }
@@ -178,7 +178,7 @@ TEST_P(FpgaStateRead, ThatComesUpShortIsNoFailure) {
 int readDdr(unsigned char* state, unsigned) { return readFpgaDdrState(state); }
 std::string nameOfRead(const testing::TestParamInfo<StateRead>& info) { return info.param.name; }
 
-// The DDR's read is of one byte, always: it has the rest in common.
+// The DDR's read takes no count: it is always one byte. Otherwise it behaves as the other two.
 INSTANTIATE_TEST_SUITE_P(
     Each, FpgaStateRead,
     testing::Values(StateRead{"readFpgaSgmiiClockState", readFpgaSgmiiClockState, kClockAt,
@@ -196,7 +196,7 @@ TEST_F(FpgaDdrRead, IsOneReadOf7BytesFrom1016) {
     EXPECT_EQ(state, 3);
     const auto transactions = board.fpga().transactions();
     ASSERT_EQ(transactions.size(), 1U);
-    EXPECT_EQ(hex(transactions[0].sent), "0b 00 00 10 16 00 00");
+    EXPECT_EQ(hexOf(transactions[0].sent), "0b 00 00 10 16 00 00");
     EXPECT_EQ(messages(), bytesLogged("readFpgaDdrState", "0x03"));
 }
 

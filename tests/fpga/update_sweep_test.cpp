@@ -1,6 +1,4 @@
-// Power that goes at every event of a pending FPGA update: the next boots end with the new image.
-#include <stdlib.h>
-
+// Power is cut at every event of a pending FPGA update; the boots after it end with the new image.
 #include <array>
 #include <filesystem>
 #include <map>
@@ -20,7 +18,7 @@ using testing::IsEmpty;
 
 namespace fs = std::filesystem;
 
-// A Heron board's directory with an update pending, to be put back as it was.
+// A Heron board's directory with an update pending; restore() undoes what a boot changed.
 class FpgaUpdateSweep : public testing::Test {
   protected:
     FpgaUpdateSweep() {
@@ -28,11 +26,7 @@ class FpgaUpdateSweep : public testing::Test {
         board::writeWholeFile(directory / "properties", std::string(kFpgaUpdateProperty) + "=1\n");
         oldFlash = board::readWholeFile(directory / "mtd0").value_or("");
         image = board::readWholeFile(directory / "rootfs/vendor/firmware/fpga_Heron.bin").value();
-        for (const auto& [at, value] : {std::pair{23, 3}, {25, 1}, {33, 1}, {41, 1}, {47, 1}}) {
-            buffer[at] = static_cast<uint8_t>(value);
-        }
     }
-    ~FpgaUpdateSweep() override { memset(buffer, 0, sizeof buffer); }
 
     void restore() const {
         board::writeWholeFile(directory / "mtd0", oldFlash);
@@ -40,18 +34,18 @@ class FpgaUpdateSweep : public testing::Test {
     }
 
     static int32_t boot() {
+        const FreshLibrary library;
+        networkIsUp();
         int32_t result = -1;
         testing::internal::CaptureStderr();
         standardOutputOf([&] {
             if (parseConfigInfo() == 0) result = fpgaLoadProcessHeron();
         });
         testing::internal::GetCapturedStderr();
-        free(config_info);
-        config_info = nullptr;
         return result;
     }
 
-    // How many events there are until the update is marked as done, that one included.
+    // The number of events up to and with the one that marks the update as done.
     uint64_t eventsOfTheUpdate() {
         Board board(directory);
         const uint64_t first = board.trace().count() - board.trace().events().size();

@@ -1,15 +1,14 @@
-// Every fuzz target over the inputs that are kept for it: examples, and what was found once.
+// Runs every fuzz target over its corpus: examples, and inputs that once failed.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <ostream>
 
 #include "fuzz/targets.h"
 #include "testing/build.h"
+#include "testing/files.h"
 #include "testing/library_test.h"
 
 namespace quil::fuzz {
@@ -31,9 +30,9 @@ std::vector<std::filesystem::path> filesIn(const std::filesystem::path& director
     return files;
 }
 
-Bytes contentOf(const std::filesystem::path& file) {
-    std::ifstream in(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
+Bytes bytesIn(const std::filesystem::path& file) {
+    const std::string content = contentOf(file);
+    return {content.begin(), content.end()};
 }
 
 }  // namespace
@@ -44,7 +43,7 @@ TEST_P(FuzzCorpus, HoldsForEachInputThatIsKept) {
     const auto inputs = filesIn(kCorpora / GetParam().name);
     EXPECT_THAT(inputs, testing::SizeIs(testing::Ge(5U)));
     for (const auto& file : inputs) {
-        const Bytes input = contentOf(file);
+        const Bytes input = bytesIn(file);
         standardOutputOf([&] {
             EXPECT_NO_THROW(GetParam().run(input))
                 << "replay: ./run fuzz " << GetParam().name << " " << file;

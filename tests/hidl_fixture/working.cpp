@@ -1,6 +1,5 @@
 #include <android/hidl/manager/1.0/IServiceNotification.h>
-
-#include <cstring>
+#include <string.h>
 
 using ::android::hardware::hidl_string;
 using ::android::hardware::Return;
@@ -17,7 +16,7 @@ struct Notification : IServiceNotification {
 
 }  // namespace
 
-// Knows one instance.
+// There is one instance.
 extern "C" IServiceNotification* HIDL_FETCH_IServiceNotification(const char* name) {
     return strcmp(name, "default") == 0 ? new Notification : nullptr;
 }

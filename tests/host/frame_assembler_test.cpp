@@ -24,7 +24,7 @@ Bytes joined(std::initializer_list<Bytes> parts) {
     return all;
 }
 
-TEST(FrameAssembler, AWholeFrameComesOutWithItsFields) {
+TEST(FrameAssembler, WholeFrameComesOutWithItsFields) {
     FrameAssembler assembler;
     const auto frames = assembler.feed(kAnswer);
     ASSERT_THAT(frames, SizeIs(1));
@@ -36,7 +36,7 @@ TEST(FrameAssembler, AWholeFrameComesOutWithItsFields) {
     EXPECT_EQ(assembler.statistics().skippedBytes, 0u);
 }
 
-TEST(FrameAssembler, AFrameSplitAtAnyByteComesOutOnce) {
+TEST(FrameAssembler, FrameSplitAtAnyByteComesOutOnce) {
     for (size_t cut = 0; cut <= kAnswer.size(); ++cut) {
         FrameAssembler assembler;
         const std::span<const uint8_t> whole(kAnswer);
@@ -69,13 +69,13 @@ TEST(FrameAssembler, NoiseBeforeBetweenAndAfterFramesIsSkippedAndCounted) {
     EXPECT_EQ(assembler.held(), 0u);
 }
 
-TEST(FrameAssembler, ALoneFirstHalfOfAMagicBeforeAFrameDoesNotHideTheFrame) {
+TEST(FrameAssembler, LoneFirstHalfOfAMagicBeforeAFrameDoesNotHideTheFrame) {
     FrameAssembler assembler;
     EXPECT_THAT(assembler.feed(joined({{0x55}, kAnswer})), SizeIs(1));
     EXPECT_THAT(assembler.feed(joined({{0x55, 0xBB}, kAnswer})), SizeIs(1));
 }
 
-TEST(FrameAssembler, AWrongChecksumDropsTheFrameAndKeepsTheNext) {
+TEST(FrameAssembler, WrongChecksumDropsTheFrameAndKeepsTheNext) {
     FrameAssembler assembler;
     Bytes bad = kAnswer;
     bad[32] ^= 1;
@@ -84,7 +84,7 @@ TEST(FrameAssembler, AWrongChecksumDropsTheFrameAndKeepsTheNext) {
     EXPECT_EQ(assembler.statistics().skippedBytes, 34u);
 }
 
-TEST(FrameAssembler, ALengthOf0xFFFFIsNoHeaderAndHoldsNothingUp) {
+TEST(FrameAssembler, LengthOf0xFFFFIsNoHeaderAndHoldsNothingUp) {
     FrameAssembler assembler;
     Bytes bad = kAnswer;
     bad[8] = bad[9] = 0xFF;
@@ -92,7 +92,7 @@ TEST(FrameAssembler, ALengthOf0xFFFFIsNoHeaderAndHoldsNothingUp) {
     EXPECT_EQ(assembler.statistics().badHeaders, 1u);
 }
 
-TEST(FrameAssembler, ALengthShorterThanAnyFrameIsNoHeader) {
+TEST(FrameAssembler, LengthShorterThanAnyFrameIsNoHeader) {
     for (int length = 0; length < 22; ++length) {
         FrameAssembler assembler;
         Bytes bad = kAnswer;
@@ -101,18 +101,18 @@ TEST(FrameAssembler, ALengthShorterThanAnyFrameIsNoHeader) {
     }
 }
 
-TEST(FrameAssembler, ALengthThatReachesIntoTheNextFrameLosesOnlyTheLyingFrame) {
+TEST(FrameAssembler, LengthThatReachesIntoTheNextFrameLosesOnlyTheLyingFrame) {
     FrameAssembler assembler;
     Bytes bad = kAnswer;
-    bad[8] = 0x28;  // 16 bytes more than there are
+    bad[8] = 0x28;  // claims 16 bytes more than it has
     EXPECT_THAT(assembler.feed(joined({bad, kAnswer})), SizeIs(1));
 }
 
-TEST(FrameAssembler, AFrameInsideTheUnfinishedRemainsOfAnotherIsFoundWhenTheLineGoesSilent) {
+TEST(FrameAssembler, FrameInsideTheUnfinishedRemainsOfAnotherIsFoundWhenTheLineGoesSilent) {
     FrameAssembler assembler;
     Bytes bad = kAnswer;
     bad[8] = 0x26;
-    bad[9] = 0x10;  // announces the longest frame there is
+    bad[9] = 0x10;  // announces a frame of the largest size
     EXPECT_THAT(assembler.feed(joined({bad, kAnswer})), IsEmpty());
     EXPECT_EQ(assembler.held(), 68u);
     EXPECT_THAT(assembler.lineWentSilent(), SizeIs(1));
@@ -126,7 +126,7 @@ TEST(FrameAssembler, SilenceWithNothingHeldChangesNothing) {
     EXPECT_EQ(assembler.statistics().abandoned, 0u);
 }
 
-TEST(FrameAssembler, TheLongestFramePassesAndItsBufferIsEmptyAfterwards) {
+TEST(FrameAssembler, LongestFramePassesAndItsBufferIsEmptyAfterwards) {
     FrameAssembler assembler;
     WireFrame longest;
     longest.payload.assign(4112, 0x55);

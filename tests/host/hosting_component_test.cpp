@@ -31,7 +31,7 @@ class HostingComponentTest : public LibraryTest {
     HostingComponentTest() { testing::internal::CaptureStdout(); }
     ~HostingComponentTest() override { testing::internal::GetCapturedStdout(); }
 
-    // Without the boot jobs, which have tests of their own.
+    // Without the MCU update, which has its own tests.
     StartUpResult start() { return host.start({.updateMcu = false}); }
 
     Bytes ask(bool isWrite, const Bytes& request) {
@@ -59,7 +59,7 @@ TEST_F(HostingComponentTest, StartUpOpensTheLinkOfTheProductFileAtItsRate) {
     EXPECT_EQ(board.mcuUart().mode(), "8N1");
 }
 
-TEST_F(HostingComponentTest, TheAnswerOfTheMcuReachesTheClientThatAsked) {
+TEST_F(HostingComponentTest, AnswerOfTheMcuReachesTheClientThatAsked) {
     board.mcu().setAnswer(1, version);
     ASSERT_TRUE(start().ok());
     EXPECT_EQ(getVersion(), version);
@@ -67,7 +67,7 @@ TEST_F(HostingComponentTest, TheAnswerOfTheMcuReachesTheClientThatAsked) {
     EXPECT_THAT(board.violations(), IsEmpty());
 }
 
-TEST_F(HostingComponentTest, AValueThatWasSetIsReadBack) {
+TEST_F(HostingComponentTest, ValueThatWasSetIsReadBack) {
     ASSERT_TRUE(start().ok());
     EXPECT_THAT(ask(true, {0x02, 0x01, 0, 0, 0, 0, 2, 0, 0xAB, 0xCD}), ElementsAre(0x00));
     EXPECT_THAT(ask(false, {0x02, 0x01, 0, 0, 0, 0, 0, 0}), ElementsAre(0xAB, 0xCD));
@@ -82,7 +82,7 @@ TEST_F(HostingComponentTest, NoiseAroundAnAnswerDoesNotReachTheClient) {
     EXPECT_GE(host.reader()->statistics().skippedBytes, 8u);
 }
 
-TEST_F(HostingComponentTest, AnAnswerWithAWrongChecksumIsNoAnswer) {
+TEST_F(HostingComponentTest, AnswerWithAWrongChecksumIsNoAnswer) {
     board.mcu().setCorruptAnswers(true);
     ASSERT_TRUE(start().ok());
     const auto before = board.now();
@@ -91,7 +91,7 @@ TEST_F(HostingComponentTest, AnAnswerWithAWrongChecksumIsNoAnswer) {
     EXPECT_EQ(host.reader()->statistics().badChecksums, 1u);
 }
 
-TEST_F(HostingComponentTest, AnMcuThatStaysSilentCostsFiveSecondsAndAnswersNothing) {
+TEST_F(HostingComponentTest, McuThatStaysSilentCostsFiveSecondsAndAnswersNothing) {
     board.mcu().setSilent(true);
     ASSERT_TRUE(start().ok());
     const auto before = board.now();
@@ -111,7 +111,7 @@ TEST_F(HostingComponentTest, WhileFirmwareIsUpdatedRequestsAnswerFfAndAfterwards
     EXPECT_EQ(getVersion(), version);
 }
 
-TEST_F(HostingComponentTest, AnUnpluggedLinkEndsTheReaderAndIsLogged) {
+TEST_F(HostingComponentTest, UnpluggedLinkEndsTheReaderAndIsLogged) {
     ASSERT_TRUE(start().ok());
     board.mcuUart().unplug();
     board.runFor(seconds(1));
@@ -119,7 +119,7 @@ TEST_F(HostingComponentTest, AnUnpluggedLinkEndsTheReaderAndIsLogged) {
     EXPECT_THAT(board.log(ANDROID_LOG_ERROR), ElementsAre(HasSubstr("is lost")));
 }
 
-TEST_F(HostingComponentTest, AProductFileWithoutALinkIsAStartUpError) {
+TEST_F(HostingComponentTest, ProductFileWithoutALinkIsAStartUpError) {
     board.writeFile(kProductFile, "[mcu]\nmcu_uart_path = UNDEF\n");
     const StartUpResult result = start();
     EXPECT_EQ(result.error, StartUpError::kNoUartPath);
@@ -128,7 +128,7 @@ TEST_F(HostingComponentTest, AProductFileWithoutALinkIsAStartUpError) {
     EXPECT_EQ(config_info->mcu_fd, -1);
 }
 
-TEST_F(HostingComponentTest, ALinkThatCannotBeOpenedIsAStartUpErrorWithItsCause) {
+TEST_F(HostingComponentTest, LinkThatCannotBeOpenedIsAStartUpErrorWithItsCause) {
     board.faults().add({quil::board::Call::kOpen, "/dev/ttyS3", EACCES});
     const StartUpResult result = start();
     EXPECT_EQ(result.error, StartUpError::kLink);
@@ -140,7 +140,7 @@ TEST_F(HostingComponentTest, ProductInformationThatFailsIsAStartUpError) {
     EXPECT_EQ(start().error, StartUpError::kConfiguration);
 }
 
-TEST_F(HostingComponentTest, ASecondStartIsRefusedAndTheFirstGoesOn) {
+TEST_F(HostingComponentTest, SecondStartIsRefusedAndTheFirstGoesOn) {
     board.mcu().setAnswer(1, version);
     ASSERT_TRUE(start().ok());
     EXPECT_EQ(start().error, StartUpError::kService);
@@ -156,15 +156,15 @@ TEST_F(HostingComponentTest, AfterAStopItStartsAgain) {
     EXPECT_EQ(getVersion(), version);
 }
 
-TEST_F(HostingComponentTest, AComponentThatWasNeverStartedLeavesDescriptorZeroOpen) {
+TEST_F(HostingComponentTest, ComponentThatWasNeverStartedLeavesDescriptorZeroOpen) {
     ASSERT_EQ(parseConfigInfo(), 0);
     const int before = fcntl(STDIN_FILENO, F_GETFD);
     host.stop();
     EXPECT_EQ(fcntl(STDIN_FILENO, F_GETFD), before);
 }
 
-// The reader on an ordinary pipe, with no board: in real time, but without waiting for time to
-// pass.
+// The reader on an ordinary pipe, without a board. It runs in real time, but waits for bytes only,
+// never for time to pass.
 TEST(McuReader, FramesFromAnOrdinaryDescriptorReachTheHandler) {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);

@@ -29,20 +29,10 @@ using testing::Not;
 
 class HostMcuUpdate : public testing::Test {
   protected:
-    HostMcuUpdate() {
-        testing::internal::CaptureStdout();
-        forget();
-    }
+    HostMcuUpdate() { testing::internal::CaptureStdout(); }
     ~HostMcuUpdate() override {
         host.stop();
         testing::internal::GetCapturedStdout();
-        forget();
-    }
-
-    static void forget() {
-        free(config_info);
-        config_info = nullptr;
-        fd = -1;
     }
 
     std::string versionThroughTheService() {
@@ -55,11 +45,12 @@ class HostMcuUpdate : public testing::Test {
         return version;
     }
 
+    const quil::tests::FreshLibrary library;
     Board board{board::Product::kHeron, {.flashedMcuVersion = "V0.9.0"}};
     HostingComponent host;
 };
 
-TEST_F(HostMcuUpdate, ABootWithOlderFirmwareEndsWithTheShippedVersionAnswering) {
+TEST_F(HostMcuUpdate, BootWithOlderFirmwareEndsWithTheShippedVersionAnswering) {
     ASSERT_EQ(board.mcuChip().version(), "V0.9.0");
     ASSERT_TRUE(host.start().ok());
     EXPECT_EQ(host.mcuFirmware(), McuFirmware::kReprogrammed);
@@ -68,7 +59,7 @@ TEST_F(HostMcuUpdate, ABootWithOlderFirmwareEndsWithTheShippedVersionAnswering) 
     EXPECT_THAT(board.violations(), IsEmpty());
 }
 
-TEST_F(HostMcuUpdate, TheLinkThatTheUpdateLeavesBehindIsClosedAndTheNewOneTakesItsPlace) {
+TEST_F(HostMcuUpdate, LinkThatTheUpdateLeavesBehindIsClosedAndTheNewOneTakesItsPlace) {
     ASSERT_TRUE(startUp().ok());
     const int former = config_info->mcu_fd;
     EXPECT_EQ(bringMcuUpToDate(), McuFirmware::kReprogrammed);
@@ -92,7 +83,7 @@ TEST_F(HostMcuUpdate, RequestsAreTurnedAwayWhileItRunsAndNotAfterwards) {
     shutDown();
 }
 
-TEST_F(HostMcuUpdate, ASecondBootHasNothingToDoAndComesUpAllTheSame) {
+TEST_F(HostMcuUpdate, SecondBootHasNothingToDoAndComesUpAllTheSame) {
     ASSERT_TRUE(host.start().ok());
     host.stop();
     board.clearLog();
@@ -102,7 +93,7 @@ TEST_F(HostMcuUpdate, ASecondBootHasNothingToDoAndComesUpAllTheSame) {
     EXPECT_EQ(versionThroughTheService(), "V1.0.0");
 }
 
-TEST_F(HostMcuUpdate, AnUpdateThatFailsLeavesTheLinkAsItWasAndTheServiceComesUp) {
+TEST_F(HostMcuUpdate, UpdateThatFailsLeavesTheLinkAsItWasAndTheServiceComesUp) {
     board.mcuChip().loaderFaults().add(
         {.kind = board::LoaderFault::Kind::kSilent, .step = board::LoaderStep::kSync, .times = -1});
     ASSERT_TRUE(host.start().ok());
@@ -112,7 +103,7 @@ TEST_F(HostMcuUpdate, AnUpdateThatFailsLeavesTheLinkAsItWasAndTheServiceComesUp)
     EXPECT_EQ(versionThroughTheService(), "V0.9.0");
 }
 
-TEST_F(HostMcuUpdate, AMissingImageLeavesTheMcuAlone) {
+TEST_F(HostMcuUpdate, MissingImageLeavesTheMcuAlone) {
     std::filesystem::remove(board.hostPath(kMcuImage));
     ASSERT_TRUE(host.start().ok());
     EXPECT_EQ(host.mcuFirmware(), McuFirmware::kLeftAsItWas);
@@ -120,8 +111,8 @@ TEST_F(HostMcuUpdate, AMissingImageLeavesTheMcuAlone) {
     EXPECT_EQ(versionThroughTheService(), "V0.9.0");
 }
 
-TEST_F(HostMcuUpdate, ALinkThatDoesNotOpenAgainIsAStartUpError) {
-    // The first opening is the host's, the second the session's, the third the flow's.
+TEST_F(HostMcuUpdate, LinkThatDoesNotOpenAgainIsAStartUpError) {
+    // The host opens the port first, then the session, then the update flow.
     board.faults().add({.call = Call::kOpen, .path = kHeronUart, .error = EACCES, .after = 2});
     const StartUpResult result = host.start();
     EXPECT_EQ(result.error, StartUpError::kLink);

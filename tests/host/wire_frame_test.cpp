@@ -14,7 +14,7 @@ const Bytes kGet0102 = {0x55, 0xBB, 0x00, 0x00, 0x00, 0x01, 0x05, 0x00, 0x17, 0x
                         0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
                         0x02, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x73, 0x01};
 
-TEST(WireFrame, AGetOfOneByteIsBuiltByteForByte) {
+TEST(WireFrame, GetOfOneByteIsBuiltByteForByte) {
     WireFrame frame;
     frame.label = 5;
     frame.command = 0x102;
@@ -22,7 +22,7 @@ TEST(WireFrame, AGetOfOneByteIsBuiltByteForByte) {
     EXPECT_EQ(buildFrame(frame), kGet0102);
 }
 
-TEST(WireFrame, TheSameRequestAsASetDiffersInFlagsAndChecksumOnly) {
+TEST(WireFrame, SameRequestAsASetDiffersInFlagsAndChecksumOnly) {
     WireFrame frame;
     frame.label = 5;
     frame.flags |= wire::kWriteFlag;
@@ -50,24 +50,24 @@ TEST(WireFrame, EveryFieldIsFoundAtItsOffset) {
     EXPECT_THAT(frame.payload, ElementsAre(0xA0, 0xA1));
 }
 
-TEST(WireFrame, AGoodFrameHasNoProblems) { EXPECT_THAT(frameProblems(kGet0102), IsEmpty()); }
+TEST(WireFrame, GoodFrameHasNoProblems) { EXPECT_THAT(frameProblems(kGet0102), IsEmpty()); }
 
-TEST(WireFrame, AWrongChecksumIsNamedWithBothSums) {
+TEST(WireFrame, WrongChecksumIsNamedWithBothSums) {
     Bytes bytes = kGet0102;
     bytes[31] = 0x74;
     EXPECT_THAT(frameProblems(bytes),
                 ElementsAre("checksum is 0x0174, the bytes add up to 0x0173"));
 }
 
-TEST(WireFrame, ALengthThatLiesIsNamedBesideTheTrueOne) {
+TEST(WireFrame, LengthThatLiesIsNamedBesideTheTrueOne) {
     Bytes bytes = kGet0102;
-    bytes[8] = 0x18;   // one byte more than there is ...
-    bytes[31] = 0x74;  // ... and a sum that agrees with it
+    bytes[8] = 0x18;   // claims one byte more than there is
+    bytes[31] = 0x74;  // the checksum that goes with it
     EXPECT_THAT(frameProblems(bytes),
                 ElementsAre("length is 24, but 23 bytes follow the frame header"));
 }
 
-TEST(WireFrame, AWrongMagicIsNamedWithItsOffset) {
+TEST(WireFrame, WrongMagicIsNamedWithItsOffset) {
     Bytes bytes = kGet0102;
     bytes[0] = 0x54;
     EXPECT_THAT(frameProblems(bytes),
@@ -81,7 +81,7 @@ TEST(WireFrame, FewerBytesThanTheShortestFrameAreRefused) {
     EXPECT_THAT(frameProblems({}), ElementsAre(HasSubstr("0 bytes are no frame")));
 }
 
-TEST(WireFrame, TheChecksumDiscardsCarriesBeyondSixteenBits) {
+TEST(WireFrame, ChecksumDiscardsCarriesBeyondSixteenBits) {
     EXPECT_EQ(frameChecksum(Bytes(256, 0xFF)), 0xFF00);
     EXPECT_EQ(frameChecksum(Bytes(258, 0xFF)), 0x00FE);
 }

@@ -1,7 +1,8 @@
 #include "tests/image/blueprint.h"
 
+#include <ctype.h>
+
 #include <algorithm>
-#include <cctype>
 #include <stdexcept>
 
 namespace quil::tests {
@@ -24,7 +25,7 @@ class Reader {
 
   private:
     [[noreturn]] void fail(const std::string& what) const {
-        const auto line = 1 + std::count(mText.begin(), mText.begin() + std::ptrdiff_t(mAt), '\n');
+        const auto line = 1 + std::count(mText.begin(), mText.begin() + ptrdiff_t(mAt), '\n');
         throw std::runtime_error("line " + std::to_string(line) + ": " + what);
     }
 

@@ -223,7 +223,7 @@ TEST_P(IspErase, SendsItsPagesAndWaitsASecondForTheAnswer) {
 INSTANTIATE_TEST_SUITE_P(
     Each, IspErase,
     testing::Values(
-        // 2 KB pages; the partial last one stays unerased.
+        // 2 KB pages; a partial last page is not erased.
         IspEraseRow{kGd32F303Pid, 0x08000000, 0, {0xFF, 0xFF, 0x00}, "len = 0, page_cnt = 0"},
         IspEraseRow{kGd32F303Pid, 0x08000000, 100, {0xFF, 0xFF, 0x00}, "len = 100, page_cnt = 0"},
         IspEraseRow{kGd32F303Pid,
@@ -232,11 +232,11 @@ INSTANTIATE_TEST_SUITE_P(
                     {0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x00},
                     "len = 4196, page_cnt = 2"},
         IspEraseRow{kGd32F303Pid,
-                    0x08000800,  // pages start at 0 whatever the address
+                    0x08000800,  // pages count from 0, whatever the address
                     2048,
                     {0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x00},
                     "len = 4096, page_cnt = 2"},
-        // 4 KB pages, the partial last one included.
+        // 4 KB pages; a partial last page is erased.
         IspEraseRow{kGd32F470Pid, 0x08000000, 0, {0, 0, 0, 0, 0}, "len = 0, page_cnt = 1"},
         IspEraseRow{kGd32F470Pid,
                     0x08000000,
@@ -248,7 +248,7 @@ INSTANTIATE_TEST_SUITE_P(
                     10000,
                     {0x00, 0x02, 0x00, 0x00, 0x00, 0x01, 0x00, 0x02, 0x01},
                     "len = 10000, page_cnt = 3"},
-        // Always two.
+        // Always two pages.
         IspEraseRow{
             {}, 0x08000000, 1, {0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x00}, "len = 1, page_cnt = 2"},
         IspEraseRow{{},
@@ -257,7 +257,7 @@ INSTANTIATE_TEST_SUITE_P(
                     {0x00, 0x01, 0x00, 0x00, 0x00, 0x01, 0x00},
                     "len = 131072, page_cnt = 2"}));
 
-// The frame of `count` pages as AN3155 has it.
+// The frame of `count` pages, as in AN3155.
 Bytes wholeEraseFrame(unsigned count) {
     Bytes frame = {static_cast<uint8_t>((count - 1) >> 8), static_cast<uint8_t>(count - 1)};
     for (unsigned page = 0; page < count; ++page) {
@@ -296,8 +296,8 @@ TEST_F(IspBootLoader, EraseOf130PagesWrapsThreePagesOverTheStart) {
     EXPECT_EQ(erasememory_extend(0x08000000, 130 * 2048), 0);
 }
 
-// 256 pages of 2 KB in the first 512 KB, 4 KB ones above: 384 pages for 1 MiB. The frame's length
-// is (2 + 768) mod 256 = 2; the last pages over its start are 0x017F (bytes 0 and 1).
+// 1 MiB is 384 pages: 256 of 2 KB in the first 512 KB, and 4 KB ones above. The frame's length is
+// (2 + 768) mod 256 = 2; page 0x017F, the last one, overwrites bytes 0 and 1.
 TEST_F(IspBootLoader, Gd32F303Counts4KbPagesAbove512Kb) {
     detectAs(kGd32F303Pid);
     setLogLevel("D");
@@ -328,7 +328,7 @@ TEST_F(IspBootLoader, Gd32F303CountIsContinuousAt512Kb) {
     }
 }
 
-// Any count stays inside the frame's buffer (the address sanitizer looks on).
+// No count writes outside the frame's buffer (the address sanitizer checks that).
 TEST_F(IspBootLoader, EraseOfAnySizeSendsAFrameOfAtMost256Bytes) {
     const uint32_t ends[] = {0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0xFFFFF000, 0x10000000};
     for (const Bytes& pid : {kGd32F303Pid, kGd32F470Pid}) {
@@ -395,7 +395,7 @@ TEST_F(IspBootLoader, EraseThatCannotBeWrittenStillWaitsForTheAnswer) {
 
 namespace {
 
-// In a process of its own, in which no MCU has been detected yet. Prints what is sent.
+// Runs in a new process, in which no MCU has been detected yet. Prints the bytes sent.
 int eraseWithUnknownType() {
     board::Board board;
     ScriptedPeer mcu(board, {115200, 8, 'O', 1});
@@ -407,7 +407,7 @@ int eraseWithUnknownType() {
     return result == 0 && mcu.left() == 0 ? 0 : 3;
 }
 
-// A part that the boot loader does not name, after one that it named: the earlier type stays.
+// Detects a part, then one that does not identify itself: the first one's type is kept.
 int eraseAfterAFailedDetection() {
     board::Board board;
     ScriptedPeer mcu(board, {115200, 8, 'O', 1});

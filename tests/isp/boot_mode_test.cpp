@@ -37,7 +37,7 @@ TEST_F(IspBootMode, ExitLowersBoot0ThenPulsesResetWithShortPauses) {
     EXPECT_THAT(said(), ElementsAre("D mcu_exit_isp_mode: <========== [exit isp]. \n"));
 }
 
-// Which message of a sequence stands on which side of its commands.
+// Whether a sequence's message is logged before or after its commands.
 TEST_F(IspBootMode, EntriesAreAnnouncedFirstAndExitsReportedLast) {
     struct Row {
         int (*sequence)();

@@ -3,9 +3,8 @@
 
 #include <chrono>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
+#include "testing/files.h"
 #include "tests/isp/isp_test.h"
 
 namespace quil::tests {
@@ -33,7 +32,7 @@ class IspDiagnostic : public IspTest {
         setLogLevel("D");
     }
 
-    // A session that gets no further than its synchronisation on the wire.
+    // Runs a session that exchanges nothing after the synchronisation.
     int runSynchronised(unsigned cmd) {
         sync();
         return run(cmd);
@@ -47,23 +46,20 @@ class IspDiagnostic : public IspTest {
     }
     void sync() { mcu.expect({0x7F}, kAnswerAck); }
 
-    // What is said between the synchronisation and the end; proves what every session says.
+    // The messages between the synchronisation and the end; checks those that every session logs.
     Lines saidInside() const {
         Lines lines = said();
         const Lines before = kSaidFirst + kInSynchrony;
         const size_t around = before.size() + kSaidLast.size();
         EXPECT_GE(lines.size(), around);
         if (lines.size() < around) return lines;
-        const auto first = lines.begin() + static_cast<std::ptrdiff_t>(before.size());
-        const auto last = lines.end() - static_cast<std::ptrdiff_t>(kSaidLast.size());
+        const auto first = lines.begin() + static_cast<ptrdiff_t>(before.size());
+        const auto last = lines.end() - static_cast<ptrdiff_t>(kSaidLast.size());
         EXPECT_EQ(Lines(lines.begin(), first), before);
         EXPECT_EQ(Lines(last, lines.end()), kSaidLast);
         return {first, last};
     }
-    std::string readBack() const {
-        std::ifstream file(board.hostPath(kReadBackPath), std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string readBack() const { return contentOf(board.hostPath(kReadBackPath)); }
 };
 
 // Around the command.
@@ -239,7 +235,7 @@ TEST_F(IspDiagnostic, WriteMemoryOfAnEmptyImageGives15) {
 TEST_F(IspDiagnostic, EraseSendsTheGlobalRequestInTwoWritesAndGivesTheReadsStatus) {
     sync();
     mcu.expect({0x43, 0xBC}, kAnswerAck);
-    mcu.expect({0xFF, 0x00}, kAnswerNack);  // not examined
+    mcu.expect({0xFF, 0x00}, kAnswerNack);  // ignored
     EXPECT_EQ(run(0x43), 0);
     EXPECT_THAT(saidInside(), ElementsAre("D send cmd [0x43] : CMD_ERASE              \n",
                                           "D \n [*]. erase mcu memory.\n"));
@@ -266,7 +262,8 @@ TEST_F(IspDiagnostic, RefusedEraseGives15) {
 TEST_F(IspDiagnostic, ExtendedEraseGives0WhateverTheBootLoaderMakesOfIt) {
     sync();
     mcu.expect({0x44, 0xBB}, kAnswerAck);
-    // By the type of the last detection, which other tests may have made: any frame will do.
+    // The frame depends on the part that was detected last, maybe by another test: any frame will
+    // do.
     board.faults().add(
         {.call = Call::kWrite, .path = kHeronUart, .after = 2, .lostSilently = true});
     writeImage(imageOf(300));

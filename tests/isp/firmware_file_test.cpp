@@ -3,9 +3,8 @@
 #include <errno.h>
 
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 
+#include "testing/files.h"
 #include "tests/isp/isp_test.h"
 
 namespace quil::tests {
@@ -18,10 +17,7 @@ class IspFirmwareFile : public IspTest {
   protected:
     IspFirmwareFile() { setLogLevel("D"); }
 
-    std::string contentOf(const char* path) const {
-        std::ifstream file(board.hostPath(path), std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string onBoard(const char* path) const { return contentOf(board.hostPath(path)); }
     void failOnce(Call call) {
         board.faults().add({.call = call, .path = kImagePath, .error = EACCES});
     }
@@ -111,7 +107,7 @@ TEST_F(IspFirmwareFile, ReadOfAShorterFileEndsWithAnErrorAnd15) {
 TEST_F(IspFirmwareFile, WriteReplacesTheFile) {
     writeImage(imageOf(600));
     EXPECT_EQ(file_write(kImagePath, "abc", 3), 0);
-    EXPECT_EQ(contentOf(kImagePath), "abc");
+    EXPECT_EQ(onBoard(kImagePath), "abc");
     EXPECT_THAT(said(),
                 ElementsAre("D fwrite binbuff to binfile(/vendor/firmware/mcu_test.bin).\n"));
 }

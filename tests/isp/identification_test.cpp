@@ -102,7 +102,7 @@ TEST_F(IspIdentification, StIdentifierAlwaysRunsIntoItsTimeOut) {
     mcu.expect({0x02, 0xFD}, kStm32H750Id);
     board.trace().clear();
     EXPECT_EQ(read_st_mcu_pid(), 0x450U);
-    // 100 idle rounds, and one before the command's own answer came.
+    // 100 idle rounds, and one that waited for the command's own answer.
     EXPECT_EQ(board.trace().events(board::EventKind::kSleep).size(), 101U);
     EXPECT_THAT(said(), ElementsAre(timeOut(4)));
 }

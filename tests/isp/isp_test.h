@@ -1,5 +1,5 @@
-// What the tests of MCU programming share: a scripted part at the end of the serial line, and what
-// a session said and did.
+// Shared by the tests of MCU programming: a scripted part at the end of the serial line, and what a
+// session logged and did.
 #pragma once
 
 #include <unistd.h>
@@ -16,28 +16,13 @@
 #include "isp/isp_tasks.h"
 #include "isp/n32_upgrade.h"
 #include "isp/serial_port.h"
+#include "testing/isp_session.h"
 #include "testing/library_test.h"
 
 namespace quil::tests {
 
 inline constexpr char kFirmwareTag[] = "quil_system_fw_update";
 inline constexpr char kImagePath[] = "/vendor/firmware/mcu_test.bin";
-
-inline Bytes operator+(Bytes left, const Bytes& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
-inline std::string hexOf(const Bytes& bytes) {
-    std::string text;
-    for (const uint8_t byte : bytes) {
-        char digits[4];
-        snprintf(digits, sizeof digits, "%02x ", byte);
-        text += digits;
-    }
-    if (!text.empty()) text.pop_back();
-    return text;
-}
 
 // The boot loader's answers to the identifying commands 0x06 and 0x02: ACK, length, identifier
 // (little-endian to 0x06), ACK.
@@ -46,7 +31,7 @@ inline const Bytes kGd32F303Pid = {0x79, 0x04, 0x33, 0x56, 0x45, 0x46, 0x79};
 inline const Bytes kStm32H750Id = {0x79, 0x01, 0x04, 0x50, 0x79};
 inline const Bytes kAnswerAck = {0x79}, kAnswerNack = {0x1F};
 
-// An image without two equal blocks.
+// An image in which no two blocks are equal.
 inline Bytes imageOf(size_t size) {
     Bytes image(size);
     for (size_t i = 0; i < size; ++i) image[i] = static_cast<uint8_t>(i * 13 + i / 128 * 5 + 1);
@@ -54,17 +39,11 @@ inline Bytes imageOf(size_t size) {
 }
 
 inline Bytes part(const Bytes& image, size_t at, size_t count) {
-    const auto from = image.begin() + static_cast<std::ptrdiff_t>(at);
-    return {from, from + static_cast<std::ptrdiff_t>(count)};
+    const auto from = image.begin() + static_cast<ptrdiff_t>(at);
+    return {from, from + static_cast<ptrdiff_t>(count)};
 }
 
-inline uint8_t xorOf(const Bytes& bytes) {
-    uint8_t sum = 0;
-    for (const uint8_t byte : bytes) sum ^= byte;
-    return sum;
-}
-
-// The data of a memory write, as AN3155 has it: length - 1, data, XOR of all these.
+// The data frame of a memory write, as in AN3155: length - 1, data, XOR of all these.
 inline Bytes blockFrame(const Bytes& data) {
     Bytes frame = Bytes{static_cast<uint8_t>(data.size() - 1)} + data;
     frame.push_back(xorOf(frame));
@@ -78,8 +57,8 @@ inline Lines operator+(Lines left, const Lines& right) {
     return left;
 }
 
-// Expects byte strings in their order, and answers each with a literal. What does not fit its
-// script ends it: it complains and stays silent from then on.
+// Expects byte strings in order, and answers each with a literal. An unexpected byte ends the
+// script: the peer keeps a complaint and stays silent from then on.
 class ScriptedPeer final : public board::UartPeer {
   public:
     static constexpr int kAnyByte = -1;
@@ -90,7 +69,7 @@ class ScriptedPeer final : public board::UartPeer {
     ~ScriptedPeer() override { mBoard.mcuUart().attach(nullptr); }
 
     void setLine(board::LineSettings line) { mLine = line; }
-    // From now on the part hears whatever the port is set to.
+    // From now on the part follows the port's settings, so that no byte is garbled.
     void followLine() { mFollowsLine = true; }
     void expect(const Bytes& in, Bytes out = {}, board::Nanos delay = {}) {
         mScript.push_back({{in.begin(), in.end()}, std::move(out), delay});
@@ -146,21 +125,20 @@ class ScriptedPeer final : public board::UartPeer {
     std::string mComplaint;
 };
 
-// A board whose MCU follows a script. The test fails when the script was not followed to its end.
+// A board whose MCU follows a script. The test fails unless the script was followed to its end.
 class IspTest : public LibraryTest {
   protected:
-    IspTest() : mcu(board, kProductionLine) { fd = -1; }
+    IspTest() : mcu(board, kProductionLine) {}
     ~IspTest() override {
         EXPECT_EQ(mcu.complaint(), "");
         EXPECT_EQ(mcu.left(), 0U) << "exchanges of the script that never came";
         EXPECT_THAT(board.violations(), testing::IsEmpty());
         if (isOpen(fd)) close(fd);
-        fd = -1;
     }
 
     static constexpr board::LineSettings kProductionLine{115200, 8, 'O', 1};
 
-    // The port as a session has it, with nothing said yet.
+    // Opens the port as a session does, and clears the log.
     void openPort() {
         ASSERT_EQ(mcu_serial_init(kHeronUart, 115200, 8, 1, 'O'), 0);
         board.clearLog();
@@ -168,13 +146,10 @@ class IspTest : public LibraryTest {
 
     // Whether the number stands for an open device of the board.
     bool isOpen(int number) const { return board.isOpen(number); }
+    void writeImage(const Bytes& image) { board.writeFile(kImagePath, textOf(image)); }
 
-    void writeImage(const Bytes& image) {
-        board.writeFile(kImagePath, std::string(image.begin(), image.end()));
-    }
-
-    // An image of 3 GiB, whose size is a negative int. Returns false where the workstation's C
-    // library, other than the board's, has no files of that size.
+    // Writes an image of 3 GiB, whose size is a negative int. Returns false where the workstation's
+    // C library cannot handle a file of that size; the board's can.
     bool writeHugeImage() {
         if (sizeof(off_t) < 8) return false;
         writeImage({});
@@ -182,27 +157,27 @@ class IspTest : public LibraryTest {
         return true;
     }
 
-    // A block of a memory write, with every answer an ACK.
+    // Expects one block of a memory write, and acknowledges each step.
     void expectBlock(const Bytes& address, const Bytes& data) {
         mcu.expect({0x31, 0xCE}, kAnswerAck);
         mcu.expect(address, kAnswerAck);
         mcu.expect(blockFrame(data), kAnswerAck);
     }
 
-    // What a read says that has waited for its second.
+    // The message of a read that timed out after a second.
     static std::string timeOut(int got = 0) {
         return "E mcu_serial_read: read fd(" + std::to_string(fd) + ") " + std::to_string(got) +
                " Bytes  100 times! \n";
     }
 
-    // Every message: the letter of its level and its text; the tag as well when it is another one.
+    // Every message: the letter of its level and its text, behind the tag if that is another one.
     std::vector<std::string> said() const {
         std::vector<std::string> lines;
         for (const board::LogLine& line : board.logLines()) lines.push_back(shown(line));
         return lines;
     }
 
-    // Shell commands, pauses, openings, closings and bytes sent, in their order. The 10 ms of the
+    // Shell commands, pauses, openings, closings and bytes sent, in order. The 10 ms pauses between
     // polls for an answer are left out.
     std::vector<std::string> done(bool withBytes = false) {
         std::vector<std::string> lines;
@@ -244,12 +219,8 @@ class IspTest : public LibraryTest {
     }
 };
 
-inline constexpr char kBoot0High[] = "echo 1 > /sys/class/quilgpios/MCU_BOOT0/value";
-inline constexpr char kBoot0Low[] = "echo 0 > /sys/class/quilgpios/MCU_BOOT0/value";
-inline constexpr char kResetHigh[] = "echo 1 > /sys/class/quilgpios/MCU_NRST/value";
-inline constexpr char kResetLow[] = "echo 0 > /sys/class/quilgpios/MCU_NRST/value";
-
-// What every STM32/GD32 session does and says before and after its exchanges with the boot loader.
+// The steps and messages of every STM32/GD32 session before and after its exchanges with the boot
+// loader.
 inline const Lines kEntry = {"open",         kBoot0High, "pause 100 ms", kResetLow,
                              "pause 300 ms", kResetHigh, "pause 100 ms", "pause 500 ms"};
 inline const Lines kExit = {"close",        kBoot0Low,  "pause 300 ms", kResetLow,

@@ -22,21 +22,15 @@ inline constexpr char kOlderVersion[] = "V0.9.0", kShippedVersion[] = "V1.0.0";
 // A board with the part on it, whose flash holds an older version.
 class McuSession {
   public:
-    McuSession(const McuSession&) = delete;
-    McuSession& operator=(const McuSession&) = delete;
     McuSession(board::McuKind kind, size_t imageSize) : mChip(partOf(kind).name) {
         board::createBoardDirectory(mDirectory, board::Product::kHeron);
         board::fitMcu(mDirectory, {kind, kShippedVersion, kOlderVersion, imageSize});
         mBoard.emplace(mDirectory);
     }
-    ~McuSession() {
-        mBoard.reset();
-        fd = -1;  // as freshly loaded
-    }
 
     board::Board& board() { return *mBoard; }
 
-    // The session, and a moment for the MCU to start.
+    // Runs the session, and gives the MCU time to start.
     int run() {
         std::string image = kMcuImage, port = kHeronUart, chip = mChip;
         int result = 0;
@@ -46,14 +40,14 @@ class McuSession {
         return result;
     }
 
-    // Back to older firmware: what a session has left of the board is of no interest any more.
+    // Puts the older firmware back and powers the board on again, with an empty log and trace.
     void forget() {
         mBoard.reset();
         board::flashMcu(mDirectory, kOlderVersion);
         mBoard.emplace(mDirectory);
     }
 
-    // Into the boot loader and back into the application, as the part's family has it.
+    // The levels that take the MCU into the boot loader and back, in the order of its family.
     std::vector<std::string> wholeReset() const {
         std::vector<std::string> levels = {"MCU_BOOT0 1", "MCU_NRST 0", "MCU_NRST 1",
                                            "MCU_BOOT0 0", "MCU_NRST 0", "MCU_NRST 1"};
@@ -61,7 +55,7 @@ class McuSession {
         return levels;
     }
 
-    // What the lines of the MCU were driven to, in order.
+    // The levels to which the MCU's lines were driven, in order.
     std::vector<std::string> levels() {
         std::vector<std::string> texts;
         for (const board::Event& event : mBoard->trace().events(board::EventKind::kGpio)) {
@@ -70,7 +64,7 @@ class McuSession {
         return texts;
     }
 
-    // The last `count` error lines, with the numbers of descriptors left out.
+    // The last `count` error lines, with "#" for the numbers of descriptors.
     std::vector<std::string> lastErrors(size_t count) {
         std::vector<std::string> lines = mBoard->log(ANDROID_LOG_ERROR);
         lines.erase(lines.begin(), lines.end() - static_cast<long>(std::min(count, lines.size())));
@@ -80,6 +74,7 @@ class McuSession {
     }
 
   private:
+    const FreshLibrary mLibrary;
     const std::string mChip;
     const board::TemporaryDirectory mScratch;
     const std::filesystem::path& mDirectory = mScratch.path();

@@ -1,5 +1,5 @@
-// Whole programming sessions with each part, as mcu_isp_fw_update runs them: one that nothing
-// disturbs, and one with each thing that can go wrong at each step.
+// Whole programming sessions with each part, as mcu_isp_fw_update runs them: one without a fault,
+// and one for each fault at each step.
 #include "tests/isp/mcu_session.h"
 
 #include <gmock/gmock.h>
@@ -27,21 +27,21 @@ constexpr auto kOlder = kOlderVersion, kShipped = kShippedVersion;
 constexpr char kNothing[] = "";
 constexpr auto kPort = kHeronUart;
 
-// One thing that goes wrong, and what becomes of the session.
+// One fault, and how the session ends.
 struct Mishap {
     std::string name;
-    std::vector<LoaderFault> loader;
-    std::vector<LineFault> line;
-    std::vector<Fault> calls;
+    std::vector<LoaderFault> loader = {};
+    std::vector<LineFault> line = {};
+    std::vector<Fault> calls = {};
     int result;
-    const char* runs;                 // the version, afterwards
-    std::vector<std::string> errors;  // the last ones
-    std::string tells;                // a line of the debug log; "": none is looked for
+    const char* runs;                      // the version, afterwards
+    std::vector<std::string> errors = {};  // the last ones
+    std::string tells = {};                // a line that the debug log has; "": not looked for
 };
 
 void PrintTo(const Mishap& mishap, std::ostream* out) { *out << mishap.name; }
 
-// What happens to a part that already had a good session, so that the library knows its type.
+// Runs the session after a good one, which left the part's type with the library.
 void expectOutcome(McuKind kind, size_t imageSize, const Mishap& mishap) {
     McuSession session(kind, imageSize);
     ASSERT_EQ(session.run(), 0);
@@ -95,7 +95,7 @@ LoaderFault late(LoaderFault fault, board::Nanos delay) {
     return fault;
 }
 
-// The byte with that number among those that the host gets.
+// A fault of the `byte`-th byte that the host receives.
 LineFault onAnswer(LineFault::Kind kind, size_t byte, uint8_t value = 0x01) {
     return {kind, false, byte, value, board::Nanos(0)};
 }
@@ -105,245 +105,188 @@ LineFault onRequest(LineFault::Kind kind, size_t byte) { return {kind, true, byt
 using LoaderKind = LoaderFault::Kind;
 using LineKind = LineFault::Kind;
 
-// NOLINTNEXTLINE(readability-function-size): a table
-const std::vector<Mishap>& stmMishaps() {
-    constexpr auto kSilent = LoaderKind::kSilent, kNack = LoaderKind::kNack;
-    constexpr auto kHangs = LoaderKind::kHangs;
-    constexpr auto kCommand = LoaderStep::kCommand, kAddress = LoaderStep::kAddress;
-    constexpr auto kData = LoaderStep::kData, kFinished = LoaderStep::kFinished;
-    static const std::vector<Mishap> mishaps = {
-        {"PortThatDoesNotOpen",
-         {},
-         {},
-         {{.call = Call::kOpen, .path = kPort, .error = EACCES, .times = -1}},
-         15,
-         kOlder,
-         {"mcu_serial_init: Open serial port /dev/ttyS3 failed.\n", kStmFailed},
-         "mcu serial init error. \n"},
-        {"OneSilentSynchronisation",
-         {atSync(kSilent, 1)},
-         {},
-         {},
-         0,
-         kShipped,
-         {},
-         "try_times = 2\n"},
-        {"SilentSynchronisation",
-         {atSync(kSilent, -1)},
-         {},
-         {},
-         15,
-         kOlder,
-         {kSilence, kSilence, kSilence, kStmFailed},
-         "ack_startisp: mcu_serial_read ACK data:0x7f\n"},
-        {"OneRefusedSynchronisation",
-         {atSync(kNack, 1)},
-         {},
-         {},
-         0,
-         kShipped,
-         {},
-         "ack_startisp: mcu_serial_read ACK data:0x1f\n"},
-        {"RefusedSynchronisation",
-         {atSync(kNack, -1)},
-         {},
-         {},
-         15,
-         kOlder,
-         {kStmFailed},
-         "try_times = 1\n"},
-        // The boot loader is in step already: the next 0x7F is half a command to it.
-        {"CorruptSynchronisation",
-         {},
-         {onAnswer(LineKind::kCorrupt, 0)},
-         {},
-         15,
-         kOlder,
-         {kSilence, kStmFailed},
-         "ack_startisp: mcu_serial_read ACK data:0x78\n"},
-        {"LostSynchronisation",
-         {},
-         {onRequest(LineKind::kLost, 0)},
-         {},
-         0,
-         kShipped,
-         {},
-         "try_times = 2\n"},
-        // An unknown identifier leaves the type of the session before in force.
-        {"RefusedIdentification",
-         {at(kNack, 0x06, kCommand), at(kNack, 0x02, kCommand)},
-         {},
-         {},
-         0,
-         kShipped,
-         {kNotGd, kNotSt},
-         "mcu_type_detect: read st mcu pid = 0x0\n"},
-        {"SilentIdentification",
-         {at(kNack, 0x06, kCommand), at(kSilent, 0x02, kCommand)},
-         {},
-         {},
-         0,
-         kShipped,
-         {kNotGd, kSilence, kNotSt},
-         "mcu_type_detect: read gd mcu pid = 0x0\n"},
-        {"RefusedErase", {at(kNack, 0x44, kCommand)}, {}, {}, 15, kOlder, {kStmFailed}, kNoErase},
-        {"SilentErase",
-         {at(kSilent, 0x44, kCommand)},
-         {},
-         {},
-         15,
-         kOlder,
-         {kSilence, kStmFailed},
-         kNoErase},
-        // Nothing is erased, which nobody looks at; programming what is not erased spoils it.
-        {"RefusedPageList", {at(kNack, 0x44, kData)}, {}, {}, 0, kNothing, {}, kEraseUnsure},
-        {"SilentPageList",
-         {at(kSilent, 0x44, kData)},
-         {},
-         {},
-         0,
-         kNothing,
-         {kSilence},
-         kEraseUnsure},
-        {"EraseRefusedAtItsEnd",
-         {at(kNack, 0x44, kFinished)},
-         {},
-         {},
-         0,
-         kShipped,
-         {},
-         kEraseUnsure},
-        {"EraseSilentAtItsEnd",
-         {at(kSilent, 0x44, kFinished)},
-         {},
-         {},
-         0,
-         kShipped,
-         {kSilence},
-         kEraseUnsure},
-        {"EraseLate",
-         {late(at(kSilent, 0x44, kFinished), milliseconds(500))},
-         {},
-         {},
-         0,
-         kShipped,
-         {},
-         "mcu_serial_read ACK data:0x79\n"},
-        {"EraseThatHangs",
-         {at(kHangs, 0x44, kData)},
-         {},
-         {},
-         15,
-         kOlder,
-         {kSilence, kBlockFailed, kNotWhole, kStmFailed},
-         kWriteFailed},
-        {"ImageThatIsNotThere",
-         {},
-         {},
-         {{.call = Call::kAccess, .path = kMcuImage, .error = ENOENT, .times = -1}},
-         15,
-         kNothing,
-         {kNotWhole, kStmFailed},
-         " file not exist, filename /vendor/firmware/mcu_Heron.bin \n"},
-        {"NoMemory",
-         {},
-         {},
-         {{.call = Call::kMalloc}},
-         15,
-         kNothing,
-         {kStmFailed},
-         "malloc failed. \n"},
-        // Zeros are programmed: whether the image could be read is not looked at.
-        {"ImageThatCannotBeRead",
-         {},
-         {},
-         {{.call = Call::kFopen, .path = kMcuImage, .error = EACCES}},
-         0,
-         kNothing,
-         {},
-         "file open error:/vendor/firmware/mcu_Heron.bin. \n"},
-        {"RefusedBlock",
-         {at(kNack, 0x31, kCommand, 1)},
-         {},
-         {},
-         15,
-         kNothing,
-         {kBlockFailed, kNotWhole, kStmFailed},
-         kWriteFailed},
-        {"SilentBlock",
-         {at(kSilent, 0x31, kCommand, 1)},
-         {},
-         {},
-         15,
-         kNothing,
-         {kSilence, kBlockFailed, kNotWhole, kStmFailed},
-         kWriteFailed},
-        // The data that nobody waits for are commands to the boot loader, and no block fits in
-        // between their refusals any more.
-        {"RefusedAddress",
-         {at(kNack, 0x31, kAddress, 1)},
-         {},
-         {},
-         15,
-         kNothing,
-         {kBlockFailed, kBlockFailed, kNotWhole, kStmFailed},
-         kWriteFailed},
-        {"SilentAddress",
-         {at(kSilent, 0x31, kAddress, 1)},
-         {},
-         {},
-         15,
-         kNothing,
-         {kBlockFailed, kBlockFailed, kNotWhole, kStmFailed},
-         kWriteFailed},
-        // The answer to the data is not looked at: success, and no image that starts.
-        {"RefusedData",
-         {at(kNack, 0x31, kData, 1)},
-         {},
-         {},
-         0,
-         kNothing,
-         {},
-         "writememory_2mcu: final write mcu internal flash: [100]"},
-        {"SilentData",
-         {at(kSilent, 0x31, kData, 1)},
-         {},
-         {},
-         0,
-         kNothing,
-         {kSilence},
-         "writememory_2mcu: final write mcu internal flash: [100]"},
-        {"DataRefusedAtTheirEnd",
-         {at(kNack, 0x31, kFinished, 1)},
-         {},
-         {},
-         0,
-         kShipped,
-         {},
-         "writememory_2mcu: final write mcu internal flash: [100]"},
-        {"DataLate",
-         {late(at(kSilent, 0x31, kFinished, 1), milliseconds(300))},
-         {},
-         {},
-         0,
-         kShipped,
-         {},
-         "writememory_2mcu: final write mcu internal flash: [100]"},
-        {"BootLoaderThatHangs",
-         {at(kHangs, 0x31, kData, 1)},
-         {},
-         {},
-         15,
-         kNothing,
-         {kSilence, kBlockFailed, kNotWhole, kStmFailed},
-         kWriteFailed},
-    };
-    return mishaps;
-}
+constexpr auto kSilent = LoaderKind::kSilent, kNack = LoaderKind::kNack;
+constexpr auto kHangs = LoaderKind::kHangs;
+constexpr auto kCommand = LoaderStep::kCommand, kAddress = LoaderStep::kAddress;
+constexpr auto kData = LoaderStep::kData, kFinished = LoaderStep::kFinished;
+
+const std::vector<Mishap> kStmMishaps = {
+    {.name = "PortThatDoesNotOpen",
+     .calls = {{.call = Call::kOpen, .path = kPort, .error = EACCES, .times = -1}},
+     .result = 15,
+     .runs = kOlder,
+     .errors = {"mcu_serial_init: Open serial port /dev/ttyS3 failed.\n", kStmFailed},
+     .tells = "mcu serial init error. \n"},
+    {.name = "OneSilentSynchronisation",
+     .loader = {atSync(kSilent, 1)},
+     .result = 0,
+     .runs = kShipped,
+     .tells = "try_times = 2\n"},
+    {.name = "SilentSynchronisation",
+     .loader = {atSync(kSilent, -1)},
+     .result = 15,
+     .runs = kOlder,
+     .errors = {kSilence, kSilence, kSilence, kStmFailed},
+     .tells = "ack_startisp: mcu_serial_read ACK data:0x7f\n"},
+    {.name = "OneRefusedSynchronisation",
+     .loader = {atSync(kNack, 1)},
+     .result = 0,
+     .runs = kShipped,
+     .tells = "ack_startisp: mcu_serial_read ACK data:0x1f\n"},
+    {.name = "RefusedSynchronisation",
+     .loader = {atSync(kNack, -1)},
+     .result = 15,
+     .runs = kOlder,
+     .errors = {kStmFailed},
+     .tells = "try_times = 1\n"},
+    // The boot loader has synchronised already, and takes the next 0x7F as half a command.
+    {.name = "CorruptSynchronisation",
+     .line = {onAnswer(LineKind::kCorrupt, 0)},
+     .result = 15,
+     .runs = kOlder,
+     .errors = {kSilence, kStmFailed},
+     .tells = "ack_startisp: mcu_serial_read ACK data:0x78\n"},
+    {.name = "LostSynchronisation",
+     .line = {onRequest(LineKind::kLost, 0)},
+     .result = 0,
+     .runs = kShipped,
+     .tells = "try_times = 2\n"},
+    // After an unknown identifier, the type of the previous session stays in force.
+    {.name = "RefusedIdentification",
+     .loader = {at(kNack, 0x06, kCommand), at(kNack, 0x02, kCommand)},
+     .result = 0,
+     .runs = kShipped,
+     .errors = {kNotGd, kNotSt},
+     .tells = "mcu_type_detect: read st mcu pid = 0x0\n"},
+    {.name = "SilentIdentification",
+     .loader = {at(kNack, 0x06, kCommand), at(kSilent, 0x02, kCommand)},
+     .result = 0,
+     .runs = kShipped,
+     .errors = {kNotGd, kSilence, kNotSt},
+     .tells = "mcu_type_detect: read gd mcu pid = 0x0\n"},
+    {.name = "RefusedErase",
+     .loader = {at(kNack, 0x44, kCommand)},
+     .result = 15,
+     .runs = kOlder,
+     .errors = {kStmFailed},
+     .tells = kNoErase},
+    {.name = "SilentErase",
+     .loader = {at(kSilent, 0x44, kCommand)},
+     .result = 15,
+     .runs = kOlder,
+     .errors = {kSilence, kStmFailed},
+     .tells = kNoErase},
+    // The failed erase is ignored, and programming cells that are not erased spoils them.
+    {.name = "RefusedPageList",
+     .loader = {at(kNack, 0x44, kData)},
+     .result = 0,
+     .runs = kNothing,
+     .tells = kEraseUnsure},
+    {.name = "SilentPageList",
+     .loader = {at(kSilent, 0x44, kData)},
+     .result = 0,
+     .runs = kNothing,
+     .errors = {kSilence},
+     .tells = kEraseUnsure},
+    {.name = "EraseRefusedAtItsEnd",
+     .loader = {at(kNack, 0x44, kFinished)},
+     .result = 0,
+     .runs = kShipped,
+     .tells = kEraseUnsure},
+    {.name = "EraseSilentAtItsEnd",
+     .loader = {at(kSilent, 0x44, kFinished)},
+     .result = 0,
+     .runs = kShipped,
+     .errors = {kSilence},
+     .tells = kEraseUnsure},
+    {.name = "EraseLate",
+     .loader = {late(at(kSilent, 0x44, kFinished), milliseconds(500))},
+     .result = 0,
+     .runs = kShipped,
+     .tells = "mcu_serial_read ACK data:0x79\n"},
+    {.name = "EraseThatHangs",
+     .loader = {at(kHangs, 0x44, kData)},
+     .result = 15,
+     .runs = kOlder,
+     .errors = {kSilence, kBlockFailed, kNotWhole, kStmFailed},
+     .tells = kWriteFailed},
+    {.name = "ImageThatIsNotThere",
+     .calls = {{.call = Call::kAccess, .path = kMcuImage, .error = ENOENT, .times = -1}},
+     .result = 15,
+     .runs = kNothing,
+     .errors = {kNotWhole, kStmFailed},
+     .tells = " file not exist, filename /vendor/firmware/mcu_Heron.bin \n"},
+    {.name = "NoMemory",
+     .calls = {{.call = Call::kMalloc}},
+     .result = 15,
+     .runs = kNothing,
+     .errors = {kStmFailed},
+     .tells = "malloc failed. \n"},
+    // The failed read is ignored, and zeros are programmed.
+    {.name = "ImageThatCannotBeRead",
+     .calls = {{.call = Call::kFopen, .path = kMcuImage, .error = EACCES}},
+     .result = 0,
+     .runs = kNothing,
+     .tells = "file open error:/vendor/firmware/mcu_Heron.bin. \n"},
+    {.name = "RefusedBlock",
+     .loader = {at(kNack, 0x31, kCommand, 1)},
+     .result = 15,
+     .runs = kNothing,
+     .errors = {kBlockFailed, kNotWhole, kStmFailed},
+     .tells = kWriteFailed},
+    {.name = "SilentBlock",
+     .loader = {at(kSilent, 0x31, kCommand, 1)},
+     .result = 15,
+     .runs = kNothing,
+     .errors = {kSilence, kBlockFailed, kNotWhole, kStmFailed},
+     .tells = kWriteFailed},
+    // The boot loader takes the data behind the refused address as commands, and refuses them.
+    // These refusals are then read as the answers to the following blocks.
+    {.name = "RefusedAddress",
+     .loader = {at(kNack, 0x31, kAddress, 1)},
+     .result = 15,
+     .runs = kNothing,
+     .errors = {kBlockFailed, kBlockFailed, kNotWhole, kStmFailed},
+     .tells = kWriteFailed},
+    {.name = "SilentAddress",
+     .loader = {at(kSilent, 0x31, kAddress, 1)},
+     .result = 15,
+     .runs = kNothing,
+     .errors = {kBlockFailed, kBlockFailed, kNotWhole, kStmFailed},
+     .tells = kWriteFailed},
+    // The answer to the data is ignored: the session succeeds, but the image does not start.
+    {.name = "RefusedData",
+     .loader = {at(kNack, 0x31, kData, 1)},
+     .result = 0,
+     .runs = kNothing,
+     .tells = "writememory_2mcu: final write mcu internal flash: [100]"},
+    {.name = "SilentData",
+     .loader = {at(kSilent, 0x31, kData, 1)},
+     .result = 0,
+     .runs = kNothing,
+     .errors = {kSilence},
+     .tells = "writememory_2mcu: final write mcu internal flash: [100]"},
+    {.name = "DataRefusedAtTheirEnd",
+     .loader = {at(kNack, 0x31, kFinished, 1)},
+     .result = 0,
+     .runs = kShipped,
+     .tells = "writememory_2mcu: final write mcu internal flash: [100]"},
+    {.name = "DataLate",
+     .loader = {late(at(kSilent, 0x31, kFinished, 1), milliseconds(300))},
+     .result = 0,
+     .runs = kShipped,
+     .tells = "writememory_2mcu: final write mcu internal flash: [100]"},
+    {.name = "BootLoaderThatHangs",
+     .loader = {at(kHangs, 0x31, kData, 1)},
+     .result = 15,
+     .runs = kNothing,
+     .errors = {kSilence, kBlockFailed, kNotWhole, kStmFailed},
+     .tells = kWriteFailed},
+};
 
 struct Part {
     McuKind kind;
-    size_t imageSize;  // whole pages where only those are erased
+    size_t imageSize;  // of whole pages where a session erases only those
 };
 constexpr Part kStmParts[] = {
     {McuKind::kGd32F303, 4096}, {McuKind::kGd32F470, 4000}, {McuKind::kStm32H750, 4000}};
@@ -367,7 +310,7 @@ TEST_P(StmSessionMishap, EndsAsTheContractHasItAndTheMcuIsReset) {
 
 INSTANTIATE_TEST_SUITE_P(All, StmSessionMishap,
                          testing::Combine(testing::ValuesIn(kStmParts),
-                                          testing::ValuesIn(stmMishaps())),
+                                          testing::ValuesIn(kStmMishaps)),
                          nameOfCase);
 
 // ---- N32 --------------------------------------------------------------------------------------
@@ -386,131 +329,115 @@ LoaderFault n32(LoaderKind kind, uint8_t command, int after = 0, int times = 1) 
     return fault;
 }
 
-// Bytes of answers before those to the erase.
+// The sizes of the answers before the erase's.
 constexpr size_t kHandshakeSize = 9, kInfoSize = 60;
 
-// NOLINTNEXTLINE(readability-function-size): a table
-const std::vector<Mishap>& n32Mishaps() {
-    constexpr auto kSilent = LoaderKind::kSilent, kNack = LoaderKind::kNack;
-    const auto handShake = n32Errors("handShake"), info = n32Errors("N32_Get_info");
-    const auto erase = n32Errors("N32_FLASH_ERASE"), block = n32Errors("N32_FLASH_DWNLD");
-    constexpr size_t kEraseAt = kHandshakeSize + kInfoSize;
-    static const std::vector<Mishap> mishaps = {
-        {"OneSilentHandshake",
-         {n32(kSilent, 0x01)},
-         {},
-         {},
-         0,
-         kShipped,
-         {},
-         "handShake: try_times=4\n"},
-        {"SilentHandshake",
-         {n32(kSilent, 0x01, 0, -1)},
-         {},
-         {},
-         255,
-         kOlder,
-         handShake,
-         "handShake: try_times=1\n"},
-        {"RefusedHandshake",
-         {n32(kNack, 0x01, 0, -1)},
-         {},
-         {},
-         255,
-         kOlder,
-         handShake,
-         "handShake: ack recvBuf[6] = b0\n"},
-        {"StrayByteBeforeTheHandshake",
-         {},
-         {onAnswer(LineKind::kExtra, 0, 0x00)},
-         {},
-         0,
-         kShipped,
-         {},
-         "handShake: try_times=5\n"},
-        {"CorruptHandshake",
-         {},
-         {onAnswer(LineKind::kCorrupt, 8)},
-         {},
-         0,
-         kShipped,
-         {},
-         "handShake: try_times=4\n"},
-        {"SilentInfo", {n32(kSilent, 0x10)}, {}, {}, 255, kOlder, info, ""},
-        {"RefusedInfo", {n32(kNack, 0x10)}, {}, {}, 255, kOlder, info, ""},
-        {"CorruptInfo",
-         {},
-         {onAnswer(LineKind::kCorrupt, kHandshakeSize + 30)},
-         {},
-         255,
-         kOlder,
-         info,
-         ""},
-        {"SilentErase", {n32(kSilent, 0x30)}, {}, {}, 255, kOlder, erase, ""},
-        {"RefusedErase", {n32(kNack, 0x30)}, {}, {}, 255, kOlder, erase, ""},
-        // Erased already when the session gives up.
-        {"CorruptErase",
-         {},
-         {onAnswer(LineKind::kCorrupt, kEraseAt + 6)},
-         {},
-         255,
-         kNothing,
-         erase,
-         ""},
-        {"StrayByteBeforeTheErase",
-         {},
-         {onAnswer(LineKind::kExtra, kEraseAt, 0x00)},
-         {},
-         255,
-         kNothing,
-         erase,
-         ""},
-        {"SilentBlock",
-         {n32(kSilent, 0x31, 3)},
-         {},
-         {},
-         255,
-         kNothing,
-         block,
-         "N32_FLASH_DWNLD: DataPacketNum = 8\n"},
-        {"RefusedBlock", {n32(kNack, 0x31, 3)}, {}, {}, 255, kNothing, block, ""},
-        {"RefusedLastBlock", {n32(kNack, 0x31, 7)}, {}, {}, 255, kNothing, block, ""},
-        {"BlockLate",
-         {late(n32(kSilent, 0x31, 3), milliseconds(500))},
-         {},
-         {},
-         0,
-         kShipped,
-         {},
-         ""},
-        {"SilentCrcCheck",
-         {n32(kSilent, 0x32)},
-         {},
-         {},
-         255,
-         kShipped,
-         n32Errors("N32_CRC_CHECK"),
-         ""},
-        {"RefusedCrcCheck", {n32(kNack, 0x32)}, {}, {}, 0, kShipped, {}, ""},
-        {"NoMemory",
-         {},
-         {},
-         {{.call = Call::kMalloc}},
-         -1,
-         kOlder,
-         {"n32_program: malloc failed. \n", n32Failed(-1)},
-         ""},
-        {"ImageThatIsNotThere",
-         {},
-         {},
-         {{.call = Call::kAccess, .path = kMcuImage, .error = ENOENT, .times = -1}},
-         0,
-         kNothing,
-         {},
-         "N32_FLASH_DWNLD: DataPacketNum = 0\n"},
-    };
-    return mishaps;
-}
+const auto kHandshakeErrors = n32Errors("handShake"), kInfoErrors = n32Errors("N32_Get_info");
+const auto kEraseErrors = n32Errors("N32_FLASH_ERASE");
+const auto kBlockErrors = n32Errors("N32_FLASH_DWNLD");
+constexpr size_t kEraseAt = kHandshakeSize + kInfoSize;
+
+const std::vector<Mishap> kN32Mishaps = {
+    {.name = "OneSilentHandshake",
+     .loader = {n32(kSilent, 0x01)},
+     .result = 0,
+     .runs = kShipped,
+     .tells = "handShake: try_times=4\n"},
+    {.name = "SilentHandshake",
+     .loader = {n32(kSilent, 0x01, 0, -1)},
+     .result = 255,
+     .runs = kOlder,
+     .errors = kHandshakeErrors,
+     .tells = "handShake: try_times=1\n"},
+    {.name = "RefusedHandshake",
+     .loader = {n32(kNack, 0x01, 0, -1)},
+     .result = 255,
+     .runs = kOlder,
+     .errors = kHandshakeErrors,
+     .tells = "handShake: ack recvBuf[6] = b0\n"},
+    {.name = "StrayByteBeforeTheHandshake",
+     .line = {onAnswer(LineKind::kExtra, 0, 0x00)},
+     .result = 0,
+     .runs = kShipped,
+     .tells = "handShake: try_times=5\n"},
+    {.name = "CorruptHandshake",
+     .line = {onAnswer(LineKind::kCorrupt, 8)},
+     .result = 0,
+     .runs = kShipped,
+     .tells = "handShake: try_times=4\n"},
+    {.name = "SilentInfo",
+     .loader = {n32(kSilent, 0x10)},
+     .result = 255,
+     .runs = kOlder,
+     .errors = kInfoErrors},
+    {.name = "RefusedInfo",
+     .loader = {n32(kNack, 0x10)},
+     .result = 255,
+     .runs = kOlder,
+     .errors = kInfoErrors},
+    {.name = "CorruptInfo",
+     .line = {onAnswer(LineKind::kCorrupt, kHandshakeSize + 30)},
+     .result = 255,
+     .runs = kOlder,
+     .errors = kInfoErrors},
+    {.name = "SilentErase",
+     .loader = {n32(kSilent, 0x30)},
+     .result = 255,
+     .runs = kOlder,
+     .errors = kEraseErrors},
+    {.name = "RefusedErase",
+     .loader = {n32(kNack, 0x30)},
+     .result = 255,
+     .runs = kOlder,
+     .errors = kEraseErrors},
+    // The flash is already erased when the session gives up.
+    {.name = "CorruptErase",
+     .line = {onAnswer(LineKind::kCorrupt, kEraseAt + 6)},
+     .result = 255,
+     .runs = kNothing,
+     .errors = kEraseErrors},
+    {.name = "StrayByteBeforeTheErase",
+     .line = {onAnswer(LineKind::kExtra, kEraseAt, 0x00)},
+     .result = 255,
+     .runs = kNothing,
+     .errors = kEraseErrors},
+    {.name = "SilentBlock",
+     .loader = {n32(kSilent, 0x31, 3)},
+     .result = 255,
+     .runs = kNothing,
+     .errors = kBlockErrors,
+     .tells = "N32_FLASH_DWNLD: DataPacketNum = 8\n"},
+    {.name = "RefusedBlock",
+     .loader = {n32(kNack, 0x31, 3)},
+     .result = 255,
+     .runs = kNothing,
+     .errors = kBlockErrors},
+    {.name = "RefusedLastBlock",
+     .loader = {n32(kNack, 0x31, 7)},
+     .result = 255,
+     .runs = kNothing,
+     .errors = kBlockErrors},
+    {.name = "BlockLate",
+     .loader = {late(n32(kSilent, 0x31, 3), milliseconds(500))},
+     .result = 0,
+     .runs = kShipped},
+    {.name = "SilentCrcCheck",
+     .loader = {n32(kSilent, 0x32)},
+     .result = 255,
+     .runs = kShipped,
+     .errors = n32Errors("N32_CRC_CHECK")},
+    {.name = "RefusedCrcCheck", .loader = {n32(kNack, 0x32)}, .result = 0, .runs = kShipped},
+    {.name = "NoMemory",
+     .calls = {{.call = Call::kMalloc}},
+     .result = -1,
+     .runs = kOlder,
+     .errors = {"n32_program: malloc failed. \n", n32Failed(-1)}},
+    {.name = "ImageThatIsNotThere",
+     .calls = {{.call = Call::kAccess, .path = kMcuImage, .error = ENOENT, .times = -1}},
+     .result = 0,
+     .runs = kNothing,
+     .tells = "N32_FLASH_DWNLD: DataPacketNum = 0\n"},
+};
 
 class N32SessionMishap : public testing::TestWithParam<Mishap> {};
 
@@ -518,7 +445,7 @@ TEST_P(N32SessionMishap, EndsAsTheContractHasItAndTheMcuIsReset) {
     expectOutcome(kN32Part.kind, kN32Part.imageSize, GetParam());
 }
 
-INSTANTIATE_TEST_SUITE_P(All, N32SessionMishap, testing::ValuesIn(n32Mishaps()),
+INSTANTIATE_TEST_SUITE_P(All, N32SessionMishap, testing::ValuesIn(kN32Mishaps),
                          [](const auto& info) { return info.param.name; });
 
 // ---- Nothing goes wrong -----------------------------------------------------------------------
@@ -540,20 +467,20 @@ INSTANTIATE_TEST_SUITE_P(All, McuSessionOf,
                          testing::Values(kStmParts[0], kStmParts[1], kStmParts[2], kN32Part),
                          [](const auto& info) { return partOf(info.param.kind).name; });
 
-TEST(McuSession, AHealthyGd32LogsNoError) {
+TEST(McuSession, HealthyGd32LogsNoError) {
     McuSession session(McuKind::kGd32F303, 4096);
     EXPECT_EQ(session.run(), 0);
     EXPECT_THAT(session.board().log(ANDROID_LOG_ERROR), IsEmpty());
 }
 
-TEST(McuSession, AHealthyStm32LogsTheErrorsOfItsIdentification) {
+TEST(McuSession, HealthyStm32LogsTheErrorsOfItsIdentification) {
     McuSession session(McuKind::kStm32H750, 4000);
     EXPECT_EQ(session.run(), 0);
     EXPECT_THAT(session.lastErrors(9),
                 ElementsAre(kNotGd, "mcu_serial_read: read fd(#) 4 Bytes  100 times! \n"));
 }
 
-TEST(McuSession, AnN32WhosePortDoesNotOpenIsNotTouched) {
+TEST(McuSession, N32WhosePortDoesNotOpenIsNotTouched) {
     McuSession session(McuKind::kN32G45x, 1000);
     session.board().faults().add(
         {.call = Call::kOpen, .path = kPort, .error = EACCES, .times = -1});

@@ -1,4 +1,4 @@
-// Power is cut at every event of an MCU update; the next boot has to mend it.
+// Power is cut at every event of an MCU update; the next boot has to repair the MCU.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -12,8 +12,8 @@ namespace {
 using board::McuKind;
 using testing::IsEmpty;
 
-// The smallest images that a session programs in full: the GD32F303's pages are erased only when
-// the image fills them, and the N32's last block only goes out when it is a short one.
+// The smallest images that a session programs completely: a page of the GD32F303 is erased only if
+// the image fills it, and the last block to an N32 is sent only if it is a short one.
 struct Flow {
     const char* name;
     McuKind kind;
@@ -28,10 +28,10 @@ constexpr Flow kFlows[] = {
 
 void PrintTo(const Flow& flow, std::ostream* out) { *out << flow.name; }
 
-// Every so many events do where a cut takes ten times as long.
+// When slowed, every 13th event.
 constexpr uint64_t kStride = kSlowed ? 13 : 1;
 
-// "gd32f303:123:inside" of the variable QUIL_CUT: only that one.
+// The one cut to run, from the variable QUIL_CUT ("gd32f303:123:inside").
 std::optional<board::PowerCut> cutToReplay(const Flow& flow) {
     const char* text = getenv("QUIL_CUT");
     const std::string prefix = std::string(flow.name) + ":";
@@ -41,7 +41,7 @@ std::optional<board::PowerCut> cutToReplay(const Flow& flow) {
 
 class McuUpdateSweep : public testing::TestWithParam<Flow> {
   protected:
-    // What goes wrong, each with the command that replays it; a few tell enough.
+    // The first few problems, each with the command that replays it.
     std::vector<std::string> sweep() {
         if (const auto cut = cutToReplay(GetParam())) return problemsOf({*cut});
         const auto all = cuts.allCuts(kStride);
@@ -67,7 +67,7 @@ class McuUpdateSweep : public testing::TestWithParam<Flow> {
     size_t done = 0;
 };
 
-TEST_P(McuUpdateSweep, ABootAfterACutAtAnyEventEndsWithTheShippedVersion) {
+TEST_P(McuUpdateSweep, BootAfterACutAtAnyEventEndsWithTheShippedVersion) {
     std::vector<std::string> problems;
     standardOutputOf([&] { problems = sweep(); });
     EXPECT_THAT(problems, IsEmpty());

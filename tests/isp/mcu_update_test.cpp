@@ -1,4 +1,4 @@
-// Whether the MCU has to be programmed, and the flow around the programming.
+// The decision whether to program the MCU, and the update flow around the programming.
 #include "isp/mcu_update.h"
 
 #include <errno.h>
@@ -19,7 +19,7 @@ using testing::IsEmpty;
 namespace {
 
 constexpr char kVersionProperty[] = "persist.quil.mcu_fw_version";
-constexpr char kUnknownChip[] = "a chip without a boot loader";  // cut to its field
+constexpr char kUnknownChip[] = "a chip without a boot loader";  // longer than its field
 const Bytes kRequest = {0x55, 0xBB, 0x00, 0x00, 0x00, 0x01, 0x07, 0x00, 0x19, 0x00, 0x41, 0x01,
                         0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x01, 0x00,
                         0x00, 0x00, 0x00, 0x00, 0x03, 0x00, 0x00, 0x01, 0x00, 0x78, 0x01};
@@ -63,7 +63,7 @@ class McuUpdate : public IspTest {
         board.faults().add({.call = Call::kWrite, .path = kHeronUart, .error = EIO, .times = -1});
     }
     void useGd32() { assign(config_info->mcu_serial, "gd32f470"); }
-    // A programming run of one byte that goes well.
+    // Expects a successful programming run of one byte.
     void expectSession() {
         mcu.expect({0x7F}, kAnswerAck);
         mcu.expect({0x06, 0xF9}, kGd32F470Pid);
@@ -123,7 +123,7 @@ TEST_F(McuUpdate, SerialInitOfAMissingDeviceFailsAtDebugLevel) {
 
 TEST_F(McuUpdate, PathThatFillsItsFieldIsReadNoFurther) {
     assign(config_info->mcu_uart_path, "/dev/ttyS" + std::string(119, '9'));
-    config_info->mcu_baud_rate = 0x39393939;  // the field behind it: more digits
+    config_info->mcu_baud_rate = 0x39393939;  // the next field, which reads as more digits
     EXPECT_EQ(standardOutputOf([] { EXPECT_EQ(serialInit(), -1); }),
               "uart open failed /dev/ttyS" + std::string(119, '9') + " \n");
 }

@@ -97,7 +97,7 @@ TEST_F(IspMemory, RefusedCommandTriesTheSameDataInTheNextRoundAndLosesTheEnd) {
     Bytes image = imageOf(600);
     expectBlock({0x08, 0x00, 0x00, 0x00, 0x08}, part(image, 0, 256));
     mcu.expect({0x31, 0xCE}, kAnswerNack);
-    // The last round takes the last round's size, at the address that is due.
+    // The last round sends 88 bytes, at the address of the block that was refused.
     expectBlock({0x08, 0x00, 0x01, 0x00, 0x09}, part(image, 256, 88));
     EXPECT_EQ(writememory_2mcu(0x08000000, image.data(), 600), -1);
     EXPECT_THAT(said(),
@@ -219,7 +219,7 @@ TEST_F(IspMemory, RefusedReadRoundAdvancesNothing) {
 TEST_F(IspMemory, RefusedCountStopsTheReadingAltogether) {
     setLogLevel("D");
     mcu.expect({0x11, 0xEE}, kAnswerAck);
-    mcu.expect({0x08, 0x00, 0x00, 0x00, 0x08}, kAnswerNack);  // not examined
+    mcu.expect({0x08, 0x00, 0x00, 0x00, 0x08}, kAnswerNack);  // ignored
     mcu.expect({0xFE, 0x01}, kAnswerNack);
     Bytes memory(600, 0xEE);
     EXPECT_EQ(standardOutputOf([&] { readmemory_4mcu(0x08000000, memory.data(), 600); }), "");

@@ -1,4 +1,4 @@
-// Images of every size on their way to an N32 part, and the checksums over them.
+// Upgrades of an N32 part with images of every size, and their checksums.
 //
 // The literals were computed with python3-crcmod: mkCrcFun(0x104C11DB7, initCrc=0xFFFFFFFF,
 // rev=False, xorOut=0) over the bytes, each four of them reversed.
@@ -21,7 +21,7 @@ Bytes littleEndian(uint32_t value) {
             static_cast<uint8_t>(value >> 16), static_cast<uint8_t>(value >> 24)};
 }
 
-// The checksum by a table of bytes, not bit by bit.
+// The checksum by a table of bytes; the library's is bit by bit.
 uint32_t crcByTable(const Bytes& data) {
     static const auto table = [] {
         std::array<uint32_t, 256> rows{};
@@ -36,7 +36,7 @@ uint32_t crcByTable(const Bytes& data) {
     }();
     uint32_t crc = 0xFFFFFFFF;
     for (size_t at = 0; at < data.size(); ++at) {
-        const uint8_t byte = data[at - at % 4 + 3 - at % 4];  // words go in from their last byte
+        const uint8_t byte = data[at - at % 4 + 3 - at % 4];  // each word from its last byte
         crc = (crc << 8) ^ table[(crc >> 24) ^ byte];
     }
     return crc;
@@ -68,7 +68,7 @@ TEST(IspN32Crc, TablesAgreeWithCrcmod) {
 
 struct IspN32SizeRow {
     size_t size;
-    size_t fullBlocks;  // that are sent
+    size_t fullBlocks;  // sent
     size_t rest;        // image bytes of the last block
     uint32_t checkedLength;
     const char* name;
@@ -148,7 +148,7 @@ const Bytes kBlock1 = {0xAA, 0x55, 0x31, 0x00, 0x34, 0x00, 0x80, 0x00, 0x00, 0x0
                        0x86, 0x93, 0xA0, 0xAD, 0xBA, 0xC7, 0xD4, 0xE1, 0xEE, 0xFB, 0x08, 0x15, 0x22,
                        0x2F, 0x3C, 0x49, 0x56, 0x63, 0x70, 0x7D, 0x8A, 0x97, 0xFF, 0xFF, 0xFF, 0xFF,
                        0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x6D, 0x05, 0xC9, 0x11, 0xC7};
-// Their checks: the first upgrade of a process, the second, and one after a refused first block.
+// Their CRC checks: in a process's first upgrade, in its second, and after a refused first block.
 const Bytes kFirstCheck = {0xAA, 0x55, 0x32, 0x00, 0x18, 0x00, 0x29, 0x96, 0x0B, 0x4D, 0x00, 0x00,
                            0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00,
                            0x00, 0x00, 0x00, 0x00, 0x00, 0x08, 0xA0, 0x00, 0x00, 0x00, 0x84};
@@ -171,14 +171,14 @@ const Bytes kCheckOfOneByte = {0xAA, 0x55, 0x32, 0x00, 0x18, 0x00, 0xBA, 0x13, 0
 
 namespace {
 
-// Upgrades in a process of their own, in which no block has been sent yet.
+// Upgrades in a new process, in which no block has been sent yet.
 class FreshUpgrade {
   public:
     FreshUpgrade() : mMcu(mBoard, {9600, 8, 'N', 1}) {}
 
     void writeImage(size_t size) {
         const Bytes image = imageOf(size);
-        mBoard.writeFile(kImagePath, std::string(image.begin(), image.end()));
+        mBoard.writeFile(kImagePath, textOf(image));
     }
     void expectStart() {
         mMcu.expect(kN32HandShake, kN32HandShakeOk);
@@ -188,7 +188,7 @@ class FreshUpgrade {
     void expect(const Bytes& in, const Bytes& out) {
         mMcu.expect(in, out, std::chrono::milliseconds(60));
     }
-    // 0 when every upgrade so far had this result and the script was followed.
+    // Returns 0 if every upgrade so far had this result and the script was followed.
     int run(int expected) {
         const int result = n32_uart_isp_upgrade(kImagePath, kHeronUart);
         fprintf(stderr, "result %d, %s\n", result, mMcu.complaint().c_str());

@@ -1,4 +1,4 @@
-// The steps of an upgrade of an N32 part, and what ends it.
+// The steps of an N32 part's upgrade, and the failures that end it.
 #include "tests/isp/n32_test.h"
 
 #include <errno.h>
@@ -26,7 +26,7 @@ constexpr size_t kSize = 150, kFullFrame = 159, kLastFrame = 63;
 const std::vector<int> kAnyFullFrame(kFullFrame, ScriptedPeer::kAnyByte);
 const std::vector<int> kAnyLastFrame(kLastFrame, ScriptedPeer::kAnyByte);
 
-// `answer` with another byte at `at`, and its check byte made to fit again where it should.
+// `answer` with another byte at `at`; mendCheck recomputes its check byte.
 Bytes changed(Bytes answer, size_t at, uint8_t value, bool mendCheck = true) {
     answer[at] = value;
     if (mendCheck) {
@@ -54,10 +54,10 @@ class IspN32 : public IspN32Test {
         expectUpToCheck();
         expectCrcCheck(160);
     }
-    // Proves that the upgrade ended as every one does that got its port, with this error message.
+    // Checks that the upgrade ended with this message, and as every upgrade does that has its port.
     void expectEndedBy(const std::string& error) {
         const Lines lines = done();
-        const auto exit = static_cast<std::ptrdiff_t>(kN32Exit.size());
+        const auto exit = static_cast<ptrdiff_t>(kN32Exit.size());
         ASSERT_GE(lines.size(), kN32Exit.size());
         EXPECT_EQ(Lines(lines.end() - exit, lines.end()), kN32Exit);
         EXPECT_FALSE(isOpen(fd));
@@ -66,7 +66,7 @@ class IspN32 : public IspN32Test {
     }
 };
 
-// All is well.
+// Success.
 
 TEST_F(IspN32, TakesItsStepsWithTheirPauses) {
     expectAll();
@@ -74,7 +74,7 @@ TEST_F(IspN32, TakesItsStepsWithTheirPauses) {
     const Lines steps = {"pause 200 ms", "pause 200 ms", "pause 100 ms",
                          "pause 100 ms", "pause 100 ms", "pause 20 ms"};
     EXPECT_THAT(done(), ElementsAreArray(kN32Entry + steps + kN32Exit));
-    EXPECT_EQ(fd >= 0, true);  // stale from now on
+    EXPECT_EQ(fd >= 0, true);  // closed, but kept
 }
 
 TEST_F(IspN32, SaysItsStepsAtDebugLevel) {
@@ -196,7 +196,7 @@ TEST_F(IspN32, PortThatCannotBeSetWaitsForASilentMcuNoLongerThanOneThatCan) {
         for (int attempt = 0; attempt < 5; ++attempt) mcu.expect(kN32HandShake);
         const auto start = board.now();
         EXPECT_EQ(upgrade(), 255);
-        // The way in, five times the pause and the wait, the way out.
+        // Entry, five times the pause and the wait, exit.
         const std::chrono::milliseconds expected(800 + 5 * (200 + 3000) + 40);
         EXPECT_EQ(board.now() - start, expected) << canBeSet;
     }
@@ -314,14 +314,13 @@ INSTANTIATE_TEST_SUITE_P(
                     IspN32AnswerRow{"OneByte", {0xAA}}),
     nameOfRow);
 
-// A whole answer does not fit the ten bytes of the read, and its end is taken for the next one's
-// start.
+// A read takes ten of the eleven bytes; the last one becomes the start of the next answer.
 TEST_F(IspN32, HandshakeAfterTwoStrayBytesIsNotFound) {
     for (int i = 0; i < 5; ++i) mcu.expect(kN32HandShake, Bytes{0x00, 0x00} + kN32HandShakeOk);
     EXPECT_EQ(upgrade(), 255);
 }
 
-// An answer that lacks its check byte, which is 0, is no answer.
+// The check byte, which would be 0, is missing: the answer is not accepted.
 TEST_F(IspN32, BytesThatNeverCameAreNoPartOfAnAnswer) {
     const Bytes cut = {0xAA, 0x55, 0x5F, 0x00, 0x00, 0x00, 0xA0, 0x00};
     ASSERT_EQ(xorOf(cut), 0x00);
@@ -481,7 +480,7 @@ TEST_F(IspN32, SilenceAfterTheLastBlockIsPrintedAsZeros) {
     EXPECT_THAT(printed, testing::HasSubstr("ack  data: 00 00 00 00 00 00 00 00 00\n"));
 }
 
-// 63 bytes take 66 ms on the wire: an answer at once is there before the pause of 100 ms is over.
+// 63 bytes take 66 ms on the wire: an immediate answer arrives before the pause of 100 ms ends.
 TEST_F(IspN32, AnswerDuringThePauseIsDropped) {
     expectUpToLast();
     mcu.expectPattern(kAnyLastFrame, kN32BlockOk);
@@ -505,7 +504,7 @@ TEST_F(IspN32, PortThatIsUnpluggedEndsItAtTheNextAnswer) {
     mcu.expectPattern(kAnyFullFrame, kN32BlockOk);
     EXPECT_EQ(upgrade(), 255);
     expectEndedBy("N32_FLASH_DWNLD error\n");
-    board.runFor(milliseconds(500));  // the block is still on its way
+    board.runFor(milliseconds(500));  // the block is still being sent
 }
 
 // The CRC check.

@@ -1,4 +1,4 @@
-// An N32 boot loader's side of an upgrade, byte for byte.
+// An N32 boot loader's requests and answers in an upgrade, byte for byte.
 #pragma once
 
 #include <chrono>
@@ -20,7 +20,7 @@ inline const Bytes kN32EraseOk = {0xAA, 0x55, 0x30, 0x00, 0x00, 0x00, 0xA0, 0x00
 inline const Bytes kN32BlockOk = {0xAA, 0x55, 0x31, 0x00, 0x00, 0x00, 0xA0, 0x00, 0x6E};
 inline const Bytes kN32CrcOk = {0xAA, 0x55, 0x32, 0x00, 0x00, 0x00, 0xA0, 0x00, 0x6D};
 
-// 60 bytes: status at 57 and 58, their check behind.
+// 60 bytes: the status at 57 and 58, the check byte last.
 inline Bytes n32InfoOk() {
     Bytes answer = {0xAA, 0x55, 0x10, 0x00, 0x33, 0x00};
     answer.resize(57, 0x21);
@@ -29,13 +29,13 @@ inline Bytes n32InfoOk() {
     return answer;
 }
 
-// What the tests ask of a whole image's frames without a process of their own: everything but the
-// running checksum.
+// For tests of an upgrade that accept any running checksum: it goes on from upgrade to upgrade, and
+// only a new process starts it afresh.
 class IspN32Test : public IspTest {
   protected:
     IspN32Test() { mcu.setLine({9600, 8, 'N', 1}); }
 
-    // Later than the input flush behind the pause, also for the shortest block.
+    // Arrives after the input flush that follows the pause, even for the shortest block.
     static constexpr std::chrono::milliseconds kLate{60};
 
     void expectUpToInfo() {
@@ -46,8 +46,8 @@ class IspN32Test : public IspTest {
         expectUpToInfo();
         mcu.expect(kN32Erase, kN32EraseOk);
     }
-    // The check's frame with any running checksum, for an image `length`; its own check follows
-    // from it.
+    // Expects the frame of the CRC check for an image of `length`, with any running checksum and so
+    // with any check byte.
     void expectCrcCheck(uint32_t length, const Bytes& answer = kN32CrcOk,
                         std::chrono::milliseconds delay = kLate) {
         std::vector<int> frame = {0xAA, 0x55, 0x32, 0x00, 0x18, 0x00, -1, -1, -1, -1};

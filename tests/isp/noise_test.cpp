@@ -1,5 +1,5 @@
-// Boot loaders that answer anything: a session ends, stays inside its buffers (the sanitizers look
-// on) and leaves the MCU reset into its application.
+// Boot loaders that answer anything: a session ends, stays inside its buffers (the sanitizers check
+// that) and leaves the MCU reset into its application.
 #include <random>
 
 #include "tests/isp/isp_test.h"
@@ -8,7 +8,7 @@ namespace quil::tests {
 
 namespace {
 
-// Answers each byte with none to three others, mostly ones that mean something to somebody.
+// Answers each byte with up to three others, mostly ones that have a meaning in some protocol.
 class NoisyPeer final : public board::UartPeer {
   public:
     NoisyPeer(board::Board& board, unsigned seed) : mBoard(board), mRandom(seed) {
@@ -31,7 +31,7 @@ class NoisyPeer final : public board::UartPeer {
         constexpr uint8_t kMeaningful[] = {0x79, 0x79, 0x79, 0x79, 0x1F, 0xAA, 0x55,
                                            0xA0, 0x00, 0xFF, 0x01, 0x04, 0x50};
         const auto pick = mRandom() % 16;
-        return pick < sizeof kMeaningful ? kMeaningful[pick] : static_cast<uint8_t>(mRandom());
+        return pick < sizeof(kMeaningful) ? kMeaningful[pick] : static_cast<uint8_t>(mRandom());
     }
 
     board::Board& mBoard;
@@ -42,11 +42,7 @@ class NoisyPeer final : public board::UartPeer {
 
 class IspNoise : public LibraryTest, public testing::WithParamInterface<unsigned> {
   protected:
-    IspNoise() : mcu(board, GetParam()) {
-        const Bytes image = imageOf(3000);
-        board.writeFile(kImagePath, std::string(image.begin(), image.end()));
-    }
-    ~IspNoise() override { fd = -1; }
+    IspNoise() : mcu(board, GetParam()) { board.writeFile(kImagePath, textOf(imageOf(3000))); }
 
     // The levels of BOOT0 and NRST as the last commands left them.
     void expectMcuInItsApplication() {

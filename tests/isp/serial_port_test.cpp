@@ -37,12 +37,12 @@ class IspSerialPort : public IspTest {
                             .times = times,
                             .takes = takes});
     }
-    // Lets the MCU send these bytes, and waits until they are in the port's buffer.
+    // Makes the MCU send these bytes, and waits until they are in the port's buffer.
     void arrive(const Bytes& bytes) {
         board.mcuUart().sendToHost(bytes);
         board.runFor(milliseconds(bytes.size()));
     }
-    // The same after a while, with nobody waiting.
+    // The same after `delay`, without waiting for it.
     void arriveLater(board::Nanos delay, const Bytes& bytes) {
         board.after(delay, [this, bytes] { board.mcuUart().sendToHost(bytes); });
     }

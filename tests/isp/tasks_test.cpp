@@ -44,12 +44,12 @@ class IspSession : public IspTest {
         mcu.expect({0x44, 0xBB}, kAnswerAck);
         mcu.expect(eraseFrame, kAnswerAck);
     }
-    // Runs the session and proves that it left the MCU as every session does.
+    // Runs the session and checks that it left the MCU as every session does.
     int run() {
         board.trace().clear();
         const int result = mcu_tool_isp_task(kImagePath, kHeronUart);
         const Lines lines = done();
-        const auto exit = static_cast<std::ptrdiff_t>(kExit.size());
+        const auto exit = static_cast<ptrdiff_t>(kExit.size());
         EXPECT_GE(lines.size(), kExit.size());
         EXPECT_EQ(Lines(lines.end() - exit, lines.end()), kExit);
         EXPECT_FALSE(isOpen(fd));
@@ -150,7 +150,7 @@ TEST_F(IspSession, PortThatCannotBeOpenedIsNotNoticedBeforeTheSynchronisation) {
                                        "D  ==========> [isp init]. \n", "D try_times = 3\n"} +
                                  noPort + Lines{"D try_times = 2\n"} + noPort +
                                  Lines{"D try_times = 1\n"} + noPort + kSaidLast));
-    // BOOT0 and NRST take their turns all the same.
+    // BOOT0 and NRST are driven all the same.
     EXPECT_THAT(done(), ElementsAreArray(Lines(kEntry.begin() + 1, kEntry.end()) +
                                          Lines(kExit.begin() + 1, kExit.end())));
 }
@@ -159,7 +159,7 @@ TEST_F(IspSession, PortWhoseSettingsFailIsUsedAsItIs) {
     const Bytes image = imageOf(1);
     writeImage(image);
     board.faults().add({.call = Call::kTcsetattr, .path = kHeronUart, .error = EIO, .times = 1});
-    mcu.setLine({9600, 8, 'N', 1});  // what the port is set to at power-on
+    mcu.setLine({9600, 8, 'N', 1});  // the port's settings at power-on
     for (int i = 0; i < 3; ++i) mcu.expect({0x7F});
     EXPECT_EQ(run(), 15);
     EXPECT_THAT(said(), Contains("E mcu_serial_init: mcu_set_baudrate failed.\n"));
@@ -303,7 +303,7 @@ TEST_P(IspSessionSize, IsWrittenWholeInBlocksOf256) {
     EXPECT_THAT(said(), IsEmpty());
 }
 
-// Pages 0 to count - 1 of 4 KB, as AN3155 has them.
+// The page list of pages 0 to count - 1, as in AN3155.
 Bytes pagesOf4Kb(uint8_t count) {
     Bytes frame = {0x00, static_cast<uint8_t>(count - 1)};
     for (uint8_t page = 0; page < count; ++page) frame = frame + Bytes{0x00, page};
@@ -316,8 +316,8 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(IspSizeRow{1, pagesOf4Kb(1)}, IspSizeRow{77, pagesOf4Kb(1)},
                     IspSizeRow{512, pagesOf4Kb(1)}, IspSizeRow{32640, pagesOf4Kb(8)},
                     IspSizeRow{32768, pagesOf4Kb(9)}, IspSizeRow{40000, pagesOf4Kb(10)},
-                    // 257 pages: length (2 + 514) mod 256 = 4, with the pages
-                    // 0x00FF and 0x0100 wrapped over the start.
+                    // 257 pages: length (2 + 514) mod 256 = 4; pages 0x00FF and 0x0100
+                    // overwrite the start.
                     IspSizeRow{1 << 20, {0x00, 0xFF, 0x01, 0x00, 0xFE}}));
 
 // Which session.
@@ -385,7 +385,7 @@ TEST_P(IspGdStName, TakesTheStm32PathAndLogsItsResult) {
                             "E mcu_isp_fw_update: mcu_tool_isp_task failed, ret = 15\n"));
 }
 
-// A name with both is the STM32 path's: it is looked for first.
+// A name that contains both goes the way of the STM32, which is checked first.
 INSTANTIATE_TEST_SUITE_P(Each, IspGdStName,
                          testing::Values("gd32f303", "stm32h750", "x-gd32", "n32 or gd32"));
 

@@ -3,10 +3,10 @@
 #include <hidl/HidlTransportSupport.h>
 #include <hidl/ServiceManagement.h>
 #include <quil/hardware/quilservicemanager/1.0/IQuilServiceCallback.h>
+#include <signal.h>
+#include <stdlib.h>
 
 #include <atomic>
-#include <csignal>
-#include <cstdlib>
 #include <string>
 #include <thread>
 #include <vector>
@@ -156,7 +156,7 @@ struct Callback : IQuilServiceCallback {
     hidl_vec<uint8_t> seen;
 };
 
-// Cannot say what it is, as an object whose process is gone cannot.
+// Cannot report its interface, like an object whose process has died.
 struct DeadCallback : Callback {
     Return<void> interfaceChain(interfaceChain_cb) override {
         return Status::fromStatusT(DEAD_OBJECT);

@@ -3,9 +3,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <hidl/HidlSupport.h>
+#include <signal.h>
 #include <unistd.h>
 
-#include <csignal>
 #include <list>
 #include <numeric>
 #include <string>

@@ -1,43 +1,37 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quil/hardware/quilservicemanager/1.0/IQuilServiceManager.h>
+#include <stdio.h>
 
-#include <cstdio>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
+#include "board/core/temporary_directory.h"
 #include "testing/build.h"
+#include "testing/program_output.h"
 
 namespace {
 
 using ::android::hardware::hidl_array;
 using ::android::hardware::hidl_vec;
 using ::quil::hardware::quilservicemanager::V1_0::IQuilServiceCallback;
+using ::quil::tests::CommandRun;
+using ::quil::tests::runCommand;
 using ::testing::ElementsAre;
 using ::testing::EndsWith;
 using ::testing::HasSubstr;
 
 constexpr char kPackage[] = "quil.hardware.quilservicemanager@1.0";
 
-struct Compilation {
-    int status;
-    std::string output;
-};
-
-Compilation hidlGen(const std::string& arguments, const std::string& interfaces = "interfaces") {
+CommandRun hidlGen(const std::string& arguments, const std::string& interfaces = "interfaces") {
     const std::string command = std::string(QUIL_HIDL_GEN) +
                                 " -p " QUIL_SOURCE_DIR
                                 " -R -r android.hidl:platform/linux/hal -r quil.hardware:" +
                                 interfaces + " " + arguments + " 2>&1";
-    Compilation run{-1, ""};
-    FILE* pipe = popen(command.c_str(), "r");
-    if (pipe == nullptr) return run;
-    char buffer[4096];
-    for (size_t n; (n = fread(buffer, 1, sizeof(buffer), pipe)) > 0;) run.output.append(buffer, n);
-    run.status = pclose(pipe);
-    return run;
+    return runCommand(command);
 }
 
 std::vector<std::string> hashLines(std::istream& text) {
@@ -68,22 +62,22 @@ TEST(InterfaceHash, CompilerPrintsTheHashesThatWereReleased) {
 }
 
 TEST(InterfaceHash, CompilerAcceptsTheDefinitions) {
-    const Compilation run = hidlGen(std::string("-L check ") + kPackage);
+    const CommandRun run = hidlGen(std::string("-L check ") + kPackage);
     EXPECT_EQ(run.status, 0) << run.output;
     EXPECT_EQ(run.output, "");
 }
 
 TEST(InterfaceHash, DefinitionThatChangedAfterItsReleaseIsRefused) {
-    const std::string copy = ::testing::TempDir() + "quil_changed_interfaces";
-    const std::string file = copy + "/quilservicemanager/1.0/IQuilServiceCallback.hal";
-    ASSERT_EQ(
-        system(("rm -rf " + copy + " && cp -r " QUIL_SOURCE_DIR "/interfaces " + copy).c_str()), 0);
-    std::ofstream(file, std::ios::app) << "// one more line\n";
+    const quil::board::TemporaryDirectory scratch;
+    const std::filesystem::path copy = scratch.path() / "interfaces";
+    std::filesystem::copy(QUIL_SOURCE_DIR "/interfaces", copy,
+                          std::filesystem::copy_options::recursive);
+    std::ofstream(copy / "quilservicemanager/1.0/IQuilServiceCallback.hal", std::ios::app)
+        << "// one more line\n";
 
-    const Compilation run = hidlGen(std::string("-L check ") + kPackage, copy);
+    const CommandRun run = hidlGen(std::string("-L check ") + kPackage, copy.string());
     EXPECT_NE(run.status, 0);
     EXPECT_THAT(run.output, HasSubstr("IQuilServiceCallback"));
-    EXPECT_EQ(system(("rm -rf " + copy).c_str()), 0);
 }
 
 TEST(InterfaceHash, ObjectAnswersTheReleasedHashOfItsInterface) {

@@ -1,16 +1,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <quil/hardware/quilservicemanager/1.0/IQuilServiceManager.h>
+#include <string.h>
 
-#include <cstring>
 #include <vector>
 
 namespace {
 
 using ::quil::hardware::quilservicemanager::V1_0::IQuilServiceManager;
 
-// Where a virtual method stands in the table, in slots. The Itanium C++ ABI keeps the offset in the
-// first word of a pointer to member; its lowest bit is a mark on most machines.
+// A virtual method's position in the table, in slots. The Itanium C++ ABI keeps the offset in the
+// first word of a pointer to member, whose lowest bit is a flag on most machines.
 template <typename Method>
 size_t slotOf(Method method) {
     uintptr_t word = 0;
@@ -33,7 +33,7 @@ TEST(InterfaceSlots, FirstMethodFollowsThoseOfTheBase) {
     EXPECT_EQ(slotOf(&IQuilServiceManager::isRemote), 0U);
     EXPECT_EQ(slotOf(&IQuilServiceManager::interfaceChain), 1U);
     EXPECT_EQ(slotOf(&IQuilServiceManager::unlinkToDeath), 10U);
-    // The base's two destructors stand behind its methods.
+    // After the base's methods come its two destructors.
     EXPECT_EQ(slotOf(&IQuilServiceManager::hwInvoke), 13U);
 }
 

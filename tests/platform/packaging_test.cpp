@@ -1,4 +1,4 @@
-// The names that hold the packaging together: one service, told the same way in every file.
+// The names in the packaging: each file has to name the same service.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

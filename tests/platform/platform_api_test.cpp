@@ -1,5 +1,5 @@
-// The product uses nothing that the target's platform lacks: no function of the workstation's C
-// library alone, no header that the API 33 trees do not have.
+// The product uses only what the target's platform has: functions of its C library, and headers of
+// the API 33 trees.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -109,12 +109,11 @@ const std::set<std::string> kBionic = {"access",
                                        "vsnprintf",
                                        "write"};
 
-// Of liblog and libcutils.
+// Functions of liblog and libcutils.
 const std::set<std::string> kPlatform = {"__android_log_print", "property_get", "property_set"};
 
-// What compilers call by themselves; the workstation's errno hides behind another name than the
-// target's.
-// clang compares with bcmp where the C library is known to have it, which the target's is not.
+// Names that compilers use by themselves. errno's function has another name on the target; clang
+// calls bcmp only where it knows that the C library has it, and the target's has not.
 bool isOfTheTools(const std::string& name) {
     static const std::regex tools(
         "^(__cxa_.*|_Unwind_.*|__aeabi_.*|__g(xx|cc)_personality_v0|_ITM_.*|__gmon_start__|"

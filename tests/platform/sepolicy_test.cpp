@@ -222,7 +222,7 @@ std::set<std::string> pathsOfTheProduct() {
     return paths;
 }
 
-// The patterns that give a path its label, as regular expressions over the whole path.
+// The patterns by which the policy labels paths, as regular expressions for whole paths.
 std::vector<std::regex> labelledPaths() {
     std::vector<std::regex> patterns;
     for (const std::string& line : contextLines("file_contexts")) {

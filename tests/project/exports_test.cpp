@@ -1,4 +1,4 @@
-// What leaves the library, read from the built file with binutils.
+// What the library exports, read from the built file with binutils.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -39,7 +39,7 @@ std::set<std::string> plainExports() {
 
 constexpr size_t kPointer = sizeof(void*);
 
-// What `readelf` says of the library, with the given options.
+// The output of `readelf` for the library, with the given options.
 std::string readElf(const std::string& options) {
     return outputOf("readelf -W " + options + " '" + kLibraryFile + "'");
 }
@@ -95,7 +95,7 @@ TEST(Exports, ClassesAreExportedWithEveryMemberThatComponentsCall) {
         EXPECT_THAT(names, HasSubstr(scope + "QuilServiceManager::" + member));
     }
     EXPECT_THAT(names, HasSubstr(scope + "QuilServiceCallback::hwNotify("));
-    // Without these no class could be derived from them.
+    // A derived class needs these.
     EXPECT_THAT(names, HasSubstr("virtual thunk to " + scope + "QuilServiceManager::~"));
     EXPECT_THAT(names, HasSubstr("virtual thunk to " + scope + "QuilServiceCallback::~"));
 #ifdef QUIL_IMAGE
@@ -161,13 +161,13 @@ TEST(Exports, DataHaveTheSizesThatOtherComponentsWereLinkedAgainst) {
 TEST(Exports, LibraryNeedsNothingBeyondThePlatform) {
     // The closed libraries are the board's: on a workstation the program brings their names, or
     // stand-ins do.
-    std::set<std::string> allowed = {
-        "quil.hardware.quilservicemanager@1.0.so", "libhidlbase.so", "libutils.so.0",
-        "libcutils.so.0", "liblog.so.0", "libstdc++.so.6", "libm.so.6", "libgcc_s.so.1",
-        // The loader of an ARM library is named where 64-bit ones leave it out.
-        "libc.so.6", "ld-linux-armhf.so.3",
-        // Debian's ARM libutils cannot do without it.
-        "7z.so"};
+    std::set<std::string> allowed = {"quil.hardware.quilservicemanager@1.0.so", "libhidlbase.so",
+                                     "libutils.so.0", "libcutils.so.0", "liblog.so.0",
+                                     "libstdc++.so.6", "libm.so.6", "libgcc_s.so.1",
+                                     // ARM libraries name the loader, 64-bit ones do not.
+                                     "libc.so.6", "ld-linux-armhf.so.3",
+                                     // Debian's ARM libutils needs it.
+                                     "7z.so"};
 #ifdef QUIL_IMAGE
     allowed.insert({"libc++.so.1", "libc++abi.so.1", "libunwind.so.1", "libcutils.so"});
     allowed.insert({"libquilhal.so", "libquilhalcommon.so", "libquilmcuservice.so", "libquilsdk.so",
@@ -180,7 +180,7 @@ TEST(Exports, LibraryNeedsNothingBeyondThePlatform) {
 }
 
 TEST(Exports, TextOfTheArmLibraryStaysUnder96KiB) {
-    // What `size` calls text: code and all that is only read, whether stripped or not.
+    // `size` counts code and read-only data as text; stripping does not change it.
     std::istringstream rows(outputOf(std::string("size '") + kLibraryFile + "' | tail -n 1"));
     size_t text = 0;
     rows >> text;

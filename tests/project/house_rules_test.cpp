@@ -1,5 +1,4 @@
-// The rules of the house that a reader relies on: which folder includes which, and how long things
-// are.
+// The rules of the source tree: which folder includes which, and how long files and lines are.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -39,7 +38,7 @@ std::set<std::string> includedBy(const fs::path& file, const std::string& group)
     return found;
 }
 
-// What each folder may include beside itself; "platform" is the stand-in of the platform's headers.
+// What each folder may include beside itself; "platform" stands in for the platform's headers.
 const std::map<std::string, std::set<std::string>> kMayInclude = {
     {"common", {}},
     {"config", {"common"}},
@@ -52,7 +51,7 @@ const std::map<std::string, std::set<std::string>> kMayInclude = {
     {"board", {"platform"}},
     {"host", {"config", "fpga", "isp", "mculink", "service"}},
     {"tools", {"board", "config", "fpga", "host", "isp", "selftest", "service"}},
-    {"testing", {"board", "common", "config", "host", "isp", "mculink", "service"}},
+    {"testing", {"board", "config", "fpga", "host", "isp", "mculink", "selftest", "service"}},
     {"fuzz",
      {"board", "common", "config", "fpga", "host", "isp", "mculink", "selftest", "service",
       "testing", "tools"}},
@@ -162,6 +161,36 @@ TEST(HouseRules, EverySourceIsNamedInTheListsOfTheBuild) {
         }
     }
     EXPECT_THAT(unlisted, IsEmpty());
+}
+
+TEST(HouseRules, FoldersOfTestsIncludeNoOtherOnes) {
+    static const std::regex include("^#include \"tests/([^/\"]+)/");
+    std::vector<std::string> wrong;
+    for (const fs::path& file : sourcesIn("tests")) {
+        const std::string folder = fs::relative(file, projectRoot() / "tests").begin()->string();
+        for (const std::string& line : linesOf(file)) {
+            std::smatch match;
+            if (!std::regex_search(line, match, include) || match[1] == folder) continue;
+            wrong.push_back(fs::relative(file, projectRoot()).string() + ": " + line);
+        }
+    }
+    EXPECT_THAT(wrong, IsEmpty());
+}
+
+TEST(HouseRules, NamesOfTestsBeginWithoutAnArticle) {
+    static const std::regex name("TEST(_[FP])?\\(\\w+,\\s*(\\w+)\\)");
+    static const std::regex article("(A|An|The)[A-Z0-9].*");
+    std::vector<std::string> wrong;
+    size_t seen = 0;
+    for (const fs::path& file : sourcesIn("tests")) {
+        const std::string text = projectText(fs::relative(file, projectRoot()));
+        for (std::sregex_iterator it(text.begin(), text.end(), name), end; it != end; ++it) {
+            ++seen;
+            if (std::regex_match((*it)[2].str(), article)) wrong.push_back((*it)[2]);
+        }
+    }
+    EXPECT_GT(seen, 1000U);
+    EXPECT_THAT(wrong, IsEmpty());
 }
 
 TEST(HouseRules, FilesStayUnder600LinesAnd100Columns) {

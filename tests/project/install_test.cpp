@@ -1,4 +1,4 @@
-// What `cmake --install` puts down is enough for a component outside of this project.
+// The installed tree is all that a component outside of this project needs.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -76,14 +76,14 @@ TEST(Quilctl, GetPrintsJsonWhenAsked) {
     EXPECT_EQ(json["answer"].size(), 6u);
 }
 
-TEST(Quilctl, ARequestThatNobodyAnswersFails) {
+TEST(Quilctl, RequestThatNobodyAnswersFails) {
     const Said said = quilctl({"get", "0xF5000002"});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, IsEmpty());
     EXPECT_THAT(said.err, EndsWith("no answer\n"));
 }
 
-TEST(Quilctl, ABodyLongerThanItsLengthFieldIsAUsageError) {
+TEST(Quilctl, BodyLongerThanItsLengthFieldIsAUsageError) {
     EXPECT_EQ(quilctl({"set", "1", std::string(size_t{2} * 65536, '0')}).code, tools::kUsage);
 }
 
@@ -93,7 +93,7 @@ TEST(Quilctl, CallbacksPrintsWhatArrivedAtEach) {
     EXPECT_EQ(said.out, "hwInvoke returned 2\ncallback 1: CA FE\ncallback 2: CA FE\n");
 }
 
-TEST(Quilctl, TheLogLevelShowsTheLibrarysDebugLines) {
+TEST(Quilctl, LogLevelShowsTheLibrarysDebugLines) {
     EXPECT_THAT(quilctl({"--log-level", "D", "get", "1"}).err,
                 HasSubstr("parse business type = 1"));
     EXPECT_THAT(quilctl({"get", "1"}).err, IsEmpty());
@@ -109,7 +109,7 @@ TEST(Quilctl, DemoMeetsEveryExpectation) {
     for (std::string line; std::getline(lines, line);) EXPECT_LT(line.size(), 100u) << line;
 }
 
-TEST_F(QuilctlTest, AValueSetOnABoardDirectoryIsThereInTheNextRun) {
+TEST_F(QuilctlTest, ValueSetOnABoardDirectoryIsThereInTheNextRun) {
     ASSERT_EQ(quilctl({"board", "new", path("b"), "--product", "Kestrel"}).code, tools::kOk);
     EXPECT_EQ(quilctl({"--board", path("b"), "set", "0x102", "0A", "0B"}).out, "00\n");
     EXPECT_EQ(quilctl({"--board", path("b"), "get", "258"}).out, "0A 0B\n");
@@ -118,12 +118,12 @@ TEST_F(QuilctlTest, AValueSetOnABoardDirectoryIsThereInTheNextRun) {
     EXPECT_THAT(shown.out, HasSubstr("  /vendor/etc/product.ini\n"));
 }
 
-TEST_F(QuilctlTest, ABoardThatIsNotThereIsToldApartFromFailure) {
+TEST_F(QuilctlTest, BoardThatIsNotThereIsToldApartFromFailure) {
     EXPECT_EQ(quilctl({"--board", path("none"), "get", "1"}).code, tools::kNoBoard);
     EXPECT_EQ(quilctl({"board", "show", path("none")}).code, tools::kNoBoard);
 }
 
-TEST_F(QuilctlTest, TheTraceIsWrittenInTheFormatOfItsName) {
+TEST_F(QuilctlTest, TraceIsWrittenInTheFormatOfItsName) {
     EXPECT_EQ(quilctl({"--trace", path("t.vcd"), "get", "1"}).code, tools::kOk);
     std::ifstream vcd(path("t.vcd"));
     const std::string text(std::istreambuf_iterator<char>(vcd), {});
@@ -141,7 +141,7 @@ TEST(QuilctlConfig, ShowPrintsWhatTheLibraryRead) {
     EXPECT_EQ(json["mcu"]["mcu_baud_rate"], 115200);
 }
 
-TEST_F(QuilctlTest, TheProductFilesOfAllBoardsAreGood) {
+TEST_F(QuilctlTest, ProductFilesOfAllBoardsAreGood) {
     for (const char* product : {"Heron", "Kestrel", "Wren_t507"}) {
         ASSERT_EQ(quilctl({"board", "new", path(product), "--product", product}).code, tools::kOk);
         const Said said = quilctl({"--board", path(product), "config", "check"});
@@ -203,7 +203,7 @@ TEST(ProductFile, UnknownDoubleAndBrokenLinesAreNamed) {
     EXPECT_EQ(problems[0].text, "stands already in line 2");
 }
 
-TEST(ProductFile, AnEmptyFileMissesEveryKey) {
+TEST(ProductFile, EmptyFileMissesEveryKey) {
     EXPECT_EQ(checkProductFile("").size(), tools::productKeys().size());
 }
 

@@ -22,7 +22,7 @@ TEST(QuilctlFrame, EncodePrintsTheBytesOfAGet) {
     EXPECT_THAT(said.err, IsEmpty());
 }
 
-TEST(QuilctlFrame, TheCommandMayBeDecimal) {
+TEST(QuilctlFrame, CommandMayBeDecimal) {
     EXPECT_EQ(quilctl({"frame", "encode", "258", "--label", "5", "--data", "01"}).out,
               std::string(kFrame) + "\n");
 }
@@ -43,7 +43,7 @@ TEST(QuilctlFrame, DecodeReadsStandardInputWhenNoBytesAreGiven) {
     EXPECT_EQ(quilctl({"frame", "decode"}, "").code, tools::kBadData);
 }
 
-TEST(QuilctlFrame, AWrongChecksumIsBadData) {
+TEST(QuilctlFrame, WrongChecksumIsBadData) {
     std::string bad = kFrame;
     bad[bad.size() - 1] = '2';
     const Said said = quilctl({"frame", "decode", bad});

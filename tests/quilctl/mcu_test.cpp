@@ -41,7 +41,7 @@ TEST_F(QuilctlMcu, VersionTellsWhatRunsWhatIsShippedAndWhatWasRecorded) {
     EXPECT_EQ(json["recorded"], "");
 }
 
-TEST_F(QuilctlMcu, AnMcuThatDoesNotAnswerIsAFailure) {
+TEST_F(QuilctlMcu, McuThatDoesNotAnswerIsAFailure) {
     const std::string board = newBoard();
     board::writeWholeFile(board + "/mcu/flash", "");
     const Said said = quilctl({"--board", board, "mcu", "version"});
@@ -80,7 +80,7 @@ TEST_F(QuilctlMcu, UpdateOfEveryProductEndsWithItsShippedVersion) {
     }
 }
 
-TEST_F(QuilctlMcu, AnUpdateWithoutItsImageTellsWhatTheLibrarySays) {
+TEST_F(QuilctlMcu, UpdateWithoutItsImageTellsWhatTheLibrarySays) {
     const std::string board = newBoard();
     fs::remove(board + "/rootfs/vendor/firmware/mcu_Heron.bin");
     board::writeWholeFile(board + "/mcu/flash", makeMcuImage(McuKind::kGd32F303, "V0.9.0", 8192));
@@ -91,7 +91,7 @@ TEST_F(QuilctlMcu, AnUpdateWithoutItsImageTellsWhatTheLibrarySays) {
 }
 
 // The board carries a part that nobody listens to: its port is there, and silent.
-TEST_F(QuilctlMcu, AnUpdateInVainTellsTheAttemptsTheStepAndWhatTheMcuSaid) {
+TEST_F(QuilctlMcu, UpdateInVainTellsTheAttemptsTheStepAndWhatTheMcuSaid) {
     const std::string board = newBoard("Wren_t507");
     const std::string ini = board + "/rootfs/vendor/etc/product.ini";
     std::string content = board::readWholeFile(ini).value_or("");
@@ -119,7 +119,7 @@ TEST_F(QuilctlMcu, ProgramPutsAFileIntoEachPart) {
     }
 }
 
-TEST_F(QuilctlMcu, ABlockThatTheSessionLostUnnoticedIsToldAndFails) {
+TEST_F(QuilctlMcu, BlockThatTheSessionLostUnnoticedIsToldAndFails) {
     const Said said =
         quilctl({"mcu", "program", "--chip", "gd32f303", imageFile(std::string(3000, 'x'))});
     EXPECT_EQ(said.code, tools::kFailed);
@@ -129,14 +129,14 @@ TEST_F(QuilctlMcu, ABlockThatTheSessionLostUnnoticedIsToldAndFails) {
     EXPECT_THAT(said.err, HasSubstr("board: gd32f303: programming at 0x08000800"));
 }
 
-TEST_F(QuilctlMcu, AnImageOfWhole128BytesGoesOutToAnN32WithoutItsLastBlock) {
+TEST_F(QuilctlMcu, ImageOfWhole128BytesGoesOutToAnN32WithoutItsLastBlock) {
     const Said said =
         quilctl({"mcu", "program", "--chip", "n32g45x", imageFile(std::string(1024, 'x'))});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, StartsWith("INCOMPLETE, unnoticed by the session: 896 of 1024 bytes"));
 }
 
-TEST_F(QuilctlMcu, APortThatIsNeitherTheBoardsNorADeviceIsRefused) {
+TEST_F(QuilctlMcu, PortThatIsNeitherTheBoardsNorADeviceIsRefused) {
     const Said said = quilctl(
         {"mcu", "program", "--chip", "gd32f303", "--port", path("none"), imageFile("image")});
     EXPECT_EQ(said.code, tools::kNoBoard);
@@ -172,7 +172,7 @@ TEST_F(QuilctlMcu, TaskSavesWhatReadMemoryHasRead) {
               makeMcuImage(McuKind::kGd32F303, "V1.0.0", 8192));
 }
 
-TEST_F(QuilctlMcu, ATaskThatIsRefusedFails) {
+TEST_F(QuilctlMcu, TaskThatIsRefusedFails) {
     // Read-out protection, as option bytes keep it, forbids an erase.
     const std::string board = newBoard();
     EXPECT_EQ(quilctl({"--board", board, "mcu", "task", "0x02"}).code, tools::kOk);

@@ -55,7 +55,7 @@ class ProgrammingWatchTest : public testing::Test {
     std::vector<std::string> steps;
 };
 
-TEST_F(ProgrammingWatchTest, AWholeSessionIsItsStepsAndItsBlocks) {
+TEST_F(ProgrammingWatchTest, WholeSessionIsItsStepsAndItsBlocks) {
     enter();
     exchange({0x7F}, {0x79});
     exchange({0x06, 0xF9}, {0x79, 0x04, 0x33, 0x56, 0x45, 0x46, 0x79});
@@ -73,7 +73,7 @@ TEST_F(ProgrammingWatchTest, AWholeSessionIsItsStepsAndItsBlocks) {
     EXPECT_FALSE(watch.problem());
 }
 
-TEST_F(ProgrammingWatchTest, ARefusedBlockIsTheProblemAndNotCounted) {
+TEST_F(ProgrammingWatchTest, RefusedBlockIsTheProblemAndNotCounted) {
     enter();
     exchange({0x7F}, {0x79});
     block(0, {0x79});
@@ -85,7 +85,7 @@ TEST_F(ProgrammingWatchTest, ARefusedBlockIsTheProblemAndNotCounted) {
     EXPECT_EQ(watch.problem()->said, "NACK (0x1F)");
 }
 
-TEST_F(ProgrammingWatchTest, ARefusedCommandHasNoSecondPart) {
+TEST_F(ProgrammingWatchTest, RefusedCommandHasNoSecondPart) {
     enter();
     exchange({0x7F}, {0x79});
     exchange({0x31, 0xCE}, {0x1F});
@@ -98,7 +98,7 @@ TEST_F(ProgrammingWatchTest, ARefusedCommandHasNoSecondPart) {
     EXPECT_EQ(watch.written(), 0u);
 }
 
-TEST_F(ProgrammingWatchTest, ASynchronisationThatWorksTheSecondTimeIsNoProblem) {
+TEST_F(ProgrammingWatchTest, SynchronisationThatWorksTheSecondTimeIsNoProblem) {
     enter();
     exchange({0x7F}, {});
     exchange({0x7F}, {0x79});
@@ -106,7 +106,7 @@ TEST_F(ProgrammingWatchTest, ASynchronisationThatWorksTheSecondTimeIsNoProblem) 
     EXPECT_FALSE(watch.problem());
 }
 
-TEST_F(ProgrammingWatchTest, AnIdentificationThatFailsIsNoProblem) {
+TEST_F(ProgrammingWatchTest, IdentificationThatFailsIsNoProblem) {
     enter();
     exchange({0x7F}, {0x79});
     exchange({0x06, 0xF9}, {0x1F});
@@ -133,7 +133,7 @@ TEST_F(ProgrammingWatchTest, WhatCrossesTheLineOutsideASessionIsNoStep) {
     EXPECT_EQ(watch.attempts(), 0);
 }
 
-TEST_F(ProgrammingWatchTest, APortThatDoesNotOpenIsTheProblemOfTheAttempt) {
+TEST_F(ProgrammingWatchTest, PortThatDoesNotOpenIsTheProblemOfTheAttempt) {
     event(EventKind::kOpen, kPort, "EACCES", {});
     EXPECT_EQ(watch.attempts(), 1);  // the other family's session ends here
     enter();
@@ -144,7 +144,7 @@ TEST_F(ProgrammingWatchTest, APortThatDoesNotOpenIsTheProblemOfTheAttempt) {
     EXPECT_EQ(watch.problem()->said, "EACCES");
 }
 
-TEST_F(ProgrammingWatchTest, AMassEraseIsCalledSo) {
+TEST_F(ProgrammingWatchTest, MassEraseIsCalledSo) {
     enter();
     exchange({0x44, 0xBB}, {0x79});
     exchange({0xFF, 0xFF, 0x00}, {0x79});
@@ -160,7 +160,7 @@ class N32WatchTest : public ProgrammingWatchTest {
     const Bytes refused = {0xAA, 0x55, 0x31, 0, 0, 0, 0xB0, 0x01, 0x7F};
 };
 
-TEST_F(N32WatchTest, ABlockIsItsAddressAndTheBytesOfTheImage) {
+TEST_F(N32WatchTest, BlockIsItsAddressAndTheBytesOfTheImage) {
     Bytes frame = {0xAA, 0x55, 0x31, 0, 36, 0, 0x80, 0, 0, 0x08};
     frame.resize(10 + 36 + 1);
     enter();
@@ -179,7 +179,7 @@ TEST_F(N32WatchTest, AnotherStatusIsTheProblem) {
     EXPECT_EQ(watch.problem()->said, "status B0 01");
 }
 
-TEST_F(N32WatchTest, TheCrcCheckIsAnsweredByAnyAnswer) {
+TEST_F(N32WatchTest, CrcCheckIsAnsweredByAnyAnswer) {
     Bytes frame = {0xAA, 0x55, 0x32, 0, 24, 0, 0, 0, 0, 0};
     frame.resize(35);
     enter();

@@ -1,7 +1,7 @@
-// The nine items: what each calls, says and logs.
+// The nine items: what each calls, reports and logs.
 #include <algorithm>
 
-#include "tests/selftest/self_test_test.h"
+#include "testing/self_test_fixture.h"
 
 namespace quil::tests {
 
@@ -135,7 +135,7 @@ TEST_F(SelfTestItems, FaultOfOneProbeIsGoneAtTheNext) {
 
 TEST_F(SelfTestItems, CodecsAreProbedInOrderAndTheLastOneIsTheVerdict) {
     parseProduct();
-    config_info->audio_num = 2;  // the second is not there
+    config_info->audio_num = 2;  // the board has only one
     EXPECT_EQ(lineOf(checkES8316State), "X:Error\r\n");
     EXPECT_EQ(probes(), 2U);
     EXPECT_THAT(board.log(), ElementsAre("checkES8316State: test failed\n"));
@@ -193,8 +193,7 @@ TEST_F(SelfTestItems, CodecsBeforeTheParseShowTheNumberZero) {
 TEST_F(SelfTestItems, WriteToFileAppendsTheTextAndANewline) {
     EXPECT_EQ(writeToFile("/sdcard/a", "one"), 0);
     EXPECT_EQ(writeToFile("/sdcard/a", "two\r\n"), 0);
-    std::ifstream file(board.hostPath("/sdcard/a"), std::ios::binary);
-    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(file), {}), "one\ntwo\r\n\n");
+    EXPECT_EQ(contentOf(board.hostPath("/sdcard/a")), "one\ntwo\r\n\n");
     EXPECT_THAT(board.log(), IsEmpty());
 }
 

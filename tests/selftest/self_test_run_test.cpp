@@ -6,7 +6,7 @@
 #include <utility>
 
 #include "testing/fresh_process.h"
-#include "tests/selftest/self_test_test.h"
+#include "testing/self_test_fixture.h"
 
 namespace quil::tests {
 
@@ -173,7 +173,7 @@ TEST_F(SelfTestRun, ItemThatWritesNothingAndIsFirstLeavesAnEmptyLine) {
 
 TEST_F(SelfTestRun, SettingThatFillsItsFieldWithoutATerminatorIsReadToItsEnd) {
     parseProduct();
-    config_info->audio_num = 1;  // stands right behind it
+    config_info->audio_num = 1;  // the field right behind the items
     const std::string items = "1-" + std::string(61, '0') + "3";
     ASSERT_EQ(items.size(), 64U);
     configure(items);
@@ -315,7 +315,7 @@ TEST_F(SelfTestRun, FileThatCannotBeRemovedIsAppendedTo) {
 
 namespace {
 
-// In a process of its own, so that the table is as the loader left it.
+// Runs in a new process, so that the table is as the loader left it.
 int runFresh(const char* items) {
     board::Board board;
     for (const test_option_t& row : test_option_table) {
@@ -326,8 +326,6 @@ int runFresh(const char* items) {
     Bytes record(1024);
     const unsigned length = runSelfTestAndGetResult(record.data(), 1024);
     record.resize(10);
-    free(config_info);
-    config_info = nullptr;
     return length == 10 && record == headerOf(0, 0, 0xFF) ? 0 : 4;
 }
 

@@ -19,7 +19,7 @@ using testing::IsEmpty;
 
 namespace {
 
-// Notes what it is told, and its own end.
+// Records its notifications and its destruction.
 class Listener : public IQuilServiceCallback {
   public:
     explicit Listener(std::vector<std::string>& notes, std::string name)
@@ -37,7 +37,7 @@ class Listener : public IQuilServiceCallback {
     std::string mName;
 };
 
-// What the service is handed of a callback in another process: a new one with each call.
+// What the service receives for a callback in another process: a new object with each call.
 class Proxy : public android::hardware::BpInterface<IQuilServiceCallback> {
   public:
     using BpInterface::BpInterface;
@@ -45,7 +45,7 @@ class Proxy : public android::hardware::BpInterface<IQuilServiceCallback> {
     Return<void> hwNotify(const hidl_vec<uint8_t>&) override { return Void(); }
 };
 
-// A client that died: its transport fails.
+// A client that has died: the transport to it fails.
 class DeadClient : public IQuilServiceCallback {
   public:
     Return<void> hwNotify(const hidl_vec<uint8_t>&) override {

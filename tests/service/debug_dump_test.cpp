@@ -1,12 +1,12 @@
-// What `lshal debug` shows.
+// The text that `lshal debug` shows.
 #include <cutils/native_handle.h>
 
-#include <fstream>
 #include <thread>
 
 #include "common/version.h"
 #include "testing/build.h"
 #include "testing/debug_text.h"
+#include "testing/files.h"
 #include "testing/library_test.h"
 
 namespace quil::tests {
@@ -25,8 +25,7 @@ class DebugDump : public LibraryTest {
 
 TEST_F(DebugDump, StartsWithTheInterfaceAndTheVersionOfTheLibrary) {
     EXPECT_THAT(dump(), StartsWith("quil.hardware.quilservicemanager@1.0 1.0.0\n"));
-    std::ifstream build(QUIL_SOURCE_DIR "/CMakeLists.txt");
-    const std::string text{std::istreambuf_iterator<char>(build), {}};
+    const std::string text = contentOf(QUIL_SOURCE_DIR "/CMakeLists.txt");
     EXPECT_THAT(text, HasSubstr(std::string("VERSION ") + common::kVersion + " "));
 }
 

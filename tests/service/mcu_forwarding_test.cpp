@@ -1,4 +1,4 @@
-// An MCU request on its way out, the wait for its answer, and the answer's way in.
+// MCU requests: sending, the wait for the answer, and its delivery.
 #include <chrono>
 #include <thread>
 
@@ -215,7 +215,7 @@ TEST_F(McuForwarding, MessageWhoseLengthLiesIsRefused) {
 
 TEST_F(McuForwarding, NullMessageAndMissingConfigurationAreErrors) {
     EXPECT_EQ(service->sendTclvDataToMcu(nullptr, 0), -1);
-    forgetState();
+    FreshLibrary::reset();
     EXPECT_THAT(service->getBytes(kGetVersion), IsEmpty());
     EXPECT_THAT(board.log(), ElementsAre("sendTclvDataToMcu: config_info or msg is NULL\n",
                                          "sendTclvDataToMcu: config_info or msg is NULL\n",

@@ -3,7 +3,7 @@
 
 #include <functional>
 
-#include "tests/selftest/self_test_test.h"
+#include "testing/self_test_fixture.h"
 
 using Runner = std::function<unsigned(unsigned char*, unsigned)>;
 
@@ -11,7 +11,7 @@ namespace {
 Runner g_otherRunner;
 }
 
-// Stands before the library's own, which it calls unless a test put another in its place.
+// Found before the library's function. Calls it, unless a test has set another runner.
 unsigned runSelfTestAndGetResult(unsigned char* result, unsigned size) {
     if (g_otherRunner) return g_otherRunner(result, size);
     using Function = unsigned (*)(unsigned char*, unsigned);

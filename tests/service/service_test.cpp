@@ -1,4 +1,4 @@
-// The service object: from a request's bytes to its answer, and the routing between them.
+// The service object: parsing, routing and answering requests.
 #include <functional>
 #include <thread>
 

@@ -1,11 +1,13 @@
-// What the tests of the self-test share: its table as freshly loaded, and what a run leaves behind.
+// Runs the self-test and keeps its record, its output and its result file.
 #pragma once
 
-#include <fstream>
-#include <iterator>
+#include <string.h>
+
+#include <algorithm>
 #include <string>
 
 #include "selftest/self_test.h"
+#include "testing/files.h"
 #include "testing/library_test.h"
 
 namespace quil::tests {
@@ -15,11 +17,7 @@ inline constexpr char kServiceTag[] = "quil_system_hidl_service";
 
 class SelfTestFixture : public LibraryTest {
   protected:
-    SelfTestFixture() {
-        for (test_option_t& row : test_option_table) row.enable = 0;
-    }
-
-    // Runs with these items configured, and keeps record and standard output.
+    // Runs with these items configured; keeps the record and standard output.
     unsigned runWith(const std::string& items) {
         if (config_info == nullptr) parseProduct();
         configure(items);
@@ -28,8 +26,8 @@ class SelfTestFixture : public LibraryTest {
 
     void configure(const std::string& items) {
         char(&field)[64] = config_info->self_test_items;
-        memset(field, 0, sizeof field);
-        memcpy(field, items.data(), std::min(items.size(), sizeof field));
+        memset(field, 0, sizeof(field));
+        memcpy(field, items.data(), std::min(items.size(), sizeof(field)));
     }
 
     unsigned run() {
@@ -44,10 +42,7 @@ class SelfTestFixture : public LibraryTest {
         return {record.begin() + 10, record.begin() + length};
     }
 
-    std::string resultFile() const {
-        std::ifstream file(board.hostPath(kResultFile), std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
+    std::string resultFile() const { return contentOf(board.hostPath(kResultFile)); }
     bool hasResultFile() const { return std::filesystem::exists(board.hostPath(kResultFile)); }
 
     std::vector<int> enabledRows() const {
