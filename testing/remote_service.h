@@ -5,8 +5,8 @@
 #include <hwbinder/IInterface.h>
 #include <quil/hardware/quilservicemanager/1.0/IQuilServiceManager.h>
 #include <standin/rpc_threadpool.h>
+#include <stdint.h>
 
-#include <cstdint>
 #include <functional>
 #include <optional>
 #include <utility>

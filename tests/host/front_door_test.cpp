@@ -108,7 +108,7 @@ TEST_F(FrontDoorTest, ClientsAreInOnceTheConfigurationIsReadAndTheLinkIsOpen) {
     EXPECT_EQ(lettingIn, 1);
 }
 
-TEST_F(FrontDoorTest, AServiceThatCannotBeOfferedEndsTheStartBeforeAnyJob) {
+TEST_F(FrontDoorTest, ServiceThatCannotBeOfferedEndsTheStartBeforeAnyJob) {
     BootJobs boot = jobs(true, true);
     boot.letClientsIn = [](const auto&) { return false; };
     const StartUpResult result = host.start(boot);
@@ -159,7 +159,7 @@ TEST_F(FrontDoorTest, OtherCallsComeInWhileFirmwareIsWritten) {
     EXPECT_THAT(callback->seen, ElementsAre(1, 2));
 }
 
-TEST_F(FrontDoorTest, TheUpdateFlowAloneReadsAndWritesTheLinkUntilItIsThrough) {
+TEST_F(FrontDoorTest, UpdateFlowAloneReadsAndWritesTheLinkUntilItIsThrough) {
     std::vector<const McuReader*> readers;
     std::vector<size_t> written;
     board.trace().onEvent([&](const Event& event) {
@@ -203,7 +203,7 @@ TEST_F(FrontDoorOfAnUpToDateMcu, RequestsInTheMiddleOfTheFpgasEraseAreAnsweredFf
     EXPECT_THAT(ask(kLowPower), IsEmpty());
 }
 
-TEST_F(FrontDoorTest, TheFlagStandsWithoutAGapFromTheFirstClientToTheLastImage) {
+TEST_F(FrontDoorTest, FlagStandsWithoutAGapFromTheFirstClientToTheLastImage) {
     askForANewImage();
     std::vector<int> seen;
     BootJobs boot = jobs(true, true);
@@ -221,7 +221,7 @@ TEST_F(FrontDoorTest, TheFlagStandsWithoutAGapFromTheFirstClientToTheLastImage) 
     EXPECT_EQ(board.fpga().version(), "V2.1.0");
 }
 
-TEST_F(FrontDoorTest, AnImageThatIsAskedForWhileTheMcuIsProgrammedIsWrittenBehindTheFlagToo) {
+TEST_F(FrontDoorTest, ImageThatIsAskedForWhileTheMcuIsProgrammedIsWrittenBehindTheFlagToo) {
     Bytes answer;
     ASSERT_TRUE(startWithAClient(jobs(true, true), seconds(2), [&] {
                     askForANewImage();
@@ -232,7 +232,7 @@ TEST_F(FrontDoorTest, AnImageThatIsAskedForWhileTheMcuIsProgrammedIsWrittenBehin
     EXPECT_EQ(board.fpga().version(), "V2.1.0");
 }
 
-TEST_F(FrontDoorOfAnUpToDateMcu, APendingImageRaisesTheFlagBeforeClientsWithTheMcuLeftOut) {
+TEST_F(FrontDoorOfAnUpToDateMcu, PendingImageRaisesTheFlagBeforeClientsWithTheMcuLeftOut) {
     askForANewImage();
     BootJobs boot = jobs(false, true);
     int flag = -1;
@@ -245,7 +245,7 @@ TEST_F(FrontDoorOfAnUpToDateMcu, APendingImageRaisesTheFlagBeforeClientsWithTheM
     EXPECT_EQ(host.fpga(), FpgaLoad::kUp);
 }
 
-TEST_F(FrontDoorOfAnUpToDateMcu, ALoadThatWritesNoImageKeepsNobodyFromTheMcu) {
+TEST_F(FrontDoorOfAnUpToDateMcu, LoadThatWritesNoImageKeepsNobodyFromTheMcu) {
     Bytes answer;
     ASSERT_TRUE(startWithAClient(jobs(true, true), seconds(3), [&] {
                     EXPECT_EQ(host.fpga(), FpgaLoad::kNotAsked);  // it goes on
@@ -259,7 +259,7 @@ class FrontDoorOfKestrel : public FrontDoorTest {
     FrontDoorOfKestrel() : FrontDoorTest(Product::kKestrel, "") {}
 };
 
-TEST_F(FrontDoorOfKestrel, APropertyThatItsLoadDoesNotLookAtRaisesNoFlag) {
+TEST_F(FrontDoorOfKestrel, PropertyThatItsLoadDoesNotLookAtRaisesNoFlag) {
     askForANewImage();
     std::vector<int> seen;
     board.trace().onEvent([&](const Event& event) {
@@ -270,7 +270,7 @@ TEST_F(FrontDoorOfKestrel, APropertyThatItsLoadDoesNotLookAtRaisesNoFlag) {
     EXPECT_THAT(seen, Each(0));
 }
 
-TEST_F(FrontDoorTest, ARequestTooShortForAHeaderIsTheLibrarysToRefuse) {
+TEST_F(FrontDoorTest, RequestTooShortForAHeaderIsTheLibrarysToRefuse) {
     Bytes answer = {0};
     ASSERT_TRUE(startWithAClient(jobs(true, false), seconds(2), [&] {
                     answer = ask({0xF0, 0xFF, 0xFF, 0xFF, 0, 0, 0});

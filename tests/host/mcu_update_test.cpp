@@ -1,6 +1,5 @@
 // The hosting component's part in an MCU update: the flag, the link, the reader.
 #include "isp/mcu_update.h"
-#include "isp/serial_port.h"
 
 #include <android/log.h>
 #include <fcntl.h>
@@ -9,6 +8,7 @@
 
 #include "host/hosting_component.h"
 #include "host/start_up.h"
+#include "isp/serial_port.h"
 #include "testing/library_test.h"
 
 namespace quil::host {

@@ -104,7 +104,7 @@ class Serving : public testing::Test {
     std::vector<std::thread> mClients;
 };
 
-TEST_F(Serving, TheServiceIsRegisteredBeforeTheProductIsUp) {
+TEST_F(Serving, ServiceIsRegisteredBeforeTheProductIsUp) {
     start();
     ASSERT_NE(client(), nullptr);
     EXPECT_LT(board.now(), milliseconds(2));
@@ -114,7 +114,7 @@ TEST_F(Serving, TheServiceIsRegisteredBeforeTheProductIsUp) {
     EXPECT_EQ(end(), 1);
 }
 
-TEST_F(Serving, APendingFpgaImageIsWrittenWithNobodyAskingForIt) {
+TEST_F(Serving, PendingFpgaImageIsWrittenWithNobodyAskingForIt) {
     board.properties().set(fpga::kUpdateProperty, "1");
     startAndComeUp();
     EXPECT_EQ(board.fpga().version(), "V2.1.0");
@@ -169,7 +169,7 @@ TEST_F(Serving, DebugComesInWhileTheProductComesUpAndClientsWait) {
     joinClients();
 }
 
-TEST_F(Serving, AStageThatIsLeftOutDoesNothing) {
+TEST_F(Serving, StageThatIsLeftOutDoesNothing) {
     startAndComeUp({"--leave-out=mcu", "--leave-out=fpga"});
     EXPECT_THAT(board.trace().events(EventKind::kUartTx), IsEmpty());
     EXPECT_THAT(board.trace().events(EventKind::kSpi), IsEmpty());
@@ -177,7 +177,7 @@ TEST_F(Serving, AStageThatIsLeftOutDoesNothing) {
                                                   "  FPGA = left out\n"));
 }
 
-TEST_F(Serving, TheOtherStageGoesOnWithoutTheOneLeftOut) {
+TEST_F(Serving, OtherStageGoesOnWithoutTheOneLeftOut) {
     startAndComeUp({"--leave-out=mcu"});
     EXPECT_THAT(board.trace().events(EventKind::kUartTx), IsEmpty());
     EXPECT_THAT(board.trace().events(EventKind::kSpi), Not(IsEmpty()));
@@ -188,14 +188,14 @@ TEST_F(Serving, TheOtherStageGoesOnWithoutTheOneLeftOut) {
     EXPECT_THAT(board.trace().events(EventKind::kSpi), IsEmpty());
 }
 
-TEST_F(Serving, AnArgumentThatIsNoneEndsTheProcessBeforeItTouchesAnything) {
+TEST_F(Serving, ArgumentThatIsNoneEndsTheProcessBeforeItTouchesAnything) {
     start({"--leave-out=fpgas"});
     EXPECT_EQ(end(), 2);
     EXPECT_THAT(board.log(), ElementsAre("unknown argument --leave-out=fpgas\n"));
     EXPECT_EQ(config_info, nullptr);
 }
 
-TEST_F(Serving, AProductThatCannotBeIdentifiedEndsTheProcess) {
+TEST_F(Serving, ProductThatCannotBeIdentifiedEndsTheProcess) {
     board.productInformation().setFailing(true);
     start();
     EXPECT_EQ(client(), nullptr);

@@ -58,7 +58,7 @@ class RpcThreadpool : public testing::Test {
     std::vector<std::thread> mCallers;
 };
 
-TEST_F(RpcThreadpool, ACallStandsOutsideWhileEveryThreadIsHeldAndTheFirstComesFirst) {
+TEST_F(RpcThreadpool, CallStandsOutsideWhileEveryThreadIsHeldAndTheFirstComesFirst) {
     configureRpcThreadpool(2, false);
     startCalls(5);
     waitForCalls();
@@ -66,7 +66,7 @@ TEST_F(RpcThreadpool, ACallStandsOutsideWhileEveryThreadIsHeldAndTheFirstComesFi
                                    milliseconds(1001), milliseconds(2000)));
 }
 
-TEST_F(RpcThreadpool, ACallerThatHasYetToJoinServesNobody) {
+TEST_F(RpcThreadpool, CallerThatHasYetToJoinServesNobody) {
     configureRpcThreadpool(2, true);
     startCalls(2);
     board.runFor(milliseconds(498));
