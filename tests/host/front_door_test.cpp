@@ -40,17 +40,10 @@ class FrontDoorTest : public testing::Test {
     explicit FrontDoorTest(Product product = Product::kHeron, const char* mcuVersion = "V0.9.0")
         : board(product, {.flashedMcuVersion = mcuVersion}) {
         testing::internal::CaptureStdout();
-        forget();
     }
     ~FrontDoorTest() override {
         host.stop();
         testing::internal::GetCapturedStdout();
-        forget();
-    }
-
-    static void forget() {
-        free(config_info);
-        config_info = nullptr;
     }
 
     // A start with a client that comes in as soon as it may, and does something at a time of the
@@ -86,6 +79,7 @@ class FrontDoorTest : public testing::Test {
 
     void askForANewImage() { board.properties().set(fpga::kUpdateProperty, "1"); }
 
+    const quil::tests::FreshLibrary library;
     Board board;
     HostingComponent host;
 };

@@ -37,16 +37,10 @@ const Bytes kVersionRequest = {1, 0, 0, 0, 0, 0, 0, 0};
 
 class Serving : public testing::Test {
   protected:
-    Serving() {
-        testing::internal::CaptureStdout();
-        free(config_info);
-        config_info = nullptr;
-    }
+    Serving() { testing::internal::CaptureStdout(); }
     ~Serving() override {
         end();
         testing::internal::GetCapturedStdout();
-        free(config_info);
-        config_info = nullptr;
     }
 
     // The process, which comes up for as long as the test lets board time go by.
@@ -94,6 +88,7 @@ class Serving : public testing::Test {
         mClients.clear();
     }
 
+    const quil::tests::FreshLibrary library;
     board::Board board;
     std::vector<Bytes> answers;
     std::vector<board::Nanos> ends;
