@@ -59,7 +59,7 @@ struct EchoingPeer : UartPeer {
     Uart& uart;
 };
 
-TEST_F(BoardPartAlone, AUartCarriesBytesBothWaysInTheTimeOfItsLine) {
+TEST_F(BoardPartAlone, UartCarriesBytesBothWaysInTheTimeOfItsLine) {
     Uart uart(board, "/dev/ttyS9");
     const EchoingPeer peer(uart);
     uart.opened();
@@ -72,7 +72,7 @@ TEST_F(BoardPartAlone, AUartCarriesBytesBothWaysInTheTimeOfItsLine) {
     EXPECT_THAT(events(EventKind::kUartTx), ElementsAre("/dev/ttyS9: 2 bytes"));
 }
 
-TEST_F(BoardPartAlone, ASerialFlashKeepsItsCellsInTheStore) {
+TEST_F(BoardPartAlone, SerialFlashKeepsItsCellsInTheStore) {
     {
         SerialFlash flash(board);
         flash.preload("\x12\x34");
@@ -96,7 +96,7 @@ TEST_F(BoardPartAlone, PowerThatIsCutInsideAnEraseLeavesPartOfItDone) {
     EXPECT_EQ(cells.back(), 0x00);
 }
 
-TEST_F(BoardPartAlone, AnFpgaConfiguresItselfFromItsFlashWhenItsLinesRise) {
+TEST_F(BoardPartAlone, FpgaConfiguresItselfFromItsFlashWhenItsLinesRise) {
     Sysfs sysfs;
     GpioLines gpio(board, sysfs);
     SerialFlash flash(board);
@@ -113,7 +113,7 @@ TEST_F(BoardPartAlone, AnFpgaConfiguresItselfFromItsFlashWhenItsLinesRise) {
     EXPECT_THAT(board.violations, IsEmpty());
 }
 
-TEST_F(BoardPartAlone, APhyComesUpOnlyAfterItsResetItsDriverAndItsSetUp) {
+TEST_F(BoardPartAlone, PhyComesUpOnlyAfterItsResetItsDriverAndItsSetUp) {
     Sysfs sysfs;
     GpioLines gpio(board, sysfs);
     Phy phy(board, gpio.add(kPhyResetLine, 0), sysfs);
@@ -131,7 +131,7 @@ TEST_F(BoardPartAlone, APhyComesUpOnlyAfterItsResetItsDriverAndItsSetUp) {
     EXPECT_THAT(board.violations, IsEmpty());
 }
 
-TEST_F(BoardPartAlone, AShellMovesALineAndTakesTheTimeOfASleep) {
+TEST_F(BoardPartAlone, ShellMovesALineAndTakesTheTimeOfASleep) {
     Sysfs sysfs;
     GpioLines gpio(board, sysfs);
     const Probes probes(board, 1);
@@ -159,7 +159,7 @@ TEST_F(BoardPartAlone, WithoutPowerNothingIsRecorded) {
     EXPECT_THAT(board.violations, IsEmpty());
 }
 
-TEST(BoardStore, AFileIsReplacedAsAWholeAndLeavesNothingBeside) {
+TEST(BoardStore, FileIsReplacedAsAWholeAndLeavesNothingBeside) {
     const TemporaryDirectory directory;
     DirectoryStore store(directory.path());
     EXPECT_EQ(store.read("a"), std::nullopt);
@@ -171,7 +171,7 @@ TEST(BoardStore, AFileIsReplacedAsAWholeAndLeavesNothingBeside) {
 }
 
 // Whoever has the former file open goes on reading the former content: it is not written over.
-TEST(BoardStore, AReaderOfTheFormerFileKeepsTheFormerContent) {
+TEST(BoardStore, ReaderOfTheFormerFileKeepsTheFormerContent) {
     const TemporaryDirectory directory;
     DirectoryStore store(directory.path());
     store.replace("a", "former");
@@ -182,7 +182,7 @@ TEST(BoardStore, AReaderOfTheFormerFileKeepsTheFormerContent) {
     EXPECT_EQ(text, "former");
 }
 
-TEST(BoardStore, AFileThatCannotBeReplacedKeepsItsFormerContent) {
+TEST(BoardStore, FileThatCannotBeReplacedKeepsItsFormerContent) {
     const TemporaryDirectory directory;
     DirectoryStore store(directory.path());
     store.replace("a", "former");
