@@ -2,6 +2,7 @@
 
 #include <errno.h>
 
+#include "board/core/kept_store.h"
 #include "board/fpga/mtd_debug.h"
 
 namespace quil::board {
@@ -57,7 +58,7 @@ Fpga::Lines fpgaLines(GpioLines& gpio, const Wiring& wiring) {
 std::atomic<Machine*> g_poweredMachine{nullptr};
 
 Machine::Machine(const std::filesystem::path& dir, BoardOptions opts)
-    : BoardServices(theScheduler(), std::make_unique<DirectoryStore>(dir), dir / "rootfs"),
+    : BoardServices(theScheduler(), std::make_unique<KeptStore>(dir), dir / "rootfs"),
       directory(dir),
       options(std::move(opts)),
       mWiring(wiringOf(dir / kWiringFile)),

@@ -1,5 +1,8 @@
 #include "board/core/store.h"
 
+#include <errno.h>
+#include <string.h>
+
 #include <stdexcept>
 
 #include "board/core/whole_file.h"
@@ -21,8 +24,9 @@ void DirectoryStore::replace(const std::string& name, std::string_view content) 
     try {
         writeWholeFile(fresh, content);
     } catch (const std::runtime_error&) {
+        const std::string why = strerror(errno);
         std::filesystem::remove(fresh, error);
-        throw std::runtime_error(file.string() + ": cannot be written");
+        throw std::runtime_error(file.string() + ": cannot be written: " + why);
     }
     std::filesystem::rename(fresh, file, error);
     if (!error) return;

@@ -1,5 +1,8 @@
 #include "board/core/whole_file.h"
 
+#include <errno.h>
+#include <string.h>
+
 #include <algorithm>
 #include <fstream>
 #include <stdexcept>
@@ -23,7 +26,8 @@ void writeWholeFile(const std::filesystem::path& path, std::string_view content)
     std::ofstream file(path, std::ios::binary | std::ios::trunc);
     file.write(content.data(), static_cast<std::streamsize>(content.size()));
     file.flush();
-    if (!file) throw std::runtime_error(path.string() + ": cannot be written");
+    if (file) return;
+    throw std::runtime_error(path.string() + ": cannot be written: " + strerror(errno));
 }
 
 }  // namespace quil::board

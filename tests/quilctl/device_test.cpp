@@ -76,7 +76,7 @@ TEST_F(QuilctlOnTheDevice, WithoutAnAnswerSaysSo) {
     board.mcu().setSilent(true);
     const Said answer = quilctl({"get", "1"});
     EXPECT_EQ(answer.code, 1);
-    EXPECT_EQ(answer.err, "no answer\n");
+    EXPECT_EQ(answer.err, "quilctl: get 0x00000001: no answer\n");
     EXPECT_THAT(answer.out, IsEmpty());
 }
 
@@ -96,7 +96,7 @@ TEST_F(QuilctlOnTheDevice, CallbackThatTheServiceDoesNotFindAgainIsAFailure) {
     };
     const Said answer = runProgram(program, {"callbacks", "--count", "2"});
     EXPECT_EQ(answer.code, tools::kFailed);
-    EXPECT_EQ(answer.err, "the service did not find 2 of 2 callbacks again\n");
+    EXPECT_EQ(answer.err, "quilctl: the service did not find 2 of 2 callbacks again\n");
 }
 
 TEST_F(QuilctlOnTheDevice, SelfTestPrintsTheVerdictsInTheOrderOfTheRecord) {
@@ -113,7 +113,7 @@ TEST_F(QuilctlOnTheDevice, SelfTestPrintsTheVerdictsInTheOrderOfTheRecord) {
 TEST_F(QuilctlOnTheDevice, SelfTestPrintsJsonWhenAsked) {
     const Said answer = quilctl({"--json", "self-test"});
     EXPECT_EQ(answer.code, 0);
-    const auto json = nlohmann::json::parse(answer.out);
+    const auto json = resultOf(answer);
     EXPECT_EQ(json["passed"], true);
     EXPECT_EQ(json["items"].size(), 4U);
     EXPECT_EQ(json["items"][0]["item"], "RTC");
@@ -128,7 +128,7 @@ TEST_F(QuilctlOnTheDevice, SelfTestAndPowerModesTellThatFirmwareIsBeingWritten) 
     for (const auto& words : commands) {
         const Said answer = quilctl(words);
         EXPECT_EQ(answer.code, 1);
-        EXPECT_EQ(answer.err, "firmware is being written: ask again later\n");
+        EXPECT_EQ(answer.err, "quilctl: firmware is being written: ask again later\n");
     }
 }
 
@@ -136,7 +136,7 @@ TEST_F(QuilctlOnTheDevice, SelfTestWithoutAnAnswerFails) {
     board.probes().setSdCard(board::SdCard::kMissing);
     const Said answer = quilctl({"self-test"});
     EXPECT_EQ(answer.code, 1);
-    EXPECT_EQ(answer.err, "no answer\n");
+    EXPECT_EQ(answer.err, "quilctl: self-test: no answer\n");
 }
 
 TEST_F(QuilctlOnTheDevice, PowerSendsItsCommand) {

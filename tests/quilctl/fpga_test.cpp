@@ -115,9 +115,9 @@ TEST_F(QuilctlFpga, OtherProductsHaveTheirOwnStages) {
 }
 
 TEST_F(QuilctlFpga, PrintsJsonWhenAsked) {
-    const auto status = nlohmann::json::parse(quilctl({"--json", "fpga", "status"}).out);
+    const auto status = resultOf(quilctl({"--json", "fpga", "status"}))["status"];
     EXPECT_EQ(status["done"], "high");
-    const auto load = nlohmann::json::parse(quilctl({"--json", "fpga", "load"}).out);
+    const auto load = resultOf(quilctl({"--json", "fpga", "load"}));
     EXPECT_EQ(load["loaded"], true);
     EXPECT_EQ(load["stages"][2]["stage"], "FPGA memory");
     EXPECT_EQ(load["status"]["link"], "up");

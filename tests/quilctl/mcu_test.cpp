@@ -36,7 +36,7 @@ TEST_F(QuilctlMcu, VersionTellsWhatRunsWhatIsShippedAndWhatWasRecorded) {
               "running   V1.0.0\n"
               "shipped   V1.0.0  /vendor/firmware/mcu_Heron.bin\n"
               "recorded  never programmed\n");
-    const auto json = nlohmann::json::parse(quilctl({"mcu", "version", "--json"}).out);
+    const auto json = resultOf(quilctl({"mcu", "version", "--json"}));
     EXPECT_EQ(json["running"], "V1.0.0");
     EXPECT_EQ(json["recorded"], "");
 }
@@ -73,7 +73,7 @@ TEST_F(QuilctlMcu, UpdateOfEveryProductEndsWithItsShippedVersion) {
         const Said said =
             quilctl({"--product", product, "mcu", "update", "--installed", "V0.9.0", "--json"});
         EXPECT_EQ(said.code, tools::kOk) << product << said.out << said.err;
-        const auto json = nlohmann::json::parse(said.out);
+        const auto json = resultOf(said);
         EXPECT_EQ(json["done"], true) << product;
         EXPECT_EQ(json["before"], "V0.9.0");
         EXPECT_EQ(json["attempts"], 1);

@@ -192,8 +192,9 @@ class ProgrammingProgressTest : public ProgrammingWatchTest {
   protected:
     // Writes 20 blocks of an image of 20 * 256 - 252 bytes.
     std::string shown(bool onTerminal) {
-        std::ostringstream out, err;
-        const Console console{in, out, err, false, onTerminal};
+        std::ostringstream err;
+        std::vector<tools::Failure> failures;
+        const Console console{in, err, false, onTerminal, failures};
         ProgrammingProgress progress(console, watch, 0x1304);
         watch.onStep([&progress](const ProgrammingStep& step, const std::string& said) {
             progress.step(step, said);

@@ -124,7 +124,7 @@ class QuilctlScreenDamage : public QuilctlScreen, public testing::WithParamInter
 TEST_P(QuilctlScreenDamage, GetsItsOffsetAndReason) {
     const Said said = show(GetParam().content);
     EXPECT_EQ(said.code, tools::kBadData);
-    EXPECT_EQ(said.err, file + ": damaged at offset " + GetParam().said + "\n");
+    EXPECT_EQ(said.err, "quilctl: " + file + ": damaged at offset " + GetParam().said + "\n");
 }
 
 const std::string kGood("\x10\0\1\0\0\0\0\1x", 9);
@@ -156,7 +156,7 @@ TEST_F(QuilctlScreen, BlocksBeforeTheDamageAreShown) {
 
 TEST_F(QuilctlScreen, PrintsJsonWhenAsked) {
     write(file, std::string("\0\0\0\2", 4) + kGood);
-    const auto json = nlohmann::json::parse(quilctl({"--json", "screen", "show", file}).out);
+    const auto json = resultOf(quilctl({"--json", "screen", "show", file}));
     EXPECT_EQ(json["count"], 2);
     EXPECT_EQ(json["blocks"].size(), 1U);
     EXPECT_EQ(json["blocks"][0]["kind"], "control");

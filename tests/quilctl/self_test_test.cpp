@@ -79,7 +79,7 @@ TEST_F(QuilctlSelfTest, ResultFileLiesOnTheBoardsSdCardAndNothingStaysBroken) {
 }
 
 TEST_F(QuilctlSelfTest, PrintsJsonWhenAsked) {
-    const auto json = nlohmann::json::parse(quilctl({"--json", "self-test", "--break", "rtc"}).out);
+    const auto json = resultOf(quilctl({"--json", "self-test", "--break", "rtc"}));
     EXPECT_EQ(json["passed"], false);
     EXPECT_EQ(json["items"].size(), 9U);
     EXPECT_EQ(json["items"][0]["verdict"], "Error");

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -36,6 +37,11 @@ inline Said runProgram(const tools::Program& program, const std::vector<std::str
 
 inline Said quilctl(const std::vector<std::string>& words, const std::string& input = "") {
     return runProgram(tools::kBoardProgram, words, input);
+}
+
+// What the command found out, of its JSON form.
+inline nlohmann::json resultOf(const Said& said) {
+    return nlohmann::json::parse(said.out)["result"];
 }
 
 // A directory that goes away with the test, and boards in it.

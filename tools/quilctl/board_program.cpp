@@ -9,14 +9,7 @@
 namespace quil::tools {
 namespace {
 
-constexpr char kFooter[] =
-    "Exit codes:\n"
-    "  0  done\n"
-    "  1  no answer, a part in error, or something unexpected in the demo\n"
-    "  2  wrong command line\n"
-    "  3  a product file or a frame with something wrong in it\n"
-    "  4  the board directory cannot be used, or the service does not come up\n"
-    "Examples:\n"
+constexpr char kExamples[] =
     "  quilctl get 1\n"
     "  quilctl --trace link.vcd set 0x102 01 0A\n"
     "  quilctl board new my-board --product Kestrel\n"
@@ -43,7 +36,8 @@ CLI::Validator productName() {
 
 void addGlobalOptions(CLI::App& app, Options& options) {
     app.add_option("--board", options.boardDirectory,
-                   "Board directory to power (default: a temporary one)");
+                   "Board directory to power (default: a temporary one)")
+        ->envname("QUIL_BOARD");
     app.add_option("--product", options.product,
                    "Product of a new board: Heron (default), Kestrel, Wren_t507")
         ->check(productName());
@@ -54,7 +48,6 @@ void addGlobalOptions(CLI::App& app, Options& options) {
         ->check(CLI::IsMember({"D", "I", "W", "E"}));
     app.add_option("--seed", options.seed, "Seed of the board's randomness");
     app.add_flag("--realtime", options.realtime, "Board time is real time");
-    app.add_flag("--json", options.json, "Print JSON");
 }
 
 void addCommands(CLI::App& app, Cli& cli) {
@@ -81,6 +74,6 @@ std::unique_ptr<ServiceSession> connect(const Cli& cli) {
 }  // namespace
 
 const Program kBoardProgram = {"Talk to the board's hardware service on a simulated board.",
-                               kFooter, addCommands, connect};
+                               kExamples, addCommands, connect};
 
 }  // namespace quil::tools

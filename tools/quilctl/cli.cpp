@@ -1,36 +1,221 @@
 #include "tools/quilctl/cli.h"
 
+#include <string.h>
+
 #include <CLI/CLI.hpp>
+#include <algorithm>
 #include <ostream>
 #include <stdexcept>
+
+#include "tools/quilctl/commands/verb.h"
+#include "tools/quilctl/output/nearest_words.h"
 
 namespace quil::tools {
 namespace {
 
-int act(const Cli& cli) {
-    try {
-        return cli.action();
-    } catch (const std::runtime_error& error) {
-        cli.console.err << "quilctl: " << error.what() << '\n';
-        return kNoBoard;
+constexpr char kVersion[] = "1.0.0";
+
+std::string listOf(const std::vector<std::string>& words, const char* separator = ", ") {
+    std::string text;
+    for (const std::string& word : words) text += (text.empty() ? "" : separator) + word;
+    return text;
+}
+
+std::vector<const CLI::App*> commandsOf(const CLI::App& app) {
+    return app.get_subcommands([](const CLI::App* /*any*/) { return true; });
+}
+
+std::vector<std::string> optionsOf(const CLI::App& app) {
+    std::vector<std::string> names;
+    for (const CLI::Option* option : app.get_options()) {
+        for (const std::string& name : option->get_lnames()) names.push_back("--" + name);
     }
+    return names;
+}
+
+// The command that was reached before the parser stopped.
+const CLI::App& reached(const CLI::App& app) {
+    const auto chosen = app.get_subcommands();
+    return chosen.empty() ? app : reached(*chosen.front());
+}
+
+// "mcu update"; empty for the program itself.
+std::string wordsOf(const CLI::App& app) {
+    const CLI::App* parent = app.get_parent();
+    if (parent == nullptr) return "";
+    const std::string before = wordsOf(*parent);
+    return before.empty() ? app.get_name() : before + " " + app.get_name();
+}
+
+std::string unknownWord(const CLI::App& app, const CLI::App& at, const std::string& word) {
+    std::vector<std::string> known;
+    if (word.front() == '-') {
+        known = optionsOf(at);
+        for (const std::string& name : optionsOf(app)) known.push_back(name);
+    } else {
+        for (const CLI::App* command : commandsOf(at)) known.push_back(command->get_name());
+    }
+    const auto nearest = nearestWords(word, known);
+    std::string text = "unknown word '" + word + "'";
+    if (!nearest.empty()) return text + "; the nearest: " + listOf(nearest);
+    return known.empty() ? text : text + "; known: " + listOf(known);
+}
+
+// What is wrong with the command line, and where the help for it is.
+std::string explain(const CLI::App& app, const CLI::ParseError& error) {
+    const CLI::App& at = reached(app);
+    std::string text = error.what();
+    const auto remaining = app.remaining(true);
+    const bool misses = !commandsOf(at).empty();
+    if (!remaining.empty()) {
+        text = unknownWord(app, at, remaining.front());
+    } else if (misses && at.get_subcommands().empty()) {
+        std::vector<std::string> names;
+        for (const CLI::App* command : commandsOf(at)) names.push_back(command->get_name());
+        text = "a command is missing: " + listOf(names);
+    }
+    const std::string words = wordsOf(at);
+    return text + " (see quilctl " + (words.empty() ? "" : words + " ") + "--help)";
+}
+
+struct HelpArguments {
+    CLI::App* program = nullptr;
+    std::vector<std::string> words;
+};
+
+void showHelp(const Cli& /*cli*/, const HelpArguments& arguments, Result& result) {
+    const CLI::App* command = arguments.program;
+    for (const std::string& word : arguments.words) {
+        const auto known = commandsOf(*command);
+        const auto next = std::find_if(known.begin(), known.end(), [&](const CLI::App* one) {
+            return one->get_name() == word;
+        });
+        if (next == known.end()) throw Failure(kUsage, unknownWord(*command, *command, word));
+        command = *next;
+    }
+    const std::string words = wordsOf(*command);
+    const std::string help = command->get_formatter()->make_help(
+        command, words.empty() ? "quilctl" : "quilctl " + words, CLI::AppFormatMode::Normal);
+    result.text << help;
+    result.json["help"] = help;
+}
+
+std::string footerOf(const Program& program) {
+    std::string text = "Exit codes:\n";
+    for (const ExitCodeRow& row : kExitCodes) {
+        text += "  " + std::to_string(row.code) + "  " + row.meaning + "\n";
+    }
+    return text + "Examples:\n" + program.examples;
+}
+
+// A command's own help has its own options only: this says where the others are.
+void pointToGlobalOptions(CLI::App& app, const std::string& pointer) {
+    for (CLI::App* command : app.get_subcommands([](CLI::App* /*any*/) { return true; })) {
+        command->footer(command->get_footer() + pointer);
+        pointToGlobalOptions(*command, pointer);
+    }
+}
+
+void build(const Program& program, CLI::App& app, Cli& cli) {
+    app.footer(footerOf(program));
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.set_version_flag("--version", kVersion);
+    app.add_flag("--json", cli.options.json, "Print one line of JSON (docs/quilctl.md)");
+    app.add_flag("--quiet", cli.options.quiet, "No progress and no log on the error stream");
+    program.addCommands(app, cli);
+    const auto help = addVerb(
+        app, cli, {"help", "Print the help of a command", "Example: quilctl help get"}, showHelp);
+    help.arguments.program = &app;
+    help.command.add_option("COMMAND", help.arguments.words, "The command's words");
+    pointToGlobalOptions(
+        app, "\nGlobal options, described by quilctl --help:\n  " + listOf(optionsOf(app), " "));
+}
+
+void collect(const CLI::App& app, const Words& before, std::vector<Words>& verbs) {
+    for (const CLI::App* command : commandsOf(app)) {
+        Words words = before;
+        words.push_back(command->get_name());
+        if (commandsOf(*command).empty()) verbs.push_back(words);
+        collect(*command, words, verbs);
+    }
+}
+
+// Parses and acts. Help and the version are results like any other.
+void perform(CLI::App& app, int argc, const char* const* argv, Cli& cli, Result& result) {
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::CallForHelp&) {
+        result.text << app.help();
+        result.json["help"] = app.help();
+        return;
+    } catch (const CLI::CallForVersion&) {
+        result.text << "quilctl " << kVersion << '\n';
+        result.json["version"] = kVersion;
+        return;
+    } catch (const CLI::ParseError& error) {
+        throw Failure(kUsage, explain(app, error));
+    }
+    if (cli.options.quiet) cli.console.err.rdbuf(nullptr);
+    cli.action(result);
+}
+
+// What ended the command early; a failure of the system's is one of the board's.
+std::vector<Failure> failuresOf(const std::function<void()>& command) {
+    try {
+        command();
+    } catch (const Failure& failure) {
+        return {failure};
+    } catch (const std::runtime_error& error) {
+        return {{kNoBoard, error.what()}};
+    } catch (const std::exception& error) {
+        return {{kInternal, std::string("internal error: ") + error.what()}};
+    } catch (...) {
+        return {{kInternal, "internal error"}};
+    }
+    return {};
+}
+
+bool isLost(const Failure& failure) { return failure.code() == kNoBoard; }
+
+int runAndPrint(const Program& program, int argc, const char* const* argv, const Streams& streams) {
+    const bool asJson = std::any_of(argv, argv + argc,
+                                    [](const char* word) { return strcmp(word, "--json") == 0; });
+    std::ostream notes(streams.err.rdbuf());
+    std::vector<Failure> late;
+    Cli cli{{}, {streams.in, notes, streams.styled, streams.progress, late}, program.connect, {}};
+    CLI::App app(program.purpose, "quilctl");
+    build(program, app, cli);
+    Result result(asJson ? nullptr : &streams.out);
+    auto failures = failuresOf([&] { perform(app, argc, argv, cli, result); });
+    // A board that could not keep its state has not done what the result says.
+    if (std::any_of(late.begin(), late.end(), isLost)) {
+        result.text.str("");
+        result.json.clear();
+    }
+    failures.insert(failures.end(), late.begin(), late.end());
+    return print({streams.out, streams.err, asJson}, wordsOf(reached(app)), result, failures);
 }
 
 }  // namespace
 
-int run(const Program& program, int argc, const char* const* argv, const Console& console) {
-    Cli cli{{}, console, program.connect, {}};
+int run(const Program& program, int argc, const char* const* argv, const Streams& streams) {
+    int code = kInternal;
+    const auto failures = failuresOf([&] { code = runAndPrint(program, argc, argv, streams); });
+    for (const Failure& failure : failures) streams.err << "quilctl: " << failure.what() << '\n';
+    return failures.empty() ? code : kInternal;
+}
+
+std::vector<Words> verbsOf(const Program& program) {
+    std::istream in(nullptr);
+    std::ostream nowhere(nullptr);
+    std::vector<Failure> late;
+    Cli cli{{}, {in, nowhere, false, false, late}, program.connect, {}};
     CLI::App app(program.purpose, "quilctl");
-    app.footer(program.footer);
-    app.require_subcommand(1);
-    app.fallthrough();
-    program.addCommands(app, cli);
-    try {
-        app.parse(argc, argv);
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error, console.out, console.err) == 0 ? kOk : kUsage;
-    }
-    return act(cli);
+    build(program, app, cli);
+    std::vector<Words> verbs;
+    collect(app, {}, verbs);
+    return verbs;
 }
 
 }  // namespace quil::tools

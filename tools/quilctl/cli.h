@@ -2,11 +2,15 @@
 // one for the device, which talks to the service that runs there.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <functional>
 #include <iosfwd>
 #include <memory>
 #include <string>
+#include <vector>
+
+#include "tools/quilctl/output/result.h"
 
 namespace CLI {
 class App;
@@ -16,20 +20,23 @@ namespace quil::tools {
 
 class ServiceSession;
 
-enum ExitCode : int {
-    kOk = 0,
-    kFailed = 1,   // no answer, a part in error, or the demo met something unexpected
-    kUsage = 2,    // the command line itself is wrong
-    kBadData = 3,  // a product file or a frame with something wrong in it
-    kNoBoard = 4,  // the board directory cannot be used, or there is no service
-};
-
-struct Console {
+// What a program prints on.
+struct Streams {
     std::istream& in;
     std::ostream& out;
     std::ostream& err;
-    bool styled = false;    // a terminal that wants bold and colour
-    bool progress = false;  // the error stream is a terminal: a line may be written over
+    bool styled = false;    // `out` is a terminal that wants bold and colour
+    bool progress = false;  // `err` is a terminal: a line may be written over
+};
+
+// What a command may use of them: it prints through its Result.
+struct Console {
+    std::istream& in;
+    std::ostream& err;  // progress and the library's log; --quiet turns it away
+    bool styled;
+    bool progress;
+    // For destructors, which cannot throw: these make the command fail.
+    std::vector<Failure>& lateFailures;
 };
 
 struct Options {
@@ -42,6 +49,7 @@ struct Options {
     uint64_t seed = 1;
     bool realtime = false;
     bool json = false;
+    bool quiet = false;
 };
 
 // What the parser leaves behind: the options, and what the chosen command will do.
@@ -49,20 +57,24 @@ struct Cli {
     Options options;
     Console console;
     std::unique_ptr<ServiceSession> (*connect)(const Cli& cli);  // throws std::runtime_error
-    std::function<int()> action;
+    std::function<void(Result&)> action;                         // throws Failure
 };
 
 // What tells one program from another.
 struct Program {
     const char* purpose;
-    const char* footer;
+    const char* examples;
     void (*addCommands)(CLI::App& app, Cli& cli);  // and the global options
     std::unique_ptr<ServiceSession> (*connect)(const Cli& cli);
 };
 
-// Everything but descriptors; an exit code.
-int run(const Program& program, int argc, const char* const* argv, const Console& console);
+// Everything but descriptors; an exit code. Throws nothing.
+int run(const Program& program, int argc, const char* const* argv, const Streams& streams);
 extern const Program kBoardProgram, kDeviceProgram;
+
+// The words of each command of the program: {"get"}, .., {"mcu", "update"}, ..
+using Words = std::vector<std::string>;
+std::vector<Words> verbsOf(const Program& program);
 
 // Each adds its commands to the program.
 void addRequestCommands(CLI::App& app, Cli& cli);
@@ -75,6 +87,8 @@ void addBootCommand(CLI::App& app, Cli& cli);
 void addFpgaCommands(CLI::App& app, Cli& cli);
 void addScreenCommands(CLI::App& app, Cli& cli);
 void addMcuCommands(CLI::App& app, Cli& cli);
+void addMcuProgramCommands(CLI::App& mcu, Cli& cli);  // parts of "mcu"
+void addMcuModelCommand(CLI::App& mcu, Cli& cli);
 void addDemoCommand(CLI::App& app, Cli& cli);
 
 }  // namespace quil::tools

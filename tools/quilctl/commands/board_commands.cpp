@@ -1,14 +1,13 @@
-#include <cstdio>
+#include <stdio.h>
+
 #include <filesystem>
 #include <fstream>
-#include <memory>
 #include <ostream>
 #include <set>
-#include <stdexcept>
 
 #include "board/board_directory.h"
 #include "board/mcu/mcu_chip.h"
-#include "tools/quilctl/cli.h"
+#include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/validators.h"
 
 namespace quil::tools {
@@ -16,77 +15,87 @@ namespace {
 
 namespace fs = std::filesystem;
 
-int makeNew(const Cli& cli, const std::string& directory) {
+struct DirectoryArguments {
+    std::string directory;
+};
+
+void makeNew(const Cli& cli, const DirectoryArguments& arguments, Result& result) {
     const auto product = board::productByName(cli.options.product).value_or(board::Product::kHeron);
-    board::createBoardDirectory(directory, product);
-    cli.console.out << directory << ": a " << board::nameOf(product) << " board\n";
-    return kOk;
+    board::createBoardDirectory(arguments.directory, product);
+    result.json = {{"directory", arguments.directory}, {"product", board::nameOf(product)}};
+    result.text << arguments.directory << ": a " << board::nameOf(product) << " board\n";
 }
 
 // The small text files of a board that say what state it is in.
 constexpr const char* kStateFiles[] = {"product_information", "mcu/values", "properties"};
 
-void printState(std::ostream& out, const fs::path& directory) {
+void addState(Result& result, const fs::path& directory) {
     for (const char* name : kStateFiles) {
         std::ifstream in(directory / name);
-        out << name << ":\n";
-        for (std::string line; std::getline(in, line);) out << "  " << line << '\n';
+        auto lines = Json::array();
+        result.text << name << ":\n";
+        for (std::string line; std::getline(in, line);) {
+            result.text << "  " << line << '\n';
+            lines.push_back(line);
+        }
+        result.json["state"][name] = lines;
     }
 }
 
-void printMcu(std::ostream& out, const fs::path& directory) {
+void addMcu(Result& result, const fs::path& directory) {
     const board::McuImageCheck found = board::checkFlashedMcu(directory);
-    out << "mcu/flash:\n  " << (found.problem.empty() ? found.version : found.problem) << '\n';
+    result.text << "mcu/flash:\n  " << (found.problem.empty() ? found.version : found.problem)
+                << '\n';
+    result.json["mcu"] = {{"version", found.version}, {"problem", found.problem}};
 }
 
-void printFiles(std::ostream& out, const fs::path& directory) {
+void addFiles(Result& result, const fs::path& directory) {
     std::set<fs::path> files;
     for (const auto& entry : fs::recursive_directory_iterator(directory / "rootfs")) {
         if (entry.is_regular_file()) files.insert(entry.path());
     }
-    out << "files:\n";
-    char size[16];
+    result.text << "files:\n";
+    result.json["files"] = Json::array();
     for (const fs::path& file : files) {
-        std::snprintf(size, sizeof size, "%10ju", static_cast<uintmax_t>(fs::file_size(file)));
-        out << size << "  /" << fs::relative(file, directory / "rootfs").string() << '\n';
+        const std::string path = "/" + fs::relative(file, directory / "rootfs").string();
+        const uintmax_t size = fs::file_size(file);
+        char column[24];
+        snprintf(column, sizeof(column), "%10ju", size);
+        result.text << column << "  " << path << '\n';
+        result.json["files"].push_back({{"path", path}, {"size", size}});
     }
 }
 
-int showBoard(const Cli& cli, const std::string& given) {
-    const std::string& directory = given.empty() ? cli.options.boardDirectory : given;
-    if (directory.empty()) {
-        cli.console.err << "name a board directory\n";
-        return kUsage;
-    }
+void showBoard(const Cli& cli, const DirectoryArguments& arguments, Result& result) {
+    const std::string& directory =
+        arguments.directory.empty() ? cli.options.boardDirectory : arguments.directory;
+    if (directory.empty()) throw Failure(kUsage, "name a board directory, here or with --board");
     if (!fs::is_directory(fs::path(directory) / "rootfs")) {
-        throw std::runtime_error(directory + " is no board directory");
+        throw Failure(kNoBoard, directory + " is no board directory (no rootfs in it)");
     }
-    printState(cli.console.out, directory);
-    printMcu(cli.console.out, directory);
-    printFiles(cli.console.out, directory);
-    return kOk;
+    result.json["directory"] = directory;
+    addState(result, directory);
+    addMcu(result, directory);
+    addFiles(result, directory);
 }
 
 }  // namespace
 
 void addBoardCommands(CLI::App& app, Cli& cli) {
-    CLI::App* boards = app.add_subcommand("board", "Board directories");
-    boards->require_subcommand(1);
-    boards->fallthrough();
-    boards->footer("Example: quilctl board new my-board --product Wren_t507");
-
-    auto made = std::make_shared<std::string>();
-    CLI::App* making = boards->add_subcommand("new", "Make a board as it leaves the factory");
-    making->add_option("DIR", *made, "An empty or new directory")->required();
-    making->footer("Example: quilctl board new my-board --product Kestrel");
-    making->callback([&cli, made] { cli.action = [&cli, made] { return makeNew(cli, *made); }; });
-
-    auto shown = std::make_shared<std::string>();
-    CLI::App* showing = boards->add_subcommand("show", "Print a board's state and files");
-    showing->add_option("DIR", *shown, "The board directory (default: --board)");
-    showing->footer("Example: quilctl board show my-board");
-    showing->callback(
-        [&cli, shown] { cli.action = [&cli, shown] { return showBoard(cli, *shown); }; });
+    CLI::App& boards = addGroup(app, {"board", "Board directories",
+                                      "Example: quilctl board new my-board --product Wren_t507"});
+    const auto made = addVerb(boards, cli,
+                              {"new", "Make a board as it leaves the factory",
+                               "Example: quilctl board new my-board --product Kestrel"},
+                              makeNew);
+    made.command.add_option("DIR", made.arguments.directory, "An empty or new directory")
+        ->required();
+    const auto shown =
+        addVerb(boards, cli,
+                {"show", "Print a board's state and files", "Example: quilctl board show my-board"},
+                showBoard);
+    shown.command.add_option("DIR", shown.arguments.directory,
+                             "The board directory (default: --board)");
 }
 
 }  // namespace quil::tools

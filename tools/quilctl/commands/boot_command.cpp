@@ -1,9 +1,6 @@
-#include <memory>
-#include <ostream>
-
 #include "config/config_info.h"
 #include "fpga/load_process.h"
-#include "tools/quilctl/files/validators.h"
+#include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/session/boot_stages.h"
 #include "tools/quilctl/session/bring_up_faults.h"
 
@@ -43,39 +40,33 @@ struct BootArguments {
     std::vector<std::string> faults;
 };
 
-int boot(const Cli& cli, const BootArguments& arguments) {
+void boot(const Cli& cli, const BootArguments& arguments, Result& result) {
     BoardSession session(cli.options, cli.console, false);
     const BringUpFaults faults(session.board(), arguments.faults, cli.console.err);
     if (arguments.updatesFpga) session.board().properties().set(fpga::kUpdateProperty, "1");
     BootStages stages(session, cli.console);
-    const host::StartUpResult result = session.host().start(
+    const host::StartUpResult started = session.host().start(
         {.updateMcu = true, .loadFpga = true, .onStep = [&](host::BootStep step) {
              endStage(session, stages, step);
          }});
-    if (!result.ok()) stages.end("start-up", false, result.text);
-    if (cli.options.json) {
-        cli.console.out << jsonOf(stages.all()) << '\n';
-    } else {
-        printStages(cli.console.out, stages.all());
-    }
-    if (!result.ok()) return kNoBoard;
-    return stages.allOk() ? kOk : kFailed;
+    if (!started.ok()) stages.end("start-up", false, started.text);
+    addStages(result, stages.all());
+    if (!started.ok()) throw Failure(kNoBoard, "the service did not come up: " + started.text);
+    throwUnlessAllOk(stages.all());
 }
 
 }  // namespace
 
 void addBootCommand(CLI::App& app, Cli& cli) {
-    auto arguments = std::make_shared<BootArguments>();
-    CLI::App* command =
-        app.add_subcommand("boot", "Start up as the board does: configuration, MCU, FPGA, service");
-    command->add_flag("--update-fpga", arguments->updatesFpga,
-                      "Ask for the FPGA's new image first");
-    addFaultOption(*command, arguments->faults,
-                   "Exit code 1 when a stage failed, 4 when the service did not come up.\n"
-                   "Example: quilctl --product Kestrel boot\n"
-                   "         quilctl boot --update-fpga --fault erase");
-    command->callback(
-        [&cli, arguments] { cli.action = [&cli, arguments] { return boot(cli, *arguments); }; });
+    const auto [command, arguments] =
+        addVerb(app, cli,
+                {"boot", "Start up as the board does: configuration, MCU, FPGA, service",
+                 "Exit code 1 when a stage failed, 4 when the service did not come up.\n"
+                 "Example: quilctl --product Kestrel boot\n"
+                 "         quilctl boot --update-fpga --fault erase"},
+                boot);
+    command.add_flag("--update-fpga", arguments.updatesFpga, "Ask for the FPGA's new image first");
+    addFaultOption(command, arguments.faults);
 }
 
 }  // namespace quil::tools

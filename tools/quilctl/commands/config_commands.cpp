@@ -1,16 +1,15 @@
+#include <errno.h>
+#include <string.h>
+
 #include <algorithm>
-#include <cstdio>
-#include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
-#include <nlohmann/json.hpp>
-#include <optional>
 #include <ostream>
 
 #include "config/config_info.h"
+#include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/product_file.h"
-#include "tools/quilctl/files/validators.h"
 #include "tools/quilctl/session/board_session.h"
 
 namespace quil::tools {
@@ -24,103 +23,94 @@ const char* fieldOf(const ProductKey& key) {
 
 int32_t integerField(const ProductKey& key) {
     int32_t value = 0;
-    std::memcpy(&value, fieldOf(key), sizeof value);
+    memcpy(&value, fieldOf(key), sizeof(value));
     return value;
 }
 
-void printText(std::ostream& out) {
-    char line[192];
-    for (const ProductKey& key : productKeys()) {
-        if (isString(key.kind)) {
-            std::snprintf(line, sizeof line, "%-9s %-21s %s\n", key.section, key.key, fieldOf(key));
-        } else {
-            std::snprintf(line, sizeof line, "%-9s %-21s %d\n", key.section, key.key,
-                          integerField(key));
-        }
-        out << line;
-    }
-    std::snprintf(line, sizeof line, "%-9s %-21s %d\n", "-", "mod_id", config_info->mod_id);
-    out << line;
+void addValue(Result& result, const char* section, const char* key, const std::string& value) {
+    char columns[64];
+    snprintf(columns, sizeof(columns), "%-9s %-21s ", section, key);
+    result.text << columns << value << '\n';
 }
 
-void printJson(std::ostream& out) {
-    nlohmann::json all{{"mod_id", config_info->mod_id}};
-    for (const ProductKey& key : productKeys()) {
-        if (isString(key.kind)) {
-            all[key.section][key.key] = fieldOf(key);
-        } else {
-            all[key.section][key.key] = integerField(key);
-        }
-    }
-    out << all.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) << '\n';
-}
-
-int showConfig(const Cli& cli) {
+void showConfig(const Cli& cli, Result& result) {
     BoardSession session(cli.options, cli.console);
     if (parseConfigInfo() != 0) {
-        cli.console.err << "the product configuration could not be read\n";
-        return kBadData;
+        throw Failure(kBadData, "the product configuration could not be read");
     }
-    if (cli.options.json) {
-        printJson(cli.console.out);
-    } else {
-        printText(cli.console.out);
+    for (const ProductKey& key : productKeys()) {
+        Json& value = result.json[key.section][key.key];
+        if (isString(key.kind)) {
+            value = fieldOf(key);
+            addValue(result, key.section, key.key, fieldOf(key));
+        } else {
+            value = integerField(key);
+            addValue(result, key.section, key.key, std::to_string(integerField(key)));
+        }
     }
-    return kOk;
+    result.json["mod_id"] = config_info->mod_id;
+    addValue(result, "-", "mod_id", std::to_string(config_info->mod_id));
 }
 
-std::optional<std::string> contentOf(const std::string& file) {
+std::string contentOf(const std::string& file) {
     std::ifstream in(file, std::ios::binary);
-    if (!in || std::filesystem::is_directory(file)) return std::nullopt;
-    return std::string(std::istreambuf_iterator<char>(in), {});
+    if (!in) throw failureOf(kBadData, file + " cannot be read", errno);
+    return {std::istreambuf_iterator<char>(in), {}};
 }
 
-void printProblem(std::ostream& out, const std::string& file, const ProductProblem& problem) {
-    out << file << ':';
-    if (problem.line > 0) out << problem.line << ':';
-    out << ' ' << (problem.isWarning ? "warning: " : "");
-    if (!problem.key.empty()) out << problem.key << ": ";
-    out << problem.text << '\n';
+std::string lineOf(const std::string& file, const ProductProblem& problem) {
+    std::string text = file + ":";
+    if (problem.line > 0) text += std::to_string(problem.line) + ":";
+    text += problem.isWarning ? " warning: " : " ";
+    if (!problem.key.empty()) text += problem.key + ": ";
+    return text + problem.text;
 }
 
-int check(const Cli& cli, const std::string& given) {
-    const std::string file =
-        given.empty() ? (std::filesystem::path(cli.options.boardDirectory) / kProductFile).string()
-                      : given;
-    if (given.empty() && cli.options.boardDirectory.empty()) {
-        cli.console.err << "name a file, or a board with --board\n";
-        return kUsage;
+struct CheckArguments {
+    std::string file;
+};
+
+void check(const Cli& cli, const CheckArguments& arguments, Result& result) {
+    std::string file = arguments.file;
+    if (file.empty()) {
+        const std::filesystem::path directory = cli.options.boardDirectory;
+        if (directory.empty()) throw Failure(kUsage, "name a file, or a board with --board");
+        file = directory / kProductFile;
     }
-    const auto content = contentOf(file);
-    if (!content) {
-        cli.console.err << file << ": cannot be read\n";
-        return kBadData;
+    const auto problems = checkProductFile(contentOf(file));
+    size_t errors = 0;
+    result.json = {{"file", file}, {"problems", Json::array()}};
+    for (const ProductProblem& problem : problems) {
+        result.text << lineOf(file, problem) << '\n';
+        result.json["problems"].push_back({{"line", problem.line},
+                                           {"key", problem.key},
+                                           {"text", problem.text},
+                                           {"warning", problem.isWarning}});
+        if (!problem.isWarning) ++errors;
     }
-    const auto problems = checkProductFile(*content);
-    for (const ProductProblem& problem : problems) printProblem(cli.console.out, file, problem);
-    const bool isGood = std::all_of(problems.begin(), problems.end(),
-                                    [](const ProductProblem& p) { return p.isWarning; });
-    if (isGood) cli.console.out << file << ": good\n";
-    return isGood ? kOk : kBadData;
+    if (errors > 0) {
+        throw Failure(kBadData,
+                      file + ": " + std::to_string(errors) + (errors == 1 ? " error" : " errors"));
+    }
+    result.text << file << ": good\n";
 }
 
 }  // namespace
 
 void addConfigCommands(CLI::App& app, Cli& cli) {
-    CLI::App* config = app.add_subcommand("config", "The product configuration");
-    config->require_subcommand(1);
-    config->fallthrough();
-    config->footer("Example: quilctl config check product.ini");
-
-    CLI::App* showing = config->add_subcommand("show", "Print what the library reads on a board");
-    showing->footer("Example: quilctl --product Kestrel config show --json");
-    showing->callback([&cli] { cli.action = [&cli] { return showConfig(cli); }; });
-
-    auto file = std::make_shared<std::string>();
-    CLI::App* checking = config->add_subcommand("check", "Say what is wrong with a product file");
-    checking->add_option("FILE", *file, "The file (default: that of the board)");
-    checking->footer("Exit code 3 when something is wrong.\nExample: quilctl config check my.ini");
-    checking->callback([&cli, file] { cli.action = [&cli, file] { return check(cli, *file); }; });
+    CLI::App& config = addGroup(
+        app, {"config", "The product configuration", "Example: quilctl config check product.ini"});
+    addVerb(config, cli,
+            {"show", "Print what the library reads on a board",
+             "Example: quilctl --product Kestrel config show --json"},
+            showConfig);
+    const auto [command, arguments] =
+        addVerb(config, cli,
+                {"check", "Say what is wrong with a product file",
+                 "Exit code 3 when something is wrong.\nExample: quilctl config check my.ini"},
+                check);
+    command.add_option("FILE", arguments.file, "The file (default: that of --board)")
+        ->check(CLI::ExistingFile);
 }
 
 }  // namespace quil::tools

@@ -1,15 +1,14 @@
+#include <stdio.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <chrono>
-#include <cstdio>
-#include <ostream>
 #include <thread>
 
 #include "config/config_info.h"
 #include "fpga/load_process.h"
+#include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/self_test_record.h"
 #include "tools/quilctl/programming/programming_watch.h"
 #include "tools/quilctl/session/client.h"
@@ -20,8 +19,8 @@ namespace {
 
 constexpr uint32_t kVersionCommand = 0x00000001;
 constexpr uint32_t kValueCommand = 0x00000102;
-constexpr char kOlderVersion[] = "V0.9.0";
 constexpr auto kIntoTheProgramming = std::chrono::seconds(2);
+constexpr char kOlderVersion[] = "V0.9.0";
 
 // Real time, whatever the board makes of the clocks that the library uses.
 double realMilliseconds() {
@@ -39,12 +38,14 @@ std::string quotedOrHex(const Bytes& bytes) {
 
 class Demo {
   public:
-    Demo(BoardSession& session, const Console& console) : mSession(session), mConsole(console) {}
+    Demo(BoardSession& session, Result& result, bool isStyled)
+        : mSession(session), mResult(result), mIsStyled(isStyled) {}
 
-    int run();
+    void run();
 
   private:
     void row(const std::string& step, const std::string& link, const std::string& client, bool ok);
+    void note(const std::string& text);
     std::string newOnTheWire();
     Bytes request(const std::string& step, bool isWrite, const Bytes& bytes, const Bytes& expected,
                   bool reachesMcu);
@@ -57,26 +58,30 @@ class Demo {
     void selfTest();
 
     BoardSession& mSession;
-    const Console& mConsole;
+    Result& mResult;
+    const bool mIsStyled;
     size_t mSeen = 0;  // trace events that were decoded already
-    int mFailures = 0;
+    std::vector<std::string> mFailed;
 };
 
 void Demo::row(const std::string& step, const std::string& link, const std::string& client,
                bool ok) {
-    using Seconds = std::chrono::duration<double>;
-    const double now = std::chrono::duration_cast<Seconds>(mSession.board().now()).count();
+    const double now = secondsOf(mSession.board().now());
     char line[160];
-    std::snprintf(line, sizeof line, "%10.6f s  %-30s %-26s %-16s ", now, step.c_str(),
-                  link.c_str(), client.c_str());
+    snprintf(line, sizeof(line), "%10.6f s  %-30s %-26s %-16s ", now, step.c_str(), link.c_str(),
+             client.c_str());
     const char* verdict = ok ? "ok" : "FAILED";
-    if (mConsole.styled) {
-        mConsole.out << line << (ok ? "\033[32m" : "\033[1;31m") << verdict << "\033[0m\n";
-    } else {
-        mConsole.out << line << verdict << '\n';
-    }
-    mConsole.out.flush();
-    if (!ok) ++mFailures;
+    const char* style = !mIsStyled ? "" : ok ? "\033[32m" : "\033[1;31m";
+    note(std::string(line) + style + verdict + (mIsStyled ? "\033[0m\n" : "\n"));
+    mResult.json["steps"].push_back(
+        {{"step", step}, {"at", now}, {"link", link}, {"client", client}, {"ok", ok}});
+    if (!ok) mFailed.push_back(step);
+}
+
+// A line that is printed at once: in real time the demo takes a minute.
+void Demo::note(const std::string& text) {
+    mResult.text << text;
+    mResult.show();
 }
 
 // The frames that crossed the link since the last call, taken apart.
@@ -180,9 +185,9 @@ void Demo::silentMcu() {
     const bool ok = answer.empty() && wire.find("->") == std::string::npos &&
                     waited >= std::chrono::seconds(5) && waited < std::chrono::milliseconds(5100);
     row("get, the MCU stays silent", wire, answer.empty() ? "empty" : quotedOrHex(answer), ok);
-    char note[96];
-    std::snprintf(note, sizeof note, "%14s5 s of board time took %.2f ms of real time\n", "", real);
-    mConsole.out << note;
+    char text[96];
+    snprintf(text, sizeof(text), "%14s5 s of board time took %.2f ms of real time\n", "", real);
+    note(text);
 }
 
 void Demo::callback() {
@@ -204,10 +209,9 @@ void Demo::selfTest() {
     row("self-test, clock broken", wire, errors.empty() ? "no error" : errors, ok);
 }
 
-int Demo::run() {
+void Demo::run() {
     const Bytes value = {0x0A, 0x0B};
-    mConsole.out << "board time    step                           on the wire to the MCU     "
-                    "client got\n";
+    note("board time    step                           on the wire to the MCU     client got\n");
     boot();
     const std::string shipped = config_info->mcu_fw_version;
     const Bytes version(shipped.begin(), shipped.end());
@@ -222,23 +226,24 @@ int Demo::run() {
     for (const std::string& violation : mSession.board().violations()) {
         row("violation: " + violation, "", "", false);
     }
-    mConsole.out << (mFailures == 0 ? "All as expected.\n" : "Something was not as expected.\n");
-    return mFailures == 0 ? kOk : kFailed;
+    if (!mFailed.empty()) throw Failure(kFailed, "not as expected: " + mFailed.front());
+    note("All as expected.\n");
 }
 
-int demo(const Cli& cli) {
+void demo(const Cli& cli, Result& result) {
     Options options = cli.options;
     options.mcuInstalled = kOlderVersion;
     BoardSession session(options, cli.console, false);  // the failures here are wanted
-    return Demo(session, cli.console).run();
+    Demo(session, result, cli.console.styled).run();
 }
 
 }  // namespace
 
 void addDemoCommand(CLI::App& app, Cli& cli) {
-    CLI::App* command = app.add_subcommand("demo", "Power a board and send it requests");
-    command->footer("Example: quilctl --product Kestrel --trace demo.vcd demo");
-    command->callback([&cli] { cli.action = [&cli] { return demo(cli); }; });
+    addVerb(app, cli,
+            {"demo", "Power a board and send it requests",
+             "Example: quilctl --product Kestrel --trace demo.vcd demo"},
+            demo);
 }
 
 }  // namespace quil::tools

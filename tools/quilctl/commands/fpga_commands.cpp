@@ -1,9 +1,7 @@
 #include <quil_hal.h>
+#include <stdio.h>
 
-#include <cstdio>
 #include <filesystem>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <stdexcept>
 
@@ -11,7 +9,7 @@
 #include "fpga/flash_update.h"
 #include "fpga/spi_link.h"
 #include "host/fpga_load.h"
-#include "tools/quilctl/files/validators.h"
+#include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/session/boot_stages.h"
 #include "tools/quilctl/session/bring_up_faults.h"
 
@@ -51,51 +49,48 @@ FpgaStatus askStatus(board::Board& board) {
     return status;
 }
 
-void printStatus(std::ostream& out, const FpgaStatus& status) {
-    out << "DONE               " << status.done << "\nimage              " << status.version
-        << "\nDDR                " << status.ddr << "\nSGMII clock        " << status.clock
-        << "\nSGMII negotiation  " << status.negotiation << "\nPHY link           " << status.link
-        << '\n';
+Json documentOf(const FpgaStatus& status) {
+    return {{"done", status.done},
+            {"image", status.version},
+            {"ddr", status.ddr},
+            {"sgmii_clock", status.clock},
+            {"sgmii_negotiation", status.negotiation},
+            {"link", status.link}};
 }
 
-nlohmann::json jsonOf(const FpgaStatus& status) {
-    return {{"done", status.done}, {"image", status.version},
-            {"ddr", status.ddr},   {"sgmii_clock", status.clock},
-            {"link", status.link}, {"sgmii_negotiation", status.negotiation}};
+void addStatus(Result& result, const FpgaStatus& status) {
+    result.text << "DONE               " << status.done << "\nimage              " << status.version
+                << "\nDDR                " << status.ddr << "\nSGMII clock        " << status.clock
+                << "\nSGMII negotiation  " << status.negotiation << "\nPHY link           "
+                << status.link << '\n';
+    result.json["status"] = documentOf(status);
 }
 
-int showStatus(const Cli& cli) {
+void showStatus(const Cli& cli, Result& result) {
     BoardSession session(cli.options, cli.console);
     parseProduct();
     const FpgaStatus status = askStatus(session.board());
-    if (cli.options.json) {
-        cli.console.out << jsonOf(status).dump() << '\n';
-    } else {
-        printStatus(cli.console.out, status);
-    }
-    return status.done == "high" ? kOk : kFailed;
+    addStatus(result, status);
+    if (status.done != "high") throw Failure(kFailed, "the FPGA's DONE is not high: no image runs");
 }
 
-int load(const Cli& cli, const std::vector<std::string>& faultNames) {
+struct LoadArguments {
+    std::vector<std::string> faults;
+};
+
+void load(const Cli& cli, const LoadArguments& arguments, Result& result) {
     BoardSession session(cli.options, cli.console, false);
-    const BringUpFaults faults(session.board(), faultNames, cli.console.err);
+    const BringUpFaults faults(session.board(), arguments.faults, cli.console.err);
     BootStages stages(session, cli.console);
     parseProduct();
     stages.end("configuration", true, config_info->product);
-    const host::FpgaLoad result = host::loadFpga();
-    if (result == host::FpgaLoad::kNoSequence) stages.end("FPGA", false, "no load sequence");
-    const FpgaStatus status = askStatus(session.board());
-    if (cli.options.json) {
-        cli.console.out << nlohmann::json{{"loaded", result == host::FpgaLoad::kUp},
-                                          {"stages", nlohmann::json::parse(jsonOf(stages.all()))},
-                                          {"status", jsonOf(status)}}
-                               .dump()
-                        << '\n';
-    } else {
-        printStages(cli.console.out, stages.all());
-        printStatus(cli.console.out, status);
-    }
-    return result == host::FpgaLoad::kUp && stages.allOk() ? kOk : kFailed;
+    const host::FpgaLoad loaded = host::loadFpga();
+    if (loaded == host::FpgaLoad::kNoSequence) stages.end("FPGA", false, "no load sequence");
+    result.json["loaded"] = loaded == host::FpgaLoad::kUp;
+    addStages(result, stages.all());
+    addStatus(result, askStatus(session.board()));
+    throwUnlessAllOk(stages.all());
+    if (loaded != host::FpgaLoad::kUp) throw Failure(kFailed, "the load sequence failed");
 }
 
 // An image of the workstation, on the board for as long as this lives, in place of the configured
@@ -106,7 +101,8 @@ class LentImage {
         : mOnHost(board.hostPath(kPath)), mFormer(config_info->fpga_fw_path) {
         std::error_code error;
         fs::copy_file(file, mOnHost, fs::copy_options::overwrite_existing, error);
-        if (error) throw std::runtime_error(file + ": " + error.message());
+        if (error)
+            throw failureOf(kNoBoard, file + " cannot be copied to the board", error.value());
         setPath(kPath);
     }
     ~LentImage() {
@@ -121,7 +117,7 @@ class LentImage {
     static constexpr char kPath[] = "/vendor/firmware/quilctl_fpga.bin";
     static void setPath(const std::string& path) {
         const size_t length =
-            path.copy(config_info->fpga_fw_path, sizeof config_info->fpga_fw_path - 1);
+            path.copy(config_info->fpga_fw_path, sizeof(config_info->fpga_fw_path) - 1);
         config_info->fpga_fw_path[length] = '\0';
     }
 
@@ -136,8 +132,8 @@ void showSteps(board::Board& board, std::ostream& err) {
                             (event.kind == board::EventKind::kNote && event.source == "fpga");
         if (!isStep) return;
         char stamp[32];
-        std::snprintf(stamp, sizeof stamp, "%10.3f s  ",
-                      std::chrono::duration<double>(event.at).count());
+        snprintf(stamp, sizeof(stamp), "%10.3f s  ",
+                 std::chrono::duration<double>(event.at).count());
         err << stamp << event.source << ": " << event.text << '\n';
     });
 }
@@ -158,68 +154,67 @@ FlashRun runFlash(board::Board& board, const std::string& file) {
     return {isDone, fs::file_size(file), took.count(), board.fpga().problem(), askStatus(board)};
 }
 
-void printFlash(std::ostream& out, const FlashRun& run) {
+void addRun(Result& result, const FlashRun& run) {
     char line[96];
-    std::snprintf(line, sizeof line, "%ju bytes in %.3f s of board time: ", run.bytes, run.seconds);
-    out << line << (run.isDone ? "ok" : "FAILED");
-    if (!run.problem.empty()) out << " (" << run.problem << ")";
-    out << "\nDONE               " << run.status.done << "\nimage              "
-        << run.status.version << '\n';
+    snprintf(line, sizeof(line), "%ju bytes in %.3f s of board time: ", run.bytes, run.seconds);
+    result.text << line << (run.isDone ? "ok" : "FAILED");
+    if (!run.problem.empty()) result.text << " (" << run.problem << ")";
+    result.text << "\nDONE               " << run.status.done << "\nimage              "
+                << run.status.version << '\n';
+    result.json = {{"done", run.isDone},
+                   {"bytes", run.bytes},
+                   {"took", run.seconds},
+                   {"problem", run.problem},
+                   {"status", documentOf(run.status)}};
 }
 
-int flash(const Cli& cli, const std::string& file) {
+struct FlashArguments {
+    std::string file;
+};
+
+void flash(const Cli& cli, const FlashArguments& arguments, Result& result) {
     BoardSession session(cli.options, cli.console);
     parseProduct();
     showSteps(session.board(), cli.console.err);
-    const FlashRun run = runFlash(session.board(), file);
-    if (cli.options.json) {
-        cli.console.out << nlohmann::json{{"done", run.isDone},
-                                          {"bytes", run.bytes},
-                                          {"took", run.seconds},
-                                          {"problem", run.problem},
-                                          {"status", jsonOf(run.status)}}
-                               .dump()
-                        << '\n';
-    } else {
-        printFlash(cli.console.out, run);
-    }
-    return run.isDone ? kOk : kFailed;
-}
-
-void addStatus(CLI::App& fpga, Cli& cli) {
-    CLI::App* command =
-        fpga.add_subcommand("status", "Ask for DONE, DDR, SGMII and the PHY's link");
-    command->footer("Example: quilctl --board my-board fpga status");
-    command->callback([&cli] { cli.action = [&cli] { return showStatus(cli); }; });
+    const FlashRun run = runFlash(session.board(), arguments.file);
+    addRun(result, run);
+    if (run.isDone) return;
+    const std::string reason = run.problem.empty() ? session.lastError() : run.problem;
+    throw Failure(kFailed, arguments.file + " was not written: " + reason);
 }
 
 void addLoad(CLI::App& fpga, Cli& cli) {
-    auto faults = std::make_shared<std::vector<std::string>>();
-    CLI::App* command = fpga.add_subcommand("load", "Run the product's load sequence");
-    addFaultOption(*command, *faults,
-                   "Exit code 1 when a stage failed.\n"
-                   "Example: quilctl --board my-board fpga load\n"
-                   "         quilctl fpga load --fault ddr,link");
-    command->callback(
-        [&cli, faults] { cli.action = [&cli, faults] { return load(cli, *faults); }; });
+    const auto [command, arguments] = addVerb(fpga, cli,
+                                              {"load", "Run the product's load sequence",
+                                               "Exit code 1 when a stage failed.\n"
+                                               "Example: quilctl --board my-board fpga load\n"
+                                               "         quilctl fpga load --fault ddr,link"},
+                                              load);
+    addFaultOption(command, arguments.faults);
+}
+
+void addFlash(CLI::App& fpga, Cli& cli) {
+    const auto [command, arguments] =
+        addVerb(fpga, cli,
+                {"flash", "Write an image and restart the FPGA",
+                 "Erases the flash, writes the image, restarts the FPGA and waits for DONE.\n"
+                 "Example: quilctl --board my-board fpga flash fpga.bin"},
+                flash);
+    command.add_option("FILE", arguments.file, "The image")->required()->check(CLI::ExistingFile);
 }
 
 }  // namespace
 
 void addFpgaCommands(CLI::App& app, Cli& cli) {
-    CLI::App* fpga = app.add_subcommand("fpga", "The FPGA: its image, its state, its bring-up");
-    fpga->require_subcommand(1);
-    fpga->fallthrough();
-    fpga->footer("Example: quilctl --board my-board fpga load");
-    addStatus(*fpga, cli);
-    addLoad(*fpga, cli);
-    auto file = std::make_shared<std::string>();
-    CLI::App* command = fpga->add_subcommand("flash", "Write an image and restart the FPGA");
-    command->add_option("FILE", *file, "The image")->required()->check(CLI::ExistingFile);
-    command->footer(
-        "Erases the flash, writes the image, restarts the FPGA and waits for DONE.\n"
-        "Example: quilctl --board my-board fpga flash fpga.bin");
-    command->callback([&cli, file] { cli.action = [&cli, file] { return flash(cli, *file); }; });
+    CLI::App& fpga = addGroup(app, {"fpga", "The FPGA: its image, its state, its bring-up",
+                                    "Example: quilctl --board my-board fpga load"});
+    addVerb(fpga, cli,
+            {"status", "Ask for DONE, DDR, SGMII and the PHY's link",
+             "Exit code 1 when the FPGA runs no image.\n"
+             "Example: quilctl --board my-board fpga status"},
+            showStatus);
+    addLoad(fpga, cli);
+    addFlash(fpga, cli);
 }
 
 }  // namespace quil::tools

@@ -1,12 +1,11 @@
-#include <cstdio>
+#include <stdio.h>
+
 #include <istream>
 #include <iterator>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <ostream>
 
 #include "host/wire_frame.h"
-#include "tools/quilctl/cli.h"
+#include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/validators.h"
 
 namespace quil::tools {
@@ -21,18 +20,19 @@ struct EncodeArguments {
     bool isWrite = false;
 };
 
-int encode(const Cli& cli, const EncodeArguments& arguments) {
+void encode(const Cli& /*cli*/, const EncodeArguments& arguments, Result& result) {
     host::WireFrame frame;
     frame.command = static_cast<uint32_t>(*parseNumber(arguments.command, UINT32_MAX));
     frame.label = static_cast<uint16_t>(*parseNumber(arguments.label, UINT16_MAX));
     frame.payload = bytesOf(arguments.data);
     if (arguments.isWrite) frame.flags |= wire::kWriteFlag;
     if (frame.payload.size() > wire::kPayloadMax) {
-        cli.console.err << "a frame carries at most " << wire::kPayloadMax << " bytes\n";
-        return kUsage;
+        throw Failure(kUsage,
+                      "a frame carries at most " + std::to_string(wire::kPayloadMax) + " bytes");
     }
-    cli.console.out << toHex(host::buildFrame(frame)) << '\n';
-    return kOk;
+    const Bytes bytes = host::buildFrame(frame);
+    result.json["bytes"] = bytes;
+    result.text << toHex(bytes) << '\n';
 }
 
 struct Field {
@@ -67,7 +67,7 @@ std::string meaningOf(const host::WireFrame& frame, const Field& field) {
 void printLine(std::ostream& out, size_t at, const std::string& hex, const char* name,
                const std::string& value) {
     char text[64];
-    std::snprintf(text, sizeof text, "%6zu  %-12s %-9s ", at, hex.c_str(), name);
+    snprintf(text, sizeof(text), "%6zu  %-12s %-9s ", at, hex.c_str(), name);
     out << text << value << '\n';
 }
 
@@ -77,87 +77,81 @@ void printFields(std::ostream& out, const Bytes& bytes, const host::WireFrame& f
     char value[32];
     for (const Field& field : kFields) {
         const auto part = all.from(field.at).first(field.size);
-        std::snprintf(value, sizeof value, "0x%0*X", static_cast<int>(2 * field.size),
-                      valueOf(part));
+        snprintf(value, sizeof(value), "0x%0*X", static_cast<int>(2 * field.size), valueOf(part));
         printLine(out, field.at, toHex(part), field.name, value + meaningOf(frame, field));
     }
     const size_t sumAt = bytes.size() - wire::kChecksumSize;
     printLine(out, wire::kPayloadAt, "", "payload",
               frame.payload.empty() ? "(none)" : toHex(frame.payload));
-    std::snprintf(value, sizeof value, "0x%04X  %s", valueOf(all.from(sumAt)),
-                  host::checksumHolds(bytes) ? "good" : "wrong");
+    snprintf(value, sizeof(value), "0x%04X  %s", valueOf(all.from(sumAt)),
+             host::checksumHolds(bytes) ? "good" : "wrong");
     printLine(out, sumAt, toHex(all.from(sumAt)), "checksum", value);
 }
 
-void printJson(std::ostream& out, const host::WireFrame& frame,
-               const std::vector<std::string>& problems) {
-    out << nlohmann::json{{"label", frame.label},     {"flags", frame.flags},
-                          {"write", frame.isWrite()}, {"command", frame.command},
-                          {"field_a", frame.fieldA},  {"field_b", frame.fieldB},
-                          {"field_c", frame.fieldC},  {"payload", frame.payload},
-                          {"problems", problems}}
-               .dump()
-        << '\n';
+Json documentOf(const host::WireFrame& frame, const std::vector<std::string>& problems) {
+    return {{"label", frame.label},     {"flags", frame.flags},     {"write", frame.isWrite()},
+            {"command", frame.command}, {"field_a", frame.fieldA},  {"field_b", frame.fieldB},
+            {"field_c", frame.fieldC},  {"payload", frame.payload}, {"problems", problems}};
 }
 
-int decode(const Cli& cli, const std::vector<std::string>& words) {
-    Bytes bytes = bytesOf(words);
-    if (words.empty()) {
-        const std::string text(std::istreambuf_iterator<char>(cli.console.in), {});
-        const auto parsed = parseHex(text);
-        if (!parsed) {
-            cli.console.err << "standard input has something other than hexadecimal bytes\n";
-            return kUsage;
-        }
-        bytes = *parsed;
-    }
+using HexWords = std::vector<std::string>;
+
+Bytes givenBytes(const Cli& cli, const HexWords& words) {
+    if (!words.empty()) return bytesOf(words);
+    const auto parsed = parseHex({std::istreambuf_iterator<char>(cli.console.in), {}});
+    if (parsed) return *parsed;
+    throw Failure(kUsage, "standard input has something other than hexadecimal bytes");
+}
+
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) text += (text.empty() ? "" : "; ") + line;
+    return text;
+}
+
+void decode(const Cli& cli, const HexWords& words, Result& result) {
+    const Bytes bytes = givenBytes(cli, words);
     const auto problems = host::frameProblems(bytes);
     if (bytes.size() >= wire::kOverhead) {
         const host::WireFrame frame = host::parseFrame(bytes);
-        if (cli.options.json) {
-            printJson(cli.console.out, frame, problems);
-        } else {
-            printFields(cli.console.out, bytes, frame);
-        }
+        result.json = documentOf(frame, problems);
+        printFields(result.text, bytes, frame);
     }
-    for (const std::string& problem : problems) cli.console.err << problem << '\n';
-    return problems.empty() ? kOk : kBadData;
+    if (!problems.empty()) throw Failure(kBadData, "the frame: " + joined(problems));
 }
 
 void addEncode(CLI::App& frame, Cli& cli) {
-    auto arguments = std::make_shared<EncodeArguments>();
-    CLI::App* command = frame.add_subcommand("encode", "Print the bytes of a request frame");
-    command->add_option("CMD", arguments->command, "Command code")
+    const auto [command, arguments] =
+        addVerb(frame, cli,
+                {"encode", "Print the bytes of a request frame",
+                 "Example: quilctl frame encode 0x102 --label 5 --data 01"},
+                encode);
+    command.add_option("CMD", arguments.command, "Command code")
         ->required()
         ->check(numberUpTo(UINT32_MAX));
-    command->add_option("--data", arguments->data, "Payload bytes")->check(hexBytes());
-    command->add_option("--label", arguments->label, "Sequence label (default 1)")
+    command.add_option("--data", arguments.data, "Payload bytes")->check(hexBytes());
+    command.add_option("--label", arguments.label, "Sequence label (default 1)")
         ->check(numberUpTo(UINT16_MAX));
-    command->add_flag("--set", arguments->isWrite, "A writing request");
-    command->footer("Example: quilctl frame encode 0x102 --label 5 --data 01");
-    command->callback(
-        [&cli, arguments] { cli.action = [&cli, arguments] { return encode(cli, *arguments); }; });
+    command.add_flag("--set", arguments.isWrite, "A writing request");
 }
 
 void addDecode(CLI::App& frame, Cli& cli) {
-    auto words = std::make_shared<std::vector<std::string>>();
-    CLI::App* command = frame.add_subcommand("decode", "Take a frame apart and check it");
-    command->add_option("HEX", *words, "The frame's bytes (default: from standard input)")
+    const auto [command, words] =
+        addVerb(frame, cli,
+                {"decode", "Take a frame apart and check it",
+                 "Example: quilctl frame encode 1 | quilctl frame decode"},
+                decode);
+    command.add_option("HEX", words, "The frame's bytes (default: from standard input)")
         ->check(hexBytes());
-    command->footer("Example: quilctl frame encode 1 | quilctl frame decode");
-    command->callback(
-        [&cli, words] { cli.action = [&cli, words] { return decode(cli, *words); }; });
 }
 
 }  // namespace
 
 void addFrameCommands(CLI::App& app, Cli& cli) {
-    CLI::App* frame = app.add_subcommand("frame", "Frames of the MCU link");
-    frame->require_subcommand(1);
-    frame->fallthrough();
-    frame->footer("Example: quilctl frame decode --help");
-    addEncode(*frame, cli);
-    addDecode(*frame, cli);
+    CLI::App& frame =
+        addGroup(app, {"frame", "Frames of the MCU link", "Example: quilctl frame decode --help"});
+    addEncode(frame, cli);
+    addDecode(frame, cli);
 }
 
 }  // namespace quil::tools

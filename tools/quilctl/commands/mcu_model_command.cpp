@@ -4,12 +4,11 @@
 
 #include <atomic>
 #include <filesystem>
-#include <memory>
 #include <ostream>
 
 #include "board/mcu/pty_bridge.h"
+#include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/validators.h"
-#include "tools/quilctl/programming/mcu.h"
 
 namespace quil::tools {
 namespace {
@@ -55,49 +54,69 @@ class StoppedBySignals {
     }, mFormerTermination{};
 };
 
-int model(const Cli& cli, const ModelArguments& arguments) {
+// The part's flash, forgotten in the end when the caller names no file for it.
+class FlashFile {
+  public:
+    explicit FlashFile(const std::string& named)
+        : mIsTemporary(named.empty()),
+          mPath(named.empty() ? std::filesystem::temp_directory_path() /
+                                    ("quilctl-flash-" + std::to_string(getpid()))
+                              : std::filesystem::path(named)) {}
+    ~FlashFile() {
+        std::error_code ignored;
+        if (mIsTemporary) std::filesystem::remove(mPath, ignored);
+    }
+    FlashFile(const FlashFile&) = delete;
+    FlashFile& operator=(const FlashFile&) = delete;
+
+    std::string path() const { return mPath.string(); }
+
+  private:
+    const bool mIsTemporary;
+    const std::filesystem::path mPath;
+};
+
+void model(const Cli& cli, const ModelArguments& arguments, Result& result) {
     const board::McuPart* part = board::partNamedIn(arguments.chip);
-    if (part == nullptr) return kUsage;
+    if (part == nullptr) throw Failure(kUsage, "there is no part " + arguments.chip);
     StoppedBySignals signals;
-    const std::filesystem::path temporary =
-        std::filesystem::temp_directory_path() / ("quilctl-flash-" + std::to_string(getpid()));
-    board::PtyBridge bridge(
-        {.part = part->kind,
-         .flash = arguments.flash.empty() ? temporary.string() : arguments.flash,
-         .link = arguments.link,
-         .realtime = cli.options.realtime});
+    const FlashFile flash(arguments.flash);
+    board::PtyBridge bridge({.part = part->kind,
+                             .flash = flash.path(),
+                             .link = arguments.link,
+                             .realtime = cli.options.realtime});
     signals.watchOver(bridge);
     cli.console.err << part->name << " in its boot loader at " << bridge.port()
                     << ", ends with Ctrl-C\n";
     bridge.run();
-    for (const std::string& violation : bridge.violations()) {
-        cli.console.err << "board: " << violation << '\n';
+    const auto violations = bridge.violations();
+    result.json = {{"chip", part->name}, {"port", bridge.port()}, {"violations", violations}};
+    if (violations.empty()) return;
+    std::string text;
+    for (const std::string& violation : violations) {
+        text += (text.empty() ? "" : "; ") + violation;
     }
-    std::error_code ignored;
-    std::filesystem::remove(temporary, ignored);
-    return bridge.violations().empty() ? kOk : kFailed;
+    throw Failure(kFailed, "board: " + text);
 }
 
 }  // namespace
 
-void addMcuModel(CLI::App& mcu, Cli& cli) {
-    auto arguments = std::make_shared<ModelArguments>();
-    CLI::App* command = mcu.add_subcommand("model", "Put a part's boot loader behind a pty");
-    command->add_option("--chip", arguments->chip, "gd32f303, gd32f470, stm32h750 or n32g45x")
+void addMcuModelCommand(CLI::App& mcu, Cli& cli) {
+    const auto [command, arguments] = addVerb(
+        mcu, cli,
+        {"model", "Put a part's boot loader behind a pty",
+         "With --realtime the line and the flash take their time. A pty carries no parity.\n"
+         "Exit code 1 when the boot loader refused something as against its protocol.\n"
+         "Examples: quilctl mcu model --chip gd32f303 --pty /tmp/mcu &\n"
+         "          stm32flash -m 8n1 -b 115200 -w image.bin -v /tmp/mcu\n"
+         "          quilctl mcu program --chip gd32f303 --port /tmp/mcu image.bin"},
+        model);
+    command.add_option("--chip", arguments.chip, "gd32f303, gd32f470, stm32h750 or n32g45x")
         ->required()
         ->check(chipName());
-    command->add_option("--pty", arguments->link, "Symbolic link to make to the pty")->required();
-    command->add_option(
-        "--flash", arguments->flash,
-        "File with the part's flash (default: an erased one, forgotten in the end)");
-    command->footer(
-        "With --realtime the line and the flash take their time. A pty carries no parity.\n"
-        "Exit code 1 when the boot loader refused something as against its protocol.\n"
-        "Examples: quilctl mcu model --chip gd32f303 --pty /tmp/mcu &\n"
-        "          stm32flash -m 8n1 -b 115200 -w image.bin -v /tmp/mcu\n"
-        "          quilctl mcu program --chip gd32f303 --port /tmp/mcu image.bin");
-    command->callback(
-        [&cli, arguments] { cli.action = [&cli, arguments] { return model(cli, *arguments); }; });
+    command.add_option("--pty", arguments.link, "Symbolic link to make to the pty")->required();
+    command.add_option("--flash", arguments.flash,
+                       "File with the part's flash (default: an erased one, forgotten in the end)");
 }
 
 }  // namespace quil::tools

@@ -1,19 +1,17 @@
 // Programming without the update flow around it, and single boot-loader commands: on the board, or
 // with an MCU behind a real serial device.
-#include <algorithm>
-#include <cctype>
+#include <ctype.h>
+
 #include <filesystem>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <stdexcept>
 
 #include "config/config_info.h"
 #include "isp/boot_loader.h"
 #include "isp/isp_tasks.h"
+#include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/validators.h"
 #include "tools/quilctl/programming/lent_port.h"
-#include "tools/quilctl/programming/mcu.h"
 #include "tools/quilctl/programming/programming_run.h"
 
 namespace quil::tools {
@@ -24,11 +22,10 @@ namespace fs = std::filesystem;
 constexpr char kPortHelp[] =
     "--port: the board's own serial device (default), or one of this workstation: then the MCU\n"
     "behind it is programmed, in real time. Its MCU_BOOT0 and MCU_NRST can hang at the device's\n"
-    "RTS and DTR (--boot0, --nrst: \"rts\" is set while the line is 1, \"-rts\" while it is 0; "
-    "most\n"
-    "adapters turn a set line into a low pin). Without them start the MCU in its boot loader\n"
-    "before, and reset it afterwards. A device whose name is the board's own is reached through\n"
-    "a link to it.\n";
+    "RTS and DTR (--boot0, --nrst: \"rts\" is set while the line is 1, \"-rts\" while it is 0;\n"
+    "most adapters turn a set line into a low pin). Without them start the MCU in its boot\n"
+    "loader before, and reset it afterwards. A device whose name is the board's own is reached\n"
+    "through a link to it.\n";
 
 struct PortArguments {
     std::string port;  // empty: the board's
@@ -60,7 +57,7 @@ class ProgrammingSession {
             throw std::runtime_error(mPort + " is neither the board's " + board().mcuUart().path() +
                                      " nor a device");
         }
-        if (arguments.wiring.boot0 == "none" && !cli.options.json) {
+        if (arguments.wiring.boot0 == "none") {
             cli.console.err << "MCU_BOOT0 is not wired: the MCU has to be in its boot loader\n";
         }
         mLent.emplace(board(), mPort, arguments.wiring);
@@ -93,18 +90,27 @@ struct ProgramArguments : PortArguments {
     std::string file;
 };
 
-int program(const Cli& cli, const ProgramArguments& arguments) {
+std::string joined(const std::vector<std::string>& lines) {
+    std::string text;
+    for (const std::string& line : lines) text += (text.empty() ? "" : "; ") + line;
+    return text;
+}
+
+void program(const Cli& cli, const ProgramArguments& arguments, Result& result) {
     ProgrammingSession programming(cli, arguments, arguments.chip);
     std::string file = workstationPath(arguments.file);
     std::string port = programming.port(), chip = arguments.chip;
     const ProgrammingOutcome outcome = runProgramming(
         programming.session(), cli.console, {port, chip, static_cast<size_t>(fs::file_size(file))},
         [&] { return mcu_isp_fw_update(file.data(), port.data(), chip.data()) == 0; });
-    printOutcome(cli, outcome, {});
-    for (const std::string& violation : programming.board().violations()) {
-        cli.console.err << "board: " << violation << '\n';
+    addOutcome(result, outcome);
+    const auto violations = programming.board().violations();
+    result.json["violations"] = violations;
+    if (!outcome.isWhole()) {
+        throw Failure(kFailed, "not programmed: " + reasonOf(outcome) +
+                                   (violations.empty() ? "" : "; board: " + joined(violations)));
     }
-    return outcome.isWhole() ? kOk : kFailed;
+    if (!violations.empty()) throw Failure(kFailed, "board: " + joined(violations));
 }
 
 // The name of a command as people type it: "read-memory".
@@ -112,7 +118,7 @@ std::string nameOf(const isp_cmd_t& row) {
     std::string name = row.name;
     name.erase(name.find_last_not_of(' ') + 1);
     if (name.rfind("CMD_", 0) == 0) name.erase(0, 4);
-    for (char& c : name) c = c == '_' ? '-' : static_cast<char>(std::tolower(c));
+    for (char& c : name) c = c == '_' ? '-' : static_cast<char>(tolower(c));
     return name;
 }
 
@@ -149,73 +155,77 @@ void saveReadBack(ProgrammingSession& programming, const std::string& to) {
     std::error_code error;
     fs::copy_file(programming.board().hostPath(kReadBack), to, fs::copy_options::overwrite_existing,
                   error);
-    if (error) throw std::runtime_error(to + ": " + error.message());
+    if (error) throw failureOf(kNotWritten, "--save " + to, error.value());
 }
 
-int runTask(const Cli& cli, const TaskArguments& arguments) {
+void runTask(const Cli& cli, const TaskArguments& arguments, Result& result) {
     Cli shown = cli;  // all that a single command finds out stands in the debug lines
     if (shown.options.logLevel.empty()) shown.options.logLevel = "D";
     ProgrammingSession programming(shown, arguments, "");
     std::error_code ignored;
     fs::create_directories(programming.board().hostPath(kReadBack).parent_path(), ignored);
     if (arguments.file.empty() && parseConfigInfo() != 0) {
-        throw std::runtime_error("the product configuration could not be read");
+        throw Failure(kNoBoard, "the product configuration could not be read");
     }
     const std::string file =
         arguments.file.empty() ? config_info->mcu_fw_path : workstationPath(arguments.file);
-    const int result =
+    const int code =
         task(*commandCode(arguments.command), file.c_str(), programming.port().c_str());
-    if (cli.options.json) {
-        cli.console.out << nlohmann::json{{"result", result}}.dump() << '\n';
-    } else {
-        cli.console.out << "result " << result << '\n';
-    }
+    result.json["result"] = code;
+    result.text << "result " << code << '\n';
     if (!arguments.save.empty()) saveReadBack(programming, arguments.save);
-    return result == 0 ? kOk : kFailed;
+    if (code == 0) return;
+    throw Failure(kFailed, "mcu task " + arguments.command + ": result " + std::to_string(code) +
+                               ": " + programming.session().lastError());
+}
+
+void addProgram(CLI::App& mcu, Cli& cli) {
+    const auto [command, arguments] =
+        addVerb(mcu, cli,
+                {"program", "Program an image, once and unconditionally",
+                 std::string(kPortHelp) +
+                     "Examples: quilctl --board my-board mcu program --chip gd32f303 image.bin\n"
+                     "          quilctl mcu program --chip stm32h750 --port /dev/ttyUSB0 \\\n"
+                     "            --boot0 -rts --nrst -dtr image.bin"},
+                program);
+    command
+        .add_option("--chip", arguments.chip,
+                    "gd32f303, gd32f470, stm32h750 or n32g45x; a temporary board has it, too")
+        ->required()
+        ->check(chipName());
+    addPortOptions(command, arguments);
+    command.add_option("FILE", arguments.file, "The image")->required()->check(CLI::ExistingFile);
+}
+
+void addTask(CLI::App& mcu, Cli& cli) {
+    const auto [command, arguments] =
+        addVerb(mcu, cli,
+                {"task", "A session around one boot-loader command",
+                 std::string(kPortHelp) +
+                     "What the session finds out stands in the library's debug lines, which are\n"
+                     "shown unless --log-level says otherwise. STM32 and GD32 parts only.\n"
+                     "Example: quilctl mcu task get"},
+                runTask);
+    command
+        .add_option("CMD", arguments.command,
+                    "get, read-memory, write-memory, erase, extended-erase, write-unprotect, "
+                    "readout-unprotect, or a code")
+        ->required()
+        ->check(commandName());
+    addPortOptions(command, arguments);
+    command
+        .add_option("--file", arguments.file,
+                    "The image to write, or a file as long as what is read or erased "
+                    "(default: the shipped image)")
+        ->check(CLI::ExistingFile);
+    command.add_option("--save", arguments.save, "Where to put what read-memory has read");
 }
 
 }  // namespace
 
-void addMcuProgram(CLI::App& mcu, Cli& cli) {
-    auto arguments = std::make_shared<ProgramArguments>();
-    CLI::App* command = mcu.add_subcommand("program", "Program an image, once and unconditionally");
-    command
-        ->add_option("--chip", arguments->chip,
-                     "gd32f303, gd32f470, stm32h750 or n32g45x; a temporary board has it, too")
-        ->required()
-        ->check(chipName());
-    addPortOptions(*command, *arguments);
-    command->add_option("FILE", arguments->file, "The image")->required()->check(CLI::ExistingFile);
-    command->footer(std::string(kPortHelp) +
-                    "Examples: quilctl --board my-board mcu program --chip gd32f303 image.bin\n"
-                    "          quilctl mcu program --chip stm32h750 --port /dev/ttyUSB0 \\\n"
-                    "            --boot0 -rts --nrst -dtr image.bin");
-    command->callback(
-        [&cli, arguments] { cli.action = [&cli, arguments] { return program(cli, *arguments); }; });
-}
-
-void addMcuTask(CLI::App& mcu, Cli& cli) {
-    auto arguments = std::make_shared<TaskArguments>();
-    CLI::App* command = mcu.add_subcommand("task", "A session around one boot-loader command");
-    command
-        ->add_option("CMD", arguments->command,
-                     "get, read-memory, write-memory, erase, extended-erase, write-unprotect, "
-                     "readout-unprotect, or a code")
-        ->required()
-        ->check(commandName());
-    addPortOptions(*command, *arguments);
-    command
-        ->add_option("--file", arguments->file,
-                     "The image to write, or a file as long as what is read or erased "
-                     "(default: the shipped image)")
-        ->check(CLI::ExistingFile);
-    command->add_option("--save", arguments->save, "Where to put what read-memory has read");
-    command->footer(std::string(kPortHelp) +
-                    "What the session finds out stands in the library's debug lines, which are\n"
-                    "shown unless --log-level says otherwise. STM32 and GD32 parts only.\n"
-                    "Example: quilctl mcu task get");
-    command->callback(
-        [&cli, arguments] { cli.action = [&cli, arguments] { return runTask(cli, *arguments); }; });
+void addMcuProgramCommands(CLI::App& mcu, Cli& cli) {
+    addProgram(mcu, cli);
+    addTask(mcu, cli);
 }
 
 }  // namespace quil::tools

@@ -1,9 +1,5 @@
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-#include <ostream>
-
 #include "service/tclv_msg.h"
-#include "tools/quilctl/cli.h"
+#include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/session/client.h"
 
 namespace quil::tools {
@@ -12,33 +8,29 @@ namespace {
 using ::quil::hardware::quilservicemanager::implementation::kCommandLowPower;
 using ::quil::hardware::quilservicemanager::implementation::kCommandNormalPower;
 
-int power(const Cli& cli, bool isLow) {
+void askFor(uint32_t command, const Cli& cli, Result& result) {
     const auto session = cli.connect(cli);
-    const uint32_t command = isLow ? kCommandLowPower : kCommandNormalPower;
     const Bytes answer = ask(*session, true, requestOf(command, {}));
-    const bool isEmpty = answer.empty();  // all that this request says when it is taken
-    if (cli.options.json) {
-        cli.console.out << nlohmann::json{{"command", command}, {"answer", answer}}.dump() << '\n';
-    } else {
-        cli.console.out << hex32(command) << " sent, " << (isEmpty ? "empty answer" : toHex(answer))
-                        << '\n';
+    result.json = {{"command", command}, {"answer", answer}};
+    result.text << hex32(command) << " sent, " << (answer.empty() ? "empty answer" : toHex(answer))
+                << '\n';
+    if (saysBusy(answer)) throw Failure(kFailed, kBusyText);
+    if (!answer.empty()) {
+        throw Failure(kFailed, "power: an answer to a request that is never answered");
     }
-    if (saysBusy(answer)) cli.console.err << kBusyText;
-    return isEmpty ? kOk : kFailed;
 }
+
+void askForLow(const Cli& cli, Result& result) { askFor(kCommandLowPower, cli, result); }
+void askForNormal(const Cli& cli, Result& result) { askFor(kCommandNormalPower, cli, result); }
 
 }  // namespace
 
 void addPowerCommands(CLI::App& app, Cli& cli) {
-    CLI::App* command = app.add_subcommand("power", "Ask for a power mode");
-    command->require_subcommand(1);
-    command->footer("Example: quilctl power low");
-    for (const bool isLow : {true, false}) {
-        const std::string name = isLow ? "low" : "normal";
-        CLI::App* mode = command->add_subcommand(name, "Ask for " + name + " power");
-        mode->footer("Example: quilctl power " + name);
-        mode->callback([&cli, isLow] { cli.action = [&cli, isLow] { return power(cli, isLow); }; });
-    }
+    CLI::App& power =
+        addGroup(app, {"power", "Ask for a power mode", "Example: quilctl power low"});
+    addVerb(power, cli, {"low", "Ask for low power", "Example: quilctl power low"}, askForLow);
+    addVerb(power, cli, {"normal", "Ask for normal power", "Example: quilctl power normal"},
+            askForNormal);
 }
 
 }  // namespace quil::tools

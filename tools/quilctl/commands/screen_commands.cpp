@@ -1,14 +1,14 @@
+#include <errno.h>
+#include <stdio.h>
+
 #include <algorithm>
-#include <cstdio>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
-#include <memory>
-#include <nlohmann/json.hpp>
 #include <ostream>
 #include <stdexcept>
 
-#include "tools/quilctl/cli.h"
+#include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/screen_file.h"
 #include "tools/quilctl/files/validators.h"
 
@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 Bytes bytesOfFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) throw std::runtime_error(path.string() + " cannot be read");
+    if (!in) throw failureOf(kBadData, path.string() + " cannot be read", errno);
     return Bytes(std::istreambuf_iterator<char>(in), {});
 }
 
@@ -34,51 +34,42 @@ ScreenFrames inAll(const ScreenFile& file) {
     return all;
 }
 
-void printTable(std::ostream& out, const ScreenFile& file) {
-    char line[320];
-    out << " #  offset    address     length  kind                 what is sent\n";
-    for (size_t i = 0; i < file.blocks.size(); ++i) {
-        const ScreenFileBlock& block = file.blocks[i];
-        std::snprintf(line, sizeof line, "%2zu  0x%06zx  0x%08X  %6zu  %-19s  %s%s%s%s\n", i,
-                      block.offset, block.address, block.data.size(), block.kind.c_str(),
-                      block.sent.c_str(), block.remark.empty() ? "" : " (", block.remark.c_str(),
-                      block.remark.empty() ? "" : ")");
-        out << line;
-    }
-    const ScreenFrames all = inAll(file);
-    out << file.blocks.size() << (file.blocks.size() == 1 ? " block, " : " blocks, ") << file.size
-        << " bytes; sent for them: " << all.count << " frames, " << all.size << " bytes\n";
+void addBlock(Result& result, const ScreenFileBlock& block) {
+    char line[96];
+    snprintf(line, sizeof(line), "%2zu  0x%06zx  0x%08X  %6zu  %-19s  ",
+             result.json["blocks"].size(), block.offset, block.address, block.data.size(),
+             block.kind.c_str());
+    result.text << line << block.sent;
+    if (!block.remark.empty()) result.text << " (" << block.remark << ")";
+    result.text << '\n';
+    result.json["blocks"].push_back({{"offset", block.offset},
+                                     {"address", block.address},
+                                     {"length", block.data.size()},
+                                     {"kind", block.kind},
+                                     {"sent", block.sent},
+                                     {"remark", block.remark}});
 }
 
-nlohmann::json jsonOf(const ScreenFileBlock& block) {
-    return {{"offset", block.offset}, {"address", block.address}, {"length", block.data.size()},
-            {"kind", block.kind},     {"sent", block.sent},       {"remark", block.remark}};
-}
+struct ShowArguments {
+    std::string file;
+};
 
-void printJson(std::ostream& out, const ScreenFile& file) {
-    auto blocks = nlohmann::json::array();
-    for (const ScreenFileBlock& block : file.blocks) blocks.push_back(jsonOf(block));
-    nlohmann::json root = {{"count", file.count}, {"size", file.size}, {"blocks", blocks}};
-    if (file.damage) {
-        root["damage"] = {{"offset", file.damage->offset}, {"reason", file.damage->reason}};
-    }
-    out << root.dump() << '\n';
-}
-
-int showScreen(const Cli& cli, const std::string& name) {
-    const Bytes bytes = bytesOfFile(name);
+void showScreen(const Cli& /*cli*/, const ShowArguments& arguments, Result& result) {
+    const Bytes bytes = bytesOfFile(arguments.file);
     const ScreenFile file = readScreenFile(bytes);
-    if (cli.options.json) {
-        printJson(cli.console.out, file);
-    } else {
-        printTable(cli.console.out, file);
-    }
-    if (!file.damage) return kOk;
+    result.json = {{"count", file.count}, {"size", file.size}, {"blocks", Json::array()}};
+    result.text << " #  offset    address     length  kind                 what is sent\n";
+    for (const ScreenFileBlock& block : file.blocks) addBlock(result, block);
+    const ScreenFrames all = inAll(file);
+    result.text << file.blocks.size() << (file.blocks.size() == 1 ? " block, " : " blocks, ")
+                << file.size << " bytes; sent for them: " << all.count << " frames, " << all.size
+                << " bytes\n";
+    if (!file.damage) return;
+    result.json["damage"] = {{"offset", file.damage->offset}, {"reason", file.damage->reason}};
     char offset[24];
-    std::snprintf(offset, sizeof offset, "0x%06zx", file.damage->offset);
-    cli.console.err << name << ": damaged at offset " << offset << ": " << file.damage->reason
-                    << '\n';
-    return kBadData;
+    snprintf(offset, sizeof(offset), "0x%06zx", file.damage->offset);
+    throw Failure(kBadData,
+                  arguments.file + ": damaged at offset " + offset + ": " + file.damage->reason);
 }
 
 // The address that a block file's name gives: its last eight hexadecimal digits.
@@ -88,8 +79,8 @@ uint32_t addressIn(const fs::path& file) {
     const std::string digits = stem.size() < kDigits ? "" : stem.substr(stem.size() - kDigits);
     const auto address = digits.empty() ? std::nullopt : parseNumber("0x" + digits, UINT32_MAX);
     if (!address) {
-        throw std::runtime_error(file.string() +
-                                 ": the name must end in the address, as in 03-10400000.bin");
+        throw Failure(kBadData,
+                      file.string() + ": the name must end in the address, as in 03-10400000.bin");
     }
     return static_cast<uint32_t>(*address);
 }
@@ -100,66 +91,75 @@ std::vector<fs::path> blockFilesIn(const std::string& directory) {
     for (const auto& entry : fs::directory_iterator(directory, error)) {
         if (entry.path().extension() == ".bin") files.push_back(entry.path());
     }
-    if (error) throw std::runtime_error(directory + ": " + error.message());
+    if (error) throw failureOf(kBadData, directory, error.value());
     std::sort(files.begin(), files.end());
     return files;
 }
 
-int build(const Cli& cli, const std::string& directory, const std::string& target) {
-    Bytes partition;
-    std::vector<ScreenFilePart> parts;
+void writeFile(const std::string& file, const Bytes& content) {
+    errno = 0;
+    std::ofstream out(file, std::ios::binary | std::ios::trunc);
+    out.write(reinterpret_cast<const char*>(content.data()),
+              static_cast<std::streamsize>(content.size()));
+    if (!out.flush()) throw failureOf(kNotWritten, file + " cannot be written", errno);
+}
+
+Bytes partitionOf(const std::string& directory, const std::vector<ScreenFilePart>& parts) {
     try {
-        for (const fs::path& file : blockFilesIn(directory)) {
-            parts.push_back({addressIn(file), bytesOfFile(file)});
-        }
-        partition = buildScreenFile(parts);
+        return buildScreenFile(parts);
     } catch (const std::runtime_error& error) {
-        cli.console.err << directory << ": " << error.what() << '\n';
-        return kBadData;
+        throw Failure(kBadData, directory + ": " + error.what());
     }
-    std::ofstream out(target, std::ios::binary | std::ios::trunc);
-    out.write(reinterpret_cast<const char*>(partition.data()),
-              static_cast<std::streamsize>(partition.size()));
-    if (!out.flush()) throw std::runtime_error(target + " cannot be written");
-    cli.console.out << target << ": " << parts.size() << " blocks, " << partition.size()
-                    << " bytes\n";
-    return kOk;
+}
+
+struct BuildArguments {
+    std::string directory, target;
+};
+
+void build(const Cli& /*cli*/, const BuildArguments& arguments, Result& result) {
+    std::vector<ScreenFilePart> parts;
+    for (const fs::path& file : blockFilesIn(arguments.directory)) {
+        parts.push_back({addressIn(file), bytesOfFile(file)});
+    }
+    const Bytes partition = partitionOf(arguments.directory, parts);
+    writeFile(arguments.target, partition);
+    result.json = {
+        {"file", arguments.target}, {"blocks", parts.size()}, {"size", partition.size()}};
+    result.text << arguments.target << ": " << parts.size() << " blocks, " << partition.size()
+                << " bytes\n";
 }
 
 void addShow(CLI::App& screen, Cli& cli) {
-    auto file = std::make_shared<std::string>();
-    CLI::App* command = screen.add_subcommand("show", "Print a partition's blocks");
-    command->add_option("FILE", *file, "The partition's content")
+    const auto [command, arguments] =
+        addVerb(screen, cli,
+                {"show", "Print a partition's blocks",
+                 "Example: quilctl screen show my-board/rootfs/dev/block/by-name/screen"},
+                showScreen);
+    command.add_option("FILE", arguments.file, "The partition's content")
         ->required()
         ->check(CLI::ExistingFile);
-    command->footer("Example: quilctl screen show my-board/rootfs/dev/block/by-name/screen");
-    command->callback(
-        [&cli, file] { cli.action = [&cli, file] { return showScreen(cli, *file); }; });
 }
 
 void addBuild(CLI::App& screen, Cli& cli) {
-    auto directory = std::make_shared<std::string>(), target = std::make_shared<std::string>();
-    CLI::App* command = screen.add_subcommand(
-        "build", "Make a partition from block files: 00-10018000.bin, 01-10B00000.bin, ..");
-    command->add_option("DIR", *directory, "Where the block files are; they go by their names")
+    const auto [command, arguments] =
+        addVerb(screen, cli,
+                {"build", "Make a partition from block files: 00-10018000.bin, 01-10B00000.bin, ..",
+                 "Example: quilctl screen build blocks screen.img"},
+                build);
+    command
+        .add_option("DIR", arguments.directory, "Where the block files are; they go by their names")
         ->required()
         ->check(CLI::ExistingDirectory);
-    command->add_option("OUT", *target, "The partition to write")->required();
-    command->footer("Example: quilctl screen build blocks screen.img");
-    command->callback([&cli, directory, target] {
-        cli.action = [&cli, directory, target] { return build(cli, *directory, *target); };
-    });
+    command.add_option("OUT", arguments.target, "The partition to write")->required();
 }
 
 }  // namespace
 
 void addScreenCommands(CLI::App& app, Cli& cli) {
-    CLI::App* screen = app.add_subcommand("screen", "Partitions of screen parameters");
-    screen->require_subcommand(1);
-    screen->fallthrough();
-    screen->footer("Example: quilctl screen show screen.img");
-    addShow(*screen, cli);
-    addBuild(*screen, cli);
+    CLI::App& screen = addGroup(app, {"screen", "Partitions of screen parameters",
+                                      "Example: quilctl screen show screen.img"});
+    addShow(screen, cli);
+    addBuild(screen, cli);
 }
 
 }  // namespace quil::tools

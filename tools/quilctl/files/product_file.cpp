@@ -1,10 +1,10 @@
 #include "tools/quilctl/files/product_file.h"
 
 #include <ini.h>
+#include <string.h>
 
 #include <algorithm>
 #include <charconv>
-#include <cstring>
 #include <map>
 #include <optional>
 
@@ -144,7 +144,7 @@ class Checker {
         line.resize(std::min(line.size(), size - 2));
         std::replace(line.begin(), line.end(), '\0', ' ');
         line += '\n';
-        std::memcpy(buffer, line.c_str(), line.size() + 1);
+        memcpy(buffer, line.c_str(), line.size() + 1);
         return buffer;
     }
 

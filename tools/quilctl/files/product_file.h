@@ -1,7 +1,8 @@
 // The keys of product.ini, and what can be wrong with a file of them.
 #pragma once
 
-#include <cstddef>
+#include <stddef.h>
+
 #include <span>
 #include <string>
 #include <vector>

@@ -3,7 +3,8 @@
 // outside.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <optional>
 #include <span>
 #include <string>

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <sstream>
 
+#include "tools/quilctl/output/result.h"
+
 namespace quil::tools {
 namespace {
 
@@ -28,6 +30,17 @@ bool hasPassed(const Bytes& record) {
     const auto verdicts = verdictsOf(record);
     return std::none_of(verdicts.begin(), verdicts.end(),
                         [](const SelfTestVerdict& one) { return one.verdict == "Error"; });
+}
+
+void throwUnlessPassed(const Bytes& record) {
+    if (record.empty()) throw Failure(kFailed, "self-test: no answer");
+    if (hasPassed(record)) return;
+    std::string parts;
+    for (const SelfTestVerdict& one : verdictsOf(record)) {
+        if (one.verdict == "Error") parts += (parts.empty() ? "" : ", ") + one.item;
+    }
+    throw Failure(kFailed,
+                  "self-test: " + (parts.empty() ? "it did not run" : "in error: " + parts));
 }
 
 }  // namespace quil::tools

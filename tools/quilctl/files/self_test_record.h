@@ -19,4 +19,7 @@ std::vector<SelfTestVerdict> verdictsOf(const Bytes& record);
 // Whether there is a record, it says that the test ran, and no part is in error.
 bool hasPassed(const Bytes& record);
 
+// Throws a Failure that names the parts in error, or says that there was no answer.
+void throwUnlessPassed(const Bytes& record);
+
 }  // namespace quil::tools

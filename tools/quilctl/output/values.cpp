@@ -1,9 +1,10 @@
 #include "tools/quilctl/output/values.h"
 
+#include <ctype.h>
+#include <stdio.h>
+
 #include <algorithm>
-#include <cctype>
 #include <charconv>
-#include <cstdio>
 
 namespace quil::tools {
 namespace {
@@ -49,7 +50,7 @@ std::string toHex(host::ByteView bytes) {
     std::string text;
     char pair[4];
     for (const uint8_t byte : bytes) {
-        std::snprintf(pair, sizeof pair, "%02X", byte);
+        snprintf(pair, sizeof(pair), "%02X", byte);
         if (!text.empty()) text += ' ';
         text += pair;
     }
@@ -63,7 +64,7 @@ std::string toShortHex(host::ByteView bytes, size_t limit) {
 
 std::string hex32(uint32_t value) {
     char text[16];
-    std::snprintf(text, sizeof text, "0x%08X", value);
+    snprintf(text, sizeof(text), "0x%08X", value);
     return text;
 }
 

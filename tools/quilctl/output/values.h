@@ -1,8 +1,9 @@
 // Numbers and bytes as people type them.
 #pragma once
 
+#include <stdint.h>
+
 #include <chrono>
-#include <cstdint>
 #include <optional>
 #include <string>
 #include <vector>

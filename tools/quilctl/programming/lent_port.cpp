@@ -1,11 +1,11 @@
 #include "tools/quilctl/programming/lent_port.h"
 
+#include <errno.h>
 #include <fcntl.h>
+#include <string.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <stdexcept>
 
 namespace quil::tools {
@@ -20,7 +20,7 @@ void drive(int device, int modemBit, bool isSet) {
 LentPort::LentPort(board::Board& board, const std::string& path, const ModemWiring& wiring) {
     board.lendDevice(path);
     mDevice = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
-    if (mDevice < 0) throw std::runtime_error(path + ": " + std::strerror(errno));
+    if (mDevice < 0) throw std::runtime_error(path + ": " + strerror(errno));
     wire(board.gpio().at(board::kGpioNrst), wiring.nrst);
     wire(board.gpio().at(board::kGpioBoot0), wiring.boot0);
 }

@@ -1,8 +1,9 @@
 #include "tools/quilctl/programming/programming_progress.h"
 
+#include <stdio.h>
+
 #include <algorithm>
 #include <chrono>
-#include <cstdio>
 #include <ostream>
 
 #include "tools/quilctl/output/values.h"
@@ -36,8 +37,8 @@ void ProgrammingProgress::step(const ProgrammingStep& step, const std::string& s
 void ProgrammingProgress::showStep(const std::string& step, const std::string& said) {
     finish();
     char line[256];
-    std::snprintf(line, sizeof line, "%10.3f s  %s%s%s\n", secondsOf(mWatch.now()), step.c_str(),
-                  said.empty() ? "" : ": ", said.c_str());
+    snprintf(line, sizeof(line), "%10.3f s  %s%s%s\n", secondsOf(mWatch.now()), step.c_str(),
+             said.empty() ? "" : ": ", said.c_str());
     mConsole.err << line;
     mConsole.err.flush();
 }
@@ -54,8 +55,8 @@ std::string ProgrammingProgress::numbers() const {
     const double rate = seconds > 0 ? written / seconds : 0;
     const double left = rate > 0 ? (static_cast<double>(mTotal) - written) / rate : 0;
     char text[96];
-    std::snprintf(text, sizeof text, "%zu of %zu bytes, %.2f kB/s, %.0f s left", mWatch.written(),
-                  mTotal, rate / 1e3, std::max(left, 0.0));
+    snprintf(text, sizeof(text), "%zu of %zu bytes, %.2f kB/s, %.0f s left", mWatch.written(),
+             mTotal, rate / 1e3, std::max(left, 0.0));
     return text;
 }
 
@@ -75,7 +76,7 @@ void ProgrammingProgress::drawBar() {
     const auto done = static_cast<size_t>(kBarWidth * percent() / 100);
     const std::string bar = std::string(done, '#') + std::string(kBarWidth - done, '.');
     char head[64];
-    std::snprintf(head, sizeof head, "%3d%% [%s] ", percent(), bar.c_str());
+    snprintf(head, sizeof(head), "%3d%% [%s] ", percent(), bar.c_str());
     mConsole.err << kLineAgain << head << numbers();
     mConsole.err.flush();
     mBarIsOpen = true;

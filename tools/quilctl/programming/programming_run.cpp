@@ -1,11 +1,8 @@
 #include "tools/quilctl/programming/programming_run.h"
 
-#include <android/log.h>
+#include <stdio.h>
 
 #include <algorithm>
-#include <chrono>
-#include <cstdio>
-#include <nlohmann/json.hpp>
 #include <ostream>
 
 #include "tools/quilctl/output/values.h"
@@ -34,34 +31,9 @@ struct Observers {
     }
 };
 
-std::string lastErrorOf(const board::Board& board, size_t since) {
-    const auto lines = board.logLines();
-    std::string last;
-    for (size_t i = since; i < lines.size(); ++i) {
-        if (lines[i].priority == ANDROID_LOG_ERROR) last = lines[i].text;
-    }
-    while (!last.empty() && last.back() == '\n') last.pop_back();
-    return last;
-}
-
 const char* verdictOf(const ProgrammingOutcome& outcome) {
     if (outcome.isWhole()) return "programmed";
     return outcome.isDone ? "INCOMPLETE, unnoticed by the session" : "FAILED";
-}
-
-void printJson(std::ostream& out, const ProgrammingOutcome& outcome,
-               const std::map<std::string, std::string>& more) {
-    nlohmann::json json{{"done", outcome.isWhole()},
-                        {"attempts", outcome.attempts},
-                        {"bytes", outcome.written},
-                        {"seconds", secondsOf(outcome.time)}};
-    if (!outcome.isDone) json["log"] = outcome.lastError;
-    if (outcome.problem) {
-        json["step"] = outcome.problem->step;
-        json["said"] = outcome.problem->said;
-    }
-    json.update(nlohmann::json(more));
-    out << json.dump() << '\n';
 }
 
 }  // namespace
@@ -84,23 +56,36 @@ ProgrammingOutcome runProgramming(BoardSession& session, const Console& console,
             target.imageSize,
             board.now() - start,
             watch.problem(),
-            isDone ? "" : lastErrorOf(board, logged)};
+            isDone ? "" : session.lastError(logged)};
 }
 
-void printOutcome(const Cli& cli, const ProgrammingOutcome& outcome,
-                  const std::map<std::string, std::string>& more) {
-    std::ostream& out = cli.console.out;
-    if (cli.options.json) return printJson(out, outcome, more);
+void addOutcome(Result& result, const ProgrammingOutcome& outcome) {
     char text[128];
-    std::snprintf(text, sizeof text, "%s: %zu of %zu bytes in %.3f s, %d attempt%s\n",
-                  verdictOf(outcome), outcome.written, outcome.size, secondsOf(outcome.time),
-                  outcome.attempts, outcome.attempts == 1 ? "" : "s");
-    out << text;
+    snprintf(text, sizeof(text), "%s: %zu of %zu bytes in %.3f s, %d attempt%s\n",
+             verdictOf(outcome), outcome.written, outcome.size, secondsOf(outcome.time),
+             outcome.attempts, outcome.attempts == 1 ? "" : "s");
+    result.text << text;
+    result.json.update({{"done", outcome.isWhole()},
+                        {"attempts", outcome.attempts},
+                        {"bytes", outcome.written},
+                        {"size", outcome.size},
+                        {"seconds", secondsOf(outcome.time)}});
     if (outcome.problem) {
-        out << "step: " << outcome.problem->step << "\nthe MCU said: " << outcome.problem->said
-            << '\n';
+        result.text << "step: " << outcome.problem->step
+                    << "\nthe MCU said: " << outcome.problem->said << '\n';
+        result.json["step"] = outcome.problem->step;
+        result.json["said"] = outcome.problem->said;
     }
-    if (!outcome.lastError.empty()) out << "the library said: " << outcome.lastError << '\n';
+    if (outcome.lastError.empty()) return;
+    result.text << "the library said: " << outcome.lastError << '\n';
+    result.json["log"] = outcome.lastError;
+}
+
+std::string reasonOf(const ProgrammingOutcome& outcome) {
+    if (outcome.problem) return outcome.problem->step + ": " + outcome.problem->said;
+    if (!outcome.lastError.empty()) return outcome.lastError;
+    return std::to_string(outcome.written) + " of " + std::to_string(outcome.size) +
+           " bytes were acknowledged";
 }
 
 }  // namespace quil::tools

@@ -2,7 +2,6 @@
 #pragma once
 
 #include <functional>
-#include <map>
 #include <memory>
 
 #include "tools/quilctl/programming/programming_progress.h"
@@ -34,8 +33,9 @@ ProgrammingOutcome runProgramming(BoardSession& session, const Console& console,
                                   const std::function<bool()>& flow);
 
 // What was written, the time, the attempts; on failure the step and what the MCU said to it.
-// `more` goes into the JSON form.
-void printOutcome(const Cli& cli, const ProgrammingOutcome& outcome,
-                  const std::map<std::string, std::string>& more);
+void addOutcome(Result& result, const ProgrammingOutcome& outcome);
+
+// Why it is not whole, in one line.
+std::string reasonOf(const ProgrammingOutcome& outcome);
 
 }  // namespace quil::tools

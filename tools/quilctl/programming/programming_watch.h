@@ -2,8 +2,9 @@
 // said. It reads the trace alone, so that the log level stays what the user wants.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
+
 #include <functional>
 #include <memory>
 #include <optional>

@@ -1,13 +1,15 @@
 #include "tools/quilctl/session/board_session.h"
 
+#include <android/log.h>
 #include <fcntl.h>
+#include <stdio.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 #include <ostream>
 #include <stdexcept>
 
+#include "board/core/kept_store.h"
 #include "board/mcu/mcu_fitting.h"
 
 namespace quil::tools {
@@ -26,7 +28,7 @@ void writeTrace(const board::Trace& trace, const std::filesystem::path& file) {
 }  // namespace
 
 QuietStandardOutput::QuietStandardOutput() {
-    std::fflush(stdout);
+    fflush(stdout);
     mSaved = dup(STDOUT_FILENO);
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (nowhere < 0) return;
@@ -35,7 +37,7 @@ QuietStandardOutput::QuietStandardOutput() {
 }
 
 QuietStandardOutput::~QuietStandardOutput() {
-    std::fflush(stdout);
+    fflush(stdout);
     if (mSaved < 0) return;
     dup2(mSaved, STDOUT_FILENO);
     close(mSaved);
@@ -53,6 +55,7 @@ BoardSession::BoardSession(const Options& options, const Console& console, bool 
 }
 
 std::unique_ptr<board::Board> BoardSession::powerOn() {
+    board::takeKeepFailure();  // of an earlier board in this process
     std::filesystem::path directory = mOptions.boardDirectory;
     if (directory.empty()) {
         mTemporary.emplace(board::productByName(mOptions.product).value_or(board::Product::kHeron));
@@ -69,10 +72,11 @@ std::unique_ptr<board::Board> BoardSession::powerOn() {
 }
 
 BoardSession::~BoardSession() {
-    try {
-        finish();
-    } catch (const std::runtime_error& error) {
-        mConsole.err << "quilctl: " << error.what() << '\n';
+    finish();
+    mBoard.reset();
+    const std::string unkept = board::takeKeepFailure();
+    if (!unkept.empty()) {
+        mConsole.lateFailures.emplace_back(kNoBoard, "the board's state is lost: " + unkept);
     }
 }
 
@@ -94,11 +98,29 @@ void BoardSession::applyLogLevel() {
 void BoardSession::finish() {
     mHost.reset();
     if (!mFormerLevel.empty()) mBoard->properties().set(kLogLevelProperty, mFormerLevel);
-    if (!mOptions.traceFile.empty()) writeTrace(mBoard->trace(), mOptions.traceFile);
+    if (!mOptions.traceFile.empty()) saveTrace();
+}
+
+void BoardSession::saveTrace() {
+    try {
+        writeTrace(mBoard->trace(), mOptions.traceFile);
+    } catch (const std::runtime_error& error) {
+        mConsole.lateFailures.emplace_back(kNotWritten, std::string("--trace: ") + error.what());
+    }
 }
 
 void BoardSession::onRequest(bool isWrite, const Bytes& request) {
     mBoard->trace().add(board::EventKind::kRequest, "client", isWrite ? "set" : "get", request);
+}
+
+std::string BoardSession::lastError(size_t since) const {
+    const auto lines = mBoard->logLines();
+    std::string last;
+    for (size_t i = since; i < lines.size(); ++i) {
+        if (lines[i].priority == ANDROID_LOG_ERROR) last = lines[i].text;
+    }
+    while (!last.empty() && last.back() == '\n') last.pop_back();
+    return last;
 }
 
 void BoardSession::startService(const host::BootJobs& jobs) {

@@ -37,8 +37,9 @@ class TemporaryBoard : public board::TemporaryDirectory {
     explicit TemporaryBoard(board::Product product);  // throws std::runtime_error
 };
 
-// A powered board as the options ask for it. Log lines go to the error stream as they come; the
-// trace is written at the end.
+// A powered board as the options ask for it. Log lines go to the error stream as they come. At the
+// end the trace is written; that, or a state of the board, that could not be written makes the
+// command fail.
 class BoardSession : public ServiceSession {
   public:
     BoardSession(const Options& options, const Console& console,
@@ -49,6 +50,8 @@ class BoardSession : public ServiceSession {
     host::HostingComponent& host() { return *mHost; }
     Service& service() override { return *mHost->service(); }
     void onRequest(bool isWrite, const Bytes& request) override;
+    // The last error message of the library from its log line number `since` on; "" without one.
+    std::string lastError(size_t since = 0) const;
 
     // Throws std::runtime_error when it does not come up. Boot jobs have commands of their own: a
     // request should not reprogram the MCU.
@@ -56,6 +59,7 @@ class BoardSession : public ServiceSession {
 
   private:
     std::unique_ptr<board::Board> powerOn();
+    void saveTrace();
     void showLogLines();
     void applyLogLevel();
     void finish();

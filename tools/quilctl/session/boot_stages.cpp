@@ -1,11 +1,10 @@
 #include "tools/quilctl/session/boot_stages.h"
 
 #include <android/log.h>
+#include <stdio.h>
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
-#include <nlohmann/json.hpp>
 
 #include "tools/quilctl/output/values.h"
 
@@ -91,7 +90,7 @@ class BootStages::Watch {
         mError.clear();
         mFailed = false;
         char line[64];
-        std::snprintf(line, sizeof line, "%10.3f s  %-20s ", secondsOf(now), name.c_str());
+        snprintf(line, sizeof(line), "%10.3f s  %-20s ", secondsOf(now), name.c_str());
         mErr << line << resultOf(mStages.back()) << '\n';
         mErr.flush();
     }
@@ -139,33 +138,31 @@ void BootStages::end(const std::string& name, bool ok, const std::string& said) 
 
 const std::vector<BootStage>& BootStages::all() const { return mWatch->stages(); }
 
-bool BootStages::allOk() const {
-    return std::all_of(all().begin(), all().end(), [](const BootStage& stage) { return stage.ok; });
-}
-
 const std::string& BootStages::error() const { return mWatch->error(); }
 
-void printStages(std::ostream& out, const std::vector<BootStage>& stages) {
+void addStages(Result& result, const std::vector<BootStage>& stages) {
     char line[96];
-    std::snprintf(line, sizeof line, "%-20s %12s %12s  %s\n", "stage", "from", "took", "result");
-    out << line;
+    snprintf(line, sizeof(line), "%-20s %12s %12s  %s\n", "stage", "from", "took", "result");
+    result.text << line;
+    result.json["stages"] = Json::array();
     for (const BootStage& stage : stages) {
-        std::snprintf(line, sizeof line, "%-20s %10.3f s %10.3f s  ", stage.name.c_str(),
-                      secondsOf(stage.start), secondsOf(stage.end - stage.start));
-        out << line << resultOf(stage) << '\n';
+        const double from = secondsOf(stage.start), took = secondsOf(stage.end - stage.start);
+        snprintf(line, sizeof(line), "%-20s %10.3f s %10.3f s  ", stage.name.c_str(), from, took);
+        result.text << line << resultOf(stage) << '\n';
+        result.json["stages"].push_back({{"stage", stage.name},
+                                         {"from", from},
+                                         {"took", took},
+                                         {"ok", stage.ok},
+                                         {"said", stage.said}});
     }
 }
 
-std::string jsonOf(const std::vector<BootStage>& stages) {
-    auto rows = nlohmann::json::array();
+void throwUnlessAllOk(const std::vector<BootStage>& stages) {
+    std::string failed;
     for (const BootStage& stage : stages) {
-        rows.push_back({{"stage", stage.name},
-                        {"from", secondsOf(stage.start)},
-                        {"took", secondsOf(stage.end - stage.start)},
-                        {"ok", stage.ok},
-                        {"said", stage.said}});
+        if (!stage.ok) failed += (failed.empty() ? "" : ", ") + stage.name;
     }
-    return rows.dump();
+    if (!failed.empty()) throw Failure(kFailed, "failed: " + failed);
 }
 
 }  // namespace quil::tools

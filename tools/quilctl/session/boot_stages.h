@@ -33,7 +33,6 @@ class BootStages {
     void end(const std::string& name, bool ok, const std::string& said = "");
 
     const std::vector<BootStage>& all() const;
-    bool allOk() const;
     // The last error message since the last stage ended; empty when there was none.
     const std::string& error() const;
 
@@ -44,7 +43,9 @@ class BootStages {
     const std::shared_ptr<Watch> mWatch;  // the trace keeps its listeners
 };
 
-void printStages(std::ostream& out, const std::vector<BootStage>& stages);
-std::string jsonOf(const std::vector<BootStage>& stages);
+// Both forms of the stages.
+void addStages(Result& result, const std::vector<BootStage>& stages);
+// Throws a Failure that names the stages that failed.
+void throwUnlessAllOk(const std::vector<BootStage>& stages);
 
 }  // namespace quil::tools

@@ -1,11 +1,11 @@
 #include "tools/quilctl/session/bring_up_faults.h"
 
 #include <errno.h>
+#include <stdio.h>
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <string_view>
 
 #include "board/fpga/screen_partition.h"
@@ -95,7 +95,7 @@ std::string checkFaultName(std::string& name) {
 
 std::string helpLine(std::string_view name, const char* meaning) {
     char line[112];
-    std::snprintf(line, sizeof line, "  %-12s %s\n", std::string(name).c_str(), meaning);
+    snprintf(line, sizeof(line), "  %-12s %s\n", std::string(name).c_str(), meaning);
     return line;
 }
 
@@ -110,15 +110,14 @@ void forgetMet(std::vector<std::string>& unmet, const board::Event& event) {
 
 }  // namespace
 
-void addFaultOption(CLI::App& command, std::vector<std::string>& chosen,
-                    const std::string& footer) {
+void addFaultOption(CLI::App& command, std::vector<std::string>& chosen) {
     command.add_option("--fault", chosen, "What is broken in this run, by the names below")
         ->delimiter(',')
         ->check(CLI::Validator(checkFaultName, "NAME"));
     std::string help = "Faults:\n";
     for (const PartRow& row : kPartFaults) help += helpLine(row.name, row.meaning);
     for (const CallRow& row : kCallFaults) help += helpLine(row.name, row.meaning);
-    command.footer(help + "\n" + footer);
+    command.footer(help + "\n" + command.get_footer());
 }
 
 BringUpFaults::BringUpFaults(board::Board& board, const std::vector<std::string>& names,

@@ -15,9 +15,8 @@ class App;
 
 namespace quil::tools {
 
-// Adds --fault to a command, whose names end up in `chosen`, and what they mean to `footer`, which
-// becomes the command's.
-void addFaultOption(CLI::App& command, std::vector<std::string>& chosen, const std::string& footer);
+// Adds --fault to a command, whose names end up in `chosen`, and what they mean to its footer.
+void addFaultOption(CLI::App& command, std::vector<std::string>& chosen);
 
 // These parts are broken from here on, until the board's power goes. Tells on the error stream,
 // when it goes itself, which of them nothing has come across.

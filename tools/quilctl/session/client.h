@@ -16,7 +16,7 @@ Bytes ask(ServiceSession& session, bool isWrite, const Bytes& request);
 
 // What a self-test or a power mode is answered while firmware is being written. To a request of the
 // MCU's it may be an answer like any other.
-inline constexpr char kBusyText[] = "firmware is being written: ask again later\n";
+inline constexpr char kBusyText[] = "firmware is being written: ask again later";
 inline bool saysBusy(const Bytes& answer) { return answer == Bytes{0xFF}; }
 
 // Registers a callback `count` times, invokes it with `data`, takes it back as often, and gives

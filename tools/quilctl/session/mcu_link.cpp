@@ -1,9 +1,10 @@
+#include "tools/quilctl/session/mcu_link.h"
+
 #include <stdexcept>
 
 #include "config/config_info.h"
 #include "host/start_up.h"
 #include "isp/mcu_update.h"
-#include "tools/quilctl/programming/mcu.h"
 
 namespace quil::tools {
 

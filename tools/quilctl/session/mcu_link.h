@@ -1,9 +1,6 @@
-// What the commands about the MCU share.
 #pragma once
 
 #include <string>
-
-#include "tools/quilctl/session/board_session.h"
 
 namespace quil::tools {
 
@@ -18,10 +15,5 @@ class McuLink {
     // What the running application answers; empty when it does not.
     std::string version() const;
 };
-
-// Parts of "mcu".
-void addMcuProgram(CLI::App& mcu, Cli& cli);
-void addMcuTask(CLI::App& mcu, Cli& cli);
-void addMcuModel(CLI::App& mcu, Cli& cli);
 
 }  // namespace quil::tools

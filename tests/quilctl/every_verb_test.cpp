@@ -1,0 +1,293 @@
+// What holds for every command of the two programs. The commands come from the command tree, so
+// that a new one has to pass, too.
+#include <gmock/gmock.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <map>
+#include <streambuf>
+
+#include "testing/build.h"
+#include "testing/program_output.h"
+#include "testing/project_files.h"
+#include "tests/quilctl/test_run.h"
+
+namespace quil::tests {
+namespace {
+
+using testing::AnyOf;
+using testing::Contains;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Key;
+using testing::Not;
+using tools::Words;
+
+Words operator+(Words words, const Words& more) {
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
+std::string textOf(const Words& words) {
+    std::string text;
+    for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+    return text;
+}
+
+// Arguments with which a command does its work, and what it does.
+struct VerbCase {
+    Words arguments;
+    bool powersBoard = true;
+    int code = tools::kOk;
+};
+
+// The row of the command in the table of results.
+std::string documentedResultOf(const Words& verb) {
+    std::istringstream document(projectText("docs/quilctl.md"));
+    for (std::string line; std::getline(document, line);) {
+        const std::string head = line.substr(0, line.find(" | "));
+        if (head.find("`" + textOf(verb) + "`") != std::string::npos) return line;
+    }
+    return "";
+}
+
+// Takes nothing, as a full disk does.
+class FullDisk : public std::streambuf {};
+
+int codeOnFullDisk(const Words& words) {
+    std::vector<const char*> argv = {"quilctl"};
+    for (const std::string& word : words) argv.push_back(word.c_str());
+    FullDisk full;
+    std::istringstream in;
+    std::ostream out(&full);
+    std::ostringstream err;
+    const int code = tools::run(tools::kBoardProgram, static_cast<int>(argv.size()), argv.data(),
+                                {in, out, err, false});
+    fd = -1;  // as freshly loaded: a session leaves its port's number there
+    return code;
+}
+
+class QuilctlEveryVerb : public QuilctlRun {
+  protected:
+    QuilctlEveryVerb() {
+        std::filesystem::create_directory(directory / "blocks");
+        board::writeWholeFile(directory / "blocks/00-10018000.bin", "block");
+        board::writeWholeFile(directory / "screen.img", std::string("\0\0\0\1\x10\1\x80\0"
+                                                                    "\0\0\0\1x",
+                                                                    13));
+        board::writeWholeFile(directory / "no.ini", "[mcu]\n");
+    }
+
+    std::map<std::string, VerbCase> cases() const {
+        return {
+            {"get", {{"1"}}},
+            {"set", {{"0x102", "01"}}},
+            {"callbacks", {}},
+            {"self-test", {}},
+            {"power low", {}},
+            {"power normal", {}},
+            {"config show", {}},
+            {"config check", {{path("no.ini")}, false, tools::kBadData}},
+            {"frame encode", {{"1"}, false}},
+            {"frame decode", {{"55BB"}, false, tools::kBadData}},
+            {"board new", {{path("new")}, false}},
+            {"board show", {{path("none")}, false, tools::kNoBoard}},
+            {"boot", {}},
+            {"fpga status", {}},
+            {"fpga load", {}},
+            {"fpga flash", {{imageFile("no image")}, true, tools::kFailed}},
+            {"screen show", {{path("screen.img")}, false}},
+            {"screen build", {{path("blocks"), path("built.img")}, false}},
+            {"mcu version", {}},
+            {"mcu update", {{"--installed", "V0.9.0"}}},
+            {"mcu program", {{"--chip", "gd32f303", imageFile(std::string(512, 'x'))}}},
+            {"mcu task", {{"get"}}},
+            {"mcu model",
+             {{"--chip", "gd32f303", "--pty", path("none/link")}, false, tools::kNoBoard}},
+            {"demo", {}},
+            {"help", {{"get"}, false}},
+        };
+    }
+
+    // Each command with its words and the case for it.
+    template <typename Check>
+    void forEach(Check check) {
+        const auto known = cases();
+        for (const Words& verb : tools::verbsOf(tools::kBoardProgram)) {
+            SCOPED_TRACE(textOf(verb));
+            std::filesystem::remove_all(directory / "new");
+            const auto found = known.find(textOf(verb));
+            if (found != known.end()) check(verb, found->second);
+        }
+    }
+};
+
+TEST_F(QuilctlEveryVerb, HasACaseHere) {
+    for (const Words& verb : tools::verbsOf(tools::kBoardProgram)) {
+        EXPECT_THAT(cases(), Contains(Key(textOf(verb))));
+    }
+}
+
+TEST_F(QuilctlEveryVerb, PrintsOneDocumentOfTheSchemaWhenAskedForJson) {
+    forEach([&](const Words& verb, const VerbCase& row) {
+        const Said said = quilctl(Words{"--json"} + verb + row.arguments);
+        EXPECT_EQ(said.code, row.code) << said.err;
+        const auto json = nlohmann::json::parse(said.out);
+        EXPECT_EQ(json["schema"], 1);
+        EXPECT_EQ(json["command"], textOf(verb));
+        EXPECT_EQ(json["exit_code"], said.code);
+        EXPECT_EQ(json.contains("error"), said.code != tools::kOk);
+        EXPECT_TRUE(said.code != tools::kOk || json["result"].is_object());
+        for (const auto& [name, value] : json.items()) {
+            EXPECT_THAT(name, AnyOf("schema", "command", "exit_code", "error", "result"));
+        }
+        if (!json.contains("result")) return;
+        for (const auto& [name, value] : json["result"].items()) {
+            EXPECT_THAT(documentedResultOf(verb), HasSubstr("`" + name + "`"));
+        }
+    });
+}
+
+TEST_F(QuilctlEveryVerb, PrintsAWrongCommandLineAsJsonWhenAskedForJson) {
+    forEach([&](const Words& verb, const VerbCase& row) {
+        const Said said = quilctl(verb + row.arguments + Words{"--no-such-option", "--json"});
+        EXPECT_EQ(said.code, tools::kUsage);
+        const auto json = nlohmann::json::parse(said.out);
+        EXPECT_EQ(json["error"]["kind"], "usage");
+        EXPECT_THAT(std::string(json["error"]["message"]), HasSubstr("'--no-such-option'"));
+        EXPECT_THAT(said.err, HasSubstr("quilctl: unknown word '--no-such-option'"));
+    });
+}
+
+TEST_F(QuilctlEveryVerb, SaysOnTheErrorStreamWhyItFailed) {
+    forEach([&](const Words& verb, const VerbCase& row) {
+        const Said said = quilctl(Words{"--quiet"} + verb + row.arguments);
+        EXPECT_EQ(said.code, row.code);
+        EXPECT_EQ(said.err.empty(), said.code == tools::kOk) << said.err;
+    });
+}
+
+TEST_F(QuilctlEveryVerb, FailsWhenStandardOutputCannotBeWritten) {
+    forEach([&](const Words& verb, const VerbCase& row) {
+        EXPECT_EQ(codeOnFullDisk(Words{"--json"} + verb + row.arguments), tools::kNotWritten);
+        if (row.code != tools::kOk) return;
+        std::filesystem::remove_all(directory / "new");
+        EXPECT_EQ(codeOnFullDisk(verb + row.arguments), tools::kNotWritten);
+    });
+}
+
+TEST_F(QuilctlEveryVerb, FailsWhenTheTraceOfItsBoardCannotBeWritten) {
+    forEach([&](const Words& verb, const VerbCase& row) {
+        if (!row.powersBoard) return;
+        const Said said = quilctl(Words{"--trace", path("none/t.vcd")} + verb + row.arguments);
+        EXPECT_EQ(said.code, row.code == tools::kOk ? tools::kNotWritten : row.code);
+        EXPECT_THAT(said.err, HasSubstr("quilctl: --trace: " + path("none/t.vcd") +
+                                        ": cannot be written: No such file or directory\n"));
+    });
+}
+
+TEST_F(QuilctlEveryVerb, HasHelpWithAnExampleAndTheWayToTheGlobalOptions) {
+    for (const tools::Program* program : {&tools::kBoardProgram, &tools::kDeviceProgram}) {
+        for (const Words& verb : tools::verbsOf(*program)) {
+            SCOPED_TRACE(textOf(verb));
+            const Said said = runProgram(*program, verb + Words{"--help"});
+            EXPECT_EQ(said.code, tools::kOk);
+            EXPECT_THAT(said.out, HasSubstr("Example"));
+            EXPECT_THAT(said.out, HasSubstr("described by quilctl --help:\n  --help"));
+            EXPECT_THAT(said.err, IsEmpty());
+            EXPECT_EQ(runProgram(*program, Words{"help"} + verb).out, said.out);
+        }
+    }
+}
+
+TEST(QuilctlExitCodes, AreATableInTheHelpAndInTheDocument) {
+    const std::string help = quilctl({"--help"}).out;
+    const std::string document = projectText("docs/quilctl.md");
+    int next = 0;
+    for (const tools::ExitCodeRow& row : tools::kExitCodes) {
+        const std::string code = std::to_string(row.code);
+        EXPECT_EQ(row.code, next++) << "the table is in order and without gaps";
+        EXPECT_THAT(help, HasSubstr("  " + code + "  " + row.meaning + "\n"));
+        EXPECT_THAT(document, HasSubstr("| " + code + " | `" + row.name + "` | " + row.meaning));
+    }
+}
+
+TEST(QuilctlWords, UnknownWordsAreNamedWithTheNearestKnownOnes) {
+    EXPECT_EQ(quilctl({"gte", "1"}).err,
+              "quilctl: unknown word 'gte'; the nearest: get (see quilctl --help)\n");
+    EXPECT_EQ(quilctl({"mcu", "updat"}).err,
+              "quilctl: unknown word 'updat'; the nearest: update (see quilctl mcu --help)\n");
+    EXPECT_THAT(quilctl({"--tarce", "x.vcd", "get", "1"}).err,
+                HasSubstr("unknown word '--tarce'; the nearest: --trace "));
+    EXPECT_THAT(quilctl({"get", "1", "--dta", "1"}).err, HasSubstr("the nearest: --data "));
+    EXPECT_THAT(quilctl({"power", "zzz"}).err, HasSubstr("'zzz'; known: low, normal (see"));
+    EXPECT_THAT(quilctl({"help", "mcu", "modle"}).err, HasSubstr("the nearest: model"));
+}
+
+TEST(QuilctlWords, MissingCommandIsAnsweredWithTheCommands) {
+    EXPECT_THAT(quilctl({"fpga"}).err,
+                HasSubstr("a command is missing: status, load, flash (see quilctl fpga --help)"));
+}
+
+TEST(QuilctlWords, VersionIsTheProjects) {
+    const std::string version = quilctl({"--version"}).out;
+    EXPECT_EQ(version.rfind("quilctl ", 0), 0U);
+    const std::string number = version.substr(8, version.size() - 9);
+    EXPECT_THAT(projectText("CMakeLists.txt"), HasSubstr("project(quil VERSION " + number + " "));
+}
+
+TEST(QuilctlWords, QuietTurnsProgressAndLogAway) {
+    const Words words = {"--log-level", "D", "mcu", "update", "--installed", "V0.9.0"};
+    EXPECT_THAT(quilctl(words).err, Not(IsEmpty()));
+    EXPECT_THAT(quilctl(Words{"--quiet"} + words).err, IsEmpty());
+}
+
+class QuilctlBoardState : public QuilctlRun {};
+
+TEST_F(QuilctlBoardState, BoardOfTheEnvironmentIsTheOneWithoutAnOption) {
+    const std::string board = newBoard();
+    ASSERT_EQ(quilctl({"--board", board, "set", "0x102", "0A"}).code, tools::kOk);
+    setenv("QUIL_BOARD", board.c_str(), 1);
+    const Said said = quilctl({"get", "0x102"});
+    unsetenv("QUIL_BOARD");
+    EXPECT_EQ(said.out, "0A\n");
+}
+
+// A directory where a file is to be written fails for every user, root too.
+TEST_F(QuilctlBoardState, ValueThatTheBoardCannotKeepIsNotReportedAsSet) {
+    const std::string board = newBoard();
+    std::filesystem::remove(board + "/mcu/values");
+    std::filesystem::create_directory(board + "/mcu/values");
+    const Said said = quilctl({"--board", board, "set", "0x102", "0A"});
+    EXPECT_EQ(said.code, tools::kNoBoard);
+    EXPECT_THAT(said.out, IsEmpty());
+    EXPECT_EQ(said.err,
+              "quilctl: the board's state is lost: " + board + "/mcu/values: Is a directory\n");
+}
+
+TEST_F(QuilctlBoardState, ImageThatTheBoardCannotKeepIsNotReportedAsProgrammed) {
+    const std::string board = newBoard();
+    std::filesystem::remove(board + "/mcu/flash");
+    std::filesystem::create_directory(board + "/mcu/flash");
+    const Said said = quilctl({"--board", board, "mcu", "program", "--chip", "gd32f303",
+                               imageFile(std::string(512, 'x'))});
+    EXPECT_EQ(said.code, tools::kNoBoard);
+    EXPECT_THAT(said.out, IsEmpty());
+    EXPECT_THAT(said.err, HasSubstr("mcu/flash: Is a directory\n"));
+}
+
+// The program itself, with the shell's exit code.
+std::string shell(const std::string& words) {
+    return outputOf(QUIL_EMULATOR " '" QUIL_BIN_DIR "/quilctl' " + words + "; echo \"code $?\"");
+}
+
+TEST(QuilctlProgram, SaysWhyStandardOutputCannotBeWritten) {
+    EXPECT_EQ(shell("get 1 2>&1 >/dev/full"),
+              "quilctl: standard output cannot be written: No space left on device\ncode 5\n");
+    EXPECT_EQ(shell("get 1 2>&1 >&-"), "quilctl: standard output cannot be written\ncode 5\n");
+    EXPECT_EQ(shell("--help 2>&1 >/dev/full"),
+              "quilctl: standard output cannot be written: No space left on device\ncode 5\n");
+}
+
+}  // namespace
+}  // namespace quil::tests

@@ -1,0 +1,33 @@
+// Every exit code of quilctl. --help prints this table, and the JSON form of an error has the name.
+#pragma once
+
+#include <array>
+
+namespace quil::tools {
+
+enum ExitCode : int {
+    kOk = 0,
+    kFailed = 1,
+    kUsage = 2,
+    kBadData = 3,
+    kNoBoard = 4,
+    kNotWritten = 5,
+    kInternal = 6,
+};
+
+struct ExitCodeRow {
+    ExitCode code;
+    const char* name;
+    const char* meaning;
+};
+inline constexpr std::array<ExitCodeRow, 7> kExitCodes = {{
+    {kOk, "ok", "done"},
+    {kFailed, "failed", "no answer, a part in error, or a step that failed"},
+    {kUsage, "usage", "wrong command line, or a named file that is not there"},
+    {kBadData, "bad_data", "a file, a frame or an image with something wrong in it"},
+    {kNoBoard, "no_board", "the board or its service cannot be used"},
+    {kNotWritten, "not_written", "an output cannot be written: a file, --trace, standard output"},
+    {kInternal, "internal", "a defect of quilctl itself"},
+}};
+
+}  // namespace quil::tools

@@ -1,0 +1,67 @@
+#include "tools/quilctl/output/result.h"
+
+#include <errno.h>
+#include <string.h>
+
+#include <algorithm>
+#include <ostream>
+
+namespace quil::tools {
+namespace {
+
+constexpr int kSchema = 1;  // docs/quilctl.md describes it
+
+const ExitCodeRow& rowOf(ExitCode code) {
+    const auto row = std::find_if(kExitCodes.begin(), kExitCodes.end(),
+                                  [code](const ExitCodeRow& one) { return one.code == code; });
+    return row == kExitCodes.end() ? kExitCodes.back() : *row;
+}
+
+std::string messagesOf(const std::vector<Failure>& failures) {
+    std::string text;
+    for (const Failure& failure : failures) {
+        text += (text.empty() ? "" : "; ") + std::string(failure.what());
+    }
+    return text;
+}
+
+std::string documentOf(const std::string& command, const Json& result,
+                       const std::vector<Failure>& failures) {
+    const ExitCode code = failures.empty() ? kOk : failures.front().code();
+    Json document{{"schema", kSchema}, {"command", command}, {"exit_code", static_cast<int>(code)}};
+    if (code != kOk) {
+        document["error"] = {{"kind", rowOf(code).name}, {"message", messagesOf(failures)}};
+    }
+    if (!result.empty()) document["result"] = result;
+    // Texts of the board may hold any bytes: what is no UTF-8 is replaced.
+    return document.dump(-1, ' ', false, Json::error_handler_t::replace) + '\n';
+}
+
+}  // namespace
+
+Failure failureOf(ExitCode code, const std::string& what, int error) {
+    return {code, error == 0 ? what : what + ": " + strerror(error)};
+}
+
+void Result::show() {
+    if (mLive == nullptr) return;
+    *mLive << text.str();
+    mLive->flush();
+    text.str("");
+}
+
+ExitCode print(const Output& output, const std::string& command, Result& result,
+               std::vector<Failure> failures) {
+    errno = 0;
+    output.out << (output.asJson ? documentOf(command, result.json, failures) : result.text.str());
+    output.out.flush();
+    if (!output.out) {
+        failures.insert(failures.begin(),
+                        failureOf(kNotWritten, "standard output cannot be written", errno));
+    }
+    for (const Failure& failure : failures) output.err << "quilctl: " << failure.what() << '\n';
+    output.err.flush();
+    return failures.empty() ? kOk : failures.front().code();
+}
+
+}  // namespace quil::tools

@@ -1,0 +1,58 @@
+// What a command has found out, in its two forms, and the one place that prints it.
+#pragma once
+
+#include <iosfwd>
+#include <nlohmann/json.hpp>
+#include <sstream>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "tools/quilctl/output/exit_codes.h"
+
+namespace quil::tools {
+
+using Json = nlohmann::ordered_json;  // members stay in the order in which they were added
+
+// Ends a command: thrown by it with what failed, where, and why.
+class Failure : public std::runtime_error {
+  public:
+    Failure(ExitCode code, const std::string& message) : std::runtime_error(message), mCode(code) {}
+    ExitCode code() const { return mCode; }
+
+  private:
+    ExitCode mCode;
+};
+
+// "file: No such file or directory", with the reason of a system call that has just failed.
+Failure failureOf(ExitCode code, const std::string& what, int error);
+
+// Filled by a command. What was filled before a Failure is printed as well.
+class Result {
+  public:
+    // `live`: where show() prints; null when the text is not wanted.
+    explicit Result(std::ostream* live) : mLive(live) {}
+
+    Json json = Json::object();
+    std::ostringstream text;
+
+    // Prints the text so far. Only for a command whose text is also its progress.
+    void show();
+
+  private:
+    std::ostream* const mLive;
+};
+
+struct Output {
+    std::ostream& out;
+    std::ostream& err;
+    bool asJson;
+};
+
+// Prints the result as text or as one line of JSON, and failures to the error stream; gives the
+// exit code, which is that of the first failure. `command` is "mcu update", without options.
+// An output that cannot be written is a failure, too.
+ExitCode print(const Output& output, const std::string& command, Result& result,
+               std::vector<Failure> failures);
+
+}  // namespace quil::tools
