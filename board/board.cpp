@@ -1,7 +1,8 @@
 #include "board/board.h"
 
-#include <cstdio>
-#include <cstdlib>
+#include <stdio.h>
+#include <stdlib.h>
+
 #include <stdexcept>
 
 #include "board/core/whole_file.h"

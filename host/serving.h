@@ -1,7 +1,7 @@
 // The serving process: the product brought up, and its service offered through the binder.
 #pragma once
 
-#include <cstddef>
+#include <stddef.h>
 
 namespace quil::host {
 

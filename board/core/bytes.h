@@ -1,8 +1,9 @@
 // Numbers in bytes and bytes in text, as wires, images and traces have them.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
+
 #include <functional>
 #include <numeric>
 #include <span>

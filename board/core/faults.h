@@ -1,7 +1,8 @@
 // Injected faults: calls that fail, transfer fewer bytes than asked, or lose data silently.
 #pragma once
 
-#include <cstddef>
+#include <stddef.h>
+
 #include <functional>
 #include <optional>
 #include <string>

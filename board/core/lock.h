@@ -2,8 +2,9 @@
 // see them: locks of the board would order the program's threads and so hide the program's races.
 #pragma once
 
+#include <stdint.h>
+
 #include <atomic>
-#include <cstdint>
 #include <mutex>
 
 namespace quil::board {

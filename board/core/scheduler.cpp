@@ -1,7 +1,8 @@
 #include "board/core/scheduler.h"
 
-#include <cstdio>
-#include <cstdlib>
+#include <stdio.h>
+#include <stdlib.h>
+
 #include <iterator>
 #include <utility>
 

@@ -1,6 +1,6 @@
 #include "board/core/trace.h"
 
-#include <cstdio>
+#include <stdio.h>
 
 #include "board/core/bytes.h"
 #include "board/core/lock.h"
@@ -74,7 +74,7 @@ const char* nameOf(EventKind kind) {
 
 std::string toLine(const Event& event) {
     char stamp[40];
-    snprintf(stamp, sizeof stamp, "%12.6f %-9s ", static_cast<double>(event.at.count()) / 1e9,
+    snprintf(stamp, sizeof(stamp), "%12.6f %-9s ", static_cast<double>(event.at.count()) / 1e9,
              nameOf(event.kind));
     std::string line = stamp + event.source;
     if (!event.text.empty()) line += ": " + oneLine(event.text);

@@ -1,8 +1,9 @@
 // Everything that happens on the board, in order, stamped with board time.
 #pragma once
 
+#include <stdint.h>
+
 #include <chrono>
-#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <optional>

@@ -1,7 +1,8 @@
 // Files of the workstation, read and written as a whole.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <filesystem>
 #include <optional>
 #include <string>

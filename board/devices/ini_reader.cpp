@@ -1,9 +1,8 @@
 #include "board/devices/ini_reader.h"
 
 #include <ini.h>
-
-#include <cstdlib>
-#include <cstring>
+#include <stdlib.h>
+#include <string.h>
 
 #include "board/core/whole_file.h"
 

@@ -1,7 +1,8 @@
 // The board's closed reader of INI files, and its product information block.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <filesystem>
 #include <map>
 #include <string>

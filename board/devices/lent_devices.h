@@ -2,7 +2,8 @@
 // device, and the trace records what they transfer. For boards in real time.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <map>
 #include <set>
 #include <string>

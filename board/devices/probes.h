@@ -4,7 +4,8 @@
 // healthy, and the SD card is present.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <map>
 #include <span>
 #include <string>

@@ -1,5 +1,6 @@
 // The parser of the board's shell.
-#include <cctype>
+#include <ctype.h>
+
 #include <optional>
 #include <stdexcept>
 

@@ -1,6 +1,7 @@
 #include "board/devices/uart.h"
 
 #include <errno.h>
+#include <stddef.h>
 
 #include <algorithm>
 #include <array>
@@ -277,7 +278,7 @@ ssize_t Uart::hostRead(uint8_t* data, size_t count, bool nonBlocking) {
     if (!mPlugged) return 0;
     const size_t got = std::min(count, mRx.size());
     std::copy_n(mRx.begin(), got, data);
-    mRx.erase(mRx.begin(), mRx.begin() + static_cast<std::ptrdiff_t>(got));
+    mRx.erase(mRx.begin(), mRx.begin() + static_cast<ptrdiff_t>(got));
     return static_cast<ssize_t>(got);
 }
 

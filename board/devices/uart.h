@@ -2,10 +2,10 @@
 // the device at the other end of the wire.
 #pragma once
 
+#include <stdint.h>
 #include <termios.h>
 
 #include <array>
-#include <cstdint>
 #include <deque>
 #include <string>
 #include <vector>

@@ -13,8 +13,9 @@
 // Faults: Call::kOpen, kRead, kWrite and kClose by the path.
 #pragma once
 
+#include <stdint.h>
+
 #include <array>
-#include <cstdint>
 #include <map>
 #include <memory>
 #include <optional>

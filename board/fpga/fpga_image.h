@@ -4,8 +4,9 @@
 // (IEEE 802.3) of everything behind this field (4), the version's text (20, NUL padded), the body.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
+
 #include <span>
 #include <string>
 #include <string_view>

@@ -5,7 +5,8 @@
 // function's name (the call does nothing and returns -error; with lostSilently it returns 0).
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <initializer_list>
 #include <string>
 #include <vector>

@@ -1,6 +1,7 @@
 // The FPGA's SPI port: transactions, registers and parameter memory.
+#include <stdio.h>
+
 #include <algorithm>
-#include <cstdio>
 
 #include "board/core/bytes.h"
 #include "board/fpga/fpga.h"
@@ -14,7 +15,7 @@ constexpr uint32_t kRegistersFrom = 0x1000, kRegistersTo = 0x1FFF;
 
 std::string describeTransfer(const char* what, uint32_t address, size_t count) {
     char text[64];
-    snprintf(text, sizeof text, "%s 0x%08x, %zu bytes", what, address, count);
+    snprintf(text, sizeof(text), "%s 0x%08x, %zu bytes", what, address, count);
     return text;
 }
 

@@ -1,9 +1,9 @@
 #include "board/fpga/mtd_debug.h"
 
+#include <stdlib.h>
 #include <string.h>
 
 #include <array>
-#include <cstdlib>
 #include <filesystem>
 #include <limits>
 
@@ -22,7 +22,7 @@ ProgramResult failed(const char* what, int error) {
 // Decimal, or hexadecimal after "0x", as strtoul() reads it.
 std::optional<uint32_t> numberOf(const std::string& word) {
     char* end = nullptr;
-    const unsigned long long value = std::strtoull(word.c_str(), &end, 0);
+    const unsigned long long value = strtoull(word.c_str(), &end, 0);
     if (word.empty() || word.front() == '-' || *end != '\0') return std::nullopt;
     if (value > std::numeric_limits<uint32_t>::max()) return std::nullopt;
     return static_cast<uint32_t>(value);
@@ -30,7 +30,7 @@ std::optional<uint32_t> numberOf(const std::string& word) {
 
 std::string paddedHex(uint32_t value) {
     char text[16];
-    snprintf(text, sizeof text, "0x%.8x", value);
+    snprintf(text, sizeof(text), "0x%.8x", value);
     return text;
 }
 

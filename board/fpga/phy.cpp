@@ -1,8 +1,8 @@
 #include "board/fpga/phy.h"
 
 #include <errno.h>
+#include <stdio.h>
 
-#include <cstdio>
 #include <sstream>
 
 namespace quil::board {
@@ -46,7 +46,7 @@ void Phy::driverLoaded() {
     mDriver = true;
     mSysfs.add(kPhyRegisters, {[this] {
                                    char text[32];
-                                   snprintf(text, sizeof text, "0x%x = 0x%x\n", mLastRegister,
+                                   snprintf(text, sizeof(text), "0x%x = 0x%x\n", mLastRegister,
                                             mLastValue);
                                    return std::string(text);
                                },

@@ -9,7 +9,8 @@
 // Faults: Call::kOpen, kRead and kWrite by the files' paths.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <functional>
 #include <map>
 #include <optional>

@@ -2,7 +2,8 @@
 // length and the data. Count, address and length are 32-bit big-endian numbers.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <span>
 #include <string>
 #include <vector>

@@ -1,9 +1,9 @@
 #include "board/fpga/serial_flash.h"
 
 #include <errno.h>
+#include <stdio.h>
 
 #include <algorithm>
-#include <cstdio>
 
 #include "board/core/bytes.h"
 
@@ -15,7 +15,7 @@ constexpr char kCellsFile[] = "mtd0";
 
 std::string hexNumber(uint32_t number) {
     char text[16];
-    snprintf(text, sizeof text, "0x%x", number);
+    snprintf(text, sizeof(text), "0x%x", number);
     return text;
 }
 

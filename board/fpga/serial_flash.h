@@ -10,7 +10,8 @@
 // page as it is. A power cut inside an operation leaves it partly done.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <functional>
 #include <span>
 #include <string>

@@ -108,7 +108,7 @@ void hookLibrary(const dl_phdr_info* info) {
 }
 
 int visit(dl_phdr_info* info, size_t, void*) {
-    const size_t length = strlen(info->dlpi_name), wanted = sizeof kLibrary - 1;
+    const size_t length = strlen(info->dlpi_name), wanted = sizeof(kLibrary) - 1;
     if (length >= wanted && strcmp(info->dlpi_name + length - wanted, kLibrary) == 0) {
         hookLibrary(info);
     }

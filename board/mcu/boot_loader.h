@@ -2,7 +2,8 @@
 // faults.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <functional>
 #include <optional>
 #include <span>

@@ -1,6 +1,8 @@
 #include "board/mcu/mcu_application.h"
 
-#include <cstdio>
+#include <stddef.h>
+#include <stdio.h>
+
 #include <numeric>
 #include <sstream>
 
@@ -22,7 +24,7 @@ constexpr uint8_t kTypeMask = 0x0F, kRequest = 1, kResponse = 2, kWrite = 0x20, 
 
 uint16_t sumOf(const std::vector<uint8_t>& bytes, size_t count) {
     return static_cast<uint16_t>(
-        std::accumulate(bytes.begin(), bytes.begin() + static_cast<std::ptrdiff_t>(count), 0U));
+        std::accumulate(bytes.begin(), bytes.begin() + static_cast<ptrdiff_t>(count), 0U));
 }
 
 // An answer has the header of its request; an unsolicited frame has an empty one.
@@ -54,7 +56,7 @@ bool isUpdatersQuery(const std::vector<uint8_t>& frame) {
 
 std::string describeFrame(const char* what, const std::vector<uint8_t>& frame) {
     char text[96];
-    snprintf(text, sizeof text, "%s label=%u cmd=0x%08x %s payload=%zu", what,
+    snprintf(text, sizeof(text), "%s label=%u cmd=0x%08x %s payload=%zu", what,
              little16(frame, wire::kLabelAt), little32(frame, wire::kCommandAt),
              frame[wire::kFlagsAt] & wire::kWrite ? "set" : "get",
              frame.size() - wire::kFrameOverPayload);
@@ -101,7 +103,7 @@ void McuApplication::saveValues() const {
     std::string text;
     char key[16];
     for (const auto& [cmd, bytes] : mValues) {
-        snprintf(key, sizeof key, "0x%08x = ", cmd);
+        snprintf(key, sizeof(key), "0x%08x = ", cmd);
         text += key + hexOf(bytes) + "\n";
     }
     mBoard.store->replace(kValuesFile, text);

@@ -2,7 +2,8 @@
 // keeps the values that are set, and answers.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <map>
 #include <string>
 #include <vector>

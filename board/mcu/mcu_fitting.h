@@ -1,7 +1,8 @@
 // Replaces the MCU, or the contents of its flash, on a board that is off.
 #pragma once
 
-#include <cstddef>
+#include <stddef.h>
+
 #include <filesystem>
 #include <string>
 

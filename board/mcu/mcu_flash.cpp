@@ -17,7 +17,7 @@ std::string optionsBeside(const std::string& file) {
 
 std::string hexAddress(uint32_t offset) {
     char text[16];
-    snprintf(text, sizeof text, "0x%08x", kMcuFlashBase + offset);
+    snprintf(text, sizeof(text), "0x%08x", kMcuFlashBase + offset);
     return text;
 }
 

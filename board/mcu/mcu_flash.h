@@ -6,7 +6,8 @@
 // before that leaves it partly done.
 #pragma once
 
-#include <cstdint>
+#include <stdint.h>
+
 #include <set>
 #include <span>
 #include <string>

@@ -12,8 +12,9 @@
 // All fields are little-endian. Bytes behind the image in the flash are ignored.
 #pragma once
 
-#include <cstddef>
-#include <cstdint>
+#include <stddef.h>
+#include <stdint.h>
+
 #include <span>
 #include <string>
 #include <string_view>

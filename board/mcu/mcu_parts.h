@@ -6,9 +6,10 @@
 // up to 126 pages, which limits the time of one page. Boot-loader commands and answers: AN3155.
 #pragma once
 
+#include <stdint.h>
+
 #include <array>
 #include <chrono>
-#include <cstdint>
 #include <span>
 #include <string_view>
 

@@ -1,5 +1,7 @@
 #include "board/mcu/n32_boot_loader.h"
 
+#include <stddef.h>
+
 #include <algorithm>
 #include <array>
 #include <numeric>
@@ -180,7 +182,7 @@ void N32BootLoader::download() {
     const uint32_t address = little32(mFrame, kParameterAt);
     const size_t size = little16(mFrame, kPayloadLengthAt) - kKeySize - 4;
     const std::vector<uint8_t> data(mFrame.begin() + kBlockAt,
-                                    mFrame.begin() + static_cast<std::ptrdiff_t>(kBlockAt + size));
+                                    mFrame.begin() + static_cast<ptrdiff_t>(kBlockAt + size));
     if (size % 16 != 0) return refuse(N32Refusal::kLength, "data that are no multiple of 16");
     const uint32_t offset = address - kMcuFlashBase;
     if (address < kMcuFlashBase || offset % 16 != 0 || offset + size > mFlash.part().flashSize()) {
@@ -190,7 +192,7 @@ void N32BootLoader::download() {
         return refuse(N32Refusal::kBlockCrc, "the block's CRC is wrong");
     }
     char what[48];
-    snprintf(what, sizeof what, "program 0x%08x, %zu bytes", address, size);
+    snprintf(what, sizeof(what), "program 0x%08x, %zu bytes", address, size);
     mBusy = true;
     mAround.operate(
         what, [offset, data](McuFlash& flash) { return flash.startProgram(offset, data); },

@@ -1,8 +1,10 @@
 #include "board/mcu/stm32_boot_loader.h"
 
+#include <stddef.h>
+#include <stdio.h>
+
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <utility>
 
 #include "board/core/bytes.h"
@@ -17,7 +19,7 @@ constexpr uint16_t kEraseEverything = 0xFFFF, kFirstSpecial = 0xFFF0;
 
 std::string formatted(const char* format, uint32_t value) {
     char text[48];
-    snprintf(text, sizeof text, format, value);
+    snprintf(text, sizeof(text), format, value);
     return text;
 }
 
@@ -232,7 +234,7 @@ void Stm32BootLoader::readCount() {
     } else {
         mRam.resize(mPart.ramSize);
         const auto at = mRam.begin() + (mAddress - kMcuRamBase);
-        bytes.insert(bytes.end(), at, at + static_cast<std::ptrdiff_t>(count));
+        bytes.insert(bytes.end(), at, at + static_cast<ptrdiff_t>(count));
     }
     awaitCommand();
     answer(std::move(bytes));

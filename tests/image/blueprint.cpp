@@ -40,7 +40,7 @@ class Reader {
                 const size_t end = mText.find("*/", mAt);
                 if (end == std::string::npos) fail("a comment without an end");
                 mAt = end + 2;
-            } else if (mAt < mText.size() && std::isspace(static_cast<unsigned char>(mText[mAt]))) {
+            } else if (mAt < mText.size() && isspace(static_cast<unsigned char>(mText[mAt]))) {
                 ++mAt;
             } else {
                 return;
@@ -63,7 +63,7 @@ class Reader {
         skipSpace();
         const size_t start = mAt;
         while (mAt < mText.size() &&
-               (std::isalnum(static_cast<unsigned char>(mText[mAt])) || mText[mAt] == '_')) {
+               (isalnum(static_cast<unsigned char>(mText[mAt])) || mText[mAt] == '_')) {
             ++mAt;
         }
         if (mAt == start) fail("expected a name");

@@ -33,8 +33,7 @@ TEST(Packaging, InitScriptStartsTheBinaryThatIsBuiltAndNamesTheInterface) {
     const std::string script = projectText("platform/android/" + kPackage + "@1.0-service.rc");
     EXPECT_THAT(script, HasSubstr("/vendor/bin/hw/" + kPackage + "@1.0-service\n"));
     EXPECT_THAT(script, HasSubstr("interface " + kPackage + "@1.0::IQuilServiceManager default"));
-    EXPECT_THAT(projectText("host/serving.cpp"),
-                HasSubstr("registerAsService(\"default\")"));
+    EXPECT_THAT(projectText("host/serving.cpp"), HasSubstr("registerAsService(\"default\")"));
 }
 
 }  // namespace quil::tests

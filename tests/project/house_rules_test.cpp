@@ -193,6 +193,22 @@ TEST(HouseRules, NamesOfTestsBeginWithoutAnArticle) {
     EXPECT_THAT(wrong, IsEmpty());
 }
 
+TEST(HouseRules, HeadersOfTheCLibraryAndSizeofAreSpelledInOneWay) {
+    static const std::regex otherSpelling(
+        "#include <c(assert|ctype|errno|limits|signal|stdarg|stddef|stdint|stdio|stdlib|string|"
+        "time)>|\\bsizeof [A-Za-z_]");
+    std::vector<std::string> wrong;
+    for (const auto& [folder, allowed] : kMayInclude) {
+        for (const fs::path& file : sourcesIn(folder)) {
+            if (file.filename() == "house_rules_test.cpp") continue;  // has the pattern
+            for (const std::string& line : linesOf(file)) {
+                if (std::regex_search(line, otherSpelling)) wrong.push_back(file.string() + line);
+            }
+        }
+    }
+    EXPECT_THAT(wrong, IsEmpty());
+}
+
 TEST(HouseRules, FilesStayUnder600LinesAnd100Columns) {
     std::vector<std::string> wrong;
     size_t seen = 0;

@@ -1,5 +1,7 @@
 // The N32 family's UART boot loader, seen from the line: frames AA 55, command, 00, length,
 // parameter, payload, XOR; answers AA 55, .., status A0 00, check byte.
+#include <stddef.h>
+
 #include <algorithm>
 #include <array>
 
@@ -72,8 +74,7 @@ class N32Dialect : public BootLoaderDialect {
         const auto start = startOf(answer);
         const auto size = static_cast<size_t>(answer.end() - start);
         if (mCommand == nullptr || size < mCommand->answerSize) return std::nullopt;
-        const auto status =
-            start + static_cast<std::ptrdiff_t>(mCommand->answerSize - kStatusFromEnd);
+        const auto status = start + static_cast<ptrdiff_t>(mCommand->answerSize - kStatusFromEnd);
         return Bytes(status, status + kDone.size());
     }
 
