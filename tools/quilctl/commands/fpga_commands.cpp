@@ -49,7 +49,7 @@ FpgaStatus askStatus(board::Board& board) {
     return status;
 }
 
-Json documentOf(const FpgaStatus& status) {
+Json statusDocument(const FpgaStatus& status) {
     return {{"done", status.done},
             {"image", status.version},
             {"ddr", status.ddr},
@@ -63,7 +63,7 @@ void addStatus(Result& result, const FpgaStatus& status) {
                 << "\nDDR                " << status.ddr << "\nSGMII clock        " << status.clock
                 << "\nSGMII negotiation  " << status.negotiation << "\nPHY link           "
                 << status.link << '\n';
-    result.json["status"] = documentOf(status);
+    result.json["status"] = statusDocument(status);
 }
 
 void showStatus(const Cli& cli, Result& result) {
@@ -165,7 +165,7 @@ void addRun(Result& result, const FlashRun& run) {
                    {"bytes", run.bytes},
                    {"took", run.seconds},
                    {"problem", run.problem},
-                   {"status", documentOf(run.status)}};
+                   {"status", statusDocument(run.status)}};
 }
 
 struct FlashArguments {

@@ -88,7 +88,7 @@ void printFields(std::ostream& out, const Bytes& bytes, const host::WireFrame& f
     printLine(out, sumAt, toHex(all.from(sumAt)), "checksum", value);
 }
 
-Json documentOf(const host::WireFrame& frame, const std::vector<std::string>& problems) {
+Json frameDocument(const host::WireFrame& frame, const std::vector<std::string>& problems) {
     return {{"label", frame.label},     {"flags", frame.flags},     {"write", frame.isWrite()},
             {"command", frame.command}, {"field_a", frame.fieldA},  {"field_b", frame.fieldB},
             {"field_c", frame.fieldC},  {"payload", frame.payload}, {"problems", problems}};
@@ -114,7 +114,7 @@ void decode(const Cli& cli, const HexWords& words, Result& result) {
     const auto problems = host::frameProblems(bytes);
     if (bytes.size() >= wire::kOverhead) {
         const host::WireFrame frame = host::parseFrame(bytes);
-        result.json = documentOf(frame, problems);
+        result.json = frameDocument(frame, problems);
         printFields(result.text, bytes, frame);
     }
     if (!problems.empty()) throw Failure(kBadData, "the frame: " + joined(problems));

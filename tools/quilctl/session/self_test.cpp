@@ -34,7 +34,7 @@ std::string probesOf(const std::vector<board::Event>& events, size_t since,
     return text.empty() ? "no probe" : text;
 }
 
-std::string verdictOf(const std::vector<SelfTestVerdict>& verdicts, const std::string& item) {
+std::string verdictIn(const std::vector<SelfTestVerdict>& verdicts, const std::string& item) {
     const auto found = std::find_if(verdicts.begin(), verdicts.end(),
                                     [&](const SelfTestVerdict& one) { return one.item == item; });
     return found == verdicts.end() ? "-" : found->verdict;
@@ -49,7 +49,7 @@ SelfTestRun runSelfTest(BoardSession& session, const std::vector<std::string>& b
     const auto events = session.board().trace().events();
     const auto verdicts = verdictsOf(run.record);
     for (const test_option_t& row : test_option_table) {
-        run.items.push_back({row.name, row.enable != 0, verdictOf(verdicts, row.name),
+        run.items.push_back({row.name, row.enable != 0, verdictIn(verdicts, row.name),
                              probesOf(events, since, partOf(row.id))});
     }
     return run;
