@@ -179,6 +179,7 @@ void loop(benchmark::State& state) {
         clock_gettime(CLOCK_REALTIME, &deadline);
         deadline.tv_sec += 5;
         pthread_mutex_lock(&mutex);
+        // NOLINTNEXTLINE(bugprone-infinite-loop): the link's thread sets `ready`
         while (!ready) pthread_cond_timedwait(&cond, &mutex, &deadline);
         ready = false;
         pthread_mutex_unlock(&mutex);

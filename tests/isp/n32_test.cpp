@@ -426,8 +426,8 @@ TEST_F(IspN32, SignalsAddNothingToTheWaitForASilentMcu) {
 TEST_F(IspN32, PortMayHaveAnyDescriptor) {
     rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
-    if (limit.rlim_max < 2 * FD_SETSIZE) GTEST_SKIP() << "few descriptors";
-    const rlimit raised = {2 * FD_SETSIZE, limit.rlim_max};
+    if (limit.rlim_max < rlim_t{2} * FD_SETSIZE) GTEST_SKIP() << "few descriptors";
+    const rlimit raised = {rlim_t{2} * FD_SETSIZE, limit.rlim_max};
     setrlimit(RLIMIT_NOFILE, &raised);
     std::vector<int> taken;
     do {
