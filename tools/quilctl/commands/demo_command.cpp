@@ -133,6 +133,7 @@ void Demo::boot() {
     };
     jobs.onStep = [&](host::BootStep step) {
         if (step != host::BootStep::kMcu) return;
+        client.join();  // it has printed its row
         board.runFor(kMcuStart);
         mcuUpdated(before);
     };
