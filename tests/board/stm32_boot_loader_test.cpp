@@ -368,21 +368,20 @@ TEST_P(Stm32BootLoaderFails, AtTheStepAndWorksTheNextTime) {
     EXPECT_THAT(violations(), IsEmpty());
 }
 
-constexpr auto kSilent = LoaderFault::Kind::kSilent, kNacks = LoaderFault::Kind::kNack;
+constexpr auto kMute = LoaderFault::Kind::kSilent, kNacks = LoaderFault::Kind::kNack;
 INSTANTIATE_TEST_SUITE_P(
     Steps, Stm32BootLoaderFails,
     testing::Values(
-        StepFault{"silentCommand", {kSilent, 0x31, LoaderStep::kCommand}, {}, {0x31, 0xCE}},
+        StepFault{"silentCommand", {kMute, 0x31, LoaderStep::kCommand}, {}, {0x31, 0xCE}},
         StepFault{"nackedCommand", {kNacks, 0x44, LoaderStep::kCommand}, {}, {0x44, 0xBB}},
-        StepFault{"silentAddress", {kSilent, 0x31, LoaderStep::kAddress}, {{0x31, 0xCE}}, kBase},
+        StepFault{"silentAddress", {kMute, 0x31, LoaderStep::kAddress}, {{0x31, 0xCE}}, kBase},
         StepFault{"nackedAddress", {kNacks, {}, LoaderStep::kAddress}, {{0x11, 0xEE}}, kBase},
         StepFault{
             "nackedCount", {kNacks, 0x11, LoaderStep::kCount}, {{0x11, 0xEE}, kBase}, {0, 0xFF}},
         StepFault{
-            "silentData", {kSilent, 0x31, LoaderStep::kData}, {{0x31, 0xCE}, kBase}, {1, 5, 5, 1}},
+            "silentData", {kMute, 0x31, LoaderStep::kData}, {{0x31, 0xCE}, kBase}, {1, 5, 5, 1}},
         StepFault{"nackedData", {kNacks, 0x44, LoaderStep::kData}, {{0x44, 0xBB}}, Bytes(5, 0)},
-        StepFault{
-            "silentEnd", {kSilent, 0x44, LoaderStep::kFinished}, {{0x44, 0xBB}}, Bytes(5, 0)}),
+        StepFault{"silentEnd", {kMute, 0x44, LoaderStep::kFinished}, {{0x44, 0xBB}}, Bytes(5, 0)}),
     [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(Stm32BootLoader, SilentSynchronisationIsTriedAgain) {

@@ -44,7 +44,7 @@ constexpr ProductKey kKeys[] = {
 // What the serial module of the library can set; any other rate leaves the port as it was.
 constexpr long kRates[] = {300, 1200, 2400, 4800, 9600, 19200, 57600, 115200, 1000000, 4000000};
 
-std::string nameOf(const std::string& section, const std::string& key) {
+std::string fullNameOf(const std::string& section, const std::string& key) {
     return "[" + section + "] " + key;
 }
 
@@ -112,7 +112,7 @@ class Checker {
             add(badLine, "", "neither a [section] nor key = value");
         }
         for (const ProductKey& key : kKeys) {
-            const std::string name = nameOf(key.section, key.key);
+            const std::string name = fullNameOf(key.section, key.key);
             if (mFirstLine.count(name) == 0) add(0, name, "missing");
         }
         std::stable_sort(mProblems.begin(), mProblems.end(),
@@ -164,7 +164,7 @@ class Checker {
     }
 
     void judgeValue(const std::string& section, const std::string& name, const std::string& value) {
-        const std::string where = nameOf(section, name);
+        const std::string where = fullNameOf(section, name);
         const ProductKey* key = findKey(section, name);
         if (key == nullptr) {
             add(mLine, where, "nobody reads this key", true);
