@@ -5,6 +5,7 @@
 #include <standin/rpc_threadpool.h>
 
 #include <algorithm>
+#include <mutex>
 #include <thread>
 
 #include "fpga/load_process.h"
@@ -73,12 +74,14 @@ class Serving : public testing::Test {
     // So many clients, each with one request that the MCU leaves without an answer.
     void startClients(size_t count) {
         board.mcu().setSilent(true);
-        answers.assign(count, {0xEE});
+        mAnswers.assign(count, {0xEE});
         ends.assign(count, board::Nanos(0));
         for (size_t i = 0; i < count; ++i) {
             mClients.emplace_back([this, i, remote = client()] {
-                answers[i] = remote->ask(false, kVersionRequest);
+                const Bytes answer = remote->ask(false, kVersionRequest);
                 ends[i] = board.now();
+                const std::lock_guard lock(mAnswersMutex);
+                mAnswers[i] = answer;
             });
         }
         board.runFor(milliseconds(100));
@@ -88,15 +91,22 @@ class Serving : public testing::Test {
         mClients.clear();
     }
 
+    // Those so far: clients may still be waiting.
+    std::vector<Bytes> answers() {
+        const std::lock_guard lock(mAnswersMutex);
+        return mAnswers;
+    }
+
     const quil::tests::FreshLibrary library;
     board::Board board;
-    std::vector<Bytes> answers;
     std::vector<board::Nanos> ends;
 
   private:
     int mExitCode = -1;
     std::thread mProcess;
     std::vector<std::thread> mClients;
+    std::mutex mAnswersMutex;
+    std::vector<Bytes> mAnswers;
 };
 
 TEST_F(Serving, ServiceIsRegisteredBeforeTheProductIsUp) {
@@ -138,15 +148,15 @@ TEST_F(Serving, FiveClientsThatWaitKeepNobodyElseOut) {
     std::sort(ends.begin(), ends.end());
     EXPECT_EQ(ends.front(), before);
     EXPECT_EQ(ends.back() - before, seconds(20));
-    EXPECT_THAT(answers, Contains(Bytes{0xAB}).Times(1));
-    EXPECT_THAT(answers, Contains(Bytes{}).Times(4));
+    EXPECT_THAT(answers(), Contains(Bytes{0xAB}).Times(1));
+    EXPECT_THAT(answers(), Contains(Bytes{}).Times(4));
 }
 
 TEST_F(Serving, HoweverManyClientsAskTheOthersComeIn) {
     startAndComeUp();
     startClients(20);
     const auto before = board.now();
-    EXPECT_THAT(answers, Contains(Bytes{}).Times(8));  // turned away at once
+    EXPECT_THAT(answers(), Contains(Bytes{}).Times(8));  // turned away at once
     EXPECT_THAT(debugTextOf(*client()),
                 HasSubstr("requests inside = 12 of at most 12, turned away = 8\n"));
     EXPECT_TRUE(client()->wakeUp({0xAB}).isOk());
