@@ -33,7 +33,7 @@ std::vector<std::string> optionsOf(const CLI::App& app) {
     return names;
 }
 
-// The command that was reached before the parser stopped.
+// The innermost command that the parser recognised.
 const CLI::App& reached(const CLI::App& app) {
     const auto chosen = app.get_subcommands();
     return chosen.empty() ? app : reached(*chosen.front());
@@ -160,7 +160,7 @@ void perform(CLI::App& app, int argc, const char* const* argv, Cli& cli, Result&
     cli.action(result);
 }
 
-// What ended the command early; a failure of the system's is one of the board's.
+// The failures that ended a command early. An error of the system counts as one of the board.
 std::vector<Failure> failuresOf(const std::function<void()>& command) {
     try {
         command();
@@ -188,7 +188,7 @@ int runAndPrint(const Program& program, int argc, const char* const* argv, const
     build(program, app, cli);
     Result result(asJson ? nullptr : &streams.out);
     auto failures = failuresOf([&] { perform(app, argc, argv, cli, result); });
-    // A board that could not keep its state has not done what the result says.
+    // The result is dropped: what it says was not stored.
     if (std::any_of(late.begin(), late.end(), isLost)) {
         result.text.str("");
         result.json.clear();

@@ -17,7 +17,7 @@ constexpr char kExamples[] =
 
 class ServedSession : public ServiceSession {
   public:
-    // Does not wait for a service that is not up: a tool that hangs tells nothing.
+    // Does not wait for a service that is not up: a hanging tool would tell nothing.
     ServedSession() : mService(Service::tryGetService("default")) {
         if (mService == nullptr) throw std::runtime_error("there is no service (see the log)");
     }

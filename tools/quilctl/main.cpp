@@ -20,7 +20,7 @@ void holdStandardDescriptors() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    signal(SIGPIPE, SIG_IGN);  // a reader that has gone is an output that cannot be written
+    signal(SIGPIPE, SIG_IGN);  // writing to a closed pipe then fails with EPIPE, which is reported
     // Answers go out on a descriptor of their own: the library prints its progress on descriptor 1,
     // and that is turned away while a board is powered.
     const int answers = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);

@@ -22,7 +22,7 @@ constexpr uint32_t kValueCommand = 0x00000102;
 constexpr auto kIntoTheProgramming = std::chrono::seconds(2);
 constexpr char kOlderVersion[] = "V0.9.0";
 
-// Real time, whatever the board makes of the clocks that the library uses.
+// Real time, which the board's clocks do not show.
 double realMilliseconds() {
     timespec now{};
     syscall(SYS_clock_gettime, CLOCK_MONOTONIC, &now);
@@ -133,7 +133,7 @@ void Demo::boot() {
     };
     jobs.onStep = [&](host::BootStep step) {
         if (step != host::BootStep::kMcu) return;
-        client.join();  // it has printed its row
+        client.join();  // so that two threads do not print at once
         board.runFor(kMcuStart);
         mcuUpdated(before);
     };
@@ -166,7 +166,7 @@ void Demo::linkUp() {
     row("load the service, clients in", "", "", mSession.host().service() != nullptr);
 }
 
-// A client that does not wait for the end of the boot, while the MCU's boot loader has the link.
+// A request during the boot, while the MCU's boot loader uses the link.
 void Demo::firmwareUpdate() {
     mSession.board().runFor(kIntoTheProgramming);
     newOnTheWire();

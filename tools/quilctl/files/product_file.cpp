@@ -101,7 +101,7 @@ std::string integerProblem(const ProductKey& key, const std::string& value) {
     return {};
 }
 
-// One pass over a file. The parser tells no line numbers, but asks for one line after the other.
+// One pass over a file. The parser reports no line numbers, so they are counted as it reads lines.
 class Checker {
   public:
     explicit Checker(const std::string& content) : mContent(content) {}
@@ -129,7 +129,7 @@ class Checker {
         mProblems.push_back({line, key, text, isWarning});
     }
 
-    // In the manner of fgets, but never a line in two pieces.
+    // Like fgets, but never splits a line.
     static char* nextLine(char* buffer, int size, void* self) {
         return static_cast<Checker*>(self)->copyLine(buffer, static_cast<size_t>(size));
     }

@@ -11,7 +11,7 @@ namespace {
 constexpr size_t kCountSize = 4, kBlockHeader = 8;
 constexpr size_t kOverhead = 6;  // command, address, and the 0 at the end
 
-// How the frames of a kind come about.
+// How a load makes frames from a block of this kind.
 enum class Rule { kWhole, kTopology, kReceiving, kSubPixelTable, kGamma, kControl, kSubPixel };
 
 struct Kind {
@@ -75,7 +75,8 @@ void sendControl(ScreenFileBlock& block) {
     block.remark = needs(block, kControlNeeds);
 }
 
-// What a load finds at a place of a block's data: behind the block's end the next ones', then 0.
+// The byte that a load reads at an offset of a block's data. Beyond the block it reads the data of
+// the next blocks, then 0.
 uint8_t loadedByte(const Bytes& packed, const ScreenFileBlock& block, size_t at) {
     const size_t position = block.packedAt + at;
     return position < packed.size() ? packed[position] : uint8_t{0};

@@ -26,10 +26,10 @@ struct ScreenFileBlock {
     size_t offset;  // of the block's header in the file
     uint32_t address;
     std::span<const uint8_t> data;
-    size_t packedAt;  // of the data, when a load has put all blocks' one behind the other
+    size_t packedAt;  // offset of the data in a load's packed buffer
     std::string kind;
     std::vector<ScreenFrames> frames;  // what a load sends, in no particular order
-    std::string sent;                  // the same for people
+    std::string sent;                  // the frames in words
     std::string remark;                // what is odd about it; empty when nothing is
 };
 

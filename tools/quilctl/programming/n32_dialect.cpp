@@ -53,7 +53,7 @@ class N32Dialect : public BootLoaderDialect {
 
     bool isGood(const Bytes& answer) const override {
         const auto start = startOf(answer);
-        // A status in the answer to the CRC check is of no interest to anybody.
+        // The status in the answer to the CRC check is ignored.
         if (mCommand != nullptr && mCommand->code == kCrcCheck) return start != answer.end();
         const auto status = statusOf(answer);
         return status && *status == Bytes(kDone.begin(), kDone.end());

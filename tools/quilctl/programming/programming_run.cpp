@@ -10,7 +10,7 @@
 namespace quil::tools {
 namespace {
 
-// The trace keeps its listeners for good: what they use lives as long.
+// The trace keeps its listeners, so what they use must live as long.
 struct Observers {
     ProgrammingWatch watch;
     ProgrammingProgress progress;

@@ -5,7 +5,7 @@
 namespace quil::tools {
 namespace {
 
-// What both paths run, once each, on the way into the boot loader and out of it.
+// The commands that both families run once on the way into the boot loader and out of it.
 constexpr char kIntoBootLoader[] = "echo 1 > /sys/class/quilgpios/MCU_BOOT0/value";
 constexpr char kOutOfBootLoader[] = "echo 0 > /sys/class/quilgpios/MCU_BOOT0/value";
 
@@ -60,7 +60,7 @@ void ProgrammingWatch::beginAttempt() {
     if (mProblem) --mOpensInVain;
 }
 
-// The dialect judges an answer by the latest write: so before it is told of the next one.
+// The dialect judges an answer by the latest write, so it is asked before it sees the next one.
 void ProgrammingWatch::hostWrote(const Bytes& bytes) {
     const Verdict verdict = judge();
     std::optional<ProgrammingStep> next = mDialect->stepOf(bytes, mAnswer);
@@ -80,7 +80,7 @@ void ProgrammingWatch::endStep(const Verdict& verdict) {
     if (!verdict.isGood && !mStep.isQuestion && !mProblem) {
         mProblem = Problem{mStep.name, verdict.said};
     }
-    // Tried again with success; a block that was tried again leaves the image's end out.
+    // A retry succeeded. A repeated block makes the session leave out the image's end.
     const bool isRepeated = mProblem && mProblem->step == mStep.name && !mStep.isPart;
     if (verdict.isGood && isRepeated) mProblem.reset();
     if (mListener) mListener(mStep, verdict.said);

@@ -23,7 +23,7 @@ struct ProgrammingStep {
     std::optional<uint32_t> end = {};  // a block of the image: the address after it
 };
 
-// What one write of the host and the answer to it mean, in one of the two protocols.
+// Interprets one write of the host and the answer to it, in one of the two protocols.
 class BootLoaderDialect {
   public:
     virtual ~BootLoaderDialect() = default;
@@ -76,7 +76,7 @@ class ProgrammingWatch {
     const std::string mPort;
     const std::unique_ptr<BootLoaderDialect> mDialect;
     Listener mListener;
-    int mAttempts = 0, mOpensInVain = 0;  // one family gives up without a port, one goes on
+    int mAttempts = 0, mOpensInVain = 0;  // without a port one family gives up, the other goes on
     bool mInSession = false;
     ProgrammingStep mStep;
     Bytes mAnswer;

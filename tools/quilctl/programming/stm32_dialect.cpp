@@ -57,7 +57,7 @@ std::string pagesOf(const Bytes& written) {
 class Stm32Dialect : public BootLoaderDialect {
   public:
     std::optional<ProgrammingStep> stepOf(const Bytes& written, const Bytes& answer) override {
-        // A refused command has no second part.
+        // After a refused command nothing follows.
         if (mAwaits != Part::kRestOfData && !isGood(answer)) mAwaits = Part::kCommand;
         switch (mAwaits) {
             case Part::kCommand:

@@ -19,7 +19,7 @@ inline constexpr char kLogLevelProperty[] = "persist.quil.device.log.level";
 // How long the MCU takes from its reset until its application answers.
 inline constexpr auto kMcuStart = std::chrono::milliseconds(10);
 
-// Turns standard output away for as long as it lives: the library prints progress there.
+// Discards standard output while it lives: the library prints progress there.
 class QuietStandardOutput {
   public:
     QuietStandardOutput();
@@ -31,7 +31,7 @@ class QuietStandardOutput {
     int mSaved;
 };
 
-// A board directory that goes away with it.
+// A board directory that is removed with this object.
 class TemporaryBoard : public board::TemporaryDirectory {
   public:
     explicit TemporaryBoard(board::Product product);  // throws std::runtime_error

@@ -11,7 +11,7 @@
 namespace quil::tools {
 namespace {
 
-// What a message says of the stage that goes on.
+// What a log message means for the current stage.
 enum class Meaning { kEnded, kFailed, kGoesOnFailed };
 
 struct MessageRow {
@@ -48,7 +48,7 @@ constexpr std::array<MessageRow, 21> kMessages = {{
      Meaning::kFailed},
 }};
 
-// A good end of the screen parameters has no message: the network's first one tells it.
+// The screen parameters log no success: the first message of the network ends that stage.
 constexpr char kMemory[] = "FPGA memory", kScreen[] = "screen parameters";
 constexpr std::array<const char*, 2> kNetworkBegins = {"readFpgaSgmiiClockState:",
                                                        "fpgaPhySgmiiConfig,"};

@@ -29,7 +29,7 @@ class BootStages {
     BootStages(const BootStages&) = delete;
     BootStages& operator=(const BootStages&) = delete;
 
-    // Ends what has gone on since the last stage ended.
+    // Ends the current stage.
     void end(const std::string& name, bool ok, const std::string& said = "");
 
     const std::vector<BootStage>& all() const;

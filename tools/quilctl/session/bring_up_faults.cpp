@@ -15,7 +15,7 @@ namespace {
 
 using board::Call;
 
-// A call of the host that fails, whenever it is made.
+// A call of the host that always fails.
 struct CallRow {
     std::string_view name;
     const char* meaning;
@@ -42,7 +42,7 @@ constexpr std::array<CallRow, 10> kCallFaults = {{
      "bi_fpga_load_parameter"},
 }};
 
-// A part that does not do its work.
+// A part that does not work.
 struct PartRow {
     std::string_view name;
     const char* meaning;
@@ -99,7 +99,7 @@ std::string helpLine(std::string_view name, const char* meaning) {
     return line;
 }
 
-// What the trace says of a fault that a call has met begins with the call.
+// A fault event's text begins with the name of the call that failed.
 void forgetMet(std::vector<std::string>& unmet, const board::Event& event) {
     std::erase_if(unmet, [&](const std::string& name) {
         const CallRow* row = rowNamed(kCallFaults, name);

@@ -1,5 +1,4 @@
-// What an engineer breaks for one start-up, to see the stage that fails, by names for the command
-// line.
+// Faults by name, which let one start-up fail at a chosen stage.
 #pragma once
 
 #include <memory>
@@ -18,8 +17,8 @@ namespace quil::tools {
 // Adds --fault to a command, whose names end up in `chosen`, and what they mean to its footer.
 void addFaultOption(CLI::App& command, std::vector<std::string>& chosen);
 
-// These parts are broken from here on, until the board's power goes. Tells on the error stream,
-// when it goes itself, which of them nothing has come across.
+// Sets the faults until the board's power goes. The destructor names on the error stream those that
+// no call met.
 class BringUpFaults {
   public:
     BringUpFaults(board::Board& board, const std::vector<std::string>& names, std::ostream& err);

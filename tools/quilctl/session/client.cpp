@@ -12,7 +12,7 @@ using android::hardware::Return;
 using android::hardware::Void;
 using ::quil::hardware::quilservicemanager::V1_0::IQuilServiceCallback;
 
-// Keeps what arrives: a service that does not let go of it may call again, on a thread of its own.
+// Owns what arrives: a service that keeps the callback may call it later, on another thread.
 class Recorder : public IQuilServiceCallback {
   public:
     Return<void> hwNotify(const hidl_vec<uint8_t>& data) override {

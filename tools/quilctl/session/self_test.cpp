@@ -12,7 +12,7 @@ namespace {
 
 using ::quil::hardware::quilservicemanager::implementation::kCommandSelfTest;
 
-// The board's part behind each item; the others probe nothing.
+// The part that each item probes; items that are not listed probe nothing.
 const char* partOf(uint32_t id) {
     const auto parts = board::Probes::partNames();
     return id >= 1 && id <= parts.size() ? parts[id - 1] : "";

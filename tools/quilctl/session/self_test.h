@@ -23,7 +23,7 @@ struct SelfTestRun {
     std::vector<SelfTestItem> items;
 };
 
-// Parts that are broken for as long as this lives: a board directory keeps its settings otherwise.
+// Breaks parts while it lives, and restores them: a board directory would keep the setting.
 class BrokenParts {
   public:
     BrokenParts(board::Probes& probes, const std::vector<std::string>& names);
