@@ -4,13 +4,13 @@
 #include <stdlib.h>
 
 #include <filesystem>
-#include <map>
 #include <streambuf>
 
 #include "testing/build.h"
 #include "testing/program_output.h"
 #include "testing/project_files.h"
 #include "tests/quilctl/test_run.h"
+#include "tests/quilctl/verb_cases.h"
 
 namespace quil::tests {
 namespace {
@@ -33,13 +33,6 @@ std::string textOf(const Words& words) {
     for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
     return text;
 }
-
-// Arguments with which a command does its work, and what it does.
-struct VerbCase {
-    Words arguments;
-    bool powersBoard = true;
-    int code = tools::kOk;
-};
 
 // The row of the command in the table of results.
 std::string documentedResultOf(const Words& verb) {
@@ -69,50 +62,12 @@ int codeOnFullDisk(const Words& words) {
 
 class QuilctlEveryVerb : public QuilctlRun {
   protected:
-    QuilctlEveryVerb() {
-        std::filesystem::create_directory(directory / "blocks");
-        board::writeWholeFile(directory / "blocks/00-10018000.bin", "block");
-        board::writeWholeFile(directory / "screen.img", std::string("\0\0\0\1\x10\1\x80\0"
-                                                                    "\0\0\0\1x",
-                                                                    13));
-        board::writeWholeFile(directory / "no.ini", "[mcu]\n");
-    }
-
-    std::map<std::string, VerbCase> cases() const {
-        return {
-            {"get", {{"1"}}},
-            {"set", {{"0x102", "01"}}},
-            {"callbacks", {}},
-            {"self-test", {}},
-            {"power low", {}},
-            {"power normal", {}},
-            {"config show", {}},
-            {"config check", {{path("no.ini")}, false, tools::kBadData}},
-            {"frame encode", {{"1"}, false}},
-            {"frame decode", {{"55BB"}, false, tools::kBadData}},
-            {"board new", {{path("new")}, false}},
-            {"board show", {{path("none")}, false, tools::kNoBoard}},
-            {"boot", {}},
-            {"fpga status", {}},
-            {"fpga load", {}},
-            {"fpga flash", {{imageFile("no image")}, true, tools::kFailed}},
-            {"screen show", {{path("screen.img")}, false}},
-            {"screen build", {{path("blocks"), path("built.img")}, false}},
-            {"mcu version", {}},
-            {"mcu update", {{"--installed", "V0.9.0"}}},
-            {"mcu program", {{"--chip", "gd32f303", imageFile(std::string(512, 'x'))}}},
-            {"mcu task", {{"get"}}},
-            {"mcu model",
-             {{"--chip", "gd32f303", "--pty", path("none/link")}, false, tools::kNoBoard}},
-            {"demo", {}},
-            {"help", {{"get"}, false}},
-        };
-    }
+    QuilctlEveryVerb() { makeVerbFiles(directory); }
 
     // Each command with its words and the case for it.
     template <typename Check>
     void forEach(Check check) {
-        const auto known = cases();
+        const auto known = verbCases(directory);
         for (const Words& verb : tools::verbsOf(tools::kBoardProgram)) {
             SCOPED_TRACE(textOf(verb));
             std::filesystem::remove_all(directory / "new");
@@ -124,7 +79,7 @@ class QuilctlEveryVerb : public QuilctlRun {
 
 TEST_F(QuilctlEveryVerb, HasACaseHere) {
     for (const Words& verb : tools::verbsOf(tools::kBoardProgram)) {
-        EXPECT_THAT(cases(), Contains(Key(textOf(verb))));
+        EXPECT_THAT(verbCases(directory), Contains(Key(textOf(verb))));
     }
 }
 

@@ -1,0 +1,62 @@
+// Arguments with which each command does its work, for what has to hold for every command.
+#pragma once
+
+#include <filesystem>
+#include <map>
+#include <string>
+
+#include "board/core/whole_file.h"
+#include "tools/quilctl/cli.h"
+
+namespace quil::tests {
+
+struct VerbCase {
+    tools::Words arguments;
+    bool powersBoard = true;
+    int code = tools::kOk;
+};
+
+// The files that the arguments name, as far as there are any.
+inline void makeVerbFiles(const std::filesystem::path& directory) {
+    std::filesystem::create_directory(directory / "blocks");
+    board::writeWholeFile(directory / "blocks/00-10018000.bin", "block");
+    board::writeWholeFile(directory / "screen.img",
+                          std::string("\0\0\0\1\x10\1\x80\0\0\0\0\1x", 13));
+    board::writeWholeFile(directory / "no.ini", "[mcu]\n");
+    board::writeWholeFile(directory / "no.bin", "no image");
+    board::writeWholeFile(directory / "image.bin", std::string(512, 'x'));
+}
+
+// By the command's words. The files lie in `directory`.
+inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& directory) {
+    const auto path = [&directory](const char* name) { return (directory / name).string(); };
+    return {
+        {"get", {{"1"}}},
+        {"set", {{"0x102", "01"}}},
+        {"callbacks", {}},
+        {"self-test", {}},
+        {"power low", {}},
+        {"power normal", {}},
+        {"config show", {}},
+        {"config check", {{path("no.ini")}, false, tools::kBadData}},
+        {"frame encode", {{"1"}, false}},
+        {"frame decode", {{"55BB"}, false, tools::kBadData}},
+        {"board new", {{path("new")}, false}},
+        {"board show", {{path("none")}, false, tools::kNoBoard}},
+        {"boot", {}},
+        {"fpga status", {}},
+        {"fpga load", {}},
+        {"fpga flash", {{path("no.bin")}, true, tools::kFailed}},
+        {"screen show", {{path("screen.img")}, false}},
+        {"screen build", {{path("blocks"), path("built.img")}, false}},
+        {"mcu version", {}},
+        {"mcu update", {{"--installed", "V0.9.0"}}},
+        {"mcu program", {{"--chip", "gd32f303", path("image.bin")}}},
+        {"mcu task", {{"get"}}},
+        {"mcu model", {{"--chip", "gd32f303", "--pty", path("none/link")}, false, tools::kNoBoard}},
+        {"demo", {}},
+        {"help", {{"get"}, false}},
+    };
+}
+
+}  // namespace quil::tests
