@@ -148,7 +148,7 @@ std::vector<std::string> Board::log(int priority) const {
 
 std::vector<std::string> Board::violations() const {
     Guard guard(boardLock());
-    return mMachine->violations;
+    return mMachine->violations.texts();
 }
 
 void Board::clearLog() {

@@ -97,6 +97,7 @@ class Board {
     std::vector<std::string> log(int priority) const;
     std::vector<LogLine> logLines() const;
     LogLine lastLogLine() const;  // priority 0 when there is none
+    // As "part: text"; of each kind the first few, and how many more there were.
     std::vector<std::string> violations() const;
     void clearLog();
 

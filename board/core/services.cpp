@@ -41,7 +41,7 @@ void BoardServices::powerOff() {
 
 void BoardServices::violation(const std::string& source, const std::string& text) {
     if (!power.isOn()) return;
-    violations.push_back(source + ": " + text);
+    if (!violations.add(scheduler.now(), source + ": " + text)) return;
     trace.add(EventKind::kViolation, source, text);
 }
 

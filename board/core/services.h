@@ -16,6 +16,7 @@
 #include "board/core/scheduler.h"
 #include "board/core/store.h"
 #include "board/core/trace.h"
+#include "board/core/violations.h"
 
 namespace quil::board {
 
@@ -48,7 +49,7 @@ class BoardServices {
     Power power;
     Trace trace;
     Faults faults;
-    std::vector<std::string> violations;
+    Violations violations;
     Nanos deviceTime{0};  // waited for devices since power-on
 
   private:

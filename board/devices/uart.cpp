@@ -102,6 +102,11 @@ void Uart::addFault(const LineFault& fault) {
     mFaults.back().byte += mPassed.at(fault.fromHost ? 1 : 0);
 }
 
+void Uart::addNoise(uint64_t seed, const NoiseRates& rates) {
+    Guard guard(boardLock());
+    mNoise.emplace(seed, rates);
+}
+
 void Uart::powerLost() {
     mPlugged = false;
     mTx.clear();
@@ -131,7 +136,9 @@ std::vector<uint8_t> Uart::arriving(bool fromHost, uint8_t byte) {
         note(EventKind::kFault,
              "byte " + std::to_string(number) + (fromHost ? " from the host" : " to the host"));
     }
-    if (!lost) before.push_back(byte);
+    if (lost) return before;
+    const auto heard = mNoise ? mNoise->arriving(byte) : std::vector<uint8_t>{byte};
+    before.insert(before.end(), heard.begin(), heard.end());
     return before;
 }
 
@@ -207,7 +214,7 @@ void Uart::transmitted() {
     const bool wasFull = mTx.size() == kBuffer;
     mTx.pop_front();
     std::vector<uint8_t> faulty;
-    if (!mFaults.empty()) faulty = arriving(true, byte);
+    if (isFaulty()) faulty = arriving(true, byte);
     ++mPassed[1];
     startTransmit();
     if (wasFull) {
@@ -215,7 +222,7 @@ void Uart::transmitted() {
         mBoard.readinessChanged();
     }
     if (mPeer == nullptr) return;
-    if (mFaults.empty()) return mPeer->receive(asHeardAt(mLine, mPeer->lineSettings(), byte));
+    if (!isFaulty()) return mPeer->receive(asHeardAt(mLine, mPeer->lineSettings(), byte));
     for (const uint8_t heard : faulty) {
         mPeer->receive(asHeardAt(mLine, mPeer->lineSettings(), heard));
     }
@@ -256,7 +263,7 @@ void Uart::received() {
     const LineSettings sender = mPeer != nullptr ? mPeer->lineSettings() : mLine;
     const uint8_t byte = asHeardAt(sender, mLine, mIncoming.front());
     mIncoming.pop_front();
-    if (mFaults.empty()) {
+    if (!isFaulty()) {
         keep(byte);
     } else {
         for (const uint8_t heard : arriving(false, byte)) keep(heard);

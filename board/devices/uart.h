@@ -7,10 +7,12 @@
 
 #include <array>
 #include <deque>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "board/core/services.h"
+#include "board/devices/line_noise.h"
 
 namespace quil::board {
 
@@ -64,8 +66,9 @@ class Uart {
     std::string mode() const;  // "8N1"
     void unplug();             // the device is gone: EIO, and end of file to readers
     void addFault(const LineFault&);
-    std::vector<uint8_t> sentByHost() const;  // every byte accepted by write()
-    size_t bytesOnTheWay() const;             // accepted by write(), not yet at the peer
+    void addNoise(uint64_t seed, const NoiseRates&);  // in both directions, from now on
+    std::vector<uint8_t> sentByHost() const;          // every byte accepted by write()
+    size_t bytesOnTheWay() const;                     // accepted by write(), not yet at the peer
 
     // For the peer.
     void attach(UartPeer*);
@@ -97,6 +100,7 @@ class Uart {
     bool waitForInput(size_t need, bool nonBlocking);
     // With the faults of the line: the bytes that arrive for a byte sent, and how much later.
     std::vector<uint8_t> arriving(bool fromHost, uint8_t byte);
+    bool isFaulty() const { return !mFaults.empty() || mNoise.has_value(); }
     Nanos lateness(bool fromHost) const;
     uint8_t asHeardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte);
 
@@ -110,6 +114,7 @@ class Uart {
     std::deque<uint8_t> mTx, mRx, mIncoming;
     std::vector<uint8_t> mSent, mBurst;
     std::vector<LineFault> mFaults;
+    std::optional<LineNoise> mNoise;
     std::array<size_t, 2> mPassed{};  // bytes transferred: to the host, from the host
     bool mTransmitting = false, mReceiving = false;
 };

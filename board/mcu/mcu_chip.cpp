@@ -146,6 +146,7 @@ void McuChip::operate(const std::string& what, std::function<Nanos(McuFlash&)> s
 }
 
 void McuChip::resetBySoftware() {
+    if (mFlash.busy()) mFlash.powerLost(static_cast<uint64_t>(now().count()));
     halt(State::kStarting);
     after(kStartTime, [this] { startFromReset(); });
 }

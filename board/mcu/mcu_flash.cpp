@@ -47,7 +47,12 @@ void McuFlash::loadOptions() {
         if (name == "readout_protected") lines >> mReadoutProtected;
         uint32_t page = 0;
         if (name == "write_protected" && lines >> page) mWriteProtected.insert(page);
+        int low = 0, high = 0;
+        if (name == "worn" && lines >> page >> low >> high) {
+            wear(page, {static_cast<uint8_t>(low), static_cast<uint8_t>(high)});
+        }
     }
+    mOptionsChanged = false;
 }
 
 // The file ends with the last programmed cell.
@@ -60,6 +65,10 @@ void McuFlash::save() {
     std::string text = "readout_protected = " + std::to_string(mReadoutProtected) + "\n";
     for (const uint32_t page : mWriteProtected) {
         text += "write_protected = " + std::to_string(page) + "\n";
+    }
+    for (const auto& [offset, bits] : mWorn) {
+        text += "worn = " + std::to_string(offset) + " " + std::to_string(bits.stuckLow) + " " +
+                std::to_string(bits.stuckHigh) + "\n";
     }
     mStore.replace(mOptionsFile, text);
 }
@@ -83,7 +92,23 @@ void McuFlash::load(std::string_view image) {
     if (image.size() > mCells.size()) throw std::invalid_argument("more than the flash holds");
     std::fill(std::copy(image.begin(), image.end(), mCells.begin()), mCells.end(), 0xFF);
     mUsed = image.size();
+    readWorn();
     mChanged = true;
+}
+
+void McuFlash::wear(uint32_t offset, Wear bits) {
+    if (offset >= mCells.size()) return;
+    mWorn[offset] = bits;
+    mOptionsChanged = true;
+    readWorn();
+}
+
+void McuFlash::readWorn() {
+    for (const auto& [offset, bits] : mWorn) {
+        uint8_t& cell = mCells[offset];
+        cell = static_cast<uint8_t>((cell & ~bits.stuckLow) | bits.stuckHigh);
+        if (cell != 0xFF) mUsed = std::max<size_t>(mUsed, offset + 1);
+    }
 }
 
 void McuFlash::setReadoutProtected(bool on) {
@@ -119,9 +144,11 @@ Nanos McuFlash::startProgram(uint32_t offset, std::span<const uint8_t> bytes) {
 
 std::string McuFlash::finish() {
     const Operation done = std::exchange(mOperation, {});
-    if (done.kind == Operation::kProgram) return program(done.offset, done.bytes);
+    std::string broken;
+    if (done.kind == Operation::kProgram) broken = program(done.offset, done.bytes);
     for (const uint32_t number : done.pages) erase(page(number));
-    return "";
+    readWorn();
+    return broken;
 }
 
 // Cells change one after another: those before the cut are done, one is half done.
@@ -140,6 +167,7 @@ void McuFlash::powerLost(uint64_t seed) {
         const Page half = page(torn.pages[done]);
         erase({half.offset, static_cast<uint32_t>(tornAt(seed + 1, half.size))});
     }
+    readWorn();
 }
 
 bool McuFlash::isProtected(uint32_t offset) const {
@@ -147,8 +175,12 @@ bool McuFlash::isProtected(uint32_t offset) const {
 }
 
 bool McuFlash::erased(uint32_t offset, uint32_t size) const {
-    const auto at = mCells.begin() + offset;
-    return std::all_of(at, at + size, [](uint8_t cell) { return cell == 0xFF; });
+    for (uint32_t at = offset; at < offset + size; ++at) {
+        const auto worn = mWorn.find(at);
+        const uint8_t low = worn == mWorn.end() ? 0 : worn->second.stuckLow;
+        if ((mCells[at] | low) != 0xFF) return false;
+    }
+    return true;
 }
 
 void McuFlash::erase(const Page& page) {

@@ -8,6 +8,7 @@
 
 #include <stdint.h>
 
+#include <map>
 #include <set>
 #include <span>
 #include <string>
@@ -55,6 +56,13 @@ class McuFlash {
     const std::set<uint32_t>& writeProtectedPages() const { return mWriteProtected; }
     void setWriteProtected(std::set<uint32_t> pages);
 
+    // Worn cells: these bits of the byte read as 0, or as 1, for good. They do not keep a unit from
+    // being programmed. Kept with the protection.
+    struct Wear {
+        uint8_t stuckLow = 0, stuckHigh = 0;
+    };
+    void wear(uint32_t offset, Wear);
+
     void save();  // writes the files if something changed; the destructor does so too
 
   private:
@@ -69,6 +77,7 @@ class McuFlash {
     void erase(const Page&);
     std::string program(uint32_t offset, std::span<const uint8_t> bytes);
     void loadOptions();
+    void readWorn();
 
     const McuPart& mPart;
     Store& mStore;
@@ -78,6 +87,7 @@ class McuFlash {
     Operation mOperation;
     bool mReadoutProtected = false;
     std::set<uint32_t> mWriteProtected;
+    std::map<uint32_t, Wear> mWorn;
     bool mChanged = false, mOptionsChanged = false;
 };
 

@@ -55,7 +55,7 @@ LineSettings N32BootLoader::lineSettings() const { return {kSpeed, 8, 'N', 1}; }
 void N32BootLoader::start() {
     mFrame.clear();
     mBusy = mHung = mInNoise = false;
-    mLate = Nanos(0);
+    mFault.forget();
 }
 
 void N32BootLoader::receive(uint8_t byte) {
@@ -92,7 +92,7 @@ void N32BootLoader::frame() {
         refuse(N32Refusal::kCommand, "no such command");
     } else if (length < row->leastPayload || length > row->mostPayload || !keyIsZero()) {
         refuse(N32Refusal::kLength, "the payload is not this command's");
-    } else if (passesFaults()) {
+    } else if (passes(LoaderStep::kCommand)) {
         (this->*row->handler)();
     }
     mFrame.clear();
@@ -104,33 +104,50 @@ bool N32BootLoader::keyIsZero() const {
                        [](uint8_t byte) { return byte == 0; });
 }
 
-bool N32BootLoader::passesFaults() {
-    const auto fault = mFaults.take(mFrame[kCommandAt], LoaderStep::kCommand);
+// False: a fault ends the command here.
+bool N32BootLoader::passes(LoaderStep step) {
+    using Kind = LoaderFault::Kind;
+    const uint8_t code = mFrame[kCommandAt];
+    const auto fault = mFaults.take(code, step);
     if (!fault) return true;
-    mAround.note("fault at command " + std::to_string(mFrame[kCommandAt]));
-    if (fault->kind == LoaderFault::Kind::kLate) {
-        mLate = fault->delay;
-        return true;
+    mAround.note(std::string("fault at ") + nameOf(step) + " of command " + std::to_string(code));
+    const bool ends =
+        fault->kind == Kind::kSilent || fault->kind == Kind::kNack || fault->kind == Kind::kHangs;
+    const bool operates = step == LoaderStep::kCommand && (code == 0x30 || code == 0x31);
+    if (ends || (fault->kind == Kind::kReset && !operates)) {
+        endWith(*fault);
+        return false;
     }
-    if (fault->kind == LoaderFault::Kind::kNack) refuse(N32Refusal::kFault, "a fault", false);
-    if (fault->kind == LoaderFault::Kind::kHangs) mHung = true;
-    return false;
+    mFault.set(*fault);
+    return true;
+}
+
+void N32BootLoader::endWith(const LoaderFault& fault) {
+    using Kind = LoaderFault::Kind;
+    if (fault.kind == Kind::kNack) refuse(N32Refusal::kFault, "a fault", false);
+    if (fault.kind == Kind::kHangs) mHung = true;
+    if (fault.kind == Kind::kReset) mAround.resetBySoftware();
 }
 
 void N32BootLoader::answer(Nanos delay, std::vector<uint8_t> payload, uint8_t status0,
                            uint8_t status1) {
     std::vector<uint8_t> bytes = {
         kStart0, kStart1, mFrame[kCommandAt], 0, static_cast<uint8_t>(payload.size()), 0};
+    const size_t payloadAt = bytes.size(), statusAt = payloadAt + payload.size();
     bytes.insert(bytes.end(), payload.begin(), payload.end());
     bytes.push_back(status0);
     bytes.push_back(status1);
     bytes.push_back(xorOf(bytes));
-    mAround.after(delay + std::exchange(mLate, Nanos(0)),
-                  [this, bytes = std::move(bytes)] { mAround.send(bytes); });
+    const auto [later, deaf] = mFault.apply(bytes, statusAt, payloadAt);
+    mBusy = mBusy || deaf;
+    mAround.after(delay + later, [this, deaf = deaf, bytes = std::move(bytes)] {
+        if (deaf) mBusy = false;
+        mAround.send(bytes);
+    });
 }
 
 void N32BootLoader::succeed(Nanos delay, std::vector<uint8_t> payload) {
-    answer(delay, std::move(payload), kSuccess, 0);
+    if (passes(LoaderStep::kFinished)) answer(delay, std::move(payload), kSuccess, 0);
 }
 
 // A refused download is answered as late as a good one: hosts flush their input before that.
@@ -166,23 +183,16 @@ void N32BootLoader::erase() {
     }
     std::vector<uint32_t> pages(count);
     std::iota(pages.begin(), pages.end(), first);
-    mBusy = true;
-    mAround.operate(
+    operate(
         "erase " + std::to_string(count) + " pages",
-        [pages](McuFlash& flash) { return flash.startErase(pages); },
-        [this, request = mFrame](const std::string&) {
-            mBusy = false;
-            mFrame = request;
-            succeed(kTurnaround);
-            mFrame.clear();
-        });
+        [pages](McuFlash& flash) { return flash.startErase(pages); }, kTurnaround);
 }
 
 void N32BootLoader::download() {
     const uint32_t address = little32(mFrame, kParameterAt);
     const size_t size = little16(mFrame, kPayloadLengthAt) - kKeySize - 4;
-    const std::vector<uint8_t> data(mFrame.begin() + kBlockAt,
-                                    mFrame.begin() + static_cast<ptrdiff_t>(kBlockAt + size));
+    std::vector<uint8_t> data(mFrame.begin() + kBlockAt,
+                              mFrame.begin() + static_cast<ptrdiff_t>(kBlockAt + size));
     if (size % 16 != 0) return refuse(N32Refusal::kLength, "data that are no multiple of 16");
     const uint32_t offset = address - kMcuFlashBase;
     if (address < kMcuFlashBase || offset % 16 != 0 || offset + size > mFlash.part().flashSize()) {
@@ -191,21 +201,35 @@ void N32BootLoader::download() {
     if (little32(mFrame, kBlockAt + size) != crcOf(data)) {
         return refuse(N32Refusal::kBlockCrc, "the block's CRC is wrong");
     }
+    mFault.spoil(data);
     char what[48];
     snprintf(what, sizeof(what), "program 0x%08x, %zu bytes", address, size);
-    mBusy = true;
-    mAround.operate(
+    operate(
         what, [offset, data](McuFlash& flash) { return flash.startProgram(offset, data); },
-        [this, request = mFrame](const std::string& broken) {
-            mBusy = false;
-            mFrame = request;
-            if (broken.empty()) {
-                succeed(kDownloadTurnaround);
-            } else {
-                refuse(N32Refusal::kFlash, broken);
-            }
-            mFrame.clear();
-        });
+        kDownloadTurnaround);
+}
+
+// A part that resets in the middle of the operation never finishes it.
+void N32BootLoader::operate(const std::string& what, std::function<Nanos(McuFlash&)> start,
+                            Nanos turnaround) {
+    mBusy = true;
+    const bool torn = mFault.takeReset();
+    const auto startOrTear = [this, torn, start = std::move(start)](McuFlash& flash) {
+        const Nanos takes = start(flash);
+        if (torn) mAround.after(takes / 2, [this] { mAround.resetBySoftware(); });
+        return takes;
+    };
+    mAround.operate(what, startOrTear,
+                    [this, turnaround, request = mFrame](const std::string& broken) {
+                        mBusy = false;
+                        mFrame = request;
+                        if (broken.empty()) {
+                            succeed(turnaround);
+                        } else {
+                            refuse(N32Refusal::kFlash, broken);
+                        }
+                        mFrame.clear();
+                    });
 }
 
 // Hosts in the field count 16 bytes too many for images of a multiple of 16 bytes, and continue the

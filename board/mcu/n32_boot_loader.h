@@ -61,7 +61,9 @@ class N32BootLoader : public BootLoader {
 
     void startOver(const std::string& why);
     void frame();
-    bool passesFaults();
+    bool passes(LoaderStep);
+    void endWith(const LoaderFault&);
+    void operate(const std::string& what, std::function<Nanos(McuFlash&)> start, Nanos turnaround);
     void handshake();
     void getInfo();
     void erase();
@@ -78,7 +80,8 @@ class N32BootLoader : public BootLoader {
     McuSurroundings& mAround;
     LoaderFaults& mFaults;
     std::vector<uint8_t> mFrame;
-    Nanos mLastByte{0}, mLate{0};
+    PendingFault mFault;
+    Nanos mLastByte{0};
     bool mBusy = false, mHung = false, mInNoise = false;
 };
 

@@ -63,7 +63,7 @@ class PtyBridge::Part : public McuSurroundings {
         return settingsOf(settings);
     }
     void note(const std::string&) override {}
-    void violation(const std::string& text) override { violations.push_back(text); }
+    void violation(const std::string& text) override { violations.add(now(), text); }
     void operate(const std::string&, std::function<Nanos(McuFlash&)> start,
                  std::function<void(const std::string&)> done) override {
         after(start(flash), [this, done = std::move(done)] { done(flash.finish()); });
@@ -108,7 +108,7 @@ class PtyBridge::Part : public McuSurroundings {
   public:
     McuFlash flash;
     LoaderFaults faults;
-    std::vector<std::string> violations;
+    Violations violations;
     const std::unique_ptr<BootLoader> loader;
 
   private:
@@ -144,7 +144,7 @@ PtyBridge::~PtyBridge() {
 const std::string& PtyBridge::port() const { return mPort; }
 McuFlash& PtyBridge::flash() { return mPart->flash; }
 LoaderFaults& PtyBridge::faults() { return mPart->faults; }
-const std::vector<std::string>& PtyBridge::violations() const { return mPart->violations; }
+std::vector<std::string> PtyBridge::violations() const { return mPart->violations.texts(); }
 void PtyBridge::stop() { mStopped.store(true); }
 
 void PtyBridge::run() {

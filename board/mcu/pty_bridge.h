@@ -37,7 +37,7 @@ class PtyBridge {
     // Not while run() serves.
     McuFlash& flash();
     LoaderFaults& faults();
-    const std::vector<std::string>& violations() const;
+    std::vector<std::string> violations() const;
 
   private:
     class Part;

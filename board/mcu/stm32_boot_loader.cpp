@@ -57,7 +57,7 @@ void Stm32BootLoader::start() {
     mSynchronised = mBusy = mHung = false;
     mHeardWhileBusy.reset();
     mRam.clear();
-    mLate = Nanos(0);
+    mFault.forget();
     awaitCommand();
 }
 
@@ -103,16 +103,21 @@ void Stm32BootLoader::expect(size_t bytes, Handler handler) {
 void Stm32BootLoader::awaitCommand() { expect(2, &Stm32BootLoader::command); }
 
 bool Stm32BootLoader::passes(LoaderStep step) {
+    using Kind = LoaderFault::Kind;
     const auto fault = mFaults.take(mCode, step);
     if (!fault) return true;
     mAround.note(std::string("fault at ") + nameOf(step) + formatted(" of command 0x%02x", mCode));
-    if (fault->kind == LoaderFault::Kind::kLate) {
-        mLate = fault->delay;
+    const bool ends =
+        fault->kind == Kind::kSilent || fault->kind == Kind::kNack || fault->kind == Kind::kHangs;
+    const bool resetsNow = fault->kind == Kind::kReset && step != LoaderStep::kData;
+    if (!ends && !resetsNow) {
+        mFault.set(*fault);
         return true;
     }
     awaitCommand();
-    if (fault->kind == LoaderFault::Kind::kNack) answer({kNack});
-    if (fault->kind == LoaderFault::Kind::kHangs) mHung = true;
+    if (fault->kind == Kind::kNack) answer({kNack});
+    if (fault->kind == Kind::kHangs) mHung = true;
+    if (resetsNow) mAround.resetBySoftware();
     return false;
 }
 
@@ -123,9 +128,13 @@ bool Stm32BootLoader::acknowledge(LoaderStep step) {
 }
 
 void Stm32BootLoader::answer(std::vector<uint8_t> bytes) {
-    const Nanos late = std::exchange(mLate, Nanos(0));
-    if (late == Nanos(0)) return mAround.send(std::move(bytes));
-    mAround.after(late, [this, bytes = std::move(bytes)] { mAround.send(bytes); });
+    const auto [delay, deaf] = mFault.apply(bytes, 0, 1);
+    if (delay == Nanos(0)) return mAround.send(std::move(bytes));
+    mBusy = mBusy || deaf;
+    mAround.after(delay, [this, deaf = deaf, bytes = std::move(bytes)] {
+        mAround.send(bytes);
+        if (deaf) hearAgain();
+    });
 }
 
 void Stm32BootLoader::refuse(const std::string& why, bool violation) {
@@ -283,6 +292,7 @@ void Stm32BootLoader::writeData() {
 
 void Stm32BootLoader::programFlash(uint32_t offset) {
     std::vector<uint8_t> bytes(mIn.begin() + 1, mIn.end() - 1);
+    mFault.spoil(bytes);
     const std::string what = formatted("program 0x%08x", kMcuFlashBase + offset) + ", " +
                              std::to_string(bytes.size()) + " bytes";
     operate(
@@ -396,16 +406,28 @@ void Stm32BootLoader::readoutUnprotect() {
         true);
 }
 
+// A part that resets in the middle of the operation never finishes it.
 void Stm32BootLoader::operate(const std::string& what, std::function<Nanos(McuFlash&)> start,
                               bool resets) {
     mBusy = true;
-    mAround.operate(what, std::move(start), [this, resets](const std::string& broken) {
+    const bool torn = mFault.takeReset();
+    const auto startOrTear = [this, torn, start = std::move(start)](McuFlash& flash) {
+        const Nanos takes = start(flash);
+        if (torn) mAround.after(takes / 2, [this] { mAround.resetBySoftware(); });
+        return takes;
+    };
+    mAround.operate(what, startOrTear, [this, resets](const std::string& broken) {
         mBusy = false;
         finished(broken, resets);
-        if (!mHeardWhileBusy) return;
-        const uint8_t byte = *std::exchange(mHeardWhileBusy, std::nullopt);
-        receive(byte);
+        if (!mBusy) hearAgain();
     });
+}
+
+void Stm32BootLoader::hearAgain() {
+    mBusy = false;
+    if (!mHeardWhileBusy) return;
+    const uint8_t byte = *std::exchange(mHeardWhileBusy, std::nullopt);
+    receive(byte);
 }
 
 void Stm32BootLoader::finished(const std::string& broken, bool resets) {

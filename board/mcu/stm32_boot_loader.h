@@ -45,6 +45,7 @@ class Stm32BootLoader : public BootLoader {
     bool xorIsRight();
     bool takeAddress();
     void receiveWhileBusy(uint8_t byte);
+    void hearAgain();
 
     void command();
     void get();
@@ -95,7 +96,7 @@ class Stm32BootLoader : public BootLoader {
     size_t mExpected = 0;
     Handler mNext = nullptr;
     std::optional<uint8_t> mHeardWhileBusy;
-    Nanos mLate{0};
+    PendingFault mFault;
 };
 
 }  // namespace quil::board

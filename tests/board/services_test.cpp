@@ -81,7 +81,7 @@ TEST_F(BoardPartAlone, SerialFlashKeepsItsCellsInTheStore) {
         EXPECT_EQ(flash.program(2, Bytes{0x78}), 0);
     }
     EXPECT_EQ(board.store->read("mtd0"), std::string("\x12\x34\x50"));
-    EXPECT_THAT(board.violations, ElementsAre("/dev/mtd0: page 0x2 is not erased"));
+    EXPECT_THAT(board.violations.texts(), ElementsAre("/dev/mtd0: page 0x2 is not erased"));
     EXPECT_THAT(SerialFlash(board).read(0, 4), ElementsAre(0x12, 0x34, 0x50, 0xFF));
 }
 
@@ -110,7 +110,7 @@ TEST_F(BoardPartAlone, FpgaConfiguresItselfFromItsFlashWhenItsLinesRise) {
     EXPECT_EQ(fpga.version(), "V9.9.9");
     EXPECT_EQ(gpio.at(3).level(), 1);
     EXPECT_THAT(events(EventKind::kGpio), ElementsAre("gpio 1: 1", "gpio 3: 1"));
-    EXPECT_THAT(board.violations, IsEmpty());
+    EXPECT_THAT(board.violations.texts(), IsEmpty());
 }
 
 TEST_F(BoardPartAlone, PhyComesUpOnlyAfterItsResetItsDriverAndItsSetUp) {
@@ -128,7 +128,7 @@ TEST_F(BoardPartAlone, PhyComesUpOnlyAfterItsResetItsDriverAndItsSetUp) {
     EXPECT_FALSE(phy.isLinkUp());
     runFor(Phy::kLinkTraining);
     EXPECT_TRUE(phy.isLinkUp());
-    EXPECT_THAT(board.violations, IsEmpty());
+    EXPECT_THAT(board.violations.texts(), IsEmpty());
 }
 
 TEST_F(BoardPartAlone, ShellMovesALineAndTakesTheTimeOfASleep) {
@@ -156,7 +156,7 @@ TEST_F(BoardPartAlone, WithoutPowerNothingIsRecorded) {
     Properties(board).set("persist.a", "1");
     board.violation("part", "misused");
     EXPECT_EQ(board.trace.count(), 0U);
-    EXPECT_THAT(board.violations, IsEmpty());
+    EXPECT_THAT(board.violations.texts(), IsEmpty());
 }
 
 TEST(BoardStore, FileIsReplacedAsAWholeAndLeavesNothingBeside) {
