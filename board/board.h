@@ -9,7 +9,10 @@
 #include <vector>
 
 #include "board/board_directory.h"
+#include "board/core/chances.h"
 #include "board/core/faults.h"
+#include "board/core/schedule.h"
+#include "board/core/store.h"
 #include "board/core/temporary_directory.h"
 #include "board/core/trace.h"
 #include "board/devices/gpio_lines.h"
@@ -31,9 +34,15 @@ namespace quil::board {
 
 struct BoardOptions {
     bool realtime = false;  // board time is real time, to watch or for outside programs
-    uint64_t seed = 1;
+    // Decides which thread runs when (core/schedule.h), and what the chances bring. 0: threads run
+    // in the order in which they became runnable, and nothing is left to chance.
+    uint64_t seed = 0;
     // What runs on the MCU of a board in a directory of its own; "": the shipped version.
     std::string flashedMcuVersion = {};
+    Pct pct = {};
+    ChanceRates chances = {};
+    // Where the parts keep what outlives the power, instead of the files of the board's directory.
+    std::shared_ptr<Store> store = {};
 };
 
 struct LogLine {

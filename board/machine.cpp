@@ -58,7 +58,8 @@ Fpga::Lines fpgaLines(GpioLines& gpio, const Wiring& wiring) {
 std::atomic<Machine*> g_poweredMachine{nullptr};
 
 Machine::Machine(const std::filesystem::path& dir, BoardOptions opts)
-    : BoardServices(theScheduler(), std::make_unique<KeptStore>(dir), dir / "rootfs"),
+    : BoardServices(theScheduler(), opts.store ? opts.store : std::make_shared<KeptStore>(dir),
+                    dir / "rootfs"),
       directory(dir),
       options(std::move(opts)),
       mWiring(wiringOf(dir / kWiringFile)),
@@ -93,6 +94,14 @@ void Machine::readFailed() {
     mLastFailedRead = mFailedReadsAtOnce < kAtOnceMost ? now : now + kStep;
     scheduler.sleepUntil(mLastFailedRead, "its next read");
     errno = error;
+}
+
+bool Machine::interrupts(const char* call, const std::string& path, Nanos wait) {
+    const auto after = chances.interruption(wait);
+    if (!after) return false;
+    scheduler.sleepFor(*after, call);
+    trace.add(EventKind::kFault, path, std::string(call) + " is interrupted");
+    return true;
 }
 
 Uart* Machine::uartAt(std::string_view path) { return mcuUart.path() == path ? &mcuUart : nullptr; }

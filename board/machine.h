@@ -46,6 +46,9 @@ class Machine : public BoardServices {
     // Power was cut: the devices are frozen, and every call of the host fails at once, so that the
     // program's work ends without any effect.
     bool dead() const { return power.isCut(); }
+    // True if chance has it that a signal interrupts the call, some time into its wait of at most
+    // that length; that time has passed then.
+    bool interrupts(const char* call, const std::string& path, Nanos wait = Nanos(0));
     // Waits for the time that a faulty call takes.
     void spend(const Fault& fault) { scheduler.sleepFor(fault.takes, "a call that fails"); }
     // Called after a failed read, so that a program that only tries again does not stop board time.
@@ -56,6 +59,7 @@ class Machine : public BoardServices {
     const BoardOptions options;
     std::map<int, OpenFile> files;
     std::vector<LogLine> log;
+    Chances chances{options.realtime ? 0 : options.seed, options.chances};
 
   private:
     const Wiring mWiring;
@@ -87,11 +91,16 @@ extern std::atomic<Machine*> g_poweredMachine;
 inline Machine* poweredMachine() { return g_poweredMachine.load(std::memory_order_relaxed); }
 
 // The powered machine, for a C library call of the program; null without power, and for calls that
-// the board itself makes.
+// the board itself makes. Another thread may have its turn first.
 inline Machine* machineForCall() {
     Machine* machine = poweredMachine();
     if (machine == nullptr || BoardLock::mine()) return nullptr;
     Scheduler::arrive();
+    if (Scheduler::attached()) {
+        machine->scheduler.preempt();
+        machine = poweredMachine();
+        if (machine == nullptr) return nullptr;
+    }
     if (machine->trace.cutIsDue()) machine->trace.cutIfDue();
     return machine;
 }

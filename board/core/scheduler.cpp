@@ -1,5 +1,6 @@
 #include "board/core/scheduler.h"
 
+#include <errno.h>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -21,12 +22,14 @@ int64_t realNanos() {
 
 }  // namespace
 
-void Scheduler::powerOn(bool realtime, Trace& trace) {
+void Scheduler::powerOn(bool realtime, Trace& trace, const Schedule& schedule) {
     mTrace = &trace;
+    mSchedule = realtime ? Schedule() : schedule;
     mRealtime = realtime;
     mOn = true;
     mLost = false;
     mVirtualNow = Nanos(0);
+    mWallAhead = Nanos(0);
     mRealStart = realNanos();
     mSequence = 0;
     mThreads = 0;
@@ -35,6 +38,7 @@ void Scheduler::powerOn(bool realtime, Trace& trace) {
     t_self->scheduler = this;
     t_self->attached = !realtime;
     t_self->number = mThreads++;
+    t_self->priority = mSchedule.priorityOfANewThread();
     mRunning = realtime ? nullptr : t_self;
     if (realtime) startClockThread();
 }
@@ -110,15 +114,11 @@ bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> 
     me->timedOut = false;
     me->parked = true;
     mParked.push_back(me);
-    std::optional<TimerId> timer;
     if (mLost) {
         me->timedOut = true;
         makeRunnable(me);
     } else if (deadline) {
-        timer = at(*deadline, [this, me] {
-            me->timedOut = true;
-            makeRunnable(me);
-        });
+        me->deadline = wakeAt(*deadline, me);
     }
     if (mRunning == me) {
         mRunning = nullptr;
@@ -127,9 +127,57 @@ bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> 
     const int held = boardLock().giveUp();
     me->gate.wait();
     boardLock().takeAgain(held);
-    if (timer && !me->timedOut) cancel(*timer);
+    if (me->deadline && !me->timedOut) cancel(*me->deadline);
+    me->deadline.reset();
     me->waitsFor = "";
     return !me->timedOut;
+}
+
+Scheduler::TimerId Scheduler::wakeAt(Nanos when, BoardThread* thread) {
+    return at(when, [this, thread] {
+        thread->timedOut = true;
+        makeRunnable(thread);
+    });
+}
+
+bool Scheduler::parkUntilWall(const char* what, const void* object, Nanos wallDeadline) {
+    BoardThread* me = self();
+    me->onWallClock = true;
+    const bool woken = park(what, object, wallDeadline - mWallAhead.load());
+    me->onWallClock = false;
+    return woken;
+}
+
+void Scheduler::stepWallClock(Nanos by) {
+    mWallAhead = mWallAhead.load() + by;
+    for (BoardThread* thread : mParked) {
+        if (!thread->onWallClock || !thread->deadline) continue;
+        cancel(*thread->deadline);
+        thread->deadline = wakeAt(thread->deadline->first - by, thread);
+    }
+}
+
+void Scheduler::preempt() {
+    BoardThread* me = t_self;
+    if (!mSchedule.isDrawn() || me == nullptr || !me->attached) return;
+    const int error = errno;
+    boardLock().lock();
+    const bool mayLose = mOn && mRunning == me && loseTurn(me);
+    boardLock().unlock();
+    if (mayLose) me->gate.wait();
+    errno = error;
+}
+
+// True if the thread has to wait for its next turn, which it may have already.
+bool Scheduler::loseTurn(BoardThread* me) {
+    fireDue();
+    mSchedule.step(&me->priority);
+    if (mRunQueue.empty()) return false;
+    me->queued = true;
+    mRunQueue.push_back(me);
+    mRunning = nullptr;
+    dispatch();
+    return true;
 }
 
 void Scheduler::makeRunnable(BoardThread* thread) {
@@ -146,12 +194,15 @@ void Scheduler::makeRunnable(BoardThread* thread) {
 }
 
 bool Scheduler::wakeOne(const void* object) {
+    std::vector<BoardThread*> waiting;
     for (BoardThread* thread : mParked) {
         if (thread->object != object) continue;
-        makeRunnable(thread);
-        return true;
+        waiting.push_back(thread);
+        if (!mSchedule.isDrawn()) break;
     }
-    return false;
+    if (waiting.empty()) return false;
+    makeRunnable(waiting[mSchedule.choose(waiting)]);
+    return true;
 }
 
 void Scheduler::wakeAll(const void* object) {
@@ -166,15 +217,18 @@ void Scheduler::sleepUntil(Nanos when, const char* what) {
     }
 }
 
-// Gives the turn to the next thread in the queue. When there is none, fires timers until one of
-// them makes a thread runnable.
+// Gives the turn to the next runnable thread. When there is none, fires timers until one of them
+// makes a thread runnable.
 void Scheduler::dispatch() {
     if (mDispatching || mRealtime) return;  // called by a timer's action, from the loop below
     mDispatching = true;
     while (mRunning == nullptr && mOn) {
+        if (mSchedule.isDrawn()) fireDue();
         if (!mRunQueue.empty()) {
-            mRunning = mRunQueue.front();
-            mRunQueue.pop_front();
+            const auto next =
+                mRunQueue.begin() + static_cast<ptrdiff_t>(mSchedule.choose(mRunQueue));
+            mRunning = *next;
+            mRunQueue.erase(next);
             mRunning->queued = false;
             mRunning->gate.open();
         } else if (!mTimers.empty()) {
@@ -184,6 +238,11 @@ void Scheduler::dispatch() {
         }
     }
     mDispatching = false;
+}
+
+// Who waits until now is runnable as well.
+void Scheduler::fireDue() {
+    while (!mLost && !mTimers.empty() && mTimers.back().first.first <= now()) fireNext();
 }
 
 void Scheduler::fireNext() {
@@ -214,6 +273,7 @@ std::shared_ptr<BoardThread> Scheduler::expectChild() {
     auto child = std::make_shared<BoardThread>();
     child->scheduler = this;
     child->number = mThreads++;
+    child->priority = mSchedule.priorityOfANewThread();
     child->attached = true;
     child->arrived = false;
     child->queued = true;

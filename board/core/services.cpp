@@ -19,7 +19,7 @@ constexpr std::array<std::string_view, 10> kBoardPaths = {"/vendor/",
 
 }  // namespace
 
-BoardServices::BoardServices(Scheduler& time, std::unique_ptr<Store> files,
+BoardServices::BoardServices(Scheduler& time, std::shared_ptr<Store> files,
                              std::filesystem::path root)
     : scheduler(time),
       store(std::move(files)),
@@ -29,8 +29,8 @@ BoardServices::BoardServices(Scheduler& time, std::unique_ptr<Store> files,
 
 BoardServices::~BoardServices() = default;
 
-void BoardServices::powerOn(bool realtime) {
-    scheduler.powerOn(realtime, trace);
+void BoardServices::powerOn(bool realtime, const Schedule& schedule) {
+    scheduler.powerOn(realtime, trace, schedule);
     power.turnOn();
 }
 

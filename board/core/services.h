@@ -23,13 +23,13 @@ namespace quil::board {
 class BoardServices {
   public:
     // `root` is the workstation's directory that holds the board's file system.
-    BoardServices(Scheduler&, std::unique_ptr<Store>, std::filesystem::path root = {});
+    BoardServices(Scheduler&, std::shared_ptr<Store>, std::filesystem::path root = {});
     ~BoardServices();
     BoardServices(const BoardServices&) = delete;
     BoardServices& operator=(const BoardServices&) = delete;
 
     // Between these two the calling thread lives in board time, and what happens is recorded.
-    void powerOn(bool realtime = false);
+    void powerOn(bool realtime = false, const Schedule& = {});
     void powerOff();
 
     // The model was used as no healthy program uses the real part.
@@ -45,7 +45,7 @@ class BoardServices {
     std::filesystem::path hostPath(std::string_view boardPath) const;
 
     Scheduler& scheduler;
-    const std::unique_ptr<Store> store;
+    const std::shared_ptr<Store> store;
     Power power;
     Trace trace;
     Faults faults;

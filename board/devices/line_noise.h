@@ -4,8 +4,9 @@
 
 #include <stdint.h>
 
-#include <random>
 #include <vector>
+
+#include "board/core/random.h"
 
 namespace quil::board {
 
@@ -19,8 +20,8 @@ class LineNoise {
 
     std::vector<uint8_t> arriving(uint8_t byte) {
         constexpr uint32_t kMillion = 1'000'000;
-        uint64_t draw = mRandom() % kMillion;
-        if (draw < mRates.flipped) return {static_cast<uint8_t>(byte ^ 1U << mRandom() % 8)};
+        uint64_t draw = mRandom.below(kMillion);
+        if (draw < mRates.flipped) return {static_cast<uint8_t>(byte ^ 1U << mRandom.below(8))};
         draw -= mRates.flipped;
         if (draw < mRates.dropped) return {};
         draw -= mRates.dropped;
@@ -30,7 +31,7 @@ class LineNoise {
 
   private:
     NoiseRates mRates;
-    std::mt19937_64 mRandom;
+    Random mRandom;
 };
 
 }  // namespace quil::board

@@ -76,6 +76,18 @@ int waitForAny(Machine& machine, std::vector<pollfd>& entries, std::optional<Nan
     }
 }
 
+// The same, but chance may have it that a signal interrupts the wait: -1 with EINTR.
+int waitAsCalled(Machine& machine, std::vector<pollfd>& entries, std::optional<Nanos> timeout) {
+    constexpr Nanos kOfAnEndlessWait = std::chrono::seconds(1);
+    const Nanos wait = timeout.value_or(kOfAnEndlessWait);
+    const auto after = wait > Nanos(0) ? machine.chances.interruption(wait) : std::nullopt;
+    const int ready = waitForAny(machine, entries, after ? after : timeout);
+    if (!after || ready > 0) return ready;
+    machine.trace.add(EventKind::kFault, "descriptors", "a wait that is interrupted");
+    errno = EINTR;
+    return -1;
+}
+
 bool boardsBusiness(Machine& machine, const std::vector<pollfd>& entries) {
     if (Scheduler::attached()) return true;
     return std::any_of(entries.begin(), entries.end(),
@@ -160,7 +172,7 @@ QUIL_EXPORT int poll(pollfd* entries, nfds_t count, int timeoutMs) {
             if (errno != 0) return -1;
             std::optional<Nanos> timeout;
             if (timeoutMs >= 0) timeout = std::chrono::milliseconds(timeoutMs);
-            const int ready = waitForAny(*machine, copies, timeout);
+            const int ready = waitAsCalled(*machine, copies, timeout);
             std::copy(copies.begin(), copies.end(), entries);
             return static_cast<short>(ready);
         }
@@ -186,7 +198,7 @@ QUIL_EXPORT int select(int count, fd_set* in, fd_set* out, fd_set* except, timev
             if (limit != nullptr) {
                 timeout = std::chrono::seconds(limit->tv_sec) + Micros(limit->tv_usec);
             }
-            waitForAny(*machine, entries, timeout);
+            if (waitAsCalled(*machine, entries, timeout) < 0) return -1;
             return report(entries, in, out, except);
         }
     }

@@ -69,6 +69,8 @@ int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::st
     if (const auto fault = machine.faults.take(Call::kOpen, path)) return failWith(fault->error);
     if (const int error = machine.probes.refusal(path, useOf(flags))) return failWith(error);
     int fd = -1;
+    const bool isDevice = machine.uartAt(path) != nullptr || isFpga(path);
+    if (isDevice && machine.interrupts("open", path)) return failWith(EINTR);
     if (Uart* uart = machine.uartAt(path)) {
         fd = openUart(machine, *uart, flags);
     } else if (machine.sysfs.exists(path)) {
@@ -143,8 +145,10 @@ ssize_t readOnBoard(Machine& machine, OpenFile file, int fd, void* data, size_t 
     }
     if (file.sysfs) return resultOf(file.sysfs->read(static_cast<char*>(data), count));
     if (file.fpga != nullptr) return readFpga(*file.fpga, data, whole, count);
+    count = machine.chances.transferred(count);
     if (file.uart == nullptr) return real().read(fd, data, count);
     const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
+    if (!nonBlocking && machine.interrupts("read", file.path)) return failWith(EINTR);
     return resultOf(file.uart->hostRead(static_cast<uint8_t*>(data), count, nonBlocking));
 }
 
@@ -161,8 +165,10 @@ ssize_t writeOnBoard(Machine& machine, OpenFile file, int fd, const void* data, 
         return resultOf(
             file.fpga->spiWrite({static_cast<const uint8_t*>(data), count}, count < whole));
     }
+    count = machine.chances.transferred(count);
     if (file.uart == nullptr) return real().write(fd, data, count);
     const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
+    if (!nonBlocking && machine.interrupts("write", file.path)) return failWith(EINTR);
     return resultOf(file.uart->hostWrite(static_cast<const uint8_t*>(data), count, nonBlocking));
 }
 

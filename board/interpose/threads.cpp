@@ -41,8 +41,32 @@ Nanos boardDeadline(const timespec& deadline) {
            Nanos(deadline.tv_nsec);
 }
 
+// True if woken, by a signal or by chance; false at the deadline.
+bool waitForSignal(Machine& machine, pthread_cond_t* condition, std::optional<Nanos> deadline,
+                   clockid_t clock) {
+    constexpr char kWhat[] = "a condition";
+    Scheduler& scheduler = machine.scheduler;
+    const bool onWallClock = deadline && clock == CLOCK_REALTIME;
+    const Nanos now = onWallClock ? scheduler.wallNow() : scheduler.now();
+    const Nanos wait = deadline ? *deadline - now : std::chrono::seconds(1);
+    if (const auto after = machine.chances.spuriousWakeUp(wait)) {
+        machine.trace.add(EventKind::kFault, "thread", "a wait that ends without a signal");
+        scheduler.park(kWhat, condition, scheduler.now() + *after);
+        return true;
+    }
+    if (!onWallClock) return scheduler.park(kWhat, condition, deadline);
+    if (const auto step = machine.chances.clockStep(wait)) {
+        scheduler.at(scheduler.now() + step->after, [&machine, step] {
+            machine.trace.add(EventKind::kFault, "real-time clock",
+                              "set by " + std::to_string(step->by.count()) + " ns");
+            machine.scheduler.stepWallClock(step->by);
+        });
+    }
+    return scheduler.parkUntilWall(kWhat, condition, *deadline);
+}
+
 int waitInTurns(Machine& machine, pthread_cond_t* condition, pthread_mutex_t* mutex,
-                const timespec* deadline) {
+                const timespec* deadline, clockid_t clock) {
     if (deadline != nullptr && (deadline->tv_nsec < 0 || deadline->tv_nsec >= 1'000'000'000)) {
         return EINVAL;
     }
@@ -53,7 +77,7 @@ int waitInTurns(Machine& machine, pthread_cond_t* condition, pthread_mutex_t* mu
         machine.scheduler.wakeOne(mutex);
         std::optional<Nanos> until;
         if (deadline != nullptr) until = boardDeadline(*deadline);
-        woken = machine.scheduler.park("a condition", condition, until);
+        woken = waitForSignal(machine, condition, until, clock);
     }
     const int result = lockInTurns(machine, mutex);
     if (result != 0) return result;
@@ -113,21 +137,21 @@ QUIL_EXPORT int pthread_mutex_unlock(pthread_mutex_t* mutex) noexcept {
 QUIL_EXPORT int pthread_cond_wait(pthread_cond_t* condition, pthread_mutex_t* mutex) {
     Machine* machine = machineForTurns();
     if (machine == nullptr) return real().pthread_cond_wait(condition, mutex);
-    return waitInTurns(*machine, condition, mutex, nullptr);
+    return waitInTurns(*machine, condition, mutex, nullptr, CLOCK_REALTIME);
 }
 
 QUIL_EXPORT int pthread_cond_timedwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                        const timespec* deadline) {
     Machine* machine = machineForTurns();
     if (machine == nullptr) return real().pthread_cond_timedwait(condition, mutex, deadline);
-    return waitInTurns(*machine, condition, mutex, deadline);
+    return waitInTurns(*machine, condition, mutex, deadline, CLOCK_REALTIME);
 }
 
 QUIL_EXPORT int pthread_cond_clockwait(pthread_cond_t* condition, pthread_mutex_t* mutex,
                                        clockid_t clock, const timespec* deadline) {
     Machine* machine = machineForTurns();
     if (machine == nullptr) return real().pthread_cond_clockwait(condition, mutex, clock, deadline);
-    return waitInTurns(*machine, condition, mutex, deadline);
+    return waitInTurns(*machine, condition, mutex, deadline, clock);
 }
 
 QUIL_EXPORT int pthread_cond_signal(pthread_cond_t* condition) noexcept {

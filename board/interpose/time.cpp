@@ -28,19 +28,36 @@ std::string secondsText(Nanos duration) {
     return std::to_string(static_cast<double>(duration.count()) / 1e9) + " s";
 }
 
-// Returns false if the thread is outside board time and has to sleep in real time.
-bool sleepOnBoard(Nanos duration) {
+enum class SleepEnd { kElsewhere, kOver, kInterrupted };
+
+// kElsewhere: the thread is outside board time and has to sleep in real time. kInterrupted: `left`
+// of the time is left.
+SleepEnd sleepOnBoard(Nanos duration, Nanos* left) {
     Machine* machine = machineForTurns();
-    if (machine == nullptr) return false;
+    if (machine == nullptr) return SleepEnd::kElsewhere;
     Guard guard(boardLock());
-    if (machine->dead()) return true;
+    if (machine->dead()) return SleepEnd::kOver;
     machine->trace.add(EventKind::kSleep, "thread", secondsText(duration));
-    machine->scheduler.sleepFor(duration, "sleep");
-    return true;
+    const Nanos end = machine->scheduler.now() + duration;
+    if (machine->interrupts("sleep", "thread", duration)) {
+        *left = end - machine->scheduler.now();
+        return SleepEnd::kInterrupted;
+    }
+    machine->scheduler.sleepUntil(end, "sleep");
+    return SleepEnd::kOver;
+}
+
+int interrupted() {
+    errno = EINTR;
+    return -1;
 }
 
 bool isProcessorClock(clockid_t clock) {
     return clock == CLOCK_PROCESS_CPUTIME_ID || clock == CLOCK_THREAD_CPUTIME_ID || clock < 0;
+}
+
+bool isWallClock(clockid_t clock) {
+    return clock == CLOCK_REALTIME || clock == CLOCK_REALTIME_COARSE;
 }
 
 }  // namespace
@@ -48,25 +65,40 @@ bool isProcessorClock(clockid_t clock) {
 extern "C" {
 
 QUIL_EXPORT int usleep(useconds_t duration) {
-    return sleepOnBoard(Micros(duration)) ? 0 : real().usleep(duration);
+    Nanos left{0};
+    const SleepEnd end = sleepOnBoard(Micros(duration), &left);
+    if (end == SleepEnd::kElsewhere) return real().usleep(duration);
+    return end == SleepEnd::kInterrupted ? interrupted() : 0;
 }
 
 QUIL_EXPORT unsigned sleep(unsigned duration) {
-    return sleepOnBoard(std::chrono::seconds(duration)) ? 0 : real().sleep(duration);
+    Nanos left{0};
+    const SleepEnd end = sleepOnBoard(std::chrono::seconds(duration), &left);
+    if (end == SleepEnd::kElsewhere) return real().sleep(duration);
+    return static_cast<unsigned>(std::chrono::ceil<std::chrono::seconds>(left).count());
 }
 
 QUIL_EXPORT int nanosleep(const timespec* duration, timespec* left) {
-    return sleepOnBoard(nanosOf(*duration)) ? 0 : real().nanosleep(duration, left);
+    Nanos rest{0};
+    const SleepEnd end = sleepOnBoard(nanosOf(*duration), &rest);
+    if (end == SleepEnd::kElsewhere) return real().nanosleep(duration, left);
+    if (end == SleepEnd::kOver) return 0;
+    if (left != nullptr) *left = timespecOf(rest);
+    return interrupted();
 }
 
 QUIL_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* time, timespec* left) {
-    Nanos duration = nanosOf(*time);
+    Nanos duration = nanosOf(*time), rest{0};
     if ((flags & TIMER_ABSTIME) != 0) {
         timespec now{};
         clock_gettime(clock, &now);
         duration = std::max(Nanos(0), duration - nanosOf(now));
     }
-    return sleepOnBoard(duration) ? 0 : real().clock_nanosleep(clock, flags, time, left);
+    const SleepEnd end = sleepOnBoard(duration, &rest);
+    if (end == SleepEnd::kElsewhere) return real().clock_nanosleep(clock, flags, time, left);
+    if (end == SleepEnd::kOver) return 0;
+    if (left != nullptr && (flags & TIMER_ABSTIME) == 0) *left = timespecOf(rest);
+    return EINTR;
 }
 
 // Board time goes on only while all threads wait, so that a thread that polls would stop it:
@@ -81,14 +113,15 @@ QUIL_EXPORT int sched_yield() noexcept {
     return 0;
 }
 
-// Takes no lock and, until the C library's functions are looked up, calls none of them: the address
-// sanitizer asks for the time while it holds its allocator's locks.
+// Takes no lock, gives no turn up and, until the C library's functions are looked up, calls none of
+// them: the address sanitizer asks for the time while it holds its allocator's locks.
 QUIL_EXPORT int clock_gettime(clockid_t clock, timespec* time) noexcept {
     const Machine* machine = poweredMachine();
     if (machine != nullptr && Scheduler::attached() && !isProcessorClock(clock) &&
         !BoardLock::mine()) {
         if (__asan_init == nullptr) Scheduler::arrive();
-        *time = timespecOf(machine->scheduler.now());
+        const Scheduler& scheduler = machine->scheduler;
+        *time = timespecOf(isWallClock(clock) ? scheduler.wallNow() : scheduler.now());
         time->tv_sec += static_cast<time_t>(kPowerOnEpoch);
         return 0;
     }

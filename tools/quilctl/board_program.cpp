@@ -46,7 +46,7 @@ void addGlobalOptions(CLI::App& app, Options& options) {
         ->check(traceName());
     app.add_option("--log-level", options.logLevel, "Log level of the library for this run")
         ->check(CLI::IsMember({"D", "I", "W", "E"}));
-    app.add_option("--seed", options.seed, "Seed of the board's randomness");
+    app.add_option("--seed", options.seed, "Seed of the order in which threads run; 0: in turn");
     app.add_flag("--realtime", options.realtime, "Board time is real time");
 }
 

@@ -46,7 +46,7 @@ struct Options {
     std::string mcuInstalled;  // the version that the MCU has before; empty: as it is
     std::string traceFile;
     std::string logLevel;  // empty: as the board has it
-    uint64_t seed = 1;
+    uint64_t seed = 0;
     bool realtime = false;
     bool json = false;
     bool quiet = false;
