@@ -5,6 +5,7 @@
 #include <map>
 #include <string>
 
+#include "board/board_directory.h"
 #include "board/core/whole_file.h"
 #include "tools/quilctl/cli.h"
 
@@ -14,10 +15,14 @@ struct VerbCase {
     tools::Words arguments;
     bool powersBoard = true;
     int code = tools::kOk;
+    // For a command that runs until it is interrupted: the arguments above are ones with which it
+    // gives up at once.
+    tools::Words serving{};
 };
 
 // The files that the arguments name, as far as there are any.
 inline void makeVerbFiles(const std::filesystem::path& directory) {
+    board::createBoardDirectory(directory / "board", board::Product::kHeron);
     std::filesystem::create_directory(directory / "blocks");
     board::writeWholeFile(directory / "blocks/00-10018000.bin", "block");
     board::writeWholeFile(directory / "screen.img",
@@ -42,7 +47,7 @@ inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& di
         {"frame encode", {{"1"}, false}},
         {"frame decode", {{"55BB"}, false, tools::kBadData}},
         {"board new", {{path("new")}, false}},
-        {"board show", {{path("none")}, false, tools::kNoBoard}},
+        {"board show", {{path("board")}, false}},
         {"boot", {}},
         {"fpga status", {}},
         {"fpga load", {}},
@@ -53,7 +58,11 @@ inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& di
         {"mcu update", {{"--installed", "V0.9.0"}}},
         {"mcu program", {{"--chip", "gd32f303", path("image.bin")}}},
         {"mcu task", {{"get"}}},
-        {"mcu model", {{"--chip", "gd32f303", "--pty", path("none/link")}, false, tools::kNoBoard}},
+        {"mcu model",
+         {{"--chip", "gd32f303", "--pty", path("none/link")},
+          false,
+          tools::kNoBoard,
+          {"--chip", "gd32f303", "--pty", path("link")}}},
         {"demo", {}},
         {"help", {{"get"}, false}},
     };

@@ -1,0 +1,190 @@
+// Runs a case.
+#include <stdlib.h>
+
+#include <algorithm>
+#include <functional>
+#include <stdexcept>
+
+#include "testing/build.h"
+#include "testing/files.h"
+#include "tests/quilctl/verb_cases.h"
+#include "tests/torture/case.h"
+
+namespace quil::torture {
+namespace {
+
+using tools::Words;
+
+constexpr char kQuilctl[] = QUIL_BIN_DIR "/quilctl";
+// A command that serves is interrupted after this time.
+constexpr std::chrono::milliseconds kServes{300};
+
+tests::VerbCase rowOf(const Words& verb, const Folder& folder) {
+    const auto rows = tests::verbCases(folder.disk());
+    const auto row = rows.find(textOf(verb));
+    if (row == rows.end()) {
+        throw std::runtime_error(textOf(verb) + " has no arguments in tests/quilctl/verb_cases.h");
+    }
+    return row->second;
+}
+
+void append(Words& words, const Words& more) {
+    words.insert(words.end(), more.begin(), more.end());
+}
+
+Words commandLine(const Words& verb, const tests::VerbCase& row, const Case& one,
+                  const Folder& folder) {
+    Words words = {kQuilctl};
+    if (one.json) words.emplace_back("--json");
+    for (const std::string& option : one.options) {
+        words.push_back(option.front() == '/' ? folder.disk().string() + option : option);
+    }
+    if (one.keptBoard && row.powersBoard) append(words, {"--board", folder.board().string()});
+    append(words, verb);
+    append(words, row.serving.empty() ? row.arguments : row.serving);
+    return words;
+}
+
+std::vector<std::string> environmentOf(const Folder& folder) {
+    std::vector<std::string> environment = {"TMPDIR=" + folder.temporary().string(), "TERM=xterm",
+                                            "LANG=C.UTF-8", "HOME=/nonexistent"};
+    for (const char* name : {"PATH", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
+        const char* value = getenv(name);
+        if (value != nullptr) environment.push_back(std::string(name) + "=" + value);
+    }
+    return environment;
+}
+
+bool isBelow(const std::string& path, const std::string& folder) {
+    return path == folder || path.rfind(folder + "/", 0) == 0;
+}
+
+// What is decided about the calls of a run, and what was seen of them.
+class Watch {
+  public:
+    Watch(const Case& one, const Folder& folder, Outcome& outcome)
+        : mCase(one), mFolder(folder), mOutcome(outcome) {}
+
+    int decide(pid_t process, const SystemCall& call, const std::function<void()>& rival) {
+        mHandles = mHandles || call.signal == SIGINT;
+        if (mHandles) passMoment(process, rival);
+        const bool onDisk = isBelow(call.path, mFolder.disk());
+        if (onDisk && call.effect == Effect::kAdds) ++mOutcome.changes;
+        if (call.effect != Effect::kLooks && isBelow(call.path, mFolder.board())) {
+            mOutcome.boardTouched = true;
+        }
+        if (!onDisk || !mCase.fault || !fails(call, *mCase.fault)) return 0;
+        ++mOutcome.refused;
+        if (call.path == mFolder.out()) mOutcome.outRefused = true;
+        return mCase.fault->error;
+    }
+
+    bool handlesSignals() const { return mHandles; }
+
+  private:
+    void passMoment(pid_t process, const std::function<void()>& rival) {
+        const int moment = ++mOutcome.moments;
+        const auto& interruption = mCase.interruption;
+        if (interruption && interruption->moment == moment) kill(process, interruption->signal);
+        if (mCase.rival && mCase.rival->moment == moment) rival();
+    }
+
+    bool fails(const SystemCall& call, const Fault& fault) {
+        const bool meant = call.effect == Effect::kAdds ||
+                           (call.effect == Effect::kRemoves && fault.removals) ||
+                           (call.effect == Effect::kLooks && fault.readings);
+        if (!meant || !isBelow(call.path, (mFolder.disk() / fault.below).lexically_normal())) {
+            return false;
+        }
+        ++mMeant;
+        return mMeant >= fault.first && mMeant <= fault.last;
+    }
+
+    const Case& mCase;
+    const Folder& mFolder;
+    Outcome& mOutcome;
+    bool mHandles = false;
+    int mMeant = 0;
+};
+
+// A run with its streams in the folder; `suffix` keeps a rival's apart.
+Outcome runIn(const Folder& folder, const Words& verb, const Case& one, const char* suffix = "") {
+    Outcome outcome;
+    const tests::VerbCase row = rowOf(verb, folder);
+    outcome.words = commandLine(verb, row, one, folder);
+    outcome.exampleCode = row.serving.empty() ? row.code : tools::kOk;
+    Start start;
+    start.words = outcome.words;
+    start.environment = environmentOf(folder);
+    start.folder = folder.disk();
+    start.in = one.in;
+    start.out = one.out;
+    start.err = one.err;
+    start.columns = one.columns;
+    start.ownSession = one.ownSession;
+    start.bound = one.bound;
+    start.outFile = folder.out().string() + suffix;
+    start.errFile = folder.err().string() + suffix;
+    if (!row.serving.empty()) {
+        start.signal = SIGINT;
+        start.signalAfter = kServes;
+    }
+    if (one.interruption) {
+        start.signal = one.interruption->moment == 0 ? one.interruption->signal : 0;
+        start.signalAfter = one.interruption->after;
+    }
+    Watch watch(one, folder, outcome);
+    const auto rival = [&] {
+        const Case usual{.name = "rival", .json = one.json, .options = one.options};
+        outcome.rivals.push_back(runIn(folder, one.rival->verb, usual, ".rival"));
+    };
+    start.signalAllowed = [&watch] { return watch.handlesSignals(); };
+    start.policy = [&](pid_t process, const SystemCall& call) {
+        return watch.decide(process, call, rival);
+    };
+    outcome.ended = run(start);
+    outcome.out = tests::contentOf(start.outFile);
+    outcome.err = tests::contentOf(start.errFile);
+    return outcome;
+}
+
+bool isKnown(const Words& verb) {
+    const auto verbs = tools::verbsOf(tools::kBoardProgram);
+    return std::find(verbs.begin(), verbs.end(), verb) != verbs.end();
+}
+
+// What the program itself says about the board.
+std::string boardProblemIn(const Folder& folder) {
+    Start start;
+    const char* look = isKnown({"board", "check"}) ? "check" : "show";
+    start.words = {kQuilctl, "board", look, folder.board().string()};
+    start.environment = environmentOf(folder);
+    start.folder = folder.disk();
+    start.out = Stream::kNull;
+    start.errFile = folder.err().string() + ".check";
+    const Ended ended = run(start);
+    if (ended.code == 0 && ended.signal == 0) return "";
+    return "board " + std::string(look) + ": " + tests::contentOf(start.errFile);
+}
+
+}  // namespace
+
+std::string textOf(const Words& words) {
+    std::string text;
+    for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
+    return text;
+}
+
+Outcome perform(const Words& verb, const Case& one) {
+    const Folder folder;
+    folder.damage(one.damaged, one.damage);
+    Outcome outcome = runIn(folder, verb, one);
+    outcome.tree = folder.tree();
+    outcome.leftovers = folder.leftovers();
+    if (outcome.boardTouched && one.damage == Damage::kNone) {
+        outcome.boardProblem = boardProblemIn(folder);
+    }
+    return outcome;
+}
+
+}  // namespace quil::torture
