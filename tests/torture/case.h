@@ -39,7 +39,7 @@ enum class Demand {
     kAnyCode,      // one of the table
     kExampleCode,  // that of the command's row in tests/quilctl/verb_cases.h
     kSameCode,     // as without the hardship
-    kFailure,      // not 0, when a call failed
+    kFailure,      // not 0: a call has failed
     kNotWritten,   // the code for that
     kInterrupted,  // the code for that
     kTruth,        // 0 only when the disk is as without the hardship

@@ -62,20 +62,20 @@ std::string detailsOf(const Outcome& outcome) {
 
 class Torture {
   public:
-    Torture(const Choice& choice, const std::function<void(const Failure&)>& onFailure)
+    Torture(const Choice& choice, const std::function<void(const Finding&)>& onCase)
         : mChoice(choice),
-          mOnFailure(onFailure),
+          mOnCase(onCase),
           mVerbs(tools::verbsOf(tools::kBoardProgram)),
           mUnits(unitsOf(choice, mVerbs)) {
-        for (const Condition& condition : conditions()) mReport.rows.push_back({condition.name});
+        for (const Condition& condition : conditions()) mRows.push_back({condition.name});
     }
 
-    Report run() {
+    std::vector<Row> run() {
         std::vector<std::thread> workers;
         for (unsigned i = 0; i < std::max(mChoice.jobs, 1U); ++i)
             workers.emplace_back([this] { work(); });
         for (std::thread& worker : workers) worker.join();
-        return std::move(mReport);
+        return mRows;
     }
 
   private:
@@ -127,38 +127,37 @@ class Torture {
                const std::vector<std::string>& complaints, const Outcome& outcome,
                std::chrono::milliseconds took) {
         const std::lock_guard guard(mLock);
-        Row& row = mReport.rows[unit.condition];
+        Row& row = mRows[unit.condition];
         ++row.cases;
         row.took += took;
-        if (complaints.empty()) return;
-        ++row.failures;
+        if (!complaints.empty()) ++row.failures;
         std::string text;
-        for (const std::string& complaint : complaints)
+        for (const std::string& complaint : complaints) {
             text += (text.empty() ? "" : "; ") + complaint;
-        mReport.failures.push_back(
+        }
+        mOnCase(
             {row.condition, textOf(mVerbs[unit.verb]), one.name, number, text, detailsOf(outcome)});
-        mOnFailure(mReport.failures.back());
     }
 
     const Choice& mChoice;
-    const std::function<void(const Failure&)>& mOnFailure;
+    const std::function<void(const Finding&)>& mOnCase;
     const std::vector<Words> mVerbs;
     const std::vector<Unit> mUnits;
     std::atomic<size_t> mNext{0};
     UsualOutcomes mUsual;
     std::mutex mLock;
-    Report mReport;
+    std::vector<Row> mRows;
 };
 
 }  // namespace
 
-Report torture(const Choice& choice, const std::function<void(const Failure&)>& onFailure) {
-    return Torture(choice, onFailure).run();
+std::vector<Row> torture(const Choice& choice, const std::function<void(const Finding&)>& onCase) {
+    return Torture(choice, onCase).run();
 }
 
-std::string replayOf(const Failure& failure) {
-    return "./run torture --condition " + failure.condition + " --verb '" + failure.verb +
-           "' --case " + std::to_string(failure.number);
+std::string replayOf(const Finding& finding) {
+    return "./run torture --condition " + finding.condition + " --verb '" + finding.verb +
+           "' --case " + std::to_string(finding.number);
 }
 
 }  // namespace quil::torture

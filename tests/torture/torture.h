@@ -19,11 +19,11 @@ struct Choice {
     unsigned jobs = 1;
 };
 
-struct Failure {
+struct Finding {
     std::string condition, verb, caseName;
     int number = 0;
-    std::string complaint;
-    std::string details;  // the command line and what it printed
+    std::string complaint;  // "" when nothing is wrong
+    std::string details;    // the command line and what it printed
 };
 
 struct Row {
@@ -32,15 +32,10 @@ struct Row {
     std::chrono::milliseconds took{0};
 };
 
-struct Report {
-    std::vector<Row> rows;  // one for each condition
-    std::vector<Failure> failures;
-};
-
-// `onFailure` hears of each failure when it is found, one at a time.
-Report torture(const Choice& choice, const std::function<void(const Failure&)>& onFailure);
+// A row for each condition. `onCase` hears of each case as it ends, one at a time.
+std::vector<Row> torture(const Choice& choice, const std::function<void(const Finding&)>& onCase);
 
 // The command that runs the case alone.
-std::string replayOf(const Failure& failure);
+std::string replayOf(const Finding& finding);
 
 }  // namespace quil::torture

@@ -12,28 +12,33 @@ namespace {
 
 using namespace quil::torture;
 
-void print(const Failure& failure, bool withDetails) {
-    fprintf(stderr, "FAILED %s: %s: %s: %s\n       %s\n", failure.condition.c_str(),
-            failure.verb.c_str(), failure.caseName.c_str(), failure.complaint.c_str(),
-            replayOf(failure).c_str());
-    if (withDetails) fprintf(stderr, "%s\n", failure.details.c_str());
+void print(const Finding& finding, bool withDetails) {
+    if (!finding.complaint.empty()) {
+        fprintf(stderr, "FAILED %s: %s: %s: %s\n       %s\n", finding.condition.c_str(),
+                finding.verb.c_str(), finding.caseName.c_str(), finding.complaint.c_str(),
+                replayOf(finding).c_str());
+    }
+    if (withDetails) fprintf(stderr, "%s\n%s", finding.caseName.c_str(), finding.details.c_str());
 }
 
-void printTable(const Report& report) {
-    printf("%-22s %7s %9s %10s\n", "condition", "cases", "failures", "run time");
+Row sumOf(const std::vector<Row>& rows) {
     Row sum{"all"};
-    const auto printRow = [](const Row& row) {
-        printf("%-22s %7d %9d %8.1f s\n", row.condition.c_str(), row.cases, row.failures,
-               static_cast<double>(row.took.count()) / 1000);
-    };
-    for (const Row& row : report.rows) {
-        if (row.cases == 0) continue;
-        printRow(row);
+    for (const Row& row : rows) {
         sum.cases += row.cases;
         sum.failures += row.failures;
         sum.took += row.took;
     }
-    printRow(sum);
+    return sum;
+}
+
+void printTable(std::vector<Row> rows) {
+    rows.push_back(sumOf(rows));
+    printf("%-22s %7s %9s %10s\n", "condition", "cases", "failures", "run time");
+    for (const Row& row : rows) {
+        if (row.cases == 0) continue;
+        printf("%-22s %7d %9d %8.1f s\n", row.condition.c_str(), row.cases, row.failures,
+               static_cast<double>(row.took.count()) / 1000);
+    }
 }
 
 }  // namespace
@@ -59,8 +64,8 @@ int main(int argc, char** argv) {
             return known ? "" : "a shard is I/N, with I from 0 to N - 1";
         });
     CLI11_PARSE(app, argc, argv);
-    const Report report =
-        torture(choice, [&choice](const Failure& failure) { print(failure, choice.number != 0); });
-    printTable(report);
-    return report.failures.empty() ? 0 : 1;
+    const auto rows =
+        torture(choice, [&choice](const Finding& finding) { print(finding, choice.number != 0); });
+    printTable(rows);
+    return sumOf(rows).failures == 0 ? 0 : 1;
 }
