@@ -43,7 +43,7 @@ class Prediction {
         pause(milliseconds(100 + 300 + 100 + 500));  // into the boot loader
         exchange(1, 1, {});                          // synchronise
         exchange(2, 7, {});                          // command 0x06: ACK, 4, identifier, ACK
-        erase(size / part.regions[0].pageSize + 1);
+        erase(size / kPageOfTheBoard + 1);
         for (size_t at = 0; at < size; at += kBlock) writeBlock();
         pause(milliseconds(300 + 100 + 100));  // into the application
     }
@@ -56,6 +56,7 @@ class Prediction {
 
   private:
     static constexpr size_t kBlock = 256;
+    static constexpr size_t kPageOfTheBoard = 4096;    // what it takes for a page of the GD32F470
     static constexpr Nanos kRound = milliseconds(10);  // between two polls of the line
 
     void pause(Nanos time) { mPauses += time; }
@@ -72,17 +73,24 @@ class Prediction {
         mBytes += sent + answered;
     }
 
-    void erase(size_t pages) {
+    // The part takes the numbers for its own sectors, and passes over those that it has not.
+    void erase(size_t numbers) {
         exchange(2, 1, {});
-        exchange(2 + 2 * pages + 1, 1, static_cast<long>(pages) * mPart.eraseTime,
-                 milliseconds(1000));
+        Nanos time{0};
+        size_t left = numbers;
+        for (const auto& region : mPart.regions) {
+            const size_t sectors = std::min<size_t>(left, region.pages);
+            time += static_cast<long>(sectors) * region.erase.typical;
+            left -= sectors;
+        }
+        exchange(2 + 2 * numbers + 1, 1, time, milliseconds(1000));
     }
 
     void writeBlock() {
         exchange(2, 1, {});
         exchange(5, 1, {});
         const size_t units = kBlock / mPart.programUnit;
-        exchange(1 + kBlock + 1, 1, static_cast<long>(units) * mPart.programTime);
+        exchange(1 + kBlock + 1, 1, static_cast<long>(units) * mPart.program.typical);
     }
 
     const McuPart& mPart;

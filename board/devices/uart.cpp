@@ -39,12 +39,14 @@ termios factorySettings() {
     return settings;
 }
 
+}  // namespace
+
 bool agree(const LineSettings& a, const LineSettings& b) {
     return std::abs(a.baud - b.baud) <= kSpeedTolerance * b.baud && a.dataBits == b.dataBits &&
            a.parity == b.parity;
 }
 
-}  // namespace
+uint8_t garbled(uint8_t byte) { return static_cast<uint8_t>((byte << 3 | byte >> 5) ^ 0xA7); }
 
 // As the kernel reads c_cflag; an unknown speed code gives the speed 0.
 LineSettings settingsOf(const termios& settings) {
@@ -232,7 +234,7 @@ void Uart::transmitted() {
 uint8_t Uart::asHeardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte) {
     if (agree(sender, listener)) return byte;
     mBoard.violation(mPath, "framing error on the line");
-    return static_cast<uint8_t>((byte << 3 | byte >> 5) ^ 0xA7);
+    return garbled(byte);
 }
 
 void Uart::sendToHost(const std::vector<uint8_t>& bytes) {

@@ -26,6 +26,9 @@ struct LineSettings {
     Nanos byteTime() const { return Nanos(baud > 0 ? 1'000'000'000LL * frameBits() / baud : 0); }
 };
 LineSettings settingsOf(const termios&);
+// A listener whose settings do not agree with the sender's samples the wrong bits.
+bool agree(const LineSettings&, const LineSettings&);
+uint8_t garbled(uint8_t byte);
 
 // One byte that goes wrong on the line. `byte` is its number in its direction; the next byte after
 // the fault is added has the number 0.

@@ -18,11 +18,14 @@ namespace quil::board {
 // The part around a boot loader. A reset drops all delayed actions.
 class McuSurroundings {
   public:
+    static constexpr int kPublishedFastest = 115200;  // bit/s
+
     virtual ~McuSurroundings() = default;
     virtual Nanos now() const = 0;
     virtual void after(Nanos delay, std::function<void()>) = 0;
     virtual void send(std::vector<uint8_t>) = 0;  // to the host
     virtual LineSettings hostLine() const = 0;    // what a part measures at synchronisation
+    virtual int fastestRate() const { return kPublishedFastest; }  // that an AN3155 part measures
     virtual void note(const std::string&) = 0;
     virtual void violation(const std::string&) = 0;
     // A flash operation: `start` begins it and returns how long it takes, `done` is called at its

@@ -37,6 +37,8 @@ class McuChip : public UartPeer, private McuSurroundings {
     std::vector<Start> starts() const;  // since power-on
     LoaderFaults& loaderFaults() { return mFaults; }
     McuFlash& flash() { return mFlash; }
+    // How fast a line the boot loader measures; parts in the field go beyond what is published.
+    void setFastestRate(int baud) { mFastestRate = baud; }
     // Puts an image into the flash at once, without the boot loader; takes effect at the next
     // start.
     void flashImage(std::string_view image);
@@ -52,6 +54,7 @@ class McuChip : public UartPeer, private McuSurroundings {
     void after(Nanos delay, std::function<void()>) override;
     void send(std::vector<uint8_t>) override;
     LineSettings hostLine() const override;
+    int fastestRate() const override { return mFastestRate; }
     void note(const std::string&) override;
     void violation(const std::string&) override;
     void operate(const std::string& what, std::function<Nanos(McuFlash&)> start,
@@ -72,6 +75,7 @@ class McuChip : public UartPeer, private McuSurroundings {
     LoaderFaults mFaults;
     const std::unique_ptr<BootLoader> mLoader;
     State mState = State::kInReset;
+    int mFastestRate = kPublishedFastest;
     std::string mVersion;
     std::vector<Start> mStarts;
     uint64_t mEpoch = 0;  // counts resets

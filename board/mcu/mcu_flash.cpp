@@ -1,6 +1,7 @@
 #include "board/mcu/mcu_flash.h"
 
 #include <algorithm>
+#include <numeric>
 #include <sstream>
 #include <stdexcept>
 #include <utility>
@@ -74,18 +75,48 @@ void McuFlash::save() {
 }
 
 McuFlash::Page McuFlash::page(uint32_t number) const {
-    const auto& [first, second] = mPart.regions;
-    if (number < first.pages) return {number * first.pageSize, first.pageSize};
-    if (number >= mPart.pageCount()) throw std::out_of_range("no such flash page");
-    return {first.pages * first.pageSize + (number - first.pages) * second.pageSize,
-            second.pageSize};
+    uint32_t offset = 0;
+    for (const FlashRegion& region : mPart.regions) {
+        if (number < region.pages) return {offset + number * region.pageSize, region.pageSize};
+        offset += region.pages * region.pageSize;
+        number -= region.pages;
+    }
+    throw std::out_of_range("no such flash page");
 }
 
 uint32_t McuFlash::pageAt(uint32_t offset) const {
-    const auto& [first, second] = mPart.regions;
-    const uint32_t border = first.pages * first.pageSize;
-    return offset < border ? offset / first.pageSize
-                           : first.pages + (offset - border) / second.pageSize;
+    uint32_t before = 0;
+    for (const FlashRegion& region : mPart.regions) {
+        const uint32_t size = region.pages * region.pageSize;
+        if (offset < size) return before + offset / region.pageSize;
+        offset -= size;
+        before += region.pages;
+    }
+    throw std::out_of_range("beyond the flash");
+}
+
+void McuFlash::drawTimes(uint64_t seed) { mTimesSeed = seed; }
+
+Nanos McuFlash::timeOf(const FlashTime& time) const {
+    if (mTimesSeed == 0) return time.typical;
+    constexpr size_t kSteps = 1024;
+    const auto seed = mTimesSeed + static_cast<uint64_t>(time.typical.count());
+    const auto step = static_cast<int64_t>(tornAt(seed, kSteps));
+    return time.typical + (time.most - time.typical) * step / static_cast<int64_t>(kSteps);
+}
+
+Nanos McuFlash::eraseTimeOf(uint32_t page) const {
+    for (const FlashRegion& region : mPart.regions) {
+        if (page < region.pages) return timeOf(region.erase);
+        page -= region.pages;
+    }
+    return Nanos(0);
+}
+
+std::vector<uint32_t> McuFlash::allPages() const {
+    std::vector<uint32_t> pages(mPart.pageCount());
+    std::iota(pages.begin(), pages.end(), 0U);
+    return pages;
 }
 
 void McuFlash::load(std::string_view image) {
@@ -123,15 +154,25 @@ void McuFlash::setWriteProtected(std::set<uint32_t> pages) {
 
 Nanos McuFlash::startErase(const std::vector<uint32_t>& pages) {
     mOperation = {Operation::kErase, pages};
-    return mPart.eraseTime * static_cast<int64_t>(pages.size());
+    return std::accumulate(pages.begin(), pages.end(), Nanos(0),
+                           [this](Nanos sum, uint32_t page) { return sum + eraseTimeOf(page); });
 }
 
 Nanos McuFlash::startMassErase() {
-    mOperation = {Operation::kMassErase};
-    for (uint32_t number = 0; number < mPart.pageCount(); ++number) {
-        mOperation.pages.push_back(number);
-    }
-    return mPart.massEraseTime;
+    mOperation = {Operation::kMassErase, allPages()};
+    return timeOf(mPart.massErase);
+}
+
+Nanos McuFlash::startUnprotect() {
+    mOperation = {Operation::kUnprotect, allPages()};
+    return timeOf(mPart.massErase) + timeOf(mPart.writeOptions);
+}
+
+Nanos McuFlash::startWriteOptions(bool readoutProtected, std::set<uint32_t> writeProtectedPages) {
+    mOperation = {.kind = Operation::kOptions,
+                  .readoutProtected = readoutProtected,
+                  .writeProtected = std::move(writeProtectedPages)};
+    return timeOf(mPart.writeOptions);
 }
 
 Nanos McuFlash::startProgram(uint32_t offset, std::span<const uint8_t> bytes) {
@@ -139,14 +180,20 @@ Nanos McuFlash::startProgram(uint32_t offset, std::span<const uint8_t> bytes) {
     mOperation = {Operation::kProgram, {}, offset, {bytes.begin(), bytes.end()}};
     const uint32_t first = offset / mPart.programUnit;
     const size_t end = (offset + bytes.size() + mPart.programUnit - 1) / mPart.programUnit;
-    return mPart.programTime * static_cast<int64_t>(end - first);
+    return timeOf(mPart.program) * static_cast<int64_t>(end - first);
 }
 
 std::string McuFlash::finish() {
     const Operation done = std::exchange(mOperation, {});
     std::string broken;
     if (done.kind == Operation::kProgram) broken = program(done.offset, done.bytes);
+    if (done.kind == Operation::kUnprotect) setWriteProtected({});
     for (const uint32_t number : done.pages) erase(page(number));
+    if (done.kind == Operation::kUnprotect) setReadoutProtected(false);
+    if (done.kind == Operation::kOptions) {
+        setReadoutProtected(done.readoutProtected);
+        setWriteProtected(done.writeProtected);
+    }
     readWorn();
     return broken;
 }

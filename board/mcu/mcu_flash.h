@@ -43,12 +43,19 @@ class McuFlash {
     // are skipped without an error, as in the real part.
     Nanos startErase(const std::vector<uint32_t>& pages);
     Nanos startMassErase();
+    // Erases everything, protected pages too, and ends read-out protection with it.
+    Nanos startUnprotect();
+    Nanos startWriteOptions(bool readoutProtected, std::set<uint32_t> writeProtectedPages);
     Nanos startProgram(uint32_t offset, std::span<const uint8_t> bytes);
     bool busy() const { return mOperation.kind != Operation::kNone; }
     // Ends the operation. Returns the rule that it broke, "" if none.
     std::string finish();
     // Power goes. The seed alone decides how much of the operation under way is done.
     void powerLost(uint64_t seed);
+
+    // Operations take typical times. With a seed other than 0 they take times between these and the
+    // longest ones.
+    void drawTimes(uint64_t seed);
 
     // Protection is kept without power, in the option bytes.
     bool readoutProtected() const { return mReadoutProtected; }
@@ -67,13 +74,18 @@ class McuFlash {
 
   private:
     struct Operation {
-        enum Kind { kNone, kErase, kMassErase, kProgram } kind = kNone;
+        enum Kind { kNone, kErase, kMassErase, kUnprotect, kOptions, kProgram } kind = kNone;
         std::vector<uint32_t> pages = {};
         uint32_t offset = 0;
         std::vector<uint8_t> bytes = {};
+        bool readoutProtected = false;
+        std::set<uint32_t> writeProtected = {};
     };
     bool isProtected(uint32_t offset) const;
     bool erased(uint32_t offset, uint32_t size) const;
+    Nanos timeOf(const FlashTime&) const;
+    Nanos eraseTimeOf(uint32_t page) const;
+    std::vector<uint32_t> allPages() const;
     void erase(const Page&);
     std::string program(uint32_t offset, std::span<const uint8_t> bytes);
     void loadOptions();
@@ -84,6 +96,7 @@ class McuFlash {
     const std::string mFile, mOptionsFile;
     std::vector<uint8_t> mCells;
     size_t mUsed = 0;  // all cells from here on are erased
+    uint64_t mTimesSeed = 0;
     Operation mOperation;
     bool mReadoutProtected = false;
     std::set<uint32_t> mWriteProtected;

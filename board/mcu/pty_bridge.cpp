@@ -2,19 +2,26 @@
 
 #include <errno.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/prctl.h>
 
 #include <algorithm>
 #include <array>
+#include <map>
 #include <stdexcept>
+#include <utility>
 
 #include "board/core/real_calls.h"
 
 namespace quil::board {
 namespace {
 
-constexpr int kLongestWaitMs = 20;  // stop() takes effect within this time
+using std::chrono::milliseconds;
+
+constexpr Nanos kLongestWait = milliseconds(20);  // stop() takes effect within this time
+constexpr Nanos kNapWhenClosed = milliseconds(1);
 
 Nanos realNow() {
     timespec time{};
@@ -22,8 +29,13 @@ Nanos realNow() {
     return std::chrono::seconds(time.tv_sec) + Nanos(time.tv_nsec);
 }
 
+timespec timespecOf(Nanos time) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
+    return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
+}
+
 int openMaster(std::string& port) {
-    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
     std::array<char, 64> name{};
     if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 ||
         ptsname_r(master, name.data(), name.size()) != 0) {
@@ -35,7 +47,7 @@ int openMaster(std::string& port) {
 
 }  // namespace
 
-// The part. Delayed actions wait in a list, sorted by time; without real time they are due at once.
+// The part and its line. While an event runs, the time is the one at which it was due.
 class PtyBridge::Part : public McuSurroundings {
   public:
     Part(const PtyBridgeOptions& options, int master)
@@ -43,63 +55,85 @@ class PtyBridge::Part : public McuSurroundings {
           flash(partOf(options.part), mStore, options.flash.filename()),
           loader(makeBootLoader(flash, *this, faults)),
           mMaster(master),
-          mRealtime(options.realtime) {
+          mRealtime(options.realtime),
+          mFastest(options.fastest),
+          mNoise(options.seed, options.noise),
+          mNow(realNow()) {
+        flash.drawTimes(options.seed);
         loader->start();
     }
 
-    Nanos now() const override { return realNow(); }
+    Nanos now() const override { return mNow; }
+    int fastestRate() const override { return mFastest; }
     void after(Nanos delay, std::function<void()> action) override {
-        put(now() + (mRealtime ? delay : Nanos(0)), std::move(action));
+        put(mNow + delay, std::move(action));
     }
+    // Bytes go out one after another; those of a later answer wait for those of an earlier one.
     void send(std::vector<uint8_t> bytes) override {
-        const Nanos line = hostLine().byteTime() * static_cast<int64_t>(bytes.size());
-        after(line, [this, bytes = std::move(bytes)] {
-            [[maybe_unused]] const ssize_t sent = real().write(mMaster, bytes.data(), bytes.size());
-        });
+        const LineSettings line = loader->lineSettings();
+        for (const uint8_t byte : bytes) {
+            mSendingUntil = std::max(mSendingUntil, mNow) + line.byteTime();
+            mQueue.emplace(mSendingUntil, [this, byte, line] {
+                for (const uint8_t heard : mNoise.arriving(heardAt(line, hostLine(), byte))) {
+                    mOut.push_back(heard);
+                }
+            });
+        }
     }
+    // The frame is the part's: a pseudo terminal tells no parity.
     LineSettings hostLine() const override {
         termios settings{};
         real().tcgetattr(mMaster, &settings);
-        return settingsOf(settings);
+        LineSettings line = settingsOf(settings);
+        line.parity = flash.part().commands.empty() ? 'N' : 'E';
+        return line;
     }
     void note(const std::string&) override {}
-    void violation(const std::string& text) override { violations.add(now(), text); }
+    void violation(const std::string& text) override { violations.add(mNow, text); }
     void operate(const std::string&, std::function<Nanos(McuFlash&)> start,
                  std::function<void(const std::string&)> done) override {
         after(start(flash), [this, done = std::move(done)] { done(flash.finish()); });
     }
-    void resetBySoftware() override { mRestarts = true; }
-    void jumpTo(uint32_t) override { mRestarts = true; }
-
-    // A pty transfers at once; in real time each byte is delayed as on a line.
-    void arrive(uint8_t byte) {
-        const Nanos time = mRealtime ? hostLine().byteTime() : Nanos(0);
-        mLineFree = std::max(mLineFree, now()) + time;
-        put(mLineFree, [this, byte] { loader->receive(byte); });
+    void resetBySoftware() override {
+        ++mEpoch;
+        put(std::max(mSendingUntil, mNow), [this] { startLoader(); });
+    }
+    // The application has no model here: it is silent until the next reset.
+    void jumpTo(uint32_t) override {
+        ++mEpoch;
+        mInApplication = true;
     }
 
-    // Called once all bytes sent before the reset are out.
+    // A pseudo terminal transfers at once; here each byte takes its time on the line.
+    void arrive(std::span<const uint8_t> bytes) {
+        const LineSettings line = hostLine();
+        for (const uint8_t byte : bytes) {
+            mReceivingUntil = std::max(mReceivingUntil, mNow) + line.byteTime();
+            mQueue.emplace(mReceivingUntil, [this, byte, line] { hear(byte, line); });
+        }
+    }
+
+    // The reset of a port that was closed: what is on its way is lost.
     void restart() {
-        if (flash.busy()) flash.powerLost(0);
-        mPending.clear();
-        loader->start();
+        ++mEpoch;
+        mQueue.clear();
+        mOut.clear();
+        mSendingUntil = mReceivingUntil = mNow;
+        startLoader();
     }
     void runDue() {
-        while (!mPending.empty() && mPending.front().first <= now()) {
-            const auto action = std::move(mPending.front().second);
-            mPending.erase(mPending.begin());
-            action();
+        const Nanos time = realNow();
+        while (!mQueue.empty() && (!mRealtime || mQueue.begin()->first <= time)) {
+            const auto event = mQueue.extract(mQueue.begin());
+            mNow = std::max(mNow, event.key());
+            event.mapped()();
         }
-        if (mRestarts && mPending.empty()) {
-            mRestarts = false;
-            restart();
-        }
+        mNow = std::max(mNow, time);
+        if (!mOut.empty()) writeOut(std::exchange(mOut, {}));
     }
-    int waitMs() const {
-        if (mPending.empty()) return kLongestWaitMs;
-        const auto left =
-            std::chrono::ceil<std::chrono::milliseconds>(mPending.front().first - now());
-        return std::clamp(static_cast<int>(left.count()), 0, kLongestWaitMs);
+    Nanos untilNext() const {
+        if (mQueue.empty()) return kLongestWait;
+        return std::clamp(mQueue.begin()->first - realNow(), Nanos(0), kLongestWait);
     }
 
   private:
@@ -112,17 +146,40 @@ class PtyBridge::Part : public McuSurroundings {
     const std::unique_ptr<BootLoader> loader;
 
   private:
+    // A program that does not read loses bytes, as with any receiver.
+    void writeOut(const std::vector<uint8_t>& bytes) const {
+        [[maybe_unused]] const ssize_t sent = real().write(mMaster, bytes.data(), bytes.size());
+    }
+    static uint8_t heardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte) {
+        return agree(sender, listener) ? byte : garbled(byte);
+    }
+    void hear(uint8_t byte, const LineSettings& line) {
+        if (mInApplication) return;
+        for (const uint8_t heard : mNoise.arriving(heardAt(line, loader->lineSettings(), byte))) {
+            loader->receive(heard);
+        }
+    }
+    void startLoader() {
+        if (flash.busy()) flash.powerLost(0);
+        mInApplication = false;
+        loader->start();
+    }
+    // A reset drops what the part was going to do.
     void put(Nanos when, std::function<void()> action) {
-        const auto later = [when](const auto& entry) { return entry.first > when; };
-        mPending.emplace(std::find_if(mPending.begin(), mPending.end(), later), when,
-                         std::move(action));
+        mQueue.emplace(when, [this, epoch = mEpoch, action = std::move(action)] {
+            if (epoch == mEpoch) action();
+        });
     }
 
     const int mMaster;
     const bool mRealtime;
-    bool mRestarts = false;
-    Nanos mLineFree{0};
-    std::vector<std::pair<Nanos, std::function<void()>>> mPending;
+    const int mFastest;
+    LineNoise mNoise;
+    Nanos mNow, mSendingUntil{0}, mReceivingUntil{0};
+    uint64_t mEpoch = 0;  // counts resets
+    bool mInApplication = false;
+    std::multimap<Nanos, std::function<void()>> mQueue;
+    std::vector<uint8_t> mOut;
 };
 
 PtyBridge::PtyBridge(const PtyBridgeOptions& options)
@@ -148,6 +205,7 @@ std::vector<std::string> PtyBridge::violations() const { return mPart->violation
 void PtyBridge::stop() { mStopped.store(true); }
 
 void PtyBridge::run() {
+    prctl(PR_SET_TIMERSLACK, 1000UL);  // ns; the default of 50 us is half a byte
     while (!mStopped.load()) serveOnce();
     mPart->flash.save();
     mStopped.store(false);
@@ -155,21 +213,23 @@ void PtyBridge::run() {
 
 void PtyBridge::serveOnce() {
     pollfd entry{mMaster, POLLIN, 0};
-    const int ready = real().poll(&entry, 1, mPart->waitMs());
-    if (ready > 0 && (entry.revents & POLLIN) != 0) {
-        mInUse.store(true);
-        std::array<uint8_t, 512> bytes{};
-        const ssize_t got = real().read(mMaster, bytes.data(), bytes.size());
-        for (ssize_t i = 0; i < got; ++i) {
-            mPart->arrive(bytes.at(static_cast<size_t>(i)));
-            mPart->runDue();
-        }
-    } else if (ready > 0 && (entry.revents & POLLHUP) != 0) {
-        mPart->restart();  // no program has the port open
-        mInUse.store(false);
-        const timespec pause{0, 5'000'000};
-        real().nanosleep(&pause, nullptr);
-    }
+    const timespec wait = timespecOf(mPart->untilNext());
+    const int ready = ppoll(&entry, 1, &wait, nullptr);
+    mPart->runDue();
+    if (ready <= 0) return;
+    if ((entry.revents & POLLIN) != 0) return readBytes();
+    if ((entry.revents & POLLHUP) == 0) return;
+    mPart->restart();  // no program has the port open
+    mInUse.store(false);
+    const timespec nap = timespecOf(kNapWhenClosed);
+    real().nanosleep(&nap, nullptr);
+}
+
+void PtyBridge::readBytes() {
+    mInUse.store(true);
+    std::array<uint8_t, 512> bytes{};
+    const ssize_t got = real().read(mMaster, bytes.data(), bytes.size());
+    if (got > 0) mPart->arrive(std::span(bytes).first(static_cast<size_t>(got)));
     mPart->runDue();
 }
 

@@ -1,8 +1,12 @@
 // A boot-loader model behind a pseudo terminal, for ordinary programs of the workstation.
 //
 // The part's BOOT0 is always high: every reset starts its boot loader again. The last program that
-// closes the port resets it, as does an adapter whose modem line is connected to the reset pin. A
-// pseudo terminal has no parity, and transfers bytes correctly at any speed.
+// closes the port resets it, as does an adapter whose modem line is connected to the reset pin.
+//
+// The bridge has one clock and one queue: bytes take the time of the line at the speed that the
+// program has set, in the part's own frame (8E1: 11 bits, an N32 8N1: 10 bits; a pseudo terminal
+// drops the parity), and flash operations theirs. In real time what happens is held back until it
+// is due; otherwise the clock jumps to the next event. The order is the same.
 #pragma once
 
 #include <atomic>
@@ -20,6 +24,9 @@ struct PtyBridgeOptions {
     std::filesystem::path flash;      // the file with the part's flash; made when missing
     std::filesystem::path link = {};  // a symbolic link to the port, made and removed; "": none
     bool realtime = false;            // bytes and flash operations take their real time
+    int fastest = McuSurroundings::kPublishedFastest;  // the highest speed that it measures
+    uint64_t seed = 0;                                 // of its flash's times; 0: typical ones
+    NoiseRates noise = {};                             // of the line, decided by the seed
 };
 
 class PtyBridge {
@@ -42,6 +49,7 @@ class PtyBridge {
   private:
     class Part;
     void serveOnce();
+    void readBytes();
 
     const PtyBridgeOptions mOptions;
     std::string mPort;

@@ -12,10 +12,13 @@
 namespace quil::board {
 namespace {
 
-constexpr uint8_t kSync = 0x7F, kAck = 0x79, kNack = 0x1F;
-constexpr int kSlowest = 1200, kFastest = 115200;  // bit/s
-constexpr size_t kMostPages = 512;                 // numbers that an extended erase takes
-constexpr uint16_t kEraseEverything = 0xFFFF, kFirstSpecial = 0xFFF0;
+constexpr uint8_t kGetPid = 0x06, kErase = 0x43, kSync = 0x7F, kAck = 0x79, kNack = 0x1F;
+constexpr int kSlowest = 1200;  // bit/s
+constexpr uint16_t kEraseEverything = 0xFFFF, kEraseBank1 = 0xFFFE, kEraseBank2 = 0xFFFD,
+                   kFirstSpecial = 0xFFF0;
+constexpr int kMeasuredBits = 8;  // of 0x7F, from its start bit to its highest bit
+
+using Area = McuMemory::Area;
 
 std::string formatted(const char* format, uint32_t value) {
     char text[48];
@@ -50,13 +53,14 @@ const Stm32BootLoader::CommandRow* Stm32BootLoader::rowOf(uint8_t code) {
 }
 
 Stm32BootLoader::Stm32BootLoader(McuFlash& flash, McuSurroundings& around, LoaderFaults& faults)
-    : mFlash(flash), mAround(around), mFaults(faults), mPart(flash.part()) {}
+    : mFlash(flash), mAround(around), mFaults(faults), mPart(flash.part()), mMemory(flash) {}
 Stm32BootLoader::~Stm32BootLoader() = default;
 
 void Stm32BootLoader::start() {
     mSynchronised = mBusy = mHung = false;
     mHeardWhileBusy.reset();
-    mRam.clear();
+    mFirstByte.reset();
+    mMemory.reset();
     mFault.forget();
     awaitCommand();
 }
@@ -73,16 +77,49 @@ void Stm32BootLoader::receive(uint8_t byte) {
     if (mIn.size() == mExpected) (this->*mNext)();
 }
 
+// The part takes its first byte for 0x7F.
 void Stm32BootLoader::synchronise(uint8_t byte) {
-    const LineSettings line = mAround.hostLine();
-    if (line.baud < kSlowest || line.baud > kFastest || byte != kSync) {
-        return mAround.note("no synchronisation with " + formatted("0x%02x", byte) + " at " +
-                            std::to_string(line.baud) + " bit/s");
+    LineSettings line = mAround.hostLine();
+    const int rate = measuredRate(byte);
+    if (rate == 0) return;
+    if (byte != kSync) {
+        mAround.violation(formatted("the first byte is 0x%02x", byte) + ", measured as " +
+                          std::to_string(rate) + " bit/s");
     }
+    line.baud = rate;
+    if (rate < kSlowest || rate > mAround.fastestRate()) {
+        return mAround.note("no synchronisation at " + std::to_string(rate) + " bit/s");
+    }
+    startAt(line);
+}
+
+void Stm32BootLoader::startAt(LineSettings line) {
     mLine = line;
     mSynchronised = true;
     mCode = 0;
     if (!acknowledge(LoaderStep::kSync)) mSynchronised = false;
+}
+
+// From the start bit to the next falling edge: of 0x7F eight bits. 0: no such edge yet; the next
+// byte's start bit is one.
+int Stm32BootLoader::measuredRate(uint8_t firstByte) {
+    const LineSettings line = mAround.hostLine();
+    if (mFirstByte) {
+        const auto elapsed = std::max<int64_t>(1, (mAround.now() - *mFirstByte).count());
+        mFirstByte.reset();
+        return static_cast<int>(
+            std::min<int64_t>(INT32_MAX, kMeasuredBits * 1'000'000'000LL / elapsed));
+    }
+    uint32_t bits = static_cast<uint32_t>(firstByte) << 1;
+    const bool odd = __builtin_parity(firstByte) != 0;
+    if (line.parity != 'N' && odd == (line.parity == 'E')) bits |= 1U << 9;
+    if (line.parity == 'N') bits |= 1U << 9;  // the stop bit
+    for (int bit = 1; bit < line.frameBits(); ++bit) {
+        const bool falls = (bits >> (bit - 1) & 1) != 0 && (bits >> bit & 1) == 0;
+        if (falls && bit <= 9) return static_cast<int>(int64_t{line.baud} * kMeasuredBits / bit);
+    }
+    mFirstByte = mAround.now();
+    return 0;
 }
 
 // The receiver keeps one unread byte; further bytes are lost.
@@ -90,7 +127,8 @@ void Stm32BootLoader::receiveWhileBusy(uint8_t byte) {
     if (!mHeardWhileBusy) {
         mHeardWhileBusy = byte;
     } else {
-        mAround.violation("a byte came while the flash was at work, and was lost");
+        mAround.violation(mFlash.busy() ? "a byte came while the flash was at work, and was lost"
+                                        : "a byte came during an answer, and was lost");
     }
 }
 
@@ -129,12 +167,22 @@ bool Stm32BootLoader::acknowledge(LoaderStep step) {
 
 void Stm32BootLoader::answer(std::vector<uint8_t> bytes) {
     const auto [delay, deaf] = mFault.apply(bytes, 0, 1);
-    if (delay == Nanos(0)) return mAround.send(std::move(bytes));
+    if (delay == Nanos(0)) return sendAndHearNothing(std::move(bytes));
     mBusy = mBusy || deaf;
     mAround.after(delay, [this, deaf = deaf, bytes = std::move(bytes)] {
-        mAround.send(bytes);
-        if (deaf) hearAgain();
+        if (deaf) mBusy = false;
+        sendAndHearNothing(bytes);
+        if (deaf && !mBusy) hearAgain();
     });
+}
+
+// The transmitter takes the last byte while it sends the one before.
+void Stm32BootLoader::sendAndHearNothing(std::vector<uint8_t> bytes) {
+    const auto before = static_cast<int64_t>(bytes.size()) - 1;
+    mAround.send(std::move(bytes));
+    if (before <= 0) return;
+    mBusy = true;
+    mAround.after(lineSettings().byteTime() * before, [this] { hearAgain(); });
 }
 
 void Stm32BootLoader::refuse(const std::string& why, bool violation) {
@@ -156,7 +204,10 @@ void Stm32BootLoader::command() {
     }
     const CommandRow* row = rowOf(mCode);
     const auto& known = mPart.commands;
-    if (row == nullptr || std::find(known.begin(), known.end(), mCode) == known.end()) {
+    const bool listed = std::find(known.begin(), known.end(), mCode) != known.end();
+    // GD32 parts answer two commands that Get does not list.
+    const bool extra = mPart.identity.gdPid != 0 && (mCode == kGetPid || mCode == kErase);
+    if (row == nullptr || !(listed || extra)) {
         return refuse(formatted("no command 0x%02x", mCode), false);
     }
     if (row->refusedUnderReadoutProtection && mFlash.readoutProtected()) {
@@ -168,7 +219,8 @@ void Stm32BootLoader::command() {
 void Stm32BootLoader::get() {
     if (!passes(LoaderStep::kCommand)) return;
     const auto& known = mPart.commands;
-    std::vector<uint8_t> bytes = {kAck, static_cast<uint8_t>(known.size()), mPart.loaderVersion};
+    std::vector<uint8_t> bytes = {kAck, static_cast<uint8_t>(known.size()),
+                                  mPart.identity.protocol};
     bytes.insert(bytes.end(), known.begin(), known.end());
     bytes.push_back(kAck);
     answer(std::move(bytes));
@@ -177,14 +229,14 @@ void Stm32BootLoader::get() {
 
 void Stm32BootLoader::getVersion() {
     if (!passes(LoaderStep::kCommand)) return;
-    answer({kAck, mPart.loaderVersion, 0, 0, kAck});
+    answer({kAck, mPart.identity.protocol, 0, 0, kAck});
     awaitCommand();
 }
 
 void Stm32BootLoader::getId() {
     if (!passes(LoaderStep::kCommand)) return;
-    answer({kAck, 1, static_cast<uint8_t>(mPart.productId >> 8),
-            static_cast<uint8_t>(mPart.productId), kAck});
+    answer({kAck, 1, static_cast<uint8_t>(mPart.identity.productId >> 8),
+            static_cast<uint8_t>(mPart.identity.productId), kAck});
     awaitCommand();
 }
 
@@ -193,28 +245,21 @@ void Stm32BootLoader::getPid() {
     if (!passes(LoaderStep::kCommand)) return;
     std::vector<uint8_t> bytes = {kAck, 4};
     for (int shift = 0; shift < 32; shift += 8) {
-        bytes.push_back(static_cast<uint8_t>(mPart.gdPid >> shift));
+        bytes.push_back(static_cast<uint8_t>(mPart.identity.gdPid >> shift));
     }
     bytes.push_back(kAck);
     answer(std::move(bytes));
     awaitCommand();
 }
 
-bool Stm32BootLoader::inFlash(uint32_t address, size_t size) const {
-    return address >= kMcuFlashBase && address - kMcuFlashBase + size <= mPart.flashSize();
-}
-
-bool Stm32BootLoader::inRam(uint32_t address, size_t size) const {
-    return address >= kMcuRamBase && address - kMcuRamBase + size <= mPart.ramSize;
-}
-
 // False if the address was refused or a fault ended the command.
-bool Stm32BootLoader::takeAddress() {
+bool Stm32BootLoader::takeAddress(std::initializer_list<Area> allowed) {
     mAddress = big32(mIn, 0);
+    const Area area = mMemory.areaOf(mAddress);
     if (!xorIsRight()) {
         refuse("the address's XOR is wrong");
-    } else if (!inFlash(mAddress, 1) && !inRam(mAddress, 1)) {
-        refuse(formatted("address 0x%08x is neither flash nor RAM", mAddress));
+    } else if (std::find(allowed.begin(), allowed.end(), area) == allowed.end()) {
+        refuse(formatted("address 0x%08x is out of reach", mAddress));
     } else {
         return acknowledge(LoaderStep::kAddress);
     }
@@ -226,25 +271,21 @@ void Stm32BootLoader::readMemory() {
 }
 
 void Stm32BootLoader::readAddress() {
-    if (takeAddress()) expect(2, &Stm32BootLoader::readCount);
+    if (takeAddress({Area::kFlash, Area::kRam, Area::kSystem, Area::kOptions})) {
+        expect(2, &Stm32BootLoader::readCount);
+    }
 }
 
+// Only the address has been checked: a read may run past the end of its memory.
 void Stm32BootLoader::readCount() {
-    const size_t count = mIn[0] + 1U;
+    const uint32_t count = mIn[0] + 1U;
     if (mIn[1] != static_cast<uint8_t>(~mIn[0])) return refuse("the count lacks its complement");
-    if (!inFlash(mAddress, count) && !inRam(mAddress, count)) {
-        return refuse("a read beyond the memory's end");
-    }
     if (!passes(LoaderStep::kCount)) return;
-    std::vector<uint8_t> bytes = {kAck};
-    if (inFlash(mAddress, count)) {
-        const auto cells = mFlash.cells().subspan(mAddress - kMcuFlashBase, count);
-        bytes.insert(bytes.end(), cells.begin(), cells.end());
-    } else {
-        mRam.resize(mPart.ramSize);
-        const auto at = mRam.begin() + (mAddress - kMcuRamBase);
-        bytes.insert(bytes.end(), at, at + static_cast<ptrdiff_t>(count));
+    if (mMemory.areaOf(mAddress + count - 1) != mMemory.areaOf(mAddress)) {
+        mAround.violation("a read beyond the memory's end");
     }
+    std::vector<uint8_t> bytes = {kAck};
+    for (uint32_t i = 0; i < count; ++i) bytes.push_back(mMemory.read(mAddress + i));
     awaitCommand();
     answer(std::move(bytes));
 }
@@ -254,7 +295,7 @@ void Stm32BootLoader::go() {
 }
 
 void Stm32BootLoader::goAddress() {
-    if (takeAddress()) mAround.jumpTo(mAddress);
+    if (takeAddress({Area::kFlash, Area::kRam})) mAround.jumpTo(mAddress);
 }
 
 void Stm32BootLoader::writeMemory() {
@@ -262,7 +303,9 @@ void Stm32BootLoader::writeMemory() {
 }
 
 void Stm32BootLoader::writeAddress() {
-    if (takeAddress()) expect(1, &Stm32BootLoader::writeCount);
+    if (takeAddress({Area::kFlash, Area::kRam, Area::kOptions})) {
+        expect(1, &Stm32BootLoader::writeCount);
+    }
 }
 
 // The count, the data and their XOR are received as one frame.
@@ -279,19 +322,22 @@ void Stm32BootLoader::writeData() {
         return refuse(std::to_string(count) + " bytes are no multiple of " +
                       std::to_string(mPart.writeMultiple));
     }
-    if (inFlash(mAddress, count)) {
-        if (passes(LoaderStep::kData)) programFlash(mAddress - kMcuFlashBase);
-        return;
+    const Area area = mMemory.areaOf(mAddress);
+    if (mMemory.areaOf(mAddress + count - 1) != area) {
+        return refuse("a write beyond the memory's end");
     }
-    if (!inRam(mAddress, count)) return refuse("a write beyond the memory's end");
     if (!passes(LoaderStep::kData)) return;
-    mRam.resize(mPart.ramSize);
-    std::copy(mIn.begin() + 1, mIn.end() - 1, mRam.begin() + (mAddress - kMcuRamBase));
+    const std::vector<uint8_t> data(mIn.begin() + 1, mIn.end() - 1);
+    if (area == Area::kFlash) return programFlash(mAddress - kMcuFlashBase, data);
+    if (area == Area::kOptions) {
+        return writeOptions(
+            [this, data](McuFlash&) { return mMemory.startWriteOptions(mAddress, data); });
+    }
+    mMemory.writeRam(mAddress, data);
     finished("", false);
 }
 
-void Stm32BootLoader::programFlash(uint32_t offset) {
-    std::vector<uint8_t> bytes(mIn.begin() + 1, mIn.end() - 1);
+void Stm32BootLoader::programFlash(uint32_t offset, std::vector<uint8_t> bytes) {
     mFault.spoil(bytes);
     const std::string what = formatted("program 0x%08x", kMcuFlashBase + offset) + ", " +
                              std::to_string(bytes.size()) + " bytes";
@@ -312,9 +358,12 @@ void Stm32BootLoader::eraseCount() {
     mNext = &Stm32BootLoader::erasePages;
 }
 
+// A global erase with another byte than 0 behind it is acknowledged, and nothing is erased.
 void Stm32BootLoader::erasePages() {
+    if (mIn[0] == 0xFF && mIn[1] == 0) return massErase();
     if (mIn[0] == 0xFF) {
-        return mIn[1] == 0 ? massErase() : refuse("the global erase's check byte is wrong");
+        mAround.violation("the global erase's check byte is wrong");
+        return finished("", false);
     }
     if (!xorIsRight()) return refuse("the page list's XOR is wrong");
     erasePagesNow({mIn.begin() + 1, mIn.end() - 1});
@@ -327,16 +376,18 @@ void Stm32BootLoader::extendedErase() {
 void Stm32BootLoader::extendedCount() {
     const auto count = static_cast<uint16_t>(mIn[0] << 8 | mIn[1]);
     const bool special = count >= kFirstSpecial;
-    if (!special && count >= kMostPages) return refuse("an erase of too many pages");
     mExpected = special ? 3 : 2 + 2 * (count + 1U) + 1;
     mNext = special ? &Stm32BootLoader::specialErase : &Stm32BootLoader::extendedPages;
 }
 
+// All of the flash is in the first bank: these parts are the smallest of their families.
 void Stm32BootLoader::specialErase() {
     const auto request = static_cast<uint16_t>(mIn[0] << 8 | mIn[1]);
     if (!xorIsRight()) return refuse("the erase request's XOR is wrong");
-    if (request != kEraseEverything) return refuse(formatted("no special erase 0x%04x", request));
-    massErase();
+    if (request == kEraseEverything) return massErase();
+    if (mPart.erasesBanks && request == kEraseBank1) return massErase();
+    if (mPart.erasesBanks && request == kEraseBank2) return erasePagesNow({});
+    refuse(formatted("no special erase 0x%04x", request));
 }
 
 void Stm32BootLoader::extendedPages() {
@@ -346,12 +397,10 @@ void Stm32BootLoader::extendedPages() {
     erasePagesNow(std::move(pages));
 }
 
+// Numbers of pages that the part has not are passed over: boards send such for parts whose pages
+// are larger than they take them for.
 void Stm32BootLoader::erasePagesNow(std::vector<uint32_t> pages) {
-    const auto absent = [this](uint32_t page) { return page >= mPart.pageCount(); };
-    if (!mPart.ignoresAbsentPages && std::any_of(pages.begin(), pages.end(), absent)) {
-        return refuse("an erase of a page that the part has not");
-    }
-    std::erase_if(pages, absent);
+    std::erase_if(pages, [this](uint32_t page) { return page >= mPart.pageCount(); });
     if (!passes(LoaderStep::kData)) return;
     const std::string what = "erase " + std::to_string(pages.size()) + " pages";
     operate(
@@ -377,33 +426,34 @@ void Stm32BootLoader::writeProtectCount() {
 void Stm32BootLoader::writeProtectSectors() {
     if (!xorIsRight()) return refuse("the sector list's XOR is wrong");
     if (!passes(LoaderStep::kData)) return;
-    mFlash.setWriteProtected({mIn.begin() + 1, mIn.end() - 1});
-    finished("", true);
+    const std::vector<uint8_t> sectors(mIn.begin() + 1, mIn.end() - 1);
+    writeOptions([this, sectors](McuFlash& flash) {
+        return flash.startWriteOptions(flash.readoutProtected(), mMemory.pagesOf(sectors));
+    });
 }
 
 void Stm32BootLoader::writeUnprotect() {
-    if (!acknowledge(LoaderStep::kCommand)) return;
-    mFlash.setWriteProtected({});
-    finished("", true);
+    if (!acknowledge(LoaderStep::kCommand) || !passes(LoaderStep::kData)) return;
+    writeOptions(
+        [](McuFlash& flash) { return flash.startWriteOptions(flash.readoutProtected(), {}); });
 }
 
 void Stm32BootLoader::readoutProtect() {
-    if (!acknowledge(LoaderStep::kCommand)) return;
-    mFlash.setReadoutProtected(true);
-    finished("", true);
+    if (!acknowledge(LoaderStep::kCommand) || !passes(LoaderStep::kData)) return;
+    writeOptions(
+        [](McuFlash& flash) { return flash.startWriteOptions(true, flash.writeProtectedPages()); });
 }
 
-// Ends the protection and erases the flash that it protected.
+// Erases the flash, whether it was protected or not.
 void Stm32BootLoader::readoutUnprotect() {
-    if (!acknowledge(LoaderStep::kCommand)) return;
-    if (!mFlash.readoutProtected()) return finished("", true);
+    if (!acknowledge(LoaderStep::kCommand) || !passes(LoaderStep::kData)) return;
     operate(
-        "erase everything",
-        [](McuFlash& flash) {
-            flash.setReadoutProtected(false);
-            return flash.startMassErase();
-        },
-        true);
+        "erase everything", [](McuFlash& flash) { return flash.startUnprotect(); },
+        mPart.resetsAfterOptions);
+}
+
+void Stm32BootLoader::writeOptions(std::function<Nanos(McuFlash&)> start) {
+    operate("write the option bytes", std::move(start), mPart.resetsAfterOptions);
 }
 
 // A part that resets in the middle of the operation never finishes it.

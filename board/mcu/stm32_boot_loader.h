@@ -1,17 +1,24 @@
 // The USART boot loader of STM32 parts (AN3155), and of the GD32 parts, which answer it too and
-// have the command 0x06 of their own.
+// have the command 0x06 of their own. Where it differs from what is published: docs/models.md.
 //
-// It measures the line speed at the first 0x7F and keeps it until the next reset. AN3155 says even
-// parity; parts in the field are also used with odd parity and with none, so the model takes the
-// parity that the host has at that moment. It answers between 1,200 and 115,200 bit/s only.
+// It measures the line speed at the first byte after a reset, takes it for 0x7F, and keeps the
+// speed until the next reset: after any other byte it speaks another speed than its host. AN3155
+// says even parity; parts in the field are also used with odd parity and with none, so the model
+// takes the parity that the host has at that moment. It measures 1,200 to 115,200 bit/s.
+//
+// While it sends an answer or the flash is at work, it does not read its receiver, which keeps one
+// byte; what comes after that is lost.
 //
 // It refuses (0x1F): a code without its complement, a command that the part has not, a wrong XOR,
-// an address outside flash and RAM or not on a word, a length that is not a multiple of what the
-// part writes or reaches past the memory, page numbers that the part has not, and under read-out
-// protection whatever AN3155 says. What no healthy host sends is recorded as a violation as well.
+// an address outside its memory or in the RAM that it uses, a write that is on no word or no
+// multiple of one, and under read-out protection whatever AN3155 says. What no healthy host sends
+// is recorded as a violation as well.
 #pragma once
 
+#include <initializer_list>
+
 #include "board/mcu/boot_loader.h"
+#include "board/mcu/mcu_memory.h"
 
 namespace quil::board {
 
@@ -36,6 +43,8 @@ class Stm32BootLoader : public BootLoader {
 
   private:
     void synchronise(uint8_t byte);
+    int measuredRate(uint8_t firstByte);
+    void startAt(LineSettings);
     void expect(size_t bytes, Handler);
     void awaitCommand();
     bool passes(LoaderStep);       // false: a fault ends the command here
@@ -43,8 +52,9 @@ class Stm32BootLoader : public BootLoader {
     void answer(std::vector<uint8_t>);
     void refuse(const std::string& why, bool violation = true);
     bool xorIsRight();
-    bool takeAddress();
+    bool takeAddress(std::initializer_list<McuMemory::Area> allowed);
     void receiveWhileBusy(uint8_t byte);
+    void sendAndHearNothing(std::vector<uint8_t>);
     void hearAgain();
 
     void command();
@@ -61,7 +71,7 @@ class Stm32BootLoader : public BootLoader {
     void writeAddress();
     void writeCount();
     void writeData();
-    void programFlash(uint32_t offset);
+    void programFlash(uint32_t offset, std::vector<uint8_t> bytes);
     void erase();
     void eraseCount();
     void erasePages();
@@ -71,6 +81,7 @@ class Stm32BootLoader : public BootLoader {
     void extendedPages();
     void erasePagesNow(std::vector<uint32_t> pages);
     void massErase();
+    void writeOptions(std::function<Nanos(McuFlash&)> start);
     void writeProtect();
     void writeProtectCount();
     void writeProtectSectors();
@@ -79,8 +90,6 @@ class Stm32BootLoader : public BootLoader {
     void readoutUnprotect();
     void finished(const std::string& broken, bool resets);
     void operate(const std::string& what, std::function<Nanos(McuFlash&)> start, bool resets);
-    bool inFlash(uint32_t address, size_t size) const;
-    bool inRam(uint32_t address, size_t size) const;
 
     static const CommandRow* rowOf(uint8_t code);
 
@@ -88,11 +97,13 @@ class Stm32BootLoader : public BootLoader {
     McuSurroundings& mAround;
     LoaderFaults& mFaults;
     const McuPart& mPart;
+    McuMemory mMemory;
     bool mSynchronised = false, mBusy = false, mHung = false;
+    std::optional<Nanos> mFirstByte;  // when a first byte came whose length is not known yet
     LineSettings mLine;
     uint8_t mCode = 0;  // of the command under way
     uint32_t mAddress = 0;
-    std::vector<uint8_t> mIn, mRam;
+    std::vector<uint8_t> mIn;
     size_t mExpected = 0;
     Handler mNext = nullptr;
     std::optional<uint8_t> mHeardWhileBusy;

@@ -61,6 +61,15 @@ class BoardStm32flash : public testing::TestWithParam<Part> {
         return run.status;
     }
 
+    // The first bytes of the part's flash.
+    std::string cells(size_t size) {
+        bridge->stop();
+        server.join();
+        const auto bytes = bridge->flash().cells().first(size);
+        server = std::thread([this] { bridge->run(); });
+        return {bytes.begin(), bytes.end()};
+    }
+
     const TemporaryDirectory scratch;
     const fs::path& directory = scratch.path();
     std::unique_ptr<PtyBridge> bridge;
@@ -72,38 +81,45 @@ TEST_P(BoardStm32flash, TellsThePartAndItsBootLoader) {
     EXPECT_THAT(output, HasSubstr(GetParam().identifier));
 }
 
-TEST_P(BoardStm32flash, WritesAnImageVerifiesItAndReadsItBack) {
-    const std::string image = makeMcuImage(GetParam().kind, "V1.2.3", 20000);
-    writeWholeFile(directory / "image", image);
-    EXPECT_EQ(flash("-v -w " + (directory / "image").string()), 0) << output;
-    EXPECT_THAT(output, HasSubstr("Wrote and verified address 0x08004e20 (100.00%) Done."));
-    EXPECT_EQ(flash("-S 0x08000000:20000 -r " + (directory / "copy").string()), 0) << output;
-    EXPECT_EQ(readWholeFile(directory / "copy"), image);
-}
-
-TEST_P(BoardStm32flash, WritesOverAnOlderImage) {
-    writeWholeFile(directory / "old", makeMcuImage(GetParam().kind, "V1.0.0", 30000));
-    writeWholeFile(directory / "new", makeMcuImage(GetParam().kind, "V1.2.3", 10000));
-    EXPECT_EQ(flash("-w " + (directory / "old").string()), 0) << output;
-    EXPECT_EQ(flash("-v -w " + (directory / "new").string()), 0) << output;
-    bridge->stop();
-    server.join();
-    EXPECT_EQ(checkMcuImage(partOf(GetParam().kind), bridge->flash().cells()).version, "V1.2.3");
-    server = std::thread([this] { bridge->run(); });
+TEST_P(BoardStm32flash, WritesTwoImagesOneOverTheOtherVerifiesThemAndReadsThemBack) {
+    for (const char* version : {"V1.2.3", "V1.2.4"}) {
+        const std::string image = makeMcuImage(GetParam().kind, version, 20000);
+        writeWholeFile(directory / "image", image);
+        EXPECT_EQ(flash("-v -w " + (directory / "image").string()), 0) << output;
+        EXPECT_THAT(output, HasSubstr("Wrote and verified address 0x08004e20 (100.00%) Done."));
+        EXPECT_EQ(flash("-S 0x08000000:20000 -r " + (directory / "copy").string()), 0) << output;
+        EXPECT_EQ(readWholeFile(directory / "copy"), image);
+    }
 }
 
 TEST_P(BoardStm32flash, ErasesEverything) {
     writeWholeFile(directory / "image", makeMcuImage(GetParam().kind, "V1.2.3", 4096));
     EXPECT_EQ(flash("-w " + (directory / "image").string()), 0) << output;
     EXPECT_EQ(flash("-o"), 0) << output;
-    bridge->stop();
-    server.join();
-    EXPECT_THAT(bridge->flash().cells().first(4096), Each(0xFF));
-    server = std::thread([this] { bridge->run(); });
+    EXPECT_THAT(cells(4096), Each('\xFF'));
+}
+
+TEST_P(BoardStm32flash, ProtectsThePartAndUnprotectsItWhichErasesIt) {
+    writeWholeFile(directory / "image", makeMcuImage(GetParam().kind, "V1.2.3", 4096));
+    EXPECT_EQ(flash("-w " + (directory / "image").string()), 0) << output;
+    EXPECT_EQ(flash("-j"), 0) << output;
+    EXPECT_NE(flash("-S 0x08000000:256 -r " + (directory / "copy").string()), 0) << output;
+    EXPECT_EQ(flash("-k"), 0) << output;
+    EXPECT_THAT(cells(4096), Each('\xFF'));
+    EXPECT_EQ(flash("-v -w " + (directory / "image").string()), 0) << output;
+    EXPECT_EQ(flash("-u"), 0) << output;
+}
+
+TEST_P(BoardStm32flash, StartsTheApplicationWhichIsSilentUntilTheNextReset) {
+    writeWholeFile(directory / "image", makeMcuImage(GetParam().kind, "V1.2.3", 4096));
+    EXPECT_EQ(flash("-w " + (directory / "image").string() + " -g 0x08000000"), 0) << output;
+    EXPECT_THAT(output, HasSubstr("Starting execution at address 0x08000000... done."));
+    EXPECT_EQ(flash(""), 0) << output;
 }
 
 INSTANTIATE_TEST_SUITE_P(Parts, BoardStm32flash,
                          testing::Values(Part{McuKind::kGd32F303, "gd32f303", "0x0414"},
+                                         Part{McuKind::kGd32F470, "gd32f470", "0x0419"},
                                          Part{McuKind::kStm32H750, "stm32h750", "0x0450"}),
                          [](const auto& info) { return std::string(info.param.name); });
 
