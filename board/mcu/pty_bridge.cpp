@@ -58,7 +58,7 @@ class PtyBridge::Part : public McuSurroundings {
           mRealtime(options.realtime),
           mFastest(options.fastest),
           mNoise(options.seed, options.noise),
-          mNow(realNow()) {
+          mNow(options.realtime ? realNow() : Nanos(0)) {
         flash.drawTimes(options.seed);
         loader->start();
     }
@@ -128,7 +128,7 @@ class PtyBridge::Part : public McuSurroundings {
             mNow = std::max(mNow, event.key());
             event.mapped()();
         }
-        mNow = std::max(mNow, time);
+        if (mRealtime) mNow = std::max(mNow, time);
         if (!mOut.empty()) writeOut(std::exchange(mOut, {}));
     }
     Nanos untilNext() const {
@@ -150,8 +150,10 @@ class PtyBridge::Part : public McuSurroundings {
     void writeOut(const std::vector<uint8_t>& bytes) const {
         [[maybe_unused]] const ssize_t sent = real().write(mMaster, bytes.data(), bytes.size());
     }
-    static uint8_t heardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte) {
-        return agree(sender, listener) ? byte : garbled(byte);
+    uint8_t heardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte) {
+        if (agree(sender, listener)) return byte;
+        violation("framing error on the line");
+        return garbled(byte);
     }
     void hear(uint8_t byte, const LineSettings& line) {
         if (mInApplication) return;
@@ -199,6 +201,7 @@ PtyBridge::~PtyBridge() {
 }
 
 const std::string& PtyBridge::port() const { return mPort; }
+Nanos PtyBridge::clock() const { return mPart->now(); }
 McuFlash& PtyBridge::flash() { return mPart->flash; }
 LoaderFaults& PtyBridge::faults() { return mPart->faults; }
 std::vector<std::string> PtyBridge::violations() const { return mPart->violations.texts(); }

@@ -42,6 +42,7 @@ class PtyBridge {
     // A program has sent bytes and not closed the port yet. From any thread.
     bool inUse() const { return mInUse.load(); }
     // Not while run() serves.
+    Nanos clock() const;  // that its bytes and operations took; not meaningful in real time
     McuFlash& flash();
     LoaderFaults& faults();
     std::vector<std::string> violations() const;

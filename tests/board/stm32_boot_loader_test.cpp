@@ -266,7 +266,7 @@ TEST_F(Stm32BootLoader, ErasesEverythingByEitherCommand) {
     EXPECT_THAT(flash(0, 4), Each(0xFF));
 }
 
-TEST_F(Stm32BootLoader, AGlobalEraseWithAWrongCheckByteIsAcknowledgedAndErasesNothing) {
+TEST_F(Stm32BootLoader, GlobalEraseWithAWrongCheckByteIsAcknowledgedAndErasesNothing) {
     start();
     write(kBase, Bytes(4, 0));
     ASSERT_THAT(exchange({0x43, 0xBC}), ElementsAre(kAck));

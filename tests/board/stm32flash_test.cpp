@@ -1,32 +1,23 @@
-// The boot-loader model checked by an independent program: Debian's stm32flash, over a pseudo
-// terminal. A pseudo terminal has no parity, hence the program's option -m 8n1.
+// The boot-loader models checked by an independent program, Debian's stm32flash, over a pseudo
+// terminal.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <stdlib.h>
-#include <unistd.h>
 
-#include <filesystem>
 #include <memory>
 #include <string>
-#include <thread>
 
-#include "board/board_directory.h"
 #include "board/core/temporary_directory.h"
 #include "board/core/whole_file.h"
 #include "board/mcu/mcu_image.h"
-#include "board/mcu/pty_bridge.h"
-#include "testing/program_output.h"
+#include "testing/pty_part.h"
 
 namespace {
 
 using namespace quil::board;
+using quil::tests::PtyPart;
 using testing::Each;
 using testing::HasSubstr;
 using testing::IsEmpty;
-
-namespace fs = std::filesystem;
-
-constexpr char kProgram[] = "/usr/bin/stm32flash";
 
 struct Part {
     McuKind kind;
@@ -38,42 +29,32 @@ void PrintTo(const Part& part, std::ostream* out) { *out << part.name; }
 class BoardStm32flash : public testing::TestWithParam<Part> {
   protected:
     void SetUp() override {
-        if (access(kProgram, X_OK) != 0) GTEST_SKIP() << kProgram << " is not installed";
-        bridge = std::make_unique<PtyBridge>(PtyBridgeOptions{
-            .part = GetParam().kind, .flash = directory / "flash", .link = directory / "port"});
-        server = std::thread([this] { bridge->run(); });
+        if (!quil::tests::hasStm32flash()) GTEST_SKIP() << "stm32flash is not installed";
+        part = std::make_unique<PtyPart>(
+            PtyBridgeOptions{.part = GetParam().kind, .flash = directory / "flash"});
     }
     void TearDown() override {
-        if (!bridge) return;
-        bridge->stop();
-        server.join();
-        EXPECT_THAT(bridge->violations(), IsEmpty());
+        if (part) EXPECT_THAT(part->rest().violations(), IsEmpty());
     }
 
     // Runs the program on the port; its output and how it ended.
     std::string output;
     int flash(const std::string& arguments) {
-        const std::string command = std::string(kProgram) + " -m 8n1 -b 115200 " + arguments + " " +
-                                    (directory / "port").string() + " 2>&1";
-        const quil::tests::CommandRun run = quil::tests::runCommand(command);
+        const quil::tests::CommandRun run = part->stm32flash(arguments);
         output = run.output;
-        while (bridge->inUse()) std::this_thread::yield();  // the close resets the part
         return run.status;
     }
 
     // The first bytes of the part's flash.
     std::string cells(size_t size) {
-        bridge->stop();
-        server.join();
-        const auto bytes = bridge->flash().cells().first(size);
-        server = std::thread([this] { bridge->run(); });
+        const auto bytes = part->rest().flash().cells().first(size);
+        part->serve();
         return {bytes.begin(), bytes.end()};
     }
 
     const TemporaryDirectory scratch;
-    const fs::path& directory = scratch.path();
-    std::unique_ptr<PtyBridge> bridge;
-    std::thread server;
+    const std::filesystem::path& directory = scratch.path();
+    std::unique_ptr<PtyPart> part;
 };
 
 TEST_P(BoardStm32flash, TellsThePartAndItsBootLoader) {

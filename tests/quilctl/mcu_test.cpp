@@ -158,7 +158,7 @@ TEST_F(QuilctlMcu, TaskTakesACommandByNameAndByCodeAndShowsWhatItFound) {
         const Said said = quilctl({"mcu", "task", command});
         EXPECT_EQ(said.code, tools::kOk);
         EXPECT_EQ(said.out, "result 0\n");
-        EXPECT_THAT(said.err, HasSubstr("log: recvbuf[4] = [0x11] : CMD_READ_MEMORY        \n"));
+        EXPECT_THAT(said.err, HasSubstr("log: recvbuf[3] = [0x11] : CMD_READ_MEMORY        \n"));
     }
     EXPECT_THAT(quilctl({"--log-level", "E", "mcu", "task", "get"}).err, IsEmpty());
 }
