@@ -64,11 +64,11 @@ TEST_P(BoardStm32flash, TellsThePartAndItsBootLoader) {
 
 TEST_P(BoardStm32flash, WritesTwoImagesOneOverTheOtherVerifiesThemAndReadsThemBack) {
     for (const char* version : {"V1.2.3", "V1.2.4"}) {
-        const std::string image = makeMcuImage(GetParam().kind, version, 20000);
+        const std::string image = makeMcuImage(GetParam().kind, version, 6144);
         writeWholeFile(directory / "image", image);
         EXPECT_EQ(flash("-v -w " + (directory / "image").string()), 0) << output;
-        EXPECT_THAT(output, HasSubstr("Wrote and verified address 0x08004e20 (100.00%) Done."));
-        EXPECT_EQ(flash("-S 0x08000000:20000 -r " + (directory / "copy").string()), 0) << output;
+        EXPECT_THAT(output, HasSubstr("Wrote and verified address 0x08001800 (100.00%) Done."));
+        EXPECT_EQ(flash("-S 0x08000000:6144 -r " + (directory / "copy").string()), 0) << output;
         EXPECT_EQ(readWholeFile(directory / "copy"), image);
     }
 }
