@@ -31,8 +31,8 @@ class PtyPart {
     }
     // Runs stm32flash on the port, and waits until its close has reset the part.
     CommandRun stm32flash(const std::string& arguments) const {
-        const CommandRun run = runCommand(std::string(kStm32flash) + " -m 8n1 -b 115200 " +
-                                          arguments + " " + port() + " 2>&1");
+        CommandRun run = runCommand(std::string(kStm32flash) + " -m 8n1 -b 115200 " + arguments +
+                                    " " + port() + " 2>&1");
         while (mBridge.inUse()) std::this_thread::yield();
         return run;
     }

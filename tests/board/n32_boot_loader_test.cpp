@@ -183,6 +183,22 @@ TEST_F(N32BootLoader, NoiseBeforeARequestIsPassedOverAndTold) {
     EXPECT_THAT(violations(), ElementsAre("n32g45x: bytes that start no request"));
 }
 
+TEST_F(N32BootLoader, WrongCellIsInTheFlashAndInItsCrcAlthoughTheDownloadSucceeds) {
+    start();
+    board->mcuChip().loaderFaults().add({.kind = LoaderFault::Kind::kWrongCell, .command = 0x31});
+    EXPECT_EQ(exchange(kDownload, 400000), good(0x31));
+    EXPECT_THAT(flash(0, 4), ElementsAre(0, 0, 2, 3));
+    EXPECT_EQ(exchange(kCheckCrc, 100000), bad(0x32, N32Refusal::kFlashCrc));
+}
+
+TEST_F(N32BootLoader, ResetInADownloadTearsItAndAnswersNothing) {
+    start();
+    board->mcuChip().loaderFaults().add({.kind = LoaderFault::Kind::kReset, .command = 0x31});
+    EXPECT_THAT(exchange(kDownload, 400000), IsEmpty());
+    EXPECT_EQ(flash(15, 1)[0], 0xFF);
+    EXPECT_EQ(exchange(kHandshake, 200000), good(0x01));
+}
+
 TEST_F(N32BootLoader, FaultsSilenceRefuseDelayOrHangACommand) {
     start();
     using Kind = LoaderFault::Kind;
