@@ -1,5 +1,6 @@
-// How many power cuts a second an exhaustive sweep over an MCU update makes, each with the clean
-// boot that mends it: on two cores, a process on each.
+// How many power cuts a second an exhaustive sweep over an MCU update judges: on two cores, a
+// process on each. Cuts that leave the same are one state; each state is booted from once, which
+// has to mend it. Then the same for second cuts, in the boots that mend.
 #include <stdio.h>
 #include <stdlib.h>
 #include <sys/wait.h>
@@ -7,6 +8,7 @@
 #include <unistd.h>
 
 #include <array>
+#include <map>
 #include <ostream>
 #include <stdexcept>
 #include <string>
@@ -19,10 +21,9 @@ namespace quil::bench {
 namespace {
 
 constexpr int kWorkers = 2;
-constexpr size_t kImageSize = size_t{8} * 1024;  // the product's
 
 struct Share {
-    uint64_t cuts = 0, wrong = 0;
+    uint64_t cuts = 0, states = 0, wrong = 0;
     double processorSeconds = 0;
 };
 
@@ -32,23 +33,44 @@ double secondsOn(clockid_t clock) {
     return static_cast<double>(time.tv_sec) + static_cast<double>(time.tv_nsec) / 1e9;
 }
 
-// Every kWorkers-th cut, starting at `first`. Standard error is discarded: the library reports each
-// failure of a board without power.
-Share sweep(size_t first) {
+using States = std::vector<tests::CutState>;
+
+// Of the first cuts' states every kWorkers-th one, starting at `first`, is where second cuts begin.
+States statesOf(const tests::McuUpdateCuts& cuts, size_t first, int cutsInARow) {
+    States states = cuts.states();
+    if (states.empty() || !cuts.mend({}).empty()) {
+        throw std::runtime_error("the update fails without a cut");
+    }
+    if (cutsInARow == 1) return states;
+    std::map<tests::KeptFiles, tests::CutState> second;
+    for (size_t i = first; i < states.size(); i += kWorkers) {
+        for (tests::CutState& state : cuts.runs().statesIn(states[i].files)) {
+            const auto [known, isNew] = second.try_emplace(state.files, state);
+            if (!isNew) known->second.cuts += state.cuts;
+        }
+    }
+    states.clear();
+    for (auto& [files, state] : second) states.push_back(std::move(state));
+    return states;
+}
+
+// Standard error is discarded: the library reports each failure of a board without power.
+Share sweep(size_t first, size_t imageSize, int cutsInARow) {
     FILE* report = fdopen(dup(STDERR_FILENO), "w");
     if (report == nullptr || freopen("/dev/null", "w", stderr) == nullptr) {
         throw std::runtime_error("no standard error");
     }
     Share share;
-    tests::McuUpdateCuts cuts(board::McuKind::kGd32F303, kImageSize);
-    const auto all = cuts.allCuts();
-    if (all.empty()) throw std::runtime_error("the update fails without a cut");
-    for (size_t i = first; i < all.size(); i += kWorkers) {
-        const std::string problem = cuts.cutAndMend(all[i]);
-        ++share.cuts;
+    const tests::McuUpdateCuts cuts(board::McuKind::kGd32F303, imageSize);
+    const States states = statesOf(cuts, first, cutsInARow);
+    const size_t step = cutsInARow == 1 ? kWorkers : 1;
+    for (size_t i = cutsInARow == 1 ? first : 0; i < states.size(); i += step) {
+        const std::string problem = cuts.mend(states[i].files);
+        share.cuts += states[i].cuts;
+        ++share.states;
         if (problem.empty()) continue;
         ++share.wrong;
-        fprintf(report, "cut %s: %s\n", tests::nameOf(all[i]).c_str(), problem.c_str());
+        fprintf(report, "cut %s: %s\n", tests::nameOf(states[i].first).c_str(), problem.c_str());
     }
     fclose(report);
     share.processorSeconds = secondsOn(CLOCK_PROCESS_CPUTIME_ID);
@@ -60,7 +82,7 @@ struct Worker {
     int report = -1;
 };
 
-Worker startWorker(size_t first) {
+Worker startWorker(size_t first, size_t imageSize, int cutsInARow) {
     std::array<int, 2> ends{};
     if (pipe(ends.data()) != 0) throw std::runtime_error("no pipe");
     const pid_t process = fork();
@@ -71,7 +93,7 @@ Worker startWorker(size_t first) {
     }
     Share share;
     try {
-        share = sweep(first);
+        share = sweep(first, imageSize, cutsInARow);
     } catch (const std::exception& error) {
         fprintf(stderr, "sweep: %s\n", error.what());
         _exit(1);
@@ -89,29 +111,40 @@ Share shareOf(const Worker& worker) {
     return share;
 }
 
-}  // namespace
-
-bool powerCutSweep(std::ostream& out) {
+bool sweepWith(std::ostream& out, size_t imageSize, int cutsInARow) {
     const double start = secondsOn(CLOCK_MONOTONIC);
     std::array<Worker, kWorkers> workers;
-    for (size_t i = 0; i < workers.size(); ++i) workers.at(i) = startWorker(i);
+    for (size_t i = 0; i < workers.size(); ++i) {
+        workers.at(i) = startWorker(i, imageSize, cutsInARow);
+    }
     Share all;
     for (const Worker& worker : workers) {
         const Share share = shareOf(worker);
         all.cuts += share.cuts;
+        all.states += share.states;
         all.wrong += share.wrong;
         all.processorSeconds += share.processorSeconds;
     }
     const double seconds = secondsOn(CLOCK_MONOTONIC) - start;
-    const auto cuts = static_cast<double>(all.cuts);
-    char text[256];
+    const auto cuts = static_cast<double>(all.cuts), boots = static_cast<double>(all.states);
+    char text[400];
     snprintf(text, sizeof(text),
-             "power cuts in an update of gd32f303, %zu KiB: %.0f cuts in %.1f s on %d cores: "
-             "%.0f a second\n  (%.0f a second of processor time and core), %.0f not mended\n",
-             kImageSize / 1024, cuts, seconds, kWorkers, cuts / seconds,
-             cuts / all.processorSeconds, static_cast<double>(all.wrong));
-    out << text;
+             "%s power cuts in an update of gd32f303, %zu KiB: %.0f judged in %.2f s on %d cores, "
+             "%.0f a second\n  They leave %.0f different states; a boot mends each: %.0f boots a "
+             "second\n  (of processor time and core: %.0f cuts, %.0f boots a second), %.0f not "
+             "mended\n",
+             cutsInARow == 1 ? "Single" : "Second", imageSize / 1024, cuts, seconds, kWorkers,
+             cuts / seconds, boots, boots / seconds, cuts / all.processorSeconds,
+             boots / all.processorSeconds, static_cast<double>(all.wrong));
+    out << text << std::flush;  // before the next fork
     return all.wrong == 0;
+}
+
+}  // namespace
+
+bool powerCutSweep(std::ostream& out) {
+    constexpr size_t kProducts = size_t{8} * 1024, kSmallest = size_t{2} * 1024;
+    return sweepWith(out, kProducts, 1) && sweepWith(out, kSmallest, 2);
 }
 
 }  // namespace quil::bench

@@ -91,6 +91,20 @@ void Board::after(Nanos delay, std::function<void()> action) {
 
 void Board::cutPowerAt(PowerCut cut) { mMachine->trace.cutPowerAt(cut); }
 
+void Board::onEachCut(std::function<void(const PowerCut&, const OverlayStore::Files&)> told) {
+    if (!told) return mMachine->trace.probeCuts(nullptr);
+    if (!mMachine->options.store)
+        throw std::logic_error("the board keeps its files in a directory");
+    const auto probe = [machine = mMachine.get(), told = std::move(told)](
+                           const PowerCut& cut, const std::function<void(Store&)>& last) {
+        OverlayStore left(machine->directory, machine->options.store->written());
+        machine->mcuChip.leaveIn(left);
+        if (last) last(left);
+        told(cut, left.written());
+    };
+    mMachine->trace.probeCuts(probe);
+}
+
 bool Board::powerIsCut() const {
     Guard guard(boardLock());
     mMachine->trace.cutIfDue();

@@ -11,8 +11,8 @@
 #include "board/board_directory.h"
 #include "board/core/chances.h"
 #include "board/core/faults.h"
+#include "board/core/overlay_store.h"
 #include "board/core/schedule.h"
-#include "board/core/store.h"
 #include "board/core/temporary_directory.h"
 #include "board/core/trace.h"
 #include "board/devices/gpio_lines.h"
@@ -42,7 +42,7 @@ struct BoardOptions {
     Pct pct = {};
     ChanceRates chances = {};
     // Where the parts keep what outlives the power, instead of the files of the board's directory.
-    std::shared_ptr<Store> store = {};
+    std::shared_ptr<OverlayStore> store = {};
 };
 
 struct LogLine {
@@ -83,6 +83,9 @@ class Board {
     // power it on again. trace().count() of an uncut run is the number of its events.
     void cutPowerAt(PowerCut);
     bool powerIsCut() const;
+    // From now on `told` gets each cut that there could be, and what the parts' files would hold
+    // after it. It is called with the board's lock held. Null ends it. Needs BoardOptions::store.
+    void onEachCut(std::function<void(const PowerCut&, const OverlayStore::Files&)> told);
 
     Trace& trace();
     Properties& properties();

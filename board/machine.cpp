@@ -41,6 +41,11 @@ Scheduler& theScheduler() {
     return *scheduler;
 }
 
+std::shared_ptr<Store> storeOf(const std::filesystem::path& dir, const BoardOptions& options) {
+    if (options.store) return options.store;
+    return std::make_shared<KeptStore>(dir);
+}
+
 // Adds the lines that the MCU is connected to.
 GpioLines& withMcuLines(GpioLines& gpio) {
     gpio.add(kGpioBoot0, 0);
@@ -58,8 +63,7 @@ Fpga::Lines fpgaLines(GpioLines& gpio, const Wiring& wiring) {
 std::atomic<Machine*> g_poweredMachine{nullptr};
 
 Machine::Machine(const std::filesystem::path& dir, BoardOptions opts)
-    : BoardServices(theScheduler(), opts.store ? opts.store : std::make_shared<KeptStore>(dir),
-                    dir / "rootfs"),
+    : BoardServices(theScheduler(), storeOf(dir, opts), dir / "rootfs"),
       directory(dir),
       options(std::move(opts)),
       mWiring(wiringOf(dir / kWiringFile)),

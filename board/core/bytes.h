@@ -79,4 +79,16 @@ inline size_t tornAt(uint64_t seed, size_t most) {
     return static_cast<size_t>(mixed % (most + 1));
 }
 
+// The same at a chosen place. 0: drawn; 1 to 3: nothing, half or all of it is done.
+struct Tear {
+    size_t of(size_t most) const {
+        return where == 0 ? tornAt(seed, most) : most * (where - 1) / 2;
+    }
+    Tear next() const { return {seed + 1, where}; }
+
+    uint64_t seed;
+    unsigned where = 0;
+};
+inline constexpr unsigned kTears = 4;
+
 }  // namespace quil::board

@@ -106,8 +106,10 @@ std::optional<CutPosition> Trace::add(EventKind kind, std::string source, std::s
     cutIfDue();
     if (mPower.isCut()) return CutPosition::kBefore;
     if (!mPower.isOn()) return std::nullopt;
+    if (mProbe) mProbe({mCount, CutPosition::kBefore}, {});
     const bool last = mCut && mCut->event == mCount;
     ++mCount;
+    mDue = mProbe != nullptr;
     if (mRecording) {
         mEvents.push_back(
             {mScheduler.now(), kind, std::move(source), std::move(text), std::move(bytes)});
@@ -132,8 +134,28 @@ void Trace::cutPowerAt(PowerCut cut) {
 
 void Trace::cutIfDue() {
     if (!mDue) return;
+    Guard guard(boardLock());
     mDue = false;
+    if (mProbe) return mProbe({mCount - 1, CutPosition::kAfter}, {});
     if (mPower.isOn()) mPower.cut();
+}
+
+void Trace::probeCuts(CutProbe probe) {
+    Guard guard(boardLock());
+    if (mProbe) cutIfDue();
+    mProbe = std::move(probe);
+}
+
+void Trace::probeOperation(const std::function<void(Store&, CutPosition, Tear)>& operate) {
+    if (!mProbe) return;
+    mDue = false;
+    const auto probe = [&](CutPosition position, unsigned where) {
+        mProbe({mCount - 1, position, where}, [&](Store& store) {
+            operate(store, position, {mCount, where});
+        });
+    };
+    for (unsigned where = 0; where < kTears; ++where) probe(CutPosition::kInside, where);
+    probe(CutPosition::kAfter, 0);
 }
 
 void Trace::addWireByte(const WireByte& byte) {

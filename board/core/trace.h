@@ -10,6 +10,8 @@
 #include <string>
 #include <vector>
 
+#include "board/core/bytes.h"
+
 namespace quil::board {
 
 using Micros = std::chrono::microseconds;
@@ -46,6 +48,7 @@ const char* nameOf(CutPosition);  // "before", "inside", "after"
 struct PowerCut {
     uint64_t event;
     CutPosition position;
+    unsigned tear = 0;  // inside: how much is done (Tear)
 };
 
 struct Event {
@@ -69,6 +72,11 @@ struct WireByte {
 
 class Power;
 class Scheduler;
+class Store;
+
+// Gets each place at which power could be cut. `last`, if any, does what an operation does up to
+// there, in the store.
+using CutProbe = std::function<void(const PowerCut&, const std::function<void(Store&)>& last)>;
 
 class Trace {
   public:
@@ -89,6 +97,14 @@ class Trace {
     // happens.
     void cutIfDue();
     bool cutIsDue() const { return mDue; }
+    // How much of the operation that power is cut inside is done.
+    Tear tear() const { return {mCount, mCut ? mCut->tear : 0}; }
+
+    // From now on nothing is cut, but each cut that there could be is told; null: no longer.
+    void probeCuts(CutProbe);
+    // For a part whose operation takes time, after its event: `operate` does in a store what is
+    // done of it when power is cut inside or after.
+    void probeOperation(const std::function<void(Store&, CutPosition, Tear)>& operate);
     void addWireByte(const WireByte&);
     // Called with every event from now on, on the thread that caused it. It must not wait.
     void onEvent(std::function<void(const Event&)>);
@@ -111,6 +127,7 @@ class Trace {
     bool mRecording = true;
     uint64_t mCount = 0;
     std::optional<PowerCut> mCut;
+    CutProbe mProbe;
     bool mDue = false;
 };
 

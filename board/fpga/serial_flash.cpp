@@ -25,7 +25,6 @@ SerialFlash::SerialFlash(BoardServices& board) : mBoard(board) {
     const std::string content = mBoard.store->read(kCellsFile).value_or("");
     const size_t size = std::min<size_t>(content.size(), kSize);
     mCells.assign(content.begin(), content.begin() + static_cast<ptrdiff_t>(size));
-    trim();
 }
 
 SerialFlash::~SerialFlash() = default;
@@ -36,13 +35,25 @@ std::optional<Fault> SerialFlash::faultOf(Call call) {
     return mBoard.faults.take(call, kFlashDevice);
 }
 
-// Where power is cut, if it is cut at this event.
-std::optional<CutPosition> SerialFlash::note(const std::string& text) {
-    return mBoard.trace.add(EventKind::kFlash, kFlashDevice, text);
-}
-
-size_t SerialFlash::tornBytes(size_t size) const {
-    return 1 + tornAt(mBoard.trace.count(), size - 2);
+bool SerialFlash::begin(const std::string& text, size_t size, const Part& part) {
+    Trace& trace = mBoard.trace;
+    // Inside is more than none and less than all, where there is such a part.
+    const auto bytesAt = [size](CutPosition position, const Tear& tear) {
+        if (position == CutPosition::kAfter) return size;
+        return size < 2 ? 0 : 1 + tear.of(size - 2);
+    };
+    const auto cut = trace.add(EventKind::kFlash, kFlashDevice, text);
+    trace.probeOperation([&](Store& store, CutPosition position, const Tear& tear) {
+        Cells cells = mCells;
+        part(cells, bytesAt(position, tear));
+        keep(cells, store);
+    });
+    if (!cut) return true;
+    if (cut != CutPosition::kBefore) {
+        part(mCells, bytesAt(*cut, trace.tear()));
+        save();
+    }
+    return false;
 }
 
 std::vector<uint8_t> SerialFlash::read(uint32_t offset, size_t length) const {
@@ -56,14 +67,13 @@ std::vector<uint8_t> SerialFlash::read(uint32_t offset, size_t length) const {
 
 uint32_t SerialFlash::usedSize() const {
     Guard guard(boardLock());
-    return static_cast<uint32_t>(mCells.size());
+    return static_cast<uint32_t>(usedOf(mCells));
 }
 
 void SerialFlash::preload(std::string_view content) {
     Guard guard(boardLock());
     mCells.assign(content.begin(), content.end());
     mCells.resize(std::min<size_t>(mCells.size(), kSize));
-    trim();
     save();
 }
 
@@ -72,7 +82,6 @@ void SerialFlash::damage(uint32_t offset, uint8_t bits) {
     if (offset >= kSize) return;
     if (offset >= mCells.size()) mCells.resize(offset + 1, kErased);
     mCells[offset] ^= bits;
-    trim();
     save();
 }
 
@@ -80,10 +89,8 @@ int SerialFlash::erase(uint32_t offset, uint32_t length) {
     Guard guard(boardLock());
     if (offset % kSector != 0 || length % kSector != 0 || length == 0) return EINVAL;
     if (offset > kSize || length > kSize - offset) return EINVAL;
-    const auto cut = note("erase " + hexNumber(offset) + ", " + hexNumber(length) + " bytes");
-    if (cut == CutPosition::kInside) {
-        eraseCells(offset, static_cast<uint32_t>(tornBytes(length)));
-        save();
+    const auto part = [offset](Cells& cells, size_t bytes) { eraseCells(cells, offset, bytes); };
+    if (!begin("erase " + hexNumber(offset) + ", " + hexNumber(length) + " bytes", length, part)) {
         return EIO;
     }
     if (mListener) mListener();
@@ -91,7 +98,7 @@ int SerialFlash::erase(uint32_t offset, uint32_t length) {
     for (uint32_t at = offset; at < offset + length && error == 0; at += kSector) {
         const auto fault = faultOf(Call::kFlashErase);
         mBoard.spendDeviceTime(kSectorErase, "flash erase");
-        if (!fault) eraseCells(at, kSector);
+        if (!fault) eraseCells(mCells, at, kSector);
         if (fault) error = fault->error;
     }
     save();
@@ -102,53 +109,57 @@ int SerialFlash::erase(uint32_t offset, uint32_t length) {
 int SerialFlash::program(uint32_t offset, std::span<const uint8_t> data) {
     Guard guard(boardLock());
     if (offset > kSize || data.size() > kSize - offset) return ENOSPC;
-    const auto cut = note("program " + hexNumber(offset) + ", " +
-                          hexNumber(static_cast<uint32_t>(data.size())) + " bytes");
-    if (cut == CutPosition::kInside && data.size() > 1) {
-        programCells(offset, data.first(tornBytes(data.size())));
-        save();
-        return EIO;
-    }
+    const std::string text = "program " + hexNumber(offset) + ", " +
+                             hexNumber(static_cast<uint32_t>(data.size())) + " bytes";
+    const auto part = [offset, data](Cells& cells, size_t bytes) {
+        programCells(cells, offset, data.first(bytes));
+    };
+    if (!begin(text, data.size(), part)) return EIO;
     if (mListener) mListener();
     int error = 0;
     for (size_t done = 0; done < data.size() && error == 0;) {
         const auto at = static_cast<uint32_t>(offset + done);
-        const size_t part = std::min<size_t>(kPage - at % kPage, data.size() - done);
+        const size_t size = std::min<size_t>(kPage - at % kPage, data.size() - done);
         const auto fault = faultOf(Call::kFlashProgram);
         mBoard.spendDeviceTime(kPageProgram, "flash program");
-        if (!fault) programCells(at, data.subspan(done, part));
+        if (!fault) {
+            checkErased(at, size);
+            programCells(mCells, at, data.subspan(done, size));
+        }
         if (fault) error = fault->error;
-        done += part;
+        done += size;
     }
     save();
     note(error == 0 ? "programmed" : "programming failed");
     return error;
 }
 
-void SerialFlash::eraseCells(uint32_t offset, uint32_t length) {
-    if (offset >= mCells.size()) return;
-    const size_t end = std::min<size_t>(mCells.size(), size_t{offset} + length);
-    std::fill(mCells.begin() + offset, mCells.begin() + static_cast<ptrdiff_t>(end), kErased);
-    trim();
+void SerialFlash::eraseCells(Cells& cells, uint32_t offset, size_t length) {
+    if (offset >= cells.size()) return;
+    const size_t end = std::min(cells.size(), offset + length);
+    std::fill(cells.begin() + offset, cells.begin() + static_cast<ptrdiff_t>(end), kErased);
 }
 
-void SerialFlash::programCells(uint32_t offset, std::span<const uint8_t> data) {
-    if (mCells.size() < offset + data.size()) mCells.resize(offset + data.size(), kErased);
-    bool wasErased = true;
-    for (size_t i = 0; i < data.size(); ++i) {
-        uint8_t& cell = mCells[offset + i];
-        wasErased = wasErased && cell == kErased;
-        cell &= data[i];
-    }
-    if (!wasErased) {
-        mBoard.violation(kFlashDevice, "page " + hexNumber(offset) + " is not erased");
-    }
+void SerialFlash::programCells(Cells& cells, uint32_t offset, std::span<const uint8_t> data) {
+    if (cells.size() < offset + data.size()) cells.resize(offset + data.size(), kErased);
+    for (size_t i = 0; i < data.size(); ++i) cells[offset + i] &= data[i];
 }
 
-void SerialFlash::trim() {
-    while (!mCells.empty() && mCells.back() == kErased) mCells.pop_back();
+void SerialFlash::checkErased(uint32_t offset, size_t length) {
+    const auto cells = read(offset, length);
+    if (std::all_of(cells.begin(), cells.end(), [](uint8_t cell) { return cell == kErased; }))
+        return;
+    mBoard.violation(kFlashDevice, "page " + hexNumber(offset) + " is not erased");
 }
 
-void SerialFlash::save() const { mBoard.store->replace(kCellsFile, textOf(mCells)); }
+size_t SerialFlash::usedOf(const Cells& cells) {
+    size_t used = cells.size();
+    while (used > 0 && cells[used - 1] == kErased) --used;
+    return used;
+}
+
+void SerialFlash::keep(const Cells& cells, Store& store) {
+    store.replace(kCellsFile, textOf(cells).substr(0, usedOf(cells)));
+}
 
 }  // namespace quil::board

@@ -53,18 +53,24 @@ class SerialFlash {
     void onUse(std::function<void()> listener) { mListener = std::move(listener); }
 
   private:
-    void eraseCells(uint32_t offset, uint32_t length);
-    void programCells(uint32_t offset, std::span<const uint8_t> data);
-    void trim();
-    void save() const;
+    using Cells = std::vector<uint8_t>;  // the cells behind its end are 0xFF
+    // Does so many bytes of an operation.
+    using Part = std::function<void(Cells&, size_t bytes)>;
+
+    static void eraseCells(Cells&, uint32_t offset, size_t length);
+    static void programCells(Cells&, uint32_t offset, std::span<const uint8_t> data);
+    static size_t usedOf(const Cells&);  // behind it, all is erased
+    static void keep(const Cells&, Store&);
+    void checkErased(uint32_t offset, size_t length);
+    void save() const { keep(mCells, *mBoard.store); }
 
     std::optional<Fault> faultOf(Call);
-    std::optional<CutPosition> note(const std::string& text);
-    // Of an operation of `size` bytes: more than none and less than all.
-    size_t tornBytes(size_t size) const;
+    void note(const std::string& text) { mBoard.trace.add(EventKind::kFlash, kFlashDevice, text); }
+    // Begins an operation of that many bytes. False if power is cut at it: that part of it is done.
+    bool begin(const std::string& text, size_t size, const Part&);
 
     BoardServices& mBoard;
-    std::vector<uint8_t> mCells;  // the cells behind its end are 0xFF
+    Cells mCells;
     std::function<void()> mListener;
 };
 

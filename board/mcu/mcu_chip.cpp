@@ -68,8 +68,14 @@ void McuChip::powerOn() {
 }
 
 void McuChip::powerLost() {
-    if (mFlash.busy()) mFlash.powerLost(static_cast<uint64_t>(now().count()));
+    if (mFlash.busy()) mFlash.powerLost({static_cast<uint64_t>(now().count())});
     halt(State::kInReset);
+}
+
+void McuChip::leaveIn(Store& store) const {
+    if (!mFlash.busy()) return mFlash.saveIn(store);
+    McuFlash torn = mFlash.copyIn(store);
+    torn.powerLost({static_cast<uint64_t>(now().count())});
 }
 
 void McuChip::onReset(int level) {
@@ -137,16 +143,24 @@ void McuChip::violation(const std::string& text) { mBoard.violation(part().name,
 
 void McuChip::operate(const std::string& what, std::function<Nanos(McuFlash&)> start,
                       std::function<void(const std::string&)> done) {
-    const auto cut = mBoard.trace.add(EventKind::kFlash, part().name, what);
+    Trace& trace = mBoard.trace;
+    const auto cutAt = [&start](McuFlash& flash, CutPosition position, const Tear& tear) {
+        start(flash);
+        if (position == CutPosition::kInside) flash.powerLost(tear);
+        if (position == CutPosition::kAfter) flash.finish();
+    };
+    const auto cut = trace.add(EventKind::kFlash, part().name, what);
+    trace.probeOperation([&](Store& store, CutPosition position, const Tear& tear) {
+        McuFlash flash = mFlash.copyIn(store);
+        cutAt(flash, position, tear);
+    });
     if (cut == CutPosition::kBefore) return;
-    const Nanos takes = start(mFlash);
-    if (cut == CutPosition::kInside) mFlash.powerLost(mBoard.trace.count());
-    if (cut == CutPosition::kAfter) mFlash.finish();
-    if (!cut) after(takes, [this, done = std::move(done)] { done(mFlash.finish()); });
+    if (cut) return cutAt(mFlash, *cut, trace.tear());
+    after(start(mFlash), [this, done = std::move(done)] { done(mFlash.finish()); });
 }
 
 void McuChip::resetBySoftware() {
-    if (mFlash.busy()) mFlash.powerLost(static_cast<uint64_t>(now().count()));
+    if (mFlash.busy()) mFlash.powerLost({static_cast<uint64_t>(now().count())});
     halt(State::kStarting);
     after(kStartTime, [this] { startFromReset(); });
 }

@@ -45,6 +45,8 @@ class McuChip : public UartPeer, private McuSurroundings {
 
     void powerOn();
     void powerLost();
+    // Writes into the store what the part would keep if power went now.
+    void leaveIn(Store&) const;
 
     void receive(uint8_t byte) override;
     LineSettings lineSettings() const override;

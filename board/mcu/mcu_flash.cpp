@@ -25,8 +25,8 @@ std::string hexAddress(uint32_t offset) {
 }  // namespace
 
 McuFlash::McuFlash(const McuPart& part, Store& store, std::string file)
-    : mPart(part), mStore(store), mFile(std::move(file)), mOptionsFile(optionsBeside(mFile)) {
-    std::string kept = mStore.read(mFile).value_or("");
+    : mPart(part), mStore(&store), mFile(std::move(file)), mOptionsFile(optionsBeside(mFile)) {
+    std::string kept = mStore->read(mFile).value_or("");
     kept.resize(std::min<size_t>(kept.size(), part.flashSize()));
     mCells.assign(part.flashSize(), 0xFF);
     std::copy(kept.begin(), kept.end(), mCells.begin());
@@ -43,7 +43,7 @@ McuFlash::~McuFlash() {
 }
 
 void McuFlash::loadOptions() {
-    std::istringstream lines(mStore.read(mOptionsFile).value_or(""));
+    std::istringstream lines(mStore->read(mOptionsFile).value_or(""));
     for (std::string name, equals; lines >> name >> equals;) {
         if (name == "readout_protected") lines >> mReadoutProtected;
         uint32_t page = 0;
@@ -57,12 +57,13 @@ void McuFlash::loadOptions() {
 }
 
 // The file ends with the last programmed cell.
-void McuFlash::save() {
-    if (std::exchange(mChanged, false)) {
-        while (mUsed > 0 && mCells[mUsed - 1] == 0xFF) --mUsed;
-        mStore.replace(mFile, textOf(cells()).substr(0, mUsed));
+void McuFlash::saveIn(Store& store) const {
+    if (mChanged) {
+        size_t used = mUsed;
+        while (used > 0 && mCells[used - 1] == 0xFF) --used;
+        store.replace(mFile, textOf(cells()).substr(0, used));
     }
-    if (!std::exchange(mOptionsChanged, false)) return;
+    if (!mOptionsChanged) return;
     std::string text = "readout_protected = " + std::to_string(mReadoutProtected) + "\n";
     for (const uint32_t page : mWriteProtected) {
         text += "write_protected = " + std::to_string(page) + "\n";
@@ -71,7 +72,18 @@ void McuFlash::save() {
         text += "worn = " + std::to_string(offset) + " " + std::to_string(bits.stuckLow) + " " +
                 std::to_string(bits.stuckHigh) + "\n";
     }
-    mStore.replace(mOptionsFile, text);
+    store.replace(mOptionsFile, text);
+}
+
+void McuFlash::save() {
+    saveIn(*mStore);
+    mChanged = mOptionsChanged = false;
+}
+
+McuFlash McuFlash::copyIn(Store& store) const {
+    McuFlash copy(*this);
+    copy.mStore = &store;
+    return copy;
 }
 
 McuFlash::Page McuFlash::page(uint32_t number) const {
@@ -199,20 +211,20 @@ std::string McuFlash::finish() {
 }
 
 // Cells change one after another: those before the cut are done, one is half done.
-void McuFlash::powerLost(uint64_t seed) {
+void McuFlash::powerLost(const Tear& tear) {
     const Operation torn = std::exchange(mOperation, {});
     if (torn.kind == Operation::kProgram) {
-        const auto done = static_cast<uint32_t>(tornAt(seed, torn.bytes.size()));
+        const auto done = static_cast<uint32_t>(tear.of(torn.bytes.size()));
         program(torn.offset, std::span(torn.bytes).first(done));
         if (done < torn.bytes.size()) {
             mCells[torn.offset + done] &= static_cast<uint8_t>(torn.bytes[done] | 0x55);
             mUsed = std::max<size_t>(mUsed, torn.offset + done + 1);
         }
     } else if (!torn.pages.empty()) {
-        const size_t done = tornAt(seed, torn.pages.size() - 1);
+        const size_t done = tear.of(torn.pages.size() - 1);
         for (size_t i = 0; i < done; ++i) erase(page(torn.pages[i]));
         const Page half = page(torn.pages[done]);
-        erase({half.offset, static_cast<uint32_t>(tornAt(seed + 1, half.size))});
+        erase({half.offset, static_cast<uint32_t>(tear.next().of(half.size))});
     }
     readWorn();
 }

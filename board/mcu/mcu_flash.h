@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "board/core/bytes.h"
 #include "board/core/store.h"
 #include "board/core/trace.h"
 #include "board/mcu/mcu_parts.h"
@@ -29,8 +30,9 @@ class McuFlash {
     // The file holds the flash from its start; what lies behind the file's end is erased.
     McuFlash(const McuPart&, Store&, std::string file);
     ~McuFlash();
-    McuFlash(const McuFlash&) = delete;
     McuFlash& operator=(const McuFlash&) = delete;
+    // The same flash with the same operation under way, kept in another store.
+    McuFlash copyIn(Store&) const;
 
     const McuPart& part() const { return mPart; }
     std::span<const uint8_t> cells() const { return mCells; }
@@ -50,8 +52,8 @@ class McuFlash {
     bool busy() const { return mOperation.kind != Operation::kNone; }
     // Ends the operation. Returns the rule that it broke, "" if none.
     std::string finish();
-    // Power goes. The seed alone decides how much of the operation under way is done.
-    void powerLost(uint64_t seed);
+    // Power goes, with so much of the operation under way done.
+    void powerLost(const Tear&);
 
     // Operations take typical times. With a seed other than 0 they take times between these and the
     // longest ones.
@@ -70,9 +72,12 @@ class McuFlash {
     };
     void wear(uint32_t offset, Wear);
 
-    void save();  // writes the files if something changed; the destructor does so too
+    void saveIn(Store&) const;  // if something changed
+    void save();                // writes the files if something changed; the destructor does so too
 
   private:
+    McuFlash(const McuFlash&) = default;
+
     struct Operation {
         enum Kind { kNone, kErase, kMassErase, kUnprotect, kOptions, kProgram } kind = kNone;
         std::vector<uint32_t> pages = {};
@@ -92,7 +97,7 @@ class McuFlash {
     void readWorn();
 
     const McuPart& mPart;
-    Store& mStore;
+    Store* mStore;
     const std::string mFile, mOptionsFile;
     std::vector<uint8_t> mCells;
     size_t mUsed = 0;  // all cells from here on are erased

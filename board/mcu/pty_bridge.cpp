@@ -162,7 +162,7 @@ class PtyBridge::Part : public McuSurroundings {
         }
     }
     void startLoader() {
-        if (flash.busy()) flash.powerLost(0);
+        if (flash.busy()) flash.powerLost({0});
         mInApplication = false;
         loader->start();
     }

@@ -154,7 +154,7 @@ TEST_F(BoardFlash, PowerThatGoesInAProgrammingLeavesAPartOfItTheSameForTheSameSe
         store = MemoryStore();
         McuFlash flash = flashOf(McuKind::kGd32F303);
         flash.startProgram(0, Bytes(64, 0));
-        flash.powerLost(seed);
+        flash.powerLost({seed});
         EXPECT_FALSE(flash.busy());
         const Bytes left = cells(flash, 0, 65);
         const size_t done = static_cast<size_t>(
@@ -168,7 +168,7 @@ TEST_F(BoardFlash, PowerThatGoesInAProgrammingLeavesAPartOfItTheSameForTheSameSe
         lengths.insert(done);
         McuFlash same(partOf(McuKind::kGd32F303), store, "other");
         same.startProgram(0, Bytes(64, 0));
-        same.powerLost(seed);
+        same.powerLost({seed});
         EXPECT_EQ(cells(same, 0, 65), left);
     }
     EXPECT_GT(lengths.size(), 20U);
@@ -180,7 +180,7 @@ TEST_F(BoardFlash, PowerThatGoesInAnEraseLeavesPagesBeforeItErasedAndOneTorn) {
         McuFlash flash = flashOf(McuKind::kGd32F303);
         flash.load(std::string(size_t{4} * 2048, '\0'));
         flash.startErase({0, 1, 2, 3});
-        flash.powerLost(seed);
+        flash.powerLost({seed});
         const Bytes left = cells(flash, 0, size_t{4} * 2048);
         const auto border = std::find(left.begin(), left.end(), 0);
         EXPECT_TRUE(std::all_of(border, left.end(), [](uint8_t c) { return c == 0; }));
