@@ -67,29 +67,32 @@ class Watch {
     Watch(const Case& one, const Folder& folder, Outcome& outcome)
         : mCase(one), mFolder(folder), mOutcome(outcome) {}
 
-    int decide(pid_t process, const SystemCall& call, const std::function<void()>& rival) {
-        mHandles = mHandles || call.signal == SIGINT;
-        if (mHandles) passMoment(process, rival);
+    Answer decide(pid_t process, const SystemCall& call, const std::function<void()>& rival) {
+        mCatches = mCatches || call.effect == Effect::kCatches;
+        const bool isMoment = mCatches && call.effect <= Effect::kRemoves;
+        if (isMoment && passesMoment(process, rival)) return {.isHeld = true};
         const bool onDisk =
             isBelow(call.path, mFolder.disk()) && call.path != mFolder.board() / kLibrarysOwn;
         if (onDisk && call.effect == Effect::kAdds) ++mOutcome.changes;
-        if (call.effect != Effect::kLooks && isBelow(call.path, mFolder.board())) {
-            mOutcome.boardTouched = true;
-        }
-        if (!onDisk || !mCase.fault || !fails(call, *mCase.fault)) return 0;
+        const bool changes = call.effect == Effect::kAdds || call.effect == Effect::kRemoves;
+        if (changes && isBelow(call.path, mFolder.board())) mOutcome.boardTouched = true;
+        if (!onDisk || !mCase.fault || !fails(call, *mCase.fault)) return {};
         ++mOutcome.refused;
         if (call.path == mFolder.out()) mOutcome.outRefused = true;
-        return mCase.fault->error;
+        return {mCase.fault->error};
     }
 
-    bool handlesSignals() const { return mHandles; }
+    bool catchesSignals() const { return mCatches; }
 
   private:
-    void passMoment(pid_t process, const std::function<void()>& rival) {
+    // True when a signal has been sent.
+    bool passesMoment(pid_t process, const std::function<void()>& rival) {
         const int moment = ++mOutcome.moments;
-        const auto& interruption = mCase.interruption;
-        if (interruption && interruption->moment == moment) kill(process, interruption->signal);
         if (mCase.rival && mCase.rival->moment == moment) rival();
+        const auto& interruption = mCase.interruption;
+        if (!interruption || interruption->moment != moment) return false;
+        kill(process, interruption->signal);
+        return true;
     }
 
     bool fails(const SystemCall& call, const Fault& fault) {
@@ -107,7 +110,7 @@ class Watch {
     const Case& mCase;
     const Folder& mFolder;
     Outcome& mOutcome;
-    bool mHandles = false;
+    bool mCatches = false;
     int mMeant = 0;
 };
 
@@ -142,7 +145,7 @@ Outcome runIn(const Folder& folder, const Words& verb, const Case& one, const ch
         const Case usual{.name = "rival", .json = one.json, .options = one.options};
         outcome.rivals.push_back(runIn(folder, one.rival->verb, usual, ".rival"));
     };
-    start.signalAllowed = [&watch] { return watch.handlesSignals(); };
+    start.signalAllowed = [&watch] { return watch.catchesSignals(); };
     start.policy = [&](pid_t process, const SystemCall& call) {
         return watch.decide(process, call, rival);
     };

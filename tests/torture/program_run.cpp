@@ -27,6 +27,7 @@ using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
 
 constexpr int kCannotStart = 127;
+constexpr milliseconds kHoldsAtMost{1000};
 
 class Descriptor {
   public:
@@ -120,6 +121,8 @@ void placeStreams(const Plan& plan) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (start.ownSession || plan.terminal.get() >= 0) setsid();
     if (plan.terminal.get() >= 0) ioctl(plan.terminalsOther.get(), TIOCSCTTY, 0);
+    // A caller in the background of a shell has them turned off.
+    for (const int caught : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) signal(caught, SIG_DFL);
     const rlimit none{0, 0};
     setrlimit(RLIMIT_CORE, &none);
     if (chdir(start.folder.c_str()) != 0) _exit(kCannotStart);
@@ -166,8 +169,7 @@ class Child {
             {{mEnd.get(), POLLIN, 0}, {mCalls.get(), POLLIN, 0}, {mTerminal, POLLIN, 0}}};
         poll(sources.data(), sources.size(), static_cast<int>(untilNext().count()));
         if ((sources[1].revents & POLLIN) != 0) {
-            decideNextCall(mCalls.get(),
-                           [this](const SystemCall& call) { return mStart.policy(mPid, call); });
+            decide();
         } else if ((sources[2].revents & POLLIN) != 0) {
             appendFrom(mTerminal, mEnded.terminal);
         } else if ((sources[0].revents & POLLIN) != 0) {
@@ -176,15 +178,34 @@ class Child {
         sendWhatIsDue();
     }
 
+    void decide() {
+        const auto waiting = nextCall(mCalls.get());
+        if (!waiting) return;
+        const Answer answer = mStart.policy(mPid, waiting->call);
+        if (answer.isHeld) {
+            mHeld = waiting->id;
+            mHeldUntil = Clock::now() + kHoldsAtMost;
+            return;
+        }
+        if (waiting->call.effect == Effect::kAwaits) release();
+        answerCall(mCalls.get(), waiting->id, answer.error);
+    }
+    void release() {
+        if (mHeld) answerCall(mCalls.get(), *mHeld, 0);
+        mHeld.reset();
+    }
+
     // The time that a signal has left, and no more than the bound's.
     milliseconds untilNext() const {
-        const auto end = mBegan + mStart.bound;
-        const auto next = mSignalAt ? std::min(*mSignalAt, end) : end;
+        auto next = mBegan + mStart.bound;
+        if (mSignalAt) next = std::min(next, *mSignalAt);
+        if (mHeld) next = std::min(next, mHeldUntil);
         const auto left = std::chrono::duration_cast<milliseconds>(next - Clock::now());
         return std::max(left, milliseconds(0)) + milliseconds(1);
     }
     void sendWhatIsDue() {
         const auto now = Clock::now();
+        if (mHeld && now >= mHeldUntil) release();
         if (mSignalToCome && !mSignalAt && mStart.signalAllowed()) {
             mSignalAt = now + mStart.signalAfter;
         }
@@ -205,6 +226,8 @@ class Child {
     Descriptor mEnd, mCalls;
     bool mSignalToCome = mStart.signal != 0, mGone = false;
     std::optional<Clock::time_point> mSignalAt;
+    std::optional<uint64_t> mHeld;
+    Clock::time_point mHeldUntil;
     Ended mEnded;
 };
 

@@ -23,6 +23,14 @@ enum class Stream {
     kTerminal,  // the run's own, for all three
 };
 
+// What becomes of a call: it fails with an errno, or happens; or it is held for a moment, until the
+// program has dealt with a signal.
+struct Answer {
+    int error = 0;
+    bool isHeld = false;
+};
+using Policy = std::function<Answer(pid_t, const SystemCall&)>;
+
 struct Start {
     std::vector<std::string> words;  // the program first
     std::vector<std::string> environment;
@@ -32,7 +40,7 @@ struct Start {
     int columns = 80;         // of the terminal
     bool ownSession = false;  // without any terminal
     // Asked about each call, with the process; none: the calls are not looked at.
-    std::function<int(pid_t, const SystemCall&)> policy;
+    Policy policy;
     // A signal to send, 0 for none: a time after it was first allowed.
     int signal = 0;
     std::function<bool()> signalAllowed;

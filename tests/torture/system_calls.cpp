@@ -5,6 +5,7 @@
 #include <limits.h>
 #include <linux/filter.h>
 #include <linux/seccomp.h>
+#include <signal.h>
 #include <stddef.h>
 #include <string.h>
 #include <sys/ioctl.h>
@@ -65,7 +66,9 @@ constexpr std::array kRows = {
     CallRow{.number = SYS_unlink, .effect = Effect::kRemoves, .path = 0},
     CallRow{.number = SYS_rmdir, .effect = Effect::kRemoves, .path = 0},
 #endif
-    CallRow{.number = SYS_rt_sigaction, .effect = Effect::kHandles},
+    CallRow{.number = SYS_rt_sigaction, .effect = Effect::kCatches},
+    CallRow{.number = SYS_rt_sigprocmask, .effect = Effect::kCatches},
+    CallRow{.number = SYS_rt_sigtimedwait, .effect = Effect::kAwaits},
 };
 
 // The kernel's filter: what the rows name waits for us, all else happens at once.
@@ -98,21 +101,27 @@ struct DescriptorMessage {
     cmsghdr* rights() { return CMSG_FIRSTHDR(&header); }
 };
 
+// What another process has at an address; shorter where it has nothing.
+std::string bytesAt(pid_t process, uint64_t address, size_t most) {
+    std::string bytes(most, '\0');
+    iovec here{bytes.data(), most};
+    iovec there{reinterpret_cast<void*>(address), most};
+    const ssize_t n = process_vm_readv(process, &here, 1, &there, 1, 0);
+    bytes.resize(n < 0 ? 0 : static_cast<size_t>(n));
+    return bytes;
+}
+
 std::string textAt(pid_t process, uint64_t address) {
-    std::array<char, PATH_MAX> text{};
-    // Stops at the page's end: the next one may not be there.
+    // Page by page: the next one may not be there.
     constexpr uint64_t kPage = 4096;
-    size_t got = 0;
-    while (got < text.size() && memchr(text.data(), 0, got) == nullptr) {
-        const uint64_t from = address + got;
-        const size_t most = std::min<size_t>(kPage - from % kPage, text.size() - got);
-        iovec here{text.data() + got, most};
-        iovec there{reinterpret_cast<void*>(from), most};
-        const ssize_t n = process_vm_readv(process, &here, 1, &there, 1, 0);
-        if (n <= 0) break;
-        got += static_cast<size_t>(n);
+    std::string text;
+    while (text.size() < PATH_MAX && text.find('\0') == std::string::npos) {
+        const uint64_t from = address + text.size();
+        const std::string more = bytesAt(process, from, kPage - from % kPage);
+        if (more.empty()) break;
+        text += more;
     }
-    return {text.data(), strnlen(text.data(), got)};
+    return text.c_str();
 }
 
 std::string linkAt(pid_t process, const std::string& name) {
@@ -138,11 +147,23 @@ std::string pathOf(const CallRow& row, const seccomp_notif& call) {
     return (base / named).lexically_normal();
 }
 
-Effect effectOf(const CallRow& row, const seccomp_notif& call) {
-    if (row.openFlags == kNone) return row.effect;
+bool opensToWrite(const CallRow& row, const seccomp_notif& call) {
+    if (row.openFlags == kNone) return false;
     const auto flags = static_cast<int>(call.data.args[row.openFlags]);
-    const bool writes = (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0;
-    return writes ? Effect::kAdds : Effect::kLooks;
+    return (flags & O_ACCMODE) != O_RDONLY || (flags & (O_CREAT | O_TRUNC)) != 0;
+}
+
+// SIGINT gets a handler, or is blocked, as a program does that waits for it: a library that guards
+// its own state blocks all signals.
+bool catchesInterrupt(const seccomp_notif& call) {
+    const auto& arguments = call.data.args;
+    if (call.data.nr == SYS_rt_sigaction) return arguments[0] == SIGINT && arguments[1] != 0;
+    uint64_t set = 0;
+    const std::string bytes = bytesAt(static_cast<pid_t>(call.pid), arguments[1], sizeof(set));
+    if (arguments[0] != SIG_BLOCK || bytes.size() != sizeof(set)) return false;
+    memcpy(&set, bytes.data(), sizeof(set));
+    const auto has = [set](int signal) { return (set >> (signal - 1) & 1) != 0; };
+    return has(SIGINT) && !has(SIGSEGV);
 }
 
 SystemCall describe(const seccomp_notif& call) {
@@ -150,10 +171,11 @@ SystemCall describe(const seccomp_notif& call) {
         return one.number == static_cast<uint32_t>(call.data.nr);
     });
     if (row == kRows.end()) return {};
-    const bool handles = row->effect == Effect::kHandles && call.data.args[1] != 0;
-    if (row->effect == Effect::kHandles && !handles) return {};
-    return {effectOf(*row, call), pathOf(*row, call),
-            handles ? static_cast<int>(call.data.args[0]) : 0};
+    Effect effect = opensToWrite(*row, call) ? Effect::kAdds : row->effect;
+    if (effect == Effect::kCatches && !catchesInterrupt(call)) effect = Effect::kOther;
+    const bool hasLimit = call.data.args[2] != 0;
+    if (effect == Effect::kAwaits && !hasLimit) effect = Effect::kOther;
+    return {effect, pathOf(*row, call)};
 }
 
 }  // namespace
@@ -181,15 +203,18 @@ int takeOffer(int socket) {
     return listener;
 }
 
-void decideNextCall(int listener, const Policy& policy) {
+std::optional<WaitingCall> nextCall(int listener) {
     seccomp_notif call{};
-    if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) return;  // interrupted meanwhile
-    const int error = policy(describe(call));
+    if (ioctl(listener, SECCOMP_IOCTL_NOTIF_RECV, &call) != 0) return std::nullopt;
+    return WaitingCall{call.id, describe(call)};
+}
+
+void answerCall(int listener, uint64_t id, int error) {
     seccomp_notif_resp answer{};
-    answer.id = call.id;
+    answer.id = id;
     answer.error = -error;
     if (error == 0) answer.flags = SECCOMP_USER_NOTIF_FLAG_CONTINUE;
-    ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &answer);  // a call that a signal ended needs none
+    ioctl(listener, SECCOMP_IOCTL_NOTIF_SEND, &answer);  // a call that was given up needs none
 }
 
 }  // namespace quil::torture

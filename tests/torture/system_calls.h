@@ -5,10 +5,8 @@
 #include <stdint.h>
 #include <sys/types.h>
 
-#include <functional>
+#include <optional>
 #include <string>
-
-struct seccomp_notif;
 
 namespace quil::torture {
 
@@ -16,17 +14,15 @@ enum class Effect {
     kLooks,    // opens to read; reads, closes
     kAdds,     // needs space on a disk: writes, makes, renames, syncs
     kRemoves,  // needs no space, but a directory that may be written
-    kHandles,  // takes a signal over
+    kCatches,  // takes SIGINT over from the kernel, which would end the program
+    kAwaits,   // waits for a signal, for a time: a former one is dealt with
+    kOther,    // of the program's threads and signals
 };
 
 struct SystemCall {
-    Effect effect = Effect::kLooks;
+    Effect effect = Effect::kOther;
     std::string path;  // what it is about, absolute; "" for what happens to an open file unchanged
-    int signal = 0;    // with kHandles
 };
-
-// Called before each call that may matter: an errno with which it fails, or 0 to let it happen.
-using Policy = std::function<int(const SystemCall&)>;
 
 // In the child, between fork and exec: its calls will wait for who reads the descriptor that comes
 // out of `socket`. False when this system cannot do that. Async-signal-safe.
@@ -34,7 +30,13 @@ bool offerCalls(int socket);
 // In the parent: that descriptor; -1 when the child could not offer.
 int takeOffer(int socket);
 
-// Lets the policy decide one waiting call.
-void decideNextCall(int listener, const Policy& policy);
+struct WaitingCall {
+    uint64_t id;
+    SystemCall call;
+};
+// The next call that waits; none when it has been given up meanwhile.
+std::optional<WaitingCall> nextCall(int listener);
+// Lets the call fail with `error`, or happen when that is 0.
+void answerCall(int listener, uint64_t id, int error);
 
 }  // namespace quil::torture

@@ -102,7 +102,7 @@ class TortureRun : public testing::Test {
         start.folder = mFolder.path();
         start.outFile = path("out");
         start.errFile = path("err");
-        if (policy) start.policy = [policy](pid_t, const SystemCall& call) { return policy(call); };
+        start.policy = policy;
         start.bound = mBound;
         return run(start);
     }
@@ -128,8 +128,9 @@ TEST_F(TortureRun, EndsAProgramThatDoesNotEnd) {
 }
 
 TEST_F(TortureRun, CallsFailAsThePolicySaysAndOthersHappen) {
-    const auto policy = [this](const SystemCall& call) {
-        return call.path == path("b") && call.effect == Effect::kAdds ? ENOSPC : 0;
+    const auto policy = [this](pid_t, const SystemCall& call) {
+        const bool fails = call.path == path("b") && call.effect == Effect::kAdds;
+        return Answer{fails ? ENOSPC : 0};
     };
     try {
         EXPECT_EQ(shell("echo 1 >a; echo 2 >./b; echo 3 >c", policy).code, 0);
