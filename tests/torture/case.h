@@ -29,10 +29,11 @@ struct Interruption {
     std::chrono::milliseconds after{0};  // or a time, when there is no moment
 };
 
-// Another run on the same board, from its start to its end, while this one is held before a call.
+// Another run on the same board, which starts before a call of this one.
 struct Rival {
     tools::Words verb;
     int moment = 1;
+    bool waits = false;  // until this one is done; otherwise this one is held until the other ends
 };
 
 enum class Demand {

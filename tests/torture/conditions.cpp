@@ -157,17 +157,18 @@ Cases terminate(const Subject& subject) { return interrupted(subject, SIGTERM); 
 Cases twoAtOnce(const Subject& subject) {
     Cases cases;
     if (!subject.powersBoard) return cases;
-    const auto add = [&](const Words& other, int numerator, int denominator) {
+    const auto add = [&](const Words& other) {
         Case one{.json = cases.size() % 2 == 1};
-        const int moment = std::max(subject.usual(one).moments * numerator / denominator, 1);
-        one.name = "with " + textOf(other) + " at call " + std::to_string(moment);
-        one.rival = Rival{other, moment};
+        const auto sixth = static_cast<int>(cases.size() % 5) + 1;
+        const int moment = std::max(subject.usual(one).moments * sixth / 6, 1);
+        const bool waits = cases.size() % 3 == 2;
+        one.name = "with " + textOf(other) + " from call " + std::to_string(moment) +
+                   (waits ? " on" : ", held");
+        one.rival = Rival{other, moment, waits};
         cases.push_back(one);
     };
-    for (int i = 1; i <= 5; ++i) add(subject.verb, i, 6);
-    for (const Words& other : subject.others) {
-        add(other, static_cast<int>(cases.size() % 5) + 1, 6);
-    }
+    for (int i = 0; i < 5; ++i) add(subject.verb);
+    for (const Words& other : subject.others) add(other);
     return cases;
 }
 

@@ -46,7 +46,11 @@ Folder::Folder() {
     fs::create_directory(temporary());
 }
 
-std::vector<Folder::Entry> Folder::boardEntries() { return entriesOf(example() / "board"); }
+std::vector<Folder::Entry> Folder::boardEntries() {
+    auto entries = entriesOf(example() / "board");
+    entries.push_back({"lock", false});  // comes with the first use
+    return entries;
+}
 
 void Folder::damage(const fs::path& entry, Damage kind) const {
     // The last one is a matter of the calls: permissions would not stop root.
@@ -66,7 +70,7 @@ void Folder::damage(const fs::path& entry, Damage kind) const {
 std::string Folder::tree() const {
     std::string tree;
     for (const auto& [name, isFolder] : entriesOf(disk())) {
-        if (name == "out" || name.rfind("tmp", 0) == 0) continue;
+        if (name == "out" || name == "board/lock" || name.rfind("tmp", 0) == 0) continue;
         std::error_code ignored;
         const bool isFile = fs::is_regular_file(disk() / name, ignored);
         const std::string content = isFile ? tests::contentOf(disk() / name) : "";

@@ -31,7 +31,8 @@ class Folder {
     static std::vector<Entry> boardEntries();
 
     void damage(const std::filesystem::path& entry, Damage kind) const;
-    // Each file with its content's hash, but for standard output and the temporary folder.
+    // Each file with its content's hash, but for standard output, the board's lock and the
+    // temporary folder.
     std::string tree() const;
     // What lies in the temporary folder.
     std::vector<std::string> leftovers() const;

@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <functional>
 #include <stdexcept>
+#include <thread>
 
 #include "testing/build.h"
 #include "testing/files.h"
@@ -141,15 +142,24 @@ Outcome runIn(const Folder& folder, const Words& verb, const Case& one, const ch
         start.signalAfter = one.interruption->after;
     }
     Watch watch(one, folder, outcome);
+    std::thread meanwhile;
     const auto rival = [&] {
-        const Case usual{.name = "rival", .json = one.json, .options = one.options};
-        outcome.rivals.push_back(runIn(folder, one.rival->verb, usual, ".rival"));
+        const auto runIt = [&] {
+            const Case plain{.json = one.json};
+            outcome.rivals.push_back(runIn(folder, one.rival->verb, plain, ".rival"));
+        };
+        if (one.rival->waits) {
+            meanwhile = std::thread(runIt);
+        } else {
+            runIt();
+        }
     };
     start.signalAllowed = [&watch] { return watch.catchesSignals(); };
     start.policy = [&](pid_t process, const SystemCall& call) {
         return watch.decide(process, call, rival);
     };
     outcome.ended = run(start);
+    if (meanwhile.joinable()) meanwhile.join();
     outcome.out = tests::contentOf(start.outFile);
     outcome.err = tests::contentOf(start.errFile);
     return outcome;
