@@ -9,8 +9,8 @@
 #include "testing/build.h"
 #include "testing/program_output.h"
 #include "testing/project_files.h"
+#include "testing/verb_cases.h"
 #include "tests/quilctl/test_run.h"
-#include "tests/quilctl/verb_cases.h"
 
 namespace quil::tests {
 namespace {

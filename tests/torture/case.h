@@ -1,10 +1,10 @@
 // One run of quilctl under a hardship, described by data; and what it came to.
 #pragma once
 
+#include <limits.h>
 #include <signal.h>
 
 #include <chrono>
-#include <climits>
 #include <optional>
 #include <string>
 #include <vector>
@@ -38,7 +38,7 @@ struct Rival {
 
 enum class Demand {
     kAnyCode,      // one of the table
-    kExampleCode,  // that of the command's row in tests/quilctl/verb_cases.h
+    kExampleCode,  // that of the command's row in testing/verb_cases.h
     kSameCode,     // as without the hardship
     kFailure,      // not 0: a call has failed
     kNotWritten,   // the code for that

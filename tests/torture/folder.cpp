@@ -5,7 +5,7 @@
 
 #include "board/core/whole_file.h"
 #include "testing/files.h"
-#include "tests/quilctl/verb_cases.h"
+#include "testing/verb_cases.h"
 
 namespace quil::torture {
 namespace {

@@ -16,7 +16,7 @@ class Folder {
     Folder();
 
     // Everything that the run may write, standard output too. The files of
-    // tests/quilctl/verb_cases.h lie here.
+    // testing/verb_cases.h lie here.
     std::filesystem::path disk() const { return mPlace.path() / "disk"; }
     std::filesystem::path board() const { return disk() / "board"; }
     std::filesystem::path temporary() const { return disk() / "tmp"; }

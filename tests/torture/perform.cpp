@@ -3,12 +3,12 @@
 
 #include <algorithm>
 #include <functional>
+#include <future>
 #include <stdexcept>
-#include <thread>
 
 #include "testing/build.h"
 #include "testing/files.h"
-#include "tests/quilctl/verb_cases.h"
+#include "testing/verb_cases.h"
 #include "tests/torture/case.h"
 
 namespace quil::torture {
@@ -26,7 +26,7 @@ tests::VerbCase rowOf(const Words& verb, const Folder& folder) {
     const auto rows = tests::verbCases(folder.disk());
     const auto row = rows.find(textOf(verb));
     if (row == rows.end()) {
-        throw std::runtime_error(textOf(verb) + " has no arguments in tests/quilctl/verb_cases.h");
+        throw std::runtime_error(textOf(verb) + " has no arguments in testing/verb_cases.h");
     }
     return row->second;
 }
@@ -142,16 +142,15 @@ Outcome runIn(const Folder& folder, const Words& verb, const Case& one, const ch
         start.signalAfter = one.interruption->after;
     }
     Watch watch(one, folder, outcome);
-    std::thread meanwhile;
+    std::future<Outcome> meanwhile;
     const auto rival = [&] {
         const auto runIt = [&] {
-            const Case plain{.json = one.json};
-            outcome.rivals.push_back(runIn(folder, one.rival->verb, plain, ".rival"));
+            return runIn(folder, one.rival->verb, {.json = one.json}, ".rival");
         };
         if (one.rival->waits) {
-            meanwhile = std::thread(runIt);
+            meanwhile = std::async(std::launch::async, runIt);
         } else {
-            runIt();
+            outcome.rivals.push_back(runIt());
         }
     };
     start.signalAllowed = [&watch] { return watch.catchesSignals(); };
@@ -159,7 +158,7 @@ Outcome runIn(const Folder& folder, const Words& verb, const Case& one, const ch
         return watch.decide(process, call, rival);
     };
     outcome.ended = run(start);
-    if (meanwhile.joinable()) meanwhile.join();
+    if (meanwhile.valid()) outcome.rivals.push_back(meanwhile.get());
     outcome.out = tests::contentOf(start.outFile);
     outcome.err = tests::contentOf(start.errFile);
     return outcome;

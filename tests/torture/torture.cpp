@@ -6,7 +6,7 @@
 #include <mutex>
 #include <thread>
 
-#include "tests/quilctl/verb_cases.h"
+#include "testing/verb_cases.h"
 #include "tests/torture/conditions.h"
 
 namespace quil::torture {
@@ -94,7 +94,7 @@ class Torture {
         const Words& verb = mVerbs[unit.verb];
         const auto rows = tests::verbCases("/");
         const auto row = rows.find(textOf(verb));
-        if (row == rows.end()) throw std::runtime_error("no row in tests/quilctl/verb_cases.h");
+        if (row == rows.end()) throw std::runtime_error("no row in testing/verb_cases.h");
         const Subject subject{
             verb, row->second.powersBoard, !row->second.serving.empty(), mVerbs,
             [&](const Case& like) -> const Outcome& { return mUsual.of(verb, like); }};
