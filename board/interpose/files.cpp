@@ -69,9 +69,10 @@ int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::st
     if (const auto fault = machine.faults.take(Call::kOpen, path)) return failWith(fault->error);
     if (const int error = machine.probes.refusal(path, useOf(flags))) return failWith(error);
     int fd = -1;
-    const bool isDevice = machine.uartAt(path) != nullptr || isFpga(path);
-    if (isDevice && machine.interrupts("open", path)) return failWith(EINTR);
     if (Uart* uart = machine.uartAt(path)) {
+        // Without O_NONBLOCK it waits for the line's carrier.
+        const bool waits = (flags & O_NONBLOCK) == 0;
+        if (waits && machine.interrupts("open", path)) return failWith(EINTR);
         fd = openUart(machine, *uart, flags);
     } else if (machine.sysfs.exists(path)) {
         fd = openSysfs(machine, path, flags);

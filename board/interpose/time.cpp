@@ -121,8 +121,8 @@ QUIL_EXPORT int clock_gettime(clockid_t clock, timespec* time) noexcept {
         !BoardLock::mine()) {
         if (__asan_init == nullptr) Scheduler::arrive();
         const Scheduler& scheduler = machine->scheduler;
-        *time = timespecOf(isWallClock(clock) ? scheduler.wallNow() : scheduler.now());
-        time->tv_sec += static_cast<time_t>(kPowerOnEpoch);
+        const Nanos now = isWallClock(clock) ? scheduler.wallNow() : scheduler.now();
+        *time = timespecOf(now + std::chrono::seconds(kPowerOnEpoch));
         return 0;
     }
     return resolved() ? real().clock_gettime(clock, time)

@@ -13,6 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <thread>
 
 #include "board/board.h"
@@ -130,6 +131,26 @@ TEST(BoardChances, ClockThatIsSetMovesTheEndOfAWaitForATimeOfThatClock) {
     EXPECT_THAT(ends, testing::Contains(testing::Lt(seconds(2)))) << "set forwards";
     EXPECT_THAT(ends, testing::Contains(testing::Gt(seconds(2)))) << "set backwards";
     EXPECT_THAT(ends, testing::Each(testing::Le(seconds(12))));
+}
+
+TEST(BoardChances, ClockThatIsSetBackBehindPowerOnStillShowsATime) {
+    std::atomic<bool> wasBehind = false;
+    for (uint64_t seed = 1; seed <= 8; ++seed) {
+        Board board(Product::kHeron, sure({.clockSteps = kAlways}, seed));
+        std::atomic<bool> isOver = false;
+        std::thread watcher([&] {
+            for (; !isOver; usleep(100'000)) {
+                timespec wall{};
+                clock_gettime(CLOCK_REALTIME, &wall);
+                EXPECT_GE(wall.tv_nsec, 0);
+                if (wall.tv_sec < 1767225600) wasBehind = true;
+            }
+        });
+        waitTwoSeconds();
+        isOver = true;
+        watcher.join();
+    }
+    EXPECT_TRUE(wasBehind);
 }
 
 TEST(BoardChances, ClockThatIsSetIsTheRealTimeClockOnly) {
