@@ -27,7 +27,7 @@ std::unique_ptr<Machine> powerOn(const std::filesystem::path& dir, BoardOptions 
     auto machine = std::make_unique<Machine>(std::filesystem::absolute(dir), options);
     machine->faults.watchAllocations(
         [](bool mayFail) { mayFail ? hookAllocations() : unhookAllocations(); });
-    machine->powerOn(options.realtime, Schedule(options.seed, options.pct));
+    machine->powerOn(options.realtime, Schedule(options.seed, options.pct), options.standstill);
     g_poweredMachine.store(machine.get());
     machine->trace.add(EventKind::kPower, "board", "on, seed " + std::to_string(options.seed));
     machine->mcuChip.powerOn();
@@ -90,6 +90,11 @@ void Board::after(Nanos delay, std::function<void()> action) {
 }
 
 void Board::cutPowerAt(PowerCut cut) { mMachine->trace.cutPowerAt(cut); }
+
+void Board::cutPowerSoon(const char* why) {
+    mMachine->trace.cutSoon(why);
+    mMachine->scheduler.wakeClock();
+}
 
 void Board::onEachCut(std::function<void(const PowerCut&, const OverlayStore::Files&)> told) {
     if (!told) return mMachine->trace.probeCuts(nullptr);

@@ -13,6 +13,7 @@
 #include "board/core/faults.h"
 #include "board/core/overlay_store.h"
 #include "board/core/schedule.h"
+#include "board/core/scheduler.h"
 #include "board/core/temporary_directory.h"
 #include "board/core/trace.h"
 #include "board/devices/gpio_lines.h"
@@ -43,6 +44,7 @@ struct BoardOptions {
     ChanceRates chances = {};
     // Where the parts keep what outlives the power, instead of the files of the board's directory.
     std::shared_ptr<OverlayStore> store = {};
+    Standstill standstill = {};  // threads that wait for each other
 };
 
 struct LogLine {
@@ -82,6 +84,8 @@ class Board {
     // then on the calls of the host fail; destroy the board and make a new one in its directory to
     // power it on again. trace().count() of an uncut run is the number of its events.
     void cutPowerAt(PowerCut);
+    // Cuts it at the next call of the host or timer; the reason is recorded. From any thread.
+    void cutPowerSoon(const char* why);
     bool powerIsCut() const;
     // From now on `told` gets each cut that there could be, and what the parts' files would hold
     // after it. It is called with the board's lock held. Null ends it. Needs BoardOptions::store.

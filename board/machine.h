@@ -105,8 +105,8 @@ inline Machine* machineForCall() {
     return machine;
 }
 
-// The same, but null for threads that take no turns. Those may sleep or ask for the time at any
-// moment, also while the machine is destroyed, and so must not touch it.
+// The same, but null for threads from outside board time. Those may sleep or ask for the time at
+// any moment, also while the machine is destroyed, and so must not touch it.
 inline Machine* machineForTurns() {
     return poweredMachine() != nullptr && Scheduler::attached() ? machineForCall() : nullptr;
 }

@@ -7,6 +7,8 @@
 
 #include <utility>
 
+#include "board/core/real_calls.h"
+
 // The thread sanitizer does not see the board's lock, and would report each access that the lock
 // protects: accesses under the lock are excluded.
 extern "C" {
@@ -20,6 +22,10 @@ namespace quil::board {
 namespace {
 
 thread_local int t_depth = 0;
+
+timespec timespecOf(int64_t nanos) {
+    return {static_cast<time_t>(nanos / 1'000'000'000), static_cast<long>(nanos % 1'000'000'000)};
+}
 
 void futexWait(std::atomic<int>& word, int expected, const timespec* timeout = nullptr) {
     syscall(SYS_futex, reinterpret_cast<int*>(&word), FUTEX_WAIT_PRIVATE, expected, timeout,
@@ -44,18 +50,46 @@ void ignoreEnd() {
 
 }  // namespace
 
+int kernelThread() {
+    static thread_local int number = static_cast<int>(syscall(SYS_gettid));
+    return number;
+}
+
+void BoardLock::taken() {
+    mOwner.store(kernelThread(), std::memory_order_relaxed);
+    ignoreBegin();
+}
+
 void BoardLock::lock() {
     if (t_depth++ > 0) return;
     int free = 0;
     if (!mWord.compare_exchange_strong(free, 1, std::memory_order_acquire)) {
         while (mWord.exchange(2, std::memory_order_acquire) != 0) futexWait(mWord, 2);
     }
-    ignoreBegin();
+    taken();
+}
+
+bool BoardLock::lockFor(int64_t nanos) {
+    if (t_depth > 0) {
+        ++t_depth;
+        return true;
+    }
+    const int64_t end = realNanos() + nanos;
+    while (mWord.exchange(2, std::memory_order_acquire) != 0) {
+        const int64_t left = end - realNanos();
+        if (left <= 0) return false;
+        const timespec timeout = timespecOf(left);
+        futexWait(mWord, 2, &timeout);
+    }
+    ++t_depth;
+    taken();
+    return true;
 }
 
 void BoardLock::unlock() {
     if (--t_depth > 0) return;
     ignoreEnd();
+    mOwner.store(0, std::memory_order_relaxed);
     if (mWord.exchange(0, std::memory_order_release) == 2) futexWakeOne(mWord);
 }
 
@@ -69,6 +103,8 @@ void BoardLock::takeAgain(int times) {
     lock();
     t_depth = times;
 }
+
+void BoardLock::lockForALastLook() { ++t_depth; }
 
 bool BoardLock::mine() { return t_depth > 0; }
 
@@ -88,9 +124,7 @@ void Gate::wait() {
 }
 
 bool Gate::waitFor(int64_t nanos) {
-    timespec timeout{};
-    timeout.tv_sec = static_cast<time_t>(nanos / 1'000'000'000);
-    timeout.tv_nsec = static_cast<long>(nanos % 1'000'000'000);
+    const timespec timeout = timespecOf(nanos);
     int opened = mWord.load(std::memory_order_acquire);
     if (opened == 0) {
         mWaiting.fetch_add(1);

@@ -14,6 +14,12 @@ class BoardLock {
   public:
     void lock();
     void unlock();
+    // Returns false after `nanos` of real time without getting the lock.
+    bool lockFor(int64_t nanos);
+    // The kernel's number of the thread that has the lock; 0 while none has.
+    int owner() const { return mOwner.load(std::memory_order_relaxed); }
+    // For the report of a thread that never gave the lock back: goes on without it.
+    static void lockForALastLook();
     // True while this thread holds the lock: its C library calls are then the board's own, and pass
     // through to the C library.
     static bool mine();
@@ -23,9 +29,12 @@ class BoardLock {
     void takeAgain(int times);
 
   private:
-    std::atomic<int> mWord{0};
+    void taken();
+
+    std::atomic<int> mWord{0}, mOwner{0};
 };
 BoardLock& boardLock();
+int kernelThread();  // the calling thread's number in the kernel
 using Guard = std::lock_guard<BoardLock>;
 
 // Each open() lets one wait() return, also when it comes first.

@@ -45,4 +45,10 @@ const RealCalls& real() {
     return g_calls;
 }
 
+int64_t realNanos() {
+    timespec t{};
+    real().clock_gettime(CLOCK_MONOTONIC, &t);
+    return t.tv_sec * 1'000'000'000LL + t.tv_nsec;
+}
+
 }  // namespace quil::board

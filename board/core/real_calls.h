@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <pthread.h>
 #include <stdarg.h>
+#include <stdint.h>
 #include <stdio.h>
 #include <sys/select.h>
 #include <sys/stat.h>
@@ -69,5 +70,6 @@ struct RealCalls {
 
 const RealCalls& real();
 bool resolved();
+int64_t realNanos();  // the workstation's monotonic clock
 
 }  // namespace quil::board

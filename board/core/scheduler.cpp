@@ -14,18 +14,15 @@ namespace {
 
 thread_local BoardThread* t_self = nullptr;
 
-int64_t realNanos() {
-    timespec t{};
-    real().clock_gettime(CLOCK_MONOTONIC, &t);
-    return t.tv_sec * 1'000'000'000LL + t.tv_nsec;
-}
-
 }  // namespace
 
-void Scheduler::powerOn(bool realtime, Trace& trace, const Schedule& schedule) {
+void Scheduler::powerOn(bool realtime, Trace& trace, const Schedule& schedule,
+                        Standstill standstill) {
     mTrace = &trace;
     mSchedule = realtime ? Schedule() : schedule;
     mRealtime = realtime;
+    mStandstill = std::move(standstill);
+    mStillSince.reset();
     mOn = true;
     mLost = false;
     mVirtualNow = Nanos(0);
@@ -36,9 +33,10 @@ void Scheduler::powerOn(bool realtime, Trace& trace, const Schedule& schedule) {
     mAll.push_back(std::make_shared<BoardThread>());
     t_self = mAll.back().get();
     t_self->scheduler = this;
-    t_self->attached = !realtime;
+    t_self->attached = true;
     t_self->number = mThreads++;
     t_self->priority = mSchedule.priorityOfANewThread();
+    t_self->kernelThread = kernelThread();
     mRunning = realtime ? nullptr : t_self;
     if (realtime) startClockThread();
 }
@@ -100,25 +98,32 @@ BoardThread* Scheduler::self() {
     if (t_self == nullptr) {
         mOutsiders.push_back(std::make_shared<BoardThread>());
         t_self = mOutsiders.back().get();
+        t_self->number = mThreads++;
+        t_self->kernelThread = kernelThread();
     }
     return t_self;
 }
 
 bool Scheduler::attached() { return t_self && t_self->attached; }
 
-bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> deadline) {
+bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> deadline,
+                     const Look& look) {
     BoardThread* me = self();
     if (!mOn) return false;
     me->waitsFor = what;
     me->object = object;
+    me->waitsForever = !deadline;
+    me->look = look;
     me->timedOut = false;
     me->parked = true;
     mParked.push_back(me);
+    if (!look.at) ++mActivity;
+    const auto until = !deadline || (look.at && *look.at < *deadline) ? look.at : deadline;
     if (mLost) {
         me->timedOut = true;
         makeRunnable(me);
-    } else if (deadline) {
-        me->deadline = wakeAt(*deadline, me);
+    } else if (until) {
+        me->deadline = wakeAt(*until, me);
     }
     if (mRunning == me) {
         mRunning = nullptr;
@@ -184,7 +189,7 @@ void Scheduler::makeRunnable(BoardThread* thread) {
     if (!thread->parked) return;
     thread->parked = false;
     mParked.remove(thread);
-    if (!thread->attached) {
+    if (!thread->attached || mRealtime) {
         thread->gate.open();
         return;
     }
@@ -254,20 +259,35 @@ void Scheduler::fireNext() {
     timer.second();
 }
 
-void Scheduler::deadlock() {
-    fprintf(stderr, "board deadlock at %.6f s: every thread waits and nothing is due\n",
-            static_cast<double>(now().count()) / 1e9);
+// Who waits for what, and what happened before.
+std::string Scheduler::report(const std::string& what) const {
+    char line[160];
+    snprintf(line, sizeof(line), "at %.6f s: ", static_cast<double>(now().count()) / 1e9);
+    std::string text = line + what + "\n";
     for (const BoardThread* thread : mParked) {
-        fprintf(stderr, "  thread %d waits for %s %p\n", thread->number, thread->waitsFor,
-                thread->object);
+        snprintf(line, sizeof(line), "  thread %d waits for %s %p\n", thread->number,
+                 thread->waitsFor, thread->object);
+        text += line;
+    }
+    for (const auto& thread : mAll) {
+        if (thread->finished || thread->parked) continue;
+        text += "  thread " + std::to_string(thread->number) + " runs\n";
     }
     const auto events = mTrace->events();
     for (size_t i = events.size() > 10 ? events.size() - 10 : 0; i < events.size(); ++i) {
-        fprintf(stderr, "  %s\n", toLine(events[i]).c_str());
+        text += "  " + toLine(events[i]) + "\n";
     }
+    return text;
+}
+
+void Scheduler::tellAndAbort(const std::string& report) const {
+    if (mStandstill.tell) mStandstill.tell(report);
+    fputs(("board deadlock " + report).c_str(), stderr);
     fflush(stderr);
     abort();
 }
+
+void Scheduler::deadlock() { tellAndAbort(report("every thread waits and nothing is due")); }
 
 std::shared_ptr<BoardThread> Scheduler::expectChild() {
     auto child = std::make_shared<BoardThread>();
@@ -275,9 +295,10 @@ std::shared_ptr<BoardThread> Scheduler::expectChild() {
     child->number = mThreads++;
     child->priority = mSchedule.priorityOfANewThread();
     child->attached = true;
+    mAll.push_back(child);
+    if (mRealtime) return child;
     child->arrived = false;
     child->queued = true;
-    mAll.push_back(child);
     mRunQueue.push_back(child.get());
     return child;
 }
@@ -305,6 +326,7 @@ void Scheduler::forget(pthread_t handle) {
 
 void Scheduler::begin(BoardThread* child, bool waitForTurn) {
     t_self = child;
+    child->kernelThread = kernelThread();
     if (waitForTurn) arrive();
 }
 
@@ -346,12 +368,54 @@ void* Scheduler::clockThread(void* self) {
     return nullptr;
 }
 
+// A thread that keeps the board's lock stops the clock, and with it every time-out of the board.
+void Scheduler::lockOrReport() {
+    if (boardLock().lockFor(mStandstill.lockKept.count())) return;
+    const int owner = boardLock().owner();
+    std::string who = "a thread from outside";
+    for (const auto& thread : mAll) {
+        if (thread->kernelThread == owner) who = "thread " + std::to_string(thread->number);
+    }
+    boardLock().lockForALastLook();
+    tellAndAbort(report(who + " keeps the board's lock"));
+}
+
+// True if all threads wait, none of them for a time or for the world outside, and no timer is ahead
+// but their next looks at descriptors.
+bool Scheduler::standsStill() const {
+    size_t looks = 0;
+    for (const auto& thread : mAll) {
+        if (thread->finished) continue;
+        if (!thread->parked || !thread->waitsForever || thread->look.isOutside) return false;
+        if (thread->look.at) ++looks;
+    }
+    return mTimers.size() <= looks;
+}
+
+void Scheduler::watchForStandstill() {
+    if (mLost || !standsStill() || std::exchange(mActivitySeen, mActivity) != mActivity) {
+        mStillSince.reset();
+    } else if (!mStillSince) {
+        mStillSince = now();
+    } else if (now() - *mStillSince >= mStandstill.after) {
+        deadlock();
+    }
+}
+
+// Until the next timer is due, or the next look for a standstill.
+int64_t Scheduler::clockPause() const {
+    const Nanos look = mStandstill.after / 2;
+    if (mTimers.empty()) return look.count();
+    return std::min(look, mTimers.back().first.first - now()).count();
+}
+
 void Scheduler::clockLoop() {
-    boardLock().lock();
+    lockOrReport();
     while (mClockRuns) {
-        int64_t pause = -1;
-        if (!mTimers.empty()) pause = (mTimers.back().first.first - now()).count();
-        if (!mTimers.empty() && pause <= 0) {
+        if (mOn) mTrace->cutIfDue();
+        if (mOn) watchForStandstill();
+        const int64_t pause = clockPause();
+        if (pause <= 0) {
             const auto timer = std::move(mTimers.back());
             mTimers.pop_back();
             timer.second();
@@ -359,7 +423,7 @@ void Scheduler::clockLoop() {
         }
         boardLock().unlock();
         mClockWake.waitFor(pause);
-        boardLock().lock();
+        lockOrReport();
     }
     boardLock().unlock();
 }

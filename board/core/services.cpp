@@ -29,8 +29,8 @@ BoardServices::BoardServices(Scheduler& time, std::shared_ptr<Store> files,
 
 BoardServices::~BoardServices() = default;
 
-void BoardServices::powerOn(bool realtime, const Schedule& schedule) {
-    scheduler.powerOn(realtime, trace, schedule);
+void BoardServices::powerOn(bool realtime, const Schedule& schedule, Standstill standstill) {
+    scheduler.powerOn(realtime, trace, schedule, std::move(standstill));
     power.turnOn();
 }
 

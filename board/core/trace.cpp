@@ -99,6 +99,13 @@ std::vector<Event> Trace::events(EventKind kind) const {
     return found;
 }
 
+void Trace::record(Event event) {
+    if (!mRecording) return;
+    mEvents.push_back(std::move(event));
+    const Event copy = mListeners.empty() ? Event{} : mEvents.back();
+    for (const auto& listener : mListeners) listener(copy);
+}
+
 std::optional<CutPosition> Trace::add(EventKind kind, std::string source, std::string text,
                                       std::vector<uint8_t> bytes) {
     Scheduler::arrive();
@@ -110,12 +117,7 @@ std::optional<CutPosition> Trace::add(EventKind kind, std::string source, std::s
     const bool last = mCut && mCut->event == mCount;
     ++mCount;
     mDue = mProbe != nullptr;
-    if (mRecording) {
-        mEvents.push_back(
-            {mScheduler.now(), kind, std::move(source), std::move(text), std::move(bytes)});
-        const Event event = mListeners.empty() ? Event{} : mEvents.back();
-        for (const auto& listener : mListeners) listener(event);
-    }
+    record({mScheduler.now(), kind, std::move(source), std::move(text), std::move(bytes)});
     if (!last) return std::nullopt;
     mDue = mCut->position == CutPosition::kAfter;
     if (!mDue) mPower.cut();
@@ -133,12 +135,19 @@ void Trace::cutPowerAt(PowerCut cut) {
 }
 
 void Trace::cutIfDue() {
-    if (!mDue) return;
+    if (!cutIsDue()) return;
     Guard guard(boardLock());
-    mDue = false;
+    if (const char* why = mWhy.exchange(nullptr)) {
+        if (!mPower.isOn()) return;
+        record({mScheduler.now(), EventKind::kPower, "board", why, {}});
+        return mPower.cut();
+    }
+    if (!mDue.exchange(false)) return;
     if (mProbe) return mProbe({mCount - 1, CutPosition::kAfter}, {});
     if (mPower.isOn()) mPower.cut();
 }
+
+void Trace::cutSoon(const char* why) { mWhy = why; }
 
 void Trace::probeCuts(CutProbe probe) {
     Guard guard(boardLock());

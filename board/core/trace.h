@@ -3,6 +3,7 @@
 
 #include <stdint.h>
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <functional>
@@ -96,7 +97,7 @@ class Trace {
     // Cuts the power if the last event was the one to cut after. Called before anything new
     // happens.
     void cutIfDue();
-    bool cutIsDue() const { return mDue; }
+    bool cutIsDue() const { return mDue || mWhy != nullptr; }
     // How much of the operation that power is cut inside is done.
     Tear tear() const { return {mCount, mCut ? mCut->tear : 0}; }
 
@@ -105,6 +106,9 @@ class Trace {
     // For a part whose operation takes time, after its event: `operate` does in a store what is
     // done of it when power is cut inside or after.
     void probeOperation(const std::function<void(Store&, CutPosition, Tear)>& operate);
+    // Cuts the power as soon as anything new happens, whose record begins with `why`. From any
+    // thread, without the board's lock.
+    void cutSoon(const char* why);
     void addWireByte(const WireByte&);
     // Called with every event from now on, on the thread that caused it. It must not wait.
     void onEvent(std::function<void(const Event&)>);
@@ -119,6 +123,8 @@ class Trace {
     void writeTraceEventJson(const std::filesystem::path&) const;
 
   private:
+    void record(Event);
+
     const Scheduler& mScheduler;
     Power& mPower;
     std::vector<Event> mEvents;
@@ -128,7 +134,8 @@ class Trace {
     uint64_t mCount = 0;
     std::optional<PowerCut> mCut;
     CutProbe mProbe;
-    bool mDue = false;
+    std::atomic<bool> mDue{false};
+    std::atomic<const char*> mWhy{nullptr};  // why power is cut from outside; null: it is not
 };
 
 const char* nameOf(EventKind);

@@ -20,7 +20,9 @@ Properties::Properties(BoardServices& board) : mBoard(board) {
 Properties::~Properties() = default;
 
 std::string_view Properties::find(std::string_view name, std::string_view fallback) const {
-    const auto found = mValues.find(name);
+    auto found = mOfThisRun.find(name);
+    if (found != mOfThisRun.end()) return found->second;
+    found = mValues.find(name);
     return found == mValues.end() || found->second.empty() ? fallback : found->second;
 }
 
@@ -37,6 +39,12 @@ void Properties::set(const std::string& name, const std::string& value) {
     std::string text;
     for (const auto& [key, kept] : mValues) text.append(key).append("=").append(kept).append("\n");
     mBoard.store->replace(kPropertiesFile, text);
+}
+
+void Properties::setForThisRun(const std::string& name, const std::string& value) {
+    Guard guard(boardLock());
+    mBoard.trace.add(EventKind::kProperty, name, value + ", for this run");
+    mOfThisRun[name] = value;
 }
 
 }  // namespace quil::board

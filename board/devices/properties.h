@@ -22,10 +22,14 @@ class Properties {
     std::string_view find(std::string_view name, std::string_view fallback) const;
     std::string get(const std::string& name, const std::string& fallback = "") const;
     void set(const std::string& name, const std::string& value);
+    // Stands before the kept value until the board is off.
+    void setForThisRun(const std::string& name, const std::string& value);
 
   private:
+    using Values = std::map<std::string, std::string, std::less<>>;
+
     BoardServices& mBoard;
-    std::map<std::string, std::string, std::less<>> mValues;
+    Values mValues, mOfThisRun;
 };
 
 }  // namespace quil::board

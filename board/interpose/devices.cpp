@@ -1,6 +1,7 @@
 // Terminal settings, and waiting for several descriptors at once.
 #include <errno.h>
 #include <stdlib.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <utility>
@@ -57,11 +58,25 @@ int countReady(Machine& machine, std::vector<pollfd>& entries) {
     return count;
 }
 
-// In real time nothing wakes the board for descriptors that are not its own: it polls them.
-std::optional<Nanos> nextLook(const Machine& machine, std::optional<Nanos> deadline) {
-    if (!machine.options.realtime) return deadline;
-    const Nanos look = machine.scheduler.now() + std::chrono::milliseconds(5);
-    return deadline ? std::min(*deadline, look) : look;
+// A pipe's other end is in this process; a terminal's or a socket's may be in another program.
+bool isOutside(const pollfd& entry) {
+    struct stat info {};
+    return fstat(entry.fd, &info) != 0 || !S_ISFIFO(info.st_mode);
+}
+
+// In real time nothing wakes the board for descriptors that are not its own: it polls them. A lent
+// device answers within a millisecond.
+Look nextLook(Machine& machine, const std::vector<pollfd>& entries) {
+    Look look;
+    if (!machine.options.realtime) return look;
+    bool isLent = false;
+    for (const pollfd& entry : entries) {
+        if (machine.openFile(entry.fd) != nullptr) continue;
+        look.isOutside = look.isOutside || isOutside(entry);
+        isLent = isLent || machine.lentDevices.isOpen(entry.fd);
+    }
+    look.at = machine.scheduler.now() + std::chrono::milliseconds(isLent ? 1 : 5);
+    return look;
 }
 
 int waitForAny(Machine& machine, std::vector<pollfd>& entries, std::optional<Nanos> timeout) {
@@ -72,7 +87,8 @@ int waitForAny(Machine& machine, std::vector<pollfd>& entries, std::optional<Nan
         const int count = countReady(machine, entries);
         if (count > 0 || poweredMachine() != &machine) return count;
         if (deadline && scheduler.now() >= *deadline) return 0;
-        scheduler.park("one of several descriptors", &machine, nextLook(machine, deadline));
+        scheduler.park("one of several descriptors", &machine, deadline,
+                       nextLook(machine, entries));
     }
 }
 

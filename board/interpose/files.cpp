@@ -90,6 +90,7 @@ int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::st
 
 int openLent(Machine& machine, OpenCall call, const char* path, int flags, mode_t mode) {
     Guard guard(boardLock());
+    if (machine.dead()) return failWith(EIO);
     const int fd = call(path, flags, mode);
     const int error = errno;
     if (fd >= 0) machine.lentDevices.opened(fd, path);
@@ -110,6 +111,11 @@ int openAnywhere(OpenCall call, const char* path, int flags, mode_t mode) {
 
 mode_t modeOf(int flags, va_list arguments) {
     return (flags & (O_CREAT | O_TMPFILE)) != 0 ? static_cast<mode_t>(va_arg(arguments, int)) : 0;
+}
+
+// A lent device goes on without the board's power, but nothing of the board reaches it any more.
+bool isCutOff(const Machine& machine, int fd) {
+    return machine.dead() && machine.lentDevices.isOpen(fd);
 }
 
 // A reader of an empty pipe or socket waits in board time, so that other threads get their turn.
@@ -292,6 +298,7 @@ QUIL_EXPORT ssize_t read(int fd, void* data, size_t count) {
             if (done < 0) machine->readFailed();
             return done;
         }
+        if (isCutOff(*machine, fd)) return failWith(EIO);
         waitForPipe(*machine, fd);
     }
     const ssize_t result = real().read(fd, data, count);
@@ -314,6 +321,7 @@ QUIL_EXPORT ssize_t write(int fd, const void* data, size_t count) {
     if (const OpenFile* file = machine->openFile(fd)) {
         return writeOnBoard(*machine, *file, fd, data, count);
     }
+    if (isCutOff(*machine, fd)) return failWith(EIO);
     const ssize_t result = real().write(fd, data, count);
     const int error = errno;
     machine->lentDevices.transferred(fd, EventKind::kUartTx, data, result);

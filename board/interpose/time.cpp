@@ -105,7 +105,7 @@ QUIL_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* time
 // therefore each yield waits for the next whole millisecond.
 QUIL_EXPORT int sched_yield() noexcept {
     Machine* machine = machineForTurns();
-    if (machine == nullptr) return real().sched_yield();
+    if (machine == nullptr || machine->options.realtime) return real().sched_yield();
     Guard guard(boardLock());
     Scheduler& scheduler = machine->scheduler;
     constexpr Nanos kStep = std::chrono::milliseconds(1);

@@ -159,6 +159,69 @@ TEST(BoardTimeDeathTest, WaitingForWhatCannotComeEndsWithAReport) {
         "board deadlock at 0.000000 s.*thread 0 waits for a condition");
 }
 
+quil::board::BoardOptions impatient() {
+    return {.realtime = true, .seed = 1, .standstill = {.after = milliseconds(2)}};
+}
+
+TEST(BoardTimeDeathTest, InRealTimeThreadsThatWaitForEachOtherAreReported) {
+    quil::tests::dieInAFreshProcess();
+    EXPECT_DEATH(
+        {
+            Board board(quil::board::Product::kHeron, impatient());
+            std::mutex first;
+            std::mutex second;
+            first.lock();
+            std::thread other([&] {
+                second.lock();
+                first.lock();
+            });
+            while (second.try_lock()) second.unlock();
+            second.lock();
+        },
+        "board deadlock at .* s: every thread waits and nothing is due"
+        ".*thread [01] waits for a mutex.*thread [01] waits for a mutex");
+}
+
+TEST(BoardTimeDeathTest, InRealTimeAThreadThatKeepsTheBoardsLockIsReported) {
+    quil::tests::dieInAFreshProcess();
+    EXPECT_DEATH(
+        {
+            auto options = impatient();
+            options.standstill.lockKept = milliseconds(2);
+            Board board(quil::board::Product::kHeron, options);
+            quil::board::boardLock().lock();
+            quil::board::Gate().wait();
+        },
+        "board deadlock at .* s: thread 0 keeps the board's lock.*thread 0 runs");
+}
+
+TEST(BoardTimeDeathTest, ReportOfAStandstillGoesToWhoAskedForIt) {
+    quil::tests::dieInAFreshProcess();
+    EXPECT_EXIT(
+        {
+            auto options = impatient();
+            options.standstill.tell = [](const std::string& report) {
+                fputs(("told: " + report).c_str(), stderr);
+                _exit(7);
+            };
+            Board board(quil::board::Product::kHeron, options);
+            std::mutex mutex;
+            std::condition_variable condition;
+            std::unique_lock<std::mutex> lock(mutex);
+            condition.wait(lock, [] { return false; });
+        },
+        testing::ExitedWithCode(7), "told: at .* s: every thread waits.*thread 0 waits for a cond");
+}
+
+TEST(BoardTime, InRealTimeAWaitWithADeadlineIsNoStandstill) {
+    Board board(quil::board::Product::kHeron, impatient());
+    std::mutex mutex;
+    std::condition_variable condition;
+    std::unique_lock<std::mutex> lock(mutex);
+    EXPECT_FALSE(condition.wait_for(lock, milliseconds(8), [] { return false; }));
+    board.runFor(milliseconds(5));
+}
+
 TEST(BoardTime, InRealTimeASleepTakesItsTime) {
     const Nanos start = realNow();
     Board board(quil::board::Product::kHeron, {.realtime = true, .seed = 1});

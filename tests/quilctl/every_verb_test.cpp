@@ -158,10 +158,11 @@ TEST_F(QuilctlEveryVerb, HasHelpWithAnExampleAndTheWayToTheGlobalOptions) {
 TEST(QuilctlExitCodes, AreATableInTheHelpAndInTheDocument) {
     const std::string help = quilctl({"--help"}).out;
     const std::string document = projectText("docs/quilctl.md");
-    int next = 0;
+    int last = -1;
     for (const tools::ExitCodeRow& row : tools::kExitCodes) {
         const std::string code = std::to_string(row.code);
-        EXPECT_EQ(row.code, next++) << "the table is in order and without gaps";
+        EXPECT_GT(row.code, last) << "the table is in order";
+        last = row.code;
         EXPECT_THAT(help, HasSubstr("  " + code + "  " + row.meaning + "\n"));
         EXPECT_THAT(document, HasSubstr("| " + code + " | `" + row.name + "` | " + row.meaning));
     }
@@ -239,7 +240,8 @@ std::string shell(const std::string& words) {
 TEST(QuilctlProgram, SaysWhyStandardOutputCannotBeWritten) {
     EXPECT_EQ(shell("get 1 2>&1 >/dev/full"),
               "quilctl: standard output cannot be written: No space left on device\ncode 5\n");
-    EXPECT_EQ(shell("get 1 2>&1 >&-"), "quilctl: standard output cannot be written\ncode 5\n");
+    EXPECT_EQ(shell("get 1 2>&1 >&-"),
+              "quilctl: standard output cannot be written: Bad file descriptor\ncode 5\n");
     EXPECT_EQ(shell("--help 2>&1 >/dev/full"),
               "quilctl: standard output cannot be written: No space left on device\ncode 5\n");
 }

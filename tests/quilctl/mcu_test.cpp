@@ -188,7 +188,7 @@ TEST_F(QuilctlMcu, ModelServesItsPartAtTheLinkUntilASignalComes) {
     });
     while (!fs::is_symlink(directory / "port")) std::this_thread::yield();
     EXPECT_TRUE(fs::is_character_file(directory / "port"));
-    kill(getpid(), SIGTERM);
+    tools::interrupt(SIGTERM);
     server.join();
     EXPECT_EQ(said.code, tools::kOk);
     EXPECT_THAT(said.err, HasSubstr("gd32f303 in its boot loader at /dev/pts/"));

@@ -14,6 +14,7 @@
 #include "board/core/whole_file.h"
 #include "isp/serial_port.h"
 #include "tools/quilctl/cli.h"
+#include "tools/quilctl/session/interruption.h"
 
 namespace quil::tests {
 
@@ -32,6 +33,7 @@ inline Said runProgram(const tools::Program& program, const std::vector<std::str
     const int code =
         tools::run(program, static_cast<int>(argv.size()), argv.data(), {in, out, err, false});
     fd = -1;  // as freshly loaded: a session leaves its port's number there
+    tools::forgetInterruption();
     return {code, out.str(), err.str()};
 }
 

@@ -177,6 +177,29 @@ std::vector<Failure> failuresOf(const std::function<void()>& command) {
 }
 
 bool isLost(const Failure& failure) { return failure.code() == kNoBoard; }
+bool isInterruption(const Failure& failure) { return failure.code() >= kHungUp; }
+
+// As a shell takes it.
+std::string typed(int argc, const char* const* argv) {
+    std::string line = "quilctl";
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        const bool isPlain =
+            !word.empty() &&
+            word.find_first_not_of(
+                "abcdefghijklmnopqrstuvwxyzABCDEFGHIJKLMNOPQRSTUVWXYZ0123456789_@%+=:,./-") ==
+                std::string::npos;
+        line += ' ';
+        if (isPlain) {
+            line += word;
+            continue;
+        }
+        line += '\'';
+        for (const char c : word) line += c == '\'' ? "'\\''" : std::string(1, c);
+        line += '\'';
+    }
+    return line;
+}
 
 int runAndPrint(const Program& program, int argc, const char* const* argv, const Streams& streams) {
     const bool asJson = std::any_of(argv, argv + argc,
@@ -186,10 +209,14 @@ int runAndPrint(const Program& program, int argc, const char* const* argv, const
     Cli cli{{}, {streams.in, notes, streams.styled, streams.progress, late}, program.connect, {}};
     CLI::App app(program.purpose, "quilctl");
     build(program, app, cli);
+    cli.options.commandLine = typed(argc, argv);
     Result result(asJson ? nullptr : &streams.out);
     auto failures = failuresOf([&] { perform(app, argc, argv, cli, result); });
-    // The result is dropped: what it says was not stored.
-    if (std::any_of(late.begin(), late.end(), isLost)) {
+    // What fails after an interruption fails because of it.
+    const auto other = std::stable_partition(late.begin(), late.end(), isInterruption);
+    if (other != late.begin()) failures.clear();
+    // The result is dropped: what it says was not stored, or not reached.
+    if (other != late.begin() || std::any_of(late.begin(), late.end(), isLost)) {
         result.text.str("");
         result.json.clear();
     }

@@ -50,6 +50,7 @@ struct Options {
     bool realtime = false;
     bool json = false;
     bool quiet = false;
+    std::string commandLine;  // as typed, to be typed again
 };
 
 // What the parser leaves behind: the options, and what the chosen command will do.

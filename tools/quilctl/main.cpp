@@ -1,3 +1,4 @@
+#include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -7,8 +8,18 @@
 #include <iostream>
 
 #include "tools/quilctl/cli.h"
+#include "tools/quilctl/session/interruption.h"
 
 namespace {
+
+// A standard output that the caller has closed.
+class ClosedOutput : public std::streambuf {
+  protected:
+    int_type overflow(int_type /*character*/) override {
+        errno = EBADF;
+        return traits_type::eof();
+    }
+};
 
 // A standard stream that the caller has closed would give its number to a device of the board.
 void holdStandardDescriptors() {
@@ -20,15 +31,23 @@ void holdStandardDescriptors() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    signal(SIGPIPE, SIG_IGN);  // writing to a closed pipe then fails with EPIPE, which is reported
+    // Writing to a closed pipe, or beyond the limit of a file's size, then fails and is reported.
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
     // Answers go out on a descriptor of their own: the library prints its progress on descriptor 1,
     // and that is turned away while a board is powered.
     const int answers = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     holdStandardDescriptors();
+    quil::tools::watchForInterruption();
     __gnu_cxx::stdio_filebuf<char> buffer(answers, std::ios::out);
+    ClosedOutput closed;
     std::ostream out(&buffer);
+    if (answers < 0) out.rdbuf(&closed);
+    quil::tools::InterruptibleInput input(STDIN_FILENO);
+    std::istream in(&input);
+    in.exceptions(std::ios::badbit);  // throws on what the input throws
     const bool styled = isatty(STDOUT_FILENO) != 0 && getenv("NO_COLOR") == nullptr;
     const bool progress = isatty(STDERR_FILENO) != 0;
     return quil::tools::run(quil::tools::kBoardProgram, argc, argv,
-                            {std::cin, out, std::cerr, styled, progress});
+                            {in, out, std::cerr, styled, progress});
 }

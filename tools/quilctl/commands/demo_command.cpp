@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <exception>
 #include <thread>
 
 #include "config/config_info.h"
@@ -66,6 +67,7 @@ class Demo {
 
 void Demo::row(const std::string& step, const std::string& link, const std::string& client,
                bool ok) {
+    if (mSession.board().powerIsCut()) return;
     const double now = secondsOf(mSession.board().now());
     char line[160];
     snprintf(line, sizeof(line), "%10.6f s  %-30s %-26s %-16s ", now, step.c_str(), link.c_str(),
@@ -80,6 +82,7 @@ void Demo::row(const std::string& step, const std::string& link, const std::stri
 
 // A line that is printed at once: in real time the demo takes a minute.
 void Demo::note(const std::string& text) {
+    if (mSession.board().powerIsCut()) return;
     mResult.text << text;
     mResult.show();
 }
@@ -123,17 +126,25 @@ void Demo::boot() {
         before == kOlderVersion);
     const std::string imageBefore = board.fpga().version();
     board.properties().set(fpga::kUpdateProperty, "1");
+    std::exception_ptr failure;  // of the client
     std::jthread client;
     host::BootJobs jobs;
     jobs.loadFpga = true;
     jobs.letClientsIn = [&](const auto&) {
         linkUp();
-        client = std::jthread([this] { firmwareUpdate(); });
+        client = std::jthread([this, &failure] {
+            try {
+                firmwareUpdate();
+            } catch (...) {
+                failure = std::current_exception();
+            }
+        });
         return true;
     };
     jobs.onStep = [&](host::BootStep step) {
         if (step != host::BootStep::kMcu) return;
         client.join();  // so that two threads do not print at once
+        if (failure) std::rethrow_exception(failure);
         board.runFor(kMcuStart);
         mcuUpdated(before);
     };

@@ -1,57 +1,19 @@
 // A part's boot loader behind a pseudo terminal.
-#include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
 #include <ostream>
 
 #include "board/mcu/pty_bridge.h"
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/validators.h"
+#include "tools/quilctl/session/interruption.h"
 
 namespace quil::tools {
 namespace {
 
 struct ModelArguments {
     std::string chip, link, flash;
-};
-
-std::atomic<board::PtyBridge*> gServing{nullptr};
-std::atomic<bool> gStopped{false};
-
-void stopServing(int) {
-    gStopped = true;
-    if (board::PtyBridge* bridge = gServing) bridge->stop();
-}
-
-// Ends the bridge at an interrupt or a termination, for as long as it lives.
-class StoppedBySignals {
-  public:
-    StoppedBySignals() {
-        gStopped = false;
-        struct sigaction stopping {};
-        stopping.sa_handler = stopServing;
-        sigaction(SIGINT, &stopping, &mFormerInterrupt);
-        sigaction(SIGTERM, &stopping, &mFormerTermination);
-    }
-    ~StoppedBySignals() {
-        gServing = nullptr;
-        sigaction(SIGINT, &mFormerInterrupt, nullptr);
-        sigaction(SIGTERM, &mFormerTermination, nullptr);
-    }
-    StoppedBySignals(const StoppedBySignals&) = delete;
-    StoppedBySignals& operator=(const StoppedBySignals&) = delete;
-
-    // A signal that came before there was anything to stop counts as well.
-    void watchOver(board::PtyBridge& bridge) {
-        gServing = &bridge;
-        if (gStopped) bridge.stop();
-    }
-
-  private:
-    struct sigaction mFormerInterrupt {
-    }, mFormerTermination{};
 };
 
 // The part's flash, forgotten in the end when the caller names no file for it.
@@ -79,13 +41,12 @@ class FlashFile {
 void model(const Cli& cli, const ModelArguments& arguments, Result& result) {
     const board::McuPart* part = board::partNamedIn(arguments.chip);
     if (part == nullptr) throw Failure(kUsage, "there is no part " + arguments.chip);
-    StoppedBySignals signals;
     const FlashFile flash(arguments.flash);
     board::PtyBridge bridge({.part = part->kind,
                              .flash = flash.path(),
                              .link = arguments.link,
                              .realtime = cli.options.realtime});
-    signals.watchOver(bridge);
+    const StopsAtInterruption stops([&bridge] { bridge.stop(); });
     cli.console.err << part->name << " in its boot loader at " << bridge.port()
                     << ", ends with Ctrl-C\n";
     bridge.run();
@@ -106,7 +67,8 @@ void addMcuModelCommand(CLI::App& mcu, Cli& cli) {
         mcu, cli,
         {"model", "Put a part's boot loader behind a pty",
          "With --realtime the line and the flash take their time. A pty carries no parity.\n"
-         "Exit code 1 when the boot loader refused something as against its protocol.\n"
+         "Ctrl-C and a termination are its normal end. Exit code 1 when the boot loader refused\n"
+         "something as against its protocol.\n"
          "Examples: quilctl mcu model --chip gd32f303 --pty /tmp/mcu &\n"
          "          stm32flash -m 8n1 -b 115200 -w image.bin -v /tmp/mcu\n"
          "          quilctl mcu program --chip gd32f303 --port /tmp/mcu image.bin"},

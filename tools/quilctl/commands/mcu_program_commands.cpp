@@ -61,6 +61,8 @@ class ProgrammingSession {
             cli.console.err << "MCU_BOOT0 is not wired: the MCU has to be in its boot loader\n";
         }
         mLent.emplace(board(), mPort, arguments.wiring);
+        mSession.setLeftOutside("the MCU behind " + mPort +
+                                " may be half programmed, and wait in its boot loader");
     }
 
     board::Board& board() { return mSession.board(); }

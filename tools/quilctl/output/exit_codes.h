@@ -13,6 +13,9 @@ enum ExitCode : int {
     kNoBoard = 4,
     kNotWritten = 5,
     kInternal = 6,
+    kHungUp = 129,  // as a shell numbers a signal
+    kInterrupted = 130,
+    kTerminated = 143,
 };
 
 struct ExitCodeRow {
@@ -20,14 +23,17 @@ struct ExitCodeRow {
     const char* name;
     const char* meaning;
 };
-inline constexpr std::array<ExitCodeRow, 7> kExitCodes = {{
+inline constexpr std::array<ExitCodeRow, 10> kExitCodes = {{
     {kOk, "ok", "done"},
     {kFailed, "failed", "no answer, a part in error, or a step that failed"},
     {kUsage, "usage", "wrong command line, or a named file that is not there"},
     {kBadData, "bad_data", "a file, a frame or an image with something wrong in it"},
     {kNoBoard, "no_board", "the board or its service cannot be used"},
     {kNotWritten, "not_written", "an output cannot be written: a file, --trace, standard output"},
-    {kInternal, "internal", "a defect of quilctl itself"},
+    {kInternal, "internal", "a defect of quilctl itself, or no memory"},
+    {kHungUp, "hung_up", "its terminal went away (SIGHUP); as 130"},
+    {kInterrupted, "interrupted", "Ctrl-C (SIGINT): the board stopped as at a power cut"},
+    {kTerminated, "terminated", "ended from outside (SIGTERM); as 130"},
 }};
 
 }  // namespace quil::tools

@@ -14,7 +14,7 @@ constexpr int kSchema = 1;  // docs/quilctl.md describes it
 const ExitCodeRow& rowOf(ExitCode code) {
     const auto row = std::find_if(kExitCodes.begin(), kExitCodes.end(),
                                   [code](const ExitCodeRow& one) { return one.code == code; });
-    return row == kExitCodes.end() ? kExitCodes.back() : *row;
+    return row == kExitCodes.end() ? kExitCodes.at(kInternal) : *row;
 }
 
 std::string messagesOf(const std::vector<Failure>& failures) {

@@ -5,11 +5,15 @@
 #include <stdio.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <ostream>
 #include <stdexcept>
 
+#include "board/core/bytes.h"
 #include "board/core/kept_store.h"
+#include "board/core/whole_file.h"
+#include "board/fpga/fpga_image.h"
 #include "board/mcu/mcu_fitting.h"
 
 namespace quil::tools {
@@ -23,6 +27,18 @@ void writeTrace(const board::Trace& trace, const std::filesystem::path& file) {
     } else {
         trace.writeText(file);
     }
+}
+
+// What a board that lost its power has in its memories.
+std::string stateOf(const std::filesystem::path& directory, bool touchedFpgaFlash) {
+    const std::string mcu = board::checkFlashedMcu(directory).problem;
+    if (!mcu.empty()) return "the MCU's flash is half done (" + mcu + ")";
+    if (touchedFpgaFlash) {
+        const std::string cells = board::readWholeFile(directory / "mtd0").value_or("");
+        const std::string fpga = board::checkFpgaImage(board::bytesOf(cells)).problem;
+        if (!fpga.empty()) return "the FPGA's flash is half done (" + fpga + ")";
+    }
+    return "no memory of the board is half done";
 }
 
 }  // namespace
@@ -49,8 +65,11 @@ TemporaryBoard::TemporaryBoard(board::Product product) {
 
 BoardSession::BoardSession(const Options& options, const Console& console, bool showLog)
     : mOptions(options), mConsole(console), mBoard(powerOn()) {
+    mStops.emplace([board = mBoard.get()] { board->cutPowerSoon("cut by an interruption"); });
     if (showLog || !options.logLevel.empty()) showLogLines();
-    applyLogLevel();
+    if (!options.logLevel.empty()) {
+        mBoard->properties().setForThisRun(kLogLevelProperty, options.logLevel);
+    }
     mHost.emplace();
 }
 
@@ -72,12 +91,38 @@ std::unique_ptr<board::Board> BoardSession::powerOn() {
 }
 
 BoardSession::~BoardSession() {
-    finish();
+    mHost.reset();
+    if (!mOptions.traceFile.empty()) saveTrace();
+    const bool isInterrupted = interruption() != 0 && mBoard->powerIsCut();
+    const board::Nanos at = mBoard->now();
+    const auto touched = mBoard->trace().events(board::EventKind::kFlash);
+    const bool touchedFpgaFlash = std::any_of(touched.begin(), touched.end(), [](const auto& one) {
+        return one.source == board::kFlashDevice;
+    });
+    mStops.reset();
     mBoard.reset();
     const std::string unkept = board::takeKeepFailure();
     if (!unkept.empty()) {
         mConsole.lateFailures.emplace_back(kNoBoard, "the board's state is lost: " + unkept);
     }
+    if (!isInterrupted) return;
+    mConsole.lateFailures.emplace_back(exitCodeOf(interruption()),
+                                       toldOfInterruption(at, touchedFpgaFlash));
+}
+
+// One line: when, what is half done, and how to go on.
+std::string BoardSession::toldOfInterruption(board::Nanos at, bool touchedFpgaFlash) const {
+    char text[64];
+    snprintf(text, sizeof(text), " at %.3f s of board time: ", secondsOf(at));
+    std::string told = wordFor(interruption()) + std::string(text);
+    if (!mLeftOutside.empty()) {
+        told += mLeftOutside;
+    } else if (mTemporary) {
+        told += "its board was a temporary one, nothing is left of it";
+    } else {
+        told += stateOf(mOptions.boardDirectory, touchedFpgaFlash);
+    }
+    return told + "; to do it again: " + mOptions.commandLine;
 }
 
 void BoardSession::showLogLines() {
@@ -86,19 +131,6 @@ void BoardSession::showLogLines() {
         const bool ended = !event.text.empty() && event.text.back() == '\n';
         err << "log: " << event.text << (ended ? "" : "\n");
     });
-}
-
-// The level is for this run only, although the board keeps its properties.
-void BoardSession::applyLogLevel() {
-    if (mOptions.logLevel.empty()) return;
-    mFormerLevel = mBoard->properties().get(kLogLevelProperty, "E");
-    mBoard->properties().set(kLogLevelProperty, mOptions.logLevel);
-}
-
-void BoardSession::finish() {
-    mHost.reset();
-    if (!mFormerLevel.empty()) mBoard->properties().set(kLogLevelProperty, mFormerLevel);
-    if (!mOptions.traceFile.empty()) saveTrace();
 }
 
 void BoardSession::saveTrace() {

@@ -9,6 +9,7 @@
 #include "board/core/temporary_directory.h"
 #include "host/hosting_component.h"
 #include "tools/quilctl/cli.h"
+#include "tools/quilctl/session/interruption.h"
 #include "tools/quilctl/session/service_session.h"
 
 namespace quil::tools {
@@ -35,11 +36,14 @@ class QuietStandardOutput {
 class TemporaryBoard : public board::TemporaryDirectory {
   public:
     explicit TemporaryBoard(board::Product product);  // throws std::runtime_error
+
+  private:
+    const Leftover mLeftover{path()};
 };
 
-// A powered board as the options ask for it. Log lines go to the error stream as they come. At the
-// end the trace is written; that, or a state of the board, that could not be written makes the
-// command fail.
+// A powered board as the options ask for it. Log lines go to the error stream as they come. An
+// interruption cuts its power. At the end the trace is written; that, or a state of the board, that
+// could not be written makes the command fail.
 class BoardSession : public ServiceSession {
   public:
     BoardSession(const Options& options, const Console& console,
@@ -53,6 +57,9 @@ class BoardSession : public ServiceSession {
     // The last error message of the library from its log line number `since` on; "" without one.
     std::string lastError(size_t since = 0) const;
 
+    // What an interruption leaves behind outside of the board, for the line that tells of it.
+    void setLeftOutside(std::string text) { mLeftOutside = std::move(text); }
+
     // Throws std::runtime_error when it does not come up. Boot jobs have commands of their own: a
     // request should not reprogram the MCU.
     void startService(const host::BootJobs& jobs = {.updateMcu = false});
@@ -61,16 +68,16 @@ class BoardSession : public ServiceSession {
     std::unique_ptr<board::Board> powerOn();
     void saveTrace();
     void showLogLines();
-    void applyLogLevel();
-    void finish();
+    std::string toldOfInterruption(board::Nanos at, bool touchedFpgaFlash) const;
 
     const Options mOptions;
     const Console& mConsole;
     QuietStandardOutput mQuiet;
     std::optional<TemporaryBoard> mTemporary;
     std::unique_ptr<board::Board> mBoard;
+    std::optional<StopsAtInterruption> mStops;
     std::optional<host::HostingComponent> mHost;
-    std::string mFormerLevel;
+    std::string mLeftOutside;
 };
 
 }  // namespace quil::tools

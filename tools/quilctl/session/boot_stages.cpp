@@ -84,6 +84,7 @@ class BootStages::Watch {
     }
 
     void end(const std::string& name, bool ok, const std::string& said) {
+        if (mBoard.powerIsCut()) return;
         const auto now = mBoard.now();
         mStages.push_back({name, mEnded, now, ok, said});
         mEnded = now;
@@ -117,20 +118,16 @@ class BootStages::Watch {
 };
 
 BootStages::BootStages(BoardSession& session, const Console& console)
-    : mSession(session),
-      mFormerLevel(session.board().properties().get(kLogLevelProperty, "E")),
-      mWatch(std::make_shared<Watch>(session.board(), console.err)) {
-    if (mFormerLevel.front() != 'D') {
-        session.board().properties().set(kLogLevelProperty, "I");
+    : mWatch(std::make_shared<Watch>(session.board(), console.err)) {
+    auto& properties = session.board().properties();
+    if (properties.get(kLogLevelProperty, "E").front() != 'D') {
+        properties.setForThisRun(kLogLevelProperty, "I");
     }
     session.board().trace().onEvent(
         [watch = mWatch](const board::Event& event) { watch->see(event); });
 }
 
-BootStages::~BootStages() {
-    mWatch->turnOff();
-    mSession.board().properties().set(kLogLevelProperty, mFormerLevel);
-}
+BootStages::~BootStages() { mWatch->turnOff(); }
 
 void BootStages::end(const std::string& name, bool ok, const std::string& said) {
     mWatch->end(name, ok, said.empty() ? mWatch->error() : said);

@@ -21,7 +21,7 @@ struct BootStage {
 // back to back: each begins where the one before it ended. Each is shown on the error stream as it
 // ends.
 //
-// The library tells its progress at information level, which this sets for as long as it lives.
+// The library tells its progress at information level, which this sets for this run.
 class BootStages {
   public:
     BootStages(BoardSession& session, const Console& console);
@@ -38,8 +38,6 @@ class BootStages {
 
   private:
     class Watch;
-    BoardSession& mSession;
-    const std::string mFormerLevel;
     const std::shared_ptr<Watch> mWatch;  // the trace keeps its listeners
 };
 

@@ -1,0 +1,181 @@
+#include "tools/quilctl/session/interruption.h"
+
+#include <errno.h>
+#include <poll.h>
+#include <signal.h>
+#include <string.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <atomic>
+#include <thread>
+#include <vector>
+
+#include "board/core/lock.h"
+#include "board/core/real_calls.h"
+
+namespace quil::tools {
+namespace {
+
+struct SignalRow {
+    int signal;
+    ExitCode code;
+    const char* word;
+};
+constexpr std::array<SignalRow, 3> kSignals = {{
+    {SIGINT, kInterrupted, "interrupted"},
+    {SIGTERM, kTerminated, "terminated"},
+    {SIGHUP, kHungUp, "hung up"},
+}};
+
+const SignalRow& rowOf(int signal) {
+    const auto* row = std::find_if(kSignals.begin(), kSignals.end(),
+                                   [signal](const SignalRow& one) { return one.signal == signal; });
+    return row == kSignals.end() ? kSignals.front() : *row;
+}
+
+// How long a command may take to its end; then nothing but its end helps.
+constexpr time_t kPatienceS = 10;
+
+// Never destroyed: the thread that waits for signals outlives main.
+struct State {
+    board::Gate free;  // locks what follows; the program's mutexes belong to the board's time
+    std::atomic<int> signal{0};
+    const std::function<void()>* stop = nullptr;
+    std::vector<std::filesystem::path> leftovers;
+    const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);  // readable after an interruption
+
+    State() { free.open(); }
+};
+
+State& state() {
+    static State* state = new State;
+    return *state;
+}
+
+class Locked {
+  public:
+    Locked() { state().free.wait(); }
+    ~Locked() { state().free.open(); }
+    Locked(const Locked&) = delete;
+    Locked& operator=(const Locked&) = delete;
+};
+
+sigset_t watchedSignals() {
+    sigset_t set;
+    sigemptyset(&set);
+    for (const SignalRow& row : kSignals) {
+        struct sigaction now {};
+        sigaction(row.signal, nullptr, &now);
+        if (now.sa_handler != SIG_IGN) sigaddset(&set, row.signal);
+    }
+    return set;
+}
+
+[[noreturn]] void endAtOnce(int first, int second, const sigset_t& signals) {
+    removeLeftovers();
+    if (second > 0) {
+        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+        raise(second);
+    }
+    const std::string text = std::string("quilctl: ") + wordFor(first) + ", and not at an end " +
+                             std::to_string(kPatienceS) + " s later: ended\n";
+    [[maybe_unused]] const auto told = board::real().write(STDERR_FILENO, text.data(), text.size());
+    _exit(exitCodeOf(first));
+}
+
+void waitForSignals(const sigset_t& signals) {
+    int first = 0;
+    while (sigwait(&signals, &first) != 0) {
+    }
+    interrupt(first);
+    const timespec patience{kPatienceS, 0};
+    int second = -1;
+    do {
+        second = sigtimedwait(&signals, nullptr, &patience);
+    } while (second < 0 && errno == EINTR);
+    endAtOnce(first, second, signals);
+}
+
+}  // namespace
+
+void watchForInterruption() {
+    state();
+    const sigset_t signals = watchedSignals();
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    std::thread(waitForSignals, signals).detach();
+    for (const SignalRow& row : kSignals) {  // what a second one does, once it is let through
+        if (sigismember(&signals, row.signal) == 1) signal(row.signal, SIG_DFL);
+    }
+}
+
+int interruption() { return state().signal; }
+
+void interrupt(int signal) {
+    const Locked locked;
+    State& now = state();
+    if (now.signal != 0) return;
+    now.signal = signal;
+    const uint64_t once = 1;
+    [[maybe_unused]] const auto told = board::real().write(now.wake, &once, sizeof(once));
+    if (now.stop != nullptr) (*now.stop)();
+}
+
+void forgetInterruption() {
+    const Locked locked;
+    uint64_t count = 0;
+    state().signal = 0;
+    [[maybe_unused]] const auto read = board::real().read(state().wake, &count, sizeof(count));
+}
+
+ExitCode exitCodeOf(int signal) { return rowOf(signal).code; }
+const char* wordFor(int signal) { return rowOf(signal).word; }
+
+StopsAtInterruption::StopsAtInterruption(std::function<void()> stop) : mStop(std::move(stop)) {
+    const Locked locked;
+    state().stop = &mStop;
+    if (state().signal != 0) mStop();
+}
+
+StopsAtInterruption::~StopsAtInterruption() {
+    const Locked locked;
+    state().stop = nullptr;
+}
+
+Leftover::Leftover(std::filesystem::path path) : mPath(std::move(path)) {
+    const Locked locked;
+    state().leftovers.push_back(mPath);
+}
+
+Leftover::~Leftover() {
+    const Locked locked;
+    auto& all = state().leftovers;
+    all.erase(std::find(all.begin(), all.end(), mPath));
+}
+
+void removeLeftovers() {
+    const Locked locked;
+    std::error_code ignored;
+    for (const auto& path : state().leftovers) std::filesystem::remove_all(path, ignored);
+}
+
+InterruptibleInput::int_type InterruptibleInput::underflow() {
+    pollfd sources[] = {{mDescriptor, POLLIN, 0}, {state().wake, POLLIN, 0}};
+    while (board::real().poll(sources, 2, -1) < 0 && errno == EINTR) {
+    }
+    if (const int signal = interruption()) {
+        throw Failure(exitCodeOf(signal), std::string(wordFor(signal)) +
+                                              " while it waited for standard input: nothing done");
+    }
+    const ssize_t count = board::real().read(mDescriptor, mBytes, sizeof(mBytes));
+    if (count < 0) {
+        throw failureOf(kBadData, "standard input cannot be read", errno);
+    }
+    if (count == 0) return traits_type::eof();
+    setg(mBytes, mBytes, mBytes + count);
+    return traits_type::to_int_type(mBytes[0]);
+}
+
+}  // namespace quil::tools
