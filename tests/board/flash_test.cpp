@@ -15,7 +15,6 @@ using std::chrono::microseconds;
 using std::chrono::milliseconds;
 using testing::Each;
 using testing::ElementsAre;
-using testing::IsEmpty;
 
 class BoardFlash : public testing::Test {
   protected:

@@ -7,7 +7,6 @@ namespace {
 using namespace quil::board;
 using testing::Each;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::IsEmpty;
 
 class Stm32BootLoader : public BoardBootLoaderTest {

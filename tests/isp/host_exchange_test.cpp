@@ -14,7 +14,6 @@ namespace quil::tests {
 namespace {
 
 using board::McuKind;
-using testing::HasSubstr;
 
 constexpr size_t kImageSize = 8192;
 
