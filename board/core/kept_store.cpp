@@ -16,9 +16,13 @@ void KeptStore::replace(const std::string& name, std::string_view content) {
     try {
         DirectoryStore::replace(name, content);
     } catch (const std::runtime_error& error) {
-        const std::lock_guard guard(keepLock);
-        if (keepFailure.empty()) keepFailure = error.what();
+        rememberKeepFailure(error.what());
     }
+}
+
+void rememberKeepFailure(const std::string& why) {
+    const std::lock_guard guard(keepLock);
+    if (keepFailure.empty()) keepFailure = why;
 }
 
 std::string takeKeepFailure() {

@@ -14,6 +14,8 @@ class KeptStore : public DirectoryStore {
     void replace(const std::string& name, std::string_view content) override;
 };
 
+// For destructors, which cannot throw.
+void rememberKeepFailure(const std::string& why);
 // What first could not be written since the last call; "" when all was. It outlives the board,
 // whose last writes are those of its destruction.
 std::string takeKeepFailure();

@@ -20,6 +20,33 @@ constexpr int32_t kNobodyAnswers = 1;  // what the closed library returns for an
 
 std::string codecName(int32_t index) { return kCodecs + ("." + std::to_string(index)); }
 
+template <typename State, size_t kCount>
+std::string listOf(const State (&states)[kCount]) {
+    std::string text;
+    for (const State state : states)
+        text += (text.empty() ? "" : ", ") + std::string(nameOf(state));
+    return text;
+}
+
+template <typename State, size_t kCount>
+bool isOneOf(const State (&states)[kCount], const std::string& text) {
+    return std::any_of(std::begin(states), std::end(states),
+                       [&](State state) { return text == nameOf(state); });
+}
+
+// What is wrong with a line of the file; empty: nothing.
+std::string problemOf(const std::string& name, const std::string& state) {
+    if (name == kCardName) {
+        return isOneOf(kCards, state) ? "" : "the card is one of " + listOf(kCards);
+    }
+    if (!Probes::isPart(name)) {
+        std::string text = "no such part; there are ";
+        for (const char* part : kProbedParts) text += std::string(part) + ", ";
+        return text + codecName(0) + " .., " + kCardName;
+    }
+    return isOneOf(kHealths, state) ? "" : "a part is one of " + listOf(kHealths);
+}
+
 // The state with that name; the first one if there is none.
 template <typename State, size_t kCount>
 State stateNamed(const State (&states)[kCount], const std::string& text) {
@@ -58,10 +85,19 @@ const char* nameOf(SdCard card) {
 
 Probes::Probes(BoardServices& board, int codecs) : mBoard(board), mCodecs(codecs) {
     std::istringstream lines(mBoard.store->read(kPartsFile).value_or(""));
+    int number = 0;
     for (std::string line; std::getline(lines, line);) {
+        ++number;
         std::istringstream words(line);
-        std::string name, equals, state;
-        if (words >> name >> equals >> state && equals == "=") mStates[name] = state;
+        std::string name, equals, state, more;
+        if (!(words >> name)) continue;
+        const bool isWhole = words >> equals >> state && equals == "=" && !(words >> more);
+        const std::string wrong = isWhole ? problemOf(name, state) : "not \"name = state\"";
+        if (!wrong.empty()) {
+            throw std::runtime_error("the board's file " + std::string(kPartsFile) + ", line " +
+                                     std::to_string(number) + ": '" + line + "': " + wrong);
+        }
+        mStates[name] = state;
     }
 }
 

@@ -7,6 +7,7 @@
 #include <utility>
 
 #include "board/core/bytes.h"
+#include "board/core/kept_store.h"
 
 namespace quil::board {
 namespace {
@@ -38,7 +39,7 @@ McuFlash::~McuFlash() {
     try {
         save();
     } catch (const std::exception& error) {
-        fprintf(stderr, "board: %s\n", error.what());
+        rememberKeepFailure(error.what());
     }
 }
 

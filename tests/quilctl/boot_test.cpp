@@ -120,12 +120,33 @@ INSTANTIATE_TEST_SUITE_P(
     });
 
 TEST_F(QuilctlBoot, SeveralFaultsGoTogetherAndOneThatNothingMetIsNamed) {
-    const Said said = quilctl({"boot", "--fault", "ddr,clock", "--fault", "erase"});
+    const Said said = quilctl({"boot", "--fault", "ddr,clock"});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, ContainsRegex("FPGA memory .* FAILED"));
     EXPECT_THAT(said.out, ContainsRegex("network .* FAILED"));
-    EXPECT_THAT(said.err,
-                HasSubstr("quilctl: nothing in this run has come across the fault 'erase'\n"));
+    EXPECT_THAT(quilctl({"boot", "--fault", "done", "--fault", "screen"}).err,
+                HasSubstr("quilctl: nothing in this run has come across the fault 'screen'\n"));
+}
+
+TEST_F(QuilctlBoot, FaultThatTheProductsBootNeverMeetsIsRefusedWithThoseThatItMeets) {
+    const auto met = [](const tools::Words& words) {
+        const std::string said = quilctl(words).err;
+        const size_t at = said.find("it does across ");
+        return at == std::string::npos ? said : said.substr(at + 15);
+    };
+    EXPECT_EQ(met({"boot", "--fault", "driver"}),
+              "done, ddr, ddr-late, clock, negotiation, link, link-late, spi, screen, phy\n");
+    EXPECT_EQ(met({"boot", "--update-fpga", "--fault", "ddr-late"}),
+              "page, done, ddr, clock, negotiation, link, link-late, erase, program, spi, screen, "
+              "phy, udp\n");
+    EXPECT_EQ(met({"--product", "Kestrel", "fpga", "load", "--fault", "ddr,done"}),
+              "done, screen, driver, screen-udp\n");
+    EXPECT_EQ(met({"--product", "Wren_t507", "boot", "--fault", "done"}), "screen, parameters\n");
+    EXPECT_EQ(met({"--product", "Wren_t507", "boot", "--update-fpga", "--fault", "link"}),
+              "page, done, erase, program, screen, update, parameters\n");
+    const Said said = quilctl({"boot", "--fault", "erase,ddr"});
+    EXPECT_EQ(said.code, tools::kUsage);
+    EXPECT_THAT(said.err, HasSubstr("--fault erase: a Heron without an update does not come"));
 }
 
 TEST_F(QuilctlBoot, FaultIsOfOneRunAndNotOfTheBoard) {

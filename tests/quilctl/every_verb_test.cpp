@@ -4,6 +4,7 @@
 #include <stdlib.h>
 
 #include <filesystem>
+#include <set>
 #include <streambuf>
 
 #include "testing/build.h"
@@ -141,6 +142,48 @@ TEST_F(QuilctlEveryVerb, FailsWhenTheTraceOfItsBoardCannotBeWritten) {
     });
 }
 
+// An option of a board, and the commands that take it although they power none.
+struct BoardOptionCase {
+    Words option;
+    std::set<std::string> takenBy;
+};
+
+TEST_F(QuilctlEveryVerb, RefusesTheOptionsOfABoardThatHaveNoEffectOnIt) {
+    const BoardOptionCase options[] = {
+        {{"--board", path("none")}, {"board show", "config check"}},
+        {{"--product", "Kestrel"}, {"board new"}},
+        {{"--trace", path("t.txt")}, {}},
+        {{"--log-level", "D"}, {}},
+        {{"--seed", "7"}, {}},
+        {{"--realtime"}, {"mcu model"}},
+    };
+    forEach([&](const Words& verb, const VerbCase& row) {
+        if (row.powersBoard) return;
+        for (const auto& [option, takenBy] : options) {
+            if (takenBy.count(textOf(verb)) != 0) continue;
+            const Said said = quilctl(option + verb + row.arguments);
+            EXPECT_EQ(said.code, tools::kUsage) << option.front();
+            EXPECT_THAT(said.err,
+                        HasSubstr("quilctl: " + option.front() + ": no effect on " + textOf(verb)));
+        }
+    });
+}
+
+// The trace's first line has the seed, and its last one the time.
+TEST_F(QuilctlEveryVerb, TakesEachOptionOfABoardThatItPowers) {
+    const std::string trace = path("t.txt");
+    forEach([&](const Words& verb, const VerbCase& row) {
+        if (!row.powersBoard) return;
+        EXPECT_EQ(quilctl(Words{"--board", path("none")} + verb + row.arguments).code,
+                  tools::kNoBoard);
+        const Said said = quilctl(Words{"--seed", "7", "--trace", trace, "--log-level", "D"} +
+                                  verb + row.arguments);
+        EXPECT_EQ(said.code, row.code);
+        EXPECT_THAT(board::readWholeFile(trace).value_or(""), HasSubstr("board: on, seed 7\n"));
+        EXPECT_THAT(said.err, HasSubstr("log: "));
+    });
+}
+
 TEST_F(QuilctlEveryVerb, HasHelpWithAnExampleAndTheWayToTheGlobalOptions) {
     for (const tools::Program* program : {&tools::kBoardProgram, &tools::kDeviceProgram}) {
         for (const Words& verb : tools::verbsOf(*program)) {
@@ -244,6 +287,24 @@ TEST(QuilctlProgram, SaysWhyStandardOutputCannotBeWritten) {
               "quilctl: standard output cannot be written: Bad file descriptor\ncode 5\n");
     EXPECT_EQ(shell("--help 2>&1 >/dev/full"),
               "quilctl: standard output cannot be written: No space left on device\ncode 5\n");
+}
+
+// What the surroundings of a program may lack, and what it says then.
+TEST(QuilctlProgram, SaysWhatItsSurroundingsLack) {
+    const auto with = [](const std::string& before) {
+        return outputOf(before + QUIL_EMULATOR " '" QUIL_BIN_DIR
+                                               "/quilctl' get 1 2>&1; echo \"code $?\"");
+    };
+    const std::string answer = "56 31 2E 30 2E 30\ncode 0\n";
+    EXPECT_EQ(with("unset HOME; "), answer);
+    EXPECT_EQ(with("exec <&-; "), answer);
+    EXPECT_EQ(with("TMPDIR=/none "),
+              "quilctl: no temporary board: TMPDIR /none cannot be used (set another one, or name "
+              "a board with --board): No such file or directory\ncode 4\n");
+    EXPECT_EQ(with("cd $(mktemp -d); rmdir $PWD; QUIL_BOARD=b "),
+              "quilctl: the working directory is gone (cd to another one): No such file or "
+              "directory\ncode 4\n");
+    EXPECT_THAT(with("ulimit -f 0; "), HasSubstr(": File too large\ncode 4\n"));
 }
 
 }  // namespace

@@ -55,8 +55,30 @@ TEST_F(QuilctlSelfTest, BrokenPartsChangeTheirVerdictsAndTheExitCode) {
 
 TEST_F(QuilctlSelfTest, OneCodecAloneMayBeBroken) {
     const Said said = quilctl({"--product", "Kestrel", "self-test", "--break", "es8316.1"});
-    EXPECT_EQ(said.code, tools::kOk);  // Kestrel does not test its codecs
+    EXPECT_EQ(said.code, tools::kUsage);  // Kestrel does not test its codecs
     EXPECT_EQ(quilctl({"self-test", "--break", "es8316.0"}).code, tools::kFailed);
+}
+
+TEST_F(QuilctlSelfTest, BrokenPartThatNoItemProbesIsRefusedWithThoseThatAreProbed) {
+    const Said said = quilctl({"self-test", "--break", "es8316.9"});
+    EXPECT_EQ(said.code, tools::kUsage);
+    EXPECT_THAT(said.err,
+                HasSubstr("quilctl: --break es8316.9: no item that runs on this board probes it; "
+                          "they do es8316.0, idt6965, rtc, wifi-ap, and use sdcard\n"));
+}
+
+TEST_F(QuilctlSelfTest, MisspelledLineOfTheBoardsPartsIsNamedWithTheKnownWords) {
+    const std::string board = newBoard();
+    const auto saidOf = [&](const char* parts) {
+        board::writeWholeFile(board + "/parts", parts);
+        return quilctl({"--board", board, "self-test"});
+    };
+    EXPECT_EQ(saidOf("rtc = healthy\nrtc = borken\n").err,
+              "quilctl: the board's file parts, line 2: 'rtc = borken': a part is one of healthy, "
+              "faulty, absent\n");
+    EXPECT_THAT(saidOf("toaster = faulty\n").err, HasSubstr("no such part; there are rtc, "));
+    EXPECT_THAT(saidOf("sdcard = faulty\n").err, HasSubstr("the card is one of present, missing"));
+    EXPECT_EQ(saidOf("rtc faulty\n").code, tools::kNoBoard);
 }
 
 TEST_F(QuilctlSelfTest, UnknownPartIsAUsageError) {

@@ -1,4 +1,6 @@
 // quilctl on a workstation: every command acts on a simulated board.
+#include <stdlib.h>
+
 #include <CLI/CLI.hpp>
 #include <filesystem>
 
@@ -35,9 +37,11 @@ CLI::Validator productName() {
 }
 
 void addGlobalOptions(CLI::App& app, Options& options) {
+    const char* environment = getenv("QUIL_BOARD");
+    if (environment != nullptr) options.boardDirectory = environment;
     app.add_option("--board", options.boardDirectory,
-                   "Board directory to power (default: a temporary one)")
-        ->envname("QUIL_BOARD");
+                   "Board directory to power (default: QUIL_BOARD of the environment, "
+                   "or a temporary one)");
     app.add_option("--product", options.product,
                    "Product of a new board: Heron (default), Kestrel, Wren_t507")
         ->check(productName());

@@ -78,6 +78,32 @@ std::string explain(const CLI::App& app, const CLI::ParseError& error) {
     return text + " (see quilctl " + (words.empty() ? "" : words + " ") + "--help)";
 }
 
+struct BoardOptionRow {
+    const char* name;
+    BoardOption bit;
+};
+constexpr BoardOptionRow kBoardOptions[] = {
+    {"--board", kBoardOption}, {"--product", kProductOption},
+    {"--trace", kTraceOption}, {"--log-level", kLogLevelOption},
+    {"--seed", kSeedOption},   {"--realtime", kRealtimeOption},
+};
+
+// Notes which of them were given, and refuses those that would have no effect.
+void checkBoardOptions(const CLI::App& app, Cli& cli) {
+    std::string idle;
+    for (const BoardOptionRow& row : kBoardOptions) {
+        const CLI::Option* option = app.get_option_no_throw(row.name);
+        if (option == nullptr || option->count() == 0) continue;
+        cli.options.given |= row.bit;
+        if ((cli.boardOptions & row.bit) == 0)
+            idle += (idle.empty() ? "" : ", ") + std::string(row.name);
+    }
+    if (idle.empty()) return;
+    const std::string words = wordsOf(reached(app));
+    throw Failure(kUsage, idle + ": no effect on " + words +
+                              ", which powers no board (see quilctl " + words + " --help)");
+}
+
 struct HelpArguments {
     CLI::App* program = nullptr;
     std::vector<std::string> words;
@@ -125,7 +151,9 @@ void build(const Program& program, CLI::App& app, Cli& cli) {
     app.add_flag("--quiet", cli.options.quiet, "No progress and no log on the error stream");
     program.addCommands(app, cli);
     const auto help = addVerb(
-        app, cli, {"help", "Print the help of a command", "Example: quilctl help get"}, showHelp);
+        app, cli,
+        {"help", "Print the help of a command", "Example: quilctl help get", kNoBoardOption},
+        showHelp);
     help.arguments.program = &app;
     help.command.add_option("COMMAND", help.arguments.words, "The command's words");
     pointToGlobalOptions(
@@ -156,6 +184,7 @@ void perform(CLI::App& app, int argc, const char* const* argv, Cli& cli, Result&
     } catch (const CLI::ParseError& error) {
         throw Failure(kUsage, explain(app, error));
     }
+    checkBoardOptions(app, cli);
     if (cli.options.quiet) cli.console.err.rdbuf(nullptr);
     cli.action(result);
 }
@@ -168,6 +197,8 @@ std::vector<Failure> failuresOf(const std::function<void()>& command) {
         return {failure};
     } catch (const std::runtime_error& error) {
         return {{kNoBoard, error.what()}};
+    } catch (const std::bad_alloc&) {
+        return {{kInternal, kNoMemory}};
     } catch (const std::exception& error) {
         return {{kInternal, std::string("internal error: ") + error.what()}};
     } catch (...) {

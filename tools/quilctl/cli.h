@@ -39,6 +39,18 @@ struct Console {
     std::vector<Failure>& lateFailures;
 };
 
+// The global options that are about a board, as bits.
+enum BoardOption : unsigned {
+    kBoardOption = 1,
+    kProductOption = 2,
+    kTraceOption = 4,
+    kLogLevelOption = 8,
+    kSeedOption = 16,
+    kRealtimeOption = 32,
+    kNoBoardOption = 0,
+    kAllBoardOptions = 63,
+};
+
 struct Options {
     std::string boardDirectory;  // empty: a temporary one
     std::string product;
@@ -50,6 +62,7 @@ struct Options {
     bool realtime = false;
     bool json = false;
     bool quiet = false;
+    unsigned given = 0;       // those of BoardOption that stand on the command line
     std::string commandLine;  // as typed, to be typed again
 };
 
@@ -59,6 +72,7 @@ struct Cli {
     Console console;
     std::unique_ptr<ServiceSession> (*connect)(const Cli& cli);  // throws std::runtime_error
     std::function<void(Result&)> action;                         // throws Failure
+    unsigned boardOptions = kAllBoardOptions;                    // with an effect on the action
 };
 
 // What tells one program from another.

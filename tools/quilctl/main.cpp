@@ -4,8 +4,10 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <exception>
 #include <ext/stdio_filebuf.h>
 #include <iostream>
+#include <new>
 
 #include "tools/quilctl/cli.h"
 #include "tools/quilctl/session/interruption.h"
@@ -28,6 +30,21 @@ void holdStandardDescriptors() {
     if (held > STDERR_FILENO) close(held);
 }
 
+// An exception on a thread that nobody waits for, or out of a function that must not throw.
+[[noreturn]] void endOfAnUncaughtException() {
+    std::string why = "no exception";
+    try {
+        if (std::current_exception()) std::rethrow_exception(std::current_exception());
+    } catch (const std::bad_alloc&) {
+        why = quil::tools::kNoMemory;
+    } catch (const std::exception& error) {
+        why = error.what();
+    } catch (...) {
+        why = "an unknown exception";
+    }
+    quil::tools::endAtOnce(quil::tools::kInternal, "internal error: " + why);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -39,6 +56,7 @@ int main(int argc, char** argv) {
     const int answers = fcntl(STDOUT_FILENO, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
     holdStandardDescriptors();
     quil::tools::watchForInterruption();
+    std::set_terminate(endOfAnUncaughtException);
     __gnu_cxx::stdio_filebuf<char> buffer(answers, std::ios::out);
     ClosedOutput closed;
     std::ostream out(&buffer);

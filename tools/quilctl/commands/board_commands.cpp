@@ -67,6 +67,9 @@ void addFiles(Result& result, const fs::path& directory) {
 }
 
 void showBoard(const Cli& cli, const DirectoryArguments& arguments, Result& result) {
+    if (!arguments.directory.empty() && (cli.options.given & kBoardOption) != 0) {
+        throw Failure(kUsage, "--board: no effect beside the directory " + arguments.directory);
+    }
     const std::string& directory =
         arguments.directory.empty() ? cli.options.boardDirectory : arguments.directory;
     if (directory.empty()) throw Failure(kUsage, "name a board directory, here or with --board");
@@ -84,16 +87,17 @@ void showBoard(const Cli& cli, const DirectoryArguments& arguments, Result& resu
 void addBoardCommands(CLI::App& app, Cli& cli) {
     CLI::App& boards = addGroup(app, {"board", "Board directories",
                                       "Example: quilctl board new my-board --product Wren_t507"});
-    const auto made = addVerb(boards, cli,
-                              {"new", "Make a board as it leaves the factory",
-                               "Example: quilctl board new my-board --product Kestrel"},
-                              makeNew);
+    const auto made =
+        addVerb(boards, cli,
+                {"new", "Make a board as it leaves the factory",
+                 "Example: quilctl board new my-board --product Kestrel", kProductOption},
+                makeNew);
     made.command.add_option("DIR", made.arguments.directory, "An empty or new directory")
         ->required();
-    const auto shown =
-        addVerb(boards, cli,
-                {"show", "Print a board's state and files", "Example: quilctl board show my-board"},
-                showBoard);
+    const auto shown = addVerb(boards, cli,
+                               {"show", "Print a board's state and files",
+                                "Example: quilctl board show my-board", kBoardOption},
+                               showBoard);
     shown.command.add_option("DIR", shown.arguments.directory,
                              "The board directory (default: --board)");
 }

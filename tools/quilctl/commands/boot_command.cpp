@@ -42,7 +42,8 @@ struct BootArguments {
 
 void boot(const Cli& cli, const BootArguments& arguments, Result& result) {
     BoardSession session(cli.options, cli.console, false);
-    const BringUpFaults faults(session.board(), arguments.faults, cli.console.err);
+    const bool isUpdate = arguments.updatesFpga || isUpdateAsked(session.board());
+    const BringUpFaults faults(session.board(), arguments.faults, isUpdate, cli.console.err);
     if (arguments.updatesFpga) session.board().properties().set(fpga::kUpdateProperty, "1");
     BootStages stages(session, cli.console);
     const host::StartUpResult started = session.host().start(

@@ -107,7 +107,8 @@ void addConfigCommands(CLI::App& app, Cli& cli) {
     const auto [command, arguments] =
         addVerb(config, cli,
                 {"check", "Say what is wrong with a product file",
-                 "Exit code 3 when something is wrong.\nExample: quilctl config check my.ini"},
+                 "Exit code 3 when something is wrong.\nExample: quilctl config check my.ini",
+                 kBoardOption},
                 check);
     command.add_option("FILE", arguments.file, "The file (default: that of --board)")
         ->check(CLI::ExistingFile);

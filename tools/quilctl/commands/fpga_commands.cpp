@@ -80,7 +80,8 @@ struct LoadArguments {
 
 void load(const Cli& cli, const LoadArguments& arguments, Result& result) {
     BoardSession session(cli.options, cli.console, false);
-    const BringUpFaults faults(session.board(), arguments.faults, cli.console.err);
+    const BringUpFaults faults(session.board(), arguments.faults, isUpdateAsked(session.board()),
+                               cli.console.err);
     BootStages stages(session, cli.console);
     parseProduct();
     stages.end("configuration", true, config_info->product);

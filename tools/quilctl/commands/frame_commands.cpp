@@ -124,7 +124,7 @@ void addEncode(CLI::App& frame, Cli& cli) {
     const auto [command, arguments] =
         addVerb(frame, cli,
                 {"encode", "Print the bytes of a request frame",
-                 "Example: quilctl frame encode 0x102 --label 5 --data 01"},
+                 "Example: quilctl frame encode 0x102 --label 5 --data 01", kNoBoardOption},
                 encode);
     command.add_option("CMD", arguments.command, "Command code")
         ->required()
@@ -139,7 +139,7 @@ void addDecode(CLI::App& frame, Cli& cli) {
     const auto [command, words] =
         addVerb(frame, cli,
                 {"decode", "Take a frame apart and check it",
-                 "Example: quilctl frame encode 1 | quilctl frame decode"},
+                 "Example: quilctl frame encode 1 | quilctl frame decode", kNoBoardOption},
                 decode);
     command.add_option("HEX", words, "The frame's bytes (default: from standard input)")
         ->check(hexBytes());

@@ -71,7 +71,8 @@ void addMcuModelCommand(CLI::App& mcu, Cli& cli) {
          "something as against its protocol.\n"
          "Examples: quilctl mcu model --chip gd32f303 --pty /tmp/mcu &\n"
          "          stm32flash -m 8n1 -b 115200 -w image.bin -v /tmp/mcu\n"
-         "          quilctl mcu program --chip gd32f303 --port /tmp/mcu image.bin"},
+         "          quilctl mcu program --chip gd32f303 --port /tmp/mcu image.bin",
+         kRealtimeOption},
         model);
     command.add_option("--chip", arguments.chip, "gd32f303, gd32f470, stm32h750 or n32g45x")
         ->required()

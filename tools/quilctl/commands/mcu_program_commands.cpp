@@ -41,6 +41,23 @@ void addPortOptions(CLI::App& command, PortArguments& arguments) {
         ->check(isModemLine);
 }
 
+// The board's own MCU has its own wires, and a real one needs no board.
+void refuseIdleOptions(const Cli& cli, const PortArguments& arguments, bool isOnBoard) {
+    const bool isWired = arguments.wiring.boot0 != "none" || arguments.wiring.nrst != "none";
+    if (isOnBoard && isWired) {
+        throw Failure(kUsage,
+                      "--boot0, --nrst: no effect on the board's own MCU; they belong to a "
+                      "--port of this workstation");
+    }
+    if (!isOnBoard && (cli.options.given & (kProductOption | kSeedOption)) != 0) {
+        throw Failure(kUsage,
+                      "--product, --seed: no effect on the MCU behind --port " + arguments.port);
+    }
+    if (!isOnBoard && (cli.options.given & kRealtimeOption) != 0) {
+        cli.console.err << "--realtime is not needed: a real device is always in real time\n";
+    }
+}
+
 bool isOnWorkstation(const std::string& port) {
     std::error_code error;
     return fs::is_character_file(port, error);
@@ -52,6 +69,7 @@ class ProgrammingSession {
     ProgrammingSession(const Cli& cli, const PortArguments& arguments, const std::string& chip)
         : mSession(optionsFor(cli.options, arguments, chip), cli.console),
           mPort(arguments.port.empty() ? board().mcuUart().path() : arguments.port) {
+        refuseIdleOptions(cli, arguments, mPort == board().mcuUart().path());
         if (mPort == board().mcuUart().path()) return;
         if (!isOnWorkstation(mPort)) {
             throw std::runtime_error(mPort + " is neither the board's " + board().mcuUart().path() +
@@ -151,6 +169,7 @@ struct TaskArguments : PortArguments {
     std::string save;
 };
 
+constexpr unsigned kReadMemory = 0x11;
 constexpr char kReadBack[] = "/opt/test2.bin";  // where the session leaves what it has read
 
 void saveReadBack(ProgrammingSession& programming, const std::string& to) {
@@ -161,6 +180,10 @@ void saveReadBack(ProgrammingSession& programming, const std::string& to) {
 }
 
 void runTask(const Cli& cli, const TaskArguments& arguments, Result& result) {
+    if (!arguments.save.empty() && *commandCode(arguments.command) != kReadMemory) {
+        throw Failure(kUsage, "--save: no effect on " + arguments.command +
+                                  "; only read-memory reads anything to save");
+    }
     Cli shown = cli;  // all that a single command finds out stands in the debug lines
     if (shown.options.logLevel.empty()) shown.options.logLevel = "D";
     ProgrammingSession programming(shown, arguments, "");

@@ -130,11 +130,11 @@ void build(const Cli& /*cli*/, const BuildArguments& arguments, Result& result) 
 }
 
 void addShow(CLI::App& screen, Cli& cli) {
-    const auto [command, arguments] =
-        addVerb(screen, cli,
-                {"show", "Print a partition's blocks",
-                 "Example: quilctl screen show my-board/rootfs/dev/block/by-name/screen"},
-                showScreen);
+    const auto [command, arguments] = addVerb(
+        screen, cli,
+        {"show", "Print a partition's blocks",
+         "Example: quilctl screen show my-board/rootfs/dev/block/by-name/screen", kNoBoardOption},
+        showScreen);
     command.add_option("FILE", arguments.file, "The partition's content")
         ->required()
         ->check(CLI::ExistingFile);
@@ -144,7 +144,7 @@ void addBuild(CLI::App& screen, Cli& cli) {
     const auto [command, arguments] =
         addVerb(screen, cli,
                 {"build", "Make a partition from block files: 00-10018000.bin, 01-10B00000.bin, ..",
-                 "Example: quilctl screen build blocks screen.img"},
+                 "Example: quilctl screen build blocks screen.img", kNoBoardOption},
                 build);
     command
         .add_option("DIR", arguments.directory, "Where the block files are; they go by their names")

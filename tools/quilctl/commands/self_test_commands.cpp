@@ -1,5 +1,6 @@
 #include <stdio.h>
 
+#include <algorithm>
 #include <ostream>
 
 #include "tools/quilctl/commands/verb.h"
@@ -24,10 +25,31 @@ void addItem(Result& result, const SelfTestItem& item) {
                                     {"probe", item.probe}});
 }
 
+// A part that no item probes cannot be found broken. The card is used by every run.
+void requireProbed(const SelfTestRun& run, const std::vector<std::string>& broken) {
+    std::string idle, probed;
+    const auto add = [](std::string& list, const std::string& part) {
+        list += (list.empty() ? "" : ", ") + part;
+    };
+    for (const std::string& part : broken) {
+        const auto isIt = [&](const std::string& one) {
+            return one == part || one.rfind(part + ".", 0) == 0;
+        };
+        const bool isMet = std::any_of(run.probed.begin(), run.probed.end(), isIt);
+        if (part != kSdCardPart && !isMet) add(idle, part);
+    }
+    for (const std::string& part : run.probed) add(probed, part);
+    if (idle.empty()) return;
+    throw Failure(kUsage, "--break " + idle +
+                              ": no item that runs on this board probes it; they do " + probed +
+                              ", and use sdcard");
+}
+
 void selfTest(const Cli& cli, const SelfTestArguments& arguments, Result& result) {
     BoardSession session(cli.options, cli.console);
     session.startService();
     const SelfTestRun run = runSelfTest(session, arguments.broken);
+    requireProbed(run, arguments.broken);
     result.json = {{"passed", hasPassed(run.record)}, {"items", Json::array()}};
     if (run.record.empty()) return throwUnlessPassed(run.record);
     result.text << "item       enabled  verdict  probe\n";

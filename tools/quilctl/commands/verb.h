@@ -13,6 +13,8 @@ struct VerbText {
     const char* name;
     const char* purpose;
     std::string footer;  // notes and an example
+    // The options of a board that have an effect; the others are refused.
+    unsigned boardOptions = kAllBoardOptions;
 };
 
 template <typename Arguments>
@@ -28,7 +30,8 @@ Verb<Arguments> addVerb(CLI::App& parent, Cli& cli, const VerbText& text,
     const auto arguments = std::make_shared<Arguments>();
     CLI::App* command = parent.add_subcommand(text.name, text.purpose);
     command->footer(text.footer);
-    command->callback([&cli, arguments, act] {
+    command->callback([&cli, arguments, act, options = text.boardOptions] {
+        cli.boardOptions = options;
         cli.action = [&cli, arguments, act](Result& result) { act(cli, *arguments, result); };
     });
     return {*command, *arguments};
@@ -39,8 +42,10 @@ inline CLI::App& addVerb(CLI::App& parent, Cli& cli, const VerbText& text,
                          void (*act)(const Cli&, Result&)) {
     CLI::App* command = parent.add_subcommand(text.name, text.purpose);
     command->footer(text.footer);
-    command->callback(
-        [&cli, act] { cli.action = [&cli, act](Result& result) { act(cli, result); }; });
+    command->callback([&cli, act, options = text.boardOptions] {
+        cli.boardOptions = options;
+        cli.action = [&cli, act](Result& result) { act(cli, result); };
+    });
     return *command;
 }
 

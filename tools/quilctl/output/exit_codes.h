@@ -18,6 +18,9 @@ enum ExitCode : int {
     kTerminated = 143,
 };
 
+inline constexpr char kNoMemory[] =
+    "no memory left: end other programs, or raise the limit (ulimit -v)";
+
 struct ExitCodeRow {
     ExitCode code;
     const char* name;

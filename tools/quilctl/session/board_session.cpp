@@ -1,8 +1,10 @@
 #include "tools/quilctl/session/board_session.h"
 
 #include <android/log.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -29,6 +31,31 @@ void writeTrace(const board::Trace& trace, const std::filesystem::path& file) {
     }
 }
 
+// The library has no messages between these levels.
+int leastPriority(const std::string& level) {
+    if (level == "E" || level == "W") return ANDROID_LOG_ERROR;
+    return level == "I" ? ANDROID_LOG_INFO : ANDROID_LOG_DEFAULT;
+}
+
+// A place for a temporary board, or one from which a relative path leads to the board.
+void requirePlace(const std::filesystem::path& board) {
+    std::error_code error;
+    if (board.is_relative() && !board.empty()) {
+        const auto here = std::filesystem::current_path(error);
+        if (!error) return;
+        throw failureOf(kNoBoard, "the working directory is gone (cd to another one)",
+                        error.value());
+    }
+    if (!board.empty()) return;
+    const auto place = std::filesystem::temp_directory_path(error);
+    const char* named = getenv("TMPDIR");
+    if (!error && access(place.c_str(), W_OK | X_OK) == 0) return;
+    throw failureOf(kNoBoard,
+                    "no temporary board: TMPDIR " + std::string(named == nullptr ? "/tmp" : named) +
+                        " cannot be used (set another one, or name a board with --board)",
+                    error ? error.value() : errno);
+}
+
 // What a board that lost its power has in its memories.
 std::string stateOf(const std::filesystem::path& directory, bool touchedFpgaFlash) {
     const std::string mcu = board::checkFlashedMcu(directory).problem;
@@ -43,20 +70,27 @@ std::string stateOf(const std::filesystem::path& directory, bool touchedFpgaFlas
 
 }  // namespace
 
-QuietStandardOutput::QuietStandardOutput() {
+Silenced::Silenced(int descriptor)
+    : mDescriptor(descriptor), mSaved(fcntl(descriptor, F_DUPFD_CLOEXEC, STDERR_FILENO + 1)) {
     fflush(stdout);
-    mSaved = dup(STDOUT_FILENO);
     const int nowhere = open("/dev/null", O_WRONLY | O_CLOEXEC);
     if (nowhere < 0) return;
-    dup2(nowhere, STDOUT_FILENO);
+    dup2(nowhere, mDescriptor);
     close(nowhere);
 }
 
-QuietStandardOutput::~QuietStandardOutput() {
+Silenced::~Silenced() {
     fflush(stdout);
     if (mSaved < 0) return;
-    dup2(mSaved, STDOUT_FILENO);
+    dup2(mSaved, mDescriptor);
     close(mSaved);
+}
+
+std::string productOf(const std::filesystem::path& directory) {
+    board::IniReader reader;
+    const int handle = reader.load(directory / "rootfs/vendor/etc/product.ini");
+    const std::string* product = reader.find(handle, "product", "product");
+    return product == nullptr ? "" : *product;
 }
 
 TemporaryBoard::TemporaryBoard(board::Product product) {
@@ -64,7 +98,8 @@ TemporaryBoard::TemporaryBoard(board::Product product) {
 }
 
 BoardSession::BoardSession(const Options& options, const Console& console, bool showLog)
-    : mOptions(options), mConsole(console), mBoard(powerOn()) {
+    : mOptions(options), mConsole(console), mOutput(STDOUT_FILENO), mBoard(powerOn()) {
+    if (options.quiet) mErrors.emplace(STDERR_FILENO);
     mStops.emplace([board = mBoard.get()] { board->cutPowerSoon("cut by an interruption"); });
     if (showLog || !options.logLevel.empty()) showLogLines();
     if (!options.logLevel.empty()) {
@@ -76,6 +111,7 @@ BoardSession::BoardSession(const Options& options, const Console& console, bool 
 std::unique_ptr<board::Board> BoardSession::powerOn() {
     board::takeKeepFailure();  // of an earlier board in this process
     std::filesystem::path directory = mOptions.boardDirectory;
+    requirePlace(directory);
     if (directory.empty()) {
         mTemporary.emplace(board::productByName(mOptions.product).value_or(board::Product::kHeron));
         directory = mTemporary->path();
@@ -86,8 +122,11 @@ std::unique_ptr<board::Board> BoardSession::powerOn() {
                                  " (quilctl board new makes one)");
     }
     if (!mOptions.mcuInstalled.empty()) board::flashMcu(directory, mOptions.mcuInstalled);
-    return std::make_unique<board::Board>(directory,
-                                          board::BoardOptions{mOptions.realtime, mOptions.seed});
+    board::BoardOptions how{mOptions.realtime, mOptions.seed};
+    how.standstill.tell = [](const std::string& report) {
+        endAtOnce(kInternal, "internal error: the board's threads wait for each other " + report);
+    };
+    return std::make_unique<board::Board>(directory, how);
 }
 
 BoardSession::~BoardSession() {
@@ -126,8 +165,10 @@ std::string BoardSession::toldOfInterruption(board::Nanos at, bool touchedFpgaFl
 }
 
 void BoardSession::showLogLines() {
-    mBoard->trace().onEvent([&err = mConsole.err](const board::Event& event) {
+    const int least = leastPriority(mOptions.logLevel);
+    mBoard->trace().onEvent([this, least, &err = mConsole.err](const board::Event& event) {
         if (event.kind != board::EventKind::kLog) return;
+        if (mBoard->lastLogLine().priority < least) return;
         const bool ended = !event.text.empty() && event.text.back() == '\n';
         err << "log: " << event.text << (ended ? "" : "\n");
     });

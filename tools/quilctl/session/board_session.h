@@ -20,17 +20,22 @@ inline constexpr char kLogLevelProperty[] = "persist.quil.device.log.level";
 // How long the MCU takes from its reset until its application answers.
 inline constexpr auto kMcuStart = std::chrono::milliseconds(10);
 
-// Discards standard output while it lives: the library prints progress there.
-class QuietStandardOutput {
+// Discards what is written to a standard descriptor while it lives: the library prints progress on
+// standard output, and the board's shell on the error stream.
+class Silenced {
   public:
-    QuietStandardOutput();
-    ~QuietStandardOutput();
-    QuietStandardOutput(const QuietStandardOutput&) = delete;
-    QuietStandardOutput& operator=(const QuietStandardOutput&) = delete;
+    explicit Silenced(int descriptor);
+    ~Silenced();
+    Silenced(const Silenced&) = delete;
+    Silenced& operator=(const Silenced&) = delete;
 
   private:
+    const int mDescriptor;
     int mSaved;
 };
+
+// The product that a board directory's product file names; empty when it names none.
+std::string productOf(const std::filesystem::path& directory);
 
 // A board directory that is removed with this object.
 class TemporaryBoard : public board::TemporaryDirectory {
@@ -72,7 +77,8 @@ class BoardSession : public ServiceSession {
 
     const Options mOptions;
     const Console& mConsole;
-    QuietStandardOutput mQuiet;
+    const Silenced mOutput;
+    std::optional<Silenced> mErrors;  // with --quiet
     std::optional<TemporaryBoard> mTemporary;
     std::unique_ptr<board::Board> mBoard;
     std::optional<StopsAtInterruption> mStops;

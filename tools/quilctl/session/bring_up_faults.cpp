@@ -9,67 +9,85 @@
 #include <string_view>
 
 #include "board/fpga/screen_partition.h"
+#include "fpga/load_process.h"
+#include "tools/quilctl/session/board_session.h"
 
 namespace quil::tools {
 namespace {
 
 using board::Call;
 
+// The bring-ups that come across a fault.
+enum BringUp : unsigned {
+    kHeron = 1,
+    kHeronUpdate = 2,
+    kKestrel = 4,  // it loads the same image with an update and without
+    kWren = 8,
+    kWrenUpdate = 16,
+    kAnyHeron = kHeron | kHeronUpdate,
+    kAnyWren = kWren | kWrenUpdate,
+    kUpdates = kHeronUpdate | kWrenUpdate,
+};
+
 // A call of the host that always fails.
 struct CallRow {
     std::string_view name;
     const char* meaning;
+    unsigned metBy;  // of BringUp
     Call call;
     const char* path;
 };
 constexpr std::array<CallRow, 10> kCallFaults = {{
-    {"erase", "the flash cannot be erased (an update)", Call::kFlashErase, board::kFlashDevice},
-    {"program", "the flash cannot be programmed (an update)", Call::kFlashProgram,
+    {"erase", "the flash cannot be erased (an update)", kUpdates, Call::kFlashErase,
      board::kFlashDevice},
-    {"spi", "the FPGA's SPI device cannot be opened", Call::kOpen, board::kFpgaDevice},
-    {"screen", "the partition of screen parameters cannot be opened", Call::kOpen,
-     board::kScreenPartition},
-    {"phy", "the PHY's state cannot be read", Call::kRead, board::kPhyStatus},
-    {"udp", "the FPGA does not switch to UDP (Heron, an update)", Call::kVendor,
+    {"program", "the flash cannot be programmed (an update)", kUpdates, Call::kFlashProgram,
+     board::kFlashDevice},
+    {"spi", "the FPGA's SPI device cannot be opened", kAnyHeron, Call::kOpen, board::kFpgaDevice},
+    {"screen", "the partition of screen parameters cannot be opened",
+     kAnyHeron | kKestrel | kAnyWren, Call::kOpen, board::kScreenPartition},
+    {"phy", "the PHY's state cannot be read", kAnyHeron, Call::kRead, board::kPhyStatus},
+    {"udp", "the FPGA does not switch to UDP (Heron, an update)", kHeronUpdate, Call::kVendor,
      "fpgaSwitchGmacToUdp"},
-    {"driver", "the platform cannot load the FPGA (Kestrel)", Call::kVendor,
+    {"driver", "the platform cannot load the FPGA (Kestrel)", kKestrel, Call::kVendor,
      "hal_fpga_load_program_sync"},
-    {"screen-udp", "the parameters cannot be sent by UDP (Kestrel)", Call::kVendor,
+    {"screen-udp", "the parameters cannot be sent by UDP (Kestrel)", kKestrel, Call::kVendor,
      "bi_fpga_load_screen_params_by_udp"},
-    {"update", "the closed library cannot write the image (Wren_t507, an update)", Call::kVendor,
-     "bi_fpga_active_update_program"},
-    {"parameters", "the closed library cannot load the parameters (Wren_t507)", Call::kVendor,
-     "bi_fpga_load_parameter"},
+    {"update", "the closed library cannot write the image (Wren_t507, an update)", kWrenUpdate,
+     Call::kVendor, "bi_fpga_active_update_program"},
+    {"parameters", "the closed library cannot load the parameters (Wren_t507)", kAnyWren,
+     Call::kVendor, "bi_fpga_load_parameter"},
 }};
 
 // A part that does not work.
 struct PartRow {
     std::string_view name;
     const char* meaning;
+    unsigned metBy;
     void (*breakIt)(board::Board&);
 };
 constexpr std::array<PartRow, 8> kPartFaults = {{
-    {"page", "a page of the image is lost on its way into the flash (an update)",
+    {"page", "a page of the image is lost on its way into the flash (an update)", kUpdates,
      [](board::Board& board) {
          board.faults().add({.call = Call::kFlashProgram,
                              .path = board::kFlashDevice,
                              .after = 1,
                              .lostSilently = true});
      }},
-    {"done", "DONE never rises",
+    {"done", "DONE never rises", kAnyHeron | kKestrel | kWrenUpdate,
      [](board::Board& board) { board.fpga().setStuckUnconfigured(true); }},
-    {"ddr", "the FPGA's DDR never comes good",
+    {"ddr", "the FPGA's DDR never comes good", kAnyHeron,
      [](board::Board& board) { board.fpga().setDdr({.failures = -1}); }},
-    {"ddr-late", "the DDR comes good after one more restart of the FPGA",
+    {"ddr-late", "the DDR comes good after one more restart of the FPGA", kHeron,
      [](board::Board& board) {
          board.fpga().setDdr({.after = board::Fpga::kDdr.after, .failures = 1});
      }},
-    {"clock", "the SGMII clock never comes",
+    {"clock", "the SGMII clock never comes", kAnyHeron,
      [](board::Board& board) { board.fpga().setSgmiiClock({.failures = -1}); }},
     {"negotiation", "the SGMII negotiation never completes (the link may come all the same)",
-     [](board::Board& board) { board.fpga().setSgmiiNegotiation({.failures = -1}); }},
-    {"link", "the PHY has no cable", [](board::Board& board) { board.phy().setCable(false); }},
-    {"link-late", "the PHY's link comes after its third reset",
+     kAnyHeron, [](board::Board& board) { board.fpga().setSgmiiNegotiation({.failures = -1}); }},
+    {"link", "the PHY has no cable", kAnyHeron,
+     [](board::Board& board) { board.phy().setCable(false); }},
+    {"link-late", "the PHY's link comes after its third reset", kAnyHeron,
      [](board::Board& board) { board.phy().setDeadResets(2); }},
 }};
 
@@ -86,6 +104,48 @@ std::string knownFaults() {
     for (const PartRow& row : kPartFaults) names += std::string(row.name) + ", ";
     names.resize(names.size() - 2);
     return names;
+}
+
+BringUp bringUpOf(board::Product product, bool isUpdate) {
+    switch (product) {
+        case board::Product::kHeron:
+            return isUpdate ? kHeronUpdate : kHeron;
+        case board::Product::kKestrel:
+            return kKestrel;
+        case board::Product::kWrenT507:
+            return isUpdate ? kWrenUpdate : kWren;
+    }
+    return kHeron;
+}
+
+unsigned metBy(std::string_view name) {
+    if (const CallRow* row = rowNamed(kCallFaults, name)) return row->metBy;
+    const PartRow* part = rowNamed(kPartFaults, name);
+    return part == nullptr ? 0 : part->metBy;
+}
+
+// Throws unless the board's bring-up comes across each of the faults.
+void requireMet(board::Board& board, const std::vector<std::string>& names, bool isUpdate) {
+    const auto product = board::productByName(productOf(board.directory()));
+    if (!product) return;  // there is no bring-up, which the command says
+    const BringUp bringUp = bringUpOf(*product, isUpdate);
+    std::string met, unmet;
+    const auto add = [](std::string& list, std::string_view name) {
+        list += (list.empty() ? "" : ", ") + std::string(name);
+    };
+    for (const std::string& name : names) {
+        if ((metBy(name) & bringUp) == 0) add(unmet, name);
+    }
+    for (const PartRow& row : kPartFaults) {
+        if ((row.metBy & bringUp) != 0) add(met, row.name);
+    }
+    for (const CallRow& row : kCallFaults) {
+        if ((row.metBy & bringUp) != 0) add(met, row.name);
+    }
+    if (unmet.empty()) return;
+    throw Failure(kUsage, "--fault " + unmet + ": a " + std::string(board::nameOf(*product)) +
+                              (isUpdate ? " that is updated" : " without an update") +
+                              " does not come across it; it does across " + met);
 }
 
 std::string checkFaultName(std::string& name) {
@@ -120,9 +180,14 @@ void addFaultOption(CLI::App& command, std::vector<std::string>& chosen) {
     command.footer(help + "\n" + command.get_footer());
 }
 
+bool isUpdateAsked(board::Board& board) {
+    return board.properties().get(fpga::kUpdateProperty, "0") == "1";
+}
+
 BringUpFaults::BringUpFaults(board::Board& board, const std::vector<std::string>& names,
-                             std::ostream& err)
+                             bool isUpdate, std::ostream& err)
     : mUnmet(std::make_shared<std::vector<std::string>>()), mErr(err) {
+    requireMet(board, names, isUpdate);
     for (const std::string& name : names) {
         if (const CallRow* row = rowNamed(kCallFaults, name)) {
             mUnmet->push_back(name);

@@ -17,11 +17,17 @@ namespace quil::tools {
 // Adds --fault to a command, whose names end up in `chosen`, and what they mean to its footer.
 void addFaultOption(CLI::App& command, std::vector<std::string>& chosen);
 
+// The board has been asked to update its FPGA at the next bring-up.
+bool isUpdateAsked(board::Board& board);
+
 // Sets the faults until the board's power goes. The destructor names on the error stream those that
-// no call met.
+// no call met, because another fault came first.
 class BringUpFaults {
   public:
-    BringUpFaults(board::Board& board, const std::vector<std::string>& names, std::ostream& err);
+    // Throws a Failure when this product's bring-up, with an update of the FPGA or without, never
+    // comes across one of them.
+    BringUpFaults(board::Board& board, const std::vector<std::string>& names, bool isUpdate,
+                  std::ostream& err);
     ~BringUpFaults();
     BringUpFaults(const BringUpFaults&) = delete;
     BringUpFaults& operator=(const BringUpFaults&) = delete;

@@ -46,6 +46,7 @@ struct State {
     const std::function<void()>* stop = nullptr;
     std::vector<std::filesystem::path> leftovers;
     const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);  // readable after an interruption
+    const int errors = dup(STDERR_FILENO);                    // --quiet turns the other one away
 
     State() { free.open(); }
 };
@@ -74,18 +75,6 @@ sigset_t watchedSignals() {
     return set;
 }
 
-[[noreturn]] void endAtOnce(int first, int second, const sigset_t& signals) {
-    removeLeftovers();
-    if (second > 0) {
-        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
-        raise(second);
-    }
-    const std::string text = std::string("quilctl: ") + wordFor(first) + ", and not at an end " +
-                             std::to_string(kPatienceS) + " s later: ended\n";
-    [[maybe_unused]] const auto told = board::real().write(STDERR_FILENO, text.data(), text.size());
-    _exit(exitCodeOf(first));
-}
-
 void waitForSignals(const sigset_t& signals) {
     int first = 0;
     while (sigwait(&signals, &first) != 0) {
@@ -96,7 +85,13 @@ void waitForSignals(const sigset_t& signals) {
     do {
         second = sigtimedwait(&signals, nullptr, &patience);
     } while (second < 0 && errno == EINTR);
-    endAtOnce(first, second, signals);
+    if (second < 0) {
+        endAtOnce(exitCodeOf(first), std::string(wordFor(first)) + ", and not at an end " +
+                                         std::to_string(kPatienceS) + " s later: ended");
+    }
+    removeLeftovers();
+    pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
+    raise(second);
 }
 
 }  // namespace
@@ -159,6 +154,14 @@ void removeLeftovers() {
     const Locked locked;
     std::error_code ignored;
     for (const auto& path : state().leftovers) std::filesystem::remove_all(path, ignored);
+}
+
+void endAtOnce(ExitCode code, const std::string& why) {
+    const std::string text = "quilctl: " + why + (why.back() == '\n' ? "" : "\n");
+    [[maybe_unused]] const auto told =
+        board::real().write(state().errors, text.data(), text.size());
+    removeLeftovers();
+    _exit(code);
 }
 
 InterruptibleInput::int_type InterruptibleInput::underflow() {

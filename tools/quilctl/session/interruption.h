@@ -49,6 +49,8 @@ class Leftover {
     const std::filesystem::path mPath;
 };
 void removeLeftovers();
+// The program cannot come to its end: says why on the error stream, and leaves nothing behind.
+[[noreturn]] void endAtOnce(ExitCode code, const std::string& why);
 
 // A descriptor to read from, until the program is asked to end: then reading throws a Failure.
 class InterruptibleInput : public std::streambuf {

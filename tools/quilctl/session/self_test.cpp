@@ -45,8 +45,11 @@ std::string verdictIn(const std::vector<SelfTestVerdict>& verdicts, const std::s
 SelfTestRun runSelfTest(BoardSession& session, const std::vector<std::string>& broken) {
     const BrokenParts breakage(session.board().probes(), broken);
     const size_t since = session.board().trace().events().size();
-    SelfTestRun run{ask(session, false, requestOf(kCommandSelfTest, {})), {}};
+    SelfTestRun run{ask(session, false, requestOf(kCommandSelfTest, {})), {}, {}};
     const auto events = session.board().trace().events();
+    for (size_t i = since; i < events.size(); ++i) {
+        if (events[i].kind == board::EventKind::kProbe) run.probed.insert(events[i].source);
+    }
     const auto verdicts = verdictsOf(run.record);
     for (const test_option_t& row : test_option_table) {
         run.items.push_back({row.name, row.enable != 0, verdictIn(verdicts, row.name),

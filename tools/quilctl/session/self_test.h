@@ -1,6 +1,7 @@
 // The self-test as a client runs it, with what the board itself saw beside the answer.
 #pragma once
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -21,6 +22,7 @@ struct SelfTestItem {
 struct SelfTestRun {
     Bytes record;  // the answer as it came; empty when there was none
     std::vector<SelfTestItem> items;
+    std::set<std::string> probed;  // parts
 };
 
 // Breaks parts while it lives, and restores them: a board directory would keep the setting.
