@@ -49,7 +49,7 @@ int waitTwoSeconds() {
     return result;
 }
 
-int openLine(int flags = 0) { return open("/dev/ttyS3", O_RDWR | O_NOCTTY | flags); }
+int openUartLine(int flags = 0) { return open("/dev/ttyS3", O_RDWR | O_NOCTTY | flags); }
 
 TEST(BoardChances, WaitForAConditionMayEndWithoutASignalBeforeItsDeadline) {
     Board board(Product::kHeron, sure({.spuriousWakeUps = kAlways}));
@@ -84,7 +84,7 @@ TEST(BoardChances, WaitForDescriptorsMayBeInterruptedBeforeItsTimeOut) {
 
 TEST(BoardChances, DeviceCallsThatMayWaitAreInterruptedAndOthersAreNot) {
     Board board(Product::kHeron, sure({.interruptions = kAlways}));
-    EXPECT_EQ(openLine(), -1);
+    EXPECT_EQ(openUartLine(), -1);
     EXPECT_EQ(errno, EINTR);
     const int file = open("/vendor/etc/product.ini", O_RDONLY);
     char byte = 0;
@@ -96,7 +96,7 @@ TEST(BoardChances, LineCallsThatWaitAreInterruptedAndThoseThatDoNotAreNot) {
     Board board(Product::kHeron, sure({.interruptions = kAlways / 2}));
     const auto opened = [](int flags) {
         int line = -1;
-        while (line < 0) line = openLine(flags);
+        while (line < 0) line = openUartLine(flags);
         return line;
     };
     const int waiting = opened(0), notWaiting = opened(O_NONBLOCK);
@@ -113,7 +113,7 @@ TEST(BoardChances, LineCallsThatWaitAreInterruptedAndThoseThatDoNotAreNot) {
 
 TEST(BoardChances, TransfersMayBeShortButNotEmpty) {
     Board board(Product::kHeron, sure({.shortTransfers = kAlways}));
-    const int line = openLine();
+    const int line = openUartLine();
     const ssize_t sent = write(line, "0123456789", 10);
     EXPECT_GT(sent, 0);
     EXPECT_LT(sent, 10);
@@ -167,7 +167,7 @@ TEST(BoardChances, AtSeed0NothingIsLeftToChance) {
     Board board(Product::kHeron, sure({kAlways, kAlways, kAlways, kAlways}, 0));
     EXPECT_EQ(waitTwoSeconds(), ETIMEDOUT);
     EXPECT_EQ(usleep(1000), 0);
-    const int line = openLine();
+    const int line = openUartLine();
     EXPECT_EQ(write(line, "0123456789", 10), 10);
     close(line);
     EXPECT_EQ(board.now(), seconds(2) + milliseconds(1));

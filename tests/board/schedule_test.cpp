@@ -22,21 +22,23 @@ using testing::ElementsAre;
 using testing::IsEmpty;
 
 // One directory serves all boards of this file: nothing is written to it.
-const std::filesystem::path& directory() {
+const std::filesystem::path& sharedDirectory() {
     static const board::TemporaryDirectory directory;
     static const bool made = (board::createBoardDirectory(directory.path(), Product::kHeron), true);
     EXPECT_TRUE(made);
     return directory.path();
 }
 
-BoardOptions with(uint64_t seed, const Pct& pct = {}) {
-    return {.seed = seed, .pct = pct, .store = std::make_shared<board::OverlayStore>(directory())};
+BoardOptions scheduledBy(uint64_t seed, const Pct& pct = {}) {
+    return {.seed = seed,
+            .pct = pct,
+            .store = std::make_shared<board::OverlayStore>(sharedDirectory())};
 }
 
 // Each of two threads adds 1 in two steps, each under the lock; the sum is 2 unless one thread
 // runs between the steps of the other.
 int sumOfTwoThreads(const BoardOptions& options) {
-    Board board(directory(), options);
+    Board board(sharedDirectory(), options);
     std::mutex mutex;
     int sum = 0;
     const auto addOne = [&] {
@@ -56,13 +58,13 @@ int sumOfTwoThreads(const BoardOptions& options) {
 std::vector<uint64_t> seedsThatLoseAnUpdate(uint64_t last, const Pct& pct = {}) {
     std::vector<uint64_t> seeds;
     for (uint64_t seed = 1; seed <= last; ++seed) {
-        if (sumOfTwoThreads(with(seed, pct)) != 2) seeds.push_back(seed);
+        if (sumOfTwoThreads(scheduledBy(seed, pct)) != 2) seeds.push_back(seed);
     }
     return seeds;
 }
 
 TEST(BoardSchedule, LostUpdateIsFoundByARandomWalkAndByPctOfItsDepthAndNeverBySeed0) {
-    EXPECT_EQ(sumOfTwoThreads(with(0)), 2);
+    EXPECT_EQ(sumOfTwoThreads(scheduledBy(0)), 2);
     EXPECT_THAT(seedsThatLoseAnUpdate(8), ElementsAre(1, 4, 5, 6, 8));
     EXPECT_THAT(seedsThatLoseAnUpdate(30, {.depth = 1, .steps = 10}), IsEmpty());
     EXPECT_THAT(seedsThatLoseAnUpdate(30, {.depth = 2, .steps = 10}),
@@ -70,7 +72,7 @@ TEST(BoardSchedule, LostUpdateIsFoundByARandomWalkAndByPctOfItsDepthAndNeverBySe
 }
 
 // FNV-1a.
-uint64_t hashOf(const std::string& text) {
+uint64_t traceHash(const std::string& text) {
     uint64_t hash = 0xCBF29CE484222325;
     for (const char c : text) hash = (hash ^ static_cast<uint8_t>(c)) * 0x100000001B3;
     return hash;
@@ -78,7 +80,7 @@ uint64_t hashOf(const std::string& text) {
 
 std::string traceOfABoot(const BoardOptions& options) {
     const FreshLibrary library;
-    Board board(directory(), options);
+    Board board(sharedDirectory(), options);
     networkIsUp();
     host::HostingComponent host;
     standardOutputOf([&] { host.start({.loadFpga = true}); });
@@ -88,7 +90,7 @@ std::string traceOfABoot(const BoardOptions& options) {
 
 std::string traceOfClients(const BoardOptions& options) {
     const FreshLibrary library;
-    Board board(directory(), options);
+    Board board(sharedDirectory(), options);
     ClientScenario clients;
     standardOutputOf([&] { EXPECT_EQ(clients.run(board), ""); });
     return board.trace().toText();
@@ -110,10 +112,10 @@ TEST(BoardSchedule, TracesOfBootAndClientsAreThoseOfEveryCompilerAndWordSize) {
     for (const Recorded& recorded : kRecorded) {
         SCOPED_TRACE("seed " + std::to_string(recorded.seed) + ", depth " +
                      std::to_string(recorded.pct.depth));
-        const std::string boot = traceOfABoot(with(recorded.seed, recorded.pct));
-        const std::string clients = traceOfClients(with(recorded.seed, recorded.pct));
-        EXPECT_EQ(hashOf(boot), recorded.boot) << boot;
-        EXPECT_EQ(hashOf(clients), recorded.clients) << clients;
+        const std::string boot = traceOfABoot(scheduledBy(recorded.seed, recorded.pct));
+        const std::string clients = traceOfClients(scheduledBy(recorded.seed, recorded.pct));
+        EXPECT_EQ(traceHash(boot), recorded.boot) << boot;
+        EXPECT_EQ(traceHash(clients), recorded.clients) << clients;
     }
 }
 
@@ -131,9 +133,9 @@ int answersOfClients(const board::ChanceRates& rates) {
     for (uint64_t seed = 1; seed <= seeds; ++seed) {
         SCOPED_TRACE("seed " + std::to_string(seed));
         const FreshLibrary library;
-        BoardOptions options = with(seed, {.depth = seed % 2 == 0 ? 3U : 0U, .steps = 500});
+        BoardOptions options = scheduledBy(seed, {.depth = seed % 2 == 0 ? 3U : 0U, .steps = 500});
         options.chances = rates;
-        Board board(directory(), options);
+        Board board(sharedDirectory(), options);
         ClientScenario clients;
         standardOutputOf([&] { EXPECT_EQ(clients.run(board), ""); });
         answered += clients.answered();
