@@ -73,7 +73,9 @@ double unnoticedInAMillion(const host::WireFrame& frame) {
 
 // Of requests and answers.
 double unnoticedInAMillion() {
-    const host::WireFrame request = {.label = 0x1234, .command = kFirstCommand + 0x35};
+    host::WireFrame request;
+    request.label = 0x1234;
+    request.command = kFirstCommand + 0x35;
     host::WireFrame answer = request;
     answer.flags = host::wire::kTypeAnswer;
     answer.payload = answerOfCommand(request.command);
