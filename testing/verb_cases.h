@@ -64,6 +64,8 @@ inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& di
           tools::kNoBoard,
           {"--chip", "gd32f303", "--pty", path("link")}}},
         {"demo", {}},
+        {"completion", {{"bash"}, false}},
+        {"man", {{"mcu", "update"}, false}},
         {"help", {{"get"}, false}},
     };
 }

@@ -6,7 +6,6 @@
 #include "board/core/lock.h"
 #include "board/core/power.h"
 #include "board/core/scheduler.h"
-#include "board/core/whole_file.h"
 
 namespace quil::board {
 namespace {
@@ -198,8 +197,6 @@ std::string Trace::toText() const {
     for (const Event& event : events()) text += toLine(event) + "\n";
     return text;
 }
-
-void Trace::writeText(const std::filesystem::path& file) const { writeWholeFile(file, toText()); }
 
 const char* nameOf(CutPosition position) {
     switch (position) {

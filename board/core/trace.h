@@ -5,7 +5,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -63,7 +62,7 @@ struct Event {
 // One byte on a serial line, as a logic analyser would see it.
 struct WireByte {
     Nanos start;
-    Nanos bit;  // how long one bit lasts
+    int baud;
     bool fromHost;
     uint8_t value;
     uint8_t dataBits;
@@ -118,9 +117,8 @@ class Trace {
     void clear();
 
     std::string toText() const;  // one line for each event
-    void writeText(const std::filesystem::path&) const;
-    void writeVcd(const std::filesystem::path&) const;
-    void writeTraceEventJson(const std::filesystem::path&) const;
+    std::string toVcd() const;   // the serial lines, for waveform viewers
+    std::string toTraceEventJson() const;
 
   private:
     void record(Event);

@@ -74,7 +74,7 @@ void Uart::note(EventKind kind, const std::string& text, std::vector<uint8_t> by
 
 void Uart::noteByte(Nanos start, const LineSettings& line, bool fromHost, uint8_t byte) {
     mBoard.trace.addWireByte(
-        {start, line.bitTime(), fromHost, byte, line.dataBits, line.parity, line.stopBits});
+        {start, line.baud, fromHost, byte, line.dataBits, line.parity, line.stopBits});
 }
 
 int Uart::baud() const {

@@ -22,7 +22,6 @@ struct LineSettings {
     char parity = 'N';
     uint8_t stopBits = 1;
     int frameBits() const { return 1 + dataBits + (parity == 'N' ? 0 : 1) + stopBits; }
-    Nanos bitTime() const { return Nanos(baud > 0 ? 1'000'000'000LL / baud : 0); }
     Nanos byteTime() const { return Nanos(baud > 0 ? 1'000'000'000LL * frameBits() / baud : 0); }
 };
 LineSettings settingsOf(const termios&);

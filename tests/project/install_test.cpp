@@ -42,4 +42,64 @@ TEST(InstalledTree, ServesProgramsInCAndCxxThroughPkgConfig) {
     EXPECT_EQ(consumerBuiltWith("pkg-config"), kWhatTheProgramsPrint);
 }
 
+TEST(InstalledTree, HasAQuilctlThatRuns) {
+    EXPECT_EQ(consumerBuiltWith("quilctl"), "56 31 2E 30 2E 30\n");
+}
+
+namespace {
+
+// The Debian package, unpacked where nothing else is.
+class DebianPackage : public testing::Test {
+  protected:
+    void SetUp() override {
+        if (QUIL_SANITIZED || !std::string(QUIL_EMULATOR).empty()) {
+            GTEST_SKIP() << "packages are made of the plain build for this machine";
+        }
+        const auto made = runCommand("cd '" + mScratch.path().string() +
+                                     "' && cpack --config '" QUIL_BIN_DIR
+                                     "/../CPackConfig.cmake' -B . >log 2>&1 && mkdir root && "
+                                     "dpkg-deb -x quilctl_*.deb root || { cat log; false; }");
+        ASSERT_EQ(made.status, 0) << made.output;
+    }
+
+    // What a command says in the folder above root/.
+    std::string said(const std::string& command) const {
+        return outputOf("cd '" + mScratch.path().string() + "' && " + command + " 2>&1");
+    }
+
+  private:
+    const board::TemporaryDirectory mScratch{"quil-package"};
+};
+
+constexpr char kElfFiles[] = "root/usr/bin/quilctl root/usr/lib/quil/*.so";
+
+}  // namespace
+
+// One test: to make the package takes seconds.
+TEST_F(DebianPackage, RunsWithoutTheBuildTreeAndDependsOnThePackagesThatItNeeds) {
+    EXPECT_EQ(said("env -i root/usr/bin/quilctl get 1"), "56 31 2E 30 2E 30\n");
+    EXPECT_THAT(said("ldd root/usr/bin/quilctl"), testing::Not(testing::HasSubstr(QUIL_LIB_DIR)));
+    EXPECT_EQ(said(std::string("readelf -d ") + kElfFiles +
+                   " | grep -o 'R.*PATH.*' | tr ':[]' '\\n\\n\\n' | grep / | "
+                   "grep -v -e '^$ORIGIN' -e '^/usr/lib/'"),
+              "");
+    EXPECT_EQ(said("find root/usr -type f | sed 's/[^/]*$//' | sort -u"),
+              "root/usr/bin/\n"
+              "root/usr/lib/quil/\n"
+              "root/usr/share/bash-completion/completions/\n"
+              "root/usr/share/fish/vendor_completions.d/\n"
+              "root/usr/share/man/man1/\n"
+              "root/usr/share/zsh/vendor-completions/\n");
+    const std::string needed = said(
+        std::string("for name in $(readelf -d ") + kElfFiles +
+        " | sed -n 's/.*(NEEDED).*\\[\\(.*\\)\\]/\\1/p' | sort -u); do "
+        "file=$(ldd root/usr/bin/quilctl | sed -n \"s|.*$name => \\(/[^ ]*\\) .*|\\1|p\"); "
+        "case $file in */root/usr/*|'') ;; *) dpkg -S \"*${file#/usr}\" | sed 's/:.*//' ;; esac; "
+        "done | sort -u");
+    EXPECT_EQ(said("dpkg-deb -f quilctl_*.deb Depends | tr ',' '\\n' | "
+                   "sed 's/^ *//; s/ .*//; s/|.*//' | sort -u"),
+              needed);
+    EXPECT_THAT(needed, testing::HasSubstr("android-libutils\n"));
+}
+
 }  // namespace quil::tests

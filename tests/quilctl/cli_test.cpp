@@ -4,6 +4,7 @@
 #include <fstream>
 #include <nlohmann/json.hpp>
 
+#include "testing/files.h"
 #include "tests/quilctl/test_run.h"
 #include "tools/quilctl/files/product_file.h"
 
@@ -66,11 +67,11 @@ TEST(Quilctl, LogLevelShowsTheLibrarysDebugLines) {
 TEST(Quilctl, DemoMeetsEveryExpectation) {
     const Said said = quilctl({"demo"});
     EXPECT_EQ(said.code, tools::kOk) << said.out << said.err;
-    EXPECT_THAT(said.out, HasSubstr("8192 bytes programmed      V0.9.0 -> V1.0.0 ok\n"));
+    EXPECT_THAT(said.out, HasSubstr("8192 bytes programmed  V0.9.0 -> V1.0.0\n"));
     EXPECT_THAT(said.out, HasSubstr(" set [0A 0B] -> [00] "));
     EXPECT_THAT(said.out, EndsWith("All as expected.\n"));
     std::istringstream lines(said.out);
-    for (std::string line; std::getline(lines, line);) EXPECT_LT(line.size(), 100u) << line;
+    for (std::string line; std::getline(lines, line);) EXPECT_LE(line.size(), 79u) << line;
 }
 
 TEST_F(QuilctlTest, ValueSetOnABoardDirectoryIsThereInTheNextRun) {
@@ -87,14 +88,25 @@ TEST_F(QuilctlTest, BoardThatIsNotThereIsToldApartFromFailure) {
     EXPECT_EQ(quilctl({"board", "show", path("none")}).code, tools::kNoBoard);
 }
 
-TEST_F(QuilctlTest, TraceIsWrittenInTheFormatOfItsName) {
-    EXPECT_EQ(quilctl({"--trace", path("t.vcd"), "get", "1"}).code, tools::kOk);
-    std::ifstream vcd(path("t.vcd"));
-    const std::string text(std::istreambuf_iterator<char>(vcd), {});
-    EXPECT_THAT(text, HasSubstr("$timescale 1"));
-    EXPECT_EQ(quilctl({"--trace", path("t.json"), "get", "1"}).code, tools::kOk);
-    std::ifstream json(path("t.json"));
-    EXPECT_TRUE(nlohmann::json::accept(json));
+TEST_F(QuilctlTest, TracesAreWrittenInTheFormatOfTheirNamesOrAsSaid) {
+    const Said said = quilctl({"--trace", path("t.vcd"), "--trace", path("t.json"), "--trace",
+                               "text:" + path("log"), "get", "1"});
+    EXPECT_EQ(said.code, tools::kOk) << said.err;
+    EXPECT_EQ(said.out, "56 31 2E 30 2E 30\n");
+    EXPECT_THAT(contentOf(path("t.vcd")), HasSubstr("$timescale 1ns"));
+    EXPECT_TRUE(nlohmann::json::accept(contentOf(path("t.json"))));
+    EXPECT_THAT(contentOf(path("log")), HasSubstr("power"));
+}
+
+TEST_F(QuilctlTest, TraceOnStandardOutputHasItForItself) {
+    const std::string answer = "56 31 2E 30 2E 30\n";
+    const Said vcd = quilctl({"--trace", "vcd:-", "get", "1"});
+    EXPECT_THAT(vcd.out, testing::StartsWith("$comment"));
+    EXPECT_EQ(vcd.err, answer);
+    EXPECT_TRUE(nlohmann::json::accept(quilctl({"--trace", "json:-", "get", "1"}).out));
+    EXPECT_THAT(quilctl({"--trace", "-", "get", "1"}).out,
+                testing::StartsWith("    0.000000 power     board: on"));
+    EXPECT_EQ(quilctl({"--trace", "vcd:", "get", "1"}).code, tools::kUsage);
 }
 
 TEST(QuilctlConfig, ShowPrintsWhatTheLibraryRead) {

@@ -136,7 +136,7 @@ TEST_F(QuilctlOnTheDevice, SelfTestWithoutAnAnswerFails) {
     board.probes().setSdCard(board::SdCard::kMissing);
     const Said answer = quilctl({"self-test"});
     EXPECT_EQ(answer.code, 1);
-    EXPECT_EQ(answer.err, "quilctl: self-test: no answer\n");
+    EXPECT_THAT(answer.err, testing::StartsWith("quilctl: self-test: no answer\n"));
 }
 
 TEST_F(QuilctlOnTheDevice, PowerSendsItsCommand) {

@@ -35,12 +35,12 @@ std::string textOf(const Words& words) {
     return text;
 }
 
-// The row of the command in the table of results.
-std::string documentedResultOf(const Words& verb) {
+// The row of a command in the table of results, or of an event of the progress.
+std::string documentedRowOf(const std::string& name) {
     std::istringstream document(projectText("docs/quilctl.md"));
     for (std::string line; std::getline(document, line);) {
         const std::string head = line.substr(0, line.find(" | "));
-        if (head.find("`" + textOf(verb) + "`") != std::string::npos) return line;
+        if (head.find("`" + name + "`") != std::string::npos) return line;
     }
     return "";
 }
@@ -56,7 +56,7 @@ int codeOnFullDisk(const Words& words) {
     std::ostream out(&full);
     std::ostringstream err;
     const int code = tools::run(tools::kBoardProgram, static_cast<int>(argv.size()), argv.data(),
-                                {in, out, err, false});
+                                {in, out, err});
     fd = -1;  // as freshly loaded: a session leaves its port's number there
     return code;
 }
@@ -99,8 +99,28 @@ TEST_F(QuilctlEveryVerb, PrintsOneDocumentOfTheSchemaWhenAskedForJson) {
         }
         if (!json.contains("result")) return;
         for (const auto& [name, value] : json["result"].items()) {
-            EXPECT_THAT(documentedResultOf(verb), HasSubstr("`" + name + "`"));
+            EXPECT_THAT(documentedRowOf(textOf(verb)), HasSubstr("`" + name + "`"));
         }
+    });
+}
+
+TEST_F(QuilctlEveryVerb, WritesADocumentedEventALineWhenAskedForProgressAsJson) {
+    forEach([&](const Words& verb, const VerbCase& row) {
+        const Said said = quilctl(Words{"--progress", "json", "--json"} + verb + row.arguments);
+        EXPECT_EQ(said.code, row.code);
+        std::istringstream lines(said.err);
+        bool hasError = false;
+        for (std::string line; std::getline(lines, line);) {
+            const auto event = nlohmann::json::parse(line);
+            EXPECT_EQ(event["schema"], 1);
+            const std::string name = event["event"];
+            hasError = hasError || name == "error";
+            for (const auto& [member, value] : event.items()) {
+                if (member == "schema" || member == "event") continue;
+                EXPECT_THAT(documentedRowOf(name), HasSubstr("`" + member + "`")) << line;
+            }
+        }
+        EXPECT_EQ(hasError, said.code != tools::kOk);
     });
 }
 
@@ -233,6 +253,12 @@ TEST(QuilctlWords, VersionIsTheProjects) {
     EXPECT_EQ(version.rfind("quilctl ", 0), 0U);
     const std::string number = version.substr(8, version.size() - 9);
     EXPECT_THAT(projectText("CMakeLists.txt"), HasSubstr("project(quil VERSION " + number + " "));
+}
+
+TEST(QuilctlWords, ProgressAsJsonHasWrongCommandLinesAsWell) {
+    const Said said = quilctl({"--progress=json", "gte", "1"});
+    EXPECT_EQ(nlohmann::json::parse(said.err)["kind"], "usage");
+    EXPECT_EQ(quilctl({"--progress", "xml", "get", "1"}).code, tools::kUsage);
 }
 
 TEST(QuilctlWords, QuietTurnsProgressAndLogAway) {

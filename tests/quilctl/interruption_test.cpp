@@ -55,7 +55,7 @@ Said interruptedAt(int line, int signal, const std::vector<std::string>& words) 
     SignalAtALine err(signal, line);
     std::ostream errors(&err);
     const int code = tools::run(tools::kBoardProgram, static_cast<int>(argv.size()), argv.data(),
-                                {in, out, errors, false});
+                                {in, out, errors});
     fd = -1;  // as freshly loaded: a session leaves its port's number there
     tools::forgetInterruption();
     return {code, out.str(), err.text()};

@@ -31,7 +31,7 @@ inline Said runProgram(const tools::Program& program, const std::vector<std::str
     std::istringstream in(input);
     std::ostringstream out, err;
     const int code =
-        tools::run(program, static_cast<int>(argv.size()), argv.data(), {in, out, err, false});
+        tools::run(program, static_cast<int>(argv.size()), argv.data(), {in, out, err});
     fd = -1;  // as freshly loaded: a session leaves its port's number there
     tools::forgetInterruption();
     return {code, out.str(), err.str()};

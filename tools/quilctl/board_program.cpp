@@ -2,11 +2,11 @@
 #include <stdlib.h>
 
 #include <CLI/CLI.hpp>
-#include <filesystem>
 
 #include "board/board.h"
 #include "tools/quilctl/cli.h"
 #include "tools/quilctl/session/board_session.h"
+#include "tools/quilctl/session/trace_files.h"
 
 namespace quil::tools {
 namespace {
@@ -20,11 +20,11 @@ constexpr char kExamples[] =
 CLI::Validator traceName() {
     return CLI::Validator(
         [](std::string& name) -> std::string {
-            const auto extension = std::filesystem::path(name).extension();
-            if (extension == ".txt" || extension == ".vcd" || extension == ".json") return {};
-            return "'" + name + "' must end in .txt, .vcd or .json";
+            if (traceTargetOf(name).render != nullptr) return {};
+            return "'" + name +
+                   "' must end in .txt, .vcd or .json, or begin with text:, vcd: " + "or json:";
         },
-        "FILE");
+        "{text:,json:,vcd:}");
 }
 
 CLI::Validator productName() {
@@ -33,7 +33,7 @@ CLI::Validator productName() {
             if (board::productByName(name)) return {};
             return "there is no product '" + name + "': Heron, Kestrel or Wren_t507";
         },
-        "NAME");
+        "{Heron,Kestrel,Wren_t507}");
 }
 
 void addGlobalOptions(CLI::App& app, Options& options) {
@@ -41,12 +41,18 @@ void addGlobalOptions(CLI::App& app, Options& options) {
     if (environment != nullptr) options.boardDirectory = environment;
     app.add_option("--board", options.boardDirectory,
                    "Board directory to power (default: QUIL_BOARD of the environment, "
-                   "or a temporary one)");
-    app.add_option("--product", options.product,
-                   "Product of a new board: Heron (default), Kestrel, Wren_t507")
+                   "or a temporary one)")
+        ->type_name("DIR");
+    app.add_option("--product", options.product, "Product of a new board (default: Heron)")
+        ->type_name("NAME")
         ->check(productName());
-    app.add_option("--trace", options.traceFile,
-                   "Write what happened on the board: .txt, .vcd or .json (trace events)")
+    app.add_option("--trace", options.traceFiles,
+                   "Write what happened on the board to a .txt, .json (trace events) or .vcd "
+                   "(waveforms) file, or to standard output, as text (-) or as FORMAT:-; the "
+                   "result is on the error stream then. May be given several times")
+        ->type_name("FILE")
+        ->take_all()
+        ->allow_extra_args(false)
         ->check(traceName());
     app.add_option("--log-level", options.logLevel, "Log level of the library for this run")
         ->check(CLI::IsMember({"D", "I", "W", "E"}));
@@ -67,6 +73,7 @@ void addCommands(CLI::App& app, Cli& cli) {
     addScreenCommands(app, cli);
     addMcuCommands(app, cli);
     addDemoCommand(app, cli);
+    addShellCommands(app, cli);
 }
 
 std::unique_ptr<ServiceSession> connect(const Cli& cli) {

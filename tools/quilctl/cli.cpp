@@ -9,11 +9,10 @@
 
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/output/nearest_words.h"
+#include "tools/quilctl/output/wrap.h"
 
 namespace quil::tools {
 namespace {
-
-constexpr char kVersion[] = "1.0.0";
 
 std::string listOf(const std::vector<std::string>& words, const char* separator = ", ") {
     std::string text;
@@ -109,7 +108,19 @@ struct HelpArguments {
     std::vector<std::string> words;
 };
 
-void showHelp(const Cli& /*cli*/, const HelpArguments& arguments, Result& result) {
+// Help is for people: in a file it is as wide as on the usual terminal.
+void addHelp(const CLI::App& command, const Screen& screen, Result& result) {
+    constexpr size_t kWide = 80, kNarrow = 60;
+    const size_t columns = screen.columns == 0 ? kWide : std::min(kWide, screen.columns);
+    const std::string words = wordsOf(command);
+    command.get_formatter()->column_width(columns < kNarrow ? 8 : 26);
+    const std::string help = command.get_formatter()->make_help(
+        &command, words.empty() ? "quilctl" : "quilctl " + words, CLI::AppFormatMode::Normal);
+    result.text << wrapped(help, columns);
+    result.json["help"] = wrapped(help, columns);
+}
+
+void showHelp(const Cli& cli, const HelpArguments& arguments, Result& result) {
     const CLI::App* command = arguments.program;
     for (const std::string& word : arguments.words) {
         const auto known = commandsOf(*command);
@@ -119,11 +130,7 @@ void showHelp(const Cli& /*cli*/, const HelpArguments& arguments, Result& result
         if (next == known.end()) throw Failure(kUsage, unknownWord(*command, *command, word));
         command = *next;
     }
-    const std::string words = wordsOf(*command);
-    const std::string help = command->get_formatter()->make_help(
-        command, words.empty() ? "quilctl" : "quilctl " + words, CLI::AppFormatMode::Normal);
-    result.text << help;
-    result.json["help"] = help;
+    addHelp(*command, cli.console.screen, result);
 }
 
 std::string footerOf(const Program& program) {
@@ -134,21 +141,29 @@ std::string footerOf(const Program& program) {
     return text + "Examples:\n" + program.examples;
 }
 
-// A command's own help has its own options only: this says where the others are.
-void pointToGlobalOptions(CLI::App& app, const std::string& pointer) {
-    for (CLI::App* command : app.get_subcommands([](CLI::App* /*any*/) { return true; })) {
-        command->footer(command->get_footer() + pointer);
-        pointToGlobalOptions(*command, pointer);
+// A command's own help has its own options only, and says where the others are.
+class HelpFormatter : public CLI::Formatter {
+    std::string make_footer(const CLI::App* app) const override {
+        if (app->get_parent() == nullptr) return CLI::Formatter::make_footer(app);
+        const CLI::App* program = app;
+        while (program->get_parent() != nullptr) program = program->get_parent();
+        return CLI::Formatter::make_footer(app) +
+               "\nGlobal options, described by quilctl --help:\n  " +
+               listOf(optionsOf(*program), " ") + "\n";
     }
-}
+};
 
 void build(const Program& program, CLI::App& app, Cli& cli) {
+    app.formatter(std::make_shared<HelpFormatter>());
     app.footer(footerOf(program));
     app.require_subcommand(1);
     app.fallthrough();
     app.set_version_flag("--version", kVersion);
     app.add_flag("--json", cli.options.json, "Print one line of JSON (docs/quilctl.md)");
     app.add_flag("--quiet", cli.options.quiet, "No progress and no log on the error stream");
+    app.add_option("--progress", cli.options.progress,
+                   "Progress on the error stream as text or as one JSON object a line, or none")
+        ->check(CLI::IsMember({"text", "json", "none"}));
     program.addCommands(app, cli);
     const auto help = addVerb(
         app, cli,
@@ -156,8 +171,6 @@ void build(const Program& program, CLI::App& app, Cli& cli) {
         showHelp);
     help.arguments.program = &app;
     help.command.add_option("COMMAND", help.arguments.words, "The command's words");
-    pointToGlobalOptions(
-        app, "\nGlobal options, described by quilctl --help:\n  " + listOf(optionsOf(app), " "));
 }
 
 void collect(const CLI::App& app, const Words& before, std::vector<Words>& verbs) {
@@ -170,13 +183,12 @@ void collect(const CLI::App& app, const Words& before, std::vector<Words>& verbs
 }
 
 // Parses and acts. Help and the version are results like any other.
-void perform(CLI::App& app, int argc, const char* const* argv, Cli& cli, Result& result) {
+void perform(CLI::App& app, int argc, const char* const* argv, Cli& cli, Result& result,
+             const std::function<void()>& onParsed) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
-        result.text << app.help();
-        result.json["help"] = app.help();
-        return;
+        return addHelp(reached(app), cli.console.screen, result);
     } catch (const CLI::CallForVersion&) {
         result.text << "quilctl " << kVersion << '\n';
         result.json["version"] = kVersion;
@@ -185,7 +197,8 @@ void perform(CLI::App& app, int argc, const char* const* argv, Cli& cli, Result&
         throw Failure(kUsage, explain(app, error));
     }
     checkBoardOptions(app, cli);
-    if (cli.options.quiet) cli.console.err.rdbuf(nullptr);
+    if (cli.options.quiet) cli.console.report.silence();
+    onParsed();
     cli.action(result);
 }
 
@@ -232,17 +245,63 @@ std::string typed(int argc, const char* const* argv) {
     return line;
 }
 
+// The value of an option wherever it stands: what cannot be parsed has to be told in some form,
+// too.
+std::string givenValue(int argc, const char* const* argv, const std::string& option) {
+    std::string value;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        if (word == option && i + 1 < argc) value = argv[i + 1];
+        if (word.rfind(option + "=", 0) == 0) value = word.substr(option.size() + 1);
+    }
+    return value;
+}
+
+ReportForm formOf(const std::string& name) {
+    return name == "json"   ? ReportForm::kJson
+           : name == "text" ? ReportForm::kText
+           : name == "none" ? ReportForm::kNone
+                            : ReportForm::kAuto;
+}
+
+// A trace that goes to standard output has it for itself: a program reads it there.
+bool givesAwayOutput(const Options& options) {
+    return std::any_of(options.traceFiles.begin(), options.traceFiles.end(), [](const auto& name) {
+        return name == "-" || (name.size() > 2 && name.substr(name.size() - 2) == ":-");
+    });
+}
+
+// Who reads the error stream sees the result as well.
+bool isOnView(const Streams& streams, ReportForm form) {
+    if (streams.outScreen.isTerminal) return form != ReportForm::kJson;
+    return form == ReportForm::kAuto && !streams.errScreen.isTerminal;
+}
+
 int runAndPrint(const Program& program, int argc, const char* const* argv, const Streams& streams) {
     const bool asJson = std::any_of(argv, argv + argc,
                                     [](const char* word) { return strcmp(word, "--json") == 0; });
-    std::ostream notes(streams.err.rdbuf());
+    Reporter report(streams.err, streams.errScreen, formOf(givenValue(argc, argv, "--progress")));
+    WrappingBuffer lines(streams.out, streams.outScreen.columns);
+    std::ostream text(&lines);
+    std::ostream& out = asJson || !streams.outScreen.isTerminal ? streams.out : text;
     std::vector<Failure> late;
-    Cli cli{{}, {streams.in, notes, streams.styled, streams.progress, late}, program.connect, {}};
+    Cli cli{{},
+            {streams.in, streams.out, report.notes(), report, streams.outScreen,
+             !asJson && isOnView(streams, report.form()), late},
+            program.connect,
+            {}};
     CLI::App app(program.purpose, "quilctl");
     build(program, app, cli);
     cli.options.commandLine = typed(argc, argv);
-    Result result(asJson ? nullptr : &streams.out);
-    auto failures = failuresOf([&] { perform(app, argc, argv, cli, result); });
+    Result result;
+    const auto stream = [&]() -> std::ostream& {
+        return givesAwayOutput(cli.options) ? streams.err : out;
+    };
+    auto failures = failuresOf([&] {
+        perform(app, argc, argv, cli, result, [&] {
+            if (!asJson) result.showOn(&stream());
+        });
+    });
     // What fails after an interruption fails because of it.
     const auto other = std::stable_partition(late.begin(), late.end(), isInterruption);
     if (other != late.begin()) failures.clear();
@@ -252,7 +311,7 @@ int runAndPrint(const Program& program, int argc, const char* const* argv, const
         result.json.clear();
     }
     failures.insert(failures.end(), late.begin(), late.end());
-    return print({streams.out, streams.err, asJson}, wordsOf(reached(app)), result, failures);
+    return print({stream(), report, asJson}, wordsOf(reached(app)), result, failures);
 }
 
 }  // namespace
@@ -267,8 +326,9 @@ int run(const Program& program, int argc, const char* const* argv, const Streams
 std::vector<Words> verbsOf(const Program& program) {
     std::istream in(nullptr);
     std::ostream nowhere(nullptr);
+    Reporter report(nowhere, {}, ReportForm::kNone);
     std::vector<Failure> late;
-    Cli cli{{}, {in, nowhere, false, false, late}, program.connect, {}};
+    Cli cli{{}, {in, nowhere, nowhere, report, {}, false, late}, program.connect, {}};
     CLI::App app(program.purpose, "quilctl");
     build(program, app, cli);
     std::vector<Words> verbs;

@@ -10,7 +10,9 @@
 #include <string>
 #include <vector>
 
+#include "tools/quilctl/output/reporter.h"
 #include "tools/quilctl/output/result.h"
+#include "tools/quilctl/output/screen.h"
 
 namespace CLI {
 class App;
@@ -20,21 +22,24 @@ namespace quil::tools {
 
 class ServiceSession;
 
+inline constexpr char kVersion[] = "1.0.0", kReleased[] = "2026-11-22";
+
 // What a program prints on.
 struct Streams {
     std::istream& in;
     std::ostream& out;
     std::ostream& err;
-    bool styled = false;    // `out` is a terminal that wants bold and colour
-    bool progress = false;  // `err` is a terminal: a line may be written over
+    Screen outScreen = {}, errScreen = {};
 };
 
 // What a command may use of them: it prints through its Result.
 struct Console {
     std::istream& in;
-    std::ostream& err;  // progress and the library's log; --quiet turns it away
-    bool styled;
-    bool progress;
+    std::ostream& out;  // for what is no result: a trace
+    std::ostream& err;  // the reporter's lines of free text
+    Reporter& report;   // progress and the library's log; --quiet turns it away
+    Screen screen;      // of the result
+    bool showsResult;   // to who reads `err`, too: what it will say need not be told as progress
     // For destructors, which cannot throw: these make the command fail.
     std::vector<Failure>& lateFailures;
 };
@@ -56,7 +61,7 @@ struct Options {
     std::string product;
     std::string chip;          // of a temporary board's MCU; empty: the product's
     std::string mcuInstalled;  // the version that the MCU has before; empty: as it is
-    std::string traceFile;
+    std::vector<std::string> traceFiles;
     std::string logLevel;  // empty: as the board has it
     uint64_t seed = 0;
     bool realtime = false;
@@ -64,6 +69,7 @@ struct Options {
     bool quiet = false;
     unsigned given = 0;       // those of BoardOption that stand on the command line
     std::string commandLine;  // as typed, to be typed again
+    std::string progress;
 };
 
 // What the parser leaves behind: the options, and what the chosen command will do.
@@ -105,5 +111,6 @@ void addMcuCommands(CLI::App& app, Cli& cli);
 void addMcuProgramCommands(CLI::App& mcu, Cli& cli);  // parts of "mcu"
 void addMcuModelCommand(CLI::App& mcu, Cli& cli);
 void addDemoCommand(CLI::App& app, Cli& cli);
+void addShellCommands(CLI::App& app, Cli& cli);
 
 }  // namespace quil::tools

@@ -1,7 +1,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <signal.h>
-#include <stdlib.h>
 #include <unistd.h>
 
 #include <exception>
@@ -64,8 +63,7 @@ int main(int argc, char** argv) {
     quil::tools::InterruptibleInput input(STDIN_FILENO);
     std::istream in(&input);
     in.exceptions(std::ios::badbit);  // throws on what the input throws
-    const bool styled = isatty(STDOUT_FILENO) != 0 && getenv("NO_COLOR") == nullptr;
-    const bool progress = isatty(STDERR_FILENO) != 0;
+    using quil::tools::screenOf;
     return quil::tools::run(quil::tools::kBoardProgram, argc, argv,
-                            {in, out, std::cerr, styled, progress});
+                            {in, out, std::cerr, screenOf(STDOUT_FILENO), screenOf(STDERR_FILENO)});
 }

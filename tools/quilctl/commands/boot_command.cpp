@@ -45,13 +45,12 @@ void boot(const Cli& cli, const BootArguments& arguments, Result& result) {
     const bool isUpdate = arguments.updatesFpga || isUpdateAsked(session.board());
     const BringUpFaults faults(session.board(), arguments.faults, isUpdate, cli.console.err);
     if (arguments.updatesFpga) session.board().properties().set(fpga::kUpdateProperty, "1");
-    BootStages stages(session, cli.console);
+    BootStages stages(session, cli.console, result);
     const host::StartUpResult started = session.host().start(
         {.updateMcu = true, .loadFpga = true, .onStep = [&](host::BootStep step) {
              endStage(session, stages, step);
          }});
     if (!started.ok()) stages.end("start-up", false, started.text);
-    addStages(result, stages.all());
     if (!started.ok()) throw Failure(kNoBoard, "the service did not come up: " + started.text);
     throwUnlessAllOk(stages.all());
 }

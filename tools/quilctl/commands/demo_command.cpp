@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cmath>
 #include <exception>
 #include <thread>
 
@@ -39,8 +40,8 @@ std::string quotedOrHex(const Bytes& bytes) {
 
 class Demo {
   public:
-    Demo(BoardSession& session, Result& result, bool isStyled)
-        : mSession(session), mResult(result), mIsStyled(isStyled) {}
+    Demo(BoardSession& session, Result& result, const Screen& screen)
+        : mSession(session), mResult(result), mScreen(screen) {}
 
     void run();
 
@@ -60,7 +61,7 @@ class Demo {
 
     BoardSession& mSession;
     Result& mResult;
-    const bool mIsStyled;
+    const Screen mScreen;
     size_t mSeen = 0;  // trace events that were decoded already
     std::vector<std::string> mFailed;
 };
@@ -69,12 +70,14 @@ void Demo::row(const std::string& step, const std::string& link, const std::stri
                bool ok) {
     if (mSession.board().powerIsCut()) return;
     const double now = secondsOf(mSession.board().now());
-    char line[160];
-    snprintf(line, sizeof(line), "%10.6f s  %-30s %-26s %-16s ", now, step.c_str(), link.c_str(),
-             client.c_str());
-    const char* verdict = ok ? "ok" : "FAILED";
-    const char* style = !mIsStyled ? "" : ok ? "\033[32m" : "\033[1;31m";
-    note(std::string(line) + style + verdict + (mIsStyled ? "\033[0m\n" : "\n"));
+    char stamp[24], columns[96];
+    snprintf(stamp, sizeof(stamp), "%7.3f s ", now);
+    snprintf(columns, sizeof(columns), "%-22s %-22s ", step.c_str(), link.c_str());
+    const std::string verdict =
+        ok ? styled(mScreen, Style::kGood, "ok") : styled(mScreen, Style::kBad, "FAILED");
+    std::string text = stamp + verdict + std::string(ok ? 5 : 1, ' ') + columns + client;
+    text.erase(text.find_last_not_of(' ') + 1);
+    note(text + "\n");
     mResult.json["steps"].push_back(
         {{"step", step}, {"at", now}, {"link", link}, {"client", client}, {"ok", ok}});
     if (!ok) mFailed.push_back(step);
@@ -122,8 +125,7 @@ Bytes Demo::request(const std::string& step, bool isWrite, const Bytes& bytes,
 void Demo::boot() {
     auto& board = mSession.board();
     const std::string before = board.mcuChip().version();
-    row("power on, the MCU runs " + before, std::string(board.directory().filename()), "",
-        before == kOlderVersion);
+    row("power on, MCU " + before, board.mcuChip().part().name, "", before == kOlderVersion);
     const std::string imageBefore = board.fpga().version();
     board.properties().set(fpga::kUpdateProperty, "1");
     std::exception_ptr failure;  // of the client
@@ -150,8 +152,7 @@ void Demo::boot() {
     };
     mSession.startService(jobs);
     const std::string image = board.fpga().version();
-    row("boot, the FPGA is updated",
-        std::to_string(board.flash().usedSize()) + " bytes in its flash",
+    row("FPGA updated", std::to_string(board.flash().usedSize()) + " bytes flashed",
         (imageBefore.empty() ? "none" : imageBefore) + " -> " + image,
         mSession.host().fpga() == host::FpgaLoad::kUp && image == config_info->fpga_fw_version);
     newOnTheWire();
@@ -162,26 +163,24 @@ void Demo::mcuUpdated(const std::string& before) {
     ProgrammingWatch watch(record.mcu_uart_path, record.mcu_serial);
     for (const board::Event& event : mSession.board().trace().events()) watch.see(event);
     const std::string running = mSession.board().mcuChip().version();
-    row("boot, the MCU is updated", std::to_string(watch.written()) + " bytes programmed",
+    row("MCU updated", std::to_string(watch.written()) + " bytes programmed",
         before + " -> " + running, running == record.mcu_fw_version && watch.attempts() == 1);
 }
 
 void Demo::linkUp() {
     const auto& record = *config_info;
-    row("parse /vendor/etc/product.ini", record.mcu_uart_path, record.product,
-        record.product[0] != '\0');
+    row("parse product.ini", record.mcu_uart_path, record.product, record.product[0] != '\0');
     auto& uart = mSession.board().mcuUart();
-    row("open the MCU link", std::to_string(uart.baud()) + " baud " + uart.mode(),
-        "fd " + std::to_string(record.mcu_fd),
+    row("open the MCU link", std::to_string(uart.baud()) + " baud " + uart.mode(), "open",
         uart.baud() == record.mcu_baud_rate && uart.mode() == "8N1");
-    row("load the service, clients in", "", "", mSession.host().service() != nullptr);
+    row("service up, clients in", "", "", mSession.host().service() != nullptr);
 }
 
 // A request during the boot, while the MCU's boot loader uses the link.
 void Demo::firmwareUpdate() {
     mSession.board().runFor(kIntoTheProgramming);
     newOnTheWire();
-    request("get while it is programmed", false, requestOf(kVersionCommand, {}), {0xFF}, false);
+    request("get while programming", false, requestOf(kVersionCommand, {}), {0xFF}, false);
 }
 
 void Demo::silentMcu() {
@@ -196,17 +195,17 @@ void Demo::silentMcu() {
     const std::string wire = newOnTheWire();
     const bool ok = answer.empty() && wire.find("->") == std::string::npos &&
                     waited >= std::chrono::seconds(5) && waited < std::chrono::milliseconds(5100);
-    row("get, the MCU stays silent", wire, answer.empty() ? "empty" : quotedOrHex(answer), ok);
-    char text[96];
-    snprintf(text, sizeof(text), "%14s5 s of board time took %.2f ms of real time\n", "", real);
-    note(text);
+    row("get, MCU silent", wire, answer.empty() ? "empty" : quotedOrHex(answer), ok);
+    note(std::string(17, ' ') + "5 s of board time took " +
+         (real < 1000 ? "less than 1 s" : std::to_string(std::lround(real / 1000)) + " s") +
+         " of real time\n");
 }
 
 void Demo::callback() {
     const Bytes data = {0xCA, 0xFE};
     const CallbackRun run = invokeCallbacks(mSession, 1, data);
     const bool ok = run.invoked == 2 && run.arrived == std::vector<Bytes>{data};
-    row("callback, reached by hwInvoke", newOnTheWire(),
+    row("callback by hwInvoke", newOnTheWire(),
         run.arrived.empty() ? "not called" : quotedOrHex(run.arrived.front()), ok);
 }
 
@@ -218,19 +217,19 @@ void Demo::selfTest() {
     }
     const std::string wire = newOnTheWire();
     const bool ok = errors == "RTC:Error" && wire == "nothing" && !hasPassed(run.record);
-    row("self-test, clock broken", wire, errors.empty() ? "no error" : errors, ok);
+    row("self-test, RTC broken", wire, errors.empty() ? "no error" : errors, ok);
 }
 
 void Demo::run() {
     const Bytes value = {0x0A, 0x0B};
-    note("board time    step                           on the wire to the MCU     client got\n");
+    note("  board          step                   on the wire            client got\n");
     boot();
     const std::string shipped = config_info->mcu_fw_version;
     const Bytes version(shipped.begin(), shipped.end());
-    request("get 0x1, the MCU's version", false, requestOf(kVersionCommand, {}), version, true);
+    request("get 0x1, its version", false, requestOf(kVersionCommand, {}), version, true);
     request("set 0x102", true, requestOf(kValueCommand, value), {0x00}, true);
     request("get 0x102 back", false, requestOf(kValueCommand, {}), value, true);
-    request("get, only 3 bytes of request", false, {0x01, 0x00, 0x00}, {}, false);
+    request("get of only 3 bytes", false, {0x01, 0x00, 0x00}, {}, false);
     silentMcu();
     request("get 0x1 again", false, requestOf(kVersionCommand, {}), version, true);
     callback();
@@ -246,7 +245,7 @@ void demo(const Cli& cli, Result& result) {
     Options options = cli.options;
     options.mcuInstalled = kOlderVersion;
     BoardSession session(options, cli.console, false);  // the failures here are wanted
-    Demo(session, result, cli.console.styled).run();
+    Demo(session, result, cli.console.screen).run();
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "fpga/spi_link.h"
 #include "host/fpga_load.h"
 #include "tools/quilctl/commands/verb.h"
+#include "tools/quilctl/output/values.h"
 #include "tools/quilctl/session/boot_stages.h"
 #include "tools/quilctl/session/bring_up_faults.h"
 
@@ -71,7 +72,11 @@ void showStatus(const Cli& cli, Result& result) {
     parseProduct();
     const FpgaStatus status = askStatus(session.board());
     addStatus(result, status);
-    if (status.done != "high") throw Failure(kFailed, "the FPGA's DONE is not high: no image runs");
+    if (status.done != "high") {
+        throw Failure(kFailed, "the FPGA's DONE is not high: no image runs",
+                      "quilctl fpga load runs the load sequence, quilctl boot --update-fpga writes "
+                      "the configured image first");
+    }
 }
 
 struct LoadArguments {
@@ -82,16 +87,17 @@ void load(const Cli& cli, const LoadArguments& arguments, Result& result) {
     BoardSession session(cli.options, cli.console, false);
     const BringUpFaults faults(session.board(), arguments.faults, isUpdateAsked(session.board()),
                                cli.console.err);
-    BootStages stages(session, cli.console);
+    BootStages stages(session, cli.console, result);
     parseProduct();
     stages.end("configuration", true, config_info->product);
     const host::FpgaLoad loaded = host::loadFpga();
     if (loaded == host::FpgaLoad::kNoSequence) stages.end("FPGA", false, "no load sequence");
     result.json["loaded"] = loaded == host::FpgaLoad::kUp;
-    addStages(result, stages.all());
     addStatus(result, askStatus(session.board()));
     throwUnlessAllOk(stages.all());
-    if (loaded != host::FpgaLoad::kUp) throw Failure(kFailed, "the load sequence failed");
+    if (loaded != host::FpgaLoad::kUp) {
+        throw Failure(kFailed, "the load sequence failed", "quilctl boot has its stages");
+    }
 }
 
 // An image of the workstation, on the board for as long as this lives, in place of the configured
@@ -127,15 +133,15 @@ class LentImage {
 };
 
 // Steps of the update, as the board sees them go on.
-void showSteps(board::Board& board, std::ostream& err) {
-    board.trace().onEvent([&err](const board::Event& event) {
+void showSteps(board::Board& board, Reporter& report) {
+    board.trace().onEvent([&report](const board::Event& event) {
         const bool isStep = event.kind == board::EventKind::kFlash ||
                             (event.kind == board::EventKind::kNote && event.source == "fpga");
         if (!isStep) return;
         char stamp[32];
-        snprintf(stamp, sizeof(stamp), "%10.3f s  ",
-                 std::chrono::duration<double>(event.at).count());
-        err << stamp << event.source << ": " << event.text << '\n';
+        snprintf(stamp, sizeof(stamp), "%10.3f s  ", secondsOf(event.at));
+        report.tell("step", stamp + event.source + ": " + event.text,
+                    {{"at", secondsOf(event.at)}, {"step", event.source}, {"said", event.text}});
     });
 }
 
@@ -155,10 +161,10 @@ FlashRun runFlash(board::Board& board, const std::string& file) {
     return {isDone, fs::file_size(file), took.count(), board.fpga().problem(), askStatus(board)};
 }
 
-void addRun(Result& result, const FlashRun& run) {
+void addRun(Result& result, const Screen& screen, const FlashRun& run) {
     char line[96];
     snprintf(line, sizeof(line), "%ju bytes in %.3f s of board time: ", run.bytes, run.seconds);
-    result.text << line << (run.isDone ? "ok" : "FAILED");
+    result.text << line << (run.isDone ? "ok" : styled(screen, Style::kBad, "FAILED"));
     if (!run.problem.empty()) result.text << " (" << run.problem << ")";
     result.text << "\nDONE               " << run.status.done << "\nimage              "
                 << run.status.version << '\n';
@@ -176,12 +182,14 @@ struct FlashArguments {
 void flash(const Cli& cli, const FlashArguments& arguments, Result& result) {
     BoardSession session(cli.options, cli.console);
     parseProduct();
-    showSteps(session.board(), cli.console.err);
+    showSteps(session.board(), cli.console.report);
     const FlashRun run = runFlash(session.board(), arguments.file);
-    addRun(result, run);
+    addRun(result, cli.console.screen, run);
     if (run.isDone) return;
     const std::string reason = run.problem.empty() ? session.lastError() : run.problem;
-    throw Failure(kFailed, arguments.file + " was not written: " + reason);
+    throw Failure(kFailed, arguments.file + " was not written: " + reason,
+                  "the flash does not hold an image that runs: write a good one with quilctl fpga "
+                  "flash FILE, or the configured one with quilctl boot --update-fpga");
 }
 
 void addLoad(CLI::App& fpga, Cli& cli) {

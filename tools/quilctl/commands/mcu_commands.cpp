@@ -26,7 +26,11 @@ void version(const Cli& cli, Result& result) {
     result.text << "running   " << shown(running) << "\nshipped   " << config_info->mcu_fw_version
                 << "  " << config_info->mcu_fw_path << "\nrecorded  "
                 << (recorded.empty() ? "never programmed" : recorded) << '\n';
-    if (running.empty()) throw Failure(kFailed, "the MCU does not answer");
+    if (running.empty()) {
+        throw Failure(
+            kFailed, "the MCU does not answer",
+            "quilctl mcu update programs the shipped image and shows the step that fails");
+    }
 }
 
 ProgrammingTarget shippedTarget(const board::Board& board) {
@@ -64,11 +68,14 @@ void update(const Cli& cli, const UpdateArguments& arguments, Result& result) {
     session.board().runFor(kMcuStart);
     const std::string after = link.version();
     result.json["after"] = after;
-    addOutcome(result, outcome);
+    addOutcome(result, cli.console.screen, outcome);
     result.text << shown(before) << " -> " << shown(after) << '\n';
-    if (!outcome.isDone) throw Failure(kFailed, "not programmed: " + reasonOf(outcome));
+    if (!outcome.isDone) {
+        throw Failure(kFailed, "not programmed: " + reasonOf(outcome), remedyOf(outcome));
+    }
     if (after != shipped) {
-        throw Failure(kFailed, "the MCU does not run " + shipped + ": " + shown(after));
+        throw Failure(kFailed, "the MCU does not run " + shipped + ": " + shown(after),
+                      remedyOf(outcome));
     }
 }
 
@@ -82,14 +89,15 @@ CLI::Validator versionText() {
 }
 
 void addUpdate(CLI::App& mcu, Cli& cli) {
-    const auto [command, arguments] = addVerb(
-        mcu, cli,
-        {"update", "Bring the MCU to the shipped version, as a boot does",
-         "Asks the MCU for its version, compares it with the shipped one, programs the shipped\n"
-         "image in up to five attempts, records its version and opens the link again.\n"
-         "Exit code 1 when the MCU does not run the shipped version in the end.\n"
-         "Example: quilctl mcu update --installed V0.9.0"},
-        update);
+    const auto [command, arguments] =
+        addVerb(mcu, cli,
+                {"update", "Bring the MCU to the shipped version, as a boot does",
+                 "Asks the MCU for its version, compares it with the shipped one, programs the\n"
+                 "shipped image in up to five attempts, records its version and opens the link\n"
+                 "again.\n"
+                 "Exit code 1 when the MCU does not run the shipped version in the end.\n"
+                 "Example: quilctl mcu update --installed V0.9.0"},
+                update);
     command
         .add_option("--installed", arguments.installed,
                     "Let the MCU have an image of this version before")

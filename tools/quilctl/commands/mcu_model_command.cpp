@@ -63,17 +63,17 @@ void model(const Cli& cli, const ModelArguments& arguments, Result& result) {
 }  // namespace
 
 void addMcuModelCommand(CLI::App& mcu, Cli& cli) {
-    const auto [command, arguments] = addVerb(
-        mcu, cli,
-        {"model", "Put a part's boot loader behind a pty",
-         "With --realtime the line and the flash take their time. A pty carries no parity.\n"
-         "Ctrl-C and a termination are its normal end. Exit code 1 when the boot loader refused\n"
-         "something as against its protocol.\n"
-         "Examples: quilctl mcu model --chip gd32f303 --pty /tmp/mcu &\n"
-         "          stm32flash -m 8n1 -b 115200 -w image.bin -v /tmp/mcu\n"
-         "          quilctl mcu program --chip gd32f303 --port /tmp/mcu image.bin",
-         kRealtimeOption},
-        model);
+    const auto [command, arguments] =
+        addVerb(mcu, cli,
+                {"model", "Put a part's boot loader behind a pty",
+                 "With --realtime the line and the flash take their time. A pty has no parity.\n"
+                 "Ctrl-C and a termination are its normal end. Exit code 1 when the boot\n"
+                 "loader refused something as against its protocol.\n"
+                 "Examples: quilctl mcu model --chip gd32f303 --pty /tmp/mcu &\n"
+                 "          stm32flash -m 8n1 -b 115200 -w image.bin -v /tmp/mcu\n"
+                 "          quilctl mcu program --chip gd32f303 --port /tmp/mcu image.bin",
+                 kRealtimeOption},
+                model);
     command.add_option("--chip", arguments.chip, "gd32f303, gd32f470, stm32h750 or n32g45x")
         ->required()
         ->check(chipName());

@@ -20,12 +20,13 @@ namespace {
 namespace fs = std::filesystem;
 
 constexpr char kPortHelp[] =
-    "--port: the board's own serial device (default), or one of this workstation: then the MCU\n"
-    "behind it is programmed, in real time. Its MCU_BOOT0 and MCU_NRST can hang at the device's\n"
-    "RTS and DTR (--boot0, --nrst: \"rts\" is set while the line is 1, \"-rts\" while it is 0;\n"
-    "most adapters turn a set line into a low pin). Without them start the MCU in its boot\n"
-    "loader before, and reset it afterwards. A device whose name is the board's own is reached\n"
-    "through a link to it.\n";
+    "--port: the board's own serial device (default), or one of this workstation:\n"
+    "then the MCU behind it is programmed, in real time. Its MCU_BOOT0 and MCU_NRST\n"
+    "can hang at the device's RTS and DTR (--boot0, --nrst: \"rts\" is set while the\n"
+    "line is 1, \"-rts\" while it is 0; most adapters turn a set line into a low\n"
+    "pin). Without them start the MCU in its boot loader before, and reset it\n"
+    "afterwards. A device whose name is the board's own is reached through a link\n"
+    "to it.\n";
 
 struct PortArguments {
     std::string port;  // empty: the board's
@@ -123,12 +124,14 @@ void program(const Cli& cli, const ProgramArguments& arguments, Result& result) 
     const ProgrammingOutcome outcome = runProgramming(
         programming.session(), cli.console, {port, chip, static_cast<size_t>(fs::file_size(file))},
         [&] { return mcu_isp_fw_update(file.data(), port.data(), chip.data()) == 0; });
-    addOutcome(result, outcome);
+    addOutcome(result, cli.console.screen, outcome);
     const auto violations = programming.board().violations();
     result.json["violations"] = violations;
     if (!outcome.isWhole()) {
-        throw Failure(kFailed, "not programmed: " + reasonOf(outcome) +
-                                   (violations.empty() ? "" : "; board: " + joined(violations)));
+        throw Failure(kFailed,
+                      "not programmed: " + reasonOf(outcome) +
+                          (violations.empty() ? "" : "; board: " + joined(violations)),
+                      remedyOf(outcome));
     }
     if (!violations.empty()) throw Failure(kFailed, "board: " + joined(violations));
 }

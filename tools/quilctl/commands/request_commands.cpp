@@ -32,8 +32,9 @@ void request(const Cli& cli, const RequestArguments& arguments, Result& result) 
         {"request", kind}, {"command", command}, {"answered", !answer.empty()}, {"answer", answer}};
     if (answer.empty()) throw Failure(kFailed, kind + (" " + hex32(command)) + ": no answer");
     result.text << toHex(answer);
-    if (cli.console.styled && isPrintable(answer)) {
-        result.text << "  \033[2m\"" << std::string(answer.begin(), answer.end()) << "\"\033[0m";
+    if (cli.console.screen.isTerminal && isPrintable(answer)) {
+        const std::string text = "\"" + std::string(answer.begin(), answer.end()) + "\"";
+        result.text << "  " << styled(cli.console.screen, Style::kFaint, text);
     }
     result.text << '\n';
 }

@@ -66,7 +66,7 @@ CLI::Validator partName() {
             return "the board has no part '" + name +
                    "': rtc, es8316 (or es8316.0 ..), wifi-ap, wifi-sta, idt6965, sdcard";
         },
-        "PART");
+        "{rtc,es8316,wifi-ap,wifi-sta,idt6965,sdcard}");
 }
 
 }  // namespace
@@ -83,6 +83,7 @@ void addSelfTestCommands(CLI::App& app, Cli& cli) {
                     "Parts that are broken for this run: rtc, es8316, es8316.0 (one codec), "
                     "wifi-ap, wifi-sta, idt6965, sdcard (taken out)")
         ->delimiter(',')
+        ->type_name("PART")
         ->check(partName());
 }
 

@@ -33,14 +33,20 @@ bool hasPassed(const Bytes& record) {
 }
 
 void throwUnlessPassed(const Bytes& record) {
-    if (record.empty()) throw Failure(kFailed, "self-test: no answer");
+    if (record.empty()) {
+        throw Failure(
+            kFailed, "self-test: no answer",
+            "the result goes by /sdcard/self_test_results.txt: see that the SD card is in "
+            "and can be written");
+    }
     if (hasPassed(record)) return;
     std::string parts;
     for (const SelfTestVerdict& one : verdictsOf(record)) {
         if (one.verdict == "Error") parts += (parts.empty() ? "" : ", ") + one.item;
     }
     throw Failure(kFailed,
-                  "self-test: " + (parts.empty() ? "it did not run" : "in error: " + parts));
+                  "self-test: " + (parts.empty() ? "it did not run" : "in error: " + parts),
+                  "the column 'probe', or the log with --log-level D, has what each part said");
 }
 
 }  // namespace quil::tools

@@ -6,16 +6,12 @@
 #include <algorithm>
 #include <ostream>
 
+#include "tools/quilctl/output/reporter.h"
+
 namespace quil::tools {
 namespace {
 
 constexpr int kSchema = 1;  // docs/quilctl.md describes it
-
-const ExitCodeRow& rowOf(ExitCode code) {
-    const auto row = std::find_if(kExitCodes.begin(), kExitCodes.end(),
-                                  [code](const ExitCodeRow& one) { return one.code == code; });
-    return row == kExitCodes.end() ? kExitCodes.at(kInternal) : *row;
-}
 
 std::string messagesOf(const std::vector<Failure>& failures) {
     std::string text;
@@ -30,7 +26,9 @@ std::string documentOf(const std::string& command, const Json& result,
     const ExitCode code = failures.empty() ? kOk : failures.front().code();
     Json document{{"schema", kSchema}, {"command", command}, {"exit_code", static_cast<int>(code)}};
     if (code != kOk) {
-        document["error"] = {{"kind", rowOf(code).name}, {"message", messagesOf(failures)}};
+        document["error"] = {{"kind", nameOf(code)}, {"message", messagesOf(failures)}};
+        const std::string& remedy = failures.front().remedy();
+        if (!remedy.empty()) document["error"]["remedy"] = remedy;
     }
     if (!result.empty()) document["result"] = result;
     // Texts of the board may hold any bytes: what is no UTF-8 is replaced.
@@ -38,6 +36,12 @@ std::string documentOf(const std::string& command, const Json& result,
 }
 
 }  // namespace
+
+const char* nameOf(ExitCode code) {
+    const auto row = std::find_if(kExitCodes.begin(), kExitCodes.end(),
+                                  [code](const ExitCodeRow& one) { return one.code == code; });
+    return row == kExitCodes.end() ? kExitCodes.at(kInternal).name : row->name;
+}
 
 Failure failureOf(ExitCode code, const std::string& what, int error) {
     return {code, error == 0 ? what : what + ": " + strerror(error)};
@@ -59,8 +63,7 @@ ExitCode print(const Output& output, const std::string& command, Result& result,
         failures.insert(failures.begin(),
                         failureOf(kNotWritten, "standard output cannot be written", errno));
     }
-    for (const Failure& failure : failures) output.err << "quilctl: " << failure.what() << '\n';
-    output.err.flush();
+    for (const Failure& failure : failures) output.report.fail(failure);
     return failures.empty() ? kOk : failures.front().code();
 }
 

@@ -6,6 +6,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/quilctl/output/exit_codes.h"
@@ -17,12 +18,18 @@ using Json = nlohmann::ordered_json;  // members stay in the order in which they
 // Ends a command: thrown by it with what failed, where, and why.
 class Failure : public std::runtime_error {
   public:
-    Failure(ExitCode code, const std::string& message) : std::runtime_error(message), mCode(code) {}
+    // `remedy`: what to do next.
+    Failure(ExitCode code, const std::string& message, std::string remedy = "")
+        : std::runtime_error(message), mCode(code), mRemedy(std::move(remedy)) {}
     ExitCode code() const { return mCode; }
+    const std::string& remedy() const { return mRemedy; }
 
   private:
     ExitCode mCode;
+    std::string mRemedy;
 };
+
+const char* nameOf(ExitCode code);  // "failed"
 
 // "file: No such file or directory", with the reason of a system call that has just failed.
 Failure failureOf(ExitCode code, const std::string& what, int error);
@@ -30,28 +37,29 @@ Failure failureOf(ExitCode code, const std::string& what, int error);
 // Filled by a command. What was filled before a Failure is printed as well.
 class Result {
   public:
-    // `live`: where show() prints; null when the text is not wanted.
-    explicit Result(std::ostream* live) : mLive(live) {}
-
     Json json = Json::object();
     std::ostringstream text;
 
     // Prints the text so far. Only for a command whose text is also its progress.
     void show();
+    // Where show() prints; null, as at first, when the text is not wanted.
+    void showOn(std::ostream* live) { mLive = live; }
 
   private:
-    std::ostream* const mLive;
+    std::ostream* mLive = nullptr;
 };
+
+class Reporter;
 
 struct Output {
     std::ostream& out;
-    std::ostream& err;
+    Reporter& report;
     bool asJson;
 };
 
-// Prints the result as text or as one line of JSON, and failures to the error stream; gives the
-// exit code, which is that of the first failure. `command` is "mcu update", without options.
-// An output that cannot be written is a failure, too.
+// Prints the result as text or as one line of JSON, and reports failures; gives the exit code,
+// which is that of the first failure. `command` is "mcu update", without options. An output that
+// cannot be written is a failure, too.
 ExitCode print(const Output& output, const std::string& command, Result& result,
                std::vector<Failure> failures);
 

@@ -1,10 +1,10 @@
 #include "tools/quilctl/programming/programming_progress.h"
 
 #include <stdio.h>
+#include <string.h>
 
 #include <algorithm>
 #include <chrono>
-#include <ostream>
 
 #include "tools/quilctl/output/values.h"
 
@@ -12,14 +12,28 @@ namespace quil::tools {
 namespace {
 
 constexpr int kPlainStride = 10;  // percent from one plain line to the next
-constexpr int kBarWidth = 30;
-constexpr char kLineAgain[] = "\r\033[K";
+constexpr size_t kBarWidth = 30, kBarLeast = 4;
+
+// "  3% [##....] 4096 of 8192 bytes, .."; on a narrow terminal with less of it. The last column
+// stays free: in some terminals it would begin a new line.
+std::string barOf(int percent, const std::string& numbers, size_t columns) {
+    char head[16];
+    snprintf(head, sizeof(head), "%3d%% ", percent);
+    const size_t room = columns - std::min(columns, strlen(head) + 1);
+    const size_t frame = strlen("[] ");
+    if (room <= frame + kBarLeast) return head;
+    const bool hasNumbers = room >= numbers.size() + frame + kBarLeast;
+    const size_t width = std::min(kBarWidth, room - frame - (hasNumbers ? numbers.size() : 0));
+    const auto done = width * static_cast<size_t>(percent) / 100;
+    return head + ("[" + std::string(done, '#') + std::string(width - done, '.') + "] ") +
+           (hasNumbers ? numbers : "");
+}
 
 }  // namespace
 
 ProgrammingProgress::ProgrammingProgress(const Console& console, const ProgrammingWatch& watch,
                                          size_t total)
-    : mConsole(console), mWatch(watch), mTotal(total) {}
+    : mReport(console.report), mWatch(watch), mTotal(total) {}
 
 void ProgrammingProgress::step(const ProgrammingStep& step, const std::string& said) {
     if (mWatch.attempts() != mAttempt) {
@@ -34,13 +48,17 @@ void ProgrammingProgress::step(const ProgrammingStep& step, const std::string& s
     }
 }
 
+void ProgrammingProgress::tell(const char* event, const std::string& text, Json members) {
+    const double now = secondsOf(mWatch.now());
+    char stamp[32];
+    snprintf(stamp, sizeof(stamp), "%10.3f s  ", now);
+    Json document{{"at", now}, {"attempt", mAttempt}};
+    document.update(members);
+    mReport.tell(event, stamp + text, document);
+}
+
 void ProgrammingProgress::showStep(const std::string& step, const std::string& said) {
-    finish();
-    char line[256];
-    snprintf(line, sizeof(line), "%10.3f s  %s%s%s\n", secondsOf(mWatch.now()), step.c_str(),
-             said.empty() ? "" : ": ", said.c_str());
-    mConsole.err << line;
-    mConsole.err.flush();
+    tell("step", step + (said.empty() ? "" : ": " + said), {{"step", step}, {"said", said}});
 }
 
 int ProgrammingProgress::percent() const {
@@ -48,43 +66,35 @@ int ProgrammingProgress::percent() const {
     return static_cast<int>(100 * std::min(mWatch.written(), total) / total);
 }
 
+double ProgrammingProgress::rate() const {
+    const double seconds = secondsOf(mWatch.now() - mWatch.writingSince());
+    return seconds > 0 ? static_cast<double>(mWatch.written()) / seconds : 0;
+}
+
 // "4096 of 8192 bytes, 3.3 kB/s, 2 s left"
 std::string ProgrammingProgress::numbers() const {
-    const auto written = static_cast<double>(mWatch.written());
-    const double seconds = secondsOf(mWatch.now() - mWatch.writingSince());
-    const double rate = seconds > 0 ? written / seconds : 0;
-    const double left = rate > 0 ? (static_cast<double>(mTotal) - written) / rate : 0;
+    const double perSecond = rate(),
+                 rest = static_cast<double>(mTotal - std::min(mTotal, mWatch.written()));
     char text[96];
     snprintf(text, sizeof(text), "%zu of %zu bytes, %.2f kB/s, %.0f s left", mWatch.written(),
-             mTotal, rate / 1e3, std::max(left, 0.0));
+             mTotal, perSecond / 1e3, perSecond > 0 ? rest / perSecond : 0);
     return text;
 }
 
 void ProgrammingProgress::showBlock() {
     const int now = percent();
-    if (mConsole.progress) {
-        if (now != mShown) drawBar();
-    } else if (mShown < 0 || now / kPlainStride != mShown / kPlainStride) {
-        showStep("write " + std::to_string(now) + "%", numbers());
+    const bool isNext = mShown < 0 || now / kPlainStride != mShown / kPlainStride;
+    if (mReport.hasBar()) {
+        if (now != mShown) mReport.showBar(barOf(now, numbers(), mReport.screen().columns));
+    } else if (isNext) {
+        tell("bytes", "write " + std::to_string(now) + "%: " + numbers(),
+             {{"done", mWatch.written()}, {"total", mTotal}, {"bytes_per_second", rate()}});
     } else {
         return;
     }
     mShown = now;
 }
 
-void ProgrammingProgress::drawBar() {
-    const auto done = static_cast<size_t>(kBarWidth * percent() / 100);
-    const std::string bar = std::string(done, '#') + std::string(kBarWidth - done, '.');
-    char head[64];
-    snprintf(head, sizeof(head), "%3d%% [%s] ", percent(), bar.c_str());
-    mConsole.err << kLineAgain << head << numbers();
-    mConsole.err.flush();
-    mBarIsOpen = true;
-}
-
-void ProgrammingProgress::finish() {
-    if (mBarIsOpen) mConsole.err << '\n';
-    mBarIsOpen = false;
-}
+void ProgrammingProgress::finish() { mReport.leaveBar(); }
 
 }  // namespace quil::tools

@@ -15,18 +15,18 @@ class ProgrammingProgress {
     void finish();  // leaves the bar behind
 
   private:
+    double rate() const;  // bytes of the image in a second of board time
     std::string numbers() const;
     int percent() const;
+    void tell(const char* event, const std::string& text, Json members);
     void showStep(const std::string& step, const std::string& said);
     void showBlock();
-    void drawBar();
 
-    const Console& mConsole;
+    Reporter& mReport;
     const ProgrammingWatch& mWatch;
     const size_t mTotal;
     int mAttempt = 0;
     int mShown = -1;  // percent
-    bool mBarIsOpen = false;
 };
 
 }  // namespace quil::tools

@@ -3,7 +3,9 @@
 #include <stdio.h>
 
 #include <algorithm>
+#include <array>
 #include <ostream>
+#include <string_view>
 
 #include "tools/quilctl/output/values.h"
 
@@ -31,10 +33,24 @@ struct Observers {
     }
 };
 
-const char* verdictOf(const ProgrammingOutcome& outcome) {
-    if (outcome.isWhole()) return "programmed";
-    return outcome.isDone ? "INCOMPLETE, unnoticed by the session" : "FAILED";
-}
+struct AdviceRow {
+    std::string_view step;  // the beginning of its name
+    const char* remedy;
+};
+constexpr std::array<AdviceRow, 4> kAdvice = {{
+    {"open ", "look at the port: mcu_uart_path in product.ini, or --port"},
+    {"synchronise",
+     "see that the MCU is in its boot loader (BOOT0 high through a reset), and that "
+     "port and part (--chip, mcu_serial) are the right ones"},
+    {"handshake",
+     "see that the MCU is in its boot loader (BOOT0 high through a reset), and that "
+     "port and part (--chip, mcu_serial) are the right ones"},
+    {"erase",
+     "see that the image is not larger than the part's flash and the part is not protected; "
+     "then program again"},
+}};
+constexpr char kAgain[] =
+    "the flash holds a part of the image, which must not be started: program again";
 
 }  // namespace
 
@@ -59,13 +75,16 @@ ProgrammingOutcome runProgramming(BoardSession& session, const Console& console,
             isDone ? "" : session.lastError(logged)};
 }
 
-void addOutcome(Result& result, const ProgrammingOutcome& outcome) {
+void addOutcome(Result& result, const Screen& screen, const ProgrammingOutcome& outcome) {
     char text[128];
-    snprintf(text, sizeof(text), "%s: %zu of %zu bytes in %.3f s, %d attempt%s\n",
-             verdictOf(outcome), outcome.written, outcome.size, secondsOf(outcome.time),
-             outcome.attempts, outcome.attempts == 1 ? "" : "s");
-    result.text << text;
-    result.json.update({{"done", outcome.isWhole()},
+    snprintf(text, sizeof(text), ": %zu of %zu bytes in %.3f s, %d attempt%s\n", outcome.written,
+             outcome.size, secondsOf(outcome.time), outcome.attempts,
+             outcome.attempts == 1 ? "" : "s");
+    const bool isWhole = outcome.isWhole();
+    result.text << (isWhole ? "programmed"
+                            : styled(screen, Style::kBad, outcome.isDone ? "INCOMPLETE" : "FAILED"))
+                << text;
+    result.json.update({{"done", isWhole},
                         {"attempts", outcome.attempts},
                         {"bytes", outcome.written},
                         {"size", outcome.size},
@@ -76,16 +95,37 @@ void addOutcome(Result& result, const ProgrammingOutcome& outcome) {
         result.json["step"] = outcome.problem->step;
         result.json["said"] = outcome.problem->said;
     }
-    if (outcome.lastError.empty()) return;
-    result.text << "the library said: " << outcome.lastError << '\n';
-    result.json["log"] = outcome.lastError;
+    if (!outcome.lastError.empty()) {
+        result.text << "the library said: " << outcome.lastError << '\n';
+        result.json["log"] = outcome.lastError;
+    }
+    if (isWhole) return;
+    result.text << "cause: " << reasonOf(outcome) << '\n';
+    result.json["cause"] = reasonOf(outcome);
+    result.json["remedy"] = remedyOf(outcome);
 }
 
 std::string reasonOf(const ProgrammingOutcome& outcome) {
+    if (outcome.isDone) {
+        return "the session examines few of the MCU's answers; to " +
+               (outcome.problem ? "'" + outcome.problem->step + "' it was " + outcome.problem->said
+                                : std::string("the last blocks none came"));
+    }
     if (outcome.problem) return outcome.problem->step + ": " + outcome.problem->said;
     if (!outcome.lastError.empty()) return outcome.lastError;
     return std::to_string(outcome.written) + " of " + std::to_string(outcome.size) +
            " bytes were acknowledged";
+}
+
+std::string remedyOf(const ProgrammingOutcome& outcome) {
+    if (outcome.attempts == 0) {
+        return "nothing was sent: see that the image is there (mcu_fw_path), and quilctl config "
+               "check";
+    }
+    for (const AdviceRow& row : kAdvice) {
+        if (outcome.problem && outcome.problem->step.rfind(row.step, 0) == 0) return row.remedy;
+    }
+    return kAgain;
 }
 
 }  // namespace quil::tools

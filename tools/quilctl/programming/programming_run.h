@@ -33,9 +33,10 @@ ProgrammingOutcome runProgramming(BoardSession& session, const Console& console,
                                   const std::function<bool()>& flow);
 
 // What was written, the time, the attempts; on failure the step and what the MCU said to it.
-void addOutcome(Result& result, const ProgrammingOutcome& outcome);
+void addOutcome(Result& result, const Screen& screen, const ProgrammingOutcome& outcome);
 
 // Why it is not whole, in one line.
 std::string reasonOf(const ProgrammingOutcome& outcome);
+std::string remedyOf(const ProgrammingOutcome& outcome);
 
 }  // namespace quil::tools

@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <ostream>
 #include <stdexcept>
 
@@ -17,17 +18,20 @@
 #include "board/core/whole_file.h"
 #include "board/fpga/fpga_image.h"
 #include "board/mcu/mcu_fitting.h"
+#include "tools/quilctl/session/trace_files.h"
 
 namespace quil::tools {
 namespace {
 
-void writeTrace(const board::Trace& trace, const std::filesystem::path& file) {
-    if (file.extension() == ".vcd") {
-        trace.writeVcd(file);
-    } else if (file.extension() == ".json") {
-        trace.writeTraceEventJson(file);
-    } else {
-        trace.writeText(file);
+void writeTrace(const board::Trace& trace, const std::string& name, std::ostream& standardOutput) {
+    const TraceTarget target = traceTargetOf(name);
+    const std::string text = (trace.*target.render)();
+    if (target.file != "-") return board::writeWholeFile(target.file, text);
+    errno = 0;
+    standardOutput << text;
+    standardOutput.flush();
+    if (!standardOutput) {
+        throw failureOf(kNotWritten, "standard output cannot be written", errno);
     }
 }
 
@@ -67,6 +71,46 @@ std::string stateOf(const std::filesystem::path& directory, bool touchedFpgaFlas
     }
     return "no memory of the board is half done";
 }
+
+char letterOf(int priority) {
+    switch (priority) {
+        case ANDROID_LOG_DEBUG:
+            return 'D';
+        case ANDROID_LOG_INFO:
+            return 'I';
+        case ANDROID_LOG_WARN:
+            return 'W';
+        default:
+            return 'E';
+    }
+}
+
+// Log lines as they come. A loop of retries says the same again and again: nobody who has not asked
+// for a level reads that.
+class LogLines {
+  public:
+    LogLines(Reporter& report, bool isWhole) : mReport(report), mIsWhole(isWhole) {}
+
+    void show(char level, const std::string& tag, std::string text) {
+        while (!text.empty() && text.back() == '\n') text.pop_back();
+        const size_t times = ++mTimes[text];
+        if (mIsWhole || times <= kMost) mReport.log(level, tag, text);
+    }
+
+    void finish() {
+        for (const auto& [text, times] : mTimes) {
+            if (mIsWhole || times <= kMost) continue;
+            mReport.notes() << times - kMost << " more log lines: " << text << '\n';
+        }
+        mTimes.clear();
+    }
+
+  private:
+    static constexpr size_t kMost = 3;
+    Reporter& mReport;
+    const bool mIsWhole;
+    std::map<std::string, size_t> mTimes;
+};
 
 }  // namespace
 
@@ -131,7 +175,8 @@ std::unique_ptr<board::Board> BoardSession::powerOn() {
 
 BoardSession::~BoardSession() {
     mHost.reset();
-    if (!mOptions.traceFile.empty()) saveTrace();
+    if (mFinishLog) mFinishLog();
+    for (const std::string& name : mOptions.traceFiles) saveTrace(name);
     const bool isInterrupted = interruption() != 0 && mBoard->powerIsCut();
     const board::Nanos at = mBoard->now();
     const auto touched = mBoard->trace().events(board::EventKind::kFlash);
@@ -165,18 +210,19 @@ std::string BoardSession::toldOfInterruption(board::Nanos at, bool touchedFpgaFl
 }
 
 void BoardSession::showLogLines() {
+    const auto lines = std::make_shared<LogLines>(mConsole.report, !mOptions.logLevel.empty());
     const int least = leastPriority(mOptions.logLevel);
-    mBoard->trace().onEvent([this, least, &err = mConsole.err](const board::Event& event) {
+    mBoard->trace().onEvent([lines, least, &board = *mBoard](const board::Event& event) {
         if (event.kind != board::EventKind::kLog) return;
-        if (mBoard->lastLogLine().priority < least) return;
-        const bool ended = !event.text.empty() && event.text.back() == '\n';
-        err << "log: " << event.text << (ended ? "" : "\n");
+        const int priority = board.lastLogLine().priority;
+        if (priority >= least) lines->show(letterOf(priority), event.source, event.text);
     });
+    mFinishLog = [lines] { lines->finish(); };
 }
 
-void BoardSession::saveTrace() {
+void BoardSession::saveTrace(const std::string& name) {
     try {
-        writeTrace(mBoard->trace(), mOptions.traceFile);
+        writeTrace(mBoard->trace(), name, mConsole.out);
     } catch (const std::runtime_error& error) {
         mConsole.lateFailures.emplace_back(kNotWritten, std::string("--trace: ") + error.what());
     }

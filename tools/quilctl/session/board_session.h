@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
 
@@ -71,7 +72,7 @@ class BoardSession : public ServiceSession {
 
   private:
     std::unique_ptr<board::Board> powerOn();
-    void saveTrace();
+    void saveTrace(const std::string& name);
     void showLogLines();
     std::string toldOfInterruption(board::Nanos at, bool touchedFpgaFlash) const;
 
@@ -84,6 +85,7 @@ class BoardSession : public ServiceSession {
     std::optional<StopsAtInterruption> mStops;
     std::optional<host::HostingComponent> mHost;
     std::string mLeftOutside;
+    std::function<void()> mFinishLog;
 };
 
 }  // namespace quil::tools

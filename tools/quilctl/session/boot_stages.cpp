@@ -5,8 +5,10 @@
 
 #include <algorithm>
 #include <array>
+#include <utility>
 
 #include "tools/quilctl/output/values.h"
+#include "tools/quilctl/session/stage_advice.h"
 
 namespace quil::tools {
 namespace {
@@ -58,16 +60,51 @@ std::string withoutLineEnd(std::string text) {
     return text;
 }
 
-std::string resultOf(const BootStage& stage) {
-    return std::string(stage.ok ? "ok" : "FAILED") +
-           (stage.said.empty() ? "" : " (" + stage.said + ")");
+std::string verdictOf(const BootStage& stage, const Screen& screen) {
+    if (!stage.ok) return styled(screen, Style::kBad, "FAILED");
+    if (!stage.warning.empty()) return styled(screen, Style::kWarning, "ok, with a warning");
+    return styled(screen, Style::kGood, "ok") + (stage.said.empty() ? "" : " (" + stage.said + ")");
+}
+
+std::string detailOf(const char* label, const std::string& text) {
+    return text.empty() ? "" : std::string("  ") + label + ": " + text + "\n";
+}
+
+std::string headOfTable() {
+    char line[96];
+    snprintf(line, sizeof(line), "%-20s %12s %12s  %s\n", "stage", "from", "took", "result");
+    return line;
+}
+
+std::string rowsOf(const BootStage& stage, const Screen& screen) {
+    char line[96];
+    snprintf(line, sizeof(line), "%-20s %10.3f s %10.3f s  ", stage.name.c_str(),
+             secondsOf(stage.start), secondsOf(stage.end - stage.start));
+    return line + verdictOf(stage, screen) + "\n" + detailOf("warning", stage.warning) +
+           detailOf("cause", stage.cause) + detailOf("remedy", stage.remedy);
+}
+
+Json documentOf(const BootStage& stage) {
+    Json document{{"stage", stage.name},
+                  {"from", secondsOf(stage.start)},
+                  {"took", secondsOf(stage.end - stage.start)},
+                  {"ok", stage.ok},
+                  {"said", stage.said}};
+    if (!stage.warning.empty()) document["warning"] = stage.warning;
+    if (!stage.cause.empty()) document["cause"] = stage.cause;
+    if (!stage.remedy.empty()) document["remedy"] = stage.remedy;
+    return document;
 }
 
 }  // namespace
 
 class BootStages::Watch {
   public:
-    Watch(board::Board& board, std::ostream& err) : mBoard(board), mErr(err), mEnded(board.now()) {}
+    Watch(board::Board& board, const Console& console, Result& result)
+        : mBoard(board), mConsole(console), mResult(result), mEnded(board.now()) {
+        mResult.text << headOfTable();
+        mResult.json["stages"] = Json::array();
+    }
 
     void see(const board::Event& event) {
         if (event.kind != board::EventKind::kLog || !mIsOn) return;
@@ -86,14 +123,13 @@ class BootStages::Watch {
     void end(const std::string& name, bool ok, const std::string& said) {
         if (mBoard.powerIsCut()) return;
         const auto now = mBoard.now();
-        mStages.push_back({name, mEnded, now, ok, said});
+        BootStage stage{name, mEnded, now, ok, said, "", "", ""};
+        explain(stage, mError, mBoard.fpga().problem());
+        show(stage);
+        mStages.push_back(std::move(stage));
         mEnded = now;
         mError.clear();
         mFailed = false;
-        char line[64];
-        snprintf(line, sizeof(line), "%10.3f s  %-20s ", secondsOf(now), name.c_str());
-        mErr << line << resultOf(mStages.back()) << '\n';
-        mErr.flush();
     }
 
     void turnOff() { mIsOn = false; }
@@ -101,6 +137,17 @@ class BootStages::Watch {
     const std::string& error() const { return mError; }
 
   private:
+    void show(const BootStage& stage) {
+        mResult.text << rowsOf(stage, mConsole.screen);
+        mResult.json["stages"].push_back(documentOf(stage));
+        if (mConsole.screen.isTerminal) mResult.show();
+        if (mConsole.showsResult) return;
+        char line[64];
+        snprintf(line, sizeof(line), "%10.3f s  %-20s ", secondsOf(stage.end), stage.name.c_str());
+        mConsole.report.tell("stage", line + verdictOf(stage, mConsole.report.screen()),
+                             documentOf(stage));
+    }
+
     static bool isNetwork(const std::string& text) {
         return std::any_of(kNetworkBegins.begin(), kNetworkBegins.end(),
                            [&](const char* beginning) { return text.rfind(beginning, 0) == 0; });
@@ -110,15 +157,16 @@ class BootStages::Watch {
     }
 
     board::Board& mBoard;
-    std::ostream& mErr;
+    const Console& mConsole;
+    Result& mResult;
     board::Nanos mEnded;
     std::vector<BootStage> mStages;
     std::string mError;
     bool mFailed = false, mIsOn = true;
 };
 
-BootStages::BootStages(BoardSession& session, const Console& console)
-    : mWatch(std::make_shared<Watch>(session.board(), console.err)) {
+BootStages::BootStages(BoardSession& session, const Console& console, Result& result)
+    : mWatch(std::make_shared<Watch>(session.board(), console, result)) {
     auto& properties = session.board().properties();
     if (properties.get(kLogLevelProperty, "E").front() != 'D') {
         properties.setForThisRun(kLogLevelProperty, "I");
@@ -137,29 +185,14 @@ const std::vector<BootStage>& BootStages::all() const { return mWatch->stages();
 
 const std::string& BootStages::error() const { return mWatch->error(); }
 
-void addStages(Result& result, const std::vector<BootStage>& stages) {
-    char line[96];
-    snprintf(line, sizeof(line), "%-20s %12s %12s  %s\n", "stage", "from", "took", "result");
-    result.text << line;
-    result.json["stages"] = Json::array();
-    for (const BootStage& stage : stages) {
-        const double from = secondsOf(stage.start), took = secondsOf(stage.end - stage.start);
-        snprintf(line, sizeof(line), "%-20s %10.3f s %10.3f s  ", stage.name.c_str(), from, took);
-        result.text << line << resultOf(stage) << '\n';
-        result.json["stages"].push_back({{"stage", stage.name},
-                                         {"from", from},
-                                         {"took", took},
-                                         {"ok", stage.ok},
-                                         {"said", stage.said}});
-    }
-}
-
 void throwUnlessAllOk(const std::vector<BootStage>& stages) {
-    std::string failed;
+    std::string failed, remedy;
     for (const BootStage& stage : stages) {
-        if (!stage.ok) failed += (failed.empty() ? "" : ", ") + stage.name;
+        if (stage.ok) continue;
+        if (failed.empty()) remedy = stage.remedy;
+        failed += (failed.empty() ? "" : ", ") + stage.name;
     }
-    if (!failed.empty()) throw Failure(kFailed, "failed: " + failed);
+    if (!failed.empty()) throw Failure(kFailed, "failed: " + failed, remedy);
 }
 
 }  // namespace quil::tools

@@ -14,22 +14,24 @@ struct BootStage {
     std::string name;
     board::Nanos start, end;
     bool ok;
-    std::string said;  // the last error message while it lasted, or what its end had to say
+    std::string said;     // the last error message while it lasted, or what its end had to say
+    std::string warning;  // what happened in a stage that is done all the same
+    std::string cause, remedy;  // of a stage that failed
 };
 
 // Stages of the FPGA's load end with the library's messages; the caller ends the others. They lie
-// back to back: each begins where the one before it ended. Each is shown on the error stream as it
-// ends.
+// back to back: each begins where the one before it ended. Each is added to the result as it ends,
+// and told as progress where the result is not on view.
 //
 // The library tells its progress at information level, which this sets for this run.
 class BootStages {
   public:
-    BootStages(BoardSession& session, const Console& console);
+    BootStages(BoardSession& session, const Console& console, Result& result);
     ~BootStages();
     BootStages(const BootStages&) = delete;
     BootStages& operator=(const BootStages&) = delete;
 
-    // Ends the current stage.
+    // Ends the current stage. Without `said` the library's last error message takes its place.
     void end(const std::string& name, bool ok, const std::string& said = "");
 
     const std::vector<BootStage>& all() const;
@@ -41,8 +43,6 @@ class BootStages {
     const std::shared_ptr<Watch> mWatch;  // the trace keeps its listeners
 };
 
-// Both forms of the stages.
-void addStages(Result& result, const std::vector<BootStage>& stages);
 // Throws a Failure that names the stages that failed.
 void throwUnlessAllOk(const std::vector<BootStage>& stages);
 

@@ -98,11 +98,11 @@ const auto* rowNamed(const Rows& rows, std::string_view name) {
     return row == rows.end() ? nullptr : &*row;
 }
 
-std::string knownFaults() {
+std::string knownFaults(const std::string& separator) {
     std::string names;
-    for (const CallRow& row : kCallFaults) names += std::string(row.name) + ", ";
-    for (const PartRow& row : kPartFaults) names += std::string(row.name) + ", ";
-    names.resize(names.size() - 2);
+    for (const CallRow& row : kCallFaults) names += std::string(row.name) + separator;
+    for (const PartRow& row : kPartFaults) names += std::string(row.name) + separator;
+    names.resize(names.size() - separator.size());
     return names;
 }
 
@@ -150,7 +150,7 @@ void requireMet(board::Board& board, const std::vector<std::string>& names, bool
 
 std::string checkFaultName(std::string& name) {
     if (rowNamed(kCallFaults, name) != nullptr || rowNamed(kPartFaults, name) != nullptr) return {};
-    return "there is no fault '" + name + "': " + knownFaults();
+    return "there is no fault '" + name + "': " + knownFaults(", ");
 }
 
 std::string helpLine(std::string_view name, const char* meaning) {
@@ -173,7 +173,8 @@ void forgetMet(std::vector<std::string>& unmet, const board::Event& event) {
 void addFaultOption(CLI::App& command, std::vector<std::string>& chosen) {
     command.add_option("--fault", chosen, "What is broken in this run, by the names below")
         ->delimiter(',')
-        ->check(CLI::Validator(checkFaultName, "NAME"));
+        ->type_name("NAME")
+        ->check(CLI::Validator(checkFaultName, "{" + knownFaults(",") + "}"));
     std::string help = "Faults:\n";
     for (const PartRow& row : kPartFaults) help += helpLine(row.name, row.meaning);
     for (const CallRow& row : kCallFaults) help += helpLine(row.name, row.meaning);
