@@ -16,13 +16,18 @@ void takeLine(const IniReader& reader, int handle, const char* key, int& line) {
     if (number > 0) line = number;
 }
 
+// A comment behind the name, which is a part of the value, makes it no device's.
+bool isDevicePath(const std::string& path) {
+    return path.rfind("/dev/", 0) == 0 && path.find(' ') == std::string::npos;
+}
+
 // The parts are connected as the product file says at power-on.
 Wiring wiringOf(const std::filesystem::path& productFile) {
     Wiring wiring;
     IniReader reader;
     const int handle = reader.load(productFile);
     if (const auto* path = reader.find(handle, "mcu", "mcu_uart_path")) {
-        if (path->rfind("/dev/", 0) == 0) wiring.uart = *path;
+        if (isDevicePath(*path)) wiring.uart = *path;
     }
     const int baud = reader.integer(handle, "mcu", "mcu_baud_rate");
     if (baud > 0) wiring.baud = baud;

@@ -172,6 +172,7 @@ int Shell::deliver(const std::string& path, const std::string& text) {
 void Shell::print(int fd, const std::string& text) {
     if (mBoard.power.isCut()) return;
     if (fd == 1) fflush(stdout);  // text that the program wrote before comes first
+    if (fd == 2) mBoard.trace.add(EventKind::kNote, "sh", text);
     size_t done = 0;
     while (done < text.size()) {
         const ssize_t count = real().write(fd, text.data() + done, text.size() - done);

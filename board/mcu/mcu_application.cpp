@@ -237,6 +237,11 @@ size_t McuApplication::badFrames() const {
     return mBadFrames;
 }
 
+bool McuApplication::knows(uint32_t cmd) const {
+    Guard guard(boardLock());
+    return cmd == kVersionCommand || mValues.count(cmd) != 0 || mFixedAnswers.count(cmd) != 0;
+}
+
 void McuApplication::setSilent(bool silent) {
     Guard guard(boardLock());
     mSilent = silent;

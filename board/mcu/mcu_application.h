@@ -40,6 +40,8 @@ class McuApplication : public UartPeer {
     std::vector<Request> requests() const;
     std::vector<std::vector<uint8_t>> framesSeen() const;  // every well-formed frame, in order
     size_t badFrames() const;
+    // False: a get of this command is answered with four zero bytes, since nothing was ever set.
+    bool knows(uint32_t cmd) const;
     void setSilent(bool);
     void setNoise(std::vector<uint8_t> before, std::vector<uint8_t> after);  // around each answer
     void setCorruptAnswers(bool);  // flips a bit of the checksum
