@@ -23,6 +23,8 @@ void request(std::span<const uint8_t> input);
 void screenPartition(std::span<const uint8_t> input);
 // The board's shell: a line's parsing and its run.
 void shellLine(std::span<const uint8_t> input);
+// quilctl: what a serial line carried, from traces, logs and waveforms.
+void wireStreams(std::span<const uint8_t> input);
 
 struct Target {
     const char* name;  // also of the source file, the program and the corpus
@@ -36,6 +38,7 @@ inline constexpr Target kTargets[] = {
     {"request", request},
     {"screen_partition", screenPartition},
     {"shell_line", shellLine},
+    {"wire_streams", wireStreams},
 };
 
 }  // namespace quil::fuzz

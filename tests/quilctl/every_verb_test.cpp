@@ -244,8 +244,9 @@ TEST(QuilctlWords, UnknownWordsAreNamedWithTheNearestKnownOnes) {
 }
 
 TEST(QuilctlWords, MissingCommandIsAnsweredWithTheCommands) {
-    EXPECT_THAT(quilctl({"fpga"}).err,
-                HasSubstr("a command is missing: status, load, flash (see quilctl fpga --help)"));
+    EXPECT_THAT(
+        quilctl({"fpga"}).err,
+        HasSubstr("a command is missing: status, load, info, flash (see quilctl fpga --help)"));
 }
 
 TEST(QuilctlWords, VersionIsTheProjects) {

@@ -39,7 +39,7 @@ TEST(QuilctlFrame, DecodeNamesEveryField) {
 
 TEST(QuilctlFrame, DecodeReadsStandardInputWhenNoBytesAreGiven) {
     EXPECT_EQ(quilctl({"frame", "decode"}, std::string(kFrame) + "\n").code, tools::kOk);
-    EXPECT_EQ(quilctl({"frame", "decode"}, "no frame at all").code, tools::kUsage);
+    EXPECT_EQ(quilctl({"frame", "decode"}, "no frame at all").code, tools::kBadData);
     EXPECT_EQ(quilctl({"frame", "decode"}, "").code, tools::kBadData);
 }
 

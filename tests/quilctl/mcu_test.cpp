@@ -158,16 +158,6 @@ TEST_F(QuilctlMcu, WhatTheCommandLineGetsWrongIsAUsageError) {
     EXPECT_EQ(quilctl({"mcu", "model", "--chip", "gd32f303"}).code, tools::kUsage);
 }
 
-TEST_F(QuilctlMcu, TaskTakesACommandByNameAndByCodeAndShowsWhatItFound) {
-    for (const char* command : {"get", "0x00"}) {
-        const Said said = quilctl({"mcu", "task", command});
-        EXPECT_EQ(said.code, tools::kOk);
-        EXPECT_EQ(said.out, "result 0\n");
-        EXPECT_THAT(said.err, HasSubstr(": recvbuf[3] = [0x11] : CMD_READ_MEMORY        \n"));
-    }
-    EXPECT_THAT(quilctl({"--log-level", "E", "mcu", "task", "get"}).err, IsEmpty());
-}
-
 TEST_F(QuilctlMcu, TaskSavesWhatReadMemoryHasRead) {
     const std::string board = newBoard();
     const Said said =
@@ -175,15 +165,6 @@ TEST_F(QuilctlMcu, TaskSavesWhatReadMemoryHasRead) {
     EXPECT_EQ(said.code, tools::kOk) << said.err;
     EXPECT_EQ(board::readWholeFile(path("back.bin")),
               makeMcuImage(McuKind::kGd32F303, "V1.0.0", 8192));
-}
-
-TEST_F(QuilctlMcu, TaskThatIsRefusedFails) {
-    // Read-out protection, as option bytes keep it, forbids an erase.
-    const std::string board = newBoard();
-    EXPECT_EQ(quilctl({"--board", board, "mcu", "task", "0x02"}).code, tools::kOk);
-    const Said said = quilctl({"--product", "Kestrel", "mcu", "task", "erase"});
-    EXPECT_EQ(said.code, tools::kFailed);  // an STM32 knows the extended erase only
-    EXPECT_EQ(said.out, "result 15\n");
 }
 
 TEST_F(QuilctlMcu, ModelServesItsPartAtTheLinkUntilASignalComes) {

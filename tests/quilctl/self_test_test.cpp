@@ -89,9 +89,9 @@ TEST_F(QuilctlSelfTest, WithoutAnSdCardThereIsNoAnswer) {
     const Said said = quilctl({"self-test", "--break", "sdcard"});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, IsEmpty());
-    EXPECT_THAT(
-        said.err,
-        HasSubstr("quilctl: self-test: no answer\nquilctl: remedy: the result goes by /sdcard"));
+    EXPECT_THAT(said.err,
+                HasSubstr("quilctl: self-test: no answer: the SD card is missing: writeToFile "
+                          "Failed to open file\nquilctl: remedy: the result goes by /sdcard"));
 }
 
 TEST_F(QuilctlSelfTest, ResultFileLiesOnTheBoardsSdCardAndNothingStaysBroken) {

@@ -103,9 +103,11 @@ void addPowerCommands(CLI::App& app, Cli& cli);
 void addSelfTestCommands(CLI::App& app, Cli& cli);
 void addConfigCommands(CLI::App& app, Cli& cli);
 void addFrameCommands(CLI::App& app, Cli& cli);
+void addFrameDecodeCommand(CLI::App& frame, Cli& cli);  // a part of "frame"
 void addBoardCommands(CLI::App& app, Cli& cli);
 void addBootCommand(CLI::App& app, Cli& cli);
 void addFpgaCommands(CLI::App& app, Cli& cli);
+void addFpgaImageCommands(CLI::App& fpga, Cli& cli);  // parts of "fpga"
 void addScreenCommands(CLI::App& app, Cli& cli);
 void addMcuCommands(CLI::App& app, Cli& cli);
 void addMcuProgramCommands(CLI::App& mcu, Cli& cli);  // parts of "mcu"

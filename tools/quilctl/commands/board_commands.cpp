@@ -74,7 +74,10 @@ void showBoard(const Cli& cli, const DirectoryArguments& arguments, Result& resu
         arguments.directory.empty() ? cli.options.boardDirectory : arguments.directory;
     if (directory.empty()) throw Failure(kUsage, "name a board directory, here or with --board");
     if (!fs::is_directory(fs::path(directory) / "rootfs")) {
-        throw Failure(kNoBoard, directory + " is no board directory (no rootfs in it)");
+        const bool isThere = fs::exists(directory);
+        throw Failure(
+            isThere ? kNoBoard : kUsage,
+            directory + (isThere ? " is no board directory (no rootfs in it)" : " does not exist"));
     }
     result.json["directory"] = directory;
     addState(result, directory);

@@ -1,8 +1,11 @@
 #include "config/config_info.h"
 #include "fpga/load_process.h"
 #include "tools/quilctl/commands/verb.h"
+#include "tools/quilctl/files/fpga_file.h"
+#include "tools/quilctl/files/input_file.h"
 #include "tools/quilctl/session/boot_stages.h"
 #include "tools/quilctl/session/bring_up_faults.h"
+#include "tools/quilctl/session/fpga_status.h"
 
 namespace quil::tools {
 namespace {
@@ -35,8 +38,22 @@ void endStage(BoardSession& session, BootStages& stages, host::BootStep step) {
     }
 }
 
+// An update erases the flash, whatever the image is.
+void requireGoodImage(board::Board& board) {
+    parseProduct();
+    for (const FpgaPlace& place : fpgaPlaces()) {
+        if (place.room == 0 || config_info->product != board::nameOf(place.product)) continue;
+        const std::string image = board.hostPath(config_info->fpga_fw_path).string();
+        const std::string obstacle = obstacleFor(checkFpgaFile(readInput(image)), place);
+        if (obstacle.empty()) return;
+        throw Failure(kBadData, image + ": " + obstacle +
+                                    "; nothing was erased (--as-is updates all the same)");
+    }
+}
+
 struct BootArguments {
     bool updatesFpga = false;
+    bool asIs = false;
     std::vector<std::string> faults;
 };
 
@@ -44,6 +61,7 @@ void boot(const Cli& cli, const BootArguments& arguments, Result& result) {
     BoardSession session(cli.options, cli.console, false);
     const bool isUpdate = arguments.updatesFpga || isUpdateAsked(session.board());
     const BringUpFaults faults(session.board(), arguments.faults, isUpdate, cli.console.err);
+    if (arguments.updatesFpga && !arguments.asIs) requireGoodImage(session.board());
     if (arguments.updatesFpga) session.board().properties().set(fpga::kUpdateProperty, "1");
     BootStages stages(session, cli.console, result);
     const host::StartUpResult started = session.host().start(
@@ -66,6 +84,7 @@ void addBootCommand(CLI::App& app, Cli& cli) {
                  "         quilctl boot --update-fpga --fault erase"},
                 boot);
     command.add_flag("--update-fpga", arguments.updatesFpga, "Ask for the FPGA's new image first");
+    command.add_flag("--as-is", arguments.asIs, "Ask for it even if the image cannot be used");
     addFaultOption(command, arguments.faults);
 }
 

@@ -1,14 +1,12 @@
-#include <errno.h>
 #include <string.h>
 
 #include <algorithm>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
-#include <ostream>
+#include <sstream>
 
 #include "config/config_info.h"
 #include "tools/quilctl/commands/verb.h"
+#include "tools/quilctl/files/input_file.h"
 #include "tools/quilctl/files/product_file.h"
 #include "tools/quilctl/session/board_session.h"
 
@@ -52,18 +50,76 @@ void showConfig(const Cli& cli, Result& result) {
     addValue(result, "-", "mod_id", std::to_string(config_info->mod_id));
 }
 
-std::string contentOf(const std::string& file) {
-    std::ifstream in(file, std::ios::binary);
-    if (!in) throw failureOf(kBadData, file + " cannot be read", errno);
-    return {std::istreambuf_iterator<char>(in), {}};
+// A product file to check, and the board whose files it names.
+struct CheckedFile {
+    std::string file;
+    std::string shown;           // its name in messages
+    std::filesystem::path root;  // of the board's file system; empty: no board is known
+};
+
+CheckedFile fileOf(const std::filesystem::path& board) {
+    const std::filesystem::path file = board / kProductFile;
+    return {file.string(), file.string(), board / "rootfs"};
 }
 
-std::string lineOf(const std::string& file, const ProductProblem& problem) {
-    std::string text = file + ":";
-    if (problem.line > 0) text += std::to_string(problem.line) + ":";
-    text += problem.isWarning ? " warning: " : " ";
-    if (!problem.key.empty()) text += problem.key + ": ";
-    return text + problem.text;
+// A file that lies in a board belongs to that board.
+CheckedFile fileNamed(const std::string& file, const std::string& board) {
+    const auto whole = std::filesystem::absolute(file).lexically_normal().string();
+    const size_t length = sizeof(kProductFile) - 1;
+    const bool isInBoard =
+        whole.size() > length && whole.compare(whole.size() - length, length, kProductFile) == 0;
+    if (isInBoard) return {file, file, whole.substr(0, whole.size() - length) + "rootfs"};
+    if (board.empty()) return {file, file, {}};
+    return {file, file, std::filesystem::path(board) / "rootfs"};
+}
+
+// A line of a finding, broken between words so that it fits a terminal.
+void addIndented(Result& result, const std::string& label, const std::string& text) {
+    constexpr size_t kWidth = 80, kIndent = 13;
+    std::string line = "    " + label;
+    line.resize(kIndent, ' ');
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        if (line.size() > kIndent && line.size() + 1 + word.size() > kWidth) {
+            result.text << line << '\n';
+            line.assign(kIndent, ' ');
+        }
+        line += (line.size() > kIndent ? " " : "") + word;
+    }
+    result.text << line << '\n';
+}
+
+void addProblem(Result& result, const std::string& file, const ProductProblem& problem) {
+    result.text << file << ":";
+    if (problem.line > 0) result.text << problem.line << ":";
+    result.text << (problem.isWarning ? " warning: " : " ")
+                << (problem.key.empty() ? "" : problem.key + ": ") << problem.text << '\n';
+    if (!problem.right.empty()) addIndented(result, "right:", problem.right);
+    if (!problem.atBoot.empty()) addIndented(result, "at boot:", problem.atBoot);
+    result.json["problems"].push_back({{"line", problem.line},
+                                       {"key", problem.key},
+                                       {"text", problem.text},
+                                       {"warning", problem.isWarning},
+                                       {"right", problem.right},
+                                       {"at_boot", problem.atBoot}});
+}
+
+void checkFile(const CheckedFile& checked, Result& result) {
+    const auto problems = checkProductFile(readInput(checked.file), checked.root);
+    result.json = {{"file", checked.shown},
+                   {"files_checked", !checked.root.empty()},
+                   {"problems", Json::array()}};
+    for (const ProductProblem& problem : problems) addProblem(result, checked.shown, problem);
+    if (checked.root.empty()) {
+        result.text << "(no board is known: the files that it names were not looked at)\n";
+    }
+    const auto errors = std::count_if(problems.begin(), problems.end(),
+                                      [](const auto& problem) { return !problem.isWarning; });
+    if (errors > 0) {
+        throw Failure(kBadData, checked.shown + ": " + std::to_string(errors) +
+                                    (errors == 1 ? " error" : " errors"));
+    }
+    result.text << checked.shown << ": good\n";
 }
 
 struct CheckArguments {
@@ -71,28 +127,15 @@ struct CheckArguments {
 };
 
 void check(const Cli& cli, const CheckArguments& arguments, Result& result) {
-    std::string file = arguments.file;
-    if (file.empty()) {
-        const std::filesystem::path directory = cli.options.boardDirectory;
-        if (directory.empty()) throw Failure(kUsage, "name a file, or a board with --board");
-        file = directory / kProductFile;
-    }
-    const auto problems = checkProductFile(contentOf(file));
-    size_t errors = 0;
-    result.json = {{"file", file}, {"problems", Json::array()}};
-    for (const ProductProblem& problem : problems) {
-        result.text << lineOf(file, problem) << '\n';
-        result.json["problems"].push_back({{"line", problem.line},
-                                           {"key", problem.key},
-                                           {"text", problem.text},
-                                           {"warning", problem.isWarning}});
-        if (!problem.isWarning) ++errors;
-    }
-    if (errors > 0) {
-        throw Failure(kBadData,
-                      file + ": " + std::to_string(errors) + (errors == 1 ? " error" : " errors"));
-    }
-    result.text << file << ": good\n";
+    requireSameProduct(cli.options);
+    const std::string& board = cli.options.boardDirectory;
+    if (!arguments.file.empty()) return checkFile(fileNamed(arguments.file, board), result);
+    if (!board.empty()) return checkFile(fileOf(board), result);
+    const auto product = board::productByName(cli.options.product).value_or(board::Product::kHeron);
+    const TemporaryBoard factory(product);
+    CheckedFile checked = fileOf(factory.path());
+    checked.shown = "product.ini of a new " + std::string(nameOf(product));
+    checkFile(checked, result);
 }
 
 }  // namespace
@@ -107,10 +150,15 @@ void addConfigCommands(CLI::App& app, Cli& cli) {
     const auto [command, arguments] =
         addVerb(config, cli,
                 {"check", "Say what is wrong with a product file",
+                 "Each finding has the line, the key, what would be right, and what happens at\n"
+                 "boot if it stays. The firmware files that it names are looked at, too, when\n"
+                 "the file lies in a board directory or --board names one.\n"
                  "Exit code 3 when something is wrong.\nExample: quilctl config check my.ini",
-                 kBoardOption},
+                 kBoardOption | kProductOption},
                 check);
-    command.add_option("FILE", arguments.file, "The file (default: that of --board)")
+    command
+        .add_option("FILE", arguments.file,
+                    "The file (default: that of --board, else of a new board)")
         ->check(CLI::ExistingFile);
 }
 

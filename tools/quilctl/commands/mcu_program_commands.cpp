@@ -1,8 +1,9 @@
 // Programming without the update flow around it, and single boot-loader commands: on the board, or
 // with an MCU behind a real serial device.
-#include <ctype.h>
+#include <stdio.h>
 
 #include <filesystem>
+#include <memory>
 #include <ostream>
 #include <stdexcept>
 
@@ -11,8 +12,10 @@
 #include "isp/isp_tasks.h"
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/validators.h"
+#include "tools/quilctl/programming/boot_loader_names.h"
 #include "tools/quilctl/programming/lent_port.h"
 #include "tools/quilctl/programming/programming_run.h"
+#include "tools/quilctl/programming/task_answers.h"
 
 namespace quil::tools {
 namespace {
@@ -136,19 +139,10 @@ void program(const Cli& cli, const ProgramArguments& arguments, Result& result) 
     if (!violations.empty()) throw Failure(kFailed, "board: " + joined(violations));
 }
 
-// The name of a command as people type it: "read-memory".
-std::string nameOf(const isp_cmd_t& row) {
-    std::string name = row.name;
-    name.erase(name.find_last_not_of(' ') + 1);
-    if (name.rfind("CMD_", 0) == 0) name.erase(0, 4);
-    for (char& c : name) c = c == '_' ? '-' : static_cast<char>(tolower(c));
-    return name;
-}
-
 std::optional<unsigned> commandCode(const std::string& text) {
     if (const auto number = parseNumber(text, 0xFF)) return static_cast<unsigned>(*number);
     for (const isp_cmd_t& row : isp_cmd_arr) {
-        if (row.name != nullptr && nameOf(row) == text) return row.code;
+        if (row.name != nullptr && bootLoaderName(row) == text) return row.code;
     }
     return std::nullopt;
 }
@@ -159,7 +153,7 @@ CLI::Validator commandName() {
             if (commandCode(text)) return {};
             std::string names;
             for (const isp_cmd_t& row : isp_cmd_arr) {
-                if (row.name != nullptr) names += (names.empty() ? "" : ", ") + nameOf(row);
+                if (row.name != nullptr) names += (names.empty() ? "" : ", ") + bootLoaderName(row);
             }
             return "'" + text + "' is no boot-loader command: 0x00 to 0xFF, " + names;
         },
@@ -182,14 +176,34 @@ void saveReadBack(ProgrammingSession& programming, const std::string& to) {
     if (error) throw failureOf(kNotWritten, "--save " + to, error.value());
 }
 
+std::shared_ptr<TaskAnswers> watchAnswers(ProgrammingSession& programming) {
+    auto answers = std::make_shared<TaskAnswers>(programming.port());
+    programming.board().trace().onEvent(
+        [answers](const board::Event& event) { answers->see(event); });
+    return answers;
+}
+
+// What went wrong first, for a session that tells only that it failed.
+std::string addAnswers(Result& result, const std::vector<TaskAnswer>& answers) {
+    std::string wrong;
+    result.json["answers"] = Json::array();
+    for (const TaskAnswer& one : answers) {
+        char column[32];
+        snprintf(column, sizeof(column), "%-17s ", one.asked.c_str());
+        result.text << column << one.said << '\n';
+        result.json["answers"].push_back(
+            {{"asked", one.asked}, {"ok", one.isGood}, {"said", one.said}, {"bytes", one.bytes}});
+        if (!one.isGood && wrong.empty()) wrong = one.asked + ": " + one.said;
+    }
+    return wrong;
+}
+
 void runTask(const Cli& cli, const TaskArguments& arguments, Result& result) {
     if (!arguments.save.empty() && *commandCode(arguments.command) != kReadMemory) {
         throw Failure(kUsage, "--save: no effect on " + arguments.command +
                                   "; only read-memory reads anything to save");
     }
-    Cli shown = cli;  // all that a single command finds out stands in the debug lines
-    if (shown.options.logLevel.empty()) shown.options.logLevel = "D";
-    ProgrammingSession programming(shown, arguments, "");
+    ProgrammingSession programming(cli, arguments, "");
     std::error_code ignored;
     fs::create_directories(programming.board().hostPath(kReadBack).parent_path(), ignored);
     if (arguments.file.empty() && parseConfigInfo() != 0) {
@@ -197,14 +211,20 @@ void runTask(const Cli& cli, const TaskArguments& arguments, Result& result) {
     }
     const std::string file =
         arguments.file.empty() ? config_info->mcu_fw_path : workstationPath(arguments.file);
+    const auto answers = watchAnswers(programming);
     const int code =
         task(*commandCode(arguments.command), file.c_str(), programming.port().c_str());
+    const auto said = answers->decoded();
     result.json["result"] = code;
-    result.text << "result " << code << '\n';
+    const std::string wrong = addAnswers(result, said);
+    if (code == 0 && said.size() == 1 && wrong.empty()) {
+        result.text << "(a session around " << arguments.command << " sends nothing more)\n";
+    }
+    result.text << "result            " << code << '\n';
     if (!arguments.save.empty()) saveReadBack(programming, arguments.save);
-    if (code == 0) return;
+    if (code == 0 && wrong.empty()) return;
     throw Failure(kFailed, "mcu task " + arguments.command + ": result " + std::to_string(code) +
-                               ": " + programming.session().lastError());
+                               ": " + (wrong.empty() ? programming.session().lastError() : wrong));
 }
 
 void addProgram(CLI::App& mcu, Cli& cli) {
@@ -230,8 +250,8 @@ void addTask(CLI::App& mcu, Cli& cli) {
         addVerb(mcu, cli,
                 {"task", "A session around one boot-loader command",
                  std::string(kPortHelp) +
-                     "What the session finds out stands in the library's debug lines, which are\n"
-                     "shown unless --log-level says otherwise. STM32 and GD32 parts only.\n"
+                     "Prints what the boot loader answered; --log-level D shows the library's\n"
+                     "lines, too. STM32 and GD32 parts only.\n"
                      "Example: quilctl mcu task get"},
                 runTask);
     command

@@ -4,11 +4,11 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <ostream>
 #include <stdexcept>
 
 #include "tools/quilctl/commands/verb.h"
+#include "tools/quilctl/files/input_file.h"
 #include "tools/quilctl/files/screen_file.h"
 #include "tools/quilctl/files/validators.h"
 
@@ -18,9 +18,8 @@ namespace {
 namespace fs = std::filesystem;
 
 Bytes bytesOfFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    if (!in) throw failureOf(kBadData, path.string() + " cannot be read", errno);
-    return Bytes(std::istreambuf_iterator<char>(in), {});
+    const std::string content = readInput(path.string());
+    return Bytes(content.begin(), content.end());
 }
 
 ScreenFrames inAll(const ScreenFile& file) {
@@ -91,7 +90,7 @@ std::vector<fs::path> blockFilesIn(const std::string& directory) {
     for (const auto& entry : fs::directory_iterator(directory, error)) {
         if (entry.path().extension() == ".bin") files.push_back(entry.path());
     }
-    if (error) throw failureOf(kBadData, directory, error.value());
+    if (error) throw failureOf(kBadData, directory + " cannot be read", error.value());
     std::sort(files.begin(), files.end());
     return files;
 }

@@ -51,7 +51,7 @@ void selfTest(const Cli& cli, const SelfTestArguments& arguments, Result& result
     const SelfTestRun run = runSelfTest(session, arguments.broken);
     requireProbed(run, arguments.broken);
     result.json = {{"passed", hasPassed(run.record)}, {"items", Json::array()}};
-    if (run.record.empty()) return throwUnlessPassed(run.record);
+    if (run.record.empty()) return throwUnlessPassed(run.record, run.reason);
     result.text << "item       enabled  verdict  probe\n";
     for (const SelfTestItem& item : run.items) addItem(result, item);
     result.json["record"] = run.record;

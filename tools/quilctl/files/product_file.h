@@ -3,6 +3,8 @@
 
 #include <stddef.h>
 
+#include <filesystem>
+#include <map>
 #include <span>
 #include <string>
 #include <vector>
@@ -16,6 +18,7 @@ enum class KeyKind {
     kBaud,     // a rate that the serial port can be set to
     kGpio,     // a line number, at least 1
     kNumber,   // 0 or more
+    kCount,    // 1 or more
     kNonZero,  // anything but 0
 };
 
@@ -23,8 +26,9 @@ struct ProductKey {
     const char* section;
     const char* key;
     KeyKind kind;
-    size_t offset;    // of its field in config_info_t
-    size_t capacity;  // of its field
+    size_t offset;       // of its field in config_info_t
+    size_t capacity;     // of its field
+    const char* atBoot;  // what happens with a value that is missing or unusable
 };
 
 std::span<const ProductKey> productKeys();
@@ -35,9 +39,20 @@ struct ProductProblem {
     std::string key;
     std::string text;
     bool isWarning = false;
+    std::string right = {};   // what would be right
+    std::string atBoot = {};  // what happens at boot if it stays
 };
 
-// Checks the text of a product file; problems come in the order of their lines.
-std::vector<ProductProblem> checkProductFile(const std::string& content);
+// A value as the library reads it, without a comment that stands behind it by mistake.
+struct ProductValue {
+    int line;
+    std::string text;
+};
+using ProductValues = std::map<std::string, ProductValue>;  // by "[section] key"
+
+// Checks the text of a product file; problems come in the order of their lines. `root`: the root of
+// the board's file system, whose files the paths must name; without one no file is looked at.
+std::vector<ProductProblem> checkProductFile(const std::string& content,
+                                             const std::filesystem::path& root = {});
 
 }  // namespace quil::tools

@@ -32,10 +32,10 @@ bool hasPassed(const Bytes& record) {
                         [](const SelfTestVerdict& one) { return one.verdict == "Error"; });
 }
 
-void throwUnlessPassed(const Bytes& record) {
+void throwUnlessPassed(const Bytes& record, const std::string& reason) {
     if (record.empty()) {
         throw Failure(
-            kFailed, "self-test: no answer",
+            kFailed, "self-test: no answer" + (reason.empty() ? "" : ": " + reason),
             "the result goes by /sdcard/self_test_results.txt: see that the SD card is in "
             "and can be written");
     }

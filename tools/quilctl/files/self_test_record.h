@@ -19,7 +19,7 @@ std::vector<SelfTestVerdict> verdictsOf(const Bytes& record);
 // Whether there is a record, it says that the test ran, and no part is in error.
 bool hasPassed(const Bytes& record);
 
-// Throws a Failure that names the parts in error, or says that there was no answer.
-void throwUnlessPassed(const Bytes& record);
+// Throws a Failure that names the parts in error, or says that there was no answer, and why.
+void throwUnlessPassed(const Bytes& record, const std::string& reason = "");
 
 }  // namespace quil::tools

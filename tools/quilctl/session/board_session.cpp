@@ -141,6 +141,23 @@ TemporaryBoard::TemporaryBoard(board::Product product) {
     board::createBoardDirectory(path(), product);
 }
 
+std::string productOf(const std::filesystem::path& directory) {
+    board::IniReader reader;
+    const int handle = reader.load(directory / "rootfs/vendor/etc/product.ini");
+    const std::string* product = reader.find(handle, "product", "product");
+    return product == nullptr ? "" : *product;
+}
+
+void requireSameProduct(const Options& options) {
+    if (options.boardDirectory.empty() || options.product.empty()) return;
+    const std::string product = productOf(options.boardDirectory);
+    if (product == options.product) return;
+    throw Failure(kUsage, "--product " + options.product + ": the board in " +
+                              options.boardDirectory + " is " +
+                              (product.empty() ? "of no known product" : "a " + product) +
+                              "; leave --product out, or name another board");
+}
+
 BoardSession::BoardSession(const Options& options, const Console& console, bool showLog)
     : mOptions(options), mConsole(console), mOutput(STDOUT_FILENO), mBoard(powerOn()) {
     if (options.quiet) mErrors.emplace(STDERR_FILENO);
@@ -162,9 +179,10 @@ std::unique_ptr<board::Board> BoardSession::powerOn() {
         const board::McuPart* part = board::partNamedIn(mOptions.chip);
         if (part != nullptr) board::fitMcu(directory, {.kind = part->kind});
     } else if (!std::filesystem::is_directory(directory)) {
-        throw std::runtime_error("no board directory " + mOptions.boardDirectory +
-                                 " (quilctl board new makes one)");
+        throw Failure(kUsage, "no board directory " + mOptions.boardDirectory +
+                                  " (quilctl board new makes one)");
     }
+    requireSameProduct(mOptions);
     if (!mOptions.mcuInstalled.empty()) board::flashMcu(directory, mOptions.mcuInstalled);
     board::BoardOptions how{mOptions.realtime, mOptions.seed};
     how.standstill.tell = [](const std::string& report) {
@@ -231,6 +249,8 @@ void BoardSession::saveTrace(const std::string& name) {
 void BoardSession::onRequest(bool isWrite, const Bytes& request) {
     mBoard->trace().add(board::EventKind::kRequest, "client", isWrite ? "set" : "get", request);
 }
+
+bool BoardSession::mcuKnows(uint32_t command) { return mBoard->mcu().knows(command); }
 
 std::string BoardSession::lastError(size_t since) const {
     const auto lines = mBoard->logLines();

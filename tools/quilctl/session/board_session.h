@@ -47,6 +47,11 @@ class TemporaryBoard : public board::TemporaryDirectory {
     const Leftover mLeftover{path()};
 };
 
+// The product that a board directory's product file names; empty when it names none.
+std::string productOf(const std::filesystem::path& directory);
+// Throws a Failure when --product names another product than the board of --board is.
+void requireSameProduct(const Options& options);
+
 // A powered board as the options ask for it. Log lines go to the error stream as they come. An
 // interruption cuts its power. At the end the trace is written; that, or a state of the board, that
 // could not be written makes the command fail.
@@ -60,6 +65,7 @@ class BoardSession : public ServiceSession {
     host::HostingComponent& host() { return *mHost; }
     Service& service() override { return *mHost->service(); }
     void onRequest(bool isWrite, const Bytes& request) override;
+    bool mcuKnows(uint32_t command) override;
     // The last error message of the library from its log line number `since` on; "" without one.
     std::string lastError(size_t since = 0) const;
 

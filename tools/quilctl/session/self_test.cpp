@@ -40,12 +40,22 @@ std::string verdictIn(const std::vector<SelfTestVerdict>& verdicts, const std::s
     return found == verdicts.end() ? "-" : found->verdict;
 }
 
+// The library writes its results to the card before it answers.
+std::string reasonOfSilence(BoardSession& session, size_t firstLine) {
+    const board::SdCard card = session.board().probes().sdCard();
+    const std::string said = session.lastError(firstLine);
+    if (card == board::SdCard::kPresent) return said;
+    return std::string("the SD card is ") + nameOf(card) + (said.empty() ? "" : ": " + said);
+}
+
 }  // namespace
 
 SelfTestRun runSelfTest(BoardSession& session, const std::vector<std::string>& broken) {
     const BrokenParts breakage(session.board().probes(), broken);
     const size_t since = session.board().trace().events().size();
-    SelfTestRun run{ask(session, false, requestOf(kCommandSelfTest, {})), {}, {}};
+    const size_t firstLine = session.board().logLines().size();
+    SelfTestRun run{ask(session, false, requestOf(kCommandSelfTest, {})), {}, {}, {}};
+    if (run.record.empty()) run.reason = reasonOfSilence(session, firstLine);
     const auto events = session.board().trace().events();
     for (size_t i = since; i < events.size(); ++i) {
         if (events[i].kind == board::EventKind::kProbe) run.probed.insert(events[i].source);

@@ -23,6 +23,7 @@ struct SelfTestRun {
     Bytes record;  // the answer as it came; empty when there was none
     std::vector<SelfTestItem> items;
     std::set<std::string> probed;  // parts
+    std::string reason;            // why there is no answer
 };
 
 // Breaks parts while it lives, and restores them: a board directory would keep the setting.

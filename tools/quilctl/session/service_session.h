@@ -21,6 +21,9 @@ class ServiceSession {
 
     // Told of every request before it goes out.
     virtual void onRequest(bool /*isWrite*/, const Bytes& /*request*/) {}
+
+    // False only where it is certain: a real MCU does not tell.
+    virtual bool mcuKnows(uint32_t /*command*/) { return true; }
 };
 
 }  // namespace quil::tools
