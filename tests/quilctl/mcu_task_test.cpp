@@ -5,10 +5,8 @@
 
 namespace quil::tests {
 
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::IsEmpty;
-using testing::Not;
 
 class QuilctlMcuTask : public QuilctlRun {};
 

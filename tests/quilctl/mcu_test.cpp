@@ -23,7 +23,6 @@ using board::McuKind;
 using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::MatchesRegex;
 using testing::StartsWith;
 
