@@ -141,13 +141,6 @@ TemporaryBoard::TemporaryBoard(board::Product product) {
     board::createBoardDirectory(path(), product);
 }
 
-std::string productOf(const std::filesystem::path& directory) {
-    board::IniReader reader;
-    const int handle = reader.load(directory / "rootfs/vendor/etc/product.ini");
-    const std::string* product = reader.find(handle, "product", "product");
-    return product == nullptr ? "" : *product;
-}
-
 void requireSameProduct(const Options& options) {
     if (options.boardDirectory.empty() || options.product.empty()) return;
     const std::string product = productOf(options.boardDirectory);

@@ -47,8 +47,6 @@ class TemporaryBoard : public board::TemporaryDirectory {
     const Leftover mLeftover{path()};
 };
 
-// The product that a board directory's product file names; empty when it names none.
-std::string productOf(const std::filesystem::path& directory);
 // Throws a Failure when --product names another product than the board of --board is.
 void requireSameProduct(const Options& options);
 
