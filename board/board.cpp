@@ -21,9 +21,7 @@ std::unique_ptr<TemporaryDirectory> makeTemporaryBoard(Product product,
 
 std::unique_ptr<Machine> powerOn(const std::filesystem::path& dir, BoardOptions options) {
     if (poweredMachine() != nullptr) throw std::runtime_error("a board is powered on already");
-    if (!std::filesystem::is_directory(dir / "rootfs")) {
-        throw std::runtime_error(dir.string() + ": not a board directory (no rootfs in it)");
-    }
+    requireBoard(dir);
     auto machine = std::make_unique<Machine>(std::filesystem::absolute(dir), options);
     machine->faults.watchAllocations(
         [](bool mayFail) { mayFail ? hookAllocations() : unhookAllocations(); });

@@ -1,15 +1,27 @@
 #include "board/board_directory.h"
 
+#include <errno.h>
+#include <fcntl.h>
+#include <stdlib.h>
+
+#include <algorithm>
 #include <array>
 #include <sstream>
 #include <stdexcept>
+#include <system_error>
 
+#include "board/core/directory_lock.h"
+#include "board/core/real_calls.h"
 #include "board/core/whole_file.h"
+#include "board/devices/ini_reader.h"
 #include "board/fpga/fpga_image.h"
 #include "board/fpga/screen_partition.h"
 #include "board/mcu/mcu_image.h"
 
 namespace quil::board {
+
+namespace fs = std::filesystem;
+
 namespace {
 
 struct ProductRow {
@@ -135,7 +147,13 @@ constexpr const char kReadme[] =
     "                        es8316.0, wifi-ap, wifi-sta, idt6965: healthy, faulty or absent;\n"
     "                        sdcard: present, missing, full or read-only\n"
     "properties              the system properties: one \"name=value\" a line\n"
-    "product_information     the module id, decimal text\n";
+    "product_information     the module id, decimal text\n"
+    "format                  of this directory; a newer one is refused\n"
+    "lock                    who uses the board, while a program does\n"
+    "*.quil-new              what a killed program did not finish writing\n"
+    "*.damaged               what a repair kept aside\n";
+
+constexpr char kProductFile[] = "rootfs/vendor/etc/product.ini";
 
 }  // namespace
 
@@ -148,54 +166,182 @@ std::optional<Product> productByName(std::string_view name) {
 
 std::string_view nameOf(Product product) { return rowOf(product).name; }
 
-namespace {
+std::optional<Product> productOf(const fs::path& boardDirectory) {
+    IniReader reader;
+    const int handle = reader.load(boardDirectory / kProductFile);
+    if (const std::string* name = reader.find(handle, "product", "product")) {
+        if (const auto product = productByName(*name)) return product;
+    }
+    const auto module = readWholeFile(boardDirectory / "product_information");
+    for (const ProductRow& row : kProducts) {
+        if (module == std::string(row.moduleId) + "\n") return row.product;
+    }
+    return std::nullopt;
+}
 
-constexpr size_t kFpgaImageSize = 65536;
+std::vector<std::string> factoryFolders() {
+    return {"mcu",
+            "rootfs",
+            "rootfs/dev",
+            "rootfs/dev/block",
+            "rootfs/dev/block/by-name",
+            "rootfs/opt",
+            "rootfs/sdcard",
+            "rootfs/vendor",
+            "rootfs/vendor/bin",
+            "rootfs/vendor/etc",
+            "rootfs/vendor/firmware",
+            "rootfs/vendor_dlkm",
+            "rootfs/vendor_dlkm/lib",
+            "rootfs/vendor_dlkm/lib/modules"};
+}
 
 // The flash holds an older image than the file system. A Kestrel's flash is empty: the platform
 // loads its FPGA at each start.
-void writeFpgaSide(const std::filesystem::path& dir, const ProductRow& row) {
-    const auto root = dir / "rootfs";
-    const std::string image = "fpga_" + std::string(row.name) + ".bin";
-    writeWholeFile(root / "vendor/firmware" / image,
-                   makeFpgaImage(row.fpgaVersion, kFpgaImageSize));
-    writeWholeFile(root / "vendor/bin/mtd_debug", "the board's shell does its work\n");
-    writeWholeFile(root / "vendor_dlkm/lib/modules/dwmac-meson8b.ko", "a kernel module\n");
-    const auto blocks = root / "dev/block/by-name";
-    writeWholeFile(blocks / "screen", makeScreenPartition(factoryScreen()));
-    writeWholeFile(blocks / "hexparam", std::string(64, '\xA5'));
-    const bool bootsFromFlash = row.product != Product::kKestrel;
-    writeWholeFile(dir / "mtd0",
-                   bootsFromFlash ? makeFpgaImage(row.fpgaFormer, kFpgaImageSize) : "");
+std::vector<FactoryFile> factoryFiles(Product product, std::string_view flashedMcuVersion) {
+    constexpr size_t kFpgaImageSize = 65536;
+    const ProductRow& row = rowOf(product);
+    const std::string name = row.name;
+    const std::string flashed(flashedMcuVersion.empty() ? row.mcuVersion : flashedMcuVersion);
+    const auto text = [](std::string content) { return [content] { return content; }; };
+    const auto mcuImage = [&row](const std::string& version) {
+        return [&row, version] { return makeMcuImage(row.mcu, version, row.mcuImageSize); };
+    };
+    const auto fpgaImage = [](const std::string& version) {
+        return [version] { return version.empty() ? "" : makeFpgaImage(version, kFpgaImageSize); };
+    };
+    return {
+        {"README", text(kReadme)},
+        {kLockFile, text("")},
+        {kProductFile, text(productFile(row))},
+        {"rootfs/vendor/firmware/mcu_" + name + ".bin", mcuImage(row.mcuVersion)},
+        {"rootfs/vendor/firmware/fpga_" + name + ".bin", fpgaImage(row.fpgaVersion)},
+        {"rootfs/vendor/bin/mtd_debug", text("the board's shell does its work\n")},
+        {"rootfs/vendor_dlkm/lib/modules/dwmac-meson8b.ko", text("a kernel module\n")},
+        {"rootfs/dev/block/by-name/screen", [] { return makeScreenPartition(factoryScreen()); }},
+        {"rootfs/dev/block/by-name/hexparam", text(std::string(64, '\xA5'))},
+        {"mtd0", fpgaImage(row.fpgaFormer)},
+        {"mcu/flash", mcuImage(flashed)},
+        {"mcu/values", text("")},
+        {"properties", text("")},
+        {"product_information", text(std::string(row.moduleId) + "\n")},
+    };
 }
+
+BoardFormat formatOf(const fs::path& boardDirectory) {
+    std::error_code ignored;
+    const fs::path file = boardDirectory / kFormatFile;
+    if (!fs::exists(fs::symlink_status(file, ignored))) return {};
+    std::istringstream words(readWholeFile(file, 100).value_or(""));
+    BoardFormat format{0};
+    std::string quil, board, state;
+    if (!(words >> quil >> board >> format.number) || quil != "quil" || board != "board") {
+        return {0};
+    }
+    if (words >> state && state == "unfinished") words >> format.unfinished;
+    return format;
+}
+
+std::string textOf(const BoardFormat& format) {
+    return "quil board " + std::to_string(format.number) +
+           (format.unfinished.empty() ? "" : " unfinished " + format.unfinished) + "\n";
+}
+
+void requireBoard(const fs::path& dir) {
+    std::error_code ignored;
+    const BoardFormat format = formatOf(dir);
+    if (!format.unfinished.empty()) {
+        throw std::runtime_error(dir.string() + ": half a board, its making was interrupted " +
+                                 "(quilctl board repair finishes it)");
+    }
+    if (format.number > kBoardFormat) {
+        throw std::runtime_error(dir.string() + ": a board of format " +
+                                 std::to_string(format.number) + "; this program knows format " +
+                                 std::to_string(kBoardFormat));
+    }
+    if (format.number < 1) {
+        throw std::runtime_error((dir / kFormatFile).string() +
+                                 ": says no format (quilctl board repair writes it anew)");
+    }
+    if (!fs::is_directory(dir / "rootfs", ignored)) {
+        throw std::runtime_error(dir.string() + ": not a board directory (no rootfs in it)");
+    }
+}
+
+namespace {
+
+// Claims an empty or new directory for a board, and takes back what it made unless the board gets
+// finished.
+class Making {
+  public:
+    Making(const fs::path& dir, Keeping keeping) : mDir(dir), mStore(dir, keeping) {
+        if (dir.empty()) throw std::runtime_error("a board needs a directory: the name is empty");
+        mMade = firstMissing(fs::absolute(dir));
+        std::error_code error;
+        fs::create_directories(dir, error);
+        const bool isEmpty = !error && fs::is_empty(dir, error);
+        if (error) throw std::system_error(error, dir.string() + ": cannot be made");
+        if (!isEmpty) requireNoHalf();
+        if (!isEmpty) throw std::runtime_error(dir.string() + ": not empty, as a new board's is");
+    }
+    ~Making() {
+        std::error_code ignored;
+        if (mFinished) return;
+        if (!mMade.empty()) fs::remove_all(mMade, ignored);
+        if (!mMade.empty() || !mIsClaimed) return;
+        for (const auto& entry : fs::directory_iterator(mDir, ignored)) {
+            fs::remove_all(entry.path(), ignored);
+        }
+    }
+    Making(const Making&) = delete;
+    Making& operator=(const Making&) = delete;
+
+    // Of two programs that make a board in one place, the second one fails here.
+    void claim(Product product) {
+        const fs::path file = mDir / kFormatFile;
+        const int fd = real().open(file.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666);
+        const int error = errno;
+        if (fd < 0 && error == EEXIST) mMade.clear();  // all is the other's now
+        if (fd < 0) throw std::system_error(error, std::generic_category(), file.string());
+        real().close(fd);
+        mIsClaimed = true;
+        put(kFormatFile, textOf({kBoardFormat, std::string(nameOf(product))}));
+    }
+    void makeFolder(const std::string& name) { fs::create_directory(mDir / name); }
+    void put(const std::string& name, const std::string& content) { mStore.replace(name, content); }
+    void finish() {
+        put(kFormatFile, textOf(BoardFormat()));
+        mFinished = true;
+    }
+
+  private:
+    static fs::path firstMissing(fs::path dir) {
+        std::error_code ignored;
+        fs::path missing;
+        for (; !dir.empty() && !fs::exists(dir, ignored); dir = dir.parent_path()) missing = dir;
+        return missing;
+    }
+    void requireNoHalf() const {
+        if (!formatOf(mDir).unfinished.empty()) requireBoard(mDir);
+    }
+
+    const fs::path mDir;
+    DirectoryStore mStore;
+    fs::path mMade;  // the topmost folder that was missing
+    bool mIsClaimed = false, mFinished = false;
+};
 
 }  // namespace
 
-void createBoardDirectory(const std::filesystem::path& dir, Product product,
-                          std::string_view flashedVersion) {
-    namespace fs = std::filesystem;
-    const ProductRow& row = rowOf(product);
-    const std::string name = row.name;
-    std::error_code error;
-    for (const char* part :
-         {"rootfs/vendor/etc", "rootfs/vendor/firmware", "rootfs/vendor/bin", "rootfs/sdcard",
-          "rootfs/opt", "rootfs/vendor_dlkm/lib/modules", "rootfs/dev/block/by-name", "mcu"}) {
-        if (fs::exists(dir / part, error)) {
-            throw std::runtime_error(dir.string() + ": holds a board already");
-        }
-        fs::create_directories(dir / part, error);
-        if (error) throw std::runtime_error((dir / part).string() + ": " + error.message());
+void createBoardDirectory(const fs::path& dir, Product product, std::string_view flashedVersion,
+                          Keeping keeping) {
+    Making board(dir, keeping);
+    board.claim(product);
+    for (const std::string& folder : factoryFolders()) board.makeFolder(folder);
+    for (const FactoryFile& file : factoryFiles(product, flashedVersion)) {
+        board.put(file.name, file.content());
     }
-    writeWholeFile(dir / "README", kReadme);
-    writeWholeFile(dir / "rootfs/vendor/etc/product.ini", productFile(row));
-    writeWholeFile(dir / "rootfs/vendor/firmware" / ("mcu_" + name + ".bin"),
-                   makeMcuImage(row.mcu, row.mcuVersion, row.mcuImageSize));
-    writeFpgaSide(dir, row);
-    const std::string_view flashed = flashedVersion.empty() ? row.mcuVersion : flashedVersion;
-    writeWholeFile(dir / "mcu/flash", makeMcuImage(row.mcu, flashed, row.mcuImageSize));
-    writeWholeFile(dir / "mcu/values", "");
-    writeWholeFile(dir / "properties", "");
-    writeWholeFile(dir / "product_information", std::string(row.moduleId) + "\n");
+    board.finish();
 }
 
 }  // namespace quil::board

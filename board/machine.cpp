@@ -48,7 +48,7 @@ Scheduler& theScheduler() {
 
 std::shared_ptr<Store> storeOf(const std::filesystem::path& dir, const BoardOptions& options) {
     if (options.store) return options.store;
-    return std::make_shared<KeptStore>(dir);
+    return std::make_shared<KeptStore>(dir, options.keeping);
 }
 
 // Adds the lines that the MCU is connected to.
@@ -68,7 +68,8 @@ Fpga::Lines fpgaLines(GpioLines& gpio, const Wiring& wiring) {
 std::atomic<Machine*> g_poweredMachine{nullptr};
 
 Machine::Machine(const std::filesystem::path& dir, BoardOptions opts)
-    : BoardServices(theScheduler(), storeOf(dir, opts), dir / "rootfs"),
+    : BoardServices(theScheduler(), storeOf(dir, opts), dir / "rootfs",
+                    std::make_shared<KeptStore>(dir / "rootfs", opts.keeping)),
       directory(dir),
       options(std::move(opts)),
       mWiring(wiringOf(dir / kWiringFile)),

@@ -49,6 +49,8 @@ inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& di
         {"frame decode", {{"55BB"}, false, tools::kBadData}},
         {"board new", {{path("new")}, false}},
         {"board show", {{path("board")}, false}},
+        {"board check", {{path("board")}, false}},
+        {"board repair", {{path("board")}, false}},
         {"boot", {}},
         {"fpga status", {}},
         {"fpga load", {}},

@@ -1,5 +1,7 @@
 #include "board/core/services.h"
 
+#include <errno.h>
+
 #include <algorithm>
 #include <array>
 
@@ -17,14 +19,26 @@ constexpr std::array<std::string_view, 10> kBoardPaths = {"/vendor/",
                                                           "/sdcard/",
                                                           "/opt/"};
 
+// A path of the board as one relative to its root.
+std::string belowRoot(std::string_view boardPath) {
+    std::string normal;
+    if (boardPath.find("..") != std::string_view::npos) {
+        normal = ("/" / std::filesystem::path(boardPath)).lexically_normal().string();
+        boardPath = normal;
+    }
+    while (!boardPath.empty() && boardPath.front() == '/') boardPath.remove_prefix(1);
+    return std::string(boardPath);
+}
+
 }  // namespace
 
-BoardServices::BoardServices(Scheduler& time, std::shared_ptr<Store> files,
-                             std::filesystem::path root)
+BoardServices::BoardServices(Scheduler& time, std::shared_ptr<Store> memories,
+                             std::filesystem::path root, std::shared_ptr<Store> files)
     : scheduler(time),
-      store(std::move(files)),
+      store(std::move(memories)),
       trace(time, power),
       faults(trace),
+      mFiles(std::move(files)),
       mRoot(std::move(root)) {}
 
 BoardServices::~BoardServices() = default;
@@ -60,8 +74,23 @@ std::optional<std::filesystem::path> BoardServices::onHost(const char* path) con
 }
 
 std::filesystem::path BoardServices::hostPath(std::string_view boardPath) const {
-    while (!boardPath.empty() && boardPath.front() == '/') boardPath.remove_prefix(1);
-    return mRoot / boardPath;
+    return mRoot / belowRoot(boardPath);
+}
+
+int BoardServices::readFile(const std::string& boardPath, std::string* content) const {
+    const std::string name = belowRoot(boardPath);
+    const auto found = mFiles->read(name);
+    if (found) content->append(*found);
+    if (found) return 0;
+    const int error = mFiles->obstacle(name);
+    return error != 0 ? error : ENOENT;
+}
+
+int BoardServices::replaceFile(const std::string& boardPath, std::string_view content) {
+    const std::string name = belowRoot(boardPath);
+    const int error = mFiles->obstacle(name);
+    if (error == 0) mFiles->replace(name, content);
+    return error;
 }
 
 }  // namespace quil::board

@@ -22,8 +22,10 @@ namespace quil::board {
 
 class BoardServices {
   public:
-    // `root` is the workstation's directory that holds the board's file system.
-    BoardServices(Scheduler&, std::shared_ptr<Store>, std::filesystem::path root = {});
+    // `root` is the workstation's directory that holds the board's file system; `files` are those
+    // in it, by default none.
+    BoardServices(Scheduler&, std::shared_ptr<Store>, std::filesystem::path root = {},
+                  std::shared_ptr<Store> files = std::make_shared<MemoryStore>());
     ~BoardServices();
     BoardServices(const BoardServices&) = delete;
     BoardServices& operator=(const BoardServices&) = delete;
@@ -42,10 +44,15 @@ class BoardServices {
 
     // Where a board path lives on the workstation; nothing for paths that are not the board's.
     std::optional<std::filesystem::path> onHost(const char* path) const;
+    // Always below the root: ".." does not lead out of it.
     std::filesystem::path hostPath(std::string_view boardPath) const;
+    // Files as programs of the board see them; every path is one of the board's file system.
+    // readFile: 0 or an errno; the content is appended. replaceFile: the same.
+    int readFile(const std::string& boardPath, std::string* content) const;
+    int replaceFile(const std::string& boardPath, std::string_view content);
 
     Scheduler& scheduler;
-    const std::shared_ptr<Store> store;
+    const std::shared_ptr<Store> store;  // of the parts
     Power power;
     Trace trace;
     Faults faults;
@@ -53,6 +60,7 @@ class BoardServices {
     Nanos deviceTime{0};  // waited for devices since power-on
 
   private:
+    const std::shared_ptr<Store> mFiles;
     const std::filesystem::path mRoot;
 };
 

@@ -1,38 +1,35 @@
 #include "board/core/store.h"
 
 #include <errno.h>
-#include <string.h>
 
-#include <stdexcept>
+#include <system_error>
 
 #include "board/core/whole_file.h"
 
 namespace quil::board {
 
-DirectoryStore::DirectoryStore(std::filesystem::path directory)
-    : mDirectory(std::move(directory)) {}
+namespace fs = std::filesystem;
+
+DirectoryStore::DirectoryStore(fs::path directory, Keeping keeping)
+    : mDirectory(std::move(directory)), mKeeping(keeping) {}
 
 std::optional<std::string> DirectoryStore::read(const std::string& name) const {
     return readWholeFile(mDirectory / name);
 }
 
-// No fsync: the files have to survive a killed program, not a crash of the workstation.
 void DirectoryStore::replace(const std::string& name, std::string_view content) {
-    const std::filesystem::path file = mDirectory / name;
-    const std::filesystem::path fresh = file.string() + ".new";
-    std::error_code error;
-    try {
-        writeWholeFile(fresh, content);
-    } catch (const std::runtime_error&) {
-        const std::string why = strerror(errno);
-        std::filesystem::remove(fresh, error);
-        throw std::runtime_error(file.string() + ": cannot be written: " + why);
+    if (mKeeping == Keeping::kReadOnly) {
+        throw std::system_error(EROFS, std::generic_category(),
+                                (mDirectory / name).string() + ": is only read by this program");
     }
-    std::filesystem::rename(fresh, file, error);
-    if (!error) return;
-    const std::string why = error.message();
-    std::filesystem::remove(fresh, error);
-    throw std::runtime_error(file.string() + ": " + why);
+    replaceWholeFile(mDirectory / name, content, mKeeping == Keeping::kDurable);
+}
+
+int DirectoryStore::obstacle(const std::string& name) const {
+    std::error_code ignored;
+    const fs::path file = mDirectory / name;
+    if (fs::is_directory(file, ignored)) return EISDIR;
+    return fs::is_directory(file.parent_path(), ignored) ? 0 : ENOENT;
 }
 
 std::optional<std::string> MemoryStore::read(const std::string& name) const {

@@ -15,19 +15,31 @@ class Store {
     virtual ~Store() = default;
     virtual std::optional<std::string> read(const std::string& name) const = 0;
     // Afterwards the file has either its former content or all of the new one, even when the
-    // program dies meanwhile. Throws std::runtime_error when it keeps the former one.
+    // program dies meanwhile. Throws std::system_error when it keeps the former one.
     virtual void replace(const std::string& name, std::string_view content) = 0;
+    // The errno for which there can be no file of that name: its folder is missing, or it is a
+    // folder itself. 0: there is one, or it can be made.
+    virtual int obstacle(const std::string& /*name*/) const { return 0; }
+};
+
+// What a directory's files have to survive.
+enum class Keeping {
+    kScratch,   // a program that dies; for boards that are thrown away
+    kDurable,   // the workstation's loss of power as well
+    kReadOnly,  // nothing is replaced
 };
 
 // Plain files of one directory of the workstation, to be looked at and edited.
 class DirectoryStore : public Store {
   public:
-    explicit DirectoryStore(std::filesystem::path directory);
+    explicit DirectoryStore(std::filesystem::path directory, Keeping = Keeping::kScratch);
     std::optional<std::string> read(const std::string& name) const override;
     void replace(const std::string& name, std::string_view content) override;
+    int obstacle(const std::string& name) const override;
 
   private:
     const std::filesystem::path mDirectory;
+    const Keeping mKeeping;
 };
 
 // Lasts as long as this object.

@@ -1,21 +1,24 @@
 // A temporary directory that is removed with its contents.
 #pragma once
 
+#include <errno.h>
 #include <stdlib.h>
 
 #include <filesystem>
-#include <stdexcept>
 #include <string>
+#include <system_error>
 
 namespace quil::board {
 
 class TemporaryDirectory {
   public:
-    // Throws std::runtime_error when it cannot be made.
-    explicit TemporaryDirectory(const std::string& name = "board") {
+    // Throws std::system_error when it cannot be made.
+    explicit TemporaryDirectory(const std::string& name = "quil-board") {
         std::string pattern =
             (std::filesystem::temp_directory_path() / (name + "-XXXXXX")).string();
-        if (mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("no temporary directory");
+        if (mkdtemp(pattern.data()) == nullptr) {
+            throw std::system_error(errno, std::generic_category(), pattern + ": cannot be made");
+        }
         mPath = pattern;
     }
     ~TemporaryDirectory() {

@@ -1,12 +1,9 @@
 #include "board/devices/shell.h"
 
 #include <errno.h>
-#include <fcntl.h>
 #include <string.h>
 
 #include <array>
-#include <fstream>
-#include <iterator>
 #include <optional>
 #include <stdexcept>
 
@@ -148,13 +145,10 @@ int Shell::open(const std::string& path, bool toWrite, bool append) {
     if (mSysfs.exists(path)) return mSysfs.refusal(path, !toWrite, toWrite);
     const auto use = toWrite ? Probes::Use::kCreate : Probes::Use::kRead;
     if (const int error = mProbes.refusal(path, use)) return error;
-    const auto host = mBoard.onHost(path.c_str()).value_or(path);
-    const int flags = toWrite ? O_WRONLY | O_CREAT | (append ? 0 : O_TRUNC) : O_RDONLY;
-    const int fd = real().open(host.c_str(), flags, 0666);
-    const int error = errno;
-    if (fd < 0) return error;
-    real().close(fd);
-    return 0;
+    std::string content;
+    const int error = mBoard.readFile(path, &content);
+    if (!toWrite || error == EISDIR || (append && error == 0)) return error;
+    return mBoard.replaceFile(path, "");
 }
 
 int Shell::deliver(const std::string& path, const std::string& text) {
@@ -163,10 +157,9 @@ int Shell::deliver(const std::string& path, const std::string& text) {
     if (const auto handle = mSysfs.open(path)) {
         return static_cast<int>(-std::min<ssize_t>(0, handle->write(text.data(), text.size())));
     }
-    std::ofstream file(mBoard.onHost(path.c_str()).value_or(path), std::ios::app);
-    file << text;
-    file.flush();
-    return file ? 0 : EIO;
+    std::string content;
+    if (const int error = mBoard.readFile(path, &content)) return error;
+    return mBoard.replaceFile(path, content + text);
 }
 
 void Shell::print(int fd, const std::string& text) {
@@ -190,9 +183,7 @@ int Shell::readFile(const std::string& path, std::string* text) {
         if (got > 0) text->append(page.data(), static_cast<size_t>(got));
         return static_cast<int>(-std::min<ssize_t>(0, got));
     }
-    std::ifstream file(mBoard.onHost(path.c_str()).value_or(path), std::ios::binary);
-    text->append(std::istreambuf_iterator<char>(file), {});
-    return 0;
+    return mBoard.readFile(path, text);
 }
 
 ProgramResult Shell::cat(const std::vector<std::string>& argv) {

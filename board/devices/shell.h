@@ -2,7 +2,8 @@
 //
 // It reads words with '...', "..." and \x, the redirections >, >>, < and 2>, 2>>, 2>&1, and the
 // operators ; && ||, as a POSIX shell does, and prints the messages of Android's shell. What it
-// does not know ($, |, &, globs) is a violation and a syntax error.
+// does not know ($, |, &, globs) is a violation and a syntax error. Every path is one of the
+// board's file system, also a relative one: a line does not reach the workstation's files.
 //
 // Every line is a kShell event. Faults: Call::kSystem by the whole line (an error: system() fails
 // with it; exitCode, signal: nothing is done and the shell ends so; lostSilently: nothing is done

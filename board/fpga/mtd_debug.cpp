@@ -8,7 +8,6 @@
 #include <limits>
 
 #include "board/core/bytes.h"
-#include "board/core/whole_file.h"
 
 namespace quil::board {
 namespace {
@@ -42,10 +41,6 @@ struct Range {
 struct Place {
     BoardServices& board;
     SerialFlash& flash;
-
-    std::filesystem::path fileOf(const std::string& path) const {
-        return board.onHost(path.c_str()).value_or(path);
-    }
 };
 
 ProgramResult erase(const Place& place, Range range, const Words&) {
@@ -63,11 +58,10 @@ ProgramResult write(const Place& place, Range range, const Words& argv) {
     if (const auto fault = place.board.faults.take(Call::kOpen, path)) {
         return failed("fopen()", fault->error);
     }
-    const auto content = readWholeFile(place.fileOf(path));
-    if (!content) return failed("fopen()", ENOENT);
-    if (content->size() < range.length) return failure("fread(): the file is too short");
-    if (const int error =
-            place.flash.program(range.offset, bytesOf(*content).first(range.length))) {
+    std::string content;
+    if (const int error = place.board.readFile(path, &content)) return failed("fopen()", error);
+    if (content.size() < range.length) return failure("fread(): the file is too short");
+    if (const int error = place.flash.program(range.offset, bytesOf(content).first(range.length))) {
         return failed("write()", error);
     }
     return {0,
@@ -83,7 +77,9 @@ ProgramResult read(const Place& place, Range range, const Words& argv) {
     if (const auto fault = place.board.faults.take(Call::kOpen, path)) {
         return failed("open()", fault->error);
     }
-    writeWholeFile(place.fileOf(path), textOf(cells));
+    if (const int error = place.board.replaceFile(path, textOf(cells))) {
+        return failed("open()", error);
+    }
     return {0,
             "Copied " + std::to_string(range.length) + " bytes from address " +
                 paddedHex(range.offset) + " in flash to " + path + "\n",
@@ -100,7 +96,7 @@ constexpr std::array<Verb, 3> kVerbs = {
 
 ProgramResult run(const Place& place, const Words& argv) {
     std::error_code ignored;
-    if (!std::filesystem::exists(place.fileOf(kMtdDebugFile), ignored)) {
+    if (!std::filesystem::exists(place.board.hostPath(kMtdDebugFile), ignored)) {
         return {kNotFound, "", argv[0] + ": inaccessible or not found\n"};
     }
     for (const Verb& verb : kVerbs) {

@@ -54,11 +54,11 @@ void fitMcu(const fs::path& board, const McuFitting& fitting) {
                    same ? shipped : makeMcuImage(fitting.kind, fitting.flashed, fitting.imageSize));
 }
 
-void flashMcu(const fs::path& board, const std::string& version) {
+void flashMcu(const fs::path& board, const std::string& version, Keeping keeping) {
     const std::string content = productFileOf(board);
     const size_t size = fs::file_size(imageOf(board, content));
     const McuPart& part = partOfProductFile(board / kProductFile);
-    writeWholeFile(board / "mcu/flash", makeMcuImage(part.kind, version, size));
+    DirectoryStore(board, keeping).replace("mcu/flash", makeMcuImage(part.kind, version, size));
 }
 
 }  // namespace quil::board

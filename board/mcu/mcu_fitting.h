@@ -6,6 +6,7 @@
 #include <filesystem>
 #include <string>
 
+#include "board/core/store.h"
 #include "board/mcu/mcu_parts.h"
 
 namespace quil::board {
@@ -23,6 +24,7 @@ struct McuFitting {
 void fitMcu(const std::filesystem::path& boardDirectory, const McuFitting&);
 
 // Changes the flash alone: an image of that version, as large as the shipped one.
-void flashMcu(const std::filesystem::path& boardDirectory, const std::string& version);
+void flashMcu(const std::filesystem::path& boardDirectory, const std::string& version,
+              Keeping = Keeping::kScratch);
 
 }  // namespace quil::board

@@ -11,6 +11,7 @@
 #include <array>
 #include <map>
 #include <stdexcept>
+#include <system_error>
 #include <utility>
 
 #include "board/core/real_calls.h"
@@ -189,15 +190,41 @@ PtyBridge::PtyBridge(const PtyBridgeOptions& options)
       mMaster(openMaster(mPort)),
       mPart(std::make_unique<Part>(options, mMaster)) {
     if (mOptions.link.empty()) return;
-    std::error_code error;
-    if (std::filesystem::is_symlink(mOptions.link, error)) std::filesystem::remove(mOptions.link);
-    std::filesystem::create_symlink(mPort, mOptions.link);
+    try {
+        makeLink();
+    } catch (...) {
+        real().close(mMaster);
+        throw;
+    }
 }
 
 PtyBridge::~PtyBridge() {
     std::error_code ignored;
-    if (!mOptions.link.empty()) std::filesystem::remove(mOptions.link, ignored);
+    if (!mOptions.link.empty() && std::filesystem::read_symlink(mOptions.link, ignored) == mPort) {
+        std::filesystem::remove(mOptions.link, ignored);
+    }
     real().close(mMaster);
+}
+
+// A port's number is given out again, also to this model: its own port was gone before.
+void PtyBridge::makeLink() {
+    namespace fs = std::filesystem;
+    std::error_code error;
+    const fs::path& link = mOptions.link;
+    if (fs::exists(fs::symlink_status(link, error))) {
+        const std::string target = fs::read_symlink(link, error).string();
+        if (target.rfind("/dev/pts/", 0) != 0) {
+            throw std::runtime_error(link.string() + ": in use, and no link to a pseudo terminal");
+        }
+        if (target != mPort && fs::exists(target, error)) {
+            throw std::runtime_error(link.string() + ": in use, it leads to " + target +
+                                     " (remove it if no model runs there)");
+        }
+        mStaleTarget = target;
+        fs::remove(link);
+    }
+    fs::create_symlink(mPort, link, error);
+    if (error) throw std::system_error(error, link.string() + ": cannot be made");
 }
 
 const std::string& PtyBridge::port() const { return mPort; }

@@ -21,9 +21,11 @@ namespace quil::board {
 
 struct PtyBridgeOptions {
     McuKind part = McuKind::kGd32F303;
-    std::filesystem::path flash;      // the file with the part's flash; made when missing
-    std::filesystem::path link = {};  // a symbolic link to the port, made and removed; "": none
-    bool realtime = false;            // bytes and flash operations take their real time
+    std::filesystem::path flash;  // the file with the part's flash; made when missing
+    // A symbolic link to the port, made and removed; "": none. A name in use is refused, but for
+    // the link that a killed model has left: to a port that is gone.
+    std::filesystem::path link = {};
+    bool realtime = false;  // bytes and flash operations take their real time
     int fastest = McuSurroundings::kPublishedFastest;  // the highest speed that it measures
     uint64_t seed = 0;                                 // of its flash's times; 0: typical ones
     NoiseRates noise = {};                             // of the line, decided by the seed
@@ -37,8 +39,10 @@ class PtyBridge {
     PtyBridge& operator=(const PtyBridge&) = delete;
 
     const std::string& port() const;  // "/dev/pts/3"
-    void run();                       // serves until stop is called
-    void stop();                      // from any thread or signal handler
+    // The port that the link led to before; "" when there was none.
+    const std::string& staleTarget() const { return mStaleTarget; }
+    void run();   // serves until stop is called
+    void stop();  // from any thread or signal handler
     // A program has sent bytes and not closed the port yet. From any thread.
     bool inUse() const { return mInUse.load(); }
     // Not while run() serves.
@@ -51,9 +55,10 @@ class PtyBridge {
     class Part;
     void serveOnce();
     void readBytes();
+    void makeLink();
 
     const PtyBridgeOptions mOptions;
-    std::string mPort;
+    std::string mPort, mStaleTarget;
     int mMaster = -1;
     std::atomic<bool> mStopped{false}, mInUse{false};
     std::unique_ptr<Part> mPart;

@@ -7,10 +7,6 @@
 #include <gtest/gtest.h>
 #include <termios.h>
 
-#include <fstream>
-
-#include "board/core/temporary_directory.h"
-#include "board/core/whole_file.h"
 #include "board/devices/gpio_lines.h"
 #include "board/devices/probes.h"
 #include "board/devices/properties.h"
@@ -48,7 +44,8 @@ class BoardPartAlone : public testing::Test {
     }
 
     Scheduler scheduler;
-    BoardServices board{scheduler, std::make_unique<MemoryStore>()};
+    const std::shared_ptr<Store> files = std::make_shared<MemoryStore>();
+    BoardServices board{scheduler, std::make_shared<MemoryStore>(), {}, files};
 };
 
 struct EchoingPeer : UartPeer {
@@ -142,6 +139,24 @@ TEST_F(BoardPartAlone, ShellMovesALineAndTakesTheTimeOfASleep) {
     EXPECT_EQ(scheduler.now(), 2s);
 }
 
+TEST_F(BoardPartAlone, ShellKeepsItsFilesInTheStore) {
+    Sysfs sysfs;
+    const Probes probes(board, 1);
+    Shell shell(board, sysfs, probes);
+    EXPECT_EQ(shell.run("echo one > /opt/a; echo two >> /opt/a; cat /opt/a > b"), 0);
+    EXPECT_EQ(files->read("opt/a"), "one\ntwo\n");
+    EXPECT_EQ(files->read("b"), "one\ntwo\n");
+}
+
+TEST_F(BoardPartAlone, PropertyThatIsSetForOneRunIsNotKept) {
+    Properties properties(board);
+    properties.set("persist.a", "1");
+    properties.setForThisRun("persist.a", "2");
+    EXPECT_EQ(properties.get("persist.a"), "2");
+    properties.set("persist.b", "3");
+    EXPECT_EQ(board.store->read("properties"), "persist.a=1\npersist.b=3\n");
+}
+
 TEST_F(BoardPartAlone, PropertiesAndProbesOutliveThePartsThatKeepThem) {
     Properties(board).set("persist.a", "1");
     Probes(board, 1).setHealth(kRtc, Health::kFaulty);
@@ -157,39 +172,6 @@ TEST_F(BoardPartAlone, WithoutPowerNothingIsRecorded) {
     board.violation("part", "misused");
     EXPECT_EQ(board.trace.count(), 0U);
     EXPECT_THAT(board.violations.texts(), IsEmpty());
-}
-
-TEST(BoardStore, FileIsReplacedAsAWholeAndLeavesNothingBeside) {
-    const TemporaryDirectory directory;
-    DirectoryStore store(directory.path());
-    EXPECT_EQ(store.read("a"), std::nullopt);
-    store.replace("a", "first");
-    store.replace("a", "2nd");
-    EXPECT_EQ(store.read("a"), "2nd");
-    const std::filesystem::directory_iterator files(directory.path());
-    EXPECT_EQ(std::distance(begin(files), end(files)), 1);
-}
-
-// Whoever has the former file open goes on reading the former content: it is not written over.
-TEST(BoardStore, ReaderOfTheFormerFileKeepsTheFormerContent) {
-    const TemporaryDirectory directory;
-    DirectoryStore store(directory.path());
-    store.replace("a", "former");
-    std::ifstream reader(directory.path() / "a");
-    store.replace("a", "latter");
-    std::string text;
-    reader >> text;
-    EXPECT_EQ(text, "former");
-}
-
-TEST(BoardStore, FileThatCannotBeReplacedKeepsItsFormerContent) {
-    const TemporaryDirectory directory;
-    DirectoryStore store(directory.path());
-    store.replace("a", "former");
-    std::filesystem::create_directory(directory.path() / "a.new");
-    EXPECT_THROW(store.replace("a", "latter"), std::runtime_error);
-    EXPECT_THROW(store.replace("no/such", "latter"), std::runtime_error);
-    EXPECT_EQ(store.read("a"), "former");
 }
 
 }  // namespace

@@ -113,6 +113,32 @@ TEST_F(BoardShell, FileThatCannotBeCreatedKeepsTheProgramFromRunning) {
     EXPECT_THAT(calls, IsEmpty());
 }
 
+TEST_F(BoardShell, LineReachesNoFileOfTheWorkstation) {
+    const TemporaryDirectory outside;
+    const std::string there = (outside.path() / "a").string();
+    writeWholeFile(there, "outside");
+    EXPECT_EQ(errorsOf(("echo 1 > " + there).c_str()),
+              "sh: can't create " + there + ": No such file or directory\n");
+    const std::string up = "/opt/../../../../../../../../../.." + there;
+    EXPECT_NE(system(("echo 1 >> " + up).c_str()), 0);
+    EXPECT_NE(system(("cat " + there).c_str()), 0);
+    EXPECT_NE(system(("mtd_debug read /dev/mtd0 0 16 " + there).c_str()), 0);
+    EXPECT_NE(system(("mtd_debug write /dev/mtd0 0 4 " + up).c_str()), 0);
+    EXPECT_EQ(readWholeFile(there), "outside");
+    EXPECT_EQ(fopen(up.c_str(), "r"), nullptr);
+    EXPECT_THAT(board.violations(), IsEmpty());
+}
+
+TEST_F(BoardShell, FileIsReplacedAsAWholeSoThatItsReadersKeepTheFormerOne) {
+    board.writeFile("/opt/a", "former");
+    std::ifstream reader(board.hostPath("/opt/a"));
+    EXPECT_EQ(system("mtd_debug read /dev/mtd0 0 16 /opt/a && echo -n more >> /opt/a"), 0);
+    std::string text;
+    reader >> text;
+    EXPECT_EQ(text, "former");
+    EXPECT_EQ(content(board, "/opt/a").size(), 20U);
+}
+
 TEST_F(BoardShell, CatShowsFilesAndSaysWhatIsMissing) {
     board.writeFile("/vendor/etc/a", "first\n");
     testing::internal::CaptureStdout();

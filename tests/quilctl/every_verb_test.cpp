@@ -24,11 +24,6 @@ using testing::Key;
 using testing::Not;
 using tools::Words;
 
-Words operator+(Words words, const Words& more) {
-    words.insert(words.end(), more.begin(), more.end());
-    return words;
-}
-
 std::string textOf(const Words& words) {
     std::string text;
     for (const std::string& word : words) text += (text.empty() ? "" : " ") + word;
@@ -170,8 +165,8 @@ struct BoardOptionCase {
 
 TEST_F(QuilctlEveryVerb, RefusesTheOptionsOfABoardThatHaveNoEffectOnIt) {
     const BoardOptionCase options[] = {
-        {{"--board", path("none")}, {"board show", "config check"}},
-        {{"--product", "Kestrel"}, {"board new"}},
+        {{"--board", path("none")}, {"board show", "board check", "board repair", "config check"}},
+        {{"--product", "Kestrel"}, {"board new", "board check", "board repair"}},
         {{"--trace", path("t.txt")}, {}},
         {{"--log-level", "D"}, {}},
         {{"--seed", "7"}, {}},
@@ -282,24 +277,22 @@ TEST_F(QuilctlBoardState, BoardOfTheEnvironmentIsTheOneWithoutAnOption) {
 // A directory where a file is to be written fails for every user, root too.
 TEST_F(QuilctlBoardState, ValueThatTheBoardCannotKeepIsNotReportedAsSet) {
     const std::string board = newBoard();
-    std::filesystem::remove(board + "/mcu/values");
-    std::filesystem::create_directory(board + "/mcu/values");
+    std::filesystem::create_directory(board + "/mcu/values" + ::quil::board::kFreshSuffix);
     const Said said = quilctl({"--board", board, "set", "0x102", "0A"});
     EXPECT_EQ(said.code, tools::kNoBoard);
     EXPECT_THAT(said.out, IsEmpty());
-    EXPECT_EQ(said.err,
-              "quilctl: the board's state is lost: " + board + "/mcu/values: Is a directory\n");
+    EXPECT_EQ(said.err, "quilctl: the board's state is lost: " + board +
+                            "/mcu/values: cannot be written: File exists\n");
 }
 
 TEST_F(QuilctlBoardState, ImageThatTheBoardCannotKeepIsNotReportedAsProgrammed) {
     const std::string board = newBoard();
-    std::filesystem::remove(board + "/mcu/flash");
-    std::filesystem::create_directory(board + "/mcu/flash");
+    std::filesystem::create_directory(board + "/mcu/flash" + ::quil::board::kFreshSuffix);
     const Said said = quilctl({"--board", board, "mcu", "program", "--chip", "gd32f303",
                                imageFile(std::string(512, 'x'))});
     EXPECT_EQ(said.code, tools::kNoBoard);
     EXPECT_THAT(said.out, IsEmpty());
-    EXPECT_THAT(said.err, HasSubstr("mcu/flash: Is a directory\n"));
+    EXPECT_THAT(said.err, HasSubstr("mcu/flash: cannot be written: File exists\n"));
 }
 
 // The program itself, with the shell's exit code.

@@ -18,6 +18,11 @@
 
 namespace quil::tests {
 
+inline tools::Words operator+(tools::Words words, const tools::Words& more) {
+    words.insert(words.end(), more.begin(), more.end());
+    return words;
+}
+
 struct Said {
     int code;
     std::string out;

@@ -36,13 +36,24 @@ CLI::Validator productName() {
         "{Heron,Kestrel,Wren_t507}");
 }
 
+CLI::Validator namedDirectory() {
+    return CLI::Validator(
+        [](std::string& name) -> std::string { return name.empty() ? "the name is empty" : ""; },
+        "DIR");
+}
+
 void addGlobalOptions(CLI::App& app, Options& options) {
     const char* environment = getenv("QUIL_BOARD");
     if (environment != nullptr) options.boardDirectory = environment;
     app.add_option("--board", options.boardDirectory,
                    "Board directory to power (default: QUIL_BOARD of the environment, "
                    "or a temporary one)")
-        ->type_name("DIR");
+        ->type_name("DIR")
+        ->check(namedDirectory());
+    app.add_option("--wait", options.wait,
+                   "Seconds to wait for a board directory that is in use (default 10)")
+        ->type_name("SECONDS")
+        ->check(CLI::Range(0.0, 86400.0));
     app.add_option("--product", options.product, "Product of a new board (default: Heron)")
         ->type_name("NAME")
         ->check(productName());

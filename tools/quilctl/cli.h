@@ -64,6 +64,7 @@ struct Options {
     std::vector<std::string> traceFiles;
     std::string logLevel;  // empty: as the board has it
     uint64_t seed = 0;
+    double wait = 10;  // seconds of the workstation's time, for a board directory that is in use
     bool realtime = false;
     bool json = false;
     bool quiet = false;

@@ -32,7 +32,7 @@ void addValue(Result& result, const char* section, const char* key, const std::s
 }
 
 void showConfig(const Cli& cli, Result& result) {
-    BoardSession session(cli.options, cli.console);
+    BoardSession session(cli.options, cli.console, true, BoardSession::Use::kReader);
     if (parseConfigInfo() != 0) {
         throw Failure(kBadData, "the product configuration could not be read");
     }

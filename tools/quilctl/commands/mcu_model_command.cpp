@@ -47,6 +47,10 @@ void model(const Cli& cli, const ModelArguments& arguments, Result& result) {
                              .link = arguments.link,
                              .realtime = cli.options.realtime});
     const StopsAtInterruption stops([&bridge] { bridge.stop(); });
+    if (!bridge.staleTarget().empty()) {
+        cli.console.err << arguments.link << ": replaced, it led to " << bridge.staleTarget()
+                        << ", which a model has left\n";
+    }
     cli.console.err << part->name << " in its boot loader at " << bridge.port()
                     << ", ends with Ctrl-C\n";
     bridge.run();

@@ -151,8 +151,8 @@ void requireSameProduct(const Options& options) {
                               "; leave --product out, or name another board");
 }
 
-BoardSession::BoardSession(const Options& options, const Console& console, bool showLog)
-    : mOptions(options), mConsole(console), mOutput(STDOUT_FILENO), mBoard(powerOn()) {
+BoardSession::BoardSession(const Options& options, const Console& console, bool showLog, Use use)
+    : mOptions(options), mConsole(console), mOutput(STDOUT_FILENO), mBoard(powerOn(use)) {
     if (options.quiet) mErrors.emplace(STDERR_FILENO);
     mStops.emplace([board = mBoard.get()] { board->cutPowerSoon("cut by an interruption"); });
     if (showLog || !options.logLevel.empty()) showLogLines();
@@ -162,8 +162,9 @@ BoardSession::BoardSession(const Options& options, const Console& console, bool 
     mHost.emplace();
 }
 
-std::unique_ptr<board::Board> BoardSession::powerOn() {
+std::unique_ptr<board::Board> BoardSession::powerOn(Use use) {
     board::takeKeepFailure();  // of an earlier board in this process
+    auto keeping = board::Keeping::kScratch;
     std::filesystem::path directory = mOptions.boardDirectory;
     requirePlace(directory);
     if (directory.empty()) {
@@ -171,13 +172,15 @@ std::unique_ptr<board::Board> BoardSession::powerOn() {
         directory = mTemporary->path();
         const board::McuPart* part = board::partNamedIn(mOptions.chip);
         if (part != nullptr) board::fitMcu(directory, {.kind = part->kind});
-    } else if (!std::filesystem::is_directory(directory)) {
-        throw Failure(kUsage, "no board directory " + mOptions.boardDirectory +
-                                  " (quilctl board new makes one)");
+    } else {
+        mUse = useBoard(mOptions.boardDirectory, use, mOptions, mConsole);
+        requireSoundBoard(mOptions.boardDirectory);
+        keeping = use == Use::kOwner ? board::Keeping::kDurable : board::Keeping::kReadOnly;
     }
     requireSameProduct(mOptions);
-    if (!mOptions.mcuInstalled.empty()) board::flashMcu(directory, mOptions.mcuInstalled);
-    board::BoardOptions how{mOptions.realtime, mOptions.seed};
+    if (!mOptions.mcuInstalled.empty()) board::flashMcu(directory, mOptions.mcuInstalled, keeping);
+    board::BoardOptions how{.realtime = mOptions.realtime, .seed = mOptions.seed};
+    how.keeping = keeping;
     how.standstill.tell = [](const std::string& report) {
         endAtOnce(kInternal, "internal error: the board's threads wait for each other " + report);
     };

@@ -10,6 +10,7 @@
 #include "board/core/temporary_directory.h"
 #include "host/hosting_component.h"
 #include "tools/quilctl/cli.h"
+#include "tools/quilctl/session/board_use.h"
 #include "tools/quilctl/session/interruption.h"
 #include "tools/quilctl/session/service_session.h"
 
@@ -55,8 +56,10 @@ void requireSameProduct(const Options& options);
 // could not be written makes the command fail.
 class BoardSession : public ServiceSession {
   public:
-    BoardSession(const Options& options, const Console& console,
-                 bool showLog = true);  // throws std::runtime_error
+    // A reader of a board directory shares it with others, and keeps no state there.
+    using Use = board::DirectoryLock::Use;
+    BoardSession(const Options& options, const Console& console, bool showLog = true,
+                 Use use = Use::kOwner);  // throws std::runtime_error
     ~BoardSession() override;
 
     board::Board& board() { return *mBoard; }
@@ -75,7 +78,7 @@ class BoardSession : public ServiceSession {
     void startService(const host::BootJobs& jobs = {.updateMcu = false});
 
   private:
-    std::unique_ptr<board::Board> powerOn();
+    std::unique_ptr<board::Board> powerOn(Use use);
     void saveTrace(const std::string& name);
     void showLogLines();
     std::string toldOfInterruption(board::Nanos at, bool touchedFpgaFlash) const;
@@ -84,6 +87,7 @@ class BoardSession : public ServiceSession {
     const Console& mConsole;
     const Silenced mOutput;
     std::optional<Silenced> mErrors;  // with --quiet
+    std::unique_ptr<board::DirectoryLock> mUse;
     std::optional<TemporaryBoard> mTemporary;
     std::unique_ptr<board::Board> mBoard;
     std::optional<StopsAtInterruption> mStops;
