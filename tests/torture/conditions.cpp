@@ -78,10 +78,11 @@ Cases unwritableTrace(const Subject& subject) {
     const Demand demand = subject.powersBoard ? Demand::kNotWritten : Demand::kAnyCode;
     for (const std::string ending : {".txt", ".vcd", ".json"}) {
         for (const std::string folder : {"/none", "/screen.img"}) {
-            cases.push_back({.name = folder + "/trace" + ending,
+            const std::string file = std::string(folder).append("/trace").append(ending);
+            cases.push_back({.name = file,
                              .demand = demand,
                              .json = ending == ".vcd",
-                             .options = {"--trace", folder + "/trace" + ending}});
+                             .options = {"--trace", file}});
         }
         for (const int first : {1, 2}) {
             cases.push_back(

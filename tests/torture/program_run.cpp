@@ -53,6 +53,7 @@ int checked(int result, const std::string& what) {
 
 std::vector<char*> pointersTo(const std::vector<std::string>& words) {
     std::vector<char*> pointers;
+    pointers.reserve(words.size() + 1);
     for (const std::string& word : words) pointers.push_back(const_cast<char*>(word.c_str()));
     pointers.push_back(nullptr);
     return pointers;

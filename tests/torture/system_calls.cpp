@@ -121,7 +121,7 @@ std::string textAt(pid_t process, uint64_t address) {
         if (more.empty()) break;
         text += more;
     }
-    return text.c_str();
+    return text.substr(0, text.find('\0'));
 }
 
 std::string linkAt(pid_t process, const std::string& name) {

@@ -43,7 +43,7 @@ void printTable(std::vector<Row> rows) {
 
 }  // namespace
 
-int main(int argc, char** argv) {
+int main(int argc, char** argv) try {
     Choice choice;
     choice.jobs = std::thread::hardware_concurrency();
     CLI::App app("Drives every command of quilctl under every condition.", "./run torture");
@@ -68,4 +68,7 @@ int main(int argc, char** argv) {
         torture(choice, [&choice](const Finding& finding) { print(finding, choice.number != 0); });
     printTable(rows);
     return sumOf(rows).failures == 0 ? 0 : 1;
+} catch (const std::exception& error) {
+    fprintf(stderr, "torture: %s\n", error.what());
+    return 2;
 }
