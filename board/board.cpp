@@ -73,7 +73,7 @@ void Board::lendDevice(const std::string& path) {
 
 Nanos Board::now() const {
     Guard guard(boardLock());
-    return mMachine->scheduler.now();
+    return mMachine->scheduler.lastPowered();
 }
 
 void Board::runFor(Nanos duration) {

@@ -65,6 +65,7 @@ void Scheduler::powerOff() {
 
 void Scheduler::powerLost() {
     mLost = true;
+    mLostAt = now();
     mTimers.clear();
     while (!mParked.empty()) {
         mParked.front()->timedOut = true;
@@ -105,6 +106,10 @@ BoardThread* Scheduler::self() {
 }
 
 bool Scheduler::attached() { return t_self && t_self->attached; }
+
+void Scheduler::passWithoutPower(Nanos duration) { mVirtualNow = mVirtualNow.load() + duration; }
+
+Nanos Scheduler::lastPowered() const { return mLost ? mLostAt : now(); }
 
 bool Scheduler::park(const char* what, const void* object, std::optional<Nanos> deadline,
                      const Look& look) {

@@ -72,6 +72,9 @@ class Scheduler {
     void powerOn(bool realtime, Trace&, const Schedule& = {}, Standstill = {});
     void powerOff();   // wakes all threads that still wait
     void powerLost();  // drops all timers and wakes all threads; no wait lasts any more
+    // Without power only a thread that looks at the clock until it is late makes it go on.
+    void passWithoutPower(Nanos duration);
+    Nanos lastPowered() const;  // now, or when the power was lost
     bool isOn() const { return mOn; }
     bool realtime() const { return mRealtime; }
     Nanos now() const;
@@ -141,6 +144,7 @@ class Scheduler {
     std::optional<Nanos> mStillSince;
     uint64_t mActivity = 0, mActivitySeen = 0;  // waits that were no mere looks
     bool mRealtime = false, mOn = false, mLost = false, mDispatching = false;
+    Nanos mLostAt{0};
     std::atomic<Nanos> mVirtualNow{Nanos(0)}, mWallAhead{Nanos(0)};
     int64_t mRealStart = 0;
     uint64_t mSequence = 0;

@@ -109,6 +109,10 @@ QUIL_EXPORT int sched_yield() noexcept {
     Guard guard(boardLock());
     Scheduler& scheduler = machine->scheduler;
     constexpr Nanos kStep = std::chrono::milliseconds(1);
+    if (machine->dead()) {
+        scheduler.passWithoutPower(kStep);
+        return 0;
+    }
     scheduler.sleepUntil(scheduler.now() - scheduler.now() % kStep + kStep, "its next look");
     return 0;
 }
