@@ -25,8 +25,10 @@ std::string placeOf(const std::string& directory, const board::BoardProblem& pro
 std::unique_ptr<board::DirectoryLock> useBoard(const std::string& directory,
                                                board::DirectoryLock::Use use,
                                                const Options& options, const Console& console) {
-    if (!std::filesystem::is_directory(directory)) {
-        throw Failure(std::filesystem::exists(directory) ? kNoBoard : kUsage,
+    std::error_code error;
+    if (!std::filesystem::is_directory(directory, error)) {
+        const bool isMissing = error == std::errc::no_such_file_or_directory;
+        throw Failure(isMissing ? kUsage : kNoBoard,
                       "no board directory " + directory, "quilctl board new makes one");
     }
     board::requireTraces(directory);
