@@ -192,9 +192,11 @@ class ProgrammingProgressTest : public ProgrammingWatchTest {
   protected:
     // Writes 20 blocks of an image of 20 * 256 - 252 bytes.
     std::string shown(bool onTerminal) {
-        std::ostringstream err;
+        std::ostringstream out, err;
         std::vector<tools::Failure> failures;
-        const Console console{in, err, false, onTerminal, failures};
+        const Screen screen{onTerminal, onTerminal, onTerminal ? 100U : 0U};
+        Reporter report(err, screen, ReportForm::kText);
+        const Console console{in, out, err, report, screen, false, failures};
         ProgrammingProgress progress(console, watch, 0x1304);
         watch.onStep([&progress](const ProgrammingStep& step, const std::string& said) {
             progress.step(step, said);
