@@ -70,28 +70,23 @@ std::string propertyProblem(const Line& line, const McuPart&) {
 }
 
 std::string partProblem(const Line& line, const McuPart&) {
-    std::vector<std::string> states;
-    if (line.key == "sdcard") {
-        for (const SdCard one :
-             {SdCard::kPresent, SdCard::kMissing, SdCard::kFull, SdCard::kReadOnly}) {
-            states.emplace_back(nameOf(one));
-        }
-    } else if (Probes::isPart(line.key)) {
-        for (const Health one : {Health::kHealthy, Health::kFaulty, Health::kAbsent}) {
-            states.emplace_back(nameOf(one));
-        }
-    } else {
-        return "the board has no part '" + line.key + "'";
-    }
-    if (std::count(states.begin(), states.end(), line.value) != 0) return "";
-    std::string known;
-    for (const std::string& state : states) known += (known.empty() ? "" : ", ") + state;
-    return "'" + line.value + "' is no state: " + known;
+    return Probes::problemOf(line.key, line.value);
+}
+
+// "worn = OFFSET LOW HIGH"
+std::string wearProblem(const std::string& value, const McuPart& part) {
+    std::istringstream words(value);
+    std::array<uint64_t, 3> numbers{};
+    for (uint64_t& number : numbers) words >> number;
+    const bool isGood = words && numbers[0] < part.flashSize() && numbers[1] <= UINT8_MAX &&
+                        numbers[2] <= UINT8_MAX;
+    return isGood ? "" : "no place in the flash with the bits that are stuck low and high";
 }
 
 std::string optionProblem(const Line& line, const McuPart& part) {
     const auto number = numberIn(line.value, 10);
     if (line.key == "readout_protected") return number && *number < 2 ? "" : "neither 0 nor 1";
+    if (line.key == "worn") return wearProblem(line.value, part);
     if (line.key != "write_protected") return "the MCU has no option '" + line.key + "'";
     return number && *number < part.pageCount() ? "" : "the MCU has no page '" + line.value + "'";
 }
@@ -103,7 +98,7 @@ struct TextFile {
 };
 constexpr std::array<TextFile, 4> kTextFiles = {{{"mcu/values", valueProblem, false},
                                                  {"mcu/option_bytes", optionProblem, true},
-                                                 {"parts", partProblem, false},
+                                                 {"parts", partProblem, true},
                                                  {"properties", propertyProblem, false}}};
 
 bool isBinary(std::string_view line) {

@@ -34,19 +34,6 @@ bool isOneOf(const State (&states)[kCount], const std::string& text) {
                        [&](State state) { return text == nameOf(state); });
 }
 
-// What is wrong with a line of the file; empty: nothing.
-std::string problemOf(const std::string& name, const std::string& state) {
-    if (name == kCardName) {
-        return isOneOf(kCards, state) ? "" : "the card is one of " + listOf(kCards);
-    }
-    if (!Probes::isPart(name)) {
-        std::string text = "no such part; there are ";
-        for (const char* part : kProbedParts) text += std::string(part) + ", ";
-        return text + codecName(0) + " .., " + kCardName;
-    }
-    return isOneOf(kHealths, state) ? "" : "a part is one of " + listOf(kHealths);
-}
-
 // The state with that name; the first one if there is none.
 template <typename State, size_t kCount>
 State stateNamed(const State (&states)[kCount], const std::string& text) {
@@ -81,6 +68,18 @@ const char* nameOf(SdCard card) {
             return "read-only";
     }
     return "";
+}
+
+std::string Probes::problemOf(const std::string& name, const std::string& state) {
+    if (name == kCardName) {
+        return isOneOf(kCards, state) ? "" : "the card is one of " + listOf(kCards);
+    }
+    if (!isPart(name)) {
+        std::string text = "no such part; there are ";
+        for (const char* part : kProbedParts) text += std::string(part) + ", ";
+        return text + codecName(0) + " .., " + kCardName;
+    }
+    return isOneOf(kHealths, state) ? "" : "a part is one of " + listOf(kHealths);
 }
 
 Probes::Probes(BoardServices& board, int codecs) : mBoard(board), mCodecs(codecs) {

@@ -32,6 +32,8 @@ class Probes {
 
     static std::span<const char* const> partNames();
     static bool isPart(const std::string& name);
+    // What is wrong with a line of the file; empty: nothing.
+    static std::string problemOf(const std::string& name, const std::string& state);
 
     void setHealth(const std::string& part, Health);  // throws std::runtime_error: no such part
     Health health(const std::string& part) const;

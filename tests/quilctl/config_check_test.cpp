@@ -77,7 +77,7 @@ TEST_F(QuilctlConfigCheck, ProductThatDoesNotExistHasNoLoadSequenceAtBoot) {
               "no load sequence belongs to it: the FPGA is not loaded");
     const Said said = boot();
     EXPECT_EQ(said.code, tools::kFailed);
-    EXPECT_THAT(said.out, HasSubstr("FAILED (there is no load sequence for this product"));
+    EXPECT_THAT(said.out, HasSubstr("cause: no load sequence belongs to this product"));
 }
 
 TEST_F(QuilctlConfigCheck, CommentBehindADeviceKeepsTheServiceFromComingUp) {
@@ -141,7 +141,7 @@ TEST_F(QuilctlConfigCheck, LineOfTwoSignalsIsNamedWithBoth) {
 TEST_F(QuilctlConfigCheck, LineThatIsNotSetFailsAnUpdateOrIsWaitedForInVain) {
     EXPECT_THAT(std::string(findingFor("fpga_control_gpio", "0")["at_boot"]),
                 HasSubstr("a Heron's update of the FPGA fails"));
-    EXPECT_THAT(boot({"--update-fpga"}).out, HasSubstr("FAILED (fpgaFlashFormat: gpio 999"));
+    EXPECT_THAT(boot({"--update-fpga"}).out, HasSubstr("fpgaFlashFormat: gpio 999"));
     EXPECT_THAT(std::string(findingFor("fpga_done_gpio", "0")["at_boot"]),
                 HasSubstr("polls it for 10 s, and goes on without DONE"));
     EXPECT_THAT(boot().out, HasSubstr("FPGA configured           0.500 s     10.000 s  ok"));
@@ -162,7 +162,9 @@ TEST_F(QuilctlConfigCheck, ImageThatIsNotThereFailsTheUpdateThatIsDue) {
     EXPECT_EQ(findingFor("mcu_fw_path", "/none")["text"], "the board has no file /none");
     EXPECT_EQ(boot().code, tools::kOk) << "no update is due";
     setValue(mBoard, "mcu_fw_version", "V9");
-    EXPECT_THAT(boot().out, HasSubstr("FAILED (mcuFwUpdate: doMcuUpdate failed"));
+    EXPECT_THAT(
+        boot().out,
+        HasSubstr("cause: the update did not get through: mcuFwUpdate: doMcuUpdate failed"));
 }
 
 TEST_F(QuilctlConfigCheck, ImageOfAnotherPartOrOfNoPartDoesNotStart) {

@@ -13,8 +13,10 @@ using testing::IsEmpty;
 namespace {
 
 // get 0x102 01 with label 5, and set 0x102 01 with label 6; sums by hand.
-constexpr char kGetFrame[] = "55BB000000010500170041010000000000000000000002010000000000000173 01";
-constexpr char kSetFrame[] = "55BB000000010600170061010000000000000000000002010000000000000194 01";
+constexpr char kGetFrameText[] =
+    "55BB000000010500170041010000000000000000000002010000000000000173 01";
+constexpr char kSetFrameText[] =
+    "55BB000000010600170061010000000000000000000002010000000000000194 01";
 
 }  // namespace
 
@@ -40,8 +42,8 @@ class QuilctlFrameDecode : public QuilctlRun {
 };
 
 TEST_F(QuilctlFrameDecode, StreamIsCutIntoItsFramesAndWhatStandsBetweenIsNamed) {
-    const Said said =
-        quilctl({"frame", "decode", "0102", kGetFrame, "AABBCC", kSetFrame, "55BB00000001"});
+    const Said said = quilctl(
+        {"frame", "decode", "0102", kGetFrameText, "AABBCC", kSetFrameText, "55BB00000001"});
     EXPECT_EQ(said.code, tools::kBadData);
     EXPECT_THAT(said.out, HasSubstr("offset 0: 2 bytes outside of frames (no frame begins here): "
                                     "01 02\noffset 2: a frame of 33 bytes\noffset  bytes"));
@@ -51,7 +53,7 @@ TEST_F(QuilctlFrameDecode, StreamIsCutIntoItsFramesAndWhatStandsBetweenIsNamed) 
 }
 
 TEST_F(QuilctlFrameDecode, TwoFramesWithoutAnythingElseAreGood) {
-    const Said said = quilctl({"--json", "frame", "decode", kGetFrame, kSetFrame});
+    const Said said = quilctl({"--json", "frame", "decode", kGetFrameText, kSetFrameText});
     EXPECT_EQ(said.code, tools::kOk);
     const auto frames = resultOf(said)["frames"];
     ASSERT_EQ(frames.size(), 2U);
@@ -62,9 +64,9 @@ TEST_F(QuilctlFrameDecode, TwoFramesWithoutAnythingElseAreGood) {
 }
 
 TEST_F(QuilctlFrameDecode, FrameWithAWrongSumBetweenGoodOnesSaysSo) {
-    std::string broken = kSetFrame;
+    std::string broken = kSetFrameText;
     broken[60] = '5';
-    const Said said = quilctl({"frame", "decode", kGetFrame, broken, kGetFrame});
+    const Said said = quilctl({"frame", "decode", kGetFrameText, broken, kGetFrameText});
     EXPECT_EQ(said.code, tools::kBadData);
     EXPECT_THAT(said.err,
                 HasSubstr("offset 33: 33 bytes outside of frames (a frame of 33 bytes with a "

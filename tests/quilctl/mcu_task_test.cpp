@@ -26,7 +26,7 @@ TEST_F(QuilctlMcuTask, GetNamesTheBootLoadersVersionAndCommands) {
 
 TEST_F(QuilctlMcuTask, LibrarysLinesAreShownWhenAskedFor) {
     const Said said = quilctl({"--log-level", "D", "mcu", "task", "get"});
-    EXPECT_THAT(said.err, HasSubstr("log: recvbuf[3] = [0x11] : CMD_READ_MEMORY        \n"));
+    EXPECT_THAT(said.err, HasSubstr(": recvbuf[3] = [0x11] : CMD_READ_MEMORY        \n"));
 }
 
 TEST_F(QuilctlMcuTask, WriteNamesThePartThePagesAndTheBytes) {

@@ -73,8 +73,10 @@ TEST_F(QuilctlSelfTest, MisspelledLineOfTheBoardsPartsIsNamedWithTheKnownWords) 
         return quilctl({"--board", board, "self-test"});
     };
     EXPECT_EQ(saidOf("rtc = healthy\nrtc = borken\n").err,
-              "quilctl: the board's file parts, line 2: 'rtc = borken': a part is one of healthy, "
-              "faulty, absent\n");
+              "quilctl: " + board +
+                  "/parts:2: a part is one of healthy, faulty, absent "
+                  "(quilctl board repair " +
+                  board + ")\n");
     EXPECT_THAT(saidOf("toaster = faulty\n").err, HasSubstr("no such part; there are rtc, "));
     EXPECT_THAT(saidOf("sdcard = faulty\n").err, HasSubstr("the card is one of present, missing"));
     EXPECT_EQ(saidOf("rtc faulty\n").code, tools::kNoBoard);

@@ -15,7 +15,7 @@ namespace {
 
 constexpr char kToMcu[] = "uart-tx", kFromMcu[] = "uart-rx";
 
-Failure notRead(const std::string& why) { return {kBadData, why}; }
+Failure notDecoded(const std::string& why) { return {kBadData, why}; }
 
 // Bytes of events, each in its direction.
 class Directions {
@@ -27,7 +27,7 @@ class Directions {
     }
     std::vector<WireStream> take(const char* what) {
         if (mStreams.empty()) {
-            throw notRead(std::string("the ") + what + " has no bytes of a serial line");
+            throw notDecoded(std::string("the ") + what + " has no bytes of a serial line");
         }
         return std::move(mStreams);
     }
@@ -47,7 +47,7 @@ bool isLineEvent(const std::string& kind) { return kind == kToMcu || kind == kFr
 
 std::vector<WireStream> readHex(const WireSource& source) {
     const auto bytes = parseHex(source.text);
-    if (!bytes) throw notRead("there is something other than hexadecimal bytes");
+    if (!bytes) throw notDecoded("there is something other than hexadecimal bytes");
     return {{"", *bytes, {}}};
 }
 
@@ -79,12 +79,12 @@ std::vector<WireStream> readTrace(const WireSource& source) {
 // Either the trace events of --trace, or what quilctl --json frame encode prints.
 std::vector<WireStream> readJson(const WireSource& source) {
     const Json document = Json::parse(source.text, nullptr, false);
-    if (!document.is_object()) throw notRead("it is no JSON object");
+    if (!document.is_object()) throw notDecoded("it is no JSON object");
     if (const auto at = Json::json_pointer("/result/bytes"); document.contains(at)) {
         Bytes bytes;
         for (const Json& byte : document[at]) {
             if (!byte.is_number_unsigned() || byte.get<uint64_t>() > UINT8_MAX) {
-                throw notRead("result.bytes has something other than bytes");
+                throw notDecoded("result.bytes has something other than bytes");
             }
             bytes.push_back(byte.get<uint8_t>());
         }
@@ -97,7 +97,7 @@ std::vector<WireStream> readJson(const WireSource& source) {
                    ? event[at].get<std::string>()
                    : std::string();
     };
-    if (!document.contains("traceEvents")) throw notRead("it has no traceEvents");
+    if (!document.contains("traceEvents")) throw notDecoded("it has no traceEvents");
     for (const Json& event : document["traceEvents"]) {
         const std::string kind = textIn(event, "/cat");
         if (!isLineEvent(kind)) continue;
@@ -128,7 +128,7 @@ std::vector<WireStream> readLog(const WireSource& source) {
         if (const auto byte = loggedByte(line)) stream.bytes.push_back(*byte);
     }
     if (stream.bytes.empty()) {
-        throw notRead("the log has no lines data[..]:0x.. (the library prints them at level D)");
+        throw notDecoded("the log has no lines data[..]:0x.. (the library prints them at level D)");
     }
     return {stream};
 }
@@ -198,7 +198,7 @@ std::vector<WireStream> readWire(const WireSource& source) {
             source.format == "auto" ? format.isIt(source.text) : source.format == format.name;
         if (isIt) return format.read(source);
     }
-    throw notRead(
+    throw notDecoded(
         "it is neither hexadecimal bytes nor a trace, a log or a waveform of the line "
         "(--from names the format)");
 }

@@ -15,7 +15,7 @@ using Clock = std::chrono::steady_clock;
 
 constexpr milliseconds kSilent{1000};  // a wait that is shorter is not worth a line
 
-std::string placeOf(const std::string& directory, const board::BoardProblem& problem) {
+std::string lineIn(const std::string& directory, const board::BoardProblem& problem) {
     return directory + "/" + problem.file +
            (problem.line > 0 ? ":" + std::to_string(problem.line) : "");
 }
@@ -28,8 +28,8 @@ std::unique_ptr<board::DirectoryLock> useBoard(const std::string& directory,
     std::error_code error;
     if (!std::filesystem::is_directory(directory, error)) {
         const bool isMissing = error == std::errc::no_such_file_or_directory;
-        throw Failure(isMissing ? kUsage : kNoBoard,
-                      "no board directory " + directory, "quilctl board new makes one");
+        throw Failure(isMissing ? kUsage : kNoBoard, "no board directory " + directory,
+                      "quilctl board new makes one");
     }
     board::requireTraces(directory);
     const auto start = Clock::now();
@@ -53,7 +53,7 @@ void requireSoundBoard(const std::string& directory) {
     board::requireBoard(directory);
     for (const board::BoardProblem& problem : board::checkBoard(directory)) {
         if (problem.severity != board::Severity::kBlocking) continue;
-        throw Failure(kNoBoard, placeOf(directory, problem) + ": " + problem.what +
+        throw Failure(kNoBoard, lineIn(directory, problem) + ": " + problem.what +
                                     " (quilctl board repair " + directory + ")");
     }
 }

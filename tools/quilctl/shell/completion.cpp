@@ -50,8 +50,8 @@ std::vector<std::string> wordsOf(const Options& arguments) {
 
 // What bash and zsh share: `at` becomes the command's words, `kind` what an option's value is.
 // Bash has "--option=value" in three words.
-std::string placeOf(const CommandNode& program, const std::string& words, const std::string& last,
-                    const std::string& first) {
+std::string wordsBehind(const CommandNode& program, const std::string& words,
+                        const std::string& last, const std::string& first) {
     return "    for ((i = " + first + "; i < " + last +
            "; ++i)); do\n"
            "        word=${" +
@@ -189,7 +189,7 @@ std::string bashCompletion(const CommandNode& program) {
            "    local at='' word='' kind='' choices='' options='' files='' directories='' i\n"
            "    [[ $cur == '=' ]] && cur=''\n"
            "    [[ $before == '=' ]] && before=${COMP_WORDS[COMP_CWORD - 2]}\n" +
-           placeOf(program, "COMP_WORDS", "COMP_CWORD", "1") + valueCases(program) +
+           wordsBehind(program, "COMP_WORDS", "COMP_CWORD", "1") + valueCases(program) +
            "    [[ -n $kind ]] || case \"$at\" in\n" + bashCommandCases(program) +
            "    esac\n"
            "    options+=' " +
@@ -213,7 +213,7 @@ std::string zshCompletion(const CommandNode& program) {
            "    local at='' word='' kind='' choices='' files='' directories=''\n"
            "    local -a line=(\"${words[@]}\") commands options\n"
            "    integer i\n" +
-           placeOf(program, "line", "CURRENT", "2") + valueCases(program) +
+           wordsBehind(program, "line", "CURRENT", "2") + valueCases(program) +
            "    if [[ -n $kind ]]; then\n"
            "        [[ -z $choices ]] || compadd -- ${=choices}\n"
            "        [[ -z $files ]] || _files\n"
