@@ -71,6 +71,7 @@ struct Outcome {
     std::string out, err;
     int changes = 0;  // calls that need space on the disk, those of standard output too
     int moments = 0;  // calls since the program's first handler
+    int worked = 0;   // of these before it began to remove its own board
     int refused = 0;  // calls that the fault let fail
     bool outRefused = false;
     bool boardTouched = false;

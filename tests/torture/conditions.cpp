@@ -120,9 +120,9 @@ constexpr int kMoments = 20;
 constexpr int kTimes = 5;
 
 // The program must have been stopped up to the middle of what it does on a board; towards its end
-// it may have done everything.
-Demand demandAt(const Subject& subject, int moment) {
-    const bool early = moment <= kMoments / 2;
+// it may have done everything. With the power off, all that is left to do is to clean up.
+Demand demandAt(const Subject& subject, const Outcome& usual, int moment) {
+    const bool early = moment <= usual.worked / 2;
     return subject.powersBoard && early ? Demand::kInterrupted : Demand::kAnyCode;
 }
 
@@ -140,12 +140,13 @@ Cases interrupted(const Subject& subject, int signal) {
     Cases cases;
     for (int i = 1; i <= kMoments; ++i) {
         Case one{.json = i % 2 == 0, .keptBoard = !subject.powersBoard || i % 4 < 2};
-        const int moments = subject.usual(one).moments;
-        const int moment = 1 + (moments - 1) * (i - 1) / (kMoments - 1);
+        const Outcome& usual = subject.usual(one);
+        const int moments = usual.moments;
+        const int moment = std::max(1 + (moments - 1) * (i - 1) / (kMoments - 1), 1);
         one.name = boardText(one.keptBoard) + "call " + std::to_string(moment) + " of " +
                    std::to_string(moments);
-        one.demand = demandAt(subject, i);
-        one.interruption = Interruption{.signal = signal, .moment = std::max(moment, 1)};
+        one.demand = demandAt(subject, usual, moment);
+        one.interruption = Interruption{.signal = signal, .moment = moment};
         cases.push_back(one);
     }
     addTimes(subject, signal, cases);

@@ -70,6 +70,8 @@ class Watch {
 
     Answer decide(pid_t process, const SystemCall& call, const std::function<void()>& rival) {
         mCatches = mCatches || call.effect == Effect::kCatches;
+        mCleansUp = mCleansUp || (call.effect == Effect::kRemoves &&
+                                  isBelow(call.path, mFolder.temporary()));
         const bool isMoment = mCatches && call.effect <= Effect::kRemoves;
         if (isMoment && passesMoment(process, rival)) return {.isHeld = true};
         const bool onDisk =
@@ -83,16 +85,19 @@ class Watch {
         return {mCase.fault->error};
     }
 
-    bool catchesSignals() const { return mCatches; }
+    bool isToBeSignalled() const { return mCatches && !mSignalled; }
+    void setSignalled() { mSignalled = true; }
 
   private:
     // True when a signal has been sent.
     bool passesMoment(pid_t process, const std::function<void()>& rival) {
         const int moment = ++mOutcome.moments;
+        if (!mCleansUp) mOutcome.worked = moment;
         if (mCase.rival && mCase.rival->moment == moment) rival();
         const auto& interruption = mCase.interruption;
-        if (!interruption || interruption->moment != moment) return false;
+        if (mSignalled || !interruption || interruption->moment != moment) return false;
         kill(process, interruption->signal);
+        mSignalled = true;
         return true;
     }
 
@@ -111,7 +116,7 @@ class Watch {
     const Case& mCase;
     const Folder& mFolder;
     Outcome& mOutcome;
-    bool mCatches = false;
+    bool mCatches = false, mCleansUp = false, mSignalled = false;
     int mMeant = 0;
 };
 
@@ -138,14 +143,19 @@ Outcome runIn(const Folder& folder, const Words& verb, const Case& one, const ch
         start.signalAfter = kServes;
     }
     if (one.interruption) {
-        start.signal = one.interruption->moment == 0 ? one.interruption->signal : 0;
-        start.signalAfter = one.interruption->after;
+        // A command that serves makes no call until it is interrupted: the moment may never come.
+        const bool inTime = one.interruption->moment == 0 || !row.serving.empty();
+        start.signal = inTime ? one.interruption->signal : 0;
+        if (one.interruption->moment == 0) start.signalAfter = one.interruption->after;
     }
     Watch watch(one, folder, outcome);
     std::future<Outcome> meanwhile;
     const auto rival = [&] {
         const auto runIt = [&] {
-            return runIn(folder, one.rival->verb, {.json = one.json}, ".rival");
+            Case alike{.json = one.json};
+            // The owner is held until it gives up.
+            if (!one.rival->waits) alike.options = {"--wait", "0.1"};
+            return runIn(folder, one.rival->verb, alike, ".rival");
         };
         if (one.rival->waits) {
             meanwhile = std::async(std::launch::async, runIt);
@@ -153,7 +163,8 @@ Outcome runIn(const Folder& folder, const Words& verb, const Case& one, const ch
             outcome.rivals.push_back(runIt());
         }
     };
-    start.signalAllowed = [&watch] { return watch.catchesSignals(); };
+    start.signalAllowed = [&watch] { return watch.isToBeSignalled(); };
+    start.signalled = [&watch] { watch.setSignalled(); };
     start.policy = [&](pid_t process, const SystemCall& call) {
         return watch.decide(process, call, rival);
     };
@@ -164,23 +175,26 @@ Outcome runIn(const Folder& folder, const Words& verb, const Case& one, const ch
     return outcome;
 }
 
-bool isKnown(const Words& verb) {
-    const auto verbs = tools::verbsOf(tools::kBoardProgram);
-    return std::find(verbs.begin(), verbs.end(), verb) != verbs.end();
-}
-
-// What the program itself says about the board.
-std::string boardProblemIn(const Folder& folder) {
+// What the program itself says about the board; "" when nothing is wrong.
+std::string answerOf(const char* verb, const Folder& folder) {
     Start start;
-    const char* look = isKnown({"board", "check"}) ? "check" : "show";
-    start.words = {kQuilctl, "board", look, folder.board().string()};
+    start.words = {kQuilctl, "board", verb, folder.board().string()};
     start.environment = environmentOf(folder);
     start.folder = folder.disk();
-    start.out = Stream::kNull;
-    start.errFile = folder.err().string() + ".check";
+    start.outFile = folder.err().string() + ".answer";
+    start.errFile = start.outFile.string() + ".err";
     const Ended ended = run(start);
-    if (ended.code == 0 && ended.signal == 0) return "";
-    return "board " + std::string(look) + ": " + tests::contentOf(start.errFile);
+    const std::string answer = std::string("board ") + verb + ": " +
+                               tests::contentOf(start.outFile) + tests::contentOf(start.errFile);
+    if (ended.signal != 0 || ended.timedOut) return answer + "ended by a signal";
+    return ended.code == tools::kOk ? "" : answer;
+}
+
+// A board that was sound still is; another one is, once it could be mended.
+std::string boardProblemIn(const Folder& folder, Damage damage) {
+    const bool wasSound = damage == Damage::kNone || damage == Damage::kForbidden;
+    if (wasSound || answerOf("repair", folder).empty()) return answerOf("check", folder);
+    return "";
 }
 
 }  // namespace
@@ -197,8 +211,8 @@ Outcome perform(const Words& verb, const Case& one) {
     Outcome outcome = runIn(folder, verb, one);
     outcome.tree = folder.tree();
     outcome.leftovers = folder.leftovers();
-    if (outcome.boardTouched && one.damage == Damage::kNone) {
-        outcome.boardProblem = boardProblemIn(folder);
+    if (outcome.boardTouched || one.damage != Damage::kNone) {
+        outcome.boardProblem = boardProblemIn(folder, one.damage);
     }
     return outcome;
 }

@@ -213,7 +213,10 @@ class Child {
         if (mSignalToCome && mSignalAt && now >= *mSignalAt) {
             mSignalToCome = false;
             mSignalAt.reset();
-            kill(mPid, mStart.signal);
+            if (mStart.signalAllowed()) {
+                kill(mPid, mStart.signal);
+                mStart.signalled();
+            }
         }
         if (mEnded.timedOut || now < mBegan + mStart.bound) return;
         mEnded.timedOut = true;

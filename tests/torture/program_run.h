@@ -43,7 +43,8 @@ struct Start {
     Policy policy;
     // A signal to send, 0 for none: a time after it was first allowed.
     int signal = 0;
-    std::function<bool()> signalAllowed;
+    std::function<bool()> signalAllowed;  // asked again when it is due
+    std::function<void()> signalled;      // it has been sent
     std::chrono::milliseconds signalAfter{0};
     std::chrono::milliseconds bound{30000};  // then it is killed
 };

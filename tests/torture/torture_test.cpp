@@ -85,7 +85,7 @@ TEST(TortureVerdict, DemandsAreHeldAgainstTheExitCode) {
 TEST(TortureVerdict, LineThatIsWrittenOverHasToFitTheTerminal) {
     Case narrow{.out = Stream::kTerminal, .columns = 4};
     Outcome outcome = outcomeWith(0, "");
-    outcome.ended.terminal = "12345\r\n\x1b[32m1234\x1b[0m\rlog: long\r\n";
+    outcome.ended.terminal = "12345\r\n\x1b[32m1234\x1b[0m\rE/tag: long\r\n";
     EXPECT_THAT(complaints(narrow, outcome), IsEmpty());
     outcome.ended.terminal = "12345\r1\r\n" + std::string(81, 'x') + "\r\n";
     EXPECT_THAT(complaints(narrow, outcome),

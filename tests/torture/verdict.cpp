@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <nlohmann/json.hpp>
+#include <regex>
 #include <sstream>
 
 #include "tests/torture/case.h"
@@ -76,7 +77,8 @@ int widthOf(const std::string& line) {
 
 // The library's log and the names of files are as long as they are.
 bool mayBeLong(const std::string& line) {
-    return line.rfind("log: ", 0) == 0 ||
+    static const std::regex kLogLine("(\\x1b\\[[0-9;]*m)*[DIWE]/[^ :]*: .*");
+    return std::regex_match(line, kLogLine) ||
            line.find(std::filesystem::temp_directory_path()) != std::string::npos;
 }
 
