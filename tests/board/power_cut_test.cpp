@@ -163,6 +163,23 @@ TEST_F(BoardPowerCut, EveryCallOfTheHostFailsAtOnceAndTimeStandsStill) {
     EXPECT_EQ(board.gpio().at("MCU_BOOT0").level(), 0);
 }
 
+TEST_F(BoardPowerCut, LoopThatYieldsUntilItIsLateEndsWhileTheBoardsTimeStandsStill) {
+    Board board(directory);
+    board.cutPowerAt({board.trace().count(), CutPosition::kBefore});
+    usleep(1000);
+    const Nanos then = board.now();
+    const auto milliseconds = [] {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        return now.tv_sec * 1000 + now.tv_nsec / 1000000;
+    };
+    const auto late = milliseconds() + 1000;
+    int looks = 0;
+    for (; looks < 1001 && milliseconds() < late; ++looks) sched_yield();
+    EXPECT_EQ(looks, 1000);
+    EXPECT_EQ(board.now(), then);
+}
+
 TEST_F(BoardPowerCut, WakesWhoeverWaits) {
     Board board(directory);
     board.cutPowerAt({board.trace().count(), CutPosition::kBefore});

@@ -15,6 +15,9 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using tools::Words;
 
+// A sample has a case of one pair in so many: seconds, and each command and condition.
+constexpr size_t kSampled = 8;
+
 // What commands come to without a hardship, each run once.
 class UsualOutcomes {
   public:
@@ -52,7 +55,7 @@ std::vector<Unit> unitsOf(const Choice& choice, const std::vector<Words>& verbs)
         if (!choice.condition.empty() && choice.condition != name) continue;
         for (size_t verb = 0; verb < verbs.size(); ++verb) {
             if (!choice.verb.empty() && choice.verb != textOf(verbs[verb])) continue;
-            if (choice.sample && (verb + condition + choice.seed) % 3 != 0) continue;
+            if (choice.sample && (verb + condition + choice.seed) % kSampled != 0) continue;
             units.push_back({verb, condition});
         }
     }

@@ -13,7 +13,7 @@ namespace quil::torture {
 struct Choice {
     std::string condition, verb;  // "": all
     int number = 0;               // of a case of one command under one condition; 0: all
-    bool sample = false;          // one case of each third of the pairs
+    bool sample = false;          // one case of each eighth pair
     uint64_t seed = 1;            // chooses the sample
     unsigned shard = 0, shards = 1;
     unsigned jobs = 1;

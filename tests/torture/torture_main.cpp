@@ -53,7 +53,7 @@ int main(int argc, char** argv) try {
     app.add_option("--condition", choice.condition, "Only this condition")
         ->check(CLI::IsMember(names));
     app.add_option("--case", choice.number, "Only the case with this number; prints what it said");
-    app.add_flag("--sample", choice.sample, "One case of a third of the pairs, as the tests run");
+    app.add_flag("--sample", choice.sample, "One case of each eighth pair, as the tests do");
     app.add_option("--seed", choice.seed, "Chooses the sample");
     app.add_option("--jobs", choice.jobs, "Cases at a time (default: the number of cores)");
     std::string shard;

@@ -32,7 +32,7 @@ void judgeEnd(const Outcome& outcome, const std::string& said, bool canSay,
     const std::string code = "exit code " + std::to_string(ended.code);
     if (!isInTable(ended.code)) complaints.push_back(code + " is not in the table");
     if (ended.code == tools::kInternal) complaints.push_back(code + ": a defect of its own");
-    if (canSay && ended.code != 0 && said.find("quilctl: ") == std::string::npos) {
+    if (canSay && ended.code != 0 && said.find("quilctl:") == std::string::npos) {
         complaints.push_back(code + " without an explanation");
     }
 }
