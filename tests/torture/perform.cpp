@@ -70,8 +70,8 @@ class Watch {
 
     Answer decide(pid_t process, const SystemCall& call, const std::function<void()>& rival) {
         mCatches = mCatches || call.effect == Effect::kCatches;
-        mCleansUp = mCleansUp || (call.effect == Effect::kRemoves &&
-                                  isBelow(call.path, mFolder.temporary()));
+        mCleansUp = mCleansUp ||
+                    (call.effect == Effect::kRemoves && isBelow(call.path, mFolder.temporary()));
         const bool isMoment = mCatches && call.effect <= Effect::kRemoves;
         if (isMoment && passesMoment(process, rival)) return {.isHeld = true};
         const bool onDisk =
