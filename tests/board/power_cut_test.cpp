@@ -17,7 +17,6 @@ namespace {
 
 using namespace quil::board;
 using std::chrono::seconds;
-using testing::ElementsAre;
 using testing::IsEmpty;
 
 namespace fs = std::filesystem;
