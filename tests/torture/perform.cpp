@@ -186,15 +186,17 @@ std::string answerOf(const char* verb, const Folder& folder) {
     const Ended ended = run(start);
     const std::string answer = std::string("board ") + verb + ": " +
                                tests::contentOf(start.outFile) + tests::contentOf(start.errFile);
-    if (ended.signal != 0 || ended.timedOut) return answer + "ended by a signal";
+    if (ended.signal != 0 || ended.timedOut) throw std::runtime_error(answer + "did not end well");
     return ended.code == tools::kOk ? "" : answer;
 }
 
-// A board that was sound still is; another one is, once it could be mended.
+// A board that was sound still is; another one is, once it could be mended, and only then.
 std::string boardProblemIn(const Folder& folder, Damage damage) {
     const bool wasSound = damage == Damage::kNone || damage == Damage::kForbidden;
-    if (wasSound || answerOf("repair", folder).empty()) return answerOf("check", folder);
-    return "";
+    const bool isSound = wasSound || answerOf("repair", folder).empty();
+    const std::string problem = answerOf("check", folder);
+    if (isSound) return problem;
+    return problem.empty() ? "board repair gives up on a board that board check finds good" : "";
 }
 
 }  // namespace
