@@ -44,7 +44,7 @@ struct BoardOptions {
     ChanceRates chances = {};
     // Where the parts keep what outlives the power, instead of the files of the board's directory.
     std::shared_ptr<OverlayStore> store = {};
-    Standstill standstill = {};  // threads that wait for each other
+    Standstill standstill = {};           // threads that wait for each other
     Keeping keeping = Keeping::kScratch;  // of what the board keeps in its directory
 };
 

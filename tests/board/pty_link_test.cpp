@@ -1,6 +1,4 @@
 // The name under which a boot-loader model is reached.
-#include "board/mcu/pty_bridge.h"
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -9,6 +7,7 @@
 
 #include "board/core/temporary_directory.h"
 #include "board/core/whole_file.h"
+#include "board/mcu/pty_bridge.h"
 
 namespace {
 

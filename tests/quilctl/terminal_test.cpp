@@ -10,8 +10,8 @@
 #include <regex>
 
 #include "testing/build.h"
-#include "tests/quilctl/test_run.h"
 #include "testing/verb_cases.h"
+#include "tests/quilctl/test_run.h"
 #include "tools/quilctl/output/wrap.h"
 
 namespace quil::tests {
