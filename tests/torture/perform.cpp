@@ -194,7 +194,7 @@ std::string answerOf(const char* verb, const Folder& folder) {
 std::string boardProblemIn(const Folder& folder, Damage damage) {
     const bool wasSound = damage == Damage::kNone || damage == Damage::kForbidden;
     const bool isSound = wasSound || answerOf("repair", folder).empty();
-    const std::string problem = answerOf("check", folder);
+    std::string problem = answerOf("check", folder);
     if (isSound) return problem;
     return problem.empty() ? "board repair gives up on a board that board check finds good" : "";
 }
