@@ -22,7 +22,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kProductFile[] = "rootfs/vendor/etc/product.ini";
 constexpr char kAside[] = ".damaged";
 constexpr size_t kValueMost = 4112;        // bytes that a request carries
 constexpr size_t kPropertyValueMost = 91;  // characters

@@ -153,8 +153,6 @@ constexpr const char kReadme[] =
     "*.quil-new              what a killed program did not finish writing\n"
     "*.damaged               what a repair kept aside\n";
 
-constexpr char kProductFile[] = "rootfs/vendor/etc/product.ini";
-
 }  // namespace
 
 std::optional<Product> productByName(std::string_view name) {

@@ -93,8 +93,9 @@ Probes::Probes(BoardServices& board, int codecs) : mBoard(board), mCodecs(codecs
         const bool isWhole = words >> equals >> state && equals == "=" && !(words >> more);
         const std::string wrong = isWhole ? problemOf(name, state) : "not \"name = state\"";
         if (!wrong.empty()) {
-            throw std::runtime_error("the board's file " + std::string(kPartsFile) + ", line " +
-                                     std::to_string(number) + ": '" + line + "': " + wrong);
+            std::string what = std::string("the board's file ") + kPartsFile + ", line ";
+            what.append(std::to_string(number)).append(": '").append(line).append("': ");
+            throw std::runtime_error(what.append(wrong));
         }
         mStates[name] = state;
     }

@@ -13,8 +13,6 @@
 namespace quil::tools {
 namespace {
 
-constexpr char kProductFile[] = "rootfs/vendor/etc/product.ini";
-
 const char* fieldOf(const ProductKey& key) {
     return reinterpret_cast<const char*>(config_info) + key.offset;
 }
@@ -58,7 +56,7 @@ struct CheckedFile {
 };
 
 CheckedFile fileOf(const std::filesystem::path& board) {
-    const std::filesystem::path file = board / kProductFile;
+    const std::filesystem::path file = board / board::kProductFile;
     return {file.string(), file.string(), board / "rootfs"};
 }
 
