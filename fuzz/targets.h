@@ -15,6 +15,8 @@ void frameAssembler(std::span<const uint8_t> input);
 void mcuSession(std::span<const uint8_t> input);
 // product.ini, as the library reads it and as quilctl checks it.
 void productFile(std::span<const uint8_t> input);
+// The programmer, and a boot loader that answers anything.
+void programmerSession(std::span<const uint8_t> input);
 // quilctl: numbers, hexadecimal bytes, `frame decode`.
 void quilctlValues(std::span<const uint8_t> input);
 // The service's set and get, up to the MCU and back.
@@ -34,6 +36,7 @@ inline constexpr Target kTargets[] = {
     {"frame_assembler", frameAssembler},
     {"mcu_session", mcuSession},
     {"product_file", productFile},
+    {"programmer_session", programmerSession},
     {"quilctl_values", quilctlValues},
     {"request", request},
     {"screen_partition", screenPartition},

@@ -7,6 +7,7 @@
 
 #include "board/board_directory.h"
 #include "board/core/whole_file.h"
+#include "board/mcu/mcu_image.h"
 #include "tools/quilctl/cli.h"
 
 namespace quil::tests {
@@ -18,6 +19,7 @@ struct VerbCase {
     // For a command that runs until it is interrupted: the arguments above are ones with which it
     // gives up at once.
     tools::Words serving{};
+    bool logs = true;  // the library has a part in it
 };
 
 // The files that the arguments name, as far as there are any.
@@ -29,7 +31,8 @@ inline void makeVerbFiles(const std::filesystem::path& directory) {
                           std::string("\0\0\0\1\x10\1\x80\0\0\0\0\1x", 13));
     board::writeWholeFile(directory / "no.ini", "[mcu]\n");
     board::writeWholeFile(directory / "no.bin", "no image");
-    board::writeWholeFile(directory / "image.bin", std::string(512, 'x'));
+    board::writeWholeFile(directory / "image.bin",
+                          board::makeMcuImage(board::McuKind::kGd32F303, "V2.0.0", 2048));
 }
 
 // By the command's words. The files lie in `directory`.
@@ -60,6 +63,14 @@ inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& di
         {"screen build", {{path("blocks"), path("built.img")}, false}},
         {"mcu version", {}},
         {"mcu update", {{"--installed", "V0.9.0"}}},
+        {"mcu flash", {{path("no.bin")}, true, tools::kRefused, {}, false}},
+        {"mcu verify", {{path("no.bin")}, true, tools::kFailed, {}, false}},
+        {"mcu read", {{path("read.bin"), "--size", "300"}, true, tools::kOk, {}, false}},
+        {"mcu info", {{}, true, tools::kOk, {}, false}},
+        {"mcu erase", {{"--pages", "1"}, true, tools::kOk, {}, false}},
+        {"mcu protect", {{"--sectors", "1"}, true, tools::kOk, {}, false}},
+        {"mcu unprotect", {{"--write"}, true, tools::kOk, {}, false}},
+        {"mcu rescue", {{}, true, tools::kOk, {}, false}},
         {"mcu program", {{"--chip", "gd32f303", path("image.bin")}}},
         {"mcu task", {{"get"}}},
         {"mcu model",

@@ -110,19 +110,22 @@ TEST_F(QuilctlMcu, UpdateInVainTellsTheAttemptsTheStepAndWhatTheMcuSaid) {
 }
 
 TEST_F(QuilctlMcu, ProgramPutsAFileIntoEachPart) {
-    const std::pair<const char*, size_t> parts[] = {
-        {"gd32f303", 4096}, {"gd32f470", 5000}, {"stm32h750", 5000}, {"n32g45x", 1000}};
-    for (const auto& [chip, size] : parts) {
-        const Said said =
-            quilctl({"mcu", "program", "--chip", chip, imageFile(std::string(size, 'x'))});
+    const std::pair<McuKind, size_t> parts[] = {{McuKind::kGd32F303, 4096},
+                                                {McuKind::kGd32F470, 5000},
+                                                {McuKind::kStm32H750, 5000},
+                                                {McuKind::kN32G45x, 1000}};
+    for (const auto& [kind, size] : parts) {
+        const char* chip = board::partOf(kind).name;
+        const std::string image = imageFile(makeMcuImage(kind, "V2.0.0", size));
+        const Said said = quilctl({"mcu", "program", "--chip", chip, image});
         EXPECT_EQ(said.code, tools::kOk) << chip << said.out << said.err;
         EXPECT_THAT(said.out, StartsWith("programmed: " + std::to_string(size) + " of "));
     }
 }
 
 TEST_F(QuilctlMcu, BlockThatTheSessionLostUnnoticedIsToldAndFails) {
-    const Said said =
-        quilctl({"mcu", "program", "--chip", "gd32f303", imageFile(std::string(3000, 'x'))});
+    const Said said = quilctl(
+        {"mcu", "program", "--chip", "gd32f303", "--as-is", imageFile(std::string(3000, 'x'))});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, HasSubstr("INCOMPLETE: 2048 of 3000 bytes"));
     EXPECT_THAT(said.out, HasSubstr("step: write 256 bytes at 0x08000800\n"
@@ -134,10 +137,38 @@ TEST_F(QuilctlMcu, BlockThatTheSessionLostUnnoticedIsToldAndFails) {
 }
 
 TEST_F(QuilctlMcu, ImageOfWhole128BytesGoesOutToAnN32WithoutItsLastBlock) {
-    const Said said =
-        quilctl({"mcu", "program", "--chip", "n32g45x", imageFile(std::string(1024, 'x'))});
+    const Said said = quilctl(
+        {"mcu", "program", "--chip", "n32g45x", "--as-is", imageFile(std::string(1024, 'x'))});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, StartsWith("INCOMPLETE: 896 of 1024 bytes"));
+}
+
+TEST_F(QuilctlMcu, ImageThatDoesNotSuitTheFlowIsRefusedBeforeItDoesHarm) {
+    const std::tuple<McuKind, size_t, const char*> images[] = {
+        {McuKind::kN32G45x, 1024, "multiple of 128: the flow leaves out the last 128"},
+        {McuKind::kN32G45x, 40000, "313 blocks of 128 bytes: the flow counts them in 8 bits"},
+        {McuKind::kGd32F303, 3000, "952 bytes into a page: the flow does not erase that page"},
+        {McuKind::kGd32F470, 1 << 19, "pages for the image: its list holds 126"},
+        {McuKind::kGd32F303, 270000, "pages for the image: its list holds 126"}};
+    for (const auto& [kind, size, reason] : images) {
+        const std::string image = imageFile(makeMcuImage(kind, "V2.0.0", size));
+        const Said said = quilctl({"mcu", "program", "--chip", board::partOf(kind).name, image});
+        EXPECT_EQ(said.code, tools::kBadData);
+        EXPECT_THAT(said.err, HasSubstr(reason));
+        EXPECT_THAT(said.err, HasSubstr("remedy: quilctl mcu flash"));
+    }
+    const std::string random = imageFile(std::string(4096, 'x'));
+    EXPECT_THAT(quilctl({"mcu", "program", "--chip", "gd32f303", random}).err,
+                HasSubstr("the stack pointer 0x78787878 is no word of the RAM of gd32f303"));
+}
+
+TEST_F(QuilctlMcu, ProgramAndUpdateAreRefusedForAnotherPartAndAnUnsuitedImage) {
+    const std::string board = newBoard();
+    const std::string image = imageFile(makeMcuImage(McuKind::kGd32F470, "V2.0.0", 4096));
+    EXPECT_THAT(quilctl({"--board", board, "mcu", "program", "--chip", "gd32f470", image}).err,
+                HasSubstr("the board's MCU is a gd32f303, not a gd32f470 (--chip)"));
+    board::writeWholeFile(board + "/rootfs/vendor/firmware/mcu_Heron.bin", std::string(4096, 'x'));
+    EXPECT_EQ(quilctl({"--board", board, "mcu", "update"}).code, tools::kBadData);
 }
 
 TEST_F(QuilctlMcu, PortThatIsNeitherTheBoardsNorADeviceIsRefused) {

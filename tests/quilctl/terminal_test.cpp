@@ -164,7 +164,7 @@ TEST_F(QuilctlOnATerminal, StageIsToldAsProgressWhereTheResultIsNotOnView) {
 
 TEST_F(QuilctlOnATerminal, ProgressOffATerminalIsALineForTenPercent) {
     const std::string image = imageFile(std::string(16384, 'x'));
-    const Said said = quilctl({"mcu", "program", "--chip", "gd32f470", image});
+    const Said said = quilctl({"mcu", "program", "--as-is", "--chip", "gd32f470", image});
     EXPECT_EQ(said.code, tools::kOk);
     const auto lines = shownLinesOf(said.err);
     const auto isWrite = [](const std::string& line) {
@@ -174,8 +174,8 @@ TEST_F(QuilctlOnATerminal, ProgressOffATerminalIsALineForTenPercent) {
 }
 
 TEST_F(QuilctlOnATerminal, LogLineThatComesAgainAndAgainIsCounted) {
-    const Said said =
-        quilctl({"mcu", "program", "--chip", "gd32f303", imageFile(std::string(400000, 'x'))});
+    const Said said = quilctl(
+        {"mcu", "program", "--as-is", "--chip", "gd32f303", imageFile(std::string(400000, 'x'))});
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_LT(shownLinesOf(said.err).size(), 40U);
     EXPECT_THAT(said.err, ContainsRegex("[0-9]+ more log lines: writememory_2mcu: "));

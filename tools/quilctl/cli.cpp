@@ -99,8 +99,10 @@ void checkBoardOptions(const CLI::App& app, Cli& cli) {
     }
     if (idle.empty()) return;
     const std::string words = wordsOf(reached(app));
+    const bool hasBoard = (cli.boardOptions & kTraceOption) != 0;
     throw Failure(kUsage, idle + ": no effect on " + words +
-                              ", which powers no board (see quilctl " + words + " --help)");
+                              (hasBoard ? "" : ", which powers no board") + " (see quilctl " +
+                              words + " --help)");
 }
 
 struct HelpArguments {

@@ -112,6 +112,9 @@ void addFpgaImageCommands(CLI::App& fpga, Cli& cli);  // parts of "fpga"
 void addScreenCommands(CLI::App& app, Cli& cli);
 void addMcuCommands(CLI::App& app, Cli& cli);
 void addMcuProgramCommands(CLI::App& mcu, Cli& cli);  // parts of "mcu"
+void addMcuFlashCommands(CLI::App& mcu, Cli& cli);
+void addMcuCareCommands(CLI::App& mcu, Cli& cli);
+void addMcuRescueCommand(CLI::App& mcu, Cli& cli);
 void addMcuModelCommand(CLI::App& mcu, Cli& cli);
 void addDemoCommand(CLI::App& app, Cli& cli);
 void addShellCommands(CLI::App& app, Cli& cli);

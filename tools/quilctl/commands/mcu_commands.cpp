@@ -6,6 +6,7 @@
 #include "host/mcu_bring_up.h"
 #include "isp/mcu_update.h"
 #include "tools/quilctl/commands/verb.h"
+#include "tools/quilctl/programming/contract_checks.h"
 #include "tools/quilctl/programming/programming_run.h"
 #include "tools/quilctl/session/mcu_link.h"
 
@@ -42,6 +43,7 @@ ProgrammingTarget shippedTarget(const board::Board& board) {
 
 struct UpdateArguments {
     std::string installed;
+    bool asIs = false;
 };
 
 Options optionsFor(const Cli& cli, const UpdateArguments& arguments) {
@@ -53,6 +55,8 @@ Options optionsFor(const Cli& cli, const UpdateArguments& arguments) {
 void update(const Cli& cli, const UpdateArguments& arguments, Result& result) {
     BoardSession session(optionsFor(cli, arguments), cli.console);
     const McuLink link;
+    checkForContract(session.board().hostPath(config_info->mcu_fw_path).string(),
+                     config_info->mcu_serial, arguments.asIs);
     const std::string before = link.version();
     const ProgrammingOutcome outcome =
         runProgramming(session, cli.console, shippedTarget(session.board()),
@@ -102,6 +106,7 @@ void addUpdate(CLI::App& mcu, Cli& cli) {
         .add_option("--installed", arguments.installed,
                     "Let the MCU have an image of this version before")
         ->check(versionText());
+    command.add_flag("--as-is", arguments.asIs, "Also an image that does not suit the flow");
 }
 
 }  // namespace
@@ -115,6 +120,9 @@ void addMcuCommands(CLI::App& app, Cli& cli) {
              "Example: quilctl --board my-board mcu version"},
             version);
     addUpdate(mcu, cli);
+    addMcuFlashCommands(mcu, cli);
+    addMcuCareCommands(mcu, cli);
+    addMcuRescueCommand(mcu, cli);
     addMcuProgramCommands(mcu, cli);
     addMcuModelCommand(mcu, cli);
 }

@@ -13,7 +13,8 @@
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/validators.h"
 #include "tools/quilctl/programming/boot_loader_names.h"
-#include "tools/quilctl/programming/lent_port.h"
+#include "tools/quilctl/programming/contract_checks.h"
+#include "tools/quilctl/programming/port_arguments.h"
 #include "tools/quilctl/programming/programming_run.h"
 #include "tools/quilctl/programming/task_answers.h"
 
@@ -22,58 +23,14 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kPortHelp[] =
-    "--port: the board's own serial device (default), or one of this workstation:\n"
-    "then the MCU behind it is programmed, in real time. Its MCU_BOOT0 and MCU_NRST\n"
-    "can hang at the device's RTS and DTR (--boot0, --nrst: \"rts\" is set while the\n"
-    "line is 1, \"-rts\" while it is 0; most adapters turn a set line into a low\n"
-    "pin). Without them start the MCU in its boot loader before, and reset it\n"
-    "afterwards. A device whose name is the board's own is reached through a link\n"
-    "to it.\n";
-
-struct PortArguments {
-    std::string port;  // empty: the board's
-    ModemWiring wiring;
-};
-
-void addPortOptions(CLI::App& command, PortArguments& arguments) {
-    const auto isModemLine = CLI::IsMember({"none", "rts", "-rts", "dtr", "-dtr"});
-    command.add_option("--port", arguments.port, "The serial device");
-    command.add_option("--boot0", arguments.wiring.boot0, "What drives the MCU's BOOT0")
-        ->check(isModemLine);
-    command.add_option("--nrst", arguments.wiring.nrst, "What drives the MCU's NRST")
-        ->check(isModemLine);
-}
-
-// The board's own MCU has its own wires, and a real one needs no board.
-void refuseIdleOptions(const Cli& cli, const PortArguments& arguments, bool isOnBoard) {
-    const bool isWired = arguments.wiring.boot0 != "none" || arguments.wiring.nrst != "none";
-    if (isOnBoard && isWired) {
-        throw Failure(kUsage,
-                      "--boot0, --nrst: no effect on the board's own MCU; they belong to a "
-                      "--port of this workstation");
-    }
-    if (!isOnBoard && (cli.options.given & (kProductOption | kSeedOption)) != 0) {
-        throw Failure(kUsage,
-                      "--product, --seed: no effect on the MCU behind --port " + arguments.port);
-    }
-    if (!isOnBoard && (cli.options.given & kRealtimeOption) != 0) {
-        cli.console.err << "--realtime is not needed: a real device is always in real time\n";
-    }
-}
-
-bool isOnWorkstation(const std::string& port) {
-    std::error_code error;
-    return fs::is_character_file(port, error);
-}
-
 // A board to program, or one that lends its place to a real device.
 class ProgrammingSession {
   public:
     ProgrammingSession(const Cli& cli, const PortArguments& arguments, const std::string& chip)
         : mSession(optionsFor(cli.options, arguments, chip), cli.console),
           mPort(arguments.port.empty() ? board().mcuUart().path() : arguments.port) {
-        refuseIdleOptions(cli, arguments, mPort == board().mcuUart().path());
+        refuseIdleOptions(cli, arguments, mPort == board().mcuUart().path(),
+                          kProductOption | kSeedOption);
         if (mPort == board().mcuUart().path()) return;
         if (!isOnWorkstation(mPort)) {
             throw std::runtime_error(mPort + " is neither the board's " + board().mcuUart().path() +
@@ -112,6 +69,7 @@ std::string workstationPath(const std::string& file) {
 struct ProgramArguments : PortArguments {
     std::string chip;
     std::string file;
+    bool asIs = false;
 };
 
 std::string joined(const std::vector<std::string>& lines) {
@@ -120,8 +78,18 @@ std::string joined(const std::vector<std::string>& lines) {
     return text;
 }
 
+// The flow asks the part for its name, and erases whatever the answer.
+void checkPart(ProgrammingSession& programming, const std::string& chip) {
+    const std::string fitted = programming.board().mcuChip().part().name;
+    if (programming.port() != programming.board().mcuUart().path() || fitted == chip) return;
+    throw Failure(kBadData, "the board's MCU is a " + fitted + ", not a " + chip + " (--chip)",
+                  "--chip " + fitted + ", with an image for it; --as-is does it all the same");
+}
+
 void program(const Cli& cli, const ProgramArguments& arguments, Result& result) {
     ProgrammingSession programming(cli, arguments, arguments.chip);
+    checkForContract(arguments.file, arguments.chip, arguments.asIs);
+    if (!arguments.asIs) checkPart(programming, arguments.chip);
     std::string file = workstationPath(arguments.file);
     std::string port = programming.port(), chip = arguments.chip;
     const ProgrammingOutcome outcome = runProgramming(
@@ -230,7 +198,7 @@ void runTask(const Cli& cli, const TaskArguments& arguments, Result& result) {
 void addProgram(CLI::App& mcu, Cli& cli) {
     const auto [command, arguments] =
         addVerb(mcu, cli,
-                {"program", "Program an image, once and unconditionally",
+                {"program", "Program an image as the board does, once and unconditionally",
                  std::string(kPortHelp) +
                      "Examples: quilctl --board my-board mcu program --chip gd32f303 image.bin\n"
                      "          quilctl mcu program --chip stm32h750 --port /dev/ttyUSB0 \\\n"
@@ -242,6 +210,7 @@ void addProgram(CLI::App& mcu, Cli& cli) {
         ->required()
         ->check(chipName());
     addPortOptions(command, arguments);
+    command.add_flag("--as-is", arguments.asIs, "Also an image that does not suit the flow");
     command.add_option("FILE", arguments.file, "The image")->required()->check(CLI::ExistingFile);
 }
 

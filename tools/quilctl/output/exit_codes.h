@@ -13,6 +13,9 @@ enum ExitCode : int {
     kNoBoard = 4,
     kNotWritten = 5,
     kInternal = 6,
+    kRefused = 7,
+    kLoaderWaits = 8,
+    kStateUnknown = 9,
     kHungUp = 129,  // as a shell numbers a signal
     kInterrupted = 130,
     kTerminated = 143,
@@ -26,7 +29,7 @@ struct ExitCodeRow {
     const char* name;
     const char* meaning;
 };
-inline constexpr std::array<ExitCodeRow, 10> kExitCodes = {{
+inline constexpr std::array<ExitCodeRow, 13> kExitCodes = {{
     {kOk, "ok", "done"},
     {kFailed, "failed", "no answer, a part in error, or a step that failed"},
     {kUsage, "usage", "wrong command line, or a named file that is not there"},
@@ -34,6 +37,9 @@ inline constexpr std::array<ExitCodeRow, 10> kExitCodes = {{
     {kNoBoard, "no_board", "the board or its service cannot be used"},
     {kNotWritten, "not_written", "an output cannot be written: a file, --trace, standard output"},
     {kInternal, "internal", "a defect of quilctl itself, or no memory"},
+    {kRefused, "refused", "the MCU's flash was not changed: a check failed, or no answer"},
+    {kLoaderWaits, "loader_waits", "the MCU's flash is not whole; its boot loader waits"},
+    {kStateUnknown, "state_unknown", "the MCU's flash may not be whole; its boot loader is silent"},
     {kHungUp, "hung_up", "its terminal went away (SIGHUP); as 130"},
     {kInterrupted, "interrupted", "Ctrl-C (SIGINT): the board stopped as at a power cut"},
     {kTerminated, "terminated", "ended from outside (SIGTERM); as 130"},

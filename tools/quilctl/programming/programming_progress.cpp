@@ -1,33 +1,17 @@
 #include "tools/quilctl/programming/programming_progress.h"
 
 #include <stdio.h>
-#include <string.h>
 
 #include <algorithm>
 #include <chrono>
 
+#include "tools/quilctl/output/progress_bar.h"
 #include "tools/quilctl/output/values.h"
 
 namespace quil::tools {
 namespace {
 
 constexpr int kPlainStride = 10;  // percent from one plain line to the next
-constexpr size_t kBarWidth = 30, kBarLeast = 4;
-
-// "  3% [##....] 4096 of 8192 bytes, .."; on a narrow terminal with less of it. The last column
-// stays free: in some terminals it would begin a new line.
-std::string barOf(int percent, const std::string& numbers, size_t columns) {
-    char head[16];
-    snprintf(head, sizeof(head), "%3d%% ", percent);
-    const size_t room = columns - std::min(columns, strlen(head) + 1);
-    const size_t frame = strlen("[] ");
-    if (room <= frame + kBarLeast) return head;
-    const bool hasNumbers = room >= numbers.size() + frame + kBarLeast;
-    const size_t width = std::min(kBarWidth, room - frame - (hasNumbers ? numbers.size() : 0));
-    const auto done = width * static_cast<size_t>(percent) / 100;
-    return head + ("[" + std::string(done, '#') + std::string(width - done, '.') + "] ") +
-           (hasNumbers ? numbers : "");
-}
 
 }  // namespace
 

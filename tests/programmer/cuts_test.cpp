@@ -1,0 +1,105 @@
+// A session that is killed, or whose board loses its power, at any event: the next one completes,
+// and meanwhile the part never starts a part of an image.
+#include <filesystem>
+
+#include "board/core/whole_file.h"
+#include "tests/programmer/part_on_board.h"
+#include "tests/programmer/whole.h"
+
+namespace quil::tests {
+namespace {
+
+using board::CutPosition;
+using board::PowerCut;
+using testing::AnyOf;
+using testing::Eq;
+
+constexpr char kOlder[] = "V1.0.0", kNewer[] = "V2.0.0";
+constexpr uint64_t kSample = 37;
+
+class ProgrammerCuts : public testing::TestWithParam<const char*> {
+  protected:
+    ProgrammerCuts() { on.settings.journal = on.directory() / "journal"; }
+
+    // Both boards begin with the older image.
+    void restart() {
+        on.powerOff();
+        board::writeWholeFile(on.directory() / "mcu/flash", textOf(older));
+        std::filesystem::remove(on.settings.journal);
+        on.powerOn();
+    }
+    // What the part starts when it is left alone now.
+    std::string startsNow() {
+        on.board().gpio().at("MCU_BOOT0").drive(0);
+        on.board().gpio().at("MCU_NRST").drive(0);
+        on.board().gpio().at("MCU_NRST").drive(1);
+        return on.runs();
+    }
+    void expectThatTheNextSessionCompletes(size_t pagesWrittenBefore = 0) {
+        const std::string started = startsNow();
+        ASSERT_THAT(started, AnyOf(Eq(""), Eq(kOlder), Eq(kNewer)));
+        if (started == kOlder) ASSERT_EQ(on.cells(older.size()), older);
+        const Report report = on.flash(newer);
+        ASSERT_THAT(report.outcome, AnyOf(Outcome::kProgrammed, Outcome::kAlreadyCurrent))
+            << textOf(report);
+        if (report.outcome == Outcome::kProgrammed) {
+            ASSERT_LE(pagesWrittenBefore + report.statistics.pagesWritten,
+                      report.plan.pagesOfImage + 1);
+        }
+        ASSERT_EQ(on.cells(newer.size()), newer);
+        ASSERT_EQ(on.runs(), kNewer);
+        ASSERT_FALSE(std::filesystem::exists(on.settings.journal));
+    }
+
+    PartOnBoard on{GetParam()};
+    const Bytes older = on.imageOf(kOlder, 2600), newer = on.imageOf(kNewer, 2600);
+};
+
+TEST_P(ProgrammerCuts, PowerCutAtAnyEventIsMendedByTheNextSession) {
+    restart();
+    const uint64_t first = on.board().trace().count();
+    ASSERT_EQ(on.flash(newer).outcome, Outcome::kProgrammed);
+    const uint64_t end = on.board().trace().count();
+    for (uint64_t event = first; event < end; event += strideOf(kSample)) {
+        for (const auto position :
+             {CutPosition::kBefore, CutPosition::kInside, CutPosition::kAfter}) {
+            SCOPED_TRACE("event " + std::to_string(event) + ":" + nameOf(position));
+            restart();
+            on.board().cutPowerAt({event, position});
+            const Report cut = on.flash(newer);
+            ASSERT_TRUE(on.board().powerIsCut());
+            ASSERT_NE(cut.outcome, Outcome::kAlreadyCurrent);
+            on.powerOff();
+            on.powerOn();
+            expectThatTheNextSessionCompletes();
+            if (HasFatalFailure()) return;
+        }
+    }
+}
+
+// The board keeps its power: the part is left in whatever phase it is in.
+TEST_P(ProgrammerCuts, KillAtAnyCallIsMendedByTheNextSession) {
+    restart();
+    int calls = 0;
+    on.callbacks.cancelled = [&calls] { return ++calls < 0; };
+    ASSERT_EQ(on.flash(newer).outcome, Outcome::kProgrammed);
+    const int all = calls;
+    for (int last = 0; last < all; last += static_cast<int>(strideOf(kSample))) {
+        SCOPED_TRACE("call " + std::to_string(last));
+        restart();
+        calls = 0;
+        on.callbacks.cancelled = [&calls, last] { return calls++ >= last; };
+        const Report killed = on.flash(newer);
+        ASSERT_THAT(killed.outcome, AnyOf(Outcome::kRefused, Outcome::kFailedLoaderWaits));
+        ASSERT_EQ(killed.reason, "interrupted");
+        on.callbacks.cancelled = nullptr;
+        expectThatTheNextSessionCompletes(killed.statistics.pagesWritten);
+        if (HasFatalFailure()) return;
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Parts, ProgrammerCuts, testing::ValuesIn(kEveryPart),
+                         [](const auto& part) { return std::string(part.param); });
+
+}  // namespace
+}  // namespace quil::tests
