@@ -58,7 +58,8 @@ struct Ceiling {
         constexpr double kBits = 11, kBlock = 256, kFrame = 268;  // both directions
         const double line = kSize / kBlock * kFrame * kBits / baud;
         const board::McuPart& part = board::partOf(kKind);
-        write = line + kSize / part.programUnit * secondsOf(part.program.typical);
+        write =
+            line + static_cast<double>(kSize) / part.programUnit * secondsOf(part.program.typical);
         check = line;
         erase = static_cast<double>(kSize) / part.regions[0].pageSize *
                 secondsOf(part.regions[0].erase.typical);
@@ -111,7 +112,7 @@ Report programmed(programmer::Transport& transport, int baud) {
     settings.chip = kChip;
     settings.link.baud = baud;
     programmer::Session session(transport, settings);
-    const Report report = session.flash(imageOf("V1.0.0"));
+    Report report = session.flash(imageOf("V1.0.0"));
     if (report.outcome != Outcome::kProgrammed) throw std::runtime_error(report.reason);
     return report;
 }

@@ -20,7 +20,7 @@ using programmer::Nanos;
 using programmer::Outcome;
 using std::chrono::milliseconds;
 
-constexpr std::array<size_t, 4> kImageSizes = {64, 300, 2600, 5000};
+constexpr std::array<size_t, 4> kLengths = {64, 300, 2600, 5000};
 
 // A line whose other end follows a script: it hears what is written, and sends what it likes. With
 // an empty script it is a simple AN3155 part, which answers by its flash.
@@ -207,7 +207,7 @@ void programmerSession(std::span<const uint8_t> bytes) {
     const uint8_t circumstances = input.byte();
     const auto all = programmer::parts();
     const programmer::Part& part = all[(circumstances & 7) % all.size()];
-    const Bytes image = imageFor(part, kImageSizes.at(input.byte() % kImageSizes.size()));
+    const Bytes image = imageFor(part, kLengths.at(input.byte() % kLengths.size()));
     HostileLine line(part, input, circumstances >> 3 & 3);
 
     double reached = 0;

@@ -33,14 +33,10 @@ struct Target {
     void (*run)(std::span<const uint8_t> input);
 };
 inline constexpr Target kTargets[] = {
-    {"frame_assembler", frameAssembler},
-    {"mcu_session", mcuSession},
-    {"product_file", productFile},
-    {"programmer_session", programmerSession},
-    {"quilctl_values", quilctlValues},
-    {"request", request},
-    {"screen_partition", screenPartition},
-    {"shell_line", shellLine},
+    {"frame_assembler", frameAssembler},   {"mcu_session", mcuSession},
+    {"product_file", productFile},         {"programmer_session", programmerSession},
+    {"quilctl_values", quilctlValues},     {"request", request},
+    {"screen_partition", screenPartition}, {"shell_line", shellLine},
     {"wire_streams", wireStreams},
 };
 

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 
+#include "programmer/bytes.h"
+
 namespace quil::programmer {
 namespace {
 
-constexpr uint8_t kAck = 0x79, kNack = 0x1F;
 constexpr uint8_t kGet = 0x00, kGetId = 0x02, kGdPid = 0x06, kRead = 0x11, kWrite = 0x31,
                   kErase = 0x43, kExtendedErase = 0x44, kReadoutUnprotect = 0x92,
                   kWriteProtect = 0x63;
@@ -15,19 +16,9 @@ constexpr int kTries = 10, kNacks = 4;
 constexpr size_t kWriteFrame = 2 + 1 + 5 + 1 + 2 + 1, kReadFrame = 2 + 1 + 5 + 1 + 2 + 1;
 constexpr Nanos kJunkWait = std::chrono::milliseconds(50);
 
-uint8_t xorOf(std::span<const uint8_t> bytes) {
-    uint8_t sum = 0;
-    for (const uint8_t byte : bytes) sum ^= byte;
-    return sum;
-}
-
 Bytes withXor(Bytes bytes) {
     bytes.push_back(xorOf(bytes));
     return bytes;
-}
-
-bool isBlank(std::span<const uint8_t> bytes) {
-    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0xFF; });
 }
 
 }  // namespace

@@ -12,6 +12,8 @@
 
 namespace quil::programmer {
 
+inline constexpr uint8_t kAck = 0x79, kNack = 0x1F;
+
 class An3155 : public BootLoader {
   public:
     An3155(Wire& wire, const ConnectOptions& options);

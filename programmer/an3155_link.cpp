@@ -10,7 +10,7 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::seconds;
 
-constexpr uint8_t kSync = 0x7F, kAck = 0x79, kNack = 0x1F;
+constexpr uint8_t kSync = 0x7F;
 constexpr Nanos kResetHold = milliseconds(10), kStart = milliseconds(50);
 constexpr Nanos kPoke = milliseconds(60), kPatience = seconds(5), kQuiet = milliseconds(5);
 // More bad answers than this, and more than one of kBadShare, and the rate is too high.

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <array>
 
+#include "programmer/bytes.h"
+
 namespace quil::programmer {
 namespace {
 
@@ -10,22 +12,17 @@ using std::chrono::milliseconds;
 using std::chrono::seconds;
 
 constexpr uint8_t kStart0 = 0xAA, kStart1 = 0x55, kSuccess = 0xA0;
-constexpr uint8_t kHandshake = 0x01, kGetInfo = 0x10, kErase = 0x30, kDownload = 0x31, kCrc = 0x32;
+constexpr uint8_t kHandshake = 0x01, kGetInfo = 0x10, kFlashErase = 0x30, kDownload = 0x31,
+                  kCrc = 0x32;
 constexpr size_t kKeySize = 16, kInfoSize = 51, kUnit = 16, kWord = 4;
 constexpr size_t kAnswerFrame = 9, kPayloadAt = 6, kRequestFrame = 11;
 constexpr uint32_t kHandshakeParameter = 0x80250000;  // 9,600 with the highest byte first
 constexpr LineMode kLine{9600, 'N'};
-constexpr int kTries = 25, kRefusals = 3;
-constexpr Nanos kResetHold = milliseconds(20), kStart = milliseconds(50);
+constexpr int kFrameTries = 25, kRefusals = 3;
+constexpr Nanos kN32ResetHold = milliseconds(20), kN32Start = milliseconds(50);
 // A request that breaks off is forgotten after 100 ms.
-constexpr Nanos kForgets = milliseconds(120), kPatience = seconds(5);
+constexpr Nanos kForgets = milliseconds(120), kN32Patience = seconds(5);
 constexpr Nanos kTurnaround = milliseconds(2);
-
-uint8_t xorOf(std::span<const uint8_t> bytes) {
-    uint8_t sum = 0;
-    for (const uint8_t byte : bytes) sum ^= byte;
-    return sum;
-}
 
 void appendLittle(Bytes& bytes, uint32_t value, int count) {
     for (int i = 0; i < count; ++i) bytes.push_back(static_cast<uint8_t>(value >> 8 * i));
@@ -101,7 +98,7 @@ N32::Answer N32::answerIn(Bytes& heard, const Request& request, Bytes* data) {
 void N32::repeat(const char* what, const Request& request, Bytes* data,
                  const std::function<bool()>& isDone) {
     int refusals = 0;
-    for (int tries = 0; tries < kTries; ++tries) {
+    for (int tries = 0; tries < kFrameTries; ++tries) {
         const Answer answer = ask(request, data);
         if (answer == Answer::kDone) return;
         if (answer == Answer::kRefused) {
@@ -122,15 +119,15 @@ void N32::repeat(const char* what, const Request& request, Bytes* data,
 bool N32::startLoader() {
     mIsWired = mWire.lines(true, false);
     if (!mIsWired) return false;
-    mWire.pause(kResetHold);
+    mWire.pause(kN32ResetHold);
     mWire.lines(true, true);
-    mWire.pause(kStart);
+    mWire.pause(kN32Start);
     return true;
 }
 
 bool N32::leave() {
     if (!mWire.lines(false, false)) return false;
-    mWire.pause(kResetHold);
+    mWire.pause(kN32ResetHold);
     mWire.lines(false, true);
     return true;
 }
@@ -167,7 +164,7 @@ void N32::backInStep(bool isOperation) {
         return;
     }
     uint8_t late = 0;
-    if (isOperation && mWire.read({&late, 1}, kPatience) > 0) {
+    if (isOperation && mWire.read({&late, 1}, kN32Patience) > 0) {
         mWire.statistics.count(Trouble::kBusy);
         mWire.drain(kForgets);
     }
@@ -180,7 +177,7 @@ void N32::backInStep(bool isOperation) {
 Identity N32::identify() {
     Bytes info, before;
     const Request request{.command = kGetInfo, .answerSize = kInfoSize};
-    for (int tries = 0; tries < kTries; ++tries) {
+    for (int tries = 0; tries < kFrameTries; ++tries) {
         repeat("identification", request, &info);
         if (tries > 0 && info == before) break;
         before = info;
@@ -212,7 +209,7 @@ bool N32::crcAgrees(uint32_t address, std::span<const uint8_t> expected) {
     Request request{.command = kCrc, .parameter = crcOf(padded), .payload = Bytes(kKeySize)};
     appendLittle(request.payload, address, 4);
     appendLittle(request.payload, static_cast<uint32_t>(padded.size()), 4);
-    for (int tries = 0; tries < kTries; ++tries) {
+    for (int tries = 0; tries < kFrameTries; ++tries) {
         const Answer answer = ask(request);
         if (answer != Answer::kNone) return answer == Answer::kDone;
         backInStep(false);
@@ -283,7 +280,7 @@ void N32::write(uint32_t address, std::span<const uint8_t> block) {
 }
 
 void N32::eraseRun(uint32_t first, uint32_t count) {
-    const Request request{.command = kErase,
+    const Request request{.command = kFlashErase,
                           .parameter = first | count << 16,
                           .payload = Bytes(kKeySize),
                           .busy = mPart->page(first).erase.most * static_cast<int64_t>(count)};

@@ -1,6 +1,7 @@
 // The part of a session that erases and writes.
 #include <algorithm>
 
+#include "programmer/bytes.h"
 #include "programmer/session.h"
 
 namespace quil::programmer {
@@ -8,10 +9,6 @@ namespace {
 
 constexpr size_t kPagesAtOnce = 16;  // of one erase command: bounds what a lost answer costs
 constexpr int kMostRepairs = 3;      // of a page that does not take its bytes
-
-bool isBlank(std::span<const uint8_t> bytes) {
-    return std::all_of(bytes.begin(), bytes.end(), [](uint8_t byte) { return byte == 0xFF; });
-}
 
 }  // namespace
 

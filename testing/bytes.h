@@ -1,4 +1,4 @@
-// Byte strings: joined, and as the text "02 10 00".
+// Byte strings, and vectors of anything else: joined, and as the text "02 10 00".
 #pragma once
 
 #include <stdint.h>
@@ -12,7 +12,8 @@ namespace quil::tests {
 
 using Bytes = std::vector<uint8_t>;
 
-inline Bytes operator+(Bytes left, const Bytes& right) {
+template <typename Item>
+std::vector<Item> operator+(std::vector<Item> left, const std::vector<Item>& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
 }

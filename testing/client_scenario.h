@@ -71,11 +71,8 @@ class ClientScenario {
             }
         };
         for (int round = 0; round < kRounds; ++round) {
-            if (command == kGet) {
-                mHost.service()->get(request, keep);
-            } else {
-                mHost.service()->set(request, keep);
-            }
+            const auto service = mHost.service();
+            command == kGet ? service->get(request, keep) : service->set(request, keep);
         }
     }
 

@@ -27,23 +27,23 @@ class McuUpdateCuts {
     }
 
     // What the cuts of an undisturbed update leave.
-    std::vector<CutState> states() const { return sweep.statesIn({}); }
+    std::vector<CutState> states() const { return mSweep.statesIn({}); }
 
     // Boots from there. Returns what is wrong then, or "".
     std::string mend(const KeptFiles& files) const {
         std::string problem, startedAs;
-        sweep.boot(files, [&](board::Board& board) {
+        mSweep.boot(files, [&](board::Board& board) {
             startedAs = board.mcuChip().starts().front().version;
             problem = problemOf(board);
         });
-        const std::string flash = sweep.fileIn(files, "mcu/flash");
+        const std::string flash = mSweep.fileIn(files, "mcu/flash");
         if (!startedAs.empty() && !standsIn(flash, mOlder) && !standsIn(flash, mShipped)) {
             return "the MCU started a half-written image as " + startedAs;
         }
         return problem;
     }
 
-    const CutSweep& runs() const { return sweep; }
+    const CutSweep& runs() const { return mSweep; }
 
   private:
     static void start(board::Board& board) {
@@ -72,7 +72,7 @@ class McuUpdateCuts {
 
     const board::TemporaryDirectory mDirectory;
     const std::string mOlder, mShipped;
-    const CutSweep sweep{mDirectory.path(), start};
+    const CutSweep mSweep{mDirectory.path(), start};
 };
 
 }  // namespace quil::tests

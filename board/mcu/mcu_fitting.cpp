@@ -13,8 +13,6 @@ namespace {
 
 namespace fs = std::filesystem;
 
-constexpr char kProductFile[] = "rootfs/vendor/etc/product.ini";
-
 std::string productFileOf(const fs::path& board) {
     auto content = readWholeFile(board / kProductFile);
     if (!content) throw std::runtime_error(board.string() + ": not a board directory");

@@ -8,7 +8,7 @@ using namespace quil::board;
 using std::chrono::seconds;
 using testing::ElementsAre;
 using testing::IsEmpty;
-using Kind = LoaderFault::Kind;
+using FaultKind = LoaderFault::Kind;
 
 const Bytes kFlashStart = {0x08, 0x00, 0x00, 0x00, 0x08};
 const Bytes kFourBytes = {3, 0xF1, 0xF2, 0xF3, 0xF4, 3 ^ 0xF1 ^ 0xF2 ^ 0xF3 ^ 0xF4};
@@ -40,7 +40,7 @@ class BoardLoaderFault : public BoardBootLoaderTest {
 
 TEST_F(BoardLoaderFault, AckThatIsLostLetsTheCommandGoOn) {
     start();
-    add({.kind = Kind::kAckLost, .command = 0x31, .step = LoaderStep::kAddress});
+    add({.kind = FaultKind::kAckLost, .command = 0x31, .step = LoaderStep::kAddress});
     ASSERT_THAT(exchange({0x31, 0xCE}), ElementsAre(kAck));
     EXPECT_THAT(exchange(kFlashStart), IsEmpty());
     EXPECT_THAT(exchange(kFourBytes), ElementsAre(kAck));
@@ -49,7 +49,7 @@ TEST_F(BoardLoaderFault, AckThatIsLostLetsTheCommandGoOn) {
 
 TEST_F(BoardLoaderFault, NackAfterTheWorkIsDoneLeavesItDone) {
     start();
-    add({.kind = Kind::kNack, .command = 0x31, .step = LoaderStep::kFinished});
+    add({.kind = FaultKind::kNack, .command = 0x31, .step = LoaderStep::kFinished});
     EXPECT_THAT(write(), ElementsAre(kNack));
     EXPECT_THAT(flash(0, 4), ElementsAre(0xF1, 0xF2, 0xF3, 0xF4));
     EXPECT_TRUE(hearsCommands());
@@ -57,22 +57,25 @@ TEST_F(BoardLoaderFault, NackAfterTheWorkIsDoneLeavesItDone) {
 
 TEST_F(BoardLoaderFault, JunkComesBeforeTheAnswer) {
     start();
-    add({.kind = Kind::kJunk, .command = 0x31, .step = LoaderStep::kFinished});
+    add({.kind = FaultKind::kJunk, .command = 0x31, .step = LoaderStep::kFinished});
     EXPECT_THAT(write(), ElementsAre(0x00, kAck));
-    add({.kind = Kind::kJunk, .command = 0x11, .step = LoaderStep::kCount, .value = 0xA5});
+    add({.kind = FaultKind::kJunk, .command = 0x11, .step = LoaderStep::kCount, .value = 0xA5});
     EXPECT_THAT(read(), ElementsAre(0xA5, kAck, 0xF1, 0xF2, 0xF3, 0xF4));
 }
 
 TEST_F(BoardLoaderFault, DamagedAckIsAnotherByte) {
     start();
-    add({.kind = Kind::kDamagedAck, .command = 0x31, .step = LoaderStep::kFinished});
+    add({.kind = FaultKind::kDamagedAck, .command = 0x31, .step = LoaderStep::kFinished});
     EXPECT_THAT(write(), ElementsAre(0xBC));
     EXPECT_TRUE(hearsCommands());
 }
 
 TEST_F(BoardLoaderFault, BusyPartHearsOneByteAndAnswersInTheEnd) {
     start();
-    add({.kind = Kind::kBusy, .command = 0x31, .step = LoaderStep::kFinished, .delay = seconds(3)});
+    add({.kind = FaultKind::kBusy,
+         .command = 0x31,
+         .step = LoaderStep::kFinished,
+         .delay = seconds(3)});
     EXPECT_THAT(write(), IsEmpty());
     EXPECT_THAT(exchange({0x02, 0xFD}, 2000000), IsEmpty());
     EXPECT_THAT(exchange({}, 1000000), ElementsAre(kAck));
@@ -82,7 +85,7 @@ TEST_F(BoardLoaderFault, BusyPartHearsOneByteAndAnswersInTheEnd) {
 TEST_F(BoardLoaderFault, FlippedBitIsInTheReplyAndNotInTheFlash) {
     start();
     write();
-    add({.kind = Kind::kFlippedBit,
+    add({.kind = FaultKind::kFlippedBit,
          .command = 0x11,
          .step = LoaderStep::kCount,
          .at = 2,
@@ -94,21 +97,21 @@ TEST_F(BoardLoaderFault, FlippedBitIsInTheReplyAndNotInTheFlash) {
 TEST_F(BoardLoaderFault, ShortReplyLacksItsLastByte) {
     start();
     write();
-    add({.kind = Kind::kShortReply, .command = 0x11, .step = LoaderStep::kCount});
+    add({.kind = FaultKind::kShortReply, .command = 0x11, .step = LoaderStep::kCount});
     EXPECT_THAT(read(), ElementsAre(kAck, 0xF1, 0xF2, 0xF3));
     EXPECT_TRUE(hearsCommands());
 }
 
 TEST_F(BoardLoaderFault, WrongCellIsTheFirstThatCouldHoldTheBits) {
     start();
-    add({.kind = Kind::kWrongCell, .command = 0x31, .step = LoaderStep::kData, .value = 0x02});
+    add({.kind = FaultKind::kWrongCell, .command = 0x31, .step = LoaderStep::kData, .value = 0x02});
     EXPECT_THAT(write(), ElementsAre(kAck));
     EXPECT_THAT(flash(0, 4), ElementsAre(0xF1, 0xF0, 0xF3, 0xF4));
 }
 
 TEST_F(BoardLoaderFault, ResetBeforeAnAnswerMeansASilentPartThatWantsToSynchronise) {
     start();
-    add({.kind = Kind::kReset, .command = 0x31, .step = LoaderStep::kAddress});
+    add({.kind = FaultKind::kReset, .command = 0x31, .step = LoaderStep::kAddress});
     ASSERT_THAT(exchange({0x31, 0xCE}), ElementsAre(kAck));
     EXPECT_THAT(exchange(kFlashStart), IsEmpty());
     EXPECT_THAT(exchange({0x7F}), ElementsAre(kAck));
@@ -118,7 +121,7 @@ TEST_F(BoardLoaderFault, ResetBeforeAnAnswerMeansASilentPartThatWantsToSynchroni
 TEST_F(BoardLoaderFault, ResetInAFlashOperationTearsIt) {
     start();
     board->mcuChip().flashImage(std::string(4096, '\0'));
-    add({.kind = Kind::kReset, .command = 0x44, .step = LoaderStep::kData});
+    add({.kind = FaultKind::kReset, .command = 0x44, .step = LoaderStep::kData});
     ASSERT_THAT(exchange({0x44, 0xBB}), ElementsAre(kAck));
     EXPECT_THAT(exchange({0, 1, 0, 0, 0, 1, 0}, 1000000), IsEmpty());
     EXPECT_THAT(flash(0, 4096), testing::Contains(0x00)) << "the erase was never finished";
@@ -127,7 +130,7 @@ TEST_F(BoardLoaderFault, ResetInAFlashOperationTearsIt) {
 
 TEST_F(BoardLoaderFault, NthWriteIsCountedFromTheFaultOn) {
     start();
-    add({.kind = Kind::kNack, .command = 0x31, .step = LoaderStep::kCommand, .after = 2});
+    add({.kind = FaultKind::kNack, .command = 0x31, .step = LoaderStep::kCommand, .after = 2});
     EXPECT_THAT(write(), ElementsAre(kAck));
     EXPECT_THAT(exchange({0x31, 0xCE}), ElementsAre(kAck));
     exchange({0, 0, 0, 0, 1});
@@ -208,22 +211,23 @@ TEST_P(BoardN32Fault, ChangesOneAnswer) {
 
 INSTANTIATE_TEST_SUITE_P(
     Kinds, BoardN32Fault,
-    testing::Values(FaultyAnswer{"lost", {Kind::kSilent, 0x01, LoaderStep::kFinished}, {}},
+    testing::Values(FaultyAnswer{"lost", {FaultKind::kSilent, 0x01, LoaderStep::kFinished}, {}},
                     FaultyAnswer{"junk",
-                                 {Kind::kJunk, 0x01, LoaderStep::kFinished},
+                                 {FaultKind::kJunk, 0x01, LoaderStep::kFinished},
                                  {0x00, 0xAA, 0x55, 0x01, 0x00, 0x00, 0x00, 0xA0, 0x00, 0x5E}},
                     FaultyAnswer{"damaged",
-                                 {Kind::kDamagedAck, 0x01, LoaderStep::kFinished},
+                                 {FaultKind::kDamagedAck, 0x01, LoaderStep::kFinished},
                                  {0xAA, 0x55, 0x01, 0x00, 0x00, 0x00, 0xBC, 0x00, 0x5E}},
                     FaultyAnswer{"short",
-                                 {Kind::kShortReply, 0x01, LoaderStep::kFinished},
+                                 {FaultKind::kShortReply, 0x01, LoaderStep::kFinished},
                                  {0xAA, 0x55, 0x01, 0x00, 0x00, 0x00, 0xA0, 0x00}},
                     FaultyAnswer{"refused",
-                                 {Kind::kNack, 0x01, LoaderStep::kFinished},
+                                 {FaultKind::kNack, 0x01, LoaderStep::kFinished},
                                  {0xAA, 0x55, 0x01, 0x00, 0x00, 0x00, 0xB0, 0x08, 0x46}},
-                    FaultyAnswer{"reset", {Kind::kReset, 0x01, LoaderStep::kCommand}, {}},
-                    FaultyAnswer{
-                        "busy", {Kind::kBusy, 0x01, LoaderStep::kFinished, 0, 1, seconds(3)}, {}}),
+                    FaultyAnswer{"reset", {FaultKind::kReset, 0x01, LoaderStep::kCommand}, {}},
+                    FaultyAnswer{"busy",
+                                 {FaultKind::kBusy, 0x01, LoaderStep::kFinished, 0, 1, seconds(3)},
+                                 {}}),
     [](const auto& info) { return std::string(info.param.name); });
 
 }  // namespace

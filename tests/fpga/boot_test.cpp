@@ -7,6 +7,7 @@
 #include "board/fpga/fpga_image.h"
 #include "board/fpga/screen_partition.h"
 #include "fpga/load_process.h"
+#include "testing/bytes.h"
 #include "testing/files.h"
 #include "testing/screen_reading.h"
 #include "tests/fpga/fpga_test.h"
@@ -195,11 +196,6 @@ std::function<void(Board&)> without(const std::string& path) {
 
 constexpr char kFlash[] = "/dev/mtd0";
 
-std::vector<std::string> operator+(std::vector<std::string> lines,
-                                   const std::vector<std::string>& more) {
-    lines.insert(lines.end(), more.begin(), more.end());
-    return lines;
-}
 std::vector<std::string> times(size_t count, const std::vector<std::string>& lines) {
     std::vector<std::string> all;
     for (size_t i = 0; i < count; ++i) all.insert(all.end(), lines.begin(), lines.end());

@@ -52,11 +52,6 @@ inline Bytes blockFrame(const Bytes& data) {
 
 using Lines = std::vector<std::string>;
 
-inline Lines operator+(Lines left, const Lines& right) {
-    left.insert(left.end(), right.begin(), right.end());
-    return left;
-}
-
 // Expects byte strings in order, and answers each with a literal. An unexpected byte ends the
 // script: the peer keeps a complaint and stays silent from then on.
 class ScriptedPeer final : public board::UartPeer {

@@ -149,7 +149,7 @@ TEST_F(QuilctlBoard, KeepsEachOfTwentyValuesThatAreSetAtOnce) {
     for (int i = 0; i < 20; ++i) {
         const std::string number = std::to_string(10 + i);
         answers += "00\n";
-        values += "0x000000" + number + " = " + number + "\n";
+        values.append("0x000000").append(number).append(" = ").append(number).append("\n");
     }
     EXPECT_EQ(run.output, answers);
     EXPECT_EQ(contentOf(board + "/mcu/values"), values);

@@ -13,15 +13,11 @@
 #include "board/core/temporary_directory.h"
 #include "board/core/whole_file.h"
 #include "isp/serial_port.h"
+#include "testing/bytes.h"
 #include "tools/quilctl/cli.h"
 #include "tools/quilctl/session/interruption.h"
 
 namespace quil::tests {
-
-inline tools::Words operator+(tools::Words words, const tools::Words& more) {
-    words.insert(words.end(), more.begin(), more.end());
-    return words;
-}
 
 struct Said {
     int code;

@@ -46,8 +46,8 @@ void requireGoodImage(board::Board& board) {
         const std::string image = board.hostPath(config_info->fpga_fw_path).string();
         const std::string obstacle = obstacleFor(checkFpgaFile(readInput(image)), place);
         if (obstacle.empty()) return;
-        throw Failure(kBadData, image + ": " + obstacle +
-                                    "; nothing was erased (--as-is updates all the same)");
+        const char* const kRemedy = "; nothing was erased (--as-is updates all the same)";
+        throw Failure(kBadData, std::string(image).append(": ").append(obstacle).append(kRemedy));
     }
 }
 

@@ -63,9 +63,9 @@ CheckedFile fileOf(const std::filesystem::path& board) {
 // A file that lies in a board belongs to that board.
 CheckedFile fileNamed(const std::string& file, const std::string& board) {
     const auto whole = std::filesystem::absolute(file).lexically_normal().string();
-    const size_t length = sizeof(kProductFile) - 1;
-    const bool isInBoard =
-        whole.size() > length && whole.compare(whole.size() - length, length, kProductFile) == 0;
+    const size_t length = sizeof(board::kProductFile) - 1;
+    const bool isInBoard = whole.size() > length &&
+                           whole.compare(whole.size() - length, length, board::kProductFile) == 0;
     if (isInBoard) return {file, file, whole.substr(0, whole.size() - length) + "rootfs"};
     if (board.empty()) return {file, file, {}};
     return {file, file, std::filesystem::path(board) / "rootfs"};

@@ -114,12 +114,12 @@ void addRun(Result& result, const Screen& screen, const FlashRun& run) {
                    {"status", statusDocument(run.status)}};
 }
 
-struct FlashArguments {
+struct FpgaFlashArguments {
     std::string file;
     bool asIs = false;
 };
 
-void flash(const Cli& cli, const FlashArguments& arguments, Result& result) {
+void flash(const Cli& cli, const FpgaFlashArguments& arguments, Result& result) {
     const std::string content = readInput(arguments.file);
     BoardSession session(cli.options, cli.console);
     parseProduct();

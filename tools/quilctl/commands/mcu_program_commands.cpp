@@ -134,7 +134,7 @@ struct TaskArguments : PortArguments {
     std::string save;
 };
 
-constexpr unsigned kReadMemory = 0x11;
+constexpr unsigned kReadMemoryTask = 0x11;
 constexpr char kReadBack[] = "/opt/test2.bin";  // where the session leaves what it has read
 
 void saveReadBack(ProgrammingSession& programming, const std::string& to) {
@@ -167,7 +167,7 @@ std::string addAnswers(Result& result, const std::vector<TaskAnswer>& answers) {
 }
 
 void runTask(const Cli& cli, const TaskArguments& arguments, Result& result) {
-    if (!arguments.save.empty() && *commandCode(arguments.command) != kReadMemory) {
+    if (!arguments.save.empty() && *commandCode(arguments.command) != kReadMemoryTask) {
         throw Failure(kUsage, "--save: no effect on " + arguments.command +
                                   "; only read-memory reads anything to save");
     }

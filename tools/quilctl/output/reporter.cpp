@@ -96,7 +96,7 @@ void Reporter::log(char level, const std::string& tag, const std::string& text) 
 
 void Reporter::fail(const Failure& failure) {
     leaveBar();
-    const std::string remedy = failure.remedy();
+    const std::string& remedy = failure.remedy();
     if (mForm == ReportForm::kJson) {
         Json members{{"kind", nameOf(failure.code())}, {"message", failure.what()}};
         if (!remedy.empty()) members["remedy"] = remedy;

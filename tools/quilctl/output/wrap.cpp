@@ -65,7 +65,7 @@ void wrapLine(std::string line, size_t columns, std::string& text) {
         text += next == line.size() ? line : head;
         if (next == line.size()) return;
         text += '\n';
-        line = indent + line.substr(next);
+        line.replace(0, next, indent);
     }
 }
 

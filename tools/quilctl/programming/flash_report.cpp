@@ -12,12 +12,12 @@ using programmer::Outcome;
 using programmer::Report;
 using programmer::Statistics;
 
-double perSecond(size_t bytes, programmer::Nanos time) {
+double bytesPerSecond(size_t bytes, programmer::Nanos time) {
     const double seconds = secondsOf(time);
     return seconds > 0 ? static_cast<double>(bytes) / seconds : 0;
 }
 
-double milliseconds(programmer::Nanos time) { return secondsOf(time) * 1e3; }
+double inMilliseconds(programmer::Nanos time) { return secondsOf(time) * 1e3; }
 
 template <typename... Values>
 std::string formatted(const char* format, Values... values) {
@@ -53,14 +53,14 @@ void addJson(Json& json, const Report& report) {
     json["seconds"] = secondsOf(numbers.took);
     json["pages"] = pagesOf(report);
     json["troubles"] = troublesOf(numbers);
-    json["turnaround_ms"] = {{"p50", milliseconds(numbers.turnaroundOf(50))},
-                             {"p99", milliseconds(numbers.turnaroundOf(99))}};
+    json["turnaround_ms"] = {{"p50", inMilliseconds(numbers.turnaroundOf(50))},
+                             {"p99", inMilliseconds(numbers.turnaroundOf(99))}};
     json["verified_by"] = report.verifiedBy;
     json["readout_protected"] = report.readoutProtected;
     if (numbers.bytesWritten > 0) {
         json["write"] = {{"bytes", numbers.bytesWritten},
-                         {"rate", perSecond(numbers.bytesWritten, numbers.writing)},
-                         {"ceiling", perSecond(numbers.bytesWritten, report.writeCeiling)}};
+                         {"rate", bytesPerSecond(numbers.bytesWritten, numbers.writing)},
+                         {"ceiling", bytesPerSecond(numbers.bytesWritten, report.writeCeiling)}};
     }
     if (report.reason.empty()) return;
     json["reason"] = report.reason;
@@ -72,13 +72,13 @@ void addRates(std::ostream& out, const Report& report) {
     if (numbers.bytesWritten > 0) {
         out << formatted("wrote %zu bytes at %.2f kB/s, the line's ceiling is %.2f kB/s\n",
                          numbers.bytesWritten,
-                         perSecond(numbers.bytesWritten, numbers.writing) / 1e3,
-                         perSecond(numbers.bytesWritten, report.writeCeiling) / 1e3);
+                         bytesPerSecond(numbers.bytesWritten, numbers.writing) / 1e3,
+                         bytesPerSecond(numbers.bytesWritten, report.writeCeiling) / 1e3);
     }
     if (numbers.turnaroundOf(99) == programmer::Nanos(0)) return;
     out << formatted("turn-around: half within %.1f ms, 99 of 100 within %.1f ms\n",
-                     milliseconds(numbers.turnaroundOf(50)),
-                     milliseconds(numbers.turnaroundOf(99)));
+                     inMilliseconds(numbers.turnaroundOf(50)),
+                     inMilliseconds(numbers.turnaroundOf(99)));
 }
 
 void addText(std::ostream& out, const Report& report) {

@@ -43,7 +43,7 @@ std::string verdictIn(const std::vector<SelfTestVerdict>& verdicts, const std::s
 // The library writes its results to the card before it answers.
 std::string reasonOfSilence(BoardSession& session, size_t firstLine) {
     const board::SdCard card = session.board().probes().sdCard();
-    const std::string said = session.lastError(firstLine);
+    std::string said = session.lastError(firstLine);
     if (card == board::SdCard::kPresent) return said;
     return std::string("the SD card is ") + nameOf(card) + (said.empty() ? "" : ": " + said);
 }

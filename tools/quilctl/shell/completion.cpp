@@ -5,7 +5,7 @@
 namespace quil::tools {
 namespace {
 
-using Options = std::vector<CommandOption>;
+using CommandOptions = std::vector<CommandOption>;
 
 std::string listed(const std::vector<std::string>& words, const std::string& separator) {
     std::string text;
@@ -40,7 +40,7 @@ std::vector<std::string> pathsOf(const CommandNode& program) {
     return paths;
 }
 
-std::vector<std::string> wordsOf(const Options& arguments) {
+std::vector<std::string> wordsOf(const CommandOptions& arguments) {
     std::vector<std::string> words;
     for (const CommandOption& argument : arguments) {
         words.insert(words.end(), argument.words.begin(), argument.words.end());
@@ -104,7 +104,7 @@ std::string argumentFlags(const CommandNode& command) {
     return flags;
 }
 
-std::vector<std::string> namesOf(const Options& options) {
+std::vector<std::string> namesOf(const CommandOptions& options) {
     std::vector<std::string> names;
     for (const CommandOption& option : options) names.push_back(option.name);
     return names;
@@ -138,8 +138,9 @@ std::string zshCommandCases(const CommandNode& program) {
         for (const CommandOption& option : command->options) {
             options += " " + zshDescribed(option.name, option.purpose);
         }
-        cases += "        '" + command->path() + "') commands=(" + next + " )" +
-                 argumentFlags(*command) + "\n            options=(" + options + " ) ;;\n";
+        cases.append("        '").append(command->path()).append("') commands=(").append(next);
+        cases.append(" )").append(argumentFlags(*command));
+        cases.append("\n            options=(").append(options).append(" ) ;;\n");
     }
     return cases;
 }
