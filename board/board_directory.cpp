@@ -16,6 +16,7 @@
 #include "board/devices/ini_reader.h"
 #include "board/fpga/fpga_image.h"
 #include "board/fpga/screen_partition.h"
+#include "board/mcu/mcu_chip.h"
 #include "board/mcu/mcu_image.h"
 
 namespace quil::board {

@@ -37,7 +37,6 @@ std::vector<std::string> factoryFolders();  // each behind the one that it lies 
 // "format"; one without that file is older, and has format 1.
 inline constexpr int kBoardFormat = 1;
 inline constexpr char kFormatFile[] = "format";
-inline constexpr char kProductFile[] = "rootfs/vendor/etc/product.ini";
 struct BoardFormat {
     int number = kBoardFormat;    // 0: the file says no number
     std::string unfinished = {};  // the product of a board whose making was interrupted

@@ -93,9 +93,10 @@ Probes::Probes(BoardServices& board, int codecs) : mBoard(board), mCodecs(codecs
         const bool isWhole = words >> equals >> state && equals == "=" && !(words >> more);
         const std::string wrong = isWhole ? problemOf(name, state) : "not \"name = state\"";
         if (!wrong.empty()) {
-            std::string what = std::string("the board's file ") + kPartsFile + ", line ";
-            what.append(std::to_string(number)).append(": '").append(line).append("': ");
-            throw std::runtime_error(what.append(wrong));
+            std::string complaint("the board's file ");
+            complaint.append(kPartsFile).append(", line ").append(std::to_string(number));
+            complaint.append(": '").append(line).append("': ").append(wrong);
+            throw std::runtime_error(complaint);
         }
         mStates[name] = state;
     }

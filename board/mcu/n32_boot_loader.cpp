@@ -131,10 +131,12 @@ void N32BootLoader::endWith(const LoaderFault& fault) {
 
 void N32BootLoader::answer(Nanos delay, std::vector<uint8_t> payload, uint8_t status0,
                            uint8_t status1) {
-    std::vector<uint8_t> bytes = {
-        kStart0, kStart1, mFrame[kCommandAt], 0, static_cast<uint8_t>(payload.size()), 0};
-    const size_t payloadAt = bytes.size(), statusAt = payloadAt + payload.size();
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    const auto size = static_cast<uint8_t>(payload.size());
+    const std::array<uint8_t, 6> head = {kStart0, kStart1, mFrame[kCommandAt], 0, size, 0};
+    const size_t payloadAt = head.size(), statusAt = payloadAt + payload.size();
+    std::vector<uint8_t> bytes(statusAt);
+    std::copy(head.begin(), head.end(), bytes.begin());
+    std::copy(payload.begin(), payload.end(), bytes.begin() + payloadAt);
     bytes.push_back(status0);
     bytes.push_back(status1);
     bytes.push_back(xorOf(bytes));

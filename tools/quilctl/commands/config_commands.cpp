@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <sstream>
 
+#include "board/mcu/mcu_chip.h"
 #include "config/config_info.h"
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/input_file.h"
