@@ -42,7 +42,7 @@ struct WireFrame {
     uint32_t fieldB = 0;
     uint32_t fieldC = 0;
     uint32_t command = 0;
-    Bytes payload;
+    Bytes payload{};
 
     bool isWrite() const { return (flags & wire::kWriteFlag) != 0; }
     bool isAnswer() const { return (flags & wire::kTypeMask) == wire::kTypeAnswer; }

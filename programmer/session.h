@@ -15,13 +15,13 @@
 namespace quil::programmer {
 
 struct Settings {
-    std::string chip;  // the part that is expected: "gd32f303"; empty: whichever answers
-    ConnectOptions link;
+    std::string chip{};  // the part that is expected: "gd32f303"; empty: whichever answers
+    ConnectOptions link{};
     bool dryRun = false;
     bool asIs = false;                   // an image that no part starts is programmed all the same
     bool liftReadoutProtection = false;  // which erases the whole flash
-    std::filesystem::path journal;       // empty: none
-    std::string imageName;               // for the journal
+    std::filesystem::path journal{};     // empty: none
+    std::string imageName{};             // for the journal
 };
 
 // What a session would do, or has done, with an image.

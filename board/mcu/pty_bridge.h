@@ -21,7 +21,7 @@ namespace quil::board {
 
 struct PtyBridgeOptions {
     McuKind part = McuKind::kGd32F303;
-    std::filesystem::path flash;  // the file with the part's flash; made when missing
+    std::filesystem::path flash{};  // the file with the part's flash; made when missing
     // A symbolic link to the port, made and removed; "": none. A name in use is refused, but for
     // the link that a killed model has left: to a port that is gone.
     std::filesystem::path link = {};

@@ -47,7 +47,7 @@ enum class Demand {
 };
 
 struct Case {
-    std::string name;
+    std::string name{};
     Demand demand = Demand::kAnyCode;
     bool json = false;
     bool keptBoard = true;   // or one that the run makes for itself
