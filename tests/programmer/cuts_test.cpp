@@ -38,7 +38,9 @@ class ProgrammerCuts : public testing::TestWithParam<const char*> {
     void expectThatTheNextSessionCompletes(size_t pagesWrittenBefore = 0) {
         const std::string started = startsNow();
         ASSERT_THAT(started, AnyOf(Eq(""), Eq(kOlder), Eq(kNewer)));
-        if (started == kOlder) ASSERT_EQ(on.cells(older.size()), older);
+        if (started == kOlder) {
+            ASSERT_EQ(on.cells(older.size()), older);
+        }
         const Report report = on.flash(newer);
         ASSERT_THAT(report.outcome, AnyOf(Outcome::kProgrammed, Outcome::kAlreadyCurrent))
             << textOf(report);
