@@ -6,6 +6,7 @@
 
 #include <sstream>
 
+#include "tools/quilctl/programming/product_id.h"
 #include "tools/quilctl/programming/programming_progress.h"
 
 namespace quil::tools {
@@ -64,10 +65,10 @@ TEST_F(ProgrammingWatchTest, WholeSessionIsItsStepsAndItsBlocks) {
     block(0, {0x79});
     block(1, {0x79});
     leave();
-    EXPECT_THAT(steps,
-                ElementsAre("synchronise: ACK", "get the GD32 product id: 79 04 33 56 45 46 79",
-                            "erase 2 pages: ACK", "write 4 bytes at 0x08000000: ACK",
-                            "write 4 bytes at 0x08000100: ACK"));
+    EXPECT_THAT(
+        steps, ElementsAre("synchronise: ACK", "get the GD32 product id: part 0x46455633: gd32f303",
+                           "erase 2 pages: ACK", "write 4 bytes at 0x08000000: ACK",
+                           "write 4 bytes at 0x08000100: ACK"));
     EXPECT_EQ(watch.written(), 0x104u);
     EXPECT_EQ(watch.attempts(), 1);
     EXPECT_FALSE(watch.problem());
@@ -226,6 +227,18 @@ TEST_F(ProgrammingProgressTest, OnATerminalItIsABarThatIsWrittenOver) {
     EXPECT_THAT(text, HasSubstr("\r\033[K 52% [###############...............] 2564 of 4868"));
     EXPECT_THAT(text, HasSubstr("\r\033[K100% [##############################] 4868 of 4868"));
     EXPECT_EQ(text.back(), '\n');
+}
+
+TEST(ProductId, IsInTheWholeAnswerToOneOfTheTwoQuestions) {
+    const Bytes pid = {0x79, 0x04, 0x33, 0x56, 0x45, 0x46, 0x79},
+                id = {0x79, 0x01, 0x04, 0x50, 0x79};
+    EXPECT_EQ(productIdIn(kAskForGdPid, pid)->text(), "part 0x46455633: gd32f303");
+    EXPECT_EQ(productIdIn(kAskForId, id)->text(), "part 0x0450: stm32h750");
+    EXPECT_EQ(productIdIn(kAskForId, {0x79, 0x01, 0x00, 0x00, 0x79})->text(),
+              "part 0x0000: unknown to this program");
+    EXPECT_FALSE(productIdIn(kAskForGdPid, {0x79, 0x04, 0x33, 0x56, 0x45}));
+    EXPECT_FALSE(productIdIn(kAskForId, {0x1F}));
+    EXPECT_FALSE(productIdIn(0x11, pid));
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <array>
 #include <numeric>
 
+#include "tools/quilctl/programming/product_id.h"
 #include "tools/quilctl/programming/programming_watch.h"
 
 namespace quil::tools {
@@ -21,8 +22,8 @@ struct Stm32Command {
 constexpr std::array<Stm32Command, 13> kStm32Commands = {{
     {0x00, "get the commands", false},
     {0x01, "get the version", false},
-    {0x02, "get the product id", true},
-    {0x06, "get the GD32 product id", true},
+    {kAskForId, "get the product id", true},
+    {kAskForGdPid, "get the GD32 product id", true},
     {kReadMemory, "read", false},
     {0x21, "go", false},
     {kWriteMemory, "write", false},
@@ -83,6 +84,7 @@ class Stm32Dialect : public BootLoaderDialect {
         if (answer.empty()) return "nothing";
         if (answer == Bytes{kAck}) return "ACK";
         if (answer == Bytes{kNack}) return "NACK (0x1F)";
+        if (const auto id = productIdIn(mCode, answer)) return id->text();
         return toShortHex(answer, 16);
     }
 
@@ -90,6 +92,7 @@ class Stm32Dialect : public BootLoaderDialect {
     enum class Part { kCommand, kPages, kAddress, kData, kRestOfData };
 
     std::optional<ProgrammingStep> commandStep(const Bytes& written) {
+        mCode = 0;
         if (written == Bytes{kSynchronise}) return ProgrammingStep{"synchronise"};
         const Stm32Command* command = findCommand(written);
         if (command == nullptr) return ProgrammingStep{toShortHex(written, 4)};

@@ -6,16 +6,16 @@
 #include <functional>
 #include <numeric>
 
-#include "board/mcu/mcu_parts.h"
 #include "tools/quilctl/programming/boot_loader_names.h"
+#include "tools/quilctl/programming/product_id.h"
 
 namespace quil::tools {
 namespace {
 
 namespace loader {
 constexpr uint8_t kSynchronise = 0x7F, kAck = 0x79, kNack = 0x1F;
-constexpr uint8_t kGet = 0x00, kGetId = 0x02, kGetPid = 0x06, kRead = 0x11, kWrite = 0x31,
-                  kErase = 0x43, kExtendedErase = 0x44, kWriteUnprotect = 0x73,
+constexpr uint8_t kGet = 0x00, kGetId = kAskForId, kGetPid = kAskForGdPid, kRead = 0x11,
+                  kWrite = 0x31, kErase = 0x43, kExtendedErase = 0x44, kWriteUnprotect = 0x73,
                   kReadoutUnprotect = 0x92;
 }  // namespace loader
 
@@ -54,29 +54,9 @@ uint32_t bigEndian(const Bytes& bytes, size_t at, size_t count) {
                            [](uint32_t sum, uint8_t byte) { return sum << 8 | byte; });
 }
 
-std::string partText(const std::string& number, const board::McuPart* part) {
-    return "part " + number + ": " + (part == nullptr ? "unknown to this program" : part->name);
-}
-
-// ACK, one less than the number of bytes, the identifier, ACK.
-std::string productIn(const Bytes& answer) {
-    if (answer.size() < 4) return "a short answer: " + toHex(answer);
-    const uint32_t id = bigEndian(answer, 2, 2);
-    const auto parts = board::mcuParts();
-    const auto part = std::find_if(parts.begin(), parts.end(),
-                                   [id](const auto& one) { return one.identity.productId == id; });
-    return partText("0x" + hex32(id).substr(6), part == parts.end() ? nullptr : &*part);
-}
-
-// ACK, the number of bytes, the identifier from its lowest byte on, ACK.
-std::string gdProductIn(const Bytes& answer) {
-    if (answer.size() < 6) return "a short answer: " + toHex(answer);
-    uint32_t id = 0;
-    for (size_t i = 0; i < 4; ++i) id |= uint32_t{answer[2 + i]} << (8 * i);
-    const auto parts = board::mcuParts();
-    const auto part = std::find_if(parts.begin(), parts.end(),
-                                   [id](const auto& one) { return one.identity.gdPid == id; });
-    return partText(hex32(id), part == parts.end() ? nullptr : &*part);
+std::string productIn(uint8_t command, const Bytes& answer) {
+    const auto id = productIdIn(command, answer);
+    return id ? id->text() : "a short answer: " + toHex(answer);
 }
 
 // One less than their number, then the pages, two bytes each.
@@ -133,9 +113,8 @@ class Decoder {
             case loader::kGet:
                 return add(name, answer, commandsIn(answer));
             case loader::kGetId:
-                return add(name, answer, productIn(answer));
             case loader::kGetPid:
-                return add(name, answer, gdProductIn(answer));
+                return add(name, answer, productIn(mCode, answer));
             case loader::kWriteUnprotect:
                 return add(name, answer, "no sector is protected from writing");
             case loader::kReadoutUnprotect:
