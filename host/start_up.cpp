@@ -2,11 +2,21 @@
 
 #include <errno.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "config/config_info.h"
 #include "mculink/uart.h"
 
 namespace quil::host {
+namespace {
+
+// Why there is no link. The library closes what it could not open: errno is that of the closing.
+std::string linkProblem(const std::string& path, int baud) {
+    if (access(path.c_str(), R_OK | W_OK) != 0) return strerror(errno);
+    return "the device did not open, or takes no " + std::to_string(baud) + " baud";
+}
+
+}  // namespace
 
 StartUpResult startUp() {
     if (parseConfigInfo() != 0) {
@@ -20,11 +30,10 @@ StartUpResult startUp() {
         return {StartUpError::kNoUartPath,
                 "the product file names no serial device for the MCU (mcu_uart_path)"};
     }
-    errno = 0;
     const int link = sdk_uart_init(path.c_str(), config_info->mcu_baud_rate);
     if (link < 0) {
-        return {StartUpError::kLink,
-                "the MCU link " + path + " could not be opened: " + strerror(errno)};
+        return {StartUpError::kLink, "the MCU link '" + path + "' could not be opened: " +
+                                         linkProblem(path, config_info->mcu_baud_rate)};
     }
     config_info->mcu_fd = link;
     return {};

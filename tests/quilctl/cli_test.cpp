@@ -6,6 +6,7 @@
 
 #include "testing/files.h"
 #include "tests/quilctl/test_run.h"
+#include "tools/quilctl/files/input_file.h"
 #include "tools/quilctl/files/product_file.h"
 
 namespace quil::tests {
@@ -46,6 +47,21 @@ TEST(Quilctl, RequestThatNobodyAnswersFails) {
     EXPECT_EQ(said.code, tools::kFailed);
     EXPECT_THAT(said.out, IsEmpty());
     EXPECT_THAT(said.err, HasSubstr("no answer: nobody answers it"));
+}
+
+TEST(Quilctl, UnknownOptionIsAnsweredWithEachKnownOneOnce) {
+    const std::string said = quilctl({"mcu", "flash", "--zzz", "image.bin"}).err;
+    EXPECT_THAT(said, HasSubstr("known: --help, --chip, "));
+    EXPECT_EQ(said.find("--help,"), said.rfind("--help,"));
+}
+
+TEST(Quilctl, InputWithoutAnEndIsRefused) {
+    std::istringstream in("0123456789");
+    EXPECT_EQ(tools::readInput(in, 10), "0123456789");
+    in.clear();
+    in.seekg(0);
+    EXPECT_THROW(tools::readInput(in, 9), tools::Failure);
+    EXPECT_THROW(tools::readInput("/dev/zero", 1 << 20), tools::Failure);
 }
 
 TEST(Quilctl, BodyLongerThanItsLengthFieldIsAUsageError) {

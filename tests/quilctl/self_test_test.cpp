@@ -62,8 +62,8 @@ TEST_F(QuilctlSelfTest, BrokenPartThatNoItemProbesIsRefusedWithThoseThatAreProbe
     const Said said = quilctl({"self-test", "--break", "es8316.9"});
     EXPECT_EQ(said.code, tools::kUsage);
     EXPECT_THAT(said.err,
-                HasSubstr("quilctl: --break es8316.9: no item that runs on this board probes it; "
-                          "they do es8316.0, idt6965, rtc, wifi-ap, and use sdcard\n"));
+                HasSubstr("quilctl: --break es8316.9: no item that runs on this board uses it; "
+                          "they use es8316.0, idt6965, rtc, wifi-ap, sdcard\n"));
 }
 
 TEST_F(QuilctlSelfTest, MisspelledLineOfTheBoardsPartsIsNamedWithTheKnownWords) {

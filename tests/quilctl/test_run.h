@@ -14,6 +14,7 @@
 #include "board/core/whole_file.h"
 #include "isp/serial_port.h"
 #include "testing/bytes.h"
+#include "testing/library_state.h"
 #include "tools/quilctl/cli.h"
 #include "tools/quilctl/session/interruption.h"
 
@@ -39,6 +40,7 @@ inline Said runProgram(const tools::Program& program, const std::vector<std::str
 }
 
 inline Said quilctl(const std::vector<std::string>& words, const std::string& input = "") {
+    const FreshLibrary library;
     return runProgram(tools::kBoardProgram, words, input);
 }
 

@@ -50,7 +50,9 @@ std::string unknownWord(const CLI::App& app, const CLI::App& at, const std::stri
     std::vector<std::string> known;
     if (word.front() == '-') {
         known = optionsOf(at);
-        for (const std::string& name : optionsOf(app)) known.push_back(name);
+        for (const std::string& name : optionsOf(app)) {
+            if (std::find(known.begin(), known.end(), name) == known.end()) known.push_back(name);
+        }
     } else {
         for (const CLI::App* command : commandsOf(at)) known.push_back(command->get_name());
     }

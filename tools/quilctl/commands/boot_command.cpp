@@ -6,6 +6,7 @@
 #include "tools/quilctl/session/boot_stages.h"
 #include "tools/quilctl/session/bring_up_faults.h"
 #include "tools/quilctl/session/fpga_status.h"
+#include "tools/quilctl/session/stage_advice.h"
 
 namespace quil::tools {
 namespace {
@@ -68,8 +69,10 @@ void boot(const Cli& cli, const BootArguments& arguments, Result& result) {
         {.updateMcu = true, .loadFpga = true, .onStep = [&](host::BootStep step) {
              endStage(session, stages, step);
          }});
-    if (!started.ok()) stages.end("start-up", false, started.text);
-    if (!started.ok()) throw Failure(kNoBoard, "the service did not come up: " + started.text);
+    if (!started.ok()) {
+        stages.end("start-up", false, started.text);
+        throw Failure(kNoBoard, "the service did not come up: " + started.text, kServiceRemedy);
+    }
     throwUnlessAllOk(stages.all());
 }
 

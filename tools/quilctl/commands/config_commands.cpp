@@ -2,13 +2,13 @@
 
 #include <algorithm>
 #include <filesystem>
-#include <sstream>
 
 #include "board/mcu/mcu_chip.h"
 #include "config/config_info.h"
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/input_file.h"
 #include "tools/quilctl/files/product_file.h"
+#include "tools/quilctl/output/wrap.h"
 #include "tools/quilctl/session/board_session.h"
 
 namespace quil::tools {
@@ -72,29 +72,22 @@ CheckedFile fileNamed(const std::string& file, const std::string& board) {
     return {file, file, std::filesystem::path(board) / "rootfs"};
 }
 
-// A line of a finding, broken between words so that it fits a terminal.
-void addIndented(Result& result, const std::string& label, const std::string& text) {
-    constexpr size_t kWidth = 80, kIndent = 13;
-    std::string line = "    " + label;
-    line.resize(kIndent, ' ');
-    std::istringstream words(text);
-    for (std::string word; words >> word;) {
-        if (line.size() > kIndent && line.size() + 1 + word.size() > kWidth) {
-            result.text << line << '\n';
-            line.assign(kIndent, ' ');
-        }
-        line += (line.size() > kIndent ? " " : "") + word;
-    }
-    result.text << line << '\n';
+// A line of a finding, broken between words so that it fits the screen, or 80 columns of a file.
+void addIndented(Result& result, const Screen& screen, const std::string& label,
+                 const std::string& text) {
+    constexpr size_t kWidth = 80, kLabel = 8;
+    std::string line = "    " + label + std::string(kLabel - label.size(), ' ') + "  " + text;
+    result.text << wrapped(line + '\n', screen.columns == 0 ? kWidth : screen.columns);
 }
 
-void addProblem(Result& result, const std::string& file, const ProductProblem& problem) {
+void addProblem(Result& result, const Screen& screen, const std::string& file,
+                const ProductProblem& problem) {
     result.text << file << ":";
     if (problem.line > 0) result.text << problem.line << ":";
     result.text << (problem.isWarning ? " warning: " : " ")
                 << (problem.key.empty() ? "" : problem.key + ": ") << problem.text << '\n';
-    if (!problem.right.empty()) addIndented(result, "right:", problem.right);
-    if (!problem.atBoot.empty()) addIndented(result, "at boot:", problem.atBoot);
+    if (!problem.right.empty()) addIndented(result, screen, "right:", problem.right);
+    if (!problem.atBoot.empty()) addIndented(result, screen, "at boot:", problem.atBoot);
     result.json["problems"].push_back({{"line", problem.line},
                                        {"key", problem.key},
                                        {"text", problem.text},
@@ -103,12 +96,14 @@ void addProblem(Result& result, const std::string& file, const ProductProblem& p
                                        {"at_boot", problem.atBoot}});
 }
 
-void checkFile(const CheckedFile& checked, Result& result) {
+void checkFile(const Cli& cli, const CheckedFile& checked, Result& result) {
     const auto problems = checkProductFile(readInput(checked.file), checked.root);
     result.json = {{"file", checked.shown},
                    {"files_checked", !checked.root.empty()},
                    {"problems", Json::array()}};
-    for (const ProductProblem& problem : problems) addProblem(result, checked.shown, problem);
+    for (const ProductProblem& problem : problems) {
+        addProblem(result, cli.console.screen, checked.shown, problem);
+    }
     if (checked.root.empty()) {
         result.text << "(no board is known: the files that it names were not looked at)\n";
     }
@@ -128,13 +123,13 @@ struct CheckArguments {
 void check(const Cli& cli, const CheckArguments& arguments, Result& result) {
     requireSameProduct(cli.options);
     const std::string& board = cli.options.boardDirectory;
-    if (!arguments.file.empty()) return checkFile(fileNamed(arguments.file, board), result);
-    if (!board.empty()) return checkFile(fileOf(board), result);
+    if (!arguments.file.empty()) return checkFile(cli, fileNamed(arguments.file, board), result);
+    if (!board.empty()) return checkFile(cli, fileOf(board), result);
     const auto product = board::productByName(cli.options.product).value_or(board::Product::kHeron);
     const TemporaryBoard factory(product);
     CheckedFile checked = fileOf(factory.path());
     checked.shown = "product.ini of a new " + std::string(nameOf(product));
-    checkFile(checked, result);
+    checkFile(cli, checked, result);
 }
 
 }  // namespace

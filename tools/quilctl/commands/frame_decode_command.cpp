@@ -94,7 +94,7 @@ struct DecodeArguments {
 bool isFile(const std::string& name) { return access(name.c_str(), F_OK) == 0; }
 
 std::string givenText(const Cli& cli, const std::vector<std::string>& words) {
-    if (words.empty()) return {std::istreambuf_iterator<char>(cli.console.in), {}};
+    if (words.empty()) return readInput(cli.console.in);
     if (words.size() == 1 && !parseHex(words[0])) return readInput(words[0]);
     std::string text;
     for (const std::string& word : words) {

@@ -6,6 +6,7 @@
 
 #include "board/core/whole_file.h"
 #include "tools/quilctl/commands/verb.h"
+#include "tools/quilctl/files/input_file.h"
 #include "tools/quilctl/files/validators.h"
 #include "tools/quilctl/programming/flash_report.h"
 #include "tools/quilctl/programming/flash_target.h"
@@ -19,9 +20,8 @@ using programmer::Report;
 using programmer::Session;
 
 Bytes imageIn(const std::string& file) {
-    const auto content = board::readWholeFile(file);
-    if (!content) throw Failure(kUsage, file + ": cannot be read");
-    return {content->begin(), content->end()};
+    const std::string content = readInput(file);
+    return {content.begin(), content.end()};
 }
 
 struct ImageArguments : FlashArguments {

@@ -41,8 +41,8 @@ void requireProbed(const SelfTestRun& run, const std::vector<std::string>& broke
     for (const std::string& part : run.probed) add(probed, part);
     if (idle.empty()) return;
     throw Failure(kUsage, "--break " + idle +
-                              ": no item that runs on this board probes it; they do " + probed +
-                              ", and use sdcard");
+                              ": no item that runs on this board uses it; they use " + probed +
+                              ", sdcard");
 }
 
 void selfTest(const Cli& cli, const SelfTestArguments& arguments, Result& result) {

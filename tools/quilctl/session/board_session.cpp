@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <stdio.h>
 #include <stdlib.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 #include "board/core/whole_file.h"
 #include "board/fpga/fpga_image.h"
 #include "board/mcu/mcu_fitting.h"
+#include "tools/quilctl/session/stage_advice.h"
 #include "tools/quilctl/session/trace_files.h"
 
 namespace quil::tools {
@@ -41,6 +43,9 @@ int leastPriority(const std::string& level) {
     return level == "I" ? ANDROID_LOG_INFO : ANDROID_LOG_DEFAULT;
 }
 
+constexpr char kPlaceRemedy[] =
+    "set TMPDIR to a folder with room for a board, or name a board with --board";
+
 // A place for a temporary board, or one from which a relative path leads to the board.
 void requirePlace(const std::filesystem::path& board) {
     std::error_code error;
@@ -54,10 +59,21 @@ void requirePlace(const std::filesystem::path& board) {
     const auto place = std::filesystem::temp_directory_path(error);
     const char* named = getenv("TMPDIR");
     if (!error && access(place.c_str(), W_OK | X_OK) == 0) return;
-    throw failureOf(kNoBoard,
-                    "no temporary board: TMPDIR " + std::string(named == nullptr ? "/tmp" : named) +
-                        " cannot be used (set another one, or name a board with --board)",
-                    error ? error.value() : errno);
+    throw Failure(kNoBoard,
+                  "no temporary board: TMPDIR " + std::string(named == nullptr ? "/tmp" : named) +
+                      " cannot be used: " + strerror(error ? error.value() : errno),
+                  kPlaceRemedy);
+}
+
+// Before anything is done of which the trace would be lost.
+void requireTraceFile(const std::string& name) {
+    const std::string file = traceTargetOf(name).file;
+    if (file == "-" || access(file.c_str(), W_OK) == 0) return;
+    if (errno == ENOENT) {
+        const std::filesystem::path folder = std::filesystem::path(file).parent_path();
+        if (access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) == 0) return;
+    }
+    throw failureOf(kNotWritten, "--trace: " + file + ": cannot be written", errno);
 }
 
 // What a board that lost its power has in its memories.
@@ -137,8 +153,10 @@ std::string productOf(const std::filesystem::path& directory) {
     return product == nullptr ? "" : *product;
 }
 
-TemporaryBoard::TemporaryBoard(board::Product product) {
+TemporaryBoard::TemporaryBoard(board::Product product) try {
     board::createBoardDirectory(path(), product);
+} catch (const std::runtime_error& error) {
+    throw Failure(kNoBoard, std::string("no temporary board: ") + error.what(), kPlaceRemedy);
 }
 
 void requireSameProduct(const Options& options) {
@@ -167,6 +185,7 @@ std::unique_ptr<board::Board> BoardSession::powerOn(Use use) {
     auto keeping = board::Keeping::kScratch;
     std::filesystem::path directory = mOptions.boardDirectory;
     requirePlace(directory);
+    for (const std::string& name : mOptions.traceFiles) requireTraceFile(name);
     if (directory.empty()) {
         mTemporary.emplace(board::productByName(mOptions.product).value_or(board::Product::kHeron));
         directory = mTemporary->path();
@@ -260,7 +279,7 @@ std::string BoardSession::lastError(size_t since) const {
 
 void BoardSession::startService(const host::BootJobs& jobs) {
     const host::StartUpResult result = mHost->start(jobs);
-    if (!result.ok()) throw std::runtime_error(result.text);
+    if (!result.ok()) throw Failure(kNoBoard, result.text, kServiceRemedy);
 }
 
 }  // namespace quil::tools

@@ -73,7 +73,7 @@ class BoardSession : public ServiceSession {
     // What an interruption leaves behind outside of the board, for the line that tells of it.
     void setLeftOutside(std::string text) { mLeftOutside = std::move(text); }
 
-    // Throws std::runtime_error when it does not come up. Boot jobs have commands of their own: a
+    // Throws a Failure when it does not come up. Boot jobs have commands of their own: a
     // request should not reprogram the MCU.
     void startService(const host::BootJobs& jobs = {.updateMcu = false});
 

@@ -145,7 +145,7 @@ void requireMet(board::Board& board, const std::vector<std::string>& names, bool
     if (unmet.empty()) return;
     throw Failure(kUsage, "--fault " + unmet + ": a " + std::string(board::nameOf(*product)) +
                               (isUpdate ? " that is updated" : " without an update") +
-                              " does not come across it; it does across " + met);
+                              " never meets it; it meets " + met);
 }
 
 std::string checkFaultName(std::string& name) {

@@ -11,7 +11,8 @@ struct StageRow {
     const char* cause;
     const char* remedy;
 };
-constexpr std::array<StageRow, 11> kStageAdvice = {{
+constexpr std::array<StageRow, 12> kStageAdvice = {{
+    {"start-up", "", kServiceRemedy},
     {"configuration", "the product file or the product information cannot be read",
      "quilctl config check names the line and what would be right"},
     {"MCU firmware", "the update did not get through",
