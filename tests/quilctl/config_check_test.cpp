@@ -68,8 +68,8 @@ TEST_F(QuilctlConfigCheck, FindingHasLineKeyWhatWouldBeRightAndWhatHappensAtBoot
     EXPECT_EQ(said.out,
               file +
                   ":3: [product] product: there is no product 'heron'\n"
-                  "    right:   did you mean Heron?\n"
-                  "    at boot: no load sequence belongs to it: the FPGA is not loaded\n");
+                  "    right:    did you mean Heron?\n"
+                  "    at boot:  no load sequence belongs to it: the FPGA is not loaded\n");
 }
 
 TEST_F(QuilctlConfigCheck, ProductThatDoesNotExistHasNoLoadSequenceAtBoot) {
@@ -188,6 +188,32 @@ TEST_F(QuilctlConfigCheck, ImageLargerThanTheFlashIsNamedWithBothSizes) {
                 HasSubstr("200000 bytes, a stm32h750 has 131072"));
 }
 
+TEST_F(QuilctlConfigCheck, ImageThatTheUpdateDoesNotProgramAsAWholeIsNamedWithWhatItDoes) {
+    const std::tuple<const char*, McuKind, size_t, const char*, const char*, const char*> images[] =
+        {{"Wren_t507", McuKind::kN32G45x, 1024, "the image's 1024 bytes are a multiple of 128",
+          "fewer than 32640 bytes, and no multiple of 128",
+          "in an update that is due the flow leaves out the last 128"},
+         {"Heron", McuKind::kGd32F303, 3000, "the image ends 952 bytes into a page",
+          "whole pages of 2048 bytes, at most 126",
+          "in an update that is due the flow does not erase that page: what it held before stays"}};
+    for (const auto& [product, part, size, text, right, atBoot] : images) {
+        mBoard = newBoard(product);
+        const std::string version = product == std::string("Heron") ? "V1.0.0" : "V2.0.1";
+        board::writeWholeFile(mBoard + "/rootfs/vendor/firmware/mcu_" + product + ".bin",
+                              board::makeMcuImage(part, version, size));
+        const auto problems =
+            resultOf(quilctl({"--board", mBoard, "--json", "config", "check"}))["problems"];
+        ASSERT_EQ(problems.size(), 1U) << problems;
+        EXPECT_EQ(problems[0]["key"], "[mcu] mcu_fw_path");
+        EXPECT_EQ(problems[0]["text"], text);
+        EXPECT_EQ(problems[0]["right"], right);
+        EXPECT_EQ(problems[0]["at_boot"], atBoot);
+        EXPECT_EQ(
+            quilctl({"--board", mBoard, "mcu", "update", "--as-is", "--installed", "V0.9.0"}).code,
+            tools::kFailed);
+    }
+}
+
 TEST_F(QuilctlConfigCheck, FpgaImageThatIsNoneFailsAKestrelAndEmptiesAHeron) {
     EXPECT_EQ(findingFor("fpga_fw_path", "/none", "Kestrel")["at_boot"], "the FPGA is not loaded");
     EXPECT_THAT(boot().out, HasSubstr("FAILED"));
@@ -219,7 +245,7 @@ TEST_F(QuilctlConfigCheck, EachBrokenLineIsNamedAndAMisspelledKeyWithTheNearest)
     EXPECT_THAT(said.out, HasSubstr(file + ":2: neither a [section] nor key = value\n"));
     EXPECT_THAT(said.out, HasSubstr(file + ":5: neither a [section] nor key = value\n"));
     EXPECT_THAT(said.out, HasSubstr(":4: warning: [mcu] mcu_tpye: nobody reads this key\n"
-                                    "    right:   did you mean mcu_type?\n"));
+                                    "    right:    did you mean mcu_type?\n"));
     EXPECT_THAT(said.out, HasSubstr("the files that it names were not looked at"));
 }
 

@@ -14,6 +14,7 @@
 #include "tools/quilctl/files/fpga_file.h"
 #include "tools/quilctl/output/nearest_words.h"
 #include "tools/quilctl/output/values.h"
+#include "tools/quilctl/programming/contract_checks.h"
 
 namespace quil::tools {
 namespace {
@@ -245,6 +246,10 @@ void Rules::judgeMcuImage() {
     if (!check.problem.empty()) {
         return add(kMcuImage, "no image for a " + std::string(part->name) + ": " + check.problem,
                    "an image for the part", "after an update that is due the MCU does not start");
+    }
+    for (const auto& problem : contractProblems(board::bytesOf(*image), text(kChip))) {
+        add(kMcuImage, problem.what, sizesForContract(text(kChip)),
+            "in an update that is due " + problem.then);
     }
     const std::string version = text(kMcuVersion);
     const bool isJudged = version.empty() || version.size() > board::kMcuImageVersionMax;

@@ -66,6 +66,21 @@ std::vector<ImageProblem> contractProblems(std::span<const uint8_t> image,
     return problems;
 }
 
+std::string sizesForContract(const std::string& chip) {
+    const Part* part = programmer::partNamed(chip);
+    if (part != nullptr && part->protocol == Protocol::kN32) {
+        return "fewer than " + number(kMostN32Blocks * kN32Block) +
+               " bytes, and no multiple of 128";
+    }
+    for (const FlowPages& pages : kFlowPages) {
+        if (part == nullptr || part->name != std::string(pages.chip)) continue;
+        return pages.addsOne ? "fewer than " + number(kMostPages * pages.size) + " bytes"
+                             : "whole pages of " + number(pages.size) + " bytes, at most " +
+                                   number(kMostPages);
+    }
+    return "an image that fits";
+}
+
 void checkForContract(const std::string& file, const std::string& chip, bool asIs) {
     if (asIs) return;
     const auto content = board::readWholeFile(file);

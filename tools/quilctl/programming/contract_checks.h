@@ -13,6 +13,9 @@ namespace quil::tools {
 std::vector<programmer::ImageProblem> contractProblems(std::span<const uint8_t> image,
                                                        const std::string& chip);
 
+// Of images that suit it, in words.
+std::string sizesForContract(const std::string& chip);
+
 // Throws a Failure with the first problem; unless `asIs`, which leaves only what --as-is means.
 void checkForContract(const std::string& file, const std::string& chip, bool asIs);
 
