@@ -10,6 +10,7 @@
 #include <thread>
 
 #include "board/board_directory.h"
+#include "board/core/directory_lock.h"
 #include "board/core/whole_file.h"
 #include "board/mcu/mcu_image.h"
 #include "tests/quilctl/test_run.h"
@@ -209,6 +210,33 @@ TEST_F(QuilctlMcu, ModelServesItsPartAtTheLinkUntilASignalComes) {
     EXPECT_EQ(said.code, tools::kOk);
     EXPECT_THAT(said.err, HasSubstr("gd32f303 in its boot loader at /dev/pts/"));
     EXPECT_FALSE(fs::exists(directory / "port"));
+}
+
+TEST_F(QuilctlMcu, ModelOnABoardsFlashWaitsForTheBoardAndNamesItsOwner) {
+    const std::string board = newBoard();
+    const board::DirectoryLock owner(board, board::DirectoryLock::Use::kOwner, {});
+    const Said said = quilctl({"--wait", "0", "mcu", "model", "--chip", "gd32f303", "--pty",
+                               path("port"), "--flash", board + "/mcu/flash"});
+    EXPECT_EQ(said.code, tools::kNoBoard);
+    EXPECT_THAT(said.err, HasSubstr(" is in use by pid "));
+    EXPECT_FALSE(fs::exists(fs::symlink_status(path("port"))));
+}
+
+TEST_F(QuilctlMcu, BoardWhoseFlashAModelServesIsInUse) {
+    const std::string board = newBoard();
+    Said said{};
+    std::thread server([&] {
+        said = quilctl({"mcu", "model", "--chip", "gd32f303", "--pty", path("port"), "--flash",
+                        board + "/mcu/flash"});
+    });
+    while (!fs::is_symlink(directory / "port")) std::this_thread::yield();
+    EXPECT_THROW(board::DirectoryLock(board, board::DirectoryLock::Use::kOwner, {}),
+                 std::runtime_error);
+    tools::interrupt(SIGTERM);
+    server.join();
+    EXPECT_EQ(said.code, tools::kOk) << said.err;
+    EXPECT_NO_THROW(board::DirectoryLock(board, board::DirectoryLock::Use::kOwner, {}));
+    EXPECT_EQ(quilctl({"board", "check", board}).code, tools::kOk);
 }
 
 }  // namespace

@@ -2,11 +2,13 @@
 #include <unistd.h>
 
 #include <filesystem>
+#include <memory>
 #include <ostream>
 
 #include "board/mcu/pty_bridge.h"
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/validators.h"
+#include "tools/quilctl/session/board_use.h"
 #include "tools/quilctl/session/interruption.h"
 
 namespace quil::tools {
@@ -38,9 +40,25 @@ class FlashFile {
     const std::filesystem::path mPath;
 };
 
+// The board whose part the file is, in use while the model is: two programs on one flash would each
+// lose what the other writes. Null for a file that belongs to no board.
+std::unique_ptr<board::DirectoryLock> useBoardAround(const std::string& file, const Cli& cli) {
+    namespace fs = std::filesystem;
+    fs::path folder = fs::weakly_canonical(fs::absolute(file)).parent_path();
+    for (; folder.has_relative_path(); folder = folder.parent_path()) {
+        if (!fs::is_directory(folder / "rootfs") || !fs::is_directory(folder / "mcu")) continue;
+        auto use =
+            useBoard(folder.string(), board::DirectoryLock::Use::kOwner, cli.options, cli.console);
+        requireSoundBoard(folder.string());
+        return use;
+    }
+    return nullptr;
+}
+
 void model(const Cli& cli, const ModelArguments& arguments, Result& result) {
     const board::McuPart* part = board::partNamedIn(arguments.chip);
     if (part == nullptr) throw Failure(kUsage, "there is no part " + arguments.chip);
+    const auto use = arguments.flash.empty() ? nullptr : useBoardAround(arguments.flash, cli);
     const FlashFile flash(arguments.flash);
     board::PtyBridge bridge({.part = part->kind,
                              .flash = flash.path(),
@@ -82,8 +100,10 @@ void addMcuModelCommand(CLI::App& mcu, Cli& cli) {
         ->required()
         ->check(chipName());
     command.add_option("--pty", arguments.link, "Symbolic link to make to the pty")->required();
-    command.add_option("--flash", arguments.flash,
-                       "File with the part's flash (default: an erased one, forgotten in the end)");
+    command.add_option(
+        "--flash", arguments.flash,
+        "File with the part's flash (default: an erased one, forgotten in the end); a "
+        "board that it belongs to is in use as long");
 }
 
 }  // namespace quil::tools
