@@ -42,6 +42,7 @@ enum class Demand {
     kSameCode,     // as without the hardship
     kFailure,      // not 0: a call has failed
     kNotWritten,   // the code for that
+    kNoBoard,      // the code for that
     kInterrupted,  // the code for that
     kTruth,        // 0 only when the disk is as without the hardship
 };
@@ -50,8 +51,9 @@ struct Case {
     std::string name{};
     Demand demand = Demand::kAnyCode;
     bool json = false;
-    bool keptBoard = true;   // or one that the run makes for itself
-    tools::Words options{};  // one that begins with '/' is a path on the disk
+    bool keptBoard = true;          // or one that the run makes for itself
+    std::string temporary = "tmp";  // what TMPDIR names on the disk
+    tools::Words options{};         // one that begins with '/' is a path on the disk
     Stream in = Stream::kNull, out = Stream::kFile, err = Stream::kFile;
     int columns = 80;  // of a terminal, when it is one
     bool ownSession = false;

@@ -111,6 +111,30 @@ Cases closedOutput(const Subject& subject) {
                              .json = json,
                              .out = out,
                              .err = out});
+            cases.push_back({.name = std::string(name) + ", errors only",
+                             .demand = Demand::kSameCode,
+                             .json = json,
+                             .err = out});
+        }
+    }
+    cases.push_back({.name = "closed, input and errors too",
+                     .demand = demand,
+                     .in = Stream::kClosed,
+                     .out = Stream::kClosed,
+                     .err = Stream::kClosed});
+    return cases;
+}
+
+// Nowhere to put a board that a run makes for itself.
+Cases noTemporaryFolder(const Subject& subject) {
+    Cases cases;
+    for (const bool kept : boardsOf(subject)) {
+        for (const char* name : {"none", "screen.img"}) {
+            cases.push_back({.name = boardText(kept) + "TMPDIR is " + name,
+                             .demand = kept ? Demand::kAnyCode : Demand::kNoBoard,
+                             .json = cases.size() % 2 == 1,
+                             .keptBoard = kept,
+                             .temporary = name});
         }
     }
     return cases;
@@ -259,6 +283,7 @@ const std::vector<Condition>& conditions() {
         {"read-only-directory", readOnlyDirectory},
         {"unwritable-trace", unwritableTrace},
         {"closed-output", closedOutput},
+        {"no-temporary-folder", noTemporaryFolder},
         {"interrupt", interrupt},
         {"terminate", terminate},
         {"two-at-once", twoAtOnce},

@@ -48,8 +48,8 @@ Words commandLine(const Words& verb, const tests::VerbCase& row, const Case& one
     return words;
 }
 
-std::vector<std::string> environmentOf(const Folder& folder) {
-    std::vector<std::string> environment = {"TMPDIR=" + folder.temporary().string(), "TERM=xterm",
+std::vector<std::string> environmentOf(const std::filesystem::path& temporary) {
+    std::vector<std::string> environment = {"TMPDIR=" + temporary.string(), "TERM=xterm",
                                             "LANG=C.UTF-8", "HOME=/nonexistent"};
     for (const char* name : {"PATH", "ASAN_OPTIONS", "UBSAN_OPTIONS", "TSAN_OPTIONS"}) {
         const char* value = getenv(name);
@@ -128,7 +128,7 @@ Outcome runIn(const Folder& folder, const Words& verb, const Case& one, const ch
     outcome.exampleCode = row.serving.empty() ? row.code : tools::kOk;
     Start start;
     start.words = outcome.words;
-    start.environment = environmentOf(folder);
+    start.environment = environmentOf(folder.disk() / one.temporary);
     start.folder = folder.disk();
     start.in = one.in;
     start.out = one.out;
@@ -179,7 +179,7 @@ Outcome runIn(const Folder& folder, const Words& verb, const Case& one, const ch
 std::string answerOf(const char* verb, const Folder& folder) {
     Start start;
     start.words = {kQuilctl, "board", verb, folder.board().string()};
-    start.environment = environmentOf(folder);
+    start.environment = environmentOf(folder.temporary());
     start.folder = folder.disk();
     start.outFile = folder.err().string() + ".answer";
     start.errFile = start.outFile.string() + ".err";

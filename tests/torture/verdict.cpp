@@ -123,6 +123,8 @@ void judgeDemand(const Case& one, const Outcome& outcome, const Outcome& usual,
         case Demand::kNotWritten:
             // What had failed before may be the first failure.
             return expect(code == tools::kNotWritten || (code != 0 && code == usualCode), "5");
+        case Demand::kNoBoard:
+            return expect(code == tools::kNoBoard, "4");
         case Demand::kInterrupted:
             return expect(code == 128 + one.interruption->signal, "an interruption's");
         case Demand::kTruth:
