@@ -76,6 +76,12 @@ configure_file(tests/consumer/build.sh.in ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/buil
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME quilctl)
 set(CPACK_PACKAGE_CONTACT "Quil <quil@localhost>")
+# What Debian asks of a package's documents.
+configure_file(cmake/package/changelog.in ${CMAKE_BINARY_DIR}/package/changelog @ONLY)
+execute_process(COMMAND gzip -9nc ${CMAKE_BINARY_DIR}/package/changelog
+                OUTPUT_FILE ${CMAKE_BINARY_DIR}/package/changelog.gz COMMAND_ERROR_IS_FATAL ANY)
+install(FILES cmake/package/copyright ${CMAKE_BINARY_DIR}/package/changelog.gz
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/quilctl COMPONENT tools)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "command line and simulated board of an LED-display controller")
 set(CPACK_PACKAGE_DESCRIPTION
     "quilctl talks to the hardware service of an LED-display controller board,

@@ -87,9 +87,14 @@ TEST_F(DebianPackage, RunsWithoutTheBuildTreeAndDependsOnThePackagesThatItNeeds)
               "root/usr/bin/\n"
               "root/usr/lib/quil/\n"
               "root/usr/share/bash-completion/completions/\n"
+              "root/usr/share/doc/quilctl/\n"
               "root/usr/share/fish/vendor_completions.d/\n"
               "root/usr/share/man/man1/\n"
               "root/usr/share/zsh/vendor-completions/\n");
+    EXPECT_EQ(said("ls root/usr/share/doc/quilctl"), "changelog.gz\ncopyright\n");
+    EXPECT_THAT(said("zcat root/usr/share/doc/quilctl/changelog.gz"),
+                testing::StartsWith(
+                    "quilctl (" + said("dpkg-deb -f quilctl_*.deb Version | tr -d '\\n'") + ") "));
     const std::string needed = said(
         std::string("for name in $(readelf -d ") + kElfFiles +
         " | sed -n 's/.*(NEEDED).*\\[\\(.*\\)\\]/\\1/p' | sort -u); do "
