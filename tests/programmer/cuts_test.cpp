@@ -14,7 +14,7 @@ using board::PowerCut;
 using testing::AnyOf;
 using testing::Eq;
 
-constexpr char kOlder[] = "V1.0.0", kNewer[] = "V2.0.0";
+constexpr char kFirstVersion[] = "V1.0.0", kNextVersion[] = "V2.0.0";
 constexpr uint64_t kSample = 37;
 
 class ProgrammerCuts : public testing::TestWithParam<const char*> {
@@ -37,8 +37,8 @@ class ProgrammerCuts : public testing::TestWithParam<const char*> {
     }
     void expectThatTheNextSessionCompletes(size_t pagesWrittenBefore = 0) {
         const std::string started = startsNow();
-        ASSERT_THAT(started, AnyOf(Eq(""), Eq(kOlder), Eq(kNewer)));
-        if (started == kOlder) {
+        ASSERT_THAT(started, AnyOf(Eq(""), Eq(kFirstVersion), Eq(kNextVersion)));
+        if (started == kFirstVersion) {
             ASSERT_EQ(on.cells(older.size()), older);
         }
         const Report report = on.flash(newer);
@@ -49,12 +49,12 @@ class ProgrammerCuts : public testing::TestWithParam<const char*> {
                       report.plan.pagesOfImage + 1);
         }
         ASSERT_EQ(on.cells(newer.size()), newer);
-        ASSERT_EQ(on.runs(), kNewer);
+        ASSERT_EQ(on.runs(), kNextVersion);
         ASSERT_FALSE(std::filesystem::exists(on.settings.journal));
     }
 
     PartOnBoard on{GetParam()};
-    const Bytes older = on.imageOf(kOlder, 2600), newer = on.imageOf(kNewer, 2600);
+    const Bytes older = on.imageOf(kFirstVersion, 2600), newer = on.imageOf(kNextVersion, 2600);
 };
 
 TEST_P(ProgrammerCuts, PowerCutAtAnyEventIsMendedByTheNextSession) {

@@ -22,7 +22,7 @@ namespace {
 using programmer::Outcome;
 
 constexpr char kStm32flash[] = "/usr/bin/stm32flash";
-constexpr size_t kSize = 20000;
+constexpr size_t kExchangeSize = 20000;
 
 class ProgrammerExchange : public testing::TestWithParam<board::McuKind> {
   protected:
@@ -66,7 +66,7 @@ class ProgrammerExchange : public testing::TestWithParam<board::McuKind> {
 };
 
 TEST_P(ProgrammerExchange, Stm32flashReadsWhatTheProgrammerWrote) {
-    const std::string image = board::makeMcuImage(GetParam(), "V1.2.3", kSize);
+    const std::string image = board::makeMcuImage(GetParam(), "V1.2.3", kExchangeSize);
     const Bytes bytes(image.begin(), image.end());
     const auto report = session([&](programmer::Session& one) { return one.flash(bytes); });
     ASSERT_EQ(report.outcome, Outcome::kProgrammed) << report.reason;
@@ -75,10 +75,10 @@ TEST_P(ProgrammerExchange, Stm32flashReadsWhatTheProgrammerWrote) {
 }
 
 TEST_P(ProgrammerExchange, ProgrammerReadsWhatStm32flashWrote) {
-    const std::string image = board::makeMcuImage(GetParam(), "V1.2.3", kSize);
+    const std::string image = board::makeMcuImage(GetParam(), "V1.2.3", kExchangeSize);
     board::writeWholeFile(path("image"), image);
     ASSERT_EQ(stm32flash("-w " + path("image")), 0) << said;
-    Bytes bytes(kSize);
+    Bytes bytes(kExchangeSize);
     const auto report =
         session([&](programmer::Session& one) { return one.read(programmer::kFlashBase, bytes); });
     ASSERT_EQ(report.outcome, Outcome::kDone) << report.reason;

@@ -47,16 +47,11 @@ std::string documentedRowOf(const std::string& name) {
 class FullDisk : public std::streambuf {};
 
 int codeOnFullDisk(const Words& words) {
-    std::vector<const char*> argv = {"quilctl"};
-    for (const std::string& word : words) argv.push_back(word.c_str());
     FullDisk full;
     std::istringstream in;
     std::ostream out(&full);
     std::ostringstream err;
-    const int code = tools::run(tools::kBoardProgram, static_cast<int>(argv.size()), argv.data(),
-                                {in, out, err});
-    fd = -1;  // as freshly loaded: a session leaves its port's number there
-    return code;
+    return exitCodeOf(tools::kBoardProgram, words, {in, out, err});
 }
 
 class QuilctlEveryVerb : public QuilctlRun {

@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <chrono>
 
+#include "board/mcu/mcu_image.h"
 #include "testing/build.h"
 #include "testing/started_program.h"
 #include "tests/quilctl/test_run.h"
@@ -48,16 +49,11 @@ class SignalAtALine : public std::streambuf {
 };
 
 Said interruptedAt(int line, int signal, const std::vector<std::string>& words) {
-    std::vector<const char*> argv = {"quilctl"};
-    for (const std::string& word : words) argv.push_back(word.c_str());
     std::istringstream in;
     std::ostringstream out;
     SignalAtALine err(signal, line);
     std::ostream errors(&err);
-    const int code = tools::run(tools::kBoardProgram, static_cast<int>(argv.size()), argv.data(),
-                                {in, out, errors});
-    fd = -1;  // as freshly loaded: a session leaves its port's number there
-    tools::forgetInterruption();
+    const int code = exitCodeOf(tools::kBoardProgram, words, {in, out, errors});
     return {code, out.str(), err.text()};
 }
 
@@ -91,9 +87,9 @@ class QuilctlInterruption : public QuilctlRun {
 
 TEST_F(QuilctlInterruption, IsAPowerCutThatSaysWhatIsHalfDoneAndWhatDoesItAgain) {
     const std::string board = newBoard();
-    const tools::Words update = {"--trace", path("t.txt"), "--board",
-                                 board,     "mcu",         "program",
-                                 "--chip",  "gd32f303",    imageFile(std::string(4096, 'x'))};
+    const std::string image = board::makeMcuImage(board::McuKind::kGd32F303, "V1.2.0", 4096);
+    const tools::Words update = {"--trace", path("t.txt"), "--board",  board,           "mcu",
+                                 "program", "--chip",      "gd32f303", imageFile(image)};
     const Said said = interruptedAt(4, SIGINT, update);
     EXPECT_EQ(said.code, tools::kInterrupted);
     EXPECT_THAT(said.out, IsEmpty());

@@ -97,13 +97,9 @@ struct Shown {
 };
 
 Shown shownOn(const Screen& screen, const Words& words) {
-    std::vector<const char*> argv = {"quilctl"};
-    for (const std::string& word : words) argv.push_back(word.c_str());
     std::istringstream in;
     std::ostringstream out, err;
-    const int code = tools::run(tools::kBoardProgram, static_cast<int>(argv.size()), argv.data(),
-                                {in, out, err, screen, screen});
-    fd = -1;  // as freshly loaded: a session leaves its port's number there
+    const int code = exitCodeOf(tools::kBoardProgram, words, {in, out, err, screen, screen});
     return {code, out.str(), err.str()};
 }
 

@@ -5,6 +5,7 @@
 
 #include <filesystem>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -12,7 +13,6 @@
 #include "board/board_directory.h"
 #include "board/core/temporary_directory.h"
 #include "board/core/whole_file.h"
-#include "isp/serial_port.h"
 #include "testing/bytes.h"
 #include "testing/library_state.h"
 #include "tools/quilctl/cli.h"
@@ -26,16 +26,24 @@ struct Said {
     std::string err;
 };
 
-inline Said runProgram(const tools::Program& program, const std::vector<std::string>& words,
-                       const std::string& input = "") {
+// Runs the program in this process, with a library as a new process has it: but for the device's
+// program, whose library belongs to the service.
+inline int exitCodeOf(const tools::Program& program, const tools::Words& words,
+                      const tools::Streams& console) {
     std::vector<const char*> argv = {"quilctl"};
     for (const std::string& word : words) argv.push_back(word.c_str());
+    std::optional<FreshLibrary> library;
+    if (&program == &tools::kBoardProgram) library.emplace();
+    const int code = tools::run(program, static_cast<int>(argv.size()), argv.data(), console);
+    tools::forgetInterruption();
+    return code;
+}
+
+inline Said runProgram(const tools::Program& program, const std::vector<std::string>& words,
+                       const std::string& input = "") {
     std::istringstream in(input);
     std::ostringstream out, err;
-    const int code =
-        tools::run(program, static_cast<int>(argv.size()), argv.data(), {in, out, err});
-    fd = -1;  // as freshly loaded: a session leaves its port's number there
-    tools::forgetInterruption();
+    const int code = exitCodeOf(program, words, {in, out, err});
     return {code, out.str(), err.str()};
 }
 

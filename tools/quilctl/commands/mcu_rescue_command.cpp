@@ -76,7 +76,7 @@ std::optional<Report> compare(FlashTarget& target, Candidate& candidate) {
     return std::nullopt;
 }
 
-Json jsonOf(const std::vector<Candidate>& candidates) {
+Json listOf(const std::vector<Candidate>& candidates) {
     Json all = Json::array();
     for (const Candidate& one : candidates) {
         all.push_back({{"image", one.file},
@@ -121,7 +121,7 @@ void rescue(const Cli& cli, const RescueArguments& arguments, Result& result) {
         if (failed) return addReport(result, *failed, "mcu rescue");
         result.text << textOf(one);
     }
-    result.json["candidates"] = jsonOf(candidates);
+    result.json["candidates"] = listOf(candidates);
     const Candidate& chosen = chosenOf(target, candidates);
     result.json["chosen"] = chosen.file;
     if (!chosen.isWhole()) {

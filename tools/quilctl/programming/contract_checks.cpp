@@ -12,17 +12,16 @@ using programmer::Protocol;
 
 constexpr size_t kN32Block = 128, kMostN32Blocks = 255, kMostPages = 126;
 
-std::string number(size_t value) { return std::to_string(value); }
-
 // The last block is sent only when it is a short one; blocks are counted in 8 bits.
 void checkN32(size_t size, std::vector<ImageProblem>& problems) {
     const size_t blocks = (size + kN32Block - 1) / kN32Block;
     if (blocks > kMostN32Blocks) {
-        problems.push_back({"the image has " + number(blocks) + " blocks of 128 bytes",
-                            "the flow counts them in 8 bits and sends " + number(blocks % 256)});
+        problems.push_back(
+            {"the image has " + std::to_string(blocks) + " blocks of 128 bytes",
+             "the flow counts them in 8 bits and sends " + std::to_string(blocks % 256)});
     }
     if (size % kN32Block == 0) {
-        problems.push_back({"the image's " + number(size) + " bytes are a multiple of 128",
+        problems.push_back({"the image's " + std::to_string(size) + " bytes are a multiple of 128",
                             "the flow leaves out the last 128"});
     }
 }
@@ -40,11 +39,11 @@ void checkErase(const Part& part, size_t size, std::vector<ImageProblem>& proble
         if (part.name != std::string(pages.chip)) continue;
         const size_t count = size / pages.size + (pages.addsOne ? 1 : 0), over = size % pages.size;
         if (count > kMostPages) {
-            problems.push_back({"the flow erases " + number(count) + " pages for the image",
+            problems.push_back({"the flow erases " + std::to_string(count) + " pages for the image",
                                 "its list holds 126 and breaks"});
         }
         if (over != 0 && !pages.addsOne) {
-            problems.push_back({"the image ends " + number(over) + " bytes into a page",
+            problems.push_back({"the image ends " + std::to_string(over) + " bytes into a page",
                                 "the flow does not erase that page: what it held before stays"});
         }
     }

@@ -7,7 +7,7 @@
 namespace quil::tools {
 namespace {
 
-constexpr int kPlainStride = 25;  // percent from one plain line of a phase to the next
+constexpr int kPhaseStride = 25;  // percent from one plain line of a phase to the next
 
 }  // namespace
 
@@ -17,7 +17,7 @@ void FlashProgress::show(const programmer::Progress& progress) {
     const char* phase = isBefore ? "connect" : progress.phase;
     const bool isOtherPhase = mPhase != phase;
     if (percent == mShown && !isOtherPhase) return;
-    const bool isDue = isOtherPhase || percent / kPlainStride != mShown / kPlainStride;
+    const bool isDue = isOtherPhase || percent / kPhaseStride != mShown / kPhaseStride;
     if (mReport.hasBar()) {
         mReport.showBar(barOf(percent, phase, mReport.screen().columns));
     } else if (isDue) {

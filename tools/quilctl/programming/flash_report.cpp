@@ -35,7 +35,7 @@ Json troublesOf(const Statistics& statistics) {
     return json;
 }
 
-Json pagesOf(const Report& report) {
+Json pageCountsOf(const Report& report) {
     const Statistics& numbers = report.statistics;
     return {{"of_image", report.plan.pagesOfImage},
             {"to_write", report.plan.pages.size()},
@@ -51,7 +51,7 @@ void addJson(Json& json, const Report& report) {
     json["identity"] = report.identity.text();
     json["baud"] = report.line.baud;
     json["seconds"] = secondsOf(numbers.took);
-    json["pages"] = pagesOf(report);
+    json["pages"] = pageCountsOf(report);
     json["troubles"] = troublesOf(numbers);
     json["turnaround_ms"] = {{"p50", inMilliseconds(numbers.turnaroundOf(50))},
                              {"p99", inMilliseconds(numbers.turnaroundOf(99))}};
