@@ -83,10 +83,10 @@ execute_process(COMMAND gzip -9nc ${CMAKE_BINARY_DIR}/package/changelog
 install(FILES cmake/package/copyright ${CMAKE_BINARY_DIR}/package/changelog.gz
         DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/quilctl COMPONENT tools)
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "command line and simulated board of an LED-display controller")
-set(CPACK_PACKAGE_DESCRIPTION
+set(CPACK_COMPONENT_TOOLS_DESCRIPTION
     "quilctl talks to the hardware service of an LED-display controller board,
- on a simulated board that it brings along: requests, start-ups,
- programming of the microcontroller and the FPGA, faults and traces.")
+on a simulated board that it brings along: requests, start-ups,
+programming of the microcontroller and the FPGA, faults and traces.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL tools)
