@@ -68,14 +68,14 @@ std::vector<ImageProblem> contractProblems(std::span<const uint8_t> image,
 std::string sizesForContract(const std::string& chip) {
     const Part* part = programmer::partNamed(chip);
     if (part != nullptr && part->protocol == Protocol::kN32) {
-        return "fewer than " + number(kMostN32Blocks * kN32Block) +
+        return "fewer than " + std::to_string(kMostN32Blocks * kN32Block) +
                " bytes, and no multiple of 128";
     }
     for (const FlowPages& pages : kFlowPages) {
         if (part == nullptr || part->name != std::string(pages.chip)) continue;
-        return pages.addsOne ? "fewer than " + number(kMostPages * pages.size) + " bytes"
-                             : "whole pages of " + number(pages.size) + " bytes, at most " +
-                                   number(kMostPages);
+        return pages.addsOne ? "fewer than " + std::to_string(kMostPages * pages.size) + " bytes"
+                             : "whole pages of " + std::to_string(pages.size) + " bytes, at most " +
+                                   std::to_string(kMostPages);
     }
     return "an image that fits";
 }
