@@ -50,7 +50,8 @@ class BoardPlace {
         const auto from = mModel / name, to = mBoard / name;
         std::error_code missing;
         if (std::filesystem::is_directory(from)) {
-            if (!std::filesystem::is_directory(to, missing)) std::filesystem::remove_all(to);
+            if (std::filesystem::is_directory(to, missing)) return;
+            std::filesystem::remove_all(to);
             std::filesystem::create_directory(to);
             return;
         }
