@@ -183,6 +183,8 @@ TEST_F(QuilctlMcu, WhatTheCommandLineGetsWrongIsAUsageError) {
     EXPECT_EQ(quilctl({"mcu"}).code, tools::kUsage);
     EXPECT_EQ(quilctl({"mcu", "program", "--chip", "avr", imageFile("x")}).code, tools::kUsage);
     EXPECT_EQ(quilctl({"mcu", "program", "--chip", "gd32f303", path("none")}).code, tools::kUsage);
+    EXPECT_EQ(quilctl({"mcu", "program", "--chip", "gd32f303", "/dev/zero"}).err,
+              "quilctl: FILE: /dev/zero: not a regular file (see quilctl mcu program --help)\n");
     EXPECT_EQ(quilctl({"mcu", "task", "fly"}).code, tools::kUsage);
     EXPECT_EQ(quilctl({"mcu", "task", "0x100"}).code, tools::kUsage);
     EXPECT_EQ(quilctl({"mcu", "update", "--installed", std::string(16, 'V')}).code, tools::kUsage);

@@ -48,7 +48,6 @@ inline Said runProgram(const tools::Program& program, const std::vector<std::str
 }
 
 inline Said quilctl(const std::vector<std::string>& words, const std::string& input = "") {
-    const FreshLibrary library;
     return runProgram(tools::kBoardProgram, words, input);
 }
 

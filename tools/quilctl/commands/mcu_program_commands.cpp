@@ -195,6 +195,17 @@ void runTask(const Cli& cli, const TaskArguments& arguments, Result& result) {
                                ": " + (wrong.empty() ? programming.session().lastError() : wrong));
 }
 
+// The library asks for the size of a file before it reads it: a pipe or a device has none.
+CLI::Validator regularFile() {
+    return CLI::Validator(
+        [](std::string& file) -> std::string {
+            std::error_code error;
+            if (fs::is_regular_file(file, error)) return {};
+            return file + ": " + (error ? error.message() : "not a regular file");
+        },
+        "FILE");
+}
+
 void addProgram(CLI::App& mcu, Cli& cli) {
     const auto [command, arguments] =
         addVerb(mcu, cli,
@@ -211,7 +222,7 @@ void addProgram(CLI::App& mcu, Cli& cli) {
         ->check(chipName());
     addPortOptions(command, arguments);
     command.add_flag("--as-is", arguments.asIs, "Also an image that does not suit the flow");
-    command.add_option("FILE", arguments.file, "The image")->required()->check(CLI::ExistingFile);
+    command.add_option("FILE", arguments.file, "The image")->required()->check(regularFile());
 }
 
 void addTask(CLI::App& mcu, Cli& cli) {
@@ -234,7 +245,7 @@ void addTask(CLI::App& mcu, Cli& cli) {
         .add_option("--file", arguments.file,
                     "The image to write, or a file as long as what is read or erased "
                     "(default: the shipped image)")
-        ->check(CLI::ExistingFile);
+        ->check(regularFile());
     command.add_option("--save", arguments.save, "Where to put what read-memory has read");
 }
 
