@@ -39,7 +39,7 @@ void addFullDisks(const Subject& subject, bool kept, bool json, Cases& cases) {
     const int changes = subject.usual(like).changes;
     for (int change = 1; change <= changes; ++change) {
         Case one = like;
-        // By turns the disk is full for one write only.
+        // In every second case the disk is full for one write only.
         const bool alone = kept && change % 2 == static_cast<int>(json);
         one.name = boardText(kept) + "write " + std::to_string(change) + " of " +
                    std::to_string(changes) + (alone ? " fails" : " and all after it fail");
@@ -143,14 +143,14 @@ Cases noTemporaryFolder(const Subject& subject) {
 constexpr int kMoments = 20;
 constexpr int kTimes = 5;
 
-// The program must have been stopped up to the middle of what it does on a board; towards its end
-// it may have done everything. With the power off, all that is left to do is to clean up.
+// A signal in the first half of what the command does on a board has to stop it. Later the command
+// may be through with its work, and end as without the signal.
 Demand demandAt(const Subject& subject, const Outcome& usual, int moment) {
     const bool early = moment <= usual.worked / 2;
     return subject.powersBoard && early ? Demand::kInterrupted : Demand::kAnyCode;
 }
 
-// Between two calls, where only the clock finds a moment.
+// Signals that come after a time, and so between two calls as well.
 void addTimes(const Subject& subject, int signal, Cases& cases) {
     for (int i = 1; i <= kTimes; ++i) {
         Case one{.name = "in time " + std::to_string(i), .json = i % 2 == 0, .slow = true};

@@ -15,7 +15,7 @@ struct Subject {
     bool powersBoard = true;
     bool serves = false;
     const std::vector<tools::Words>& others;  // all commands
-    // What the case would come to without its hardship.
+    // The outcome of the case without its hardship.
     std::function<const Outcome&(const Case&)> usual;
 
     bool meetsBoard() const { return powersBoard || verb.front() == "board"; }

@@ -53,7 +53,7 @@ std::vector<Folder::Entry> Folder::boardEntries() {
 }
 
 void Folder::damage(const fs::path& entry, Damage kind) const {
-    // The last one is a matter of the calls: permissions would not stop root.
+    // kForbidden is done by failing calls: permissions would not stop root.
     if (kind == Damage::kNone || kind == Damage::kForbidden) return;
     const fs::path file = board() / entry;
     const std::string content = fs::is_regular_file(file) ? tests::contentOf(file) : "";

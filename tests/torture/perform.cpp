@@ -190,7 +190,8 @@ std::string answerOf(const char* verb, const Folder& folder) {
     return ended.code == tools::kOk ? "" : answer;
 }
 
-// A board that was sound still is; another one is, once it could be mended, and only then.
+// A board that was sound has to be sound afterwards. One that was damaged before the run has to be
+// sound after a repair that succeeds, and must not be called sound after one that fails.
 std::string boardProblemIn(const Folder& folder, Damage damage) {
     const bool wasSound = damage == Damage::kNone || damage == Damage::kForbidden;
     const bool isSound = wasSound || answerOf("repair", folder).empty();

@@ -122,7 +122,7 @@ void placeStreams(const Plan& plan) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
     if (start.ownSession || plan.terminal.get() >= 0) setsid();
     if (plan.terminal.get() >= 0) ioctl(plan.terminalsOther.get(), TIOCSCTTY, 0);
-    // A caller in the background of a shell has them turned off.
+    // A shell starts a background job with SIGINT ignored, which the program would inherit.
     for (const int caught : {SIGINT, SIGTERM, SIGHUP, SIGPIPE}) signal(caught, SIG_DFL);
     const rlimit none{0, 0};
     setrlimit(RLIMIT_CORE, &none);

@@ -23,8 +23,8 @@ enum class Stream {
     kTerminal,  // the run's own, for all three
 };
 
-// What becomes of a call: it fails with an errno, or happens; or it is held for a moment, until the
-// program has dealt with a signal.
+// What is done with a call: it fails with an errno, or it happens; or it is held until the program
+// has dealt with a signal that was sent.
 struct Answer {
     int error = 0;
     bool isHeld = false;

@@ -15,15 +15,16 @@ namespace {
 using Clock = std::chrono::steady_clock;
 using tools::Words;
 
-// A sample has a case of one pair in so many: seconds, and each command and condition.
+// A sample takes one case of every eighth pair of command and condition: each command and each
+// condition occurs, and it takes seconds.
 constexpr size_t kSampled = 8;
 
-// What commands come to without a hardship, each run once.
+// The outcomes of commands without a hardship; each command is run once for it.
 class UsualOutcomes {
   public:
     const Outcome& of(const Words& verb, const Case& like) {
         Case plain{.json = like.json, .keptBoard = like.keptBoard, .options = like.options};
-        // The board's own time comes to the same, and sooner.
+        // In board time the outcome is the same, and it is there sooner.
         auto& options = plain.options;
         options.erase(std::remove(options.begin(), options.end(), "--realtime"), options.end());
         const std::string key = textOf(verb) + (plain.json ? " json" : "") +

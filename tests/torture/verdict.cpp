@@ -1,4 +1,4 @@
-// What must not come out of any run.
+// Judges a run: by its own demand, and by what every run has to hold.
 #include <string.h>
 
 #include <algorithm>
@@ -60,8 +60,8 @@ void judgeJson(const tools::Words& verb, const Outcome& outcome, Complaints& com
     if (code == 0 && !json.contains("result")) complaints.emplace_back("JSON without a result");
 }
 
-// Letters of a line as a terminal shows it: no escape sequences, and one for each character of
-// UTF-8.
+// The columns that a line takes on a terminal: escape sequences take none, a character of UTF-8
+// one.
 int widthOf(const std::string& line) {
     int width = 0;
     for (size_t i = 0; i < line.size(); ++i) {
@@ -75,7 +75,7 @@ int widthOf(const std::string& line) {
     return width;
 }
 
-// The library's log and the names of files are as long as they are.
+// Lines of the library's log and names of files are not wrapped.
 bool mayBeLong(const std::string& line) {
     static const std::regex kLogLine("(\\x1b\\[[0-9;]*m)*[DIWE]/[^ :]*: .*");
     return std::regex_match(line, kLogLine) ||
@@ -121,7 +121,7 @@ void judgeDemand(const Case& one, const Outcome& outcome, const Outcome& usual,
             if (outcome.refused == 0) complaints.emplace_back("the call to fail did not come");
             return expect(code != 0, "a failure's");
         case Demand::kNotWritten:
-            // What had failed before may be the first failure.
+            // A command that fails anyway may end with that code.
             return expect(code == tools::kNotWritten || (code != 0 && code == usualCode), "5");
         case Demand::kNoBoard:
             return expect(code == tools::kNoBoard, "4");

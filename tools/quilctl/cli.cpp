@@ -227,7 +227,7 @@ std::vector<Failure> failuresOf(const std::function<void()>& command) {
 bool isLost(const Failure& failure) { return failure.code() == kNoBoard; }
 bool isInterruption(const Failure& failure) { return failure.code() >= kHungUp; }
 
-// As a shell takes it.
+// The command line, quoted so that it can be given to a shell again.
 std::string typed(int argc, const char* const* argv) {
     std::string line = "quilctl";
     for (int i = 1; i < argc; ++i) {
