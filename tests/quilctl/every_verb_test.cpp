@@ -190,12 +190,16 @@ TEST_F(QuilctlEveryVerb, TakesEachOptionOfABoardThatItPowers) {
         EXPECT_EQ(quilctl(Words{"--board", path("none")} + verb + row.arguments).code,
                   tools::kUsage);
         const Words logged = {"--log-level", "D"};
-        if (!row.logs) EXPECT_EQ(quilctl(logged + verb + row.arguments).code, tools::kUsage);
+        if (!row.logs) {
+            EXPECT_EQ(quilctl(logged + verb + row.arguments).code, tools::kUsage);
+        }
         const Said said = quilctl(Words{"--seed", "7", "--trace", trace} +
                                   (row.logs ? logged : Words{}) + verb + row.arguments);
         EXPECT_EQ(said.code, row.code);
         EXPECT_THAT(board::readWholeFile(trace).value_or(""), HasSubstr("board: on, seed 7\n"));
-        if (row.logs) EXPECT_THAT(said.err, HasSubstr("D/"));
+        if (row.logs) {
+            EXPECT_THAT(said.err, HasSubstr("D/"));
+        }
     });
 }
 
