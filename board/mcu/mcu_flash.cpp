@@ -111,6 +111,7 @@ uint32_t McuFlash::pageAt(uint32_t offset) const {
 void McuFlash::drawTimes(uint64_t seed) { mTimesSeed = seed; }
 
 Nanos McuFlash::timeOf(const FlashTime& time) const {
+    if (mIsSlowest) return time.most;
     if (mTimesSeed == 0) return time.typical;
     constexpr size_t kSteps = 1024;
     const auto seed = mTimesSeed + static_cast<uint64_t>(time.typical.count());

@@ -56,8 +56,9 @@ class McuFlash {
     void powerLost(const Tear&);
 
     // Operations take typical times. With a seed other than 0 they take times between these and the
-    // longest ones.
+    // longest ones, or always the longest ones.
     void drawTimes(uint64_t seed);
+    void takeLongestTimes() { mIsSlowest = true; }
 
     // Protection is kept without power, in the option bytes.
     bool readoutProtected() const { return mReadoutProtected; }
@@ -102,6 +103,7 @@ class McuFlash {
     std::vector<uint8_t> mCells;
     size_t mUsed = 0;  // all cells from here on are erased
     uint64_t mTimesSeed = 0;
+    bool mIsSlowest = false;
     Operation mOperation;
     bool mReadoutProtected = false;
     std::set<uint32_t> mWriteProtected;

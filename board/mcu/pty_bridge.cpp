@@ -22,6 +22,9 @@ namespace {
 using std::chrono::milliseconds;
 
 constexpr Nanos kLongestWait = milliseconds(20);  // stop() takes effect within this time
+// To wake for each byte of a block would take a processor. Of what follows each other within this
+// time only the last is on time to the point, and that is what a host waits for.
+constexpr Nanos kBunch = milliseconds(1);
 constexpr Nanos kNapWhenClosed = milliseconds(1);
 
 Nanos realNow() {
@@ -61,6 +64,7 @@ class PtyBridge::Part : public McuSurroundings {
           mNoise(options.seed, options.noise),
           mNow(options.realtime ? realNow() : Nanos(0)) {
         flash.drawTimes(options.seed);
+        if (options.slowest) flash.takeLongestTimes();
         loader->start();
     }
 
@@ -134,7 +138,8 @@ class PtyBridge::Part : public McuSurroundings {
     }
     Nanos untilNext() const {
         if (mQueue.empty()) return kLongestWait;
-        return std::clamp(mQueue.begin()->first - realNow(), Nanos(0), kLongestWait);
+        const auto next = std::prev(mQueue.upper_bound(mQueue.begin()->first + kBunch));
+        return std::clamp(next->first - realNow(), Nanos(0), kLongestWait);
     }
 
   private:

@@ -6,7 +6,8 @@
 // The bridge has one clock and one queue: bytes take the time of the line at the speed that the
 // program has set, in the part's own frame (8E1: 11 bits, an N32 8N1: 10 bits; a pseudo terminal
 // drops the parity), and flash operations theirs. In real time what happens is held back until it
-// is due; otherwise the clock jumps to the next event. The order is the same.
+// is due (the first bytes of a block up to a millisecond longer, as adapters do); otherwise the
+// clock jumps to the next event. The order is the same.
 #pragma once
 
 #include <atomic>
@@ -28,6 +29,7 @@ struct PtyBridgeOptions {
     bool realtime = false;  // bytes and flash operations take their real time
     int fastest = McuSurroundings::kPublishedFastest;  // the highest speed that it measures
     uint64_t seed = 0;                                 // of its flash's times; 0: typical ones
+    bool slowest = false;                              // its flash takes its longest times
     NoiseRates noise = {};                             // of the line, decided by the seed
 };
 

@@ -102,6 +102,7 @@ TEST_P(BoardStm32flash, StartsTheApplicationWhichIsSilentUntilTheNextReset) {
 INSTANTIATE_TEST_SUITE_P(Parts, BoardStm32flash,
                          testing::Values(Part{McuKind::kGd32F303, "gd32f303", "0x0414"},
                                          Part{McuKind::kGd32F470, "gd32f470", "0x0419"},
+                                         Part{McuKind::kGd32E503, "gd32e503", "0x0444"},
                                          Part{McuKind::kStm32H750, "stm32h750", "0x0450"}),
                          [](const auto& info) { return std::string(info.param.name); });
 

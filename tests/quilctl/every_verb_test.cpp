@@ -167,7 +167,7 @@ TEST_F(QuilctlEveryVerb, RefusesTheOptionsOfABoardThatHaveNoEffectOnIt) {
         {{"--product", "Kestrel"}, {"board new", "board check", "board repair", "config check"}},
         {{"--trace", path("t.txt")}, {}},
         {{"--log-level", "D"}, {}},
-        {{"--seed", "7"}, {}},
+        {{"--seed", "7"}, {"mcu model"}},
         {{"--realtime"}, {"mcu model"}},
     };
     forEach([&](const Words& verb, const VerbCase& row) {

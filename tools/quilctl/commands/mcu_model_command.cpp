@@ -16,6 +16,7 @@ namespace {
 
 struct ModelArguments {
     std::string chip, link, flash;
+    bool slowest = false;
 };
 
 // The part's flash, forgotten in the end when the caller names no file for it.
@@ -63,7 +64,9 @@ void model(const Cli& cli, const ModelArguments& arguments, Result& result) {
     board::PtyBridge bridge({.part = part->kind,
                              .flash = flash.path(),
                              .link = arguments.link,
-                             .realtime = cli.options.realtime});
+                             .realtime = cli.options.realtime,
+                             .seed = cli.options.seed,
+                             .slowest = arguments.slowest});
     const StopsAtInterruption stops([&bridge] { bridge.stop(); });
     if (!bridge.staleTarget().empty()) {
         cli.console.err << arguments.link << ": replaced, it led to " << bridge.staleTarget()
@@ -85,18 +88,20 @@ void model(const Cli& cli, const ModelArguments& arguments, Result& result) {
 }  // namespace
 
 void addMcuModelCommand(CLI::App& mcu, Cli& cli) {
-    const auto [command, arguments] =
-        addVerb(mcu, cli,
-                {"model", "Put a part's boot loader behind a pty",
-                 "With --realtime the line and the flash take their time. A pty has no parity.\n"
-                 "Ctrl-C and a termination are its normal end. Exit code 1 when the boot\n"
-                 "loader refused something as against its protocol.\n"
-                 "Examples: quilctl mcu model --chip gd32f303 --pty /tmp/mcu &\n"
-                 "          stm32flash -m 8n1 -b 115200 -w image.bin -v /tmp/mcu\n"
-                 "          quilctl mcu program --chip gd32f303 --port /tmp/mcu image.bin",
-                 kRealtimeOption},
-                model);
-    command.add_option("--chip", arguments.chip, "gd32f303, gd32f470, stm32h750 or n32g45x")
+    const auto [command, arguments] = addVerb(
+        mcu, cli,
+        {"model", "Put a part's boot loader behind a pty",
+         "With --realtime the line and the flash take their time, the flash its typical one:\n"
+         "--seed draws one between that and the longest. A pty has no parity.\n"
+         "Ctrl-C and a termination are its normal end. Exit code 1 when the boot\n"
+         "loader refused something as against its protocol.\n"
+         "Examples: quilctl mcu model --chip gd32f303 --pty /tmp/mcu &\n"
+         "          stm32flash -m 8n1 -b 115200 -w image.bin -v /tmp/mcu\n"
+         "          quilctl mcu program --chip gd32f303 --port /tmp/mcu image.bin",
+         kRealtimeOption | kSeedOption},
+        model);
+    command
+        .add_option("--chip", arguments.chip, "gd32f303, gd32f470, gd32e503, stm32h750, n32g45x")
         ->required()
         ->check(chipName());
     command.add_option("--pty", arguments.link, "Symbolic link to make to the pty")->required();
@@ -104,6 +109,7 @@ void addMcuModelCommand(CLI::App& mcu, Cli& cli) {
         "--flash", arguments.flash,
         "File with the part's flash (default: an erased one, forgotten in the end); a "
         "board that it belongs to is in use as long");
+    command.add_flag("--slowest", arguments.slowest, "The flash takes its longest times");
 }
 
 }  // namespace quil::tools
