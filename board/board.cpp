@@ -66,9 +66,9 @@ bool Board::isOpen(int fd) const {
     return mMachine->openFile(fd) != nullptr;
 }
 
-void Board::lendDevice(const std::string& path) {
+void Board::lendDevice(const std::string& path, DeviceGate gate) {
     Guard guard(boardLock());
-    mMachine->lentDevices.lend(path);
+    mMachine->lentDevices.lend(path, std::move(gate));
 }
 
 Nanos Board::now() const {

@@ -72,8 +72,10 @@ class Board {
     void writeFile(std::string_view boardPath, std::string_view content);
     // True if this number stands for an open device or file of the board.
     bool isOpen(int fd) const;
-    // From now on this path is the workstation's device; what is transferred is traced.
-    void lendDevice(const std::string& path);
+    // From now on this path is the workstation's device; what is transferred is traced. The gate
+    // is asked before each write to it, with the board's lock held; false: the write fails.
+    using DeviceGate = std::function<bool(std::span<const uint8_t>)>;
+    void lendDevice(const std::string& path, DeviceGate gate = nullptr);
 
     Nanos now() const;   // since power-on
     void runFor(Nanos);  // the calling thread waits in board time

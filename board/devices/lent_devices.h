@@ -4,8 +4,9 @@
 
 #include <stdint.h>
 
+#include <functional>
 #include <map>
-#include <set>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -17,18 +18,22 @@ class LentDevices {
   public:
     explicit LentDevices(BoardServices& board) : mBoard(board) {}
 
-    void lend(std::string path) { mPaths.insert(std::move(path)); }
-    bool has(std::string_view path) const { return mPaths.find(path) != mPaths.end(); }
+    // Asked before each write to the device; false: the write fails with EIO.
+    using Gate = std::function<bool(std::span<const uint8_t>)>;
+
+    void lend(std::string path, Gate gate) { mGates[std::move(path)] = std::move(gate); }
+    bool has(std::string_view path) const { return mGates.find(path) != mGates.end(); }
 
     // For the C library calls.
     void opened(int fd, std::string path) { mFiles[fd] = std::move(path); }
     void closed(int fd) { mFiles.erase(fd); }
     bool isOpen(int fd) const { return mFiles.count(fd) != 0; }
+    bool mayWrite(int fd, const void* data, size_t count) const;
     void transferred(int fd, EventKind, const void* data, ssize_t count) const;
 
   private:
     BoardServices& mBoard;
-    std::set<std::string, std::less<>> mPaths;
+    std::map<std::string, Gate, std::less<>> mGates;
     std::map<int, std::string> mFiles;
 };
 

@@ -321,7 +321,8 @@ QUIL_EXPORT ssize_t write(int fd, const void* data, size_t count) {
     if (const OpenFile* file = machine->openFile(fd)) {
         return writeOnBoard(*machine, *file, fd, data, count);
     }
-    if (isCutOff(*machine, fd)) return failWith(EIO);
+    const bool mayWrite = machine->lentDevices.mayWrite(fd, data, count);
+    if (!mayWrite || isCutOff(*machine, fd)) return failWith(EIO);
     const ssize_t result = real().write(fd, data, count);
     const int error = errno;
     machine->lentDevices.transferred(fd, EventKind::kUartTx, data, result);

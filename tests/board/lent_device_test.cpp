@@ -1,4 +1,5 @@
 // A device of the workstation in place of one of the board's.
+#include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -80,6 +81,20 @@ TEST_F(LentDevice, AfterAnOpeningThatFailedTheErrorIsInTheTrace) {
     const auto opened = board.trace().events(EventKind::kOpen);
     ASSERT_EQ(opened.size(), 1u);
     EXPECT_EQ(opened[0].text, "ENOENT");
+}
+
+TEST_F(LentDevice, GateIsAskedBeforeEachWriteAndHoldsItBack) {
+    Board board;
+    board.lendDevice(path, [](std::span<const uint8_t> bytes) { return bytes[0] != 'x'; });
+    const int fd = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK);
+    EXPECT_EQ(write(fd, "xy", 2), -1);
+    EXPECT_EQ(errno, EIO);
+    EXPECT_EQ(write(fd, "z", 1), 1);
+    char byte = 0;
+    EXPECT_EQ(read(nearEnd, &byte, 1), 1);
+    EXPECT_EQ(byte, 'z');
+    EXPECT_EQ(eventsOf(board, EventKind::kUartTx).size(), 1u);
+    close(fd);
 }
 
 TEST_F(LentDevice, PortThatIsNotThereCannotBeLent) {

@@ -113,6 +113,7 @@ TEST_F(QuilctlMcu, UpdateInVainTellsTheAttemptsTheStepAndWhatTheMcuSaid) {
 TEST_F(QuilctlMcu, ProgramPutsAFileIntoEachPart) {
     const std::pair<McuKind, size_t> parts[] = {{McuKind::kGd32F303, 4096},
                                                 {McuKind::kGd32F470, 5000},
+                                                {McuKind::kGd32E503, 5000},
                                                 {McuKind::kStm32H750, 5000},
                                                 {McuKind::kN32G45x, 1000}};
     for (const auto& [kind, size] : parts) {
@@ -166,8 +167,9 @@ TEST_F(QuilctlMcu, ImageThatDoesNotSuitTheFlowIsRefusedBeforeItDoesHarm) {
 TEST_F(QuilctlMcu, ProgramAndUpdateAreRefusedForAnotherPartAndAnUnsuitedImage) {
     const std::string board = newBoard();
     const std::string image = imageFile(makeMcuImage(McuKind::kGd32F470, "V2.0.0", 4096));
-    EXPECT_THAT(quilctl({"--board", board, "mcu", "program", "--chip", "gd32f470", image}).err,
-                HasSubstr("the board's MCU is a gd32f303, not a gd32f470 (--chip)"));
+    const Said other = quilctl({"--board", board, "mcu", "program", "--chip", "gd32f470", image});
+    EXPECT_EQ(other.code, tools::kRefused);
+    EXPECT_THAT(other.err, HasSubstr("the board's MCU is a gd32f303, not a gd32f470 (--chip)"));
     board::writeWholeFile(board + "/rootfs/vendor/firmware/mcu_Heron.bin", std::string(4096, 'x'));
     EXPECT_EQ(quilctl({"--board", board, "mcu", "update"}).code, tools::kBadData);
 }

@@ -14,6 +14,7 @@
 #include "tools/quilctl/files/validators.h"
 #include "tools/quilctl/programming/boot_loader_names.h"
 #include "tools/quilctl/programming/contract_checks.h"
+#include "tools/quilctl/programming/part_gate.h"
 #include "tools/quilctl/programming/port_arguments.h"
 #include "tools/quilctl/programming/programming_run.h"
 #include "tools/quilctl/programming/task_answers.h"
@@ -23,10 +24,11 @@ namespace {
 
 namespace fs = std::filesystem;
 
-// A board to program, or one that lends its place to a real device.
+// A board to program, or one that lends its place to a real device, with a gate in front of it.
 class ProgrammingSession {
   public:
-    ProgrammingSession(const Cli& cli, const PortArguments& arguments, const std::string& chip)
+    ProgrammingSession(const Cli& cli, const PortArguments& arguments, const std::string& chip,
+                       const std::shared_ptr<PartGate>& gate = nullptr)
         : mSession(optionsFor(cli.options, arguments, chip), cli.console),
           mPort(arguments.port.empty() ? board().mcuUart().path() : arguments.port) {
         refuseIdleOptions(cli, arguments, mPort == board().mcuUart().path(),
@@ -39,7 +41,7 @@ class ProgrammingSession {
         if (arguments.wiring.boot0 == "none") {
             cli.console.err << "MCU_BOOT0 is not wired: the MCU has to be in its boot loader\n";
         }
-        mLent.emplace(board(), mPort, arguments.wiring);
+        mLent.emplace(board(), mPort, arguments.wiring, asked(gate));
         mSession.setLeftOutside("the MCU behind " + mPort +
                                 " may be half programmed, and wait in its boot loader");
     }
@@ -49,6 +51,12 @@ class ProgrammingSession {
     const std::string& port() const { return mPort; }
 
   private:
+    // The trace keeps its listeners, so they share the gate.
+    board::Board::DeviceGate asked(const std::shared_ptr<PartGate>& gate) {
+        if (gate == nullptr) return nullptr;
+        board().trace().onEvent([gate](const board::Event& event) { gate->see(event); });
+        return [gate](std::span<const uint8_t> request) { return gate->passes(request); };
+    }
     static Options optionsFor(Options options, const PortArguments& arguments,
                               const std::string& chip) {
         if (isOnWorkstation(arguments.port)) options.realtime = true;
@@ -82,12 +90,21 @@ std::string joined(const std::vector<std::string>& lines) {
 void checkPart(ProgrammingSession& programming, const std::string& chip) {
     const std::string fitted = programming.board().mcuChip().part().name;
     if (programming.port() != programming.board().mcuUart().path() || fitted == chip) return;
-    throw Failure(kBadData, "the board's MCU is a " + fitted + ", not a " + chip + " (--chip)",
+    throw Failure(kRefused, "the board's MCU is a " + fitted + ", not a " + chip + " (--chip)",
                   "--chip " + fitted + ", with an image for it; --as-is does it all the same");
 }
 
+void refuseOtherPart(const PartGate& gate, Result& result) {
+    if (gate.refusal().empty()) return;
+    result.json["done"] = false;
+    throw Failure(kRefused, gate.refusal(),
+                  "the right --chip, with an image for it; --as-is does it all the same");
+}
+
 void program(const Cli& cli, const ProgramArguments& arguments, Result& result) {
-    ProgrammingSession programming(cli, arguments, arguments.chip);
+    const auto gate =
+        std::make_shared<PartGate>(arguments.port, *programmer::partNamed(arguments.chip));
+    ProgrammingSession programming(cli, arguments, arguments.chip, arguments.asIs ? nullptr : gate);
     checkForContract(arguments.file, arguments.chip, arguments.asIs);
     if (!arguments.asIs) checkPart(programming, arguments.chip);
     std::string file = workstationPath(arguments.file);
@@ -95,6 +112,7 @@ void program(const Cli& cli, const ProgramArguments& arguments, Result& result) 
     const ProgrammingOutcome outcome = runProgramming(
         programming.session(), cli.console, {port, chip, static_cast<size_t>(fs::file_size(file))},
         [&] { return mcu_isp_fw_update(file.data(), port.data(), chip.data()) == 0; });
+    refuseOtherPart(*gate, result);
     addOutcome(result, cli.console.screen, outcome);
     const auto violations = programming.board().violations();
     result.json["violations"] = violations;
@@ -217,11 +235,13 @@ void addProgram(CLI::App& mcu, Cli& cli) {
                 program);
     command
         .add_option("--chip", arguments.chip,
-                    "gd32f303, gd32f470, stm32h750 or n32g45x; a temporary board has it, too")
+                    "gd32f303, gd32f470, gd32e503, stm32h750 or n32g45x; a temporary board has "
+                    "it, too")
         ->required()
         ->check(chipName());
     addPortOptions(command, arguments);
-    command.add_flag("--as-is", arguments.asIs, "Also an image that does not suit the flow");
+    command.add_flag("--as-is", arguments.asIs,
+                     "Also another part, or an image that does not suit the flow");
     command.add_option("FILE", arguments.file, "The image")->required()->check(regularFile());
 }
 

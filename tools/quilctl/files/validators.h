@@ -27,7 +27,7 @@ inline CLI::Validator hexBytes() {
 }
 
 inline CLI::Validator chipName() {
-    return CLI::IsMember({"gd32f303", "gd32f470", "stm32h750", "n32g45x"});
+    return CLI::IsMember({"gd32f303", "gd32f470", "gd32e503", "stm32h750", "n32g45x"});
 }
 
 // The bytes of arguments that have passed the check above.

@@ -17,8 +17,9 @@ void drive(int device, int modemBit, bool isSet) {
 
 }  // namespace
 
-LentPort::LentPort(board::Board& board, const std::string& path, const ModemWiring& wiring) {
-    board.lendDevice(path);
+LentPort::LentPort(board::Board& board, const std::string& path, const ModemWiring& wiring,
+                   board::Board::DeviceGate gate) {
+    board.lendDevice(path, std::move(gate));
     mDevice = open(path.c_str(), O_RDWR | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
     if (mDevice < 0) throw std::runtime_error(path + ": " + strerror(errno));
     wire(board.gpio().at(board::kGpioNrst), wiring.nrst);

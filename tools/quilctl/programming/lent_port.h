@@ -19,7 +19,8 @@ struct ModemWiring {
 class LentPort {
   public:
     // Throws std::runtime_error when the device cannot be had.
-    LentPort(board::Board& board, const std::string& path, const ModemWiring& wiring);
+    LentPort(board::Board& board, const std::string& path, const ModemWiring& wiring,
+             board::Board::DeviceGate gate = nullptr);
     ~LentPort();
     LentPort(const LentPort&) = delete;
     LentPort& operator=(const LentPort&) = delete;
