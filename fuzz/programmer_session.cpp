@@ -2,6 +2,9 @@
 // and what follows the script (bits 3 and 4), a byte for the image's size; then the script: for
 // each write of the programmer, a byte that selects the answer. The answers of a good part, which
 // has a flash, and any other bytes mix.
+#include <string.h>
+
+#include <algorithm>
 #include <array>
 #include <chrono>
 #include <iterator>
@@ -10,6 +13,7 @@
 #include "fuzz/check.h"
 #include "fuzz/input.h"
 #include "fuzz/targets.h"
+#include "programmer/n32.h"
 #include "programmer/session.h"
 
 namespace quil::fuzz {
@@ -23,7 +27,7 @@ using std::chrono::milliseconds;
 constexpr std::array<size_t, 4> kLengths = {64, 300, 2600, 5000};
 
 // A line whose other end follows a script: it hears what is written, and sends what it likes. With
-// an empty script it is a simple AN3155 part, which answers by its flash.
+// an empty script it is a simple part, which answers by its flash.
 class HostileLine : public programmer::Transport {
   public:
     HostileLine(const programmer::Part& part, Input script, uint8_t after)
@@ -90,12 +94,15 @@ class HostileLine : public programmer::Transport {
         if (before == 2) answerAsAPart();
         if (before == 3) send({0x1F});
         const auto more = mScript.take(what & 0x0F);
-        send({more.begin(), more.end()});
+        Bytes junk(more.begin(), more.end());
+        if (isN32()) std::replace(junk.begin(), junk.end(), uint8_t{0xAA}, uint8_t{0});
+        send(junk);
     }
 
     void answerAsAPart() {
         if (mAfter == 1) return;  // silence
         if (mAfter == 2) return send({0x79});
+        if (isN32()) return answerAsN32();
         switch (mWants) {
             case Wants::kSync:
                 mWants = Wants::kCommand;
@@ -178,6 +185,51 @@ class HostileLine : public programmer::Transport {
             mCells.erase(mCells.lower_bound(first), mCells.lower_bound(first + page.size));
         }
         send({0x79});
+    }
+
+    bool isN32() const { return mPart.protocol == programmer::Protocol::kN32; }
+    uint32_t little(size_t at, size_t count) const {
+        uint32_t value = 0;
+        for (size_t i = count; i-- > 0;) value = value << 8 | mSent[at + i];
+        return value;
+    }
+    // Its word on a CRC is believed, so an answer to that cannot be made of junk: see above.
+    void answerAsN32() {
+        constexpr size_t kLeast = 11, kBlockAt = 26, kInfo = 51;
+        if (mSent.size() < kLeast || tests::xorOf(mSent) != 0) return;
+        Bytes payload;
+        bool isDone = true;
+        if (mSent[2] == 0x10) {
+            payload.assign(mPart.name, mPart.name + strlen(mPart.name));
+            payload.resize(kInfo);
+        }
+        if (mSent[2] == 0x30) eraseOfN32(little(6, 2), little(8, 2));
+        if (mSent[2] == 0x31 && mSent.size() > kBlockAt + 5) programOfN32(kBlockAt);
+        if (mSent[2] == 0x32 && mSent.size() > kBlockAt + 8) isDone = agreesOfN32(kBlockAt);
+        Bytes answer = {0xAA, 0x55, mSent[2], 0, static_cast<uint8_t>(payload.size()), 0};
+        answer.insert(answer.end(), payload.begin(), payload.end());
+        answer.push_back(isDone ? 0xA0 : 0xB0);
+        answer.push_back(0);
+        answer.push_back(tests::xorOf(answer));
+        send(answer);
+    }
+    void eraseOfN32(uint32_t first, uint32_t count) {
+        const uint32_t size = mPart.pageMap[0].size;
+        mCells.erase(mCells.lower_bound(first * size), mCells.lower_bound((first + count) * size));
+    }
+    void programOfN32(size_t blockAt) {
+        const uint32_t offset = little(6, 4) - programmer::kFlashBase;
+        for (size_t i = blockAt; i + 5 < mSent.size(); ++i) {
+            const auto at = static_cast<uint32_t>(offset + i - blockAt);
+            mCells[at] = cell(at) & mSent[i];
+        }
+    }
+    bool agreesOfN32(size_t at) const {
+        const uint32_t offset = little(at, 4) - programmer::kFlashBase, size = little(at + 4, 4);
+        if (size > mPart.flashSize()) return false;
+        Bytes bytes;
+        for (uint32_t i = 0; i < size; ++i) bytes.push_back(cell(offset + i));
+        return programmer::N32::crcOf(bytes) == little(6, 4);
     }
 
     const programmer::Part& mPart;
