@@ -97,8 +97,6 @@ class An3155 : public BootLoader {
     void backInStep(const Attempt& failed);
     void badAnswer();
     uint8_t filler() const;
-    bool applicationAnswers();
-    [[noreturn]] void noAnswer();
     [[noreturn]] void refuse(const char* what, const Attempt& attempt) const;
 
     Wire& mWire;

@@ -41,7 +41,7 @@ bool An3155::leave() {
 void An3155::connect() {
     while (!tryRate()) {
         const auto* lower = lowerRate();
-        if (lower == nullptr || !mIsWired) noAnswer();
+        if (lower == nullptr || !mIsWired) noLoaderAnswers(mWire, mOptions, mIsWired);
         stepDown(*lower, "no synchronisation");
     }
     mBad = mAsked = 0;
@@ -212,7 +212,7 @@ bool An3155::realignAfterAck() {
 
 void An3155::backInStep(const Attempt& failed) {
     if (realign(failed)) return;
-    if (!mIsWired) noAnswer();
+    if (!mIsWired) noLoaderAnswers(mWire, mOptions, mIsWired);
     mWire.statistics.count(Trouble::kLineReset);
     connect();
 }
@@ -224,28 +224,6 @@ void An3155::badAnswer() {
     if (lower == nullptr || !mIsWired) return;
     stepDown(*lower, std::to_string(mBad) + " bad answers of " + std::to_string(mAsked));
     connect();
-}
-
-bool An3155::applicationAnswers() {
-    if (mOptions.applicationRequest.empty()) return false;
-    mWire.setMode(mOptions.applicationMode);
-    uint8_t answer = 0;
-    const bool answers = mWire.exchange(mOptions.applicationRequest, {&answer, 1}, Nanos(0)) > 0;
-    mWire.setMode(mMode);
-    return answers;
-}
-
-void An3155::noAnswer() {
-    if (applicationAnswers()) {
-        mWire.statistics.count(Trouble::kApplication);
-        throw LinkLost(
-            "the application answers, not the boot loader",
-            "wire MCU_BOOT0 and MCU_NRST (--boot0, --nrst), or reset the part with BOOT0 "
-            "high");
-    }
-    throw LinkLost("no answer from the boot loader",
-                   mIsWired ? "check power, BOOT0, NRST, TX and RX"
-                            : "reset the part with BOOT0 high, or wire --boot0 and --nrst");
 }
 
 }  // namespace quil::programmer

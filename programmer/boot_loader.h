@@ -84,6 +84,9 @@ struct ConnectOptions {
 std::unique_ptr<BootLoader> makeAn3155(Wire& wire, const ConnectOptions& options);
 std::unique_ptr<BootLoader> makeN32(Wire& wire, const ConnectOptions& options);
 
+// Ends a session: nobody answers, or the application does, which is asked here.
+[[noreturn]] void noLoaderAnswers(Wire& wire, const ConnectOptions& options, bool isWired);
+
 std::string hexOf(uint32_t value, int digits = 8);  // "0x08000000"
 
 }  // namespace quil::programmer

@@ -140,7 +140,7 @@ void N32::connect() {
         if (mWire.drain(kForgets) > 0) mWire.statistics.count(Trouble::kJunk);
         if (shakeHands()) return;
     }
-    noAnswer();
+    noLoaderAnswers(mWire, mOptions, mIsWired);
 }
 
 bool N32::shakeHands() {
@@ -169,7 +169,7 @@ void N32::backInStep(bool isOperation) {
         mWire.drain(kForgets);
     }
     if (shakeHands()) return;
-    if (!mIsWired) noAnswer();
+    if (!mIsWired) noLoaderAnswers(mWire, mOptions, mIsWired);
     mWire.statistics.count(Trouble::kLineReset);
     connect();
 }
@@ -310,12 +310,6 @@ Nanos N32::timeToCheck(size_t bytes) const {
     const size_t pages = (bytes + mPart->pageMap[0].size - 1) / mPart->pageMap[0].size;
     const size_t frame = kRequestFrame + kKeySize + 8 + kAnswerFrame;
     return (kLine.timeOf(frame) + kTurnaround) * static_cast<int64_t>(pages);
-}
-
-void N32::noAnswer() const {
-    throw LinkLost("no answer from the boot loader",
-                   mIsWired ? "check power, BOOT0, NRST, TX and RX"
-                            : "reset the part with BOOT0 high, or wire --boot0 and --nrst");
 }
 
 }  // namespace quil::programmer

@@ -67,7 +67,6 @@ class N32 : public BootLoader {
     bool shakeHands();
     void backInStep(bool isOperation);
     [[noreturn]] static void noSuchCommand();
-    [[noreturn]] void noAnswer() const;
 
     Wire& mWire;
     const ConnectOptions mOptions;

@@ -140,10 +140,13 @@ void Session::wornCell(const Page& page, const Findings& findings) const {
                       kRemedy);
     }
     const Findings::Cell& cell = *findings.wrong;
-    const std::string holds =
-        cell.found ? " holds " + hexOf(*cell.found, 2) + ", not " : " does not hold ";
-    throw Refusal("the cell at " + hexOf(cell.address) + holds + hexOf(cell.wanted, 2) + " after " +
-                      std::to_string(kMostRepairs) + " erases",
+    const std::string tries = " after " + std::to_string(kMostRepairs) + " erases";
+    if (!cell.found) {
+        throw Refusal("a cell of the word at " + hexOf(cell.address) + " is wrong" + tries,
+                      kRemedy);
+    }
+    throw Refusal("the cell at " + hexOf(cell.address) + " holds " + hexOf(*cell.found, 2) +
+                      ", not " + hexOf(cell.wanted, 2) + tries,
                   kRemedy);
 }
 

@@ -6,20 +6,6 @@
 
 namespace quil::programmer {
 
-std::string hexOf(uint32_t value, int digits) {
-    char text[16];
-    snprintf(text, sizeof(text), "0x%0*x", digits, value);
-    return text;
-}
-
-std::string Identity::text() const {
-    if (!name.empty()) return "'" + name + "'";
-    std::string text = "product " + hexOf(productId, 4);
-    if (gdPid != 0) text += ", GD32 " + hexOf(gdPid);
-    return text + ", boot loader " + std::to_string(loaderVersion >> 4) + "." +
-           std::to_string(loaderVersion & 0x0F);
-}
-
 Session::Session(Transport& transport, Settings settings, Callbacks callbacks)
     : mSettings(std::move(settings)),
       mCallbacks(std::move(callbacks)),
@@ -74,14 +60,32 @@ void Session::open() {
     if (!mSettings.chip.empty() && expected == nullptr) {
         throw Refusal("there is no part " + mSettings.chip, "known: " + namesOfParts());
     }
-    const bool isN32 = expected != nullptr && expected->protocol == Protocol::kN32;
-    mLoader = isN32 ? makeN32(mWire, mSettings.link) : makeAn3155(mWire, mSettings.link);
-    mLoader->connect();
+    connect(expected);
     identify();
     if (expected == nullptr || expected == mPart) return;
     throw Refusal("the part is a " + std::string(mPart->name) + " (" + mReport.identity.text() +
                       "), not a " + expected->name,
                   "check --chip, or the board's product file");
+}
+
+// Where any part may come, an N32 is the second guess: other parts take their rate from the first
+// byte that they hear.
+void Session::connect(const Part* expected) {
+    const bool isN32 = expected != nullptr && expected->protocol == Protocol::kN32;
+    mLoader = isN32 ? makeN32(mWire, mSettings.link) : makeAn3155(mWire, mSettings.link);
+    std::optional<LinkLost> silence;
+    try {
+        return mLoader->connect();
+    } catch (const LinkLost& lost) {
+        if (expected != nullptr) throw;
+        silence = lost;
+    }
+    mLoader = makeN32(mWire, {});
+    try {
+        mLoader->connect();
+    } catch (const LinkLost&) {
+        throw LinkLost(*silence);
+    }
 }
 
 void Session::identify() {
@@ -140,10 +144,11 @@ std::span<const uint8_t> Session::imageOf(const Page& page) const {
     return mImage.subspan(at, std::min<size_t>(page.size, mImage.size() - at));
 }
 
-// Most pages of another image differ in their first bytes, which are cheap to read.
-bool Session::pageHolds(uint32_t address, std::span<const uint8_t> expected) {
+// Most pages of another image differ in their first bytes, which are cheap to read. Behind a page
+// that is equal the next one is likely to be so as well, and is read at once.
+bool Session::pageHolds(uint32_t address, std::span<const uint8_t> expected, bool isLikely) {
     constexpr size_t kStride = 4096;
-    const size_t probe = mLoader->probeSize();
+    const size_t probe = isLikely ? 0 : mLoader->probeSize();
     for (size_t at = 0; probe > 0 && at + probe < expected.size(); at += kStride) {
         const auto start = address + static_cast<uint32_t>(at);
         if (!mLoader->holds(start, expected.subspan(at, probe))) return false;
@@ -157,7 +162,8 @@ void Session::compareAll(std::span<const uint8_t> image, std::vector<bool>& hold
     mExpected = 2 * check + mLoader->timeToWrite(image.size()) + timeToErase(pagesOf(image));
     beginPhase("compare", check, image.size());
     for (const Page& page : pagesOf(image)) {
-        holds.push_back(pageHolds(page.address, imageOf(page)));
+        const bool isLikely = !holds.empty() && holds.back();
+        holds.push_back(pageHolds(page.address, imageOf(page), isLikely));
     }
 }
 

@@ -71,11 +71,12 @@ class Session {
   private:
     Report run(const std::function<Outcome()>& work);
     void open();
+    void connect(const Part* expected);
     void identify();
     void checkImage(std::span<const uint8_t> image) const;
     void checkReadout();
     void compareAll(std::span<const uint8_t> image, std::vector<bool>& holds);
-    bool pageHolds(uint32_t address, std::span<const uint8_t> expected);
+    bool pageHolds(uint32_t address, std::span<const uint8_t> expected, bool isLikely);
     Plan planFor(std::span<const uint8_t> image);
     void program(std::span<const uint8_t> image);
     void eraseAndWrite(const std::vector<Page>& pages);

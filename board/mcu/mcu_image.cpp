@@ -46,6 +46,11 @@ std::string makeMcuImage(McuKind kind, std::string_view version, size_t size) {
     return image;
 }
 
+uint32_t mcuImageLength(std::span<const uint8_t> flash) {
+    const bool hasHead = std::equal(kMagic.begin(), kMagic.end(), flash.begin() + kInfoAt);
+    return hasHead ? little32(flash, kImageSizeAt) : 0;
+}
+
 McuImageCheck checkMcuImage(const McuPart& part, std::span<const uint8_t> flash) {
     const auto erased = [](uint8_t byte) { return byte == 0xFF; };
     if (std::all_of(flash.begin(), flash.begin() + 8, erased)) return {"the flash is empty", ""};

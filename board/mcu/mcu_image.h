@@ -35,6 +35,8 @@ struct McuImageCheck {
     std::string problem;  // why a start from this flash fails; empty: it succeeds
     std::string version;  // when there is no problem
 };
+// What the head of the image at the start of a flash says; 0: there is no head.
+uint32_t mcuImageLength(std::span<const uint8_t> flash);
 // Checks the image at the start of a flash as the part does at its start.
 McuImageCheck checkMcuImage(const McuPart&, std::span<const uint8_t> flash);
 

@@ -116,6 +116,78 @@ TEST(ProgrammerRates, RateThatThePartDoesNotMeasureIsSteppedDown) {
     EXPECT_EQ(on.cells(image.size()), image);
 }
 
+TEST(ProgrammerRates, RateWithTooManyBadAnswersIsSteppedDown) {
+    PartOnBoard on("gd32f303");
+    int written = 0;
+    on.habit.onWrite = [&written](Bytes& bytes, const programmer::LineMode& mode) {
+        if (mode.baud > 57600 && ++written % 8 == 0) bytes.front() ^= 0x20;
+    };
+    std::vector<std::string> said;
+    on.callbacks.say = [&said](const std::string& text) { said.push_back(text); };
+    const Bytes image = on.imageOf("V2.0.0", 9000);
+    const Report report = on.flash(image);
+    EXPECT_EQ(report.outcome, Outcome::kProgrammed) << textOf(report);
+    EXPECT_EQ(report.line.baud, 57600);
+    ASSERT_EQ(said.size(), 1U);
+    EXPECT_THAT(said[0],
+                testing::MatchesRegex("16 bad answers of [0-9]+ at 115200 bit/s: on with 57600"));
+    EXPECT_EQ(on.cells(image.size()), image);
+}
+
+// Such a part synchronises, and then hears nothing that makes sense.
+TEST(ProgrammerParity, AnotherOneThanThePartsIsToldAndReplaced) {
+    for (const char parity : {'N', 'O'}) {
+        PartOnBoard on("gd32f303");
+        on.habit.onWrite = [parity](Bytes& bytes, const programmer::LineMode& mode) {
+            if (mode.parity != parity && bytes != Bytes{0x7F}) bytes.clear();
+        };
+        std::vector<std::string> said;
+        on.callbacks.say = [&said](const std::string& text) { said.push_back(text); };
+        const Report report = on.session([](Session& session) { return session.info(); });
+        EXPECT_EQ(report.outcome, Outcome::kDone) << textOf(report);
+        EXPECT_EQ(report.statistics.times(Trouble::kWrongParity), 1U);
+        EXPECT_EQ(report.line.parity, parity);
+        EXPECT_THAT(said, testing::ElementsAre(std::string("the boot loader hears parity ") +
+                                               parity + ", not E"));
+    }
+}
+
+class ProgrammerIdentity : public ProgrammerConnect {};
+
+TEST_P(ProgrammerIdentity, PartIsFoundWithoutBeingExpected) {
+    on.settings.chip = "";
+    const Report report = info();
+    EXPECT_EQ(report.outcome, Outcome::kDone) << textOf(report);
+    EXPECT_STREQ(report.part->name, GetParam());
+}
+
+TEST_P(ProgrammerIdentity, UnknownPartIsAnErrorWithItsNumber) {
+    const bool isN32 = std::string(GetParam()) == "n32g45x";
+    const Bytes before = on.cells(4096);
+    if (!isN32) on.settings.chip = "";
+    on.habit.onRead = [](std::span<uint8_t> heard) {
+        const bool isId = heard.size() == 3 && heard[2] == 0x79;  // behind ACK and length
+        const bool isName = heard.size() == 60 && heard[2] == 0x10;
+        if (isId) heard[0] ^= 0x20;
+        if (isName) std::swap(heard[6], heard[7]);
+    };
+    const Report report = on.flash(on.imageOf("V2.0.0", 2000));
+    EXPECT_EQ(report.outcome, Outcome::kRefused);
+    EXPECT_THAT(report.reason, testing::StartsWith(isN32 ? "unknown part: '3n2g45x'"
+                                                         : "unknown part: product 0x24"));
+    EXPECT_EQ(on.cells(4096), before);
+}
+
+TEST_P(ProgrammerIdentity, ApplicationThatRunsIsNamedWhereNobodyDrivesTheLines) {
+    on.lines = [](bool, bool) { return false; };
+    on.settings.link.applicationRequest = host::buildFrame({.command = 1});
+    const Report report = info();
+    EXPECT_EQ(report.reason, "the application answers, not the boot loader");
+    EXPECT_EQ(report.statistics.times(Trouble::kApplication), 1U);
+}
+
+INSTANTIATE_TEST_SUITE_P(Parts, ProgrammerIdentity, testing::ValuesIn(kEveryPart),
+                         [](const auto& part) { return std::string(part.param); });
 INSTANTIATE_TEST_SUITE_P(Parts, ProgrammerConnect, testing::ValuesIn(kEveryPart),
                          [](const auto& part) { return std::string(part.param); });
 

@@ -10,7 +10,6 @@ namespace quil::tests {
 namespace {
 
 using board::CutPosition;
-using board::PowerCut;
 using testing::AnyOf;
 using testing::Eq;
 
@@ -98,6 +97,64 @@ TEST_P(ProgrammerCuts, KillAtAnyCallIsMendedByTheNextSession) {
         expectThatTheNextSessionCompletes(killed.statistics.pagesWritten);
         if (HasFatalFailure()) return;
     }
+}
+
+TEST(ProgrammerJournal, NextRunSaysHowFarItCameAndWritesAtMostOnePageTwice) {
+    PartOnBoard on("gd32f303");
+    on.settings.journal = on.directory() / "journal";
+    on.settings.imageName = "newer.bin";
+    const Bytes older = on.imageOf(kFirstVersion, 12000), newer = on.imageOf(kNextVersion, 12000);
+    constexpr size_t kPages = 6;
+    for (size_t pages = 1; pages < kPages; ++pages) {
+        SCOPED_TRACE(pages);
+        on.put(older);
+        on.callbacks.say = nullptr;
+        double done = 0;
+        on.callbacks.progress = [&done](const auto& progress) { done = progress.done; };
+        on.callbacks.cancelled = [&done, pages] {
+            return done > 0.2 + 0.6 * static_cast<double>(pages) / kPages;
+        };
+        const Report killed = on.flash(newer);
+        ASSERT_EQ(killed.outcome, Outcome::kFailedLoaderWaits);
+        const auto journal = programmer::Journal(on.settings.journal).interrupted();
+        ASSERT_TRUE(journal);
+        EXPECT_EQ(journal->image, "newer.bin");
+        EXPECT_EQ(journal->part, "gd32f303");
+        std::vector<std::string> said;
+        on.callbacks.cancelled = nullptr;
+        on.callbacks.say = [&said](const std::string& text) { said.push_back(text); };
+        const Report next = on.flash(newer);
+        EXPECT_EQ(next.outcome, Outcome::kProgrammed);
+        EXPECT_LE(killed.statistics.pagesWritten + next.statistics.pagesWritten, kPages + 1);
+        EXPECT_GE(next.statistics.pagesEqual, journal->written);
+        EXPECT_THAT(said,
+                    testing::ElementsAre("an earlier session was interrupted after " +
+                                         std::to_string(journal->written) +
+                                         " of 6 pages of this image: every page is compared"));
+        EXPECT_FALSE(std::filesystem::exists(on.settings.journal));
+        EXPECT_EQ(on.cells(newer.size()), newer);
+    }
+}
+
+TEST(ProgrammerJournal, FileThatIsNoneIsNoInterruption) {
+    const board::TemporaryDirectory scratch("journal");
+    const auto file = scratch.path() / "journal";
+    EXPECT_FALSE(programmer::Journal(file).interrupted());
+    for (const char* text : {"", "image x\nsize 5\n", "pages many\n", "\xFF\n\n"}) {
+        board::writeWholeFile(file, text);
+        EXPECT_FALSE(programmer::Journal(file).interrupted()) << text;
+    }
+    std::filesystem::remove(file);
+    programmer::Journal journal(scratch.path() / "state" / "journal");
+    EXPECT_TRUE(journal.begin({"an image.bin", 10, 0xABCD, "gd32f303", 3, 0}));
+    journal.written(0);
+    const auto found = programmer::Journal(scratch.path() / "state" / "journal").interrupted();
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->image, "an image.bin");
+    EXPECT_EQ(found->crc, 0xABCDU);
+    EXPECT_EQ(found->written, 1U);
+    board::writeWholeFile(file, "no folder");
+    EXPECT_FALSE(programmer::Journal(file / "journal").begin({})) << "the session goes on";
 }
 
 INSTANTIATE_TEST_SUITE_P(Parts, ProgrammerCuts, testing::ValuesIn(kEveryPart),

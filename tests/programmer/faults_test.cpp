@@ -154,6 +154,22 @@ TEST_P(ProgrammerFaults, PartThatResetsInAWriteOrAnEraseIsSynchronisedAgain) {
     }
 }
 
+// One refusal may be a request that arrived damaged; one that lasts has a cause, which its phase
+// tells.
+TEST(ProgrammerRefusals, LastingNackIsNamedByThePhaseThatItAnswers) {
+    for (const auto& [step, cause] :
+         {std::pair(LoaderStep::kCommand, "the command 0x31: read-out protection"),
+          std::pair(LoaderStep::kAddress, "the address: the part has no memory there"),
+          std::pair(LoaderStep::kData, "the data: write protection, or cells that are not")}) {
+        PartOnBoard on("gd32f303");
+        on.add({.kind = Kind::kNack, .command = 0x31, .step = step, .times = -1});
+        const Report report = on.flash(on.imageOf("V2.0.0", 1100));
+        EXPECT_EQ(report.outcome, Outcome::kFailedLoaderWaits);
+        EXPECT_THAT(report.reason, testing::HasSubstr(cause));
+        EXPECT_EQ(on.runs(), "");
+    }
+}
+
 TEST(ProgrammerDocument, HasARowForEachTroubleAndOutcome) {
     const std::string text = projectText("docs/programming.md");
     for (const auto& row : programmer::kTroubles) {

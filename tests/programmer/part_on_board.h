@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -25,6 +26,39 @@ using programmer::Trouble;
 
 inline constexpr const char* kEveryPart[] = {"gd32f303", "gd32f470", "gd32e503", "stm32h750",
                                              "n32g45x"};
+
+// What a line does to the bytes on it. Of what the host writes, an empty run is lost.
+struct Habit {
+    std::function<void(Bytes& written, const programmer::LineMode& mode)> onWrite = nullptr;
+    std::function<void(std::span<uint8_t> heard)> onRead = nullptr;
+};
+
+class LineWithHabit : public programmer::Transport {
+  public:
+    LineWithHabit(programmer::Transport& line, const Habit& habit) : mLine(line), mHabit(habit) {}
+
+    void write(std::span<const uint8_t> bytes) override {
+        Bytes written(bytes.begin(), bytes.end());
+        if (mHabit.onWrite) mHabit.onWrite(written, mMode);
+        mLine.write(written);
+    }
+    size_t read(std::span<uint8_t> into, programmer::Nanos deadline) override {
+        const size_t got = mLine.read(into, deadline);
+        if (mHabit.onRead && got > 0) mHabit.onRead(into.first(got));
+        return got;
+    }
+    bool lines(bool boot0, bool nrst) override { return mLine.lines(boot0, nrst); }
+    void setMode(const programmer::LineMode& mode) override {
+        mLine.setMode(mode);
+        mMode = mode;
+    }
+    programmer::Nanos now() const override { return mLine.now(); }
+
+  private:
+    programmer::Transport& mLine;
+    const Habit& mHabit;
+    programmer::LineMode mMode;
+};
 
 class PartOnBoard {
   public:
@@ -60,8 +94,9 @@ class PartOnBoard {
     // Runs `work` with a new session at the board's line.
     template <typename Work>
     Report session(Work work) {
-        tools::SerialTransport transport(mBoard->mcuUart().path(), lines);
-        programmer::Session session(transport, settings, callbacks);
+        tools::SerialTransport port(mBoard->mcuUart().path(), lines);
+        LineWithHabit line(port, habit);
+        programmer::Session session(line, settings, callbacks);
         return work(session);
     }
     Report flash(const Bytes& image) {
@@ -79,6 +114,7 @@ class PartOnBoard {
     programmer::Settings settings;
     programmer::Callbacks callbacks;
     tools::SerialTransport::Lines lines = tools::boardLines();
+    Habit habit;
 
   private:
     const board::TemporaryDirectory mScratch{"programmer"};

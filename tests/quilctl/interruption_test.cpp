@@ -9,6 +9,7 @@
 
 #include "board/mcu/mcu_image.h"
 #include "testing/build.h"
+#include "testing/pty_part.h"
 #include "testing/started_program.h"
 #include "tests/quilctl/test_run.h"
 
@@ -112,6 +113,72 @@ TEST_F(QuilctlInterruption, LeavesABoardThatTheNextUpdateMendsWheneverItComes) {
         EXPECT_EQ(said.code, tools::kTerminated) << said.err;
         EXPECT_EQ(quilctl({"--board", board, "mcu", "update"}).code, tools::kOk);
     }
+}
+
+class QuilctlFlashInterruption : public QuilctlInterruption {
+  protected:
+    QuilctlFlashInterruption() { setenv("XDG_STATE_HOME", path("state").c_str(), 1); }
+    ~QuilctlFlashInterruption() override { unsetenv("XDG_STATE_HOME"); }
+
+    const std::string image =
+        imageFile(board::makeMcuImage(board::McuKind::kGd32F303, "V2.0.0", 9000));
+};
+
+TEST_F(QuilctlFlashInterruption, LeavesAFlashThatTheSameCommandCompletes) {
+    const std::string board = newBoard();
+    const tools::Words flash = {"--board", board, "mcu", "flash", image};
+    for (const auto& [line, signal] : {std::pair(4, SIGINT), std::pair(5, SIGTERM)}) {
+        SCOPED_TRACE(line);
+        const Said said = interruptedAt(line, signal, flash);
+        EXPECT_EQ(said.code, tools::exitCodeOf(signal)) << said.err;
+        EXPECT_THAT(said.err, HasSubstr("the MCU's flash is half done"));
+        EXPECT_THAT(lastLineOf(said.err), EndsWith("mcu flash " + image));
+    }
+    const Said again = quilctl(flash);
+    EXPECT_EQ(again.code, tools::kOk) << again.err;
+    EXPECT_THAT(again.err, HasSubstr("an earlier session was interrupted after"));
+    EXPECT_THAT(again.out, HasSubstr("runs  V2.0.0\n"));
+}
+
+TEST_F(QuilctlFlashInterruption, EndsEachCommandOfTheProgrammer) {
+    const std::string board = newBoard();
+    const std::string file = path("read.bin");
+    for (const tools::Words& words : {tools::Words{"verify", image},
+                                      {"read", "--size", "4096", file},
+                                      {"info"},
+                                      {"erase", "--pages", "3"},
+                                      {"protect", "--sectors", "9"},
+                                      {"unprotect", "--write"},
+                                      {"rescue", image}}) {
+        SCOPED_TRACE(words.front());
+        const Said said =
+            interruptedAt(1, SIGTERM, tools::Words{"--board", board, "--json", "mcu"} + words);
+        EXPECT_EQ(said.code, tools::kTerminated) << said.err;
+        EXPECT_EQ(nlohmann::json::parse(said.out)["error"]["kind"], "terminated");
+    }
+    EXPECT_FALSE(fs::exists(file));
+    EXPECT_EQ(quilctl({"--board", board, "mcu", "flash", image}).code, tools::kOk);
+}
+
+// The part hangs in a write, so that the signal comes before the end of the session.
+TEST_F(QuilctlFlashInterruption, AtARealPortIsToldAndTheNextRunGoesOn) {
+    PtyPart part({.part = board::McuKind::kGd32F303, .flash = directory / "flash"});
+    part.rest().faults().add({.kind = board::LoaderFault::Kind::kHangs,
+                              .command = 0x31,
+                              .step = board::LoaderStep::kData,
+                              .after = 3});
+    part.serve();
+    const std::string flash = "mcu flash --port " + part.port() + " '" + image + "'";
+    StartedProgram program(kQuilctlCommand + flash);
+    while (program.output().find("write") == std::string::npos) program.waitForOutput();
+    program.signal(SIGTERM);
+    EXPECT_EQ(program.end(), tools::kTerminated);
+    EXPECT_THAT(program.output(), HasSubstr("the boot loader waits: interrupted\n"));
+    part.rest().faults().clear();
+    part.serve();
+    const Said again = quilctl({"mcu", "flash", "--port", part.port(), image});
+    EXPECT_EQ(again.code, tools::kOk) << again.err;
+    EXPECT_THAT(again.err, HasSubstr("an earlier session was interrupted after"));
 }
 
 TEST_F(QuilctlInterruption, OfAnFpgaUpdateSaysThatItsFlashIsHalfDone) {

@@ -14,7 +14,6 @@
 namespace quil::tools {
 namespace {
 
-namespace fs = std::filesystem;
 using programmer::Bytes;
 using programmer::Outcome;
 using programmer::Report;
@@ -76,6 +75,28 @@ std::optional<Report> compare(FlashTarget& target, Candidate& candidate) {
     return std::nullopt;
 }
 
+Report readFlash(FlashTarget& target, Bytes& flash, size_t end) {
+    Bytes bytes(end);
+    Report report =
+        target.run([&](Session& session) { return session.read(programmer::kFlashBase, bytes); });
+    std::copy(bytes.begin(), bytes.end(), flash.begin());
+    return report;
+}
+
+// The application's version, or why none starts: of the image's head, and of as much as that says.
+// Nothing where the flash cannot be read.
+using Found = std::optional<board::McuImageCheck>;
+Found foundIn(FlashTarget& target) {
+    const board::McuPart* part = board::partNamedIn(target.settings.chip);
+    if (part == nullptr) return std::nullopt;
+    Bytes flash(part->flashSize(), 0xFF);
+    size_t end = board::kMcuImageLeast;
+    if (readFlash(target, flash, end).outcome != Outcome::kDone) return std::nullopt;
+    end = std::min<size_t>(board::mcuImageLength(flash), flash.size());
+    if (end > 0 && readFlash(target, flash, end).outcome != Outcome::kDone) return std::nullopt;
+    return board::checkMcuImage(*part, flash);
+}
+
 Json listOf(const std::vector<Candidate>& candidates) {
     Json all = Json::array();
     for (const Candidate& one : candidates) {
@@ -100,29 +121,50 @@ bool isBlank(FlashTarget& target) {
     return holds.size() == 1 && holds[0];
 }
 
+void addFound(Result& result, const Found& found) {
+    if (!found) return;
+    result.json["found"] = {{"version", found->version}, {"problem", found->problem}};
+    result.text << "in the flash: "
+                << (found->problem.empty() ? found->version : "no application, " + found->problem)
+                << '\n';
+}
+
+bool startsNothing(FlashTarget& target, const Found& found) {
+    return found ? !found->problem.empty() : isBlank(target);
+}
+
 // The one to mend the flash with: most of it is there. An image of which nothing is there is taken
 // only where no application could start.
-const Candidate& chosenOf(FlashTarget& target, const std::vector<Candidate>& candidates) {
+const Candidate& chosenOf(FlashTarget& target, const std::vector<Candidate>& candidates,
+                          const Found& found) {
     const auto best = std::max_element(candidates.begin(), candidates.end(),
                                        [](const Candidate& a, const Candidate& b) {
                                            return a.equal * b.pages < b.equal * a.pages;
                                        });
-    if (best->equal > 0 || isBlank(target)) return best->equal > 0 ? *best : candidates.front();
+    if (best->equal > 0) return *best;
+    if (startsNothing(target, found)) return candidates.front();
     throw Failure(kRefused, "mcu rescue: the flash holds an application that is none of these",
                   "quilctl mcu flash IMAGE replaces it");
 }
 
 void rescue(const Cli& cli, const RescueArguments& arguments, Result& result) {
     FlashTarget target(cli, arguments);
+    const Report seen = target.run([](Session& session) { return session.info(); });
+    if (seen.outcome != Outcome::kDone) return addReport(result, seen, "mcu rescue");
+    target.settings.chip = seen.part->name;
     auto candidates = candidatesFor(target, arguments);
-    if (candidates.empty()) throw Failure(kUsage, "mcu rescue: name an IMAGE to compare with");
     for (Candidate& one : candidates) {
         const auto failed = compare(target, one);
         if (failed) return addReport(result, *failed, "mcu rescue");
         result.text << textOf(one);
     }
+    const bool isOneOfThem = std::any_of(candidates.begin(), candidates.end(),
+                                         [](const Candidate& one) { return one.isWhole(); });
+    const Found found = isOneOfThem ? std::nullopt : foundIn(target);
+    addFound(result, found);
+    if (candidates.empty()) throw Failure(kUsage, "mcu rescue: name an IMAGE to compare with");
     result.json["candidates"] = listOf(candidates);
-    const Candidate& chosen = chosenOf(target, candidates);
+    const Candidate& chosen = chosenOf(target, candidates, found);
     result.json["chosen"] = chosen.file;
     if (!chosen.isWhole()) {
         result.text << "missing: " << chosen.pages - chosen.equal << " pages of " << chosen.file

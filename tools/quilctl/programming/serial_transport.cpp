@@ -5,6 +5,8 @@
 #include <poll.h>
 #include <string.h>
 #include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <termios.h>
 #include <time.h>
 #include <unistd.h>
@@ -56,6 +58,14 @@ bool writeLevel(const char* name, bool level) {
     return isDone;
 }
 
+// By its number: Linux has given it to these ports for good.
+bool isPseudoTerminal(int device) {
+    constexpr unsigned kFirstMajor = 136, kLastMajor = 143;
+    struct stat info {};
+    if (fstat(device, &info) != 0 || !S_ISCHR(info.st_mode)) return false;
+    return major(info.st_rdev) >= kFirstMajor && major(info.st_rdev) <= kLastMajor;
+}
+
 void driveModem(int device, const std::string& modemLine, bool level) {
     if (modemLine == "none") return;
     const bool isInverted = modemLine.front() == '-';
@@ -78,6 +88,21 @@ void SerialTransport::fail(const char* what) const {
     throw PortError(mPath + ": " + what + ": " + strerror(errno));
 }
 
+// A pseudo terminal drops the parity bit. The C library takes that for a failure where nothing else
+// has changed; a real device that does so cannot be used.
+void SerialTransport::apply(const termios& settings) const {
+    constexpr tcflag_t kParity = PARENB | PARODD;
+    const int error = tcsetattr(mDevice, TCSANOW, &settings) == 0 ? 0 : errno;
+    if (isPseudoTerminal(mDevice) && (error == 0 || error == EINVAL)) return;
+    termios kept{};
+    const bool isKnown = tcgetattr(mDevice, &kept) == 0;
+    if (isKnown && (kept.c_cflag & kParity) != (settings.c_cflag & kParity)) {
+        throw PortError(mPath + ": the device has no such parity");
+    }
+    errno = error;
+    if (error != 0) fail("tcsetattr");
+}
+
 // Raw, and without waiting: deadlines are kept by poll.
 void SerialTransport::setMode(const LineMode& mode) {
     termios settings{};
@@ -89,7 +114,7 @@ void SerialTransport::setMode(const LineMode& mode) {
     settings.c_cc[VMIN] = settings.c_cc[VTIME] = 0;
     cfsetispeed(&settings, codeOf(mode.baud));
     cfsetospeed(&settings, codeOf(mode.baud));
-    if (tcsetattr(mDevice, TCSANOW, &settings) != 0) fail("tcsetattr");
+    apply(settings);
     tcflush(mDevice, TCIOFLUSH);
     mMode = mode;
 }

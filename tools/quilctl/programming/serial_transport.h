@@ -2,6 +2,8 @@
 // which answers the same calls.
 #pragma once
 
+#include <termios.h>
+
 #include <functional>
 #include <string>
 
@@ -29,6 +31,7 @@ class SerialTransport : public programmer::Transport {
     int descriptor() const { return mDevice; }
 
   private:
+    void apply(const termios& settings) const;
     size_t take(std::span<uint8_t> into);
     bool waitFor(programmer::Nanos deadline) const;
     void waitOut(programmer::Nanos deadline) const;
