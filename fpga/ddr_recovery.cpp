@@ -4,12 +4,15 @@
 #include <unistd.h>
 
 #include "common/log.h"
+#include "common/pause.h"
 #include "config/config_info.h"
 #include "fpga/flash_update.h"
 #include "fpga/gpio_line.h"
 #include "fpga/spi_link.h"
 
 using quil::common::kFirmwareUpdateTag;
+using quil::common::pauseS;
+using quil::common::pauseUs;
 using quil::config::currentConfig;
 using quil::fpga::driveLine;
 using quil::fpga::GpioLine;
@@ -29,7 +32,7 @@ constexpr char kRecovery[] = "fpgaRecovery";
 void recover() {
     const GpioLine program = {"PROG_B gpio", currentConfig().fpga_control_gpio};
     if (!driveLine(kRecovery, program, kLow)) return;
-    usleep(kProgramPulseUs);
+    pauseUs(kProgramPulseUs);
     if (!driveLine(kRecovery, program, kHigh)) return;
     if (fpgaCheckDone() != 0) {
         QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: fpgaCheckDone ok\n", kRecovery);
@@ -43,7 +46,7 @@ void recover() {
 int fpgaCheckDDRAndRecovery(void) {
     uint8_t state = kDdrNotAsked;
     for (int i = 0; i < kAttempts; ++i) {
-        sleep(kBeforeReadS);
+        pauseS(kBeforeReadS);
         if (readFpgaDdrState(&state) < 0) {
             QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: spi_read_fpga_ddr_state failed\n", __func__);
         }
@@ -53,7 +56,7 @@ int fpgaCheckDDRAndRecovery(void) {
         recover();
         QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: ddr_recovery end\n", __func__);
     }
-    sleep(kBeforeReadS);
+    pauseS(kBeforeReadS);
     readFpgaDdrState(&state);
     // Looser than the loop, deliberately: whatever is not 0 counts as ready, failed reads included.
     if (state != 0) return 0;

@@ -5,11 +5,14 @@
 #include <unistd.h>
 
 #include "common/log.h"
+#include "common/pause.h"
 #include "common/shell.h"
 #include "config/config_info.h"
 #include "fpga/gpio_line.h"
 
 using quil::common::kFirmwareUpdateTag;
+using quil::common::pauseS;
+using quil::common::pauseUs;
 using quil::common::runShell;
 using quil::config::ConfigText;
 using quil::config::currentConfig;
@@ -138,7 +141,7 @@ int32_t fpgaCheckDone(void) {
         }
         QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: FPGA_DONE is not 1, waiting 0.5 second...\n",
                        __func__);
-        usleep(kDonePauseUs);
+        pauseUs(kDonePauseUs);
     }
     QUIL_LOG_DEBUG(kFirmwareUpdateTag, "%s: Maximum wait time 10 second exceeded, exiting...\n",
                    __func__);
@@ -196,7 +199,7 @@ int32_t fpgaFlashWrite(void) {
     if (!driveLine(__func__, configuration, kLow)) return -1;
     if (!writeFlash(__func__, size)) return -1;
     if (!driveLine(__func__, control, kHigh)) return -1;
-    while (isUpdateInProgress()) sleep(kUpdateInProgressPauseS);
+    while (isUpdateInProgress()) pauseS(kUpdateInProgressPauseS);
     if (!driveLine(__func__, configuration, kLow)) return -1;
     if (!driveLine(__func__, configuration, kHigh)) return -1;
     return 0;

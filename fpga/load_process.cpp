@@ -3,9 +3,9 @@
 #include <cutils/properties.h>
 #include <quil_fpga.h>
 #include <quil_hal.h>
-#include <unistd.h>
 
 #include "common/log.h"
+#include "common/pause.h"
 #include "config/config_info.h"
 #include "fpga/ddr_recovery.h"
 #include "fpga/flash_update.h"
@@ -13,6 +13,7 @@
 #include "fpga/screen/screen_params.h"
 
 using quil::common::kFirmwareUpdateTag;
+using quil::common::pauseS;
 using quil::config::currentConfig;
 using quil::fpga::kUpdateProperty;
 
@@ -57,7 +58,7 @@ void bringUpHeron(const char* function) {
 bool updateHeron(const char* function) {
     if (!report(function, "fpgaFlashFormat", fpgaFlashFormat() >= 0)) return false;
     QUIL_LOG_INFO(kFirmwareUpdateTag, "%s: now wait 1s...", function);
-    sleep(kAfterFormatS);
+    pauseS(kAfterFormatS);
     if (!report(function, "fpgaFlashWrite", fpgaFlashWrite() >= 0)) return false;
     if (!report(function, "fpgaCheckDone", fpgaCheckDone() != 0)) return false;
     markUpdated(function);
@@ -83,9 +84,9 @@ int32_t fpgaLoadProcessKestrel(void) {
     const config_info_t& config = currentConfig();
     const int32_t loaded = hal_fpga_load_program_sync(config.fpga_drv_path, config.fpga_fw_path);
     if (!report(__func__, "hal_fpga_load_program_sync", loaded >= 0)) return -1;
-    sleep(kBeforeEth1S);
+    pauseS(kBeforeEth1S);
     bi_fpga_eth1_config_kestrel();
-    sleep(kAfterEth1S);
+    pauseS(kAfterEth1S);
     const int32_t sent =
         bi_fpga_load_screen_params_by_udp(config.fpga_parameter, config.hex_parameter);
     return report(__func__, "fpgaLoadScreenParamsByUdp", sent >= 0) ? 0 : -1;

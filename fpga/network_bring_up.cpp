@@ -5,11 +5,13 @@
 #include <unistd.h>
 
 #include "common/log.h"
+#include "common/pause.h"
 #include "common/shell.h"
 #include "common/stdout_message.h"
 #include "fpga/spi_link.h"
 
 using quil::common::kFirmwareUpdateTag;
+using quil::common::pauseUs;
 using quil::common::printFlushed;
 using quil::common::runShell;
 
@@ -60,7 +62,7 @@ bool pollUntilReady(const char* function, const PolledState& polled) {
             QUIL_LOG_INFO(kFirmwareUpdateTag, polled.ok, function);
             return true;
         }
-        usleep(kPollPauseUs);
+        pauseUs(kPollPauseUs);
     }
     return false;
 }
@@ -73,7 +75,7 @@ bool pulseReset(int line, const char* function) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "reset 8211fs to low failed! %s\n", function);
         return false;
     }
-    usleep(kPhyResetLowUs);
+    pauseUs(kPhyResetLowUs);
     if (!writeLevel(line, '1')) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "reset 8211fs to hight failed! %s\n", function);
         return false;
@@ -88,7 +90,7 @@ bool pulseReset(int line, const char* function) {
 int fpgaDwmacConfig(void) {
     runShell(kUnloadDriver);
     QUIL_LOG_INFO(kFirmwareUpdateTag, "%s: rmmod dwmac_meson8b\n", __func__);
-    usleep(kDriverUnloadedUs);
+    pauseUs(kDriverUnloadedUs);
     runShell(kLoadDriver);
     QUIL_LOG_INFO(kFirmwareUpdateTag, "%s: insmod dwmac-meson8b.ko\n", __func__);
     return 0;
@@ -115,7 +117,7 @@ int reset8211FS(void) {
     const bool pulsed = pulseReset(line, __func__);
     close(line);
     if (!pulsed) return -1;
-    usleep(kPhyResetReleasedUs);
+    pauseUs(kPhyResetReleasedUs);
     QUIL_LOG_INFO(kFirmwareUpdateTag, "reset 8211fs successful\n");
     return 0;
 }

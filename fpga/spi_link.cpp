@@ -10,10 +10,12 @@
 
 #include "common/heap_block.h"
 #include "common/log.h"
+#include "common/pause.h"
 #include "fpga/spi_frame.h"
 
 using quil::common::allocateClearedBlock;
 using quil::common::kFirmwareUpdateTag;
+using quil::common::pauseUs;
 using quil::common::putBe32;
 using quil::fpga::frameSize;
 using quil::fpga::kAddressAt;
@@ -118,7 +120,7 @@ int spi_send_data(void* buf, unsigned count) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: open %s failed !!!\n", __func__, kDevice);
         return -1;
     }
-    usleep(kBeforeWriteUs);
+    pauseUs(kBeforeWriteUs);
     const auto result = static_cast<int>(write(device, buf, count));
     if (result < 0) {
         QUIL_LOG_ERROR(kFirmwareUpdateTag, "%s: write fd(%d) error(%s)\n", __func__, device,
@@ -143,7 +145,7 @@ int sendFpgaTxRxReset(void) {
     for (const ResetStep& step : kResetPulse) {
         result = sendFixedFrame(step.frame, sizeof(step.frame));
         if (result < 0) QUIL_LOG_ERROR(kFirmwareUpdateTag, step.failure, __func__);
-        if (step.pauseUs != 0) usleep(step.pauseUs);
+        if (step.pauseUs != 0) pauseUs(step.pauseUs);
     }
     return result;
 }

@@ -56,10 +56,7 @@ HeapBlock<WorkBlock> allocateWorkBlock(uint16_t len) {
         return nullptr;
     }
     auto block = allocateBlock<WorkBlock>(sizeof(WorkBlock));
-    if (block == nullptr) {
-        QUIL_LOG_DEBUG(kServiceTag, "error code %d", kErrorNoMemory);
-        QUIL_LOG_ERROR(kServiceTag, "%s: work buffer malloc failed\n", "quil_request");
-    }
+    if (block == nullptr) QUIL_LOG_DEBUG(kServiceTag, "error code %d", kErrorNoMemory);
     return block;
 }
 

@@ -1,12 +1,13 @@
 #include "fpga/screen/net_gap.h"
 
-#include <unistd.h>
-
 #include "common/log.h"
+#include "common/pause.h"
 #include "fpga/screen/block_frame.h"
 #include "fpga/spi_link.h"
 
 using quil::common::kFirmwareUpdateTag;
+using quil::common::pauseS;
+using quil::common::pauseUs;
 using quil::fpga::frameSize;
 using quil::fpga::kStepPauseUs;
 using quil::fpga::PackedData;
@@ -58,7 +59,7 @@ void sendSubPixel(const st_func_offset_map_t& row, const PackedData& packed) {
     sendPart<1>(row, kEnableAt, packed, "send_buff_sunpixel_enable");
     sendPart<1>(row, kRefreshAt, packed, "send_buff_sunpixel_refresh");
     if (whole) {
-        usleep(kStepPauseUs);
+        pauseUs(kStepPauseUs);
         sendAndLog(filter, "send_buff_sunpixel_filter");
     }
 }
@@ -66,7 +67,7 @@ void sendSubPixel(const st_func_offset_map_t& row, const PackedData& packed) {
 }  // namespace
 
 void sendNetGapeEnable(int blockNum, const unsigned char* data) {
-    sleep(kBeforeEnableS);
+    pauseS(kBeforeEnableS);
     const PackedData packed(data);
     for (const st_func_offset_map_t& row : Rows(blockNum)) {
         if (row.fpga_addr != quil::fpga::kSubPixelSettings) continue;
@@ -74,9 +75,9 @@ void sendNetGapeEnable(int blockNum, const unsigned char* data) {
         sendSubPixel(row, packed);
     }
     sendFixedFrame(kTopologyHeaderOn, sizeof(kTopologyHeaderOn));
-    usleep(kStepPauseUs);
+    pauseUs(kStepPauseUs);
     sendFixedFrame(kControlOff, sizeof(kControlOff));
-    usleep(kStepPauseUs);
+    pauseUs(kStepPauseUs);
     // Five copies of one frame go out: deliberate.
     for (int i = 0; i < kNetGapCopies; ++i) sendFixedFrame(kNetGapOn, sizeof(kNetGapOn));
 }

@@ -1,16 +1,17 @@
 #include "fpga/screen/screen_passes.h"
 
 #include <string.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <iterator>
 
 #include "common/log.h"
+#include "common/pause.h"
 #include "fpga/spi_frame.h"
 #include "fpga/spi_link.h"
 
 using quil::common::kFirmwareUpdateTag;
+using quil::common::pauseUs;
 
 int32_t free_routing_topology[20] = {};
 
@@ -69,7 +70,7 @@ void sendGamma(const st_func_offset_map_t& row, const PackedData& packed) {
         putWriteHeader(frame.bytes, row.fpga_addr + ahead);
         packed.copy(uint64_t{row.offset} + ahead, frame.data(), kGammaData);
         spi_send_data(frame.bytes, sizeof(frame.bytes));
-        usleep(kStepPauseUs);
+        pauseUs(kStepPauseUs);
         logFrame("send_buff_gamma", frame.bytes, sizeof(frame.bytes));
     }
 }
