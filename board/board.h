@@ -41,6 +41,7 @@ struct BoardOptions {
     // What runs on the MCU of a board in a directory of its own; "": the shipped version.
     std::string flashedMcuVersion = {};
     Pct pct = {};
+    uint64_t drawnSteps = UINT64_MAX;  // so many steps of the threads are drawn, the rest as at 0
     ChanceRates chances = {};
     // Where the parts keep what outlives the power, instead of the files of the board's directory.
     std::shared_ptr<OverlayStore> store = {};

@@ -27,13 +27,16 @@ struct Pct {
 class Schedule {
   public:
     Schedule() = default;
-    Schedule(uint64_t seed, const Pct& pct) : mDrawn(seed != 0), mPct(pct), mRandom(seed, "turns") {
+    // After `drawnSteps` threads take turns as at seed 0: with fewer and fewer of them, the steps
+    // are found that a failure needs.
+    Schedule(uint64_t seed, const Pct& pct, uint64_t drawnSteps = UINT64_MAX)
+        : mDrawn(seed != 0), mPct(pct), mRandom(seed, "turns"), mDrawnSteps(drawnSteps) {
         for (unsigned i = 1; mDrawn && i < pct.depth; ++i) {
             mChanges.push_back(1 + mRandom.below(std::max<uint64_t>(pct.steps, 1)));
         }
     }
 
-    bool isDrawn() const { return mDrawn; }
+    bool isDrawn() const { return mDrawn && mSteps < mDrawnSteps; }
     uint64_t priorityOfANewThread() {
         constexpr uint64_t kAboveTheLowest = uint64_t{1} << 32;
         return mDrawn && mPct.depth > 0 ? kAboveTheLowest + mRandom.next() / 2 : 0;
@@ -47,7 +50,7 @@ class Schedule {
     // The index of the next one among `threads`, which are not empty and of BoardThread*.
     template <typename Threads>
     size_t choose(const Threads& threads) {
-        if (!mDrawn) return 0;
+        if (!isDrawn()) return 0;
         if (mPct.depth == 0) return static_cast<size_t>(mRandom.below(threads.size()));
         const auto lower = [](const auto* a, const auto* b) { return a->priority < b->priority; };
         const auto highest = std::max_element(threads.begin(), threads.end(), lower);
@@ -59,7 +62,7 @@ class Schedule {
     Pct mPct;
     Random mRandom{0};
     std::vector<uint64_t> mChanges;  // the steps at which the running thread becomes the lowest
-    uint64_t mSteps = 0, mLowest = uint64_t{1} << 32;
+    uint64_t mDrawnSteps = UINT64_MAX, mSteps = 0, mLowest = uint64_t{1} << 32;
 };
 
 }  // namespace quil::board

@@ -235,8 +235,10 @@ void Scheduler::dispatch() {
     while (mRunning == nullptr && mOn) {
         if (mSchedule.isDrawn()) fireDue();
         if (!mRunQueue.empty()) {
-            const auto next =
-                mRunQueue.begin() + static_cast<ptrdiff_t>(mSchedule.choose(mRunQueue));
+            // Without power no thread waits any more: each in turn, or one that looks for the end
+            // of another keeps it from ending.
+            const size_t chosen = mLost ? 0 : mSchedule.choose(mRunQueue);
+            const auto next = mRunQueue.begin() + static_cast<ptrdiff_t>(chosen);
             mRunning = *next;
             mRunQueue.erase(next);
             mRunning->queued = false;
