@@ -56,7 +56,7 @@ StartUpResult HostingComponent::openDoor(const BootJobs& jobs) {
         return {StartUpError::kService,
                 "the implementation library could not be loaded (see the log)"};
     }
-    mDoor = new FrontDoor(service, jobs.requestsAtOnce);
+    mDoor = new FrontDoor(jobs.watch ? jobs.watch(service) : service, jobs.requestsAtOnce);
     if (!jobs.updateMcu) mDoor->enter(BootStage::kFpga);
     if (jobs.letClientsIn && !jobs.letClientsIn(mDoor)) {
         return {StartUpError::kService, "the service could not be registered"};

@@ -26,6 +26,10 @@ struct BootJobs {
     // jobs. False ends the start.
     std::function<bool(const android::sp<IQuilServiceManager>&)> letClientsIn = {};
     std::function<void(BootStep)> onStep = {};  // called at the end of each step that was taken
+    // Gives what stands in the place of the library's service object behind the door, and passes
+    // all calls on to it, for who watches them.
+    std::function<android::sp<IQuilServiceManager>(const android::sp<IQuilServiceManager>&)> watch =
+        {};
 };
 
 // A service that is up: configuration parsed, MCU link open, the service object loaded, the reader
