@@ -54,7 +54,8 @@ void Scheduler::powerOff() {
         mRunning = nullptr;
         for (auto& thread : mAll) {
             thread->attached = false;
-            if (!thread->finished) mOutsiders.push_back(thread);
+            // The calling thread gets a new one when it comes back.
+            if (!thread->finished && thread.get() != t_self) mOutsiders.push_back(thread);
         }
         mAll.clear();
         mByHandle.clear();
