@@ -16,8 +16,8 @@ namespace quil::fuzz {
 inline constexpr char kUart[] = "/dev/ttyS3";
 
 // The directory of a process's boards, one at a time: to make one for each input would take most of
-// its time. The parts and the shell write to memory; the files that the library has changed are
-// copied anew from a model board.
+// its time. The parts write to memory; files of the board's file system that the library or the
+// shell has changed are copied anew from a model board.
 class BoardPlace {
   public:
     static BoardPlace& ofThisProcess() {
