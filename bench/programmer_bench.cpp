@@ -155,8 +155,13 @@ bool row(std::ostream& out, const char* what, double seconds, double ceiling, do
 // pages.
 bool sideBySide(std::ostream& out, int baud) {
     const Ceiling ceiling(baud);
-    out << kChip << ", " << kSize / 1024 << " KiB at " << baud
-        << " bit/s, pseudo terminal, real time\n";
+    double load = 0;
+    getloadavg(&load, 1);
+    char head[120];
+    snprintf(head, sizeof(head),
+             "%s, %zu KiB at %d bit/s, pseudo terminal, real time, load average %.1f\n", kChip,
+             kSize / 1024, baud, load);
+    out << head;
     const double theirWrite = stm32flash(baud, ""), theirAll = stm32flash(baud, "-v");
     const OverPty over(baud);
     const Report& ours = over.other;
