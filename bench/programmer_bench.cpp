@@ -21,6 +21,7 @@
 #include "board/mcu/mcu_image.h"
 #include "board/mcu/pty_bridge.h"
 #include "programmer/session.h"
+#include "testing/pty_part.h"
 #include "tools/quilctl/programming/serial_transport.h"
 
 namespace quil::bench {
@@ -32,7 +33,6 @@ using programmer::Nanos;
 using programmer::Outcome;
 using programmer::Report;
 
-constexpr char kStm32flash[] = "/usr/bin/stm32flash";
 constexpr size_t kSize = size_t{64} * 1024;
 constexpr McuKind kKind = McuKind::kGd32F303;
 constexpr const char* kChip = "gd32f303";
@@ -103,9 +103,10 @@ class Model {
 double stm32flash(int baud, const std::string& options) {
     const Model model(baud);
     board::writeWholeFile(model.path("image"), board::makeMcuImage(kKind, "V1.0.0", kSize));
-    const std::string command = std::string(kStm32flash) + " -m 8n1 -b " + std::to_string(baud) +
-                                " " + options + " -w " + model.path("image").string() + " " +
-                                model.path("port").string() + " >/dev/null 2>&1";
+    const std::string command = std::string(tests::kStm32flash) + " -m 8n1 -b " +
+                                std::to_string(baud) + " " + options + " -w " +
+                                model.path("image").string() + " " + model.path("port").string() +
+                                " >/dev/null 2>&1";
     const double start = now();
     return system(command.c_str()) == 0 ? now() - start : -1;
 }
@@ -191,7 +192,7 @@ bool programmerBeside(std::ostream& out) {
                      ceiling.write, 99);
     holds &= row(out, "quilctl mcu flash: all, verified", secondsOf(report.statistics.took),
                  ceiling.all(), 100 / 1.05);
-    if (access(kStm32flash, X_OK) != 0) {
+    if (!tests::hasStm32flash()) {
         out << "stm32flash is not installed\n";
         return holds;
     }

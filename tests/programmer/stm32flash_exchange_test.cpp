@@ -2,7 +2,6 @@
 // boot-loader model behind a pseudo terminal.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <memory>
 #include <thread>
@@ -14,6 +13,7 @@
 #include "programmer/session.h"
 #include "testing/bytes.h"
 #include "testing/program_output.h"
+#include "testing/pty_part.h"
 #include "tools/quilctl/programming/serial_transport.h"
 
 namespace quil::tests {
@@ -21,13 +21,12 @@ namespace {
 
 using programmer::Outcome;
 
-constexpr char kStm32flash[] = "/usr/bin/stm32flash";
 constexpr size_t kExchangeSize = 20000;
 
 class ProgrammerExchange : public testing::TestWithParam<board::McuKind> {
   protected:
     void SetUp() override {
-        if (access(kStm32flash, X_OK) != 0) GTEST_SKIP() << kStm32flash << " is not installed";
+        if (!hasStm32flash()) GTEST_SKIP() << kStm32flash << " is not installed";
         server = std::thread([this] { bridge.run(); });
     }
     void TearDown() override {
