@@ -15,7 +15,7 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using tools::PartGate;
 
-constexpr char kPort[] = "/dev/ttyUSB0";
+constexpr char kForeignPort[] = "/dev/ttyUSB0";
 const Bytes kAskPid = {0x06, 0xF9}, kAskId = {0x02, 0xFD}, kEraseF = {0x44, 0xBB};
 const Bytes kF303 = {0x79, 4, 0x33, 0x56, 0x45, 0x46, 0x79}, kH750 = {0x79, 1, 0x04, 0x50, 0x79};
 const Bytes kN32Info = {0xAA, 0x55, 0x10, 0, 0, 0, 0, 0, 0, 0, 0xEF};
@@ -23,8 +23,11 @@ const Bytes kN32Erase = {0xAA, 0x55, 0x30, 0, 16, 0};
 
 class QuilctlPartGate : public testing::Test {
   protected:
-    static PartGate gateFor(const char* chip) { return {kPort, *programmer::partNamed(chip)}; }
-    static void see(PartGate& gate, EventKind kind, const Bytes& bytes, const char* port = kPort) {
+    static PartGate gateFor(const char* chip) {
+        return {kForeignPort, *programmer::partNamed(chip)};
+    }
+    static void see(PartGate& gate, EventKind kind, const Bytes& bytes,
+                    const char* port = kForeignPort) {
         gate.see({board::Nanos(0), kind, port, "", bytes});
     }
     // One byte at a time, as the flow reads.
