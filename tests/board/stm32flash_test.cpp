@@ -49,8 +49,9 @@ class BoardStm32flash : public testing::TestWithParam<Part> {
     // The first bytes of the part's flash.
     std::string cells(size_t size) {
         const auto bytes = part->rest().flash().cells().first(size);
+        std::string copy(bytes.begin(), bytes.end());
         part->serve();
-        return {bytes.begin(), bytes.end()};
+        return copy;
     }
 
     const TemporaryDirectory scratch;

@@ -13,7 +13,6 @@
 #include <thread>
 #include <vector>
 
-#include "board/core/lock.h"
 #include "board/core/real_calls.h"
 
 namespace quil::tools {
@@ -41,14 +40,12 @@ constexpr time_t kPatienceS = 10;
 
 // Never destroyed: the thread that waits for signals outlives main.
 struct State {
-    board::Gate free;  // locks what follows; the program's mutexes belong to the board's time
+    std::atomic<int> taken{0};  // locks what follows; a mutex would belong to the board's time
     std::atomic<int> signal{0};
     const std::function<void()>* stop = nullptr;
     std::vector<std::filesystem::path> leftovers;
     const int wake = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);  // readable after an interruption
     const int errors = dup(STDERR_FILENO);                    // --quiet turns the other one away
-
-    State() { free.open(); }
 };
 
 State& state() {
@@ -58,8 +55,13 @@ State& state() {
 
 class Locked {
   public:
-    Locked() { state().free.wait(); }
-    ~Locked() { state().free.open(); }
+    Locked() {
+        while (state().taken.exchange(1) != 0) state().taken.wait(1);
+    }
+    ~Locked() {
+        state().taken.store(0);
+        state().taken.notify_one();
+    }
     Locked(const Locked&) = delete;
     Locked& operator=(const Locked&) = delete;
 };
