@@ -1,5 +1,6 @@
 #include "board/mcu/mcu_fitting.h"
 
+#include <algorithm>
 #include <optional>
 #include <sstream>
 #include <stdexcept>
@@ -54,8 +55,10 @@ void fitMcu(const fs::path& board, const McuFitting& fitting) {
 
 void flashMcu(const fs::path& board, const std::string& version, Keeping keeping) {
     const std::string content = productFileOf(board);
-    const size_t size = fs::file_size(imageOf(board, content));
     const McuPart& part = partOfProductFile(board / kProductFile);
+    // As large as the shipped image, which may be damaged: the flash held a whole one all the same.
+    const auto shipped = static_cast<size_t>(fs::file_size(imageOf(board, content)));
+    const size_t size = std::clamp<size_t>(shipped, kMcuImageLeast, part.flashSize());
     DirectoryStore(board, keeping).replace("mcu/flash", makeMcuImage(part.kind, version, size));
 }
 

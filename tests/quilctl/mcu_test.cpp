@@ -80,6 +80,14 @@ TEST_F(QuilctlMcu, UpdateOfEveryProductEndsWithItsShippedVersion) {
     }
 }
 
+TEST_F(QuilctlMcu, UpdateFromAnEmptyImageIsRefusedWhateverTheMcuIsSaidToHold) {
+    const std::string board = newBoard();
+    board::writeWholeFile(board + "/rootfs/vendor/firmware/mcu_Heron.bin", "");
+    const Said said = quilctl({"--board", board, "mcu", "update", "--installed", "V0.9.0"});
+    EXPECT_EQ(said.code, tools::kBadData);
+    EXPECT_THAT(said.err, HasSubstr("the image is empty: there is nothing to program"));
+}
+
 TEST_F(QuilctlMcu, UpdateWithoutItsImageTellsWhatTheLibrarySays) {
     const std::string board = newBoard();
     fs::remove(board + "/rootfs/vendor/firmware/mcu_Heron.bin");
