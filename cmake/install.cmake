@@ -67,7 +67,7 @@ install(FILES ${CMAKE_BINARY_DIR}/quil.pc DESTINATION ${quil_pkgconfig_dir} COMP
 set(QUIL_CONSUMER_FLAGS "-Wall -Wextra -Werror")
 if(QUIL_SANITIZE STREQUAL "address")
   string(APPEND QUIL_CONSUMER_FLAGS " -fsanitize=address,undefined")
-elseif(QUIL_SANITIZE)
+elseif(QUIL_SANITIZE AND NOT QUIL_SANITIZE STREQUAL "coverage")
   string(APPEND QUIL_CONSUMER_FLAGS " -fsanitize=${QUIL_SANITIZE}")
 endif()
 configure_file(tests/consumer/build.sh.in ${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/build_consumer

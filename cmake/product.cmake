@@ -18,3 +18,11 @@ set_target_properties(quil_impl PROPERTIES
 target_link_libraries(quil_impl PUBLIC quil_interface hidlbase quil_vendor_headers Threads::Threads)
 target_link_options(quil_impl PRIVATE
   -Wl,--version-script=${PROJECT_SOURCE_DIR}/quil.map -Wl,-z,relro,-z,now,-z,noexecstack)
+if(QUIL_SANITIZE STREQUAL "coverage")
+  # Not optimised, so that each branch is one of the source. The counters lie in the profile's file, so
+  # that a process that is killed has counted, too.
+  target_compile_options(quil_impl PRIVATE
+    -O0 -fprofile-instr-generate=${CMAKE_BINARY_DIR}/profiles/%c%m.profraw -fcoverage-mapping
+    "SHELL:-mllvm -runtime-counter-relocation")
+  target_link_options(quil_impl PRIVATE -fprofile-instr-generate)
+endif()

@@ -15,13 +15,13 @@ struct FreeBlock {
 template <typename T>
 using HeapBlock = std::unique_ptr<T, FreeBlock>;
 
-// A block of `size` bytes with any content, or null; a size of 0 gives a block too.
+// A block of `size` bytes, at least one, with any content; or null.
 template <typename T>
 HeapBlock<T> allocateBlock(size_t size) {
-    return HeapBlock<T>(static_cast<T*>(malloc(size > 0 ? size : 1)));
+    return HeapBlock<T>(static_cast<T*>(malloc(size)));
 }
 
-// The same with all bytes zero.
+// The same with all bytes zero; a size of 0 gives a block too.
 template <typename T>
 HeapBlock<T> allocateClearedBlock(size_t size) {
     return HeapBlock<T>(static_cast<T*>(calloc(1, size > 0 ? size : 1)));

@@ -111,6 +111,21 @@ TEST_F(FpgaFlash, DoneLineBelow1IsNoLineAndCountsAsLow) {
                                         "D fpgaCheckDone: invalid fpga_done_gpio_id = -1\n"));
 }
 
+TEST_F(FpgaFlash, SizeThatIsUnknownAndMissingDoneLineAreSilentBelowLevelD) {
+    setLogLevel("I");
+    int ends[2] = {};
+    ASSERT_EQ(pipe(ends), 0);
+    EXPECT_EQ(getFileSize(("/proc/self/fd/" + std::to_string(ends[0])).c_str()), 0xFFFFFFFFU);
+    close(ends[0]);
+    close(ends[1]);
+    gTellFails = true;
+    EXPECT_EQ(getFileSize(kFpgaImage), 0xFFFFFFFFU);
+    gTellFails = false;
+    config_info->fpga_done_gpio = 0;
+    EXPECT_EQ(fpgaCheckDone(), 0);
+    EXPECT_THAT(messages(), IsEmpty());
+}
+
 TEST_F(FpgaFlash, DoneBeforeTheProductIsParsedHasNoLine) {
     FreshLibrary::reset();
     EXPECT_EQ(fpgaCheckDone(), 0);

@@ -181,6 +181,13 @@ TEST_F(IspDiagnostic, ReadMemoryWithoutASizeGives15) {
                             "D get binfile size: -1073741824\n", "D get bootsize error.\n"));
 }
 
+TEST_F(IspDiagnostic, ReadMemoryWithoutASizeIsSilentBelowLevelD) {
+    if (!writeHugeImage()) GTEST_SKIP() << "32-bit file sizes";
+    setLogLevel("I");
+    EXPECT_EQ(runSynchronised(0x11), 15);
+    EXPECT_THAT(board.log(), IsEmpty());
+}
+
 TEST_F(IspDiagnostic, ReadMemoryWithoutMemoryGives15) {
     writeImage(Bytes(256));
     board.faults().add({.call = Call::kMalloc});

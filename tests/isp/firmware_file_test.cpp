@@ -117,6 +117,12 @@ TEST_F(IspFirmwareFile, WriteToWhereNoFileCanBeGives15AndClosesNothing) {
     EXPECT_THAT(said(), ElementsAre("D file open error:/vendor/no/such/folder/file. \n"));
 }
 
+TEST_F(IspFirmwareFile, WriteToWhereNoFileCanBeIsSilentBelowLevelD) {
+    setLogLevel("I");
+    EXPECT_EQ(file_write("/vendor/no/such/folder/file", "abc", 3), 15);
+    EXPECT_THAT(said(), IsEmpty());
+}
+
 TEST_F(IspFirmwareFile, MissingPathsAreMissingFiles) {
     uint8_t byte = 0;
     EXPECT_EQ(file_size(nullptr), 0);

@@ -49,6 +49,11 @@ TEST_F(Frame, EmptyPayloadGives32BytesAndLengthField22) {
     EXPECT_EQ(frame[9], 0);
 }
 
+TEST_F(Frame, PayloadOfNoBytesIsAnEmptyPayload) {
+    const uint8_t payload = 1;
+    EXPECT_EQ(packet(0x41, &payload, 0), packet(0x41, nullptr, 0));
+}
+
 TEST_F(Frame, NullPayloadLeavesThePayloadBytesOfTheFrameAsTheyAre) {
     const Bytes frame = packet(0x41, nullptr, 2);
     EXPECT_EQ(frame[30], 0xEE);

@@ -164,6 +164,13 @@ TEST_F(ClientRegistry, InvokeSaysWhichEntriesAreThereAndGivesTheSizeEvenIfNoneIs
     EXPECT_EQ(service->hwInvoke(Bytes{1, 2}), 2);
 }
 
+TEST_F(ClientRegistry, InvokeIsSilentBelowLevelD) {
+    setLogLevel("I");
+    service->mClients = {nullptr, new QuilServiceCallback};
+    EXPECT_EQ(service->hwInvoke(Bytes{1, 2}), 2);
+    EXPECT_THAT(board.log(), IsEmpty());
+}
+
 TEST_F(ClientRegistry, ClientThatDiedIsSkippedAndTheNextOneReached) {
     service->hwRegistCallback(new DeadClient);
     service->hwRegistCallback(new Listener(notes, "alive"));

@@ -1,5 +1,6 @@
 // The text that `lshal debug` shows.
 #include <cutils/native_handle.h>
+#include <fcntl.h>
 
 #include <thread>
 
@@ -77,6 +78,14 @@ TEST_F(DebugDump, AnswersWhileARequestWaits) {
     looker.join();
     EXPECT_THAT(text, HasSubstr("mcu = 1, "));
     EXPECT_THAT(text, HasSubstr("time-outs = 0, last label = 1\n"));
+}
+
+TEST_F(DebugDump, DescriptorThatTakesNothingEndsIt) {
+    native_handle_t* full = native_handle_create(1, 0);
+    full->data[0] = open("/dev/full", O_WRONLY | O_CLOEXEC);
+    EXPECT_TRUE(service->debug(hidl_handle(full), {}).isOk());
+    native_handle_close(full);
+    native_handle_delete(full);
 }
 
 TEST_F(DebugDump, WithoutADescriptorIsNothing) {
