@@ -39,7 +39,7 @@ std::string trimmed(std::string_view text) {
 struct Line {
     std::string key, value;
 };
-using Rule = std::string (*)(const Line&, const McuPart&);
+using LineRule = std::string (*)(const Line&, const McuPart&);
 
 std::optional<unsigned long> numberIn(const std::string& text, int base) {
     unsigned long number = 0;
@@ -92,7 +92,7 @@ std::string optionProblem(const Line& line, const McuPart& part) {
 
 struct TextFile {
     const char* name;
-    Rule rule;
+    LineRule rule;
     bool keysRepeat;
 };
 constexpr std::array<TextFile, 4> kTextFiles = {{{"mcu/values", valueProblem, false},

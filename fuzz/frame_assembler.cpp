@@ -28,7 +28,7 @@ std::vector<Bytes> framesOf(std::span<const uint8_t> stream) {
     return frames;
 }
 
-bool isSame(const WireFrame& left, const WireFrame& right) {
+bool equals(const WireFrame& left, const WireFrame& right) {
     return left.label == right.label && left.flags == right.flags && left.fieldA == right.fieldA &&
            left.fieldB == right.fieldB && left.fieldC == right.fieldC &&
            left.command == right.command && left.payload == right.payload;
@@ -56,7 +56,7 @@ std::vector<WireFrame> feedInPieces(FrameAssembler& assembler, std::span<const u
 void checkRoundTrip(const WireFrame& frame) {
     const Bytes bytes = host::buildFrame(frame);
     check(host::frameProblems(bytes).empty(), "a built frame has problems");
-    check(isSame(host::parseFrame(bytes), frame), "a built frame has other fields");
+    check(equals(host::parseFrame(bytes), frame), "a built frame has other fields");
 }
 
 void checkResynchronised(FrameAssembler& assembler) {
@@ -64,7 +64,7 @@ void checkResynchronised(FrameAssembler& assembler) {
     good.label = 0xBB55;  // looks like the magic, in the middle of a frame
     good.payload = {0x55, 0xBB, 0x00};
     const auto frames = assembler.feed(host::buildFrame(good));
-    check(frames.size() == 1 && isSame(frames[0], good), "a good frame after the stream is lost");
+    check(frames.size() == 1 && equals(frames[0], good), "a good frame after the stream is lost");
 }
 
 }  // namespace
@@ -80,7 +80,7 @@ void frameAssembler(std::span<const uint8_t> bytes) {
     check(frames.size() == expected.size(), "other frames than the stream has");
     size_t taken = 0;
     for (size_t i = 0; i < frames.size(); ++i) {
-        check(isSame(frames[i], host::parseFrame(expected[i])), "a frame with other fields");
+        check(equals(frames[i], host::parseFrame(expected[i])), "a frame with other fields");
         checkRoundTrip(frames[i]);
         taken += expected[i].size();
     }

@@ -70,7 +70,7 @@ bool isComplete(const ScreenFile& file) {
     return topologies <= kTopologiesMost;
 }
 
-void checkRoundTrip(const Bytes& partition, const ScreenFile& file) {
+void checkFileRoundTrip(const Bytes& partition, const ScreenFile& file) {
     check(file.size <= partition.size(), "takes more than there is");
     if (file.damage) return;
     std::vector<tools::ScreenFilePart> parts;
@@ -125,7 +125,7 @@ void screenPartition(std::span<const uint8_t> bytes) {
     const Bytes partition =
         (mode & kIsRecipe) != 0 ? partitionOf(Input(rest)) : Bytes(rest.begin(), rest.end());
     const ScreenFile file = tools::readScreenFile(partition);
-    checkRoundTrip(partition, file);
+    checkFileRoundTrip(partition, file);
     if (transfersOf(file) <= kTransfersMost) checkLoad(partition, file, mode);
 }
 

@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "board/board.h"
-#include "board/core/overlay_store.h"
+#include "board/core/store.h"
 #include "board/core/whole_file.h"
 #include "testing/library_state.h"
 

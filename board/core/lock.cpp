@@ -23,10 +23,6 @@ namespace {
 
 thread_local int t_depth = 0;
 
-timespec timespecOf(int64_t nanos) {
-    return {static_cast<time_t>(nanos / 1'000'000'000), static_cast<long>(nanos % 1'000'000'000)};
-}
-
 void futexWait(std::atomic<int>& word, int expected, const timespec* timeout = nullptr) {
     syscall(SYS_futex, reinterpret_cast<int*>(&word), FUTEX_WAIT_PRIVATE, expected, timeout,
             nullptr, 0);

@@ -45,6 +45,10 @@ const RealCalls& real() {
     return g_calls;
 }
 
+timespec timespecOf(int64_t nanos) {
+    return {static_cast<time_t>(nanos / 1'000'000'000), static_cast<long>(nanos % 1'000'000'000)};
+}
+
 int64_t realNanos() {
     timespec t{};
     real().clock_gettime(CLOCK_MONOTONIC, &t);

@@ -71,5 +71,6 @@ struct RealCalls {
 const RealCalls& real();
 bool resolved();
 int64_t realNanos();  // the workstation's monotonic clock
+timespec timespecOf(int64_t nanos);
 
 }  // namespace quil::board

@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace quil::board {
 
@@ -50,6 +51,28 @@ class MemoryStore : public Store {
 
   private:
     std::map<std::string, std::string> mFiles;
+};
+
+// The files of a directory, and over them in memory what was written since: the directory stays as
+// it is. For runs in large numbers from the same start.
+class OverlayStore : public DirectoryStore {
+  public:
+    using Files = std::map<std::string, std::string>;
+
+    explicit OverlayStore(std::filesystem::path directory, Files written = {})
+        : DirectoryStore(std::move(directory)), mWritten(std::move(written)) {}
+
+    std::optional<std::string> read(const std::string& name) const override {
+        const auto found = mWritten.find(name);
+        return found == mWritten.end() ? DirectoryStore::read(name) : found->second;
+    }
+    void replace(const std::string& name, std::string_view content) override {
+        mWritten[name] = content;
+    }
+    const Files& written() const { return mWritten; }
+
+  private:
+    Files mWritten;
 };
 
 }  // namespace quil::board

@@ -15,7 +15,7 @@ struct Token {
     std::string text;
 };
 
-[[noreturn]] void refuse(const std::string& what) {
+[[noreturn]] void refuseWord(const std::string& what) {
     throw std::runtime_error("syntax error: " + what + " unexpected");
 }
 
@@ -47,7 +47,7 @@ class Lexer {
             } else if (c == '\\') {
                 if (!mRest.empty()) text += take();
             } else if (std::string_view("$`|&()*?[{~").find(c) != std::string_view::npos) {
-                refuse(std::string("'") + c + "'");
+                refuseWord(std::string("'") + c + "'");
             } else {
                 text += c;
             }
@@ -57,7 +57,7 @@ class Lexer {
 
     void doubleQuoted(std::string& text) {
         while (char c = inQuotes('"')) {
-            if (c == '$' || c == '`') refuse(std::string("'") + c + "'");
+            if (c == '$' || c == '`') refuseWord(std::string("'") + c + "'");
             const bool escapes =
                 c == '\\' && !mRest.empty() && (mRest[0] == '"' || mRest[0] == '\\');
             text += escapes ? take() : c;
@@ -66,7 +66,7 @@ class Lexer {
 
     // The next character inside quotes; 0 at their end.
     char inQuotes(char quote) {
-        if (mRest.empty()) refuse("end of file");
+        if (mRest.empty()) refuseWord("end of file");
         const char c = take();
         return c == quote ? '\0' : c;
     }
@@ -84,7 +84,7 @@ Shell::Redirection redirection(const std::string& sign, Lexer& lexer) {
     if (sign == "2>&1") return {2, false, true, ""};
     const int fd = sign[0] == '2' ? 2 : sign[0] == '<' ? 0 : 1;
     const auto target = lexer.next();
-    if (!target || target->isOperator) refuse(target ? "'" + target->text + "'" : "newline");
+    if (!target || target->isOperator) refuseWord(target ? "'" + target->text + "'" : "newline");
     return {fd, sign.size() >= 2 && sign.substr(sign.size() - 2) == ">>", false, target->text};
 }
 
@@ -102,7 +102,7 @@ std::vector<Shell::Command> parseShellLine(std::string_view line) {
         if (!token->isOperator) {
             current.argv.push_back(token->text);
         } else if (token->text == ";" || token->text == "&&" || token->text == "||") {
-            if (isEmpty(current)) refuse("'" + token->text + "'");
+            if (isEmpty(current)) refuseWord("'" + token->text + "'");
             commands.push_back(std::move(current));
             current = {{}, {}, token->text};
         } else {
@@ -112,7 +112,7 @@ std::vector<Shell::Command> parseShellLine(std::string_view line) {
     if (!isEmpty(current)) {
         commands.push_back(std::move(current));
     } else if (current.before == "&&" || current.before == "||") {
-        refuse("newline");
+        refuseWord("newline");
     }
     return commands;
 }

@@ -10,7 +10,7 @@
 namespace quil::board {
 namespace {
 
-std::string shown(const char* text) { return text != nullptr ? text : "(null)"; }
+std::string textOrNull(const char* text) { return text != nullptr ? text : "(null)"; }
 
 constexpr char kBlockDevices[] = "/dev/block/by-name/";
 
@@ -71,11 +71,11 @@ bool FpgaLibrary::readFile(const std::string& path, std::vector<uint8_t>* conten
 
 int32_t FpgaLibrary::loadProgram(const char* driver, const char* image) {
     keep({driver, image});
-    const std::string arguments = shown(driver) + ", " + shown(image);
+    const std::string arguments = textOrNull(driver) + ", " + textOrNull(image);
     return call("hal_fpga_load_program_sync", arguments, [&] {
         std::vector<uint8_t> content;
-        if (shown(driver) != kFpgaDevice) return -ENODEV;
-        if (!readFile(shown(image), &content)) return -ENOENT;
+        if (textOrNull(driver) != kFpgaDevice) return -ENODEV;
+        if (!readFile(textOrNull(image), &content)) return -ENOENT;
         return mParts.fpga.load(content).empty() ? 0 : -EIO;
     });
 }
@@ -110,13 +110,13 @@ int32_t FpgaLibrary::sendScreen(const std::string& partition, int64_t byteNanos,
 
 int32_t FpgaLibrary::loadScreenByUdp(const char* parameters, const char* hexParameters) {
     keep({parameters, hexParameters});
-    const std::string arguments = shown(parameters) + ", " + shown(hexParameters);
+    const std::string arguments = textOrNull(parameters) + ", " + textOrNull(hexParameters);
     return call("bi_fpga_load_screen_params_by_udp", arguments, [&] {
         std::vector<uint8_t> hexContent;
         if (!mParts.network.eth1().up) return -ENETDOWN;
-        if (!readFile(kBlockDevices + shown(hexParameters), &hexContent)) return -ENOENT;
+        if (!readFile(kBlockDevices + textOrNull(hexParameters), &hexContent)) return -ENOENT;
         mParts.fpga.setUdpMode();
-        return sendScreen(kBlockDevices + shown(parameters), kUdpByteNanos, "udp");
+        return sendScreen(kBlockDevices + textOrNull(parameters), kUdpByteNanos, "udp");
     });
 }
 

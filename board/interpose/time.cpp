@@ -17,13 +17,6 @@ constexpr int64_t kNanosPerSecond = 1'000'000'000;
 
 Nanos nanosOf(const timespec& time) { return Nanos(time.tv_sec * kNanosPerSecond + time.tv_nsec); }
 
-timespec timespecOf(Nanos time) {
-    timespec result{};
-    result.tv_sec = static_cast<time_t>(time.count() / kNanosPerSecond);
-    result.tv_nsec = static_cast<long>(time.count() % kNanosPerSecond);
-    return result;
-}
-
 std::string secondsText(Nanos duration) {
     return std::to_string(static_cast<double>(duration.count()) / 1e9) + " s";
 }
@@ -83,7 +76,7 @@ QUIL_EXPORT int nanosleep(const timespec* duration, timespec* left) {
     const SleepEnd end = sleepOnBoard(nanosOf(*duration), &rest);
     if (end == SleepEnd::kElsewhere) return real().nanosleep(duration, left);
     if (end == SleepEnd::kOver) return 0;
-    if (left != nullptr) *left = timespecOf(rest);
+    if (left != nullptr) *left = timespecOf(rest.count());
     return interrupted();
 }
 
@@ -97,7 +90,7 @@ QUIL_EXPORT int clock_nanosleep(clockid_t clock, int flags, const timespec* time
     const SleepEnd end = sleepOnBoard(duration, &rest);
     if (end == SleepEnd::kElsewhere) return real().clock_nanosleep(clock, flags, time, left);
     if (end == SleepEnd::kOver) return 0;
-    if (left != nullptr && (flags & TIMER_ABSTIME) == 0) *left = timespecOf(rest);
+    if (left != nullptr && (flags & TIMER_ABSTIME) == 0) *left = timespecOf(rest.count());
     return EINTR;
 }
 
@@ -126,7 +119,7 @@ QUIL_EXPORT int clock_gettime(clockid_t clock, timespec* time) noexcept {
         if (__asan_init == nullptr) Scheduler::arrive();
         const Scheduler& scheduler = machine->scheduler;
         const Nanos now = isWallClock(clock) ? scheduler.wallNow() : scheduler.now();
-        *time = timespecOf(now + std::chrono::seconds(kPowerOnEpoch));
+        *time = timespecOf((now + std::chrono::seconds(kPowerOnEpoch)).count());
         return 0;
     }
     return resolved() ? real().clock_gettime(clock, time)

@@ -33,11 +33,6 @@ Nanos realNow() {
     return std::chrono::seconds(time.tv_sec) + Nanos(time.tv_nsec);
 }
 
-timespec timespecOf(Nanos time) {
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
-    return {static_cast<time_t>(seconds.count()), static_cast<long>((time - seconds).count())};
-}
-
 int openMaster(std::string& port) {
     const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
     std::array<char, 64> name{};
@@ -248,7 +243,7 @@ void PtyBridge::run() {
 
 void PtyBridge::serveOnce() {
     pollfd entry{mMaster, POLLIN, 0};
-    const timespec wait = timespecOf(mPart->untilNext());
+    const timespec wait = timespecOf(mPart->untilNext().count());
     const int ready = ppoll(&entry, 1, &wait, nullptr);
     mPart->runDue();
     if (ready <= 0) return;
@@ -256,7 +251,7 @@ void PtyBridge::serveOnce() {
     if ((entry.revents & POLLHUP) == 0) return;
     mPart->restart();  // no program has the port open
     mInUse.store(false);
-    const timespec nap = timespecOf(kNapWhenClosed);
+    const timespec nap = timespecOf(kNapWhenClosed.count());
     real().nanosleep(&nap, nullptr);
 }
 

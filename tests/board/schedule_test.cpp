@@ -5,7 +5,7 @@
 #include <mutex>
 #include <thread>
 
-#include "board/core/overlay_store.h"
+#include "board/core/store.h"
 #include "board/core/temporary_directory.h"
 #include "fpga/load_process.h"
 #include "testing/client_scenario.h"

@@ -31,7 +31,7 @@ const std::vector<std::string> kEnablePauses = {"0.010000 s", "0.100000 s", "0.0
                                                 "0.100000 s", "0.010000 s", "0.010000 s",
                                                 "0.010000 s", "0.010000 s", "0.010000 s"};
 
-std::vector<std::string> joined(std::vector<std::string> first,
+std::vector<std::string> concat(std::vector<std::string> first,
                                 const std::vector<std::string>& second) {
     first.insert(first.end(), second.begin(), second.end());
     return first;
@@ -67,7 +67,7 @@ TEST_F(ScreenFixed, SubPixelTableGoesOnceMoreInTwoHalves) {
     oneRow(0x10A43000);
     sendFixedParameter(1, packed.data());
     EXPECT_EQ(writtenHex(),
-              joined(kFixed, {hexOf(transfer("02 10 a4 30 00", partOf(packed, 0, 256))),
+              concat(kFixed, {hexOf(transfer("02 10 a4 30 00", partOf(packed, 0, 256))),
                               hexOf(transfer("02 10 a4 31 00", partOf(packed, 256, 256)))}));
     EXPECT_THAT(messages(), ElementsAre("D fpga_addr 10a43000 write size = 262\n",
                                         "D fpga_addr 10a43100 write size = 262\n"));
@@ -78,7 +78,7 @@ TEST_F(ScreenFixed, ControlSendsItsByte27) {
     oneRow(0x10000100);
     packed[27] = 0xC7;
     sendFixedParameter(1, packed.data());
-    EXPECT_EQ(writtenHex(), joined(kFixed, {"02 10 00 01 1b c7 00"}));
+    EXPECT_EQ(writtenHex(), concat(kFixed, {"02 10 00 01 1b c7 00"}));
     EXPECT_THAT(messages(), ElementsAre("D fpga_addr 1000011b write size = 7\n"));
 }
 
@@ -88,7 +88,7 @@ TEST_F(ScreenFixed, FirstReceivingBlockSendsItsByte265AndNoOtherDoes) {
     st_func_offset_map_tab[1] = {0x10201000, 4096, 0};
     packed[265] = 0xC7;
     sendFixedParameter(2, packed.data());
-    EXPECT_EQ(writtenHex(), joined(kFixed, {"02 10 20 01 09 c7 00"}));
+    EXPECT_EQ(writtenHex(), concat(kFixed, {"02 10 20 01 09 c7 00"}));
     EXPECT_THAT(messages(), ElementsAre("D fpga_addr 10200109 write size = 7\n"));
 }
 
@@ -105,7 +105,7 @@ TEST_F(ScreenFixed, WithoutDataEachFrameIsLoggedAndGoesWithZeros) {
     oneRow(0x10A43000);
     st_func_offset_map_tab[1] = {0x10000100, 1, 0};
     sendFixedParameter(2, nullptr);
-    EXPECT_EQ(writtenHex(), joined(kFixed, {hexOf(transfer("02 10 a4 30 00", Bytes(256))),
+    EXPECT_EQ(writtenHex(), concat(kFixed, {hexOf(transfer("02 10 a4 30 00", Bytes(256))),
                                             hexOf(transfer("02 10 a4 31 00", Bytes(256))),
                                             "02 10 00 01 1b 00 00"}));
     EXPECT_THAT(messages(),
@@ -117,7 +117,7 @@ TEST_F(ScreenFixed, WithoutDataEachFrameIsLoggedAndGoesWithZeros) {
 TEST_F(ScreenFixed, CountAboveTheTableEndsWithTheTable) {
     for (st_func_offset_map_t& row : st_func_offset_map_tab) row = {0x10000100, 1, 0xFFFFFFFF};
     sendFixedParameter(1000, packed.data());
-    EXPECT_EQ(writtenHex(), joined(kFixed, std::vector<std::string>(60, "02 10 00 01 1b 00 00")));
+    EXPECT_EQ(writtenHex(), concat(kFixed, std::vector<std::string>(60, "02 10 00 01 1b 00 00")));
 }
 
 // The net gap.
@@ -143,7 +143,7 @@ class ScreenNetGap : public ScreenFixed {
 };
 
 TEST_F(ScreenNetGap, StartsAfter3SecondsAndEndsWithFiveCopies) {
-    EXPECT_EQ(pausesOf(0), joined({"3.000000 s"}, kEnablePauses));
+    EXPECT_EQ(pausesOf(0), concat({"3.000000 s"}, kEnablePauses));
     EXPECT_EQ(writtenHex(), kEnable);
     EXPECT_THAT(messages(), IsEmpty());
 }
@@ -153,12 +153,12 @@ TEST_F(ScreenNetGap, BlockWhoseEnableIs0GoesWithAllParametersAndItsFilterTwice) 
     oneRow(0x10A45000);
     const std::string filter = hexOf(transfer("02 10 a4 50 31", partOf(packed, 49, 108)));
     const auto pauses = pausesOf(1);
-    EXPECT_EQ(writtenHex(), joined({hexOf(transfer("02 10 a4 50 00", partOf(packed, 0, 20))),
+    EXPECT_EQ(writtenHex(), concat({hexOf(transfer("02 10 a4 50 00", partOf(packed, 0, 20))),
                                     hexOf(transfer("02 10 a4 50 14", partOf(packed, 20, 4))),
                                     filter, "02 10 a4 50 18 00 00",
                                     hexOf(transfer("02 10 a4 50 19", {packed[25]})), filter},
                                    kEnable));
-    EXPECT_EQ(pauses, joined({"3.000000 s", "0.010000 s", "0.010000 s", "0.010000 s", "0.010000 s",
+    EXPECT_EQ(pauses, concat({"3.000000 s", "0.010000 s", "0.010000 s", "0.010000 s", "0.010000 s",
                               "0.010000 s", "0.100000 s", "0.010000 s"},
                              kEnablePauses));
 }
@@ -168,12 +168,12 @@ TEST_F(ScreenNetGap, BlockWhoseEnableIsSetGoesWithOneParameterAndItsFilterOnce) 
     oneRow(0x10A45000);
     const auto pauses = pausesOf(1);
     EXPECT_EQ(writtenHex(),
-              joined({hexOf(transfer("02 10 a4 50 00", {packed[0]})),
+              concat({hexOf(transfer("02 10 a4 50 00", {packed[0]})),
                       hexOf(transfer("02 10 a4 50 14", partOf(packed, 20, 4))),
                       hexOf(transfer("02 10 a4 50 31", partOf(packed, 49, 108))),
                       "02 10 a4 50 18 05 00", hexOf(transfer("02 10 a4 50 19", {packed[25]}))},
                      kEnable));
-    EXPECT_EQ(pauses, joined({"3.000000 s", "0.010000 s", "0.010000 s", "0.010000 s", "0.010000 s",
+    EXPECT_EQ(pauses, concat({"3.000000 s", "0.010000 s", "0.010000 s", "0.010000 s", "0.010000 s",
                               "0.010000 s"},
                              kEnablePauses));
 }
@@ -198,7 +198,7 @@ TEST_F(ScreenNetGap, EachFrameOfABlockIsLoggedByteByByteAtInformationLevel) {
     const char* const labels[] = {"param", "ip", "filter", "enable", "refresh", "filter"};
     std::vector<std::string> expected = {"D send_sub_pixel 0x10a45000 \n"};
     for (size_t i = 0; i < 6; ++i) {
-        expected = joined(expected,
+        expected = concat(expected,
                           bytesLogged(std::string("send_buff_sunpixel_") + labels[i], frames[i]));
     }
     EXPECT_EQ(messages(), expected);
@@ -230,7 +230,7 @@ TEST_F(ScreenNetGap, WithoutDataTheEnableByteCountsAs0AndFramesGoWithZeros) {
     oneRow(0x10A45000);
     sendNetGapeEnable(1, nullptr);
     const std::string filter = hexOf(transfer("02 10 a4 50 31", Bytes(108)));
-    EXPECT_EQ(writtenHex(), joined({hexOf(transfer("02 10 a4 50 00", Bytes(20))),
+    EXPECT_EQ(writtenHex(), concat({hexOf(transfer("02 10 a4 50 00", Bytes(20))),
                                     hexOf(transfer("02 10 a4 50 14", Bytes(4))), filter,
                                     "02 10 a4 50 18 00 00", "02 10 a4 50 19 00 00", filter},
                                    kEnable));
@@ -271,7 +271,7 @@ TEST_F(ScreenNetworkWait, OfASideThatIsUpTakesNoTimeAndIsLoggedBehindTheNetGap) 
     EXPECT_THAT(messages(), ElementsAre(kAlready));
     const auto events = board.trace().events();
     EXPECT_EQ(events.back().kind, board::EventKind::kLog);
-    EXPECT_EQ(writtenHex(), joined(joined(kFixed, {kControlOn}), kEnable));
+    EXPECT_EQ(writtenHex(), concat(concat(kFixed, {kControlOn}), kEnable));
 }
 
 TEST_F(ScreenNetworkWait, OfASideThatNeverComesTakes4WholeSecondsAndIsLoggedBeforeTheNetGap) {
@@ -289,7 +289,7 @@ TEST_F(ScreenNetworkWait, OfASideThatNeverComesTakes4WholeSecondsAndIsLoggedBefo
     }
     EXPECT_EQ(std::find(order.begin(), order.end(), "log") + 1,
               std::find(order.begin(), order.end(), "3.000000 s"));
-    EXPECT_EQ(writtenHex(), joined(joined(kFixed, {kControlOn}), kEnable));
+    EXPECT_EQ(writtenHex(), concat(concat(kFixed, {kControlOn}), kEnable));
 }
 
 TEST_F(ScreenNetworkWait, EndsWhenTheOtherThreadHasWrittenTheLastByte) {

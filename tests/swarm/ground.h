@@ -7,7 +7,7 @@
 #include <memory>
 #include <string>
 
-#include "board/core/overlay_store.h"
+#include "board/core/store.h"
 #include "board/core/temporary_directory.h"
 #include "tests/swarm/world.h"
 

@@ -35,7 +35,7 @@ constexpr Field kFields[] = {
     {wire::kCommandAt, 4, "command"}, {wire::kTailAt, 4, "reserved"},
 };
 
-uint32_t valueOf(host::ByteView bytes) {
+uint32_t valueIn(host::ByteView bytes) {
     uint32_t value = 0;
     for (size_t i = 0; i < bytes.size(); ++i) value |= uint32_t{bytes[i]} << (8 * i);
     return value;
@@ -62,13 +62,13 @@ void printFields(std::ostream& out, host::ByteView bytes, const host::WireFrame&
     char value[32];
     for (const Field& field : kFields) {
         const auto part = bytes.from(field.at).first(field.size);
-        snprintf(value, sizeof(value), "0x%0*X", static_cast<int>(2 * field.size), valueOf(part));
+        snprintf(value, sizeof(value), "0x%0*X", static_cast<int>(2 * field.size), valueIn(part));
         printLine(out, field.at, toHex(part), field.name, value + meaningOf(frame, field));
     }
     const size_t sumAt = bytes.size() - wire::kChecksumSize;
     printLine(out, wire::kPayloadAt, "", "payload",
               frame.payload.empty() ? "(none)" : toHex(frame.payload));
-    snprintf(value, sizeof(value), "0x%04X  %s", valueOf(bytes.from(sumAt)),
+    snprintf(value, sizeof(value), "0x%04X  %s", valueIn(bytes.from(sumAt)),
              host::checksumHolds(bytes) ? "good" : "wrong");
     printLine(out, sumAt, toHex(bytes.from(sumAt)), "checksum", value);
 }

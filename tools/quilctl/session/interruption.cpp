@@ -29,7 +29,7 @@ constexpr std::array<SignalRow, 3> kSignals = {{
     {SIGHUP, kHungUp, "hung up"},
 }};
 
-const SignalRow& rowOf(int signal) {
+const SignalRow& signalRow(int signal) {
     const auto* row = std::find_if(kSignals.begin(), kSignals.end(),
                                    [signal](const SignalRow& one) { return one.signal == signal; });
     return row == kSignals.end() ? kSignals.front() : *row;
@@ -127,8 +127,8 @@ void forgetInterruption() {
     [[maybe_unused]] const auto read = board::real().read(state().wake, &count, sizeof(count));
 }
 
-ExitCode exitCodeOf(int signal) { return rowOf(signal).code; }
-const char* wordFor(int signal) { return rowOf(signal).word; }
+ExitCode exitCodeOf(int signal) { return signalRow(signal).code; }
+const char* wordFor(int signal) { return signalRow(signal).word; }
 
 StopsAtInterruption::StopsAtInterruption(std::function<void()> stop) : mStop(std::move(stop)) {
     const Locked locked;

@@ -44,7 +44,7 @@ enum class Weight {
     kFailure,  // the stage was not done, although the library goes on as if it were
 };
 
-struct MessageRow {
+struct CauseRow {
     std::string_view message;  // its beginning
     Weight weight;
     const char* meaning;
@@ -52,7 +52,7 @@ struct MessageRow {
 };
 constexpr const char* kSpiRemedy =
     "look at the FPGA's SPI device /dev/fpga_spi: its driver and its permissions";
-constexpr std::array<MessageRow, 7> kMeanings = {{
+constexpr std::array<CauseRow, 7> kMeanings = {{
     {"mcuFwUpdate: do not need upgrade FW", Weight::kNothing, "", nullptr},
     {"readFpgaDdrState: ", Weight::kFailure, "the state of the FPGA's DDR was not read",
      kSpiRemedy},
@@ -80,7 +80,7 @@ std::string withDetail(const std::string& meaning, const std::string& detail) {
     return detail.empty() ? meaning : meaning + ": " + detail;
 }
 
-void addCause(BootStage& stage, const MessageRow* message, const std::string& error,
+void addCause(BootStage& stage, const CauseRow* message, const std::string& error,
               const std::string& problem) {
     const StageRow* row =
         rowOf(kStageAdvice, [&](const StageRow& one) { return one.stage == stage.name; });
@@ -99,8 +99,8 @@ void addCause(BootStage& stage, const MessageRow* message, const std::string& er
 }  // namespace
 
 void explain(BootStage& stage, const std::string& error, const std::string& problem) {
-    const MessageRow* message =
-        rowOf(kMeanings, [&](const MessageRow& row) { return error.rfind(row.message, 0) == 0; });
+    const CauseRow* message =
+        rowOf(kMeanings, [&](const CauseRow& row) { return error.rfind(row.message, 0) == 0; });
     const bool isPassedOver = message != nullptr && message->weight == Weight::kFailure;
     const bool isNameless = stage.name == "configuration" && !error.empty() && stage.said == error;
     if (isPassedOver || isNameless) stage.ok = false;
