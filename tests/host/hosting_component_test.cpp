@@ -1,6 +1,7 @@
 #include "host/hosting_component.h"
 
 #include <android/log.h>
+#include <errno.h>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -17,6 +18,8 @@ namespace {
 
 using android::hardware::hidl_vec;
 using quil::board::Board;
+using quil::board::Call;
+using quil::tests::kHeronUart;
 using quil::tests::LibraryTest;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
@@ -82,6 +85,16 @@ TEST_F(HostingComponentTest, NoiseAroundAnAnswerDoesNotReachTheClient) {
     EXPECT_GE(host.reader()->statistics().skippedBytes, 8u);
 }
 
+// The remains announce the longest frame of all, and would wait for its bytes.
+TEST_F(HostingComponentTest, RemainsOfAFrameAreForgottenBeforeTheNextAnswerComes) {
+    board.mcu().setAnswer(1, version);
+    ASSERT_TRUE(start().ok());
+    board.mcuUart().sendToHost({0x55, 0xBB, 0, 0, 0, 1, 5, 0, 0x26, 0x10});
+    board.runFor(2 * McuReader::kLongestGap);
+    EXPECT_EQ(getVersion(), version);
+    EXPECT_EQ(host.reader()->statistics().abandoned, 1U);
+}
+
 TEST_F(HostingComponentTest, AnswerWithAWrongChecksumIsNoAnswer) {
     board.mcu().setCorruptAnswers(true);
     ASSERT_TRUE(start().ok());
@@ -109,6 +122,25 @@ TEST_F(HostingComponentTest, WhileFirmwareIsUpdatedRequestsAnswerFfAndAfterwards
         EXPECT_THAT(board.mcu().requests(), IsEmpty());
     }
     EXPECT_EQ(getVersion(), version);
+}
+
+TEST_F(HostingComponentTest, UpdateInsideAnotherEndsNeitherTheOthersFlagNorItsOwner) {
+    ASSERT_TRUE(start().ok());
+    const FirmwareUpdateGuard outer(Firmware::kFpgas);
+    {
+        const FirmwareUpdateGuard inner;
+        EXPECT_EQ(firmwareBeingWritten(), Firmware::kMcus);
+    }
+    EXPECT_EQ(firmwareBeingWritten(), Firmware::kFpgas);
+    EXPECT_THAT(getVersion(), ElementsAre(0xFF));
+}
+
+TEST_F(HostingComponentTest, SignalDuringTheReadersReadLosesNeitherTheLinkNorTheAnswer) {
+    board.mcu().setAnswer(1, version);
+    ASSERT_TRUE(start().ok());
+    board.faults().add({.call = Call::kRead, .path = kHeronUart, .error = EINTR});
+    EXPECT_EQ(getVersion(), version);
+    EXPECT_FALSE(host.reader()->linkLost());
 }
 
 TEST_F(HostingComponentTest, UnpluggedLinkEndsTheReaderAndIsLogged) {

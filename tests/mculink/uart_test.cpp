@@ -134,6 +134,18 @@ TEST_F(UartPort, ParityLettersSetTheirFlagsInEitherCase) {
     }
 }
 
+TEST_F(UartPort, ParityOfAPortThatHadOddParityIsTheOneAskedFor) {
+    const struct {
+        char letter;
+        tcflag_t flags;  // without PARENB the other flag means nothing, and stays
+    } rows[] = {{'E', PARENB}, {'O', PARENB | PARODD}, {'N', PARODD}, {'S', PARODD}};
+    for (const auto& row : rows) {
+        change([](termios& port) { port.c_cflag |= PARENB | PARODD; });
+        ASSERT_EQ(sdk_uart_cfg(mPort, 9600, 0, 8, 1, row.letter), 0) << row.letter;
+        EXPECT_EQ(settings().c_cflag & (PARENB | PARODD), row.flags) << row.letter;
+    }
+}
+
 TEST_F(UartPort, StopBitsOf2SetCstopbAnd1ClearsIt) {
     ASSERT_EQ(sdk_uart_cfg(mPort, 9600, 0, 8, 2, 'S'), 0);
     EXPECT_NE(settings().c_cflag & CSTOPB, 0U);

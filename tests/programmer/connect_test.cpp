@@ -101,6 +101,36 @@ TEST_F(ProgrammerWithoutLines, ApplicationThatAnswersIsToldFromASilentPart) {
     EXPECT_EQ(info().reason, "no answer from the boot loader");
 }
 
+// A line on which somebody else talks without a pause, with a clock of its own.
+class BusyLine : public programmer::Transport {
+  public:
+    void write(std::span<const uint8_t> bytes) override { pass(mMode.timeOf(bytes.size())); }
+    size_t read(std::span<uint8_t> into, programmer::Nanos deadline) override {
+        std::fill(into.begin(), into.end(), 0x55);
+        pass(into.empty() ? deadline - mNow : mMode.timeOf(into.size()));
+        return into.size();
+    }
+    bool lines(bool /*boot0*/, bool /*nrst*/) override { return true; }
+    void setMode(const programmer::LineMode& mode) override { mMode = mode; }
+    programmer::Nanos now() const override { return mNow; }
+
+  private:
+    void pass(programmer::Nanos time) {
+        mNow += time;
+        if (mNow > std::chrono::hours(1)) throw programmer::PortError("listened for an hour");
+    }
+
+    programmer::LineMode mMode;
+    programmer::Nanos mNow{0};
+};
+
+TEST(ProgrammerBusyLine, IsGivenUpAsOneOnWhichNoBootLoaderAnswers) {
+    BusyLine line;
+    const Report report = Session(line, {}).info();
+    EXPECT_EQ(report.outcome, Outcome::kRefused);
+    EXPECT_THAT(report.reason, testing::HasSubstr("no answer from the boot loader"));
+}
+
 TEST(ProgrammerRates, RateThatThePartDoesNotMeasureIsSteppedDown) {
     PartOnBoard on("stm32h750");
     on.settings.link.baud = 460800;

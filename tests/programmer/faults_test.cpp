@@ -154,6 +154,16 @@ TEST_P(ProgrammerFaults, PartThatResetsInAWriteOrAnEraseIsSynchronisedAgain) {
     }
 }
 
+TEST(ProgrammerRefusals, ComparisonThatAnN32RefusesOnceIsAskedAgain) {
+    PartOnBoard on("n32g45x");
+    const Bytes image = on.imageOf("V2.0.0", 1100);
+    on.put(image);
+    on.add({.kind = Kind::kNack, .command = 0x32, .step = LoaderStep::kCommand});
+    const Report report = on.verify(image);
+    EXPECT_EQ(report.outcome, Outcome::kAlreadyCurrent) << textOf(report);
+    EXPECT_EQ(report.statistics.times(Trouble::kFlippedBit), 1U);
+}
+
 // One refusal may be a request that arrived damaged; one that lasts has a cause, which its phase
 // tells.
 TEST(ProgrammerRefusals, LastingNackIsNamedByThePhaseThatItAnswers) {

@@ -41,7 +41,11 @@ class Listener : public IQuilServiceCallback {
 class Proxy : public android::hardware::BpInterface<IQuilServiceCallback> {
   public:
     using BpInterface::BpInterface;
+    ~Proxy() override {
+        if (onRelease) onRelease();
+    }
     bool isRemote() const override { return true; }
+    std::function<void()> onRelease;
     Return<void> hwNotify(const hidl_vec<uint8_t>&) override { return Void(); }
 };
 
@@ -126,6 +130,18 @@ TEST_F(ClientRegistry, RemoteCallbackIsRemovedByAnotherProxyOfItsBinder) {
     EXPECT_EQ(service->hwUnRegistCallback(new Proxy(mine)), -1);
     EXPECT_EQ(service->hwUnRegistCallback(new QuilServiceCallback), -1);
     EXPECT_THAT(service->mClients, ElementsAre(first));
+}
+
+TEST_F(ClientRegistry, RemovedCallbackMayCallTheServiceAsItIsReleased) {
+    const android::sp<IBinder> mine = new IBinder;
+    int32_t invoked = 0;
+    {
+        const android::sp<Proxy> registered = new Proxy(mine);
+        registered->onRelease = [&] { invoked = service->hwInvoke(Bytes{1}); };
+        EXPECT_EQ(service->hwRegistCallback(registered), 0);
+    }
+    EXPECT_EQ(service->hwUnRegistCallback(new Proxy(mine)), 0);
+    EXPECT_EQ(invoked, -1);
 }
 
 TEST_F(ClientRegistry, NullEntryIsNoMatchForANullArgument) {
