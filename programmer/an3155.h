@@ -28,7 +28,7 @@ class An3155 : public BootLoader {
     const char* verifiesBy() const override { return "read-back"; }
     bool readoutProtected() override;
     void read(uint32_t address, std::span<uint8_t> into) override;
-    size_t probeSize() const override { return 16; }
+    size_t probeSize() const override { return 4; }
     bool holds(uint32_t address, std::span<const uint8_t> expected) override;
     Findings examine(uint32_t address, std::span<const uint8_t> expected) override;
     void write(uint32_t address, std::span<const uint8_t> block) override;

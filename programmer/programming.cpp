@@ -15,6 +15,7 @@ constexpr int kMostRepairs = 3;      // of a page that does not take its bytes
 // The bytes that make a part start an image: they are written last of all.
 size_t Session::firstBlock() const { return std::min<size_t>(mPart->blockSize, mImage.size()); }
 
+// A boot loader erases a list from its beginning: the page of the vector table goes first.
 void Session::program(std::span<const uint8_t> image) {
     const std::vector<Page>& changed = mReport.plan.pages;
     const JournalEntry entry{mSettings.imageName, image.size(),   crc32Of(image),
@@ -24,16 +25,17 @@ void Session::program(std::span<const uint8_t> image) {
     }
     mHasChanged = true;
     mExpected = mReport.plan.time;
-    const Page vectors = changed.front();
-    erasePages({vectors});
-    const std::vector<Page> others(changed.begin() + 1, changed.end());
-    for (size_t at = 0; at < others.size(); at += kPagesAtOnce) {
-        const size_t end = std::min(at + kPagesAtOnce, others.size());
-        eraseAndWrite({others.begin() + static_cast<ptrdiff_t>(at),
-                       others.begin() + static_cast<ptrdiff_t>(end)});
+    for (size_t at = 0; at < changed.size(); at += kPagesAtOnce) {
+        const size_t end = std::min(at + kPagesAtOnce, changed.size());
+        const auto from = [&](size_t first) {
+            return std::vector<Page>(changed.begin() + static_cast<ptrdiff_t>(first),
+                                     changed.begin() + static_cast<ptrdiff_t>(end));
+        };
+        erasePages(from(at));
+        writePages(from(std::max<size_t>(at, 1)));
     }
-    verifyPages(others);
-    programVectorPage(vectors);
+    verifyPages({changed.begin() + 1, changed.end()});
+    programVectorPage(changed.front());
     mJournal.finish();
 }
 
@@ -48,8 +50,7 @@ void Session::erasePages(const std::vector<Page>& pages) {
     }
 }
 
-void Session::eraseAndWrite(const std::vector<Page>& pages) {
-    erasePages(pages);
+void Session::writePages(const std::vector<Page>& pages) {
     size_t bytes = 0;
     for (const Page& page : pages) bytes += imageOf(page).size();
     beginPhase("write", mLoader->timeToWrite(bytes), bytes);

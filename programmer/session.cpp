@@ -144,12 +144,15 @@ std::span<const uint8_t> Session::imageOf(const Page& page) const {
     return mImage.subspan(at, std::min<size_t>(page.size, mImage.size() - at));
 }
 
-// Most pages of another image differ in their first bytes, which are cheap to read. Behind a page
-// that is equal the next one is likely to be so as well, and is read at once.
+// Most pages of another image differ in a few bytes, which are cheap to read: those at the end,
+// since the vector table at the beginning is often the same. Behind a page that is equal the next
+// one is likely to be so as well, and is read at once.
 bool Session::pageHolds(uint32_t address, std::span<const uint8_t> expected, bool isLikely) {
     constexpr size_t kStride = 4096;
     const size_t probe = isLikely ? 0 : mLoader->probeSize();
-    for (size_t at = 0; probe > 0 && at + probe < expected.size(); at += kStride) {
+    for (size_t rest = expected.size(); probe > 0 && rest > probe;
+         rest -= std::min(rest, kStride)) {
+        const size_t at = rest - probe;
         const auto start = address + static_cast<uint32_t>(at);
         if (!mLoader->holds(start, expected.subspan(at, probe))) return false;
     }

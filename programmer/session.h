@@ -79,7 +79,7 @@ class Session {
     bool pageHolds(uint32_t address, std::span<const uint8_t> expected, bool isLikely);
     Plan planFor(std::span<const uint8_t> image);
     void program(std::span<const uint8_t> image);
-    void eraseAndWrite(const std::vector<Page>& pages);
+    void writePages(const std::vector<Page>& pages);
     void verifyPages(const std::vector<Page>& pages);
     void programVectorPage(const Page& page);
     void erasePages(const std::vector<Page>& pages);

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
@@ -92,6 +93,7 @@ class PtyBridge::Part : public McuSurroundings {
     void violation(const std::string& text) override { violations.add(mNow, text); }
     void operate(const std::string&, std::function<Nanos(McuFlash&)> start,
                  std::function<void(const std::string&)> done) override {
+        if (!mFirstOperation) mFirstOperation = mNow;
         after(start(flash), [this, done = std::move(done)] { done(flash.finish()); });
     }
     void resetBySoftware() override {
@@ -103,6 +105,8 @@ class PtyBridge::Part : public McuSurroundings {
         ++mEpoch;
         mInApplication = true;
     }
+
+    Nanos workTime() const { return mFirstOperation ? mSendingUntil - *mFirstOperation : Nanos(0); }
 
     // A pseudo terminal transfers at once; here each byte takes its time on the line.
     void arrive(std::span<const uint8_t> bytes) {
@@ -179,6 +183,7 @@ class PtyBridge::Part : public McuSurroundings {
     const int mFastest;
     LineNoise mNoise;
     Nanos mNow, mSendingUntil{0}, mReceivingUntil{0};
+    std::optional<Nanos> mFirstOperation;
     uint64_t mEpoch = 0;  // counts resets
     bool mInApplication = false;
     std::multimap<Nanos, std::function<void()>> mQueue;
@@ -229,6 +234,7 @@ void PtyBridge::makeLink() {
 
 const std::string& PtyBridge::port() const { return mPort; }
 Nanos PtyBridge::clock() const { return mPart->now(); }
+Nanos PtyBridge::workTime() const { return mPart->workTime(); }
 McuFlash& PtyBridge::flash() { return mPart->flash; }
 LoaderFaults& PtyBridge::faults() { return mPart->faults; }
 std::vector<std::string> PtyBridge::violations() const { return mPart->violations.texts(); }

@@ -49,6 +49,9 @@ class PtyBridge {
     bool inUse() const { return mInUse.load(); }
     // Not while run() serves.
     Nanos clock() const;  // that its bytes and operations took; not meaningful in real time
+    // From the start of the first flash operation to the end of the last answer: what a host needs
+    // for its work, without its start and its connection.
+    Nanos workTime() const;
     McuFlash& flash();
     LoaderFaults& faults();
     std::vector<std::string> violations() const;

@@ -14,6 +14,7 @@
 #include <algorithm>
 #include <array>
 #include <memory>
+#include <utility>
 
 namespace quil::tools {
 namespace {
@@ -35,6 +36,8 @@ constexpr std::array<Speed, 9> kSpeeds = {{{9600, B9600},
                                            {460800, B460800},
                                            {921600, B921600},
                                            {1000000, B1000000}}};
+
+constexpr Nanos kLead = std::chrono::microseconds(500);  // so late may a sleep end
 
 speed_t codeOf(int baud) {
     const auto* row = std::find_if(kSpeeds.begin(), kSpeeds.end(),
@@ -155,18 +158,20 @@ void SerialTransport::waitOut(Nanos deadline) const {
     throw PortError(mPath + ": time stands still");
 }
 
-// Waits for the first byte, then for as long as the others need: a wake for each would be many.
+// Waits for the first byte, then once for nearly as long as the others need: a wake for each would
+// be many, and a sleep ends late. What comes by then comes in bunches, which say nothing of the
+// time that the rest takes.
 size_t SerialTransport::read(std::span<uint8_t> into, Nanos deadline) {
     if (into.empty()) {
         waitOut(deadline);
         return 0;
     }
-    constexpr size_t kFew = 4;
     size_t got = take(into);
-    while (got < into.size() && now() < deadline) {
-        const size_t missing = into.size() - got;
-        const bool isArriving = got > 0 && missing > kFew;
-        if (isArriving) waitOut(std::min(now() + mMode.timeOf(missing - 1), deadline));
+    for (bool hasSlept = false; got < into.size() && now() < deadline;) {
+        const Nanos arriving = mMode.timeOf(into.size() - got) - kLead;
+        if (got > 0 && arriving > Nanos(0) && !std::exchange(hasSlept, true)) {
+            waitOut(std::min(now() + arriving, deadline));
+        }
         if (!waitFor(deadline)) continue;
         const size_t more = take(into.subspan(got));
         if (more == 0) throw PortError(mPath + ": the device is gone");
