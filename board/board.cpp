@@ -21,7 +21,7 @@ std::unique_ptr<TemporaryDirectory> makeTemporaryBoard(Product product,
 
 std::unique_ptr<Machine> powerOn(const std::filesystem::path& dir, BoardOptions options) {
     if (poweredMachine() != nullptr) throw std::runtime_error("a board is powered on already");
-    requireBoard(dir);
+    if (!options.store) requireBoard(dir);
     auto machine = std::make_unique<Machine>(std::filesystem::absolute(dir), options);
     machine->faults.watchAllocations(
         [](bool mayFail) { mayFail ? hookAllocations() : unhookAllocations(); });
@@ -42,6 +42,11 @@ Board::Board(Product product, BoardOptions options)
 Board::Board(const std::filesystem::path& dir, BoardOptions options)
     : mMachine(powerOn(dir, options)) {}
 
+Board::Board(std::shared_ptr<OverlayStore> store, BoardOptions options) {
+    options.store = std::move(store);
+    mMachine = powerOn("/nowhere", options);
+}
+
 Board::~Board() {
     mMachine->trace.add(EventKind::kPower, "board", "off");
     g_poweredMachine.store(nullptr);
@@ -57,6 +62,9 @@ std::filesystem::path Board::hostPath(std::string_view boardPath) const {
 
 void Board::writeFile(std::string_view boardPath, std::string_view content) {
     Guard guard(boardLock());
+    if (mMachine->filesInMemory) {
+        return mMachine->options.store->replace(mMachine->nameInMemory(boardPath), content);
+    }
     const auto path = mMachine->hostPath(boardPath);
     std::filesystem::create_directories(path.parent_path());
     writeWholeFile(path, content);
@@ -101,7 +109,8 @@ void Board::onEachCut(std::function<void(const PowerCut&, const OverlayStore::Fi
         throw std::logic_error("the board keeps its files in a directory");
     const auto probe = [machine = mMachine.get(), told = std::move(told)](
                            const PowerCut& cut, const std::function<void(Store&)>& last) {
-        OverlayStore left(machine->directory, machine->options.store->written());
+        const OverlayStore& kept = *machine->options.store;
+        OverlayStore left(kept.below(), kept.written());
         machine->mcuChip.leaveIn(left);
         if (last) last(left);
         told(cut, left.written());

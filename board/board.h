@@ -43,7 +43,7 @@ struct BoardOptions {
     Pct pct = {};
     uint64_t drawnSteps = UINT64_MAX;  // so many steps of the threads are drawn, the rest as at 0
     ChanceRates chances = {};
-    // Where the parts keep what outlives the power, instead of the files of the board's directory.
+    // Where the board keeps all its files, instead of its directory: in memory.
     std::shared_ptr<OverlayStore> store = {};
     Standstill standstill = {};           // threads that wait for each other
     Keeping keeping = Keeping::kScratch;  // of what the board keeps in its directory
@@ -64,6 +64,8 @@ class Board {
   public:
     explicit Board(Product = Product::kHeron, BoardOptions = {});  // in a directory of its own
     explicit Board(const std::filesystem::path& dir, BoardOptions = {});
+    // In memory alone. What is below the store may come from factoryBoard().
+    explicit Board(std::shared_ptr<OverlayStore>, BoardOptions = {});
     ~Board();
     Board(const Board&) = delete;
     Board& operator=(const Board&) = delete;

@@ -178,6 +178,8 @@ std::optional<Product> productOf(const fs::path& boardDirectory) {
     return std::nullopt;
 }
 
+std::string factoryProductFile(Product product) { return productFile(rowOf(product)); }
+
 std::vector<std::string> factoryFolders() {
     return {"mcu",
             "rootfs",
@@ -225,6 +227,16 @@ std::vector<FactoryFile> factoryFiles(Product product, std::string_view flashedM
         {"properties", text("")},
         {"product_information", text(std::string(row.moduleId) + "\n")},
     };
+}
+
+std::shared_ptr<MemoryStore> factoryBoard(Product product, std::string_view flashedMcuVersion) {
+    MemoryStore::Files files;
+    for (const FactoryFile& file : factoryFiles(product, flashedMcuVersion)) {
+        files[file.name] = file.content();
+    }
+    const auto folders = factoryFolders();
+    return std::make_shared<MemoryStore>(std::move(files),
+                                         std::set<std::string>(folders.begin(), folders.end()));
 }
 
 BoardFormat formatOf(const fs::path& boardDirectory) {

@@ -3,6 +3,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -31,7 +32,10 @@ struct FactoryFile {
     std::function<std::string()> content;
 };
 std::vector<FactoryFile> factoryFiles(Product, std::string_view flashedMcuVersion = "");
+std::string factoryProductFile(Product);
 std::vector<std::string> factoryFolders();  // each behind the one that it lies in
+// The same in memory.
+std::shared_ptr<MemoryStore> factoryBoard(Product, std::string_view flashedMcuVersion = "");
 
 // The layout of board directories that this program knows. A directory says its own in the file
 // "format"; one without that file is older, and has format 1.

@@ -8,7 +8,7 @@
 namespace quil::board {
 namespace {
 
-constexpr char kWiringFile[] = "rootfs/vendor/etc/product.ini";
+constexpr char kWiringFile[] = "/vendor/etc/product.ini";
 
 // Takes the line's number from the product file, if it has one.
 void takeLine(const IniReader& reader, int handle, const char* key, int& line) {
@@ -22,10 +22,12 @@ bool isDevicePath(const std::string& path) {
 }
 
 // The parts are connected as the product file says at power-on.
-Wiring wiringOf(const std::filesystem::path& productFile) {
+Wiring wiringOf(const BoardServices& board) {
     Wiring wiring;
     IniReader reader;
-    const int handle = reader.load(productFile);
+    std::string text;
+    board.readFile(kWiringFile, &text);
+    const int handle = reader.loadText(text);
     if (const auto* path = reader.find(handle, "mcu", "mcu_uart_path")) {
         if (isDevicePath(*path)) wiring.uart = *path;
     }
@@ -37,6 +39,7 @@ Wiring wiringOf(const std::filesystem::path& productFile) {
     takeLine(reader, handle, "fpga_done_gpio", wiring.fpgaDone);
     const auto* product = reader.find(handle, "product", "product");
     wiring.fpgaBootsFromFlash = product == nullptr || *product != nameOf(Product::kKestrel);
+    wiring.mcu = &partOfProductFile(reader, handle);
     return wiring;
 }
 
@@ -49,6 +52,11 @@ Scheduler& theScheduler() {
 std::shared_ptr<Store> storeOf(const std::filesystem::path& dir, const BoardOptions& options) {
     if (options.store) return options.store;
     return std::make_shared<KeptStore>(dir, options.keeping);
+}
+
+std::shared_ptr<Store> filesOf(const std::filesystem::path& dir, const BoardOptions& options) {
+    if (options.store) return std::make_shared<FolderOfStore>(options.store, "rootfs");
+    return std::make_shared<KeptStore>(dir / "rootfs", options.keeping);
 }
 
 // Adds the lines that the MCU is connected to.
@@ -68,17 +76,17 @@ Fpga::Lines fpgaLines(GpioLines& gpio, const Wiring& wiring) {
 std::atomic<Machine*> g_poweredMachine{nullptr};
 
 Machine::Machine(const std::filesystem::path& dir, BoardOptions opts)
-    : BoardServices(theScheduler(), storeOf(dir, opts), dir / "rootfs",
-                    std::make_shared<KeptStore>(dir / "rootfs", opts.keeping)),
+    : BoardServices(theScheduler(), storeOf(dir, opts), dir / "rootfs", filesOf(dir, opts)),
       directory(dir),
       options(std::move(opts)),
-      mWiring(wiringOf(dir / kWiringFile)),
+      mWiring(wiringOf(*this)),
       probes(*this, mWiring.codecs),
       mcuUart(*this, mWiring.uart),
       mcu(*this, mcuUart, mWiring.baud),
-      mcuChip(*this, partOfProductFile(dir / kWiringFile), mcuUart, withMcuLines(gpio), mcu),
+      mcuChip(*this, *mWiring.mcu, mcuUart, withMcuLines(gpio), mcu),
       fpga(*this, fpgaLines(gpio, mWiring), flash, mWiring.fpgaBootsFromFlash),
       phy(*this, gpio.add(kPhyResetLine, 1), sysfs) {
+    if (options.store) filesInMemory.emplace(options.store);
     phy.onReset([this] { fpga.phyWasReset(); });
     network.addCommands(shell);
     addMtdDebug(*this, shell, flash);

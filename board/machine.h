@@ -13,6 +13,7 @@
 #include "board/core/services.h"
 #include "board/devices/lent_devices.h"
 #include "board/fpga/fpga_library.h"
+#include "board/interpose/memory_files.h"
 
 namespace quil::board {
 
@@ -23,8 +24,10 @@ struct OpenFile {
     std::string path;  // as the board knows it
     Uart* uart = nullptr;
     int flags = 0;
-    std::shared_ptr<SysfsHandle> sysfs = nullptr;
+    std::shared_ptr<FileHandle> handle = nullptr;  // of an attribute, or a file in memory
     Fpga* fpga = nullptr;
+
+    bool isAttribute() const { return dynamic_cast<const SysfsHandle*>(handle.get()) != nullptr; }
 };
 
 // What the product file says about how the parts are connected.
@@ -34,6 +37,7 @@ struct Wiring {
     int codecs = 0;
     int fpgaControl = 441, fpgaConfig = 442, fpgaDone = 443;
     bool fpgaBootsFromFlash = true;
+    const McuPart* mcu = nullptr;
 };
 
 class Machine : public BoardServices {
@@ -41,6 +45,10 @@ class Machine : public BoardServices {
     Machine(const std::filesystem::path& directory, BoardOptions options);
     ~Machine();
 
+    // Of a path of the board; with filesInMemory.
+    std::string nameInMemory(std::string_view boardPath) const {
+        return "rootfs/" + belowRoot(boardPath);
+    }
     Uart* uartAt(std::string_view path);
     OpenFile* openFile(int fd);
     // Power was cut: the devices are frozen, and every call of the host fails at once, so that the
@@ -57,6 +65,7 @@ class Machine : public BoardServices {
 
     const std::filesystem::path directory;
     const BoardOptions options;
+    std::optional<MemoryFiles> filesInMemory;  // unless they are the workstation's
     std::map<int, OpenFile> files;
     std::vector<LogLine> log;
     Chances chances{options.realtime ? 0 : options.seed, options.chances};

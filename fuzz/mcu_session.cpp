@@ -1,13 +1,14 @@
 // A programming session or an update with an MCU that answers anything. Input, one byte each: the
 // session, the image, the circumstances, what follows the script, a fault (call and error, calls
 // before it, times); then the script: for each write of the host, a byte that selects the answer.
-#include <errno.h>
+#include <stdio.h>
 #include <unistd.h>
 
 #include <array>
 #include <iterator>
 
 #include "fuzz/check.h"
+#include "fuzz/drawn_fault.h"
 #include "fuzz/input.h"
 #include "fuzz/powered_board.h"
 #include "fuzz/targets.h"
@@ -135,31 +136,10 @@ constexpr std::array<size_t, 8> kImageSizes = {0, 1, 127, 128, 256, 1000, 1024, 
 // Writes an image of one of the sizes, or removes it.
 void putImage(board::Board& board, uint8_t which) {
     if ((which & 0x0F) == 0x0F) {
-        std::filesystem::remove(board.hostPath(kImage));
+        remove(kImage);
         return;
     }
     board.writeFile(kImage, std::string(kImageSizes[which % kImageSizes.size()], '\x5A'));
-}
-
-// The first byte names the call and the error; 0 is no fault.
-void addFault(board::Board& board, Input& input) {
-    constexpr Call kCalls[] = {Call::kRead,      Call::kWrite,   Call::kOpen,   Call::kTcsetattr,
-                               Call::kTcgetattr, Call::kTcflush, Call::kSystem, Call::kFopen,
-                               Call::kStat,      Call::kAccess,  Call::kPoll,   Call::kFcntl};
-    constexpr int kErrors[] = {EIO, EAGAIN, EINTR, ENODEV, ENOSPC, EBADF};
-    const uint8_t what = input.byte();
-    const uint8_t after = input.byte(), times = input.byte();
-    if (what == 0) return;
-    const size_t call = what % std::size(kCalls), error = what / std::size(kCalls);
-    board::Fault fault{.call = kCalls[call], .after = after, .times = times};
-    if (error < std::size(kErrors)) {
-        fault.error = kErrors[error];
-    } else if (kCalls[call] == Call::kRead || kCalls[call] == Call::kWrite) {
-        fault.shortTo = 1 + error % 3;
-    } else {
-        fault.error = EACCES;
-    }
-    board.faults().add(fault);
 }
 
 // A session that has driven the lines ends with the MCU reset into its application.

@@ -19,17 +19,6 @@ constexpr std::array<std::string_view, 10> kBoardPaths = {"/vendor/",
                                                           "/sdcard/",
                                                           "/opt/"};
 
-// A path of the board as one relative to its root.
-std::string belowRoot(std::string_view boardPath) {
-    std::string normal;
-    if (boardPath.find("..") != std::string_view::npos) {
-        normal = ("/" / std::filesystem::path(boardPath)).lexically_normal().string();
-        boardPath = normal;
-    }
-    while (!boardPath.empty() && boardPath.front() == '/') boardPath.remove_prefix(1);
-    return std::string(boardPath);
-}
-
 }  // namespace
 
 BoardServices::BoardServices(Scheduler& time, std::shared_ptr<Store> memories,
@@ -64,13 +53,27 @@ void BoardServices::spendDeviceTime(Nanos duration, const char* what) {
     scheduler.sleepFor(duration, what);
 }
 
-std::optional<std::filesystem::path> BoardServices::onHost(const char* path) const {
-    if (path == nullptr) return std::nullopt;
+bool BoardServices::isBoards(const char* path) {
+    if (path == nullptr) return false;
     const std::string_view text(path);
-    const bool isBoards = std::any_of(
-        kBoardPaths.begin(), kBoardPaths.end(),
-        [text](std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; });
-    return isBoards ? std::optional(hostPath(path)) : std::nullopt;
+    return std::any_of(kBoardPaths.begin(), kBoardPaths.end(), [text](std::string_view prefix) {
+        return text.substr(0, prefix.size()) == prefix;
+    });
+}
+
+std::optional<std::filesystem::path> BoardServices::onHost(const char* path) const {
+    return isBoards(path) ? std::optional(hostPath(path)) : std::nullopt;
+}
+
+std::string BoardServices::belowRoot(std::string_view boardPath) {
+    std::string normal;
+    const auto has = [&](std::string_view part) { return boardPath.find(part) != boardPath.npos; };
+    if (has("..") || has("//") || has("/.")) {
+        normal = ("/" / std::filesystem::path(boardPath)).lexically_normal().string();
+        boardPath = normal;
+    }
+    while (!boardPath.empty() && boardPath.front() == '/') boardPath.remove_prefix(1);
+    return std::string(boardPath);
 }
 
 std::filesystem::path BoardServices::hostPath(std::string_view boardPath) const {
@@ -84,6 +87,10 @@ int BoardServices::readFile(const std::string& boardPath, std::string* content) 
     if (found) return 0;
     const int error = mFiles->obstacle(name);
     return error != 0 ? error : ENOENT;
+}
+
+bool BoardServices::isFile(const std::string& boardPath) const {
+    return mFiles->read(belowRoot(boardPath)).has_value();
 }
 
 int BoardServices::replaceFile(const std::string& boardPath, std::string_view content) {

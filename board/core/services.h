@@ -50,6 +50,12 @@ class BoardServices {
     // readFile: 0 or an errno; the content is appended. replaceFile: the same.
     int readFile(const std::string& boardPath, std::string* content) const;
     int replaceFile(const std::string& boardPath, std::string_view content);
+    bool isFile(const std::string& boardPath) const;
+    // True for a path that stands for something of the board.
+    static bool isBoards(const char* path);
+
+    // A path of the board as one relative to its root.
+    static std::string belowRoot(std::string_view boardPath);
 
     Scheduler& scheduler;
     const std::shared_ptr<Store> store;  // of the parts

@@ -25,6 +25,11 @@ void DirectoryStore::replace(const std::string& name, std::string_view content) 
     replaceWholeFile(mDirectory / name, content, mKeeping == Keeping::kDurable);
 }
 
+bool DirectoryStore::isFolder(const std::string& name) const {
+    std::error_code ignored;
+    return fs::is_directory(mDirectory / name, ignored);
+}
+
 int DirectoryStore::obstacle(const std::string& name) const {
     std::error_code ignored;
     const fs::path file = mDirectory / name;
@@ -39,6 +44,42 @@ std::optional<std::string> MemoryStore::read(const std::string& name) const {
 
 void MemoryStore::replace(const std::string& name, std::string_view content) {
     mFiles[name] = content;
+}
+
+std::optional<std::string> OverlayStore::read(const std::string& name) const {
+    const auto found = mWritten.find(name);
+    return found == mWritten.end() ? mBelow->read(name) : found->second;
+}
+
+void OverlayStore::replace(const std::string& name, std::string_view content) {
+    mWritten[name] = std::string(content);
+}
+
+bool OverlayStore::isFolder(const std::string& name) const {
+    const auto inside = mWritten.lower_bound(name + "/");
+    const bool hasFile = inside != mWritten.end() && inside->first.rfind(name + "/", 0) == 0;
+    return hasFile || mBelow->isFolder(name);
+}
+
+int OverlayStore::obstacle(const std::string& name) const {
+    if (isFolder(name)) return EISDIR;
+    return isFolder(name.substr(0, name.rfind('/'))) ? 0 : ENOENT;
+}
+
+const std::string* OverlayStore::find(const std::string& name) const {
+    auto found = mWritten.find(name);
+    if (found == mWritten.end()) {
+        found = mSeen.find(name);
+        if (found == mSeen.end()) found = mSeen.emplace(name, mBelow->read(name)).first;
+    }
+    return found->second ? &*found->second : nullptr;
+}
+
+std::string& OverlayStore::edit(const std::string& name) {
+    const auto [place, isNew] = mWritten.try_emplace(name);
+    if (isNew) place->second = mBelow->read(name);
+    if (!place->second) place->second.emplace();
+    return *place->second;
 }
 
 }  // namespace quil::board

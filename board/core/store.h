@@ -4,7 +4,9 @@
 
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -18,6 +20,7 @@ class Store {
     // Afterwards the file has either its former content or all of the new one, even when the
     // program dies meanwhile. Throws std::system_error when it keeps the former one.
     virtual void replace(const std::string& name, std::string_view content) = 0;
+    virtual bool isFolder(const std::string& /*name*/) const { return false; }
     // The errno for which there can be no file of that name: its folder is missing, or it is a
     // folder itself. 0: there is one, or it can be made.
     virtual int obstacle(const std::string& /*name*/) const { return 0; }
@@ -36,6 +39,7 @@ class DirectoryStore : public Store {
     explicit DirectoryStore(std::filesystem::path directory, Keeping = Keeping::kScratch);
     std::optional<std::string> read(const std::string& name) const override;
     void replace(const std::string& name, std::string_view content) override;
+    bool isFolder(const std::string& name) const override;
     int obstacle(const std::string& name) const override;
 
   private:
@@ -46,33 +50,73 @@ class DirectoryStore : public Store {
 // Lasts as long as this object.
 class MemoryStore : public Store {
   public:
-    std::optional<std::string> read(const std::string& name) const override;
-    void replace(const std::string& name, std::string_view content) override;
-
-  private:
-    std::map<std::string, std::string> mFiles;
-};
-
-// The files of a directory, and over them in memory what was written since: the directory stays as
-// it is. For runs in large numbers from the same start.
-class OverlayStore : public DirectoryStore {
-  public:
     using Files = std::map<std::string, std::string>;
 
-    explicit OverlayStore(std::filesystem::path directory, Files written = {})
-        : DirectoryStore(std::move(directory)), mWritten(std::move(written)) {}
+    MemoryStore() = default;
+    MemoryStore(Files files, std::set<std::string> folders)
+        : mFiles(std::move(files)), mFolders(std::move(folders)) {}
+    std::optional<std::string> read(const std::string& name) const override;
+    void replace(const std::string& name, std::string_view content) override;
+    bool isFolder(const std::string& name) const override { return mFolders.count(name) != 0; }
 
-    std::optional<std::string> read(const std::string& name) const override {
-        const auto found = mWritten.find(name);
-        return found == mWritten.end() ? DirectoryStore::read(name) : found->second;
+  private:
+    Files mFiles;
+    std::set<std::string> mFolders;
+};
+
+// The files of another store, and over them in memory what was written since: the other one stays
+// as it is. A board with such a store changes nothing on the workstation; for runs in large numbers
+// from the same start.
+class OverlayStore : public Store {
+  public:
+    using Files = std::map<std::string, std::optional<std::string>>;  // nothing: it was removed
+
+    explicit OverlayStore(std::shared_ptr<const Store> below, Files written = {})
+        : mBelow(std::move(below)), mWritten(std::move(written)) {}
+    explicit OverlayStore(std::filesystem::path directory, Files written = {})
+        : OverlayStore(std::make_shared<DirectoryStore>(std::move(directory)), std::move(written)) {
     }
-    void replace(const std::string& name, std::string_view content) override {
-        mWritten[name] = content;
-    }
+
+    std::optional<std::string> read(const std::string& name) const override;
+    void replace(const std::string& name, std::string_view content) override;
+    bool isFolder(const std::string& name) const override;
+    int obstacle(const std::string& name) const override;
+    // Makes no copy but the first time. Null without the file; valid until it is written.
+    const std::string* find(const std::string& name) const;
+    // Its content, to be changed. A new file is empty.
+    std::string& edit(const std::string& name);
+    void remove(const std::string& name) { mWritten[name].reset(); }
+
+    const std::shared_ptr<const Store>& below() const { return mBelow; }
     const Files& written() const { return mWritten; }
 
   private:
+    const std::shared_ptr<const Store> mBelow;
     Files mWritten;
+    mutable Files mSeen;  // of the store below
+};
+
+// One folder of a store, by names relative to it.
+class FolderOfStore : public Store {
+  public:
+    FolderOfStore(std::shared_ptr<Store> whole, const std::string& folder)
+        : mWhole(std::move(whole)), mPrefix(folder + "/") {}
+    std::optional<std::string> read(const std::string& name) const override {
+        return mWhole->read(mPrefix + name);
+    }
+    void replace(const std::string& name, std::string_view content) override {
+        mWhole->replace(mPrefix + name, content);
+    }
+    bool isFolder(const std::string& name) const override {
+        return mWhole->isFolder(mPrefix + name);
+    }
+    int obstacle(const std::string& name) const override {
+        return mWhole->obstacle(mPrefix + name);
+    }
+
+  private:
+    const std::shared_ptr<Store> mWhole;
+    const std::string mPrefix;
 };
 
 }  // namespace quil::board

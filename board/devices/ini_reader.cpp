@@ -106,9 +106,14 @@ void IniReader::setMissingInteger(int value) {
 
 int IniReader::load(const std::filesystem::path& hostPath) {
     Guard guard(boardLock());
-    const auto text = readWholeFile(hostPath, kLongest);
-    if (!text) return 0;
-    mFiles.push_back(parseIni(*text));
+    auto text = readWholeFile(hostPath, kLongest);
+    return text ? loadText(std::move(*text)) : 0;
+}
+
+int IniReader::loadText(std::string text) {
+    Guard guard(boardLock());
+    text.resize(std::min<size_t>(text.size(), kLongest));
+    mFiles.push_back(parseIni(text));
     return static_cast<int>(mFiles.size());
 }
 

@@ -24,7 +24,9 @@ class IniReader {
 
     void setMissingInteger(int);  // the value of a missing integer, default 0
 
-    int load(const std::filesystem::path& hostPath);  // a handle, 0 when the file cannot be read
+    // Each gives a handle; load 0 when the file cannot be read.
+    int load(const std::filesystem::path& hostPath);
+    int loadText(std::string text);
     const std::string* find(int handle, const char* section, const char* key) const;
     int integer(int handle, const char* section, const char* key) const;
 

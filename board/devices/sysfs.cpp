@@ -7,39 +7,6 @@
 #include "board/core/lock.h"
 
 namespace quil::board {
-namespace {
-
-using Cookie = std::shared_ptr<SysfsHandle>;
-
-ssize_t streamResult(ssize_t result, ssize_t failure) {
-    if (result >= 0) return result;
-    errno = static_cast<int>(-result);
-    return failure;
-}
-
-ssize_t streamRead(void* cookie, char* data, size_t count) {
-    Guard guard(boardLock());
-    return streamResult((*static_cast<Cookie*>(cookie))->read(data, count), -1);
-}
-
-ssize_t streamWrite(void* cookie, const char* data, size_t count) {
-    Guard guard(boardLock());
-    return streamResult((*static_cast<Cookie*>(cookie))->write(data, count), 0);
-}
-
-int streamSeek(void* cookie, off64_t* offset, int whence) {
-    if (whence != SEEK_SET) return -1;
-    Guard guard(boardLock());
-    return (*static_cast<Cookie*>(cookie))->seek(static_cast<off_t>(*offset)) < 0 ? -1 : 0;
-}
-
-int streamClose(void* cookie) {
-    delete static_cast<Cookie*>(cookie);
-    return 0;
-}
-
-}  // namespace
-
 ssize_t SysfsHandle::read(char* data, size_t count) {
     if (!mFile.show) return -EACCES;
     if (mOffset == 0) mShown = mFile.show();
@@ -55,10 +22,10 @@ ssize_t SysfsHandle::write(const char* data, size_t count) {
     return error != 0 ? -error : static_cast<ssize_t>(count);
 }
 
-ssize_t SysfsHandle::seek(off_t to) {
-    if (to < 0) return -EINVAL;
+off_t SysfsHandle::seek(off_t to, int whence) {
+    if (whence != SEEK_SET || to < 0) return -EINVAL;
     mOffset = static_cast<size_t>(to);
-    return static_cast<ssize_t>(to);
+    return to;
 }
 
 Sysfs::Sysfs() = default;
@@ -89,14 +56,6 @@ int Sysfs::refusal(std::string_view path, bool toRead, bool toWrite) const {
 std::shared_ptr<SysfsHandle> Sysfs::open(std::string_view path) const {
     const auto found = mFiles.find(path);
     return found == mFiles.end() ? nullptr : std::make_shared<SysfsHandle>(found->second);
-}
-
-FILE* Sysfs::openStream(const std::shared_ptr<SysfsHandle>& handle, const char* mode) {
-    const cookie_io_functions_t calls = {streamRead, streamWrite, streamSeek, streamClose};
-    auto* cookie = new Cookie(handle);
-    FILE* stream = fopencookie(cookie, mode, calls);
-    if (stream == nullptr) delete cookie;
-    return stream;
 }
 
 }  // namespace quil::board

@@ -1,13 +1,13 @@
 // Attribute files of the board's drivers: a read returns a text, a write passes one to the driver.
 #pragma once
 
-#include <stdio.h>
-
 #include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <string_view>
+
+#include "board/devices/file_handle.h"
 
 namespace quil::board {
 
@@ -18,13 +18,12 @@ struct SysfsFile {
 };
 
 // An open attribute. A read behind the end of the text returns 0; each write is stored at once.
-// A negative result is the negated errno.
-class SysfsHandle {
+class SysfsHandle : public FileHandle {
   public:
     explicit SysfsHandle(const SysfsFile& file) : mFile(file) {}
-    ssize_t read(char* data, size_t count);
-    ssize_t write(const char* data, size_t count);
-    ssize_t seek(off_t to);
+    ssize_t read(char* data, size_t count) override;
+    ssize_t write(const char* data, size_t count) override;
+    off_t seek(off_t to, int whence) override;  // only from the start
 
   private:
     const SysfsFile mFile;
@@ -47,8 +46,6 @@ class Sysfs {
     // For the board's other parts. refusal: the errno of such an open(), or 0.
     int refusal(std::string_view path, bool toRead, bool toWrite) const;
     std::shared_ptr<SysfsHandle> open(std::string_view path) const;
-    // A C stream onto the attribute, which keeps `handle` alive until it is closed.
-    static FILE* openStream(const std::shared_ptr<SysfsHandle>& handle, const char* mode);
 
   private:
     std::map<std::string, SysfsFile, std::less<>> mFiles;

@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <string.h>
 
-#include "board/core/whole_file.h"
 #include "board/devices/ini_reader.h"
 #include "board/fpga/screen_partition.h"
 
@@ -62,11 +61,12 @@ int32_t FpgaLibrary::readSysfs(const char* path, char* buffer, uint32_t size) {
 }
 
 bool FpgaLibrary::readFile(const std::string& path, std::vector<uint8_t>* content) {
-    const auto host = mBoard.onHost(path.c_str());
-    if (!host || mBoard.faults.take(Call::kOpen, path)) return false;
-    const auto bytes = readWholeFile(*host);
-    if (bytes) content->assign(bytes->begin(), bytes->end());
-    return bytes.has_value();
+    if (!BoardServices::isBoards(path.c_str())) return false;
+    if (mBoard.faults.take(Call::kOpen, path)) return false;
+    std::string bytes;
+    if (mBoard.readFile(path, &bytes) != 0) return false;
+    content->assign(bytes.begin(), bytes.end());
+    return true;
 }
 
 int32_t FpgaLibrary::loadProgram(const char* driver, const char* image) {
@@ -132,7 +132,9 @@ int32_t FpgaLibrary::updateProgram() {
 // Writes the image that the product file names.
 int32_t FpgaLibrary::reprogram() {
     IniReader reader;
-    const int handle = reader.load(mBoard.hostPath("/vendor/etc/product.ini"));
+    std::string text;
+    mBoard.readFile("/vendor/etc/product.ini", &text);
+    const int handle = reader.loadText(text);
     const std::string* path = reader.find(handle, "fpga", "fpga_fw_path");
     std::vector<uint8_t> image;
     if (path == nullptr || !readFile(*path, &image) || image.empty()) return -ENOENT;

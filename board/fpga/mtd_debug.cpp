@@ -4,7 +4,6 @@
 #include <string.h>
 
 #include <array>
-#include <filesystem>
 #include <limits>
 
 #include "board/core/bytes.h"
@@ -95,8 +94,7 @@ constexpr std::array<Verb, 3> kVerbs = {
     {{"erase", 5, erase}, {"write", 6, write}, {"read", 6, read}}};
 
 ProgramResult run(const Place& place, const Words& argv) {
-    std::error_code ignored;
-    if (!std::filesystem::exists(place.board.hostPath(kMtdDebugFile), ignored)) {
+    if (!place.board.isFile(kMtdDebugFile)) {
         return {kNotFound, "", argv[0] + ": inaccessible or not found\n"};
     }
     for (const Verb& verb : kVerbs) {

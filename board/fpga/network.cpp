@@ -14,12 +14,12 @@ Network::~Network() = default;
 
 // Why the kernel does not load the file as a module; null if it does.
 const char* Network::refusalOf(const std::string& modulePath) const {
-    const auto host = mBoard.onHost(modulePath.c_str());
-    std::error_code error;
-    if (!host || !std::filesystem::is_regular_file(*host, error)) {
+    std::string content;
+    if (!BoardServices::isBoards(modulePath.c_str()) ||
+        mBoard.readFile(modulePath, &content) != 0) {
         return "No such file or directory";
     }
-    if (host->filename() != kModuleFile || std::filesystem::file_size(*host, error) == 0) {
+    if (std::filesystem::path(modulePath).filename() != kModuleFile || content.empty()) {
         return "Exec format error";
     }
     return nullptr;

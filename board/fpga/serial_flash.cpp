@@ -23,8 +23,8 @@ std::string hexNumber(uint32_t number) {
 
 SerialFlash::SerialFlash(BoardServices& board) : mBoard(board) {
     const std::string content = mBoard.store->read(kCellsFile).value_or("");
-    const size_t size = std::min<size_t>(content.size(), kSize);
-    mCells.assign(content.begin(), content.begin() + static_cast<ptrdiff_t>(size));
+    const auto cells = bytesOf(content).first(std::min<size_t>(content.size(), kSize));
+    mCells.assign(cells.begin(), cells.end());
 }
 
 SerialFlash::~SerialFlash() = default;

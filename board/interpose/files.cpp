@@ -4,6 +4,7 @@
 #include <stdarg.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "board/core/real_calls.h"
 #include "board/interpose/interpose.h"
@@ -52,6 +53,20 @@ int openSysfs(Machine& machine, const char* path, int flags) {
     return fd;
 }
 
+int openFile(Machine& machine, OpenCall call, const char* path, int flags, mode_t mode) {
+    std::shared_ptr<FileHandle> handle;
+    int fd = -1;
+    if (machine.filesInMemory) {
+        const int error = machine.filesInMemory->open(machine.nameInMemory(path), flags, &handle);
+        if (error != 0) return failWith(error);
+        fd = real().open("/dev/null", O_RDWR | (flags & O_CLOEXEC));
+    } else {
+        fd = call(machine.hostPath(path).c_str(), flags, mode);
+    }
+    if (fd >= 0) machine.files[fd] = {path, nullptr, flags, handle};
+    return fd;
+}
+
 Probes::Use useOf(int flags) {
     if ((flags & O_CREAT) != 0) return Probes::Use::kCreate;
     return (flags & O_ACCMODE) == O_RDONLY ? Probes::Use::kRead : Probes::Use::kWrite;
@@ -62,8 +77,7 @@ Probes::Use useOf(const char* mode) {
     return strchr(mode, '+') == nullptr ? Probes::Use::kRead : Probes::Use::kWrite;
 }
 
-int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::string& hostPath,
-                int flags, mode_t mode) {
+int openOnBoard(Machine& machine, OpenCall call, const char* path, int flags, mode_t mode) {
     Guard guard(boardLock());
     if (machine.dead()) return failWith(EIO);
     if (const auto fault = machine.faults.take(Call::kOpen, path)) return failWith(fault->error);
@@ -79,8 +93,7 @@ int openOnBoard(Machine& machine, OpenCall call, const char* path, const std::st
     } else if (isFpga(path)) {
         fd = openFpga(machine, flags);
     } else {
-        fd = call(hostPath.c_str(), flags, mode);
-        if (fd >= 0) machine.files[fd] = {path, nullptr, flags, nullptr};
+        fd = openFile(machine, call, path, flags, mode);
     }
     const int error = errno;
     machine.trace.add(EventKind::kOpen, path, fd < 0 ? strerrorname_np(error) : "");
@@ -104,9 +117,8 @@ int openAnywhere(OpenCall call, const char* path, int flags, mode_t mode) {
     if (machine != nullptr && path != nullptr && machine->lentDevices.has(path)) {
         return openLent(*machine, call, path, flags, mode);
     }
-    const auto host = machine ? machine->onHost(path) : std::nullopt;
-    if (!host) return call(path, flags, mode);
-    return openOnBoard(*machine, call, path, host->string(), flags, mode);
+    if (machine == nullptr || !Machine::isBoards(path)) return call(path, flags, mode);
+    return openOnBoard(*machine, call, path, flags, mode);
 }
 
 mode_t modeOf(int flags, va_list arguments) {
@@ -150,9 +162,10 @@ ssize_t readOnBoard(Machine& machine, OpenFile file, int fd, void* data, size_t 
         if (fault->error != 0) return failWith(fault->error);
         if (fault->shortTo) count = std::min(count, *fault->shortTo);
     }
-    if (file.sysfs) return resultOf(file.sysfs->read(static_cast<char*>(data), count));
+    if (file.isAttribute()) return resultOf(file.handle->read(static_cast<char*>(data), count));
     if (file.fpga != nullptr) return readFpga(*file.fpga, data, whole, count);
     count = machine.chances.transferred(count);
+    if (file.handle) return resultOf(file.handle->read(static_cast<char*>(data), count));
     if (file.uart == nullptr) return real().read(fd, data, count);
     const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
     if (!nonBlocking && machine.interrupts("read", file.path)) return failWith(EINTR);
@@ -167,12 +180,15 @@ ssize_t writeOnBoard(Machine& machine, OpenFile file, int fd, const void* data, 
         if (fault->lostSilently) return static_cast<ssize_t>(count);
         if (fault->shortTo) count = std::min(count, *fault->shortTo);
     }
-    if (file.sysfs) return resultOf(file.sysfs->write(static_cast<const char*>(data), count));
+    if (file.isAttribute()) {
+        return resultOf(file.handle->write(static_cast<const char*>(data), count));
+    }
     if (file.fpga != nullptr) {
         return resultOf(
             file.fpga->spiWrite({static_cast<const uint8_t*>(data), count}, count < whole));
     }
     count = machine.chances.transferred(count);
+    if (file.handle) return resultOf(file.handle->write(static_cast<const char*>(data), count));
     if (file.uart == nullptr) return real().write(fd, data, count);
     const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
     if (!nonBlocking && machine.interrupts("write", file.path)) return failWith(EINTR);
@@ -215,15 +231,24 @@ int fcntlAnywhere(int fd, int command, void* argument) {
 FILE* fopenSysfs(Machine& machine, const char* path, const char* mode) {
     const bool both = strchr(mode, '+') != nullptr, reads = mode[0] == 'r';
     const int error = machine.sysfs.refusal(path, reads || both, !reads || both);
-    if (error == 0) return Sysfs::openStream(machine.sysfs.open(path), mode);
+    if (error == 0) return openStream(machine.sysfs.open(path), mode);
     errno = error;
     return nullptr;
 }
 
+FILE* fopenInMemory(Machine& machine, const char* path, const char* mode) {
+    std::shared_ptr<FileHandle> handle;
+    const std::string name = machine.nameInMemory(path);
+    if (const int error = machine.filesInMemory->open(name, flagsOf(mode), &handle)) {
+        errno = error;
+        return nullptr;
+    }
+    return openStream(handle, mode);
+}
+
 FILE* fopenAnywhere(FILE* (*call)(const char*, const char*), const char* path, const char* mode) {
     Machine* machine = machineForCall();
-    const auto host = machine ? machine->onHost(path) : std::nullopt;
-    if (!host) return call(path, mode);
+    if (machine == nullptr || !Machine::isBoards(path)) return call(path, mode);
     Guard guard(boardLock());
     if (machine->dead()) {
         errno = EIO;
@@ -239,15 +264,30 @@ FILE* fopenAnywhere(FILE* (*call)(const char*, const char*), const char* path, c
     }
     machine->trace.add(EventKind::kOpen, path, mode);
     if (machine->sysfs.exists(path)) return fopenSysfs(*machine, path, mode);
-    return call(host->c_str(), mode);
+    if (machine->filesInMemory) return fopenInMemory(*machine, path, mode);
+    return call(machine->hostPath(path).c_str(), mode);
 }
 
-// For calls that only need the path translated; a fault takes the place of the call.
-template <typename Function>
-int withHostPath(Call call, const char* path, Function function) {
+template <typename Info>
+int statusInMemory(const Machine& machine, const char* path, Info* info) {
+    MemoryFiles::Status status{};
+    if (const int error = machine.filesInMemory->status(machine.nameInMemory(path), &status)) {
+        return failWith(error);
+    }
+    if (info == nullptr) return 0;
+    *info = {};
+    info->st_mode = status.isFolder ? S_IFDIR | 0755 : S_IFREG | 0644;
+    info->st_nlink = 1;
+    info->st_size = static_cast<off_t>(status.size);
+    return 0;
+}
+
+// For calls that only need the path translated, or what takes their place on a board in memory; a
+// fault takes the place of both.
+template <typename Function, typename InMemory>
+int withHostPath(Call call, const char* path, Function function, InMemory inMemory) {
     Machine* machine = machineForCall();
-    const auto host = machine ? machine->onHost(path) : std::nullopt;
-    if (!host) return function(path);
+    if (machine == nullptr || !Machine::isBoards(path)) return function(path);
     Guard guard(boardLock());
     if (machine->dead()) return failWith(EIO);
     if (const auto fault = machine->faults.take(call, path)) return failWith(fault->error);
@@ -257,7 +297,8 @@ int withHostPath(Call call, const char* path, Function function) {
     if (machine->sysfs.exists(path)) {
         return call == Call::kRemove ? failWith(EPERM) : function(kSomeFile);
     }
-    return function(host->c_str());
+    if (machine->filesInMemory) return inMemory(*machine);
+    return function(machine->hostPath(path).c_str());
 }
 
 }  // namespace
@@ -389,23 +430,36 @@ QUIL_EXPORT int fcntl64(int fd, int command, ...) {
     return fcntlAnywhere(fd, command, argument);
 }
 
+// In memory every file may be read and written, and none be run.
 QUIL_EXPORT int access(const char* path, int mode) noexcept {
-    return withHostPath(Call::kAccess, path,
-                        [mode](const char* at) { return real().access(at, mode); });
+    return withHostPath(
+        Call::kAccess, path, [mode](const char* at) { return real().access(at, mode); },
+        [=](const Machine& machine) {
+            struct stat info {};
+            if (statusInMemory(machine, path, &info) != 0) return -1;
+            return (mode & X_OK) != 0 && S_ISREG(info.st_mode) ? failWith(EACCES) : 0;
+        });
 }
 
 QUIL_EXPORT int stat(const char* path, struct stat* info) noexcept {
-    return withHostPath(Call::kStat, path,
-                        [info](const char* at) { return real().stat(at, info); });
+    return withHostPath(
+        Call::kStat, path, [info](const char* at) { return real().stat(at, info); },
+        [=](const Machine& machine) { return statusInMemory(machine, path, info); });
 }
 
 QUIL_EXPORT int stat64(const char* path, struct stat64* info) noexcept {
-    return withHostPath(Call::kStat, path,
-                        [info](const char* at) { return real().stat64(at, info); });
+    return withHostPath(
+        Call::kStat, path, [info](const char* at) { return real().stat64(at, info); },
+        [=](const Machine& machine) { return statusInMemory(machine, path, info); });
 }
 
 QUIL_EXPORT int remove(const char* path) noexcept {
-    return withHostPath(Call::kRemove, path, [](const char* at) { return real().remove(at); });
+    return withHostPath(
+        Call::kRemove, path, [](const char* at) { return real().remove(at); },
+        [=](Machine& machine) {
+            const int error = machine.filesInMemory->remove(machine.nameInMemory(path));
+            return error != 0 ? failWith(error) : 0;
+        });
 }
 
 QUIL_EXPORT FILE* fopen(const char* path, const char* mode) {

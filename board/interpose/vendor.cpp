@@ -85,11 +85,12 @@ QUIL_EXPORT int property_set(const char* name, const char* value) {
 
 QUIL_EXPORT int32_t bi_common_load_ini_file(const char* path) {
     Machine* machine = machineForCall();
-    const auto host = machine ? machine->onHost(path) : std::nullopt;
     if (machine == nullptr || path == nullptr) return 0;
     Guard guard(boardLock());
     if (machine->faults.take(Call::kOpen, path)) return 0;
-    return machine->iniReader.load(host.value_or(path));
+    if (!Machine::isBoards(path)) return machine->iniReader.load(path);
+    std::string text;
+    return machine->readFile(path, &text) == 0 ? machine->iniReader.loadText(text) : 0;
 }
 
 // Copies the value whatever its length, as the closed library does: it has no capacity argument.

@@ -173,7 +173,11 @@ void McuChip::jumpTo(uint32_t address) {
 
 const McuPart& partOfProductFile(const std::filesystem::path& productFile) {
     IniReader reader;
-    const std::string* name = reader.find(reader.load(productFile), "mcu", "mcu_serial");
+    return partOfProductFile(reader, reader.load(productFile));
+}
+
+const McuPart& partOfProductFile(const IniReader& reader, int handle) {
+    const std::string* name = reader.find(handle, "mcu", "mcu_serial");
     const McuPart* part = name != nullptr ? partNamedIn(*name) : nullptr;
     return part != nullptr ? *part : partOf(McuKind::kGd32F303);
 }

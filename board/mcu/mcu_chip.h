@@ -14,6 +14,8 @@
 
 namespace quil::board {
 
+class IniReader;
+
 class McuChip : public UartPeer, private McuSurroundings {
   public:
     enum class State { kInReset, kStarting, kBootLoader, kApplication, kNoImage, kElsewhere };
@@ -88,6 +90,7 @@ const char* nameOf(McuChip::State);
 // Where the product file stands in a board directory.
 inline constexpr char kProductFile[] = "rootfs/vendor/etc/product.ini";
 // The part that a product file names as mcu_serial; the GD32F303 if it names no known part.
+const McuPart& partOfProductFile(const IniReader&, int handle);
 const McuPart& partOfProductFile(const std::filesystem::path& productFile);
 // What the MCU would find in its flash if the board in this directory were powered on.
 McuImageCheck checkFlashedMcu(const std::filesystem::path& boardDirectory);

@@ -26,12 +26,13 @@ std::string hexAddress(uint32_t offset) {
 }  // namespace
 
 McuFlash::McuFlash(const McuPart& part, Store& store, std::string file)
-    : mPart(part), mStore(&store), mFile(std::move(file)), mOptionsFile(optionsBeside(mFile)) {
-    std::string kept = mStore->read(mFile).value_or("");
-    kept.resize(std::min<size_t>(kept.size(), part.flashSize()));
-    mCells.assign(part.flashSize(), 0xFF);
-    std::copy(kept.begin(), kept.end(), mCells.begin());
-    mUsed = kept.size();
+    : mPart(part),
+      mStore(&store),
+      mFile(std::move(file)),
+      mOptionsFile(optionsBeside(mFile)),
+      mCells(part.flashSize()) {
+    const std::string kept = mStore->read(mFile).value_or("");
+    mCells.load(std::string_view(kept).substr(0, part.flashSize()));
     loadOptions();
 }
 
@@ -60,9 +61,9 @@ void McuFlash::loadOptions() {
 // The file ends with the last programmed cell.
 void McuFlash::saveIn(Store& store) const {
     if (mChanged) {
-        size_t used = mUsed;
-        while (used > 0 && mCells[used - 1] == 0xFF) --used;
-        store.replace(mFile, textOf(cells()).substr(0, used));
+        std::span<const uint8_t> used = mCells.touched();
+        while (!used.empty() && used.back() == 0xFF) used = used.first(used.size() - 1);
+        store.replace(mFile, textOf(used));
     }
     if (!mOptionsChanged) return;
     std::string text = "readout_protected = " + std::to_string(mReadoutProtected) + "\n";
@@ -135,8 +136,7 @@ std::vector<uint32_t> McuFlash::allPages() const {
 
 void McuFlash::load(std::string_view image) {
     if (image.size() > mCells.size()) throw std::invalid_argument("more than the flash holds");
-    std::fill(std::copy(image.begin(), image.end(), mCells.begin()), mCells.end(), 0xFF);
-    mUsed = image.size();
+    mCells.load(image);
     readWorn();
     mChanged = true;
 }
@@ -150,9 +150,8 @@ void McuFlash::wear(uint32_t offset, Wear bits) {
 
 void McuFlash::readWorn() {
     for (const auto& [offset, bits] : mWorn) {
-        uint8_t& cell = mCells[offset];
+        uint8_t& cell = mCells.touch(offset);
         cell = static_cast<uint8_t>((cell & ~bits.stuckLow) | bits.stuckHigh);
-        if (cell != 0xFF) mUsed = std::max<size_t>(mUsed, offset + 1);
     }
 }
 
@@ -219,8 +218,7 @@ void McuFlash::powerLost(const Tear& tear) {
         const auto done = static_cast<uint32_t>(tear.of(torn.bytes.size()));
         program(torn.offset, std::span(torn.bytes).first(done));
         if (done < torn.bytes.size()) {
-            mCells[torn.offset + done] &= static_cast<uint8_t>(torn.bytes[done] | 0x55);
-            mUsed = std::max<size_t>(mUsed, torn.offset + done + 1);
+            mCells.touch(torn.offset + done) &= static_cast<uint8_t>(torn.bytes[done] | 0x55);
         }
     } else if (!torn.pages.empty()) {
         const size_t done = tear.of(torn.pages.size() - 1);
@@ -246,7 +244,7 @@ bool McuFlash::erased(uint32_t offset, uint32_t size) const {
 
 void McuFlash::erase(const Page& page) {
     if (page.size == 0 || isProtected(page.offset)) return;
-    std::fill_n(mCells.begin() + page.offset, page.size, 0xFF);
+    mCells.erase(page.offset, page.size);
     mChanged = true;
 }
 
@@ -260,11 +258,10 @@ std::string McuFlash::program(uint32_t offset, std::span<const uint8_t> bytes) {
             if (broken.empty() && !erased(unit, mPart.programUnit)) {
                 broken = "programming at " + hexAddress(unit) + ", which is not erased";
             }
-            for (; done < end; ++done) mCells[offset + done] &= bytes[done];
+            for (; done < end; ++done) mCells.touch(offset + done) &= bytes[done];
         }
         done = end;
     }
-    mUsed = std::max(mUsed, offset + bytes.size());
     mChanged = true;
     return broken;
 }

@@ -17,6 +17,7 @@
 #include "board/core/bytes.h"
 #include "board/core/store.h"
 #include "board/core/trace.h"
+#include "board/mcu/flash_cells.h"
 #include "board/mcu/mcu_parts.h"
 
 namespace quil::board {
@@ -35,7 +36,7 @@ class McuFlash {
     McuFlash copyIn(Store&) const;
 
     const McuPart& part() const { return mPart; }
-    std::span<const uint8_t> cells() const { return mCells; }
+    std::span<const uint8_t> cells() const { return mCells.all(); }
     Page page(uint32_t number) const;
     uint32_t pageAt(uint32_t offset) const;
     // For tests and tools: erases everything and puts `image` at the start.
@@ -100,8 +101,7 @@ class McuFlash {
     const McuPart& mPart;
     Store* mStore;
     const std::string mFile, mOptionsFile;
-    std::vector<uint8_t> mCells;
-    size_t mUsed = 0;  // all cells from here on are erased
+    FlashCells mCells;
     uint64_t mTimesSeed = 0;
     bool mIsSlowest = false;
     Operation mOperation;

@@ -1,38 +1,27 @@
-// The board's directories that the worlds of one process run in, one for each product: a world
-// changes the few files that it has of its own, the parts keep theirs in memory.
+// What a world's board holds before its first boot, and what ships with it: all in memory.
 #pragma once
 
-#include <filesystem>
 #include <map>
 #include <memory>
 #include <string>
 
 #include "board/core/store.h"
-#include "board/core/temporary_directory.h"
 #include "tests/swarm/world.h"
 
 namespace quil::swarm {
 
 class Ground {
   public:
-    // Makes the directory ready for the world, and returns it.
-    std::filesystem::path prepare(const World&);
-    // What the board's parts hold before the first boot.
+    // The factory's board of that product, below what a world has of its own.
+    std::shared_ptr<const board::Store> factoryOf(board::Product);
+    // What the world has instead.
     static board::OverlayStore::Files keptBefore(const World&);
 
     static std::string mcuImageOf(const World&, const char* version);
     static std::string fpgaImageOf(const World&, const char* version);
 
   private:
-    struct Place {
-        board::TemporaryDirectory directory;
-        std::string productFile;                     // from the factory
-        std::map<std::string, std::string> written;  // what stands in the files now
-    };
-
-    static void write(Place&, const std::string& name, const std::string& content);
-
-    std::map<board::Product, std::unique_ptr<Place>> mPlaces;
+    std::map<board::Product, std::shared_ptr<const board::Store>> mFactories;
 };
 
 }  // namespace quil::swarm

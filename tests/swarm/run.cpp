@@ -39,11 +39,9 @@ uint64_t hashOf(uint64_t hash, std::string_view text) {
     return hash;
 }
 
-board::BoardOptions optionsOf(const Boot& boot, const std::shared_ptr<board::OverlayStore>& store,
-                              const RunOptions& options) {
+board::BoardOptions optionsOf(const Boot& boot, const RunOptions& options) {
     board::BoardOptions board{.seed = boot.seed, .pct = boot.pct, .chances = boot.chances};
     board.drawnSteps = boot.drawnSteps;
-    board.store = store;
     board.standstill.tell = options.onStandstill;
     return board;
 }
@@ -207,14 +205,14 @@ class BootRun {
 Outcome run(const World& world, Ground& ground, const RunOptions& options) {
     Outcome outcome;
     const Held before = Held::now();
-    const std::filesystem::path directory = ground.prepare(world);
+    const auto factory = ground.factoryOf(world.product);
     board::OverlayStore::Files kept = Ground::keptBefore(world);
     for (const Boot& boot : world.boots) {
         const tests::FreshLibrary library;
         if (options.beforeBoot) options.beforeBoot();
-        const auto store = std::make_shared<board::OverlayStore>(directory, kept);
+        const auto store = std::make_shared<board::OverlayStore>(factory, kept);
         {
-            board::Board board(directory, optionsOf(boot, store, options));
+            board::Board board(store, optionsOf(boot, options));
             BootRun(world, boot, board, outcome).run();
             const std::string trace = board.trace().toText();
             outcome.traceHash = hashOf(outcome.traceHash, trace);
