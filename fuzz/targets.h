@@ -9,6 +9,10 @@
 
 namespace quil::fuzz {
 
+// What the parts of a board find in their files, and `board check`.
+void boardFiles(std::span<const uint8_t> input);
+// The exported functions by their signatures.
+void exportedFunctions(std::span<const uint8_t> input);
 // host/frame_assembler: the MCU's byte stream, cut into pieces.
 void frameAssembler(std::span<const uint8_t> input);
 // A programming session or an update, and an MCU that answers anything.
@@ -17,6 +21,8 @@ void mcuSession(std::span<const uint8_t> input);
 void productFile(std::span<const uint8_t> input);
 // The programmer, and a boot loader that answers anything.
 void programmerSession(std::span<const uint8_t> input);
+// quilctl: records of the self-test, FPGA images, names of commands and of traces.
+void quilctlFiles(std::span<const uint8_t> input);
 // quilctl: numbers, hexadecimal bytes, `frame decode`.
 void quilctlValues(std::span<const uint8_t> input);
 // The service's set and get, up to the MCU and back.
@@ -33,10 +39,17 @@ struct Target {
     void (*run)(std::span<const uint8_t> input);
 };
 inline constexpr Target kTargets[] = {
-    {"frame_assembler", frameAssembler},   {"mcu_session", mcuSession},
-    {"product_file", productFile},         {"programmer_session", programmerSession},
-    {"quilctl_values", quilctlValues},     {"request", request},
-    {"screen_partition", screenPartition}, {"shell_line", shellLine},
+    {"board_files", boardFiles},
+    {"exported_functions", exportedFunctions},
+    {"frame_assembler", frameAssembler},
+    {"mcu_session", mcuSession},
+    {"product_file", productFile},
+    {"programmer_session", programmerSession},
+    {"quilctl_files", quilctlFiles},
+    {"quilctl_values", quilctlValues},
+    {"request", request},
+    {"screen_partition", screenPartition},
+    {"shell_line", shellLine},
     {"wire_streams", wireStreams},
 };
 

@@ -5,7 +5,10 @@
 #include <algorithm>
 #include <filesystem>
 #include <ostream>
+#include <set>
+#include <sstream>
 
+#include "fuzz/exported_calls.h"
 #include "fuzz/targets.h"
 #include "testing/build.h"
 #include "testing/files.h"
@@ -60,6 +63,27 @@ TEST(FuzzCorpora, BelongToATargetEach) {
     std::vector<std::string> folders;
     for (const auto& folder : filesIn(kCorpora)) folders.push_back(folder.filename());
     EXPECT_EQ(folders, names);
+}
+
+// The names of C in the version script: functions and data.
+std::set<std::string> exportedNames() {
+    std::istringstream words(contentOf(std::filesystem::path(QUIL_SOURCE_DIR) / "quil.map"));
+    std::set<std::string> names;
+    for (std::string word; words >> word && word != "extern";) {
+        if (word.back() == ';') names.insert(word.substr(0, word.size() - 1));
+    }
+    return names;
+}
+
+TEST(FuzzTargets, CallEachFunctionThatTheLibraryExports) {
+    std::set<std::string> names = exportedNames();
+    for (const fuzz::ExportedCall& call : fuzz::exportedCalls()) {
+        EXPECT_EQ(names.erase(call.name), 1U) << call.name;
+    }
+    EXPECT_THAT(
+        names, testing::ElementsAre("buffer", "config_info", "fd", "free_routing_topology",
+                                    "g_n_lable", "isp_cmd_arr", "polynom", "st_func_offset_map_tab",
+                                    "stm_sem", "str_mcu_type", "test_option_table"));
 }
 
 }  // namespace quil::tests
