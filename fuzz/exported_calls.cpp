@@ -261,7 +261,7 @@ int64_t versionOf(A& a) {
     const int port = a.descriptor();
     return getMcuFwVersion(port, reinterpret_cast<char*>(a.room(92, true)));
 }
-int64_t update(A& a) {
+int64_t mcuUpdate(A& a) {
     if (a.upTo(7) == 7) return mcuFwUpdate(nullptr);
     const int former = a.descriptor();
     int32_t link = former;
@@ -367,7 +367,7 @@ constexpr ExportedCall kCalls[] = {
     {"getFileSize", [](A& a) { return static_cast<int64_t>(getFileSize(a.path())); }, 0,
      UINT32_MAX},
     {"getMcuFwVersion", versionOf, -1, 0},
-    {"mcuFwUpdate", update, -1, 0, true},
+    {"mcuFwUpdate", mcuUpdate, -1, 0, true},
     {"mcu_enter_isp_mode", noArguments<mcu_enter_isp_mode>, 0, 0},
     {"mcu_exit_isp_mode", noArguments<mcu_exit_isp_mode>, 0, 0},
     {"mcu_isp_close", noArguments<mcu_isp_close>, 0, 0},

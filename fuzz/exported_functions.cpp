@@ -15,7 +15,7 @@
 namespace quil::fuzz {
 namespace {
 
-constexpr uint8_t kIsParsed = 0x01, kIsLogged = 0x02, kFpgaIsUp = 0x04, kHasLink = 0x08,
+constexpr uint8_t kIsParsed = 0x01, kLogsAll = 0x02, kFpgaIsUp = 0x04, kHasLink = 0x08,
                   kNetworkIsUp = 0x10, kMcuIsSilent = 0x20, kIsFaulty = 0x40;
 constexpr size_t kCallsMost = 6;
 // The longest: five attempts at an update of an MCU that answers each byte late.
@@ -26,7 +26,7 @@ class Calls {
     explicit Calls(Input& input) : mInput(input), mArguments(input) {
         const uint8_t circumstances = input.byte();
         const auto is = [=](uint8_t bit) { return (circumstances & bit) != 0; };
-        if (is(kIsLogged)) mBoard.logEverything();
+        if (is(kLogsAll)) mBoard.logEverything();
         if (is(kIsParsed)) parseConfigInfo();
         if (is(kFpgaIsUp)) mBoard->runFor(std::chrono::seconds(1));
         if (is(kHasLink)) mArguments.addDescriptor(sdk_uart_init(kUart, 115200));
@@ -35,7 +35,7 @@ class Calls {
         if (is(kIsFaulty)) addFault(*mBoard, input);
         const auto screen = input.take(input.byte());
         mBoard->writeFile("/dev/block/by-name/screen", textOf(screen));
-        mBoard->trace().setRecording(is(kIsLogged));
+        mBoard->trace().setRecording(is(kLogsAll));
     }
     ~Calls() {
         if (mBoard->isOpen(fd)) close(fd);

@@ -8,7 +8,7 @@
 namespace quil::board {
 namespace {
 
-constexpr uint8_t kErased = 0xFF;
+constexpr uint8_t kErasedCell = 0xFF;
 
 // Erased memories without a flash. Never destroyed: a board may outlive the end of the program.
 std::vector<std::vector<uint8_t>>& spares() {
@@ -20,7 +20,7 @@ std::vector<uint8_t> takeErased(size_t size) {
     Guard guard(boardLock());
     const auto spare = std::find_if(spares().begin(), spares().end(),
                                     [size](const auto& cells) { return cells.size() == size; });
-    if (spare == spares().end()) return std::vector<uint8_t>(size, kErased);
+    if (spare == spares().end()) return std::vector<uint8_t>(size, kErasedCell);
     std::swap(*spare, spares().back());
     std::vector<uint8_t> cells = std::move(spares().back());
     spares().pop_back();
@@ -51,7 +51,7 @@ void FlashCells::erase(size_t offset, size_t length) {
     const size_t end = std::min(offset + length, mTouched);
     if (offset >= end) return;
     std::fill(mCells.begin() + static_cast<ptrdiff_t>(offset),
-              mCells.begin() + static_cast<ptrdiff_t>(end), kErased);
+              mCells.begin() + static_cast<ptrdiff_t>(end), kErasedCell);
     if (end == mTouched) mTouched = offset;
 }
 
