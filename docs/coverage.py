@@ -33,7 +33,8 @@ def exported(library, profile):
 
 
 def branches_never_taken(file):
-    """Lines with a condition that had one value only. A template's instances count as one."""
+    """Lines with a condition that had one value only. A template's instances count as one; what was
+    never asked at all is in a region that never ran."""
     taken = collections.defaultdict(lambda: [0, 0])
     for line, column, _, _, true, false, *_ in file["branches"]:
         taken[line, column][0] += true
@@ -43,7 +44,7 @@ def branches_never_taken(file):
         for start, _, _, _, true, false, *_ in expansion["branches"]:
             taken[line, (column, start)][0] += true
             taken[line, (column, start)][1] += false
-    return {line for (line, _), counts in taken.items() if 0 in counts}
+    return {line for (line, _), counts in taken.items() if 0 in counts and any(counts)}
 
 
 def regions_never_run(file):
