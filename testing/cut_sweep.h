@@ -51,9 +51,8 @@ struct CutState {
     uint64_t cuts = 0;
 };
 
-// Runs of one board: each starts with the directory's files and those that were kept. What the
-// parts keep, they keep in memory; a run that writes files of the board's file system itself would
-// change the directory, and is not for this class.
+// Runs of one board: each starts with the directory's files and those that were kept, and keeps all
+// that it writes in memory.
 class CutSweep {
   public:
     using Run = std::function<void(board::Board&)>;
