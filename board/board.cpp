@@ -25,8 +25,8 @@ std::unique_ptr<Machine> powerOn(const std::filesystem::path& dir, BoardOptions 
     auto machine = std::make_unique<Machine>(std::filesystem::absolute(dir), options);
     machine->faults.watchAllocations(
         [](bool mayFail) { mayFail ? hookAllocations() : unhookAllocations(); });
-    machine->powerOn(options.realtime, Schedule(options.seed, options.pct, options.drawnSteps),
-                     options.standstill);
+    machine->powerOn(options.realtime ? options.speed : 0,
+                     Schedule(options.seed, options.pct, options.drawnSteps), options.standstill);
     g_poweredMachine.store(machine.get());
     machine->trace.add(EventKind::kPower, "board", "on, seed " + std::to_string(options.seed));
     machine->mcuChip.powerOn();

@@ -35,6 +35,7 @@ namespace quil::board {
 
 struct BoardOptions {
     bool realtime = false;  // board time is real time, to watch or for outside programs
+    int speed = 1;          // in real time: so many times as fast
     // Decides which thread runs when (core/schedule.h), and what the chances bring. 0: threads run
     // in the order in which they became runnable, and nothing is left to chance.
     uint64_t seed = 0;

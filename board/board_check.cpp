@@ -374,6 +374,7 @@ class Checker {
     static bool isKnownHere(const std::string& name) {
         static const std::set<std::string> known = {kFormatFile,
                                                     kLockFile,
+                                                    kSocketFile,
                                                     "README",
                                                     "mcu",
                                                     "mcu/flash",
@@ -417,6 +418,7 @@ class Checker {
                                  type == fs::file_type::directory ||
                                  type == fs::file_type::not_found || type == fs::file_type::none;
             if (isAside(name)) continue;
+            if (name == kSocketFile && type == fs::file_type::socket) continue;
             if (!isPlain) addMisplaced(name, {});
             if (isPlain && isStale(name)) addStale(name);
         }

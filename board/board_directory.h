@@ -33,6 +33,8 @@ struct FactoryFile {
 };
 std::vector<FactoryFile> factoryFiles(Product, std::string_view flashedMcuVersion = "");
 std::string factoryProductFile(Product);
+// The socket of a program that keeps the board powered. One that was killed leaves it behind.
+inline constexpr char kSocketFile[] = "socket";
 std::vector<std::string> factoryFolders();  // each behind the one that it lies in
 // The same in memory.
 std::shared_ptr<MemoryStore> factoryBoard(Product, std::string_view flashedMcuVersion = "");

@@ -79,6 +79,11 @@ void Faults::add(Fault fault) {
     mFaults.push_back(std::move(fault));
 }
 
+void Faults::remove(const std::function<bool(const Fault&)>& isMeant) {
+    Guard guard(boardLock());
+    std::erase_if(mFaults, isMeant);
+}
+
 void Faults::clear() {
     Guard guard(boardLock());
     mFaults.clear();

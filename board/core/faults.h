@@ -59,6 +59,7 @@ class Faults {
     Faults& operator=(const Faults&) = delete;
 
     void add(Fault);
+    void remove(const std::function<bool(const Fault&)>& isMeant);
     void clear();
     // For the board's parts: the fault that applies to this call, if any; it counts as used.
     std::optional<Fault> take(Call, std::string_view path);

@@ -16,11 +16,11 @@ thread_local BoardThread* t_self = nullptr;
 
 }  // namespace
 
-void Scheduler::powerOn(bool realtime, Trace& trace, const Schedule& schedule,
-                        Standstill standstill) {
+void Scheduler::powerOn(int speed, Trace& trace, const Schedule& schedule, Standstill standstill) {
     mTrace = &trace;
-    mSchedule = realtime ? Schedule() : schedule;
-    mRealtime = realtime;
+    mRealtime = speed > 0;
+    mSpeed = mRealtime ? speed : 1;
+    mSchedule = mRealtime ? Schedule() : schedule;
     mStandstill = std::move(standstill);
     mStillSince.reset();
     mOn = true;
@@ -37,8 +37,8 @@ void Scheduler::powerOn(bool realtime, Trace& trace, const Schedule& schedule,
     t_self->number = mThreads++;
     t_self->priority = mSchedule.priorityOfANewThread();
     t_self->kernelThread = kernelThread();
-    mRunning = realtime ? nullptr : t_self;
-    if (realtime) startClockThread();
+    mRunning = mRealtime ? nullptr : t_self;
+    if (mRealtime) startClockThread();
 }
 
 void Scheduler::powerOff() {
@@ -75,7 +75,7 @@ void Scheduler::powerLost() {
 }
 
 Nanos Scheduler::now() const {
-    return mRealtime ? Nanos(realNanos() - mRealStart) : mVirtualNow.load();
+    return mRealtime ? Nanos((realNanos() - mRealStart) * mSpeed) : mVirtualNow.load();
 }
 
 Scheduler::TimerId Scheduler::at(Nanos when, std::function<void()> action) {
@@ -410,11 +410,11 @@ void Scheduler::watchForStandstill() {
     }
 }
 
-// Until the next timer is due, or the next look for a standstill.
+// Of the workstation's time, until the next timer is due or the next look for a standstill.
 int64_t Scheduler::clockPause() const {
     const Nanos look = mStandstill.after / 2;
-    if (mTimers.empty()) return look.count();
-    return std::min(look, mTimers.back().first.first - now()).count();
+    const Nanos pause = mTimers.empty() ? look : std::min(look, mTimers.back().first.first - now());
+    return (pause.count() + mSpeed - 1) / mSpeed;
 }
 
 void Scheduler::clockLoop() {

@@ -67,9 +67,10 @@ class Scheduler {
   public:
     using TimerId = BoardThread::TimerId;
 
-    // Attaches the calling thread. A cut of the power that the trace is to make comes before the
+    // Attaches the calling thread. The board's time is the workstation's, so many times as fast; 0:
+    // the clock jumps. A cut of the power that the trace is to make comes before the
     // next timer; the report of a standstill has the trace's last events.
-    void powerOn(bool realtime, Trace&, const Schedule& = {}, Standstill = {});
+    void powerOn(int speed, Trace&, const Schedule& = {}, Standstill = {});
     void powerOff();   // wakes all threads that still wait
     void powerLost();  // drops all timers and wakes all threads; no wait lasts any more
     // Without power only a thread that looks at the clock until it is late makes it go on.
@@ -146,7 +147,7 @@ class Scheduler {
     bool mRealtime = false, mOn = false, mLost = false, mDispatching = false;
     Nanos mLostAt{0};
     std::atomic<Nanos> mVirtualNow{Nanos(0)}, mWallAhead{Nanos(0)};
-    int64_t mRealStart = 0;
+    int64_t mRealStart = 0, mSpeed = 1;
     uint64_t mSequence = 0;
     int mThreads = 0;
     // Sorted, soonest last. A vector serves: there are few at a time, and each byte on a line adds

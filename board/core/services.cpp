@@ -32,8 +32,8 @@ BoardServices::BoardServices(Scheduler& time, std::shared_ptr<Store> memories,
 
 BoardServices::~BoardServices() = default;
 
-void BoardServices::powerOn(bool realtime, const Schedule& schedule, Standstill standstill) {
-    scheduler.powerOn(realtime, trace, schedule, std::move(standstill));
+void BoardServices::powerOn(int speed, const Schedule& schedule, Standstill standstill) {
+    scheduler.powerOn(speed, trace, schedule, std::move(standstill));
     power.turnOn();
 }
 

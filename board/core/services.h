@@ -31,7 +31,7 @@ class BoardServices {
     BoardServices& operator=(const BoardServices&) = delete;
 
     // Between these two the calling thread lives in board time, and what happens is recorded.
-    void powerOn(bool realtime = false, const Schedule& = {}, Standstill = {});
+    void powerOn(int speed = 0, const Schedule& = {}, Standstill = {});
     void powerOff();
 
     // The model was used as no healthy program uses the real part.

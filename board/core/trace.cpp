@@ -176,6 +176,16 @@ void Trace::onEvent(std::function<void(const Event&)> listener) {
     mListeners.push_back(std::move(listener));
 }
 
+size_t Trace::listeners() const {
+    Guard guard(boardLock());
+    return mListeners.size();
+}
+
+void Trace::keepListeners(size_t first) {
+    Guard guard(boardLock());
+    if (first < mListeners.size()) mListeners.resize(first);
+}
+
 void Trace::setRecording(bool on) {
     Guard guard(boardLock());
     mRecording = on;

@@ -111,6 +111,8 @@ class Trace {
     void addWireByte(const WireByte&);
     // Called with every event from now on, on the thread that caused it. It must not wait.
     void onEvent(std::function<void(const Event&)>);
+    size_t listeners() const;
+    void keepListeners(size_t first);  // only so many of them, those that came first
     // Without recording, events are only counted: for runs whose events would not fit the memory.
     void setRecording(bool);
     bool recording() const;

@@ -47,4 +47,9 @@ void Properties::setForThisRun(const std::string& name, const std::string& value
     mOfThisRun[name] = value;
 }
 
+void Properties::dropForThisRun(const std::string& name) {
+    Guard guard(boardLock());
+    mOfThisRun.erase(name);
+}
+
 }  // namespace quil::board

@@ -22,8 +22,9 @@ class Properties {
     std::string_view find(std::string_view name, std::string_view fallback) const;
     std::string get(const std::string& name, const std::string& fallback = "") const;
     void set(const std::string& name, const std::string& value);
-    // Stands before the kept value until the board is off.
+    // Stands before the kept value until the board is off, or until it is dropped.
     void setForThisRun(const std::string& name, const std::string& value);
+    void dropForThisRun(const std::string& name);
 
   private:
     using Values = std::map<std::string, std::string, std::less<>>;

@@ -163,11 +163,14 @@ struct BoardOptionCase {
 
 TEST_F(QuilctlEveryVerb, RefusesTheOptionsOfABoardThatHaveNoEffectOnIt) {
     const BoardOptionCase options[] = {
-        {{"--board", path("none")}, {"board show", "board check", "board repair", "config check"}},
-        {{"--product", "Kestrel"}, {"board new", "board check", "board repair", "config check"}},
+        {{"--board", path("none")},
+         {"board show", "board check", "board repair", "config check", "serve", "page", "status",
+          "monitor", "power cut", "power on", "fault add", "fault list", "fault clear"}},
+        {{"--product", "Kestrel"},
+         {"board new", "board check", "board repair", "config check", "serve"}},
         {{"--trace", path("t.txt")}, {}},
         {{"--log-level", "D"}, {}},
-        {{"--seed", "7"}, {"mcu model"}},
+        {{"--seed", "7"}, {"mcu model", "serve"}},
         {{"--realtime"}, {"mcu model"}},
     };
     forEach([&](const Words& verb, const VerbCase& row) {
@@ -238,7 +241,8 @@ TEST(QuilctlWords, UnknownWordsAreNamedWithTheNearestKnownOnes) {
     EXPECT_THAT(quilctl({"--tarce", "x.vcd", "get", "1"}).err,
                 HasSubstr("unknown word '--tarce'; the nearest: --trace "));
     EXPECT_THAT(quilctl({"get", "1", "--dta", "1"}).err, HasSubstr("the nearest: --data "));
-    EXPECT_THAT(quilctl({"power", "zzz"}).err, HasSubstr("'zzz'; known: low, normal (see"));
+    EXPECT_THAT(quilctl({"power", "zzz"}).err,
+                HasSubstr("'zzz'; known: low, normal, cut, on (see"));
     EXPECT_THAT(quilctl({"help", "mcu", "modle"}).err, HasSubstr("the nearest: model"));
 }
 

@@ -5,6 +5,8 @@
 
 #include "board/board.h"
 #include "tools/quilctl/cli.h"
+#include "tools/quilctl/serve/forwarding.h"
+#include "tools/quilctl/serve/served_board.h"
 #include "tools/quilctl/session/board_session.h"
 #include "tools/quilctl/session/trace_files.h"
 
@@ -45,6 +47,7 @@ CLI::Validator namedDirectory() {
 void addGlobalOptions(CLI::App& app, Options& options) {
     const char* environment = getenv("QUIL_BOARD");
     if (environment != nullptr) options.boardDirectory = environment;
+    if (const auto* call = ServedBoard::call()) options.boardDirectory = call->directory;
     app.add_option("--board", options.boardDirectory,
                    "Board directory to power (default: QUIL_BOARD of the environment, "
                    "or a temporary one)")
@@ -79,6 +82,9 @@ void addCommands(CLI::App& app, Cli& cli) {
     addConfigCommands(app, cli);
     addFrameCommands(app, cli);
     addBoardCommands(app, cli);
+    addServeCommand(app, cli);
+    addServedCommands(app, cli);
+    addMonitorCommand(app, cli);
     addBootCommand(app, cli);
     addFpgaCommands(app, cli);
     addScreenCommands(app, cli);
@@ -96,6 +102,6 @@ std::unique_ptr<ServiceSession> connect(const Cli& cli) {
 }  // namespace
 
 const Program kBoardProgram = {"Talk to the board's hardware service on a simulated board.",
-                               kExamples, addCommands, connect};
+                               kExamples, addCommands, connect, forwardToServer};
 
 }  // namespace quil::tools

@@ -188,7 +188,7 @@ void collect(const CLI::App& app, const Words& before, std::vector<Words>& verbs
 
 // Parses and acts. Help and the version are results like any other.
 void perform(CLI::App& app, int argc, const char* const* argv, Cli& cli, Result& result,
-             const std::function<void()>& onParsed) {
+             const std::function<bool()>& actsHere) {
     try {
         app.parse(argc, argv);
     } catch (const CLI::CallForHelp&) {
@@ -202,8 +202,7 @@ void perform(CLI::App& app, int argc, const char* const* argv, Cli& cli, Result&
     }
     checkBoardOptions(app, cli);
     if (cli.options.quiet) cli.console.report.silence();
-    onParsed();
-    cli.action(result);
+    if (actsHere()) cli.action(result);
 }
 
 // The failures that ended a command early. An error of the system counts as one of the board.
@@ -301,11 +300,15 @@ int runAndPrint(const Program& program, int argc, const char* const* argv, const
     const auto stream = [&]() -> std::ostream& {
         return givesAwayOutput(cli.options) ? streams.err : out;
     };
+    std::optional<int> code;  // of a command that ran elsewhere
     auto failures = failuresOf([&] {
         perform(app, argc, argv, cli, result, [&] {
             if (!asJson) result.showOn(&stream());
+            if (program.forward != nullptr) code = program.forward(cli, {argc, argv}, streams);
+            return !code;
         });
     });
+    if (code) return *code;
     // What fails after an interruption fails because of it.
     const auto other = std::stable_partition(late.begin(), late.end(), isInterruption);
     if (other != late.begin()) failures.clear();

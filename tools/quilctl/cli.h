@@ -7,6 +7,7 @@
 #include <functional>
 #include <iosfwd>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -56,6 +57,15 @@ enum BoardOption : unsigned {
     kAllBoardOptions = 63,
 };
 
+// Where a command of a board runs when its directory is served (serve/forwarding.h).
+enum class Place {
+    kInTurn,    // on the served board, one after the other
+    kAtOnce,    // on the served board, also in the middle of another command; on no other board
+    kTurned,    // on the served board in turn; on no other board
+    kOnClient,  // here, as a client of the served board; on no other board
+    kOff,       // here, on a board that is switched off
+};
+
 struct Options {
     std::string boardDirectory;  // empty: a temporary one
     std::string product;
@@ -80,6 +90,13 @@ struct Cli {
     std::unique_ptr<ServiceSession> (*connect)(const Cli& cli);  // throws std::runtime_error
     std::function<void(Result&)> action;                         // throws Failure
     unsigned boardOptions = kAllBoardOptions;                    // with an effect on the action
+    Place place = Place::kInTurn;
+    std::string directory = {};  // the board's, when an argument of the command names it
+};
+
+struct CommandLine {
+    int count;
+    const char* const* words;  // the first is the program's name
 };
 
 // What tells one program from another.
@@ -88,6 +105,9 @@ struct Program {
     const char* examples;
     void (*addCommands)(CLI::App& app, Cli& cli);  // and the global options
     std::unique_ptr<ServiceSession> (*connect)(const Cli& cli);
+    // Runs the command line elsewhere, if that is the place for it, and gives its exit code.
+    std::optional<int> (*forward)(const Cli& cli, const CommandLine& line,
+                                  const Streams& streams) = nullptr;
 };
 
 // Everything but descriptors; an exit code. Throws nothing.
@@ -106,6 +126,9 @@ void addConfigCommands(CLI::App& app, Cli& cli);
 void addFrameCommands(CLI::App& app, Cli& cli);
 void addFrameDecodeCommand(CLI::App& frame, Cli& cli);  // a part of "frame"
 void addBoardCommands(CLI::App& app, Cli& cli);
+void addServeCommand(CLI::App& app, Cli& cli);
+void addServedCommands(CLI::App& app, Cli& cli);  // and parts of "power"
+void addMonitorCommand(CLI::App& app, Cli& cli);
 void addBootCommand(CLI::App& app, Cli& cli);
 void addFpgaCommands(CLI::App& app, Cli& cli);
 void addFpgaImageCommands(CLI::App& fpga, Cli& cli);  // parts of "fpga"

@@ -156,8 +156,11 @@ void repairBoard(const Cli& cli, const DirectoryArguments& arguments, Result& re
 void addVerbWithDirectory(CLI::App& boards, Cli& cli, const VerbText& text,
                           void (*act)(const Cli&, const DirectoryArguments&, Result&)) {
     const auto verb = addVerb(boards, cli, text, act);
-    verb.command.add_option("DIR", verb.arguments.directory,
-                            "The board directory (default: --board)");
+    const auto take = [&cli, &arguments = verb.arguments](const std::string& directory) {
+        arguments.directory = cli.directory = directory;
+    };
+    verb.command.add_option_function<std::string>("DIR", take,
+                                                  "The board directory (default: --board)");
 }
 
 }  // namespace
@@ -187,7 +190,7 @@ void addBoardCommands(CLI::App& app, Cli& cli) {
          "What it changes stays aside as NAME.damaged. Where the directory does not say which\n"
          "product it is, --product does.\n"
          "Example: quilctl board repair my-board",
-         kBoardOption | kProductOption},
+         kBoardOption | kProductOption, Place::kOff},
         repairBoard);
 }
 

@@ -15,6 +15,7 @@ struct VerbText {
     std::string footer;  // notes and an example
     // The options of a board that have an effect; the others are refused.
     unsigned boardOptions = kAllBoardOptions;
+    Place place = Place::kInTurn;
 };
 
 template <typename Arguments>
@@ -30,8 +31,9 @@ Verb<Arguments> addVerb(CLI::App& parent, Cli& cli, const VerbText& text,
     const auto arguments = std::make_shared<Arguments>();
     CLI::App* command = parent.add_subcommand(text.name, text.purpose);
     command->footer(text.footer);
-    command->callback([&cli, arguments, act, options = text.boardOptions] {
+    command->callback([&cli, arguments, act, options = text.boardOptions, place = text.place] {
         cli.boardOptions = options;
+        cli.place = place;
         cli.action = [&cli, arguments, act](Result& result) { act(cli, *arguments, result); };
     });
     return {*command, *arguments};
@@ -42,8 +44,9 @@ inline CLI::App& addVerb(CLI::App& parent, Cli& cli, const VerbText& text,
                          void (*act)(const Cli&, Result&)) {
     CLI::App* command = parent.add_subcommand(text.name, text.purpose);
     command->footer(text.footer);
-    command->callback([&cli, act, options = text.boardOptions] {
+    command->callback([&cli, act, options = text.boardOptions, place = text.place] {
         cli.boardOptions = options;
+        cli.place = place;
         cli.action = [&cli, act](Result& result) { act(cli, result); };
     });
     return *command;

@@ -19,6 +19,7 @@
 #include "board/core/whole_file.h"
 #include "board/fpga/fpga_image.h"
 #include "board/mcu/mcu_fitting.h"
+#include "tools/quilctl/serve/served_board.h"
 #include "tools/quilctl/session/stage_advice.h"
 #include "tools/quilctl/session/trace_files.h"
 
@@ -88,6 +89,18 @@ std::string stateOf(const std::filesystem::path& directory, bool touchedFpgaFlas
     return "no memory of the board is half done";
 }
 
+bool hasTouchedFpgaFlash(board::Board& board) {
+    const auto touched = board.trace().events(board::EventKind::kFlash);
+    return std::any_of(touched.begin(), touched.end(),
+                       [](const auto& one) { return one.source == board::kFlashDevice; });
+}
+
+void addUnkept(std::vector<Failure>& failures) {
+    const std::string unkept = board::takeKeepFailure();
+    if (unkept.empty()) return;
+    failures.emplace_back(kNoBoard, "the board's state is lost: " + unkept);
+}
+
 char letterOf(int priority) {
     switch (priority) {
         case ANDROID_LOG_DEBUG:
@@ -153,6 +166,10 @@ std::string productOf(const std::filesystem::path& directory) {
     return product == nullptr ? "" : *product;
 }
 
+void endAtStandstill(const std::string& report) {
+    endAtOnce(kInternal, "internal error: the board's threads wait for each other " + report);
+}
+
 TemporaryBoard::TemporaryBoard(board::Product product) try {
     board::createBoardDirectory(path(), product);
 } catch (const std::runtime_error& error) {
@@ -170,9 +187,13 @@ void requireSameProduct(const Options& options) {
 }
 
 BoardSession::BoardSession(const Options& options, const Console& console, bool showLog, Use use)
-    : mOptions(options), mConsole(console), mOutput(STDOUT_FILENO), mBoard(powerOn(use)) {
+    : mOptions(options),
+      mConsole(console),
+      mOutput(STDOUT_FILENO),
+      mBoard(powerOn(use)),
+      mListeners(mBoard->trace().listeners()) {
     if (options.quiet) mErrors.emplace(STDERR_FILENO);
-    mStops.emplace([board = mBoard.get()] { board->cutPowerSoon("cut by an interruption"); });
+    if (mOwn) mStops.emplace([board = mBoard] { board->cutPowerSoon("cut by an interruption"); });
     if (showLog || !options.logLevel.empty()) showLogLines();
     if (!options.logLevel.empty()) {
         mBoard->properties().setForThisRun(kLogLevelProperty, options.logLevel);
@@ -180,8 +201,16 @@ BoardSession::BoardSession(const Options& options, const Console& console, bool 
     mHost.emplace();
 }
 
-std::unique_ptr<board::Board> BoardSession::powerOn(Use use) {
-    board::takeKeepFailure();  // of an earlier board in this process
+board::Board* BoardSession::powerOn(Use use) {
+    board::takeKeepFailure();  // of an earlier command in this process
+    const ServedBoard::Call* call = ServedBoard::call();
+    if (call == nullptr) return powerOnOwn(use);
+    for (const std::string& name : mOptions.traceFiles) requireTraceFile(name);
+    requireSameProduct(mOptions);
+    return &call->board.lend(mOptions);
+}
+
+board::Board* BoardSession::powerOnOwn(Use use) {
     auto keeping = board::Keeping::kScratch;
     std::filesystem::path directory = mOptions.boardDirectory;
     requirePlace(directory);
@@ -200,31 +229,41 @@ std::unique_ptr<board::Board> BoardSession::powerOn(Use use) {
     if (!mOptions.mcuInstalled.empty()) board::flashMcu(directory, mOptions.mcuInstalled, keeping);
     board::BoardOptions how{.realtime = mOptions.realtime, .seed = mOptions.seed};
     how.keeping = keeping;
-    how.standstill.tell = [](const std::string& report) {
-        endAtOnce(kInternal, "internal error: the board's threads wait for each other " + report);
-    };
-    return std::make_unique<board::Board>(directory, how);
+    how.standstill.tell = endAtStandstill;
+    mOwn = std::make_unique<board::Board>(directory, how);
+    return mOwn.get();
 }
 
 BoardSession::~BoardSession() {
     mHost.reset();
     if (mFinishLog) mFinishLog();
     for (const std::string& name : mOptions.traceFiles) saveTrace(name);
+    if (!mOwn) {
+        giveBack();
+        return;
+    }
     const bool isInterrupted = interruption() != 0 && mBoard->powerIsCut();
     const board::Nanos at = mBoard->now();
-    const auto touched = mBoard->trace().events(board::EventKind::kFlash);
-    const bool touchedFpgaFlash = std::any_of(touched.begin(), touched.end(), [](const auto& one) {
-        return one.source == board::kFlashDevice;
-    });
+    const bool touchedFpgaFlash = hasTouchedFpgaFlash(*mBoard);
     mStops.reset();
-    mBoard.reset();
-    const std::string unkept = board::takeKeepFailure();
-    if (!unkept.empty()) {
-        mConsole.lateFailures.emplace_back(kNoBoard, "the board's state is lost: " + unkept);
-    }
+    mOwn.reset();
+    addUnkept(mConsole.lateFailures);
     if (!isInterrupted) return;
     mConsole.lateFailures.emplace_back(exitCodeOf(interruption()),
                                        toldOfInterruption(at, touchedFpgaFlash));
+}
+
+// The served board stays as it is, but for what was meant for this command alone.
+void BoardSession::giveBack() {
+    mBoard->trace().keepListeners(mListeners);
+    mBoard->properties().dropForThisRun(kLogLevelProperty);
+    addUnkept(mConsole.lateFailures);
+    if (!mBoard->powerIsCut()) return;
+    char text[64];
+    snprintf(text, sizeof(text),
+             "the power was cut at %.3f s of board time: ", secondsOf(mBoard->now()));
+    mConsole.lateFailures.emplace_back(
+        kNoBoard, text + stateOf(mBoard->directory(), hasTouchedFpgaFlash(*mBoard)));
 }
 
 // One line: when, what is half done, and how to go on.

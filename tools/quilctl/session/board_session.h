@@ -51,9 +51,12 @@ class TemporaryBoard : public board::TemporaryDirectory {
 // Throws a Failure when --product names another product than the board of --board is.
 void requireSameProduct(const Options& options);
 
-// A powered board as the options ask for it. Log lines go to the error stream as they come. An
-// interruption cuts its power. At the end the trace is written; that, or a state of the board, that
-// could not be written makes the command fail.
+// For board::Standstill: the report ends the program.
+void endAtStandstill(const std::string& report);
+
+// A powered board as the options ask for it, or the served one. Log lines go to the error stream as
+// they come. An interruption cuts its power. At the end the trace is written; that, or a state of
+// the board, that could not be written makes the command fail.
 class BoardSession : public ServiceSession {
   public:
     // A reader of a board directory shares it with others, and keeps no state there.
@@ -78,7 +81,9 @@ class BoardSession : public ServiceSession {
     void startService(const host::BootJobs& jobs = {.updateMcu = false});
 
   private:
-    std::unique_ptr<board::Board> powerOn(Use use);
+    board::Board* powerOn(Use use);
+    board::Board* powerOnOwn(Use use);
+    void giveBack();
     void saveTrace(const std::string& name);
     void showLogLines();
     std::string toldOfInterruption(board::Nanos at, bool touchedFpgaFlash) const;
@@ -89,7 +94,9 @@ class BoardSession : public ServiceSession {
     std::optional<Silenced> mErrors;  // with --quiet
     std::unique_ptr<board::DirectoryLock> mUse;
     std::optional<TemporaryBoard> mTemporary;
-    std::unique_ptr<board::Board> mBoard;
+    std::unique_ptr<board::Board> mOwn;  // null: it is the served one
+    board::Board* const mBoard;
+    const size_t mListeners;  // of its trace, before this
     std::optional<StopsAtInterruption> mStops;
     std::optional<host::HostingComponent> mHost;
     std::string mLeftOutside;

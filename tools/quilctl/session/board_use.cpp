@@ -5,6 +5,7 @@
 #include <ostream>
 
 #include "board/board_check.h"
+#include "tools/quilctl/serve/served_board.h"
 #include "tools/quilctl/session/interruption.h"
 
 namespace quil::tools {
@@ -32,6 +33,7 @@ std::unique_ptr<board::DirectoryLock> useBoard(const std::string& directory,
                       "quilctl board new makes one");
     }
     board::requireTraces(directory);
+    if (ServedBoard::call() != nullptr) return nullptr;  // its server has it
     const auto start = Clock::now();
     bool isTold = false;
     const auto goOn = [&](const std::string& holder) {

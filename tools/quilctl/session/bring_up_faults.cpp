@@ -8,9 +8,12 @@
 #include <array>
 #include <string_view>
 
+#include "board/core/lock.h"
 #include "board/fpga/screen_partition.h"
 #include "fpga/load_process.h"
+#include "tools/quilctl/serve/served_board.h"
 #include "tools/quilctl/session/board_session.h"
+#include "tools/quilctl/session/self_test.h"
 
 namespace quil::tools {
 namespace {
@@ -58,37 +61,53 @@ constexpr std::array<CallRow, 10> kCallFaults = {{
      Call::kVendor, "bi_fpga_load_parameter"},
 }};
 
-// A part that does not work.
+// A part that does not work, or works again.
 struct PartRow {
     std::string_view name;
     const char* meaning;
     unsigned metBy;
-    void (*breakIt)(board::Board&);
+    void (*set)(board::Board&, bool isBroken);
 };
+
+board::Readiness never(bool isBroken, board::Readiness usual) {
+    return isBroken ? board::Readiness{.failures = -1} : usual;
+}
+
+void losePage(board::Board& board, bool isBroken) {
+    const board::Fault loss{
+        .call = Call::kFlashProgram, .path = board::kFlashDevice, .after = 1, .lostSilently = true};
+    if (isBroken) return board.faults().add(loss);
+    board.faults().remove([&](const board::Fault& one) {
+        return one.call == loss.call && one.path == loss.path && one.lostSilently;
+    });
+}
+
 constexpr std::array<PartRow, 8> kPartFaults = {{
     {"page", "a page of the image is lost on its way into the flash (an update)", kUpdates,
-     [](board::Board& board) {
-         board.faults().add({.call = Call::kFlashProgram,
-                             .path = board::kFlashDevice,
-                             .after = 1,
-                             .lostSilently = true});
-     }},
+     losePage},
     {"done", "DONE never rises", kAnyHeron | kKestrel | kWrenUpdate,
-     [](board::Board& board) { board.fpga().setStuckUnconfigured(true); }},
+     [](board::Board& board, bool isBroken) { board.fpga().setStuckUnconfigured(isBroken); }},
     {"ddr", "the FPGA's DDR never comes good", kAnyHeron,
-     [](board::Board& board) { board.fpga().setDdr({.failures = -1}); }},
+     [](board::Board& board, bool isBroken) {
+         board.fpga().setDdr(never(isBroken, board::Fpga::kDdr));
+     }},
     {"ddr-late", "the DDR comes good after one more restart of the FPGA", kHeron,
-     [](board::Board& board) {
-         board.fpga().setDdr({.after = board::Fpga::kDdr.after, .failures = 1});
+     [](board::Board& board, bool isBroken) {
+         board.fpga().setDdr({.after = board::Fpga::kDdr.after, .failures = isBroken ? 1 : 0});
      }},
     {"clock", "the SGMII clock never comes", kAnyHeron,
-     [](board::Board& board) { board.fpga().setSgmiiClock({.failures = -1}); }},
+     [](board::Board& board, bool isBroken) {
+         board.fpga().setSgmiiClock(never(isBroken, board::Fpga::kClock));
+     }},
     {"negotiation", "the SGMII negotiation never completes (the link may come all the same)",
-     kAnyHeron, [](board::Board& board) { board.fpga().setSgmiiNegotiation({.failures = -1}); }},
+     kAnyHeron,
+     [](board::Board& board, bool isBroken) {
+         board.fpga().setSgmiiNegotiation(never(isBroken, board::Fpga::kNegotiation));
+     }},
     {"link", "the PHY has no cable", kAnyHeron,
-     [](board::Board& board) { board.phy().setCable(false); }},
+     [](board::Board& board, bool isBroken) { board.phy().setCable(!isBroken); }},
     {"link-late", "the PHY's link comes after its third reset", kAnyHeron,
-     [](board::Board& board) { board.phy().setDeadResets(2); }},
+     [](board::Board& board, bool isBroken) { board.phy().setDeadResets(isBroken ? 2 : 0); }},
 }};
 
 template <typename Rows>
@@ -181,21 +200,49 @@ void addFaultOption(CLI::App& command, std::vector<std::string>& chosen) {
     command.footer(help + "\n" + command.get_footer());
 }
 
+void setBroken(board::Board& board, const std::string& name, bool isBroken) {
+    const board::Guard guard(board::boardLock());
+    if (const CallRow* row = rowNamed(kCallFaults, name)) {
+        const board::Fault fault{.call = row->call, .path = row->path, .error = EIO, .times = -1};
+        if (isBroken) return board.faults().add(fault);
+        board.faults().remove([&](const board::Fault& one) {
+            return one.call == fault.call && one.path == fault.path && one.times < 0;
+        });
+    } else if (const PartRow* part = rowNamed(kPartFaults, name)) {
+        part->set(board, isBroken);
+    } else if (name == kMcuPart) {
+        board.mcu().setSilent(isBroken);
+    } else if (name == kSdCardPart) {
+        board.probes().setSdCard(isBroken ? board::SdCard::kMissing : board::SdCard::kPresent);
+    } else {
+        board.probes().setHealth(name, isBroken ? board::Health::kFaulty : board::Health::kHealthy);
+    }
+}
+
+std::vector<std::string> breakableNames() {
+    std::vector<std::string> names;
+    for (const PartRow& row : kPartFaults) names.emplace_back(row.name);
+    for (const CallRow& row : kCallFaults) names.emplace_back(row.name);
+    names.emplace_back(kMcuPart);
+    names.emplace_back(kSdCardPart);
+    for (const char* name : board::Probes::partNames()) names.emplace_back(name);
+    return names;
+}
+
 bool isUpdateAsked(board::Board& board) {
     return board.properties().get(fpga::kUpdateProperty, "0") == "1";
 }
 
 BringUpFaults::BringUpFaults(board::Board& board, const std::vector<std::string>& names,
                              bool isUpdate, std::ostream& err)
-    : mUnmet(std::make_shared<std::vector<std::string>>()), mErr(err) {
+    : mBoard(board),
+      mNames(names),
+      mUnmet(std::make_shared<std::vector<std::string>>()),
+      mErr(err) {
     requireMet(board, names, isUpdate);
     for (const std::string& name : names) {
-        if (const CallRow* row = rowNamed(kCallFaults, name)) {
-            mUnmet->push_back(name);
-            board.faults().add({.call = row->call, .path = row->path, .error = EIO, .times = -1});
-        } else if (const PartRow* part = rowNamed(kPartFaults, name)) {
-            part->breakIt(board);
-        }
+        if (rowNamed(kCallFaults, name) != nullptr) mUnmet->push_back(name);
+        setBroken(board, name, true);
     }
     board.trace().onEvent([unmet = mUnmet](const board::Event& event) {
         if (event.kind == board::EventKind::kFault) forgetMet(*unmet, event);
@@ -203,6 +250,12 @@ BringUpFaults::BringUpFaults(board::Board& board, const std::vector<std::string>
 }
 
 BringUpFaults::~BringUpFaults() {
+    const ServedBoard::Call* call = ServedBoard::call();
+    for (const std::string& name : mNames) {
+        if (call != nullptr && call->board.broken().count(name) == 0) {
+            setBroken(mBoard, name, false);
+        }
+    }
     for (const std::string& name : *mUnmet) {
         mErr << "quilctl: nothing in this run has come across the fault '" << name << "'\n";
     }

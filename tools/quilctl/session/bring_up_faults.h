@@ -20,8 +20,13 @@ void addFaultOption(CLI::App& command, std::vector<std::string>& chosen);
 // The board has been asked to update its FPGA at the next bring-up.
 bool isUpdateAsked(board::Board& board);
 
-// Sets the faults until the board's power goes. The destructor names on the error stream those that
-// no call met, because another fault came first.
+// Breaks a part or the calls to it, or mends them: one of these names. From any thread.
+void setBroken(board::Board& board, const std::string& name, bool isBroken);
+std::vector<std::string> breakableNames();
+inline constexpr char kMcuPart[] = "mcu";  // silent
+
+// Sets the faults until the board's power goes; on a board that stays powered while this lives. The
+// destructor names on the error stream those that no call met, because another fault came first.
 class BringUpFaults {
   public:
     // Throws a Failure when this product's bring-up, with an update of the FPGA or without, never
@@ -33,6 +38,8 @@ class BringUpFaults {
     BringUpFaults& operator=(const BringUpFaults&) = delete;
 
   private:
+    board::Board& mBoard;
+    const std::vector<std::string> mNames;
     const std::shared_ptr<std::vector<std::string>> mUnmet;  // the trace keeps its listeners
     std::ostream& mErr;
 };

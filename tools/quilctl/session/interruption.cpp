@@ -10,10 +10,12 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <mutex>
 #include <thread>
 #include <vector>
 
 #include "board/core/real_calls.h"
+#include "tools/quilctl/session/exclusive.h"
 
 namespace quil::tools {
 namespace {
@@ -40,7 +42,7 @@ constexpr time_t kPatienceS = 10;
 
 // Never destroyed: the thread that waits for signals outlives main.
 struct State {
-    std::atomic<int> taken{0};  // locks what follows; a mutex would belong to the board's time
+    Exclusive lock;  // of what follows
     std::atomic<int> signal{0};
     const std::function<void()>* stop = nullptr;
     std::vector<std::filesystem::path> leftovers;
@@ -53,18 +55,7 @@ State& state() {
     return *state;
 }
 
-class Locked {
-  public:
-    Locked() {
-        while (state().taken.exchange(1) != 0) state().taken.wait(1);
-    }
-    ~Locked() {
-        state().taken.store(0);
-        state().taken.notify_one();
-    }
-    Locked(const Locked&) = delete;
-    Locked& operator=(const Locked&) = delete;
-};
+using Locked = std::lock_guard<Exclusive>;
 
 sigset_t watchedSignals() {
     sigset_t set;
@@ -111,7 +102,7 @@ void watchForInterruption() {
 int interruption() { return state().signal; }
 
 void interrupt(int signal) {
-    const Locked locked;
+    const Locked locked(state().lock);
     State& now = state();
     if (now.signal != 0) return;
     now.signal = signal;
@@ -121,7 +112,7 @@ void interrupt(int signal) {
 }
 
 void forgetInterruption() {
-    const Locked locked;
+    const Locked locked(state().lock);
     uint64_t count = 0;
     state().signal = 0;
     [[maybe_unused]] const auto read = board::real().read(state().wake, &count, sizeof(count));
@@ -131,29 +122,29 @@ ExitCode exitCodeOf(int signal) { return signalRow(signal).code; }
 const char* wordFor(int signal) { return signalRow(signal).word; }
 
 StopsAtInterruption::StopsAtInterruption(std::function<void()> stop) : mStop(std::move(stop)) {
-    const Locked locked;
+    const Locked locked(state().lock);
     state().stop = &mStop;
     if (state().signal != 0) mStop();
 }
 
 StopsAtInterruption::~StopsAtInterruption() {
-    const Locked locked;
+    const Locked locked(state().lock);
     state().stop = nullptr;
 }
 
 Leftover::Leftover(std::filesystem::path path) : mPath(std::move(path)) {
-    const Locked locked;
+    const Locked locked(state().lock);
     state().leftovers.push_back(mPath);
 }
 
 Leftover::~Leftover() {
-    const Locked locked;
+    const Locked locked(state().lock);
     auto& all = state().leftovers;
     all.erase(std::find(all.begin(), all.end(), mPath));
 }
 
 void removeLeftovers() {
-    const Locked locked;
+    const Locked locked(state().lock);
     std::error_code ignored;
     for (const auto& path : state().leftovers) std::filesystem::remove_all(path, ignored);
 }
@@ -166,11 +157,19 @@ void endAtOnce(ExitCode code, const std::string& why) {
     _exit(code);
 }
 
+Readiness waitToRead(int descriptor, int timeoutMs) {
+    pollfd sources[] = {{descriptor, POLLIN, 0}, {state().wake, POLLIN, 0}};
+    int count = -1;
+    do {
+        count = board::real().poll(sources, 2, timeoutMs);
+    } while (count < 0 && errno == EINTR);
+    if (interruption() != 0) return Readiness::kInterrupted;
+    return count == 0 ? Readiness::kNothing : Readiness::kReady;
+}
+
 InterruptibleInput::int_type InterruptibleInput::underflow() {
-    pollfd sources[] = {{mDescriptor, POLLIN, 0}, {state().wake, POLLIN, 0}};
-    while (board::real().poll(sources, 2, -1) < 0 && errno == EINTR) {
-    }
-    if (const int signal = interruption()) {
+    if (waitToRead(mDescriptor) == Readiness::kInterrupted) {
+        const int signal = interruption();
         throw Failure(exitCodeOf(signal), std::string(wordFor(signal)) +
                                               " while it waited for standard input: nothing done");
     }

@@ -21,6 +21,10 @@ int interruption();
 void interrupt(int signal);  // what a signal does
 void forgetInterruption();   // before another command in this process
 
+// Waits until the descriptor can be read or its other end is gone. -1: without a limit.
+enum class Readiness { kReady, kNothing, kInterrupted };
+Readiness waitToRead(int descriptor, int timeoutMs = -1);
+
 ExitCode exitCodeOf(int signal);
 const char* wordFor(int signal);  // "interrupted"
 

@@ -1,0 +1,173 @@
+#include "tools/quilctl/page/page_server.h"
+
+#include <memory>
+#include <sstream>
+
+#include "tools/quilctl/cli.h"
+#include "tools/quilctl/page/page_files.h"
+#include "tools/quilctl/serve/board_socket.h"
+
+namespace quil::tools {
+namespace {
+
+constexpr char kHost[] = "127.0.0.1";
+constexpr size_t kBodyMost = 16384, kThreads = 64;
+constexpr int kBeatMs = 2000;  // how soon a reader that is gone is noticed
+
+// Nothing but the page's own files, and no other page around it.
+const httplib::Headers kHeaders = {
+    {"Content-Security-Policy",
+     "default-src 'none'; script-src 'self'; style-src 'self'; connect-src 'self'; img-src data:; "
+     "base-uri 'none'; form-action 'none'; frame-ancestors 'none'"},
+    {"X-Content-Type-Options", "nosniff"},
+    {"X-Frame-Options", "DENY"},
+    {"Referrer-Policy", "no-referrer"},
+    {"Cross-Origin-Resource-Policy", "same-origin"},
+    {"Cache-Control", "no-store"},
+};
+
+const char* typeOf(std::string_view name) {
+    if (name.ends_with(".js")) return "text/javascript; charset=utf-8";
+    return name.ends_with(".css") ? "text/css; charset=utf-8" : "text/html; charset=utf-8";
+}
+
+void refuse(httplib::Response& response, int status, const std::string& why) {
+    response.status = status;
+    response.set_content(why + "\n", "text/plain; charset=utf-8");
+}
+
+std::string textIn(const Json& answer, const char* stream) {
+    return answer.contains(stream) ? bytesIn(answer.at(stream)) : "";
+}
+
+// A command that needs no board, here.
+Json runHere(const std::vector<std::string>& words) {
+    std::vector<const char*> argv = {"quilctl"};
+    for (const std::string& word : words) argv.push_back(word.c_str());
+    std::istringstream in;
+    std::ostringstream out, err;
+    const int code = run(kBoardProgram, static_cast<int>(argv.size()), argv.data(), {in, out, err});
+    return {{"exit", code}, {"out", jsonOfBytes(out.str())}, {"err", jsonOfBytes(err.str())}};
+}
+
+Json runOnBoard(const std::string& directory, const PageCommand& command) {
+    auto server = ServerConnection::to(directory);
+    if (!server) throw Failure(kNoBoard, "the board is not served any more");
+    server->send(
+        {.words = command.words, .folder = "/", .board = directory, .atOnce = command.atOnce});
+    std::string out, err;
+    for (auto answer = server->receive("while the board was at work"); answer;
+         answer = server->receive("while the board was at work")) {
+        out += textIn(*answer, "out");
+        err += textIn(*answer, "err") + textIn(*answer, "error");
+        if (!answer->contains("exit")) continue;
+        return {{"exit", answer->at("exit")}, {"out", jsonOfBytes(out)}, {"err", jsonOfBytes(err)}};
+    }
+    throw Failure(kNoBoard, "the board's server has ended in the middle of the command " + err);
+}
+
+void answer(httplib::Response& response, const Json& document) {
+    response.set_content(protocolLine(document), "application/json");
+}
+
+}  // namespace
+
+PageServer::PageServer(std::string directory, int port)
+    : mDirectory(std::move(directory)), mGate{port, newToken()} {
+    mServer.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
+    mServer.set_default_headers(kHeaders);
+    mServer.set_payload_max_length(kBodyMost);
+    mServer.set_pre_routing_handler(
+        [this](const auto& request, auto& response) { return admit(request, response); });
+    addRoutes();
+    if (port == 0) mGate.port = mServer.bind_to_any_port(kHost);
+    if (mGate.port < 0 || (port != 0 && !mServer.bind_to_port(kHost, port))) {
+        throw Failure(kNoBoard, "port " + std::to_string(port) + " of " + kHost + " cannot be had");
+    }
+    mThread = std::thread([this] { mServer.listen_after_bind(); });
+    while (!mServer.is_running()) std::this_thread::yield();
+}
+
+PageServer::~PageServer() {
+    mEnds = true;
+    mServer.stop();
+    mThread.join();
+}
+
+// The token goes from the address into a cookie, out of sight and of the browser's history.
+PageServer::Handled PageServer::admit(const httplib::Request& request,
+                                      httplib::Response& response) const {
+    if (const auto refusal = mGate.refusalFor(request)) {
+        refuse(response, refusal->status, refusal->why);
+        return Handled::Handled;
+    }
+    if (!mGate.isFirstVisit(request)) return Handled::Unhandled;
+    response.set_header("Set-Cookie", mGate.cookieName() + "=" + mGate.token +
+                                          "; Path=/; HttpOnly; SameSite=Strict");
+    response.set_redirect("/", 303);
+    return Handled::Handled;
+}
+
+void PageServer::addRoutes() {
+    for (const auto& [name, content] : pageFiles()) {
+        const auto give = [name = name, content = content](const auto& /*request*/,
+                                                           auto& response) {
+            response.set_content(content.data(), content.size(), typeOf(name));
+        };
+        mServer.Get(name == "/index.html" ? "/" : std::string(name), give);
+    }
+    mServer.Post("/run", [this](const auto& request, auto& response) { run(request, response); });
+    mServer.Get("/screen",
+                [this](const auto& /*request*/, auto& response) { showScreen(response); });
+    mServer.Get("/events", [this](const auto& /*request*/, auto& response) { stream(response); });
+}
+
+void PageServer::run(const httplib::Request& request, httplib::Response& response) const {
+    const auto command = pageCommandIn(request.body);
+    if (!command) return refuse(response, 400, "the page runs no such command");
+    try {
+        answer(response,
+               command->isLocal ? runHere(command->words) : runOnBoard(mDirectory, *command));
+    } catch (const Failure& failure) {
+        refuse(response, 503, failure.what());
+    }
+}
+
+void PageServer::showScreen(httplib::Response& response) const {
+    const Json shown =
+        runHere({"--json", "screen", "show", mDirectory + "/rootfs/dev/block/by-name/screen"});
+    response.set_content(bytesIn(shown.at("out")), "application/json");
+}
+
+// A reader that is slow holds up its own thread alone; the board's server counts what it misses.
+void PageServer::stream(httplib::Response& response) {
+    if (++mReaders > kReadersMost) {
+        --mReaders;
+        return refuse(response, 503, "too many pages are open");
+    }
+    const auto leave = [this](bool /*success*/) { --mReaders; };
+    try {
+        auto server = ServerConnection::to(mDirectory);
+        if (!server) throw Failure(kNoBoard, "the board is not served any more");
+        server->send(
+            {.kind = Request::Kind::kWatch,
+             .kinds = {"power", "request", "frame", "uart-tx", "uart-rx", "spi", "gpio", "flash",
+                       "shell", "mcu", "probe", "vendor", "log", "fault", "violation"}});
+        const auto shared = std::make_shared<ServerConnection>(std::move(*server));
+        response.set_chunked_content_provider(
+            "text/event-stream",
+            [this, shared](size_t /*offset*/, httplib::DataSink& sink) {
+                const auto line = mEnds ? std::nullopt : shared->receiveFor(kBeatMs);
+                if (!line) return false;
+                const std::string text =
+                    line->empty() ? ":\n\n" : "data: " + protocolLine(*line) + "\n";
+                return sink.write(text.data(), text.size());
+            },
+            leave);
+    } catch (const Failure& failure) {
+        leave(false);
+        refuse(response, 503, failure.what());
+    }
+}
+
+}  // namespace quil::tools
