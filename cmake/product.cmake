@@ -20,9 +20,9 @@ target_link_options(quil_impl PRIVATE
   -Wl,--version-script=${PROJECT_SOURCE_DIR}/quil.map -Wl,-z,relro,-z,now,-z,noexecstack)
 if(QUIL_SANITIZE STREQUAL "coverage")
   # Not optimised, so that each branch is one of the source. The counters lie in the profile's file, so
-  # that a process that is killed has counted, too.
+  # that a process that is killed has counted, too; several processes count in it at once.
   target_compile_options(quil_impl PRIVATE
     -O0 -fprofile-instr-generate=${CMAKE_BINARY_DIR}/profiles/%c%m.profraw -fcoverage-mapping
-    "SHELL:-mllvm -runtime-counter-relocation")
+    -fprofile-update=atomic "SHELL:-mllvm -runtime-counter-relocation")
   target_link_options(quil_impl PRIVATE -fprofile-instr-generate)
 endif()
