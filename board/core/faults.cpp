@@ -66,6 +66,12 @@ const char* nameOf(Call call) {
             return "flash program";
         case Call::kVendor:
             return "vendor";
+        case Call::kPropertySet:
+            return "property set";
+        case Call::kSleep:
+            return "sleep";
+        case Call::kWait:
+            return "wait";
     }
     return "";
 }
@@ -90,8 +96,15 @@ void Faults::clear() {
     if (mAllocationsMayFail) mAllocationsMayFail(false);
 }
 
+void Faults::onCall(std::function<void(Call, std::string_view path)> told) {
+    Guard guard(boardLock());
+    mTold = std::move(told);
+    if (mTold && mAllocationsMayFail) mAllocationsMayFail(true);
+}
+
 std::optional<Fault> Faults::take(Call call, std::string_view path) {
     Guard guard(boardLock());
+    if (mTold) mTold(call, path);
     for (Fault& fault : mFaults) {
         if (fault.call != call || fault.times == 0) continue;
         if (!fault.path.empty() && fault.path != path) continue;

@@ -35,8 +35,12 @@ enum class Call {
     kGpioGet,
     kFlashErase,    // path: "/dev/mtd0"; once for each sector
     kFlashProgram,  // path: "/dev/mtd0"; once for each page
-    kVendor         // path: the closed library's function; it returns -error
+    kVendor,        // path: the closed library's function; it returns -error
+    kPropertySet,   // path: the property
+    kSleep,         // a signal ends it half-way
+    kWait           // for a condition: it ends at once without a signal
 };
+inline constexpr size_t kCalls = static_cast<size_t>(Call::kWait) + 1;
 
 struct Fault {
     Call call;
@@ -64,6 +68,10 @@ class Faults {
     // For the board's parts: the fault that applies to this call, if any; it counts as used.
     std::optional<Fault> take(Call, std::string_view path);
 
+    // From now on told of each call that a fault could have been added for. Null ends it. It is
+    // called with the board's lock held.
+    void onCall(std::function<void(Call, std::string_view path)> told);
+
     // Called with true when an allocation fault is added, and with false when all faults go.
     void watchAllocations(std::function<void(bool)> watch) {
         mAllocationsMayFail = std::move(watch);
@@ -72,6 +80,7 @@ class Faults {
   private:
     Trace& mTrace;
     std::function<void(bool)> mAllocationsMayFail;
+    std::function<void(Call, std::string_view)> mTold;
     std::vector<Fault> mFaults;
 };
 

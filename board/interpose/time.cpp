@@ -32,7 +32,9 @@ SleepEnd sleepOnBoard(Nanos duration, Nanos* left) {
     if (machine->dead()) return SleepEnd::kOver;
     machine->trace.add(EventKind::kSleep, "thread", secondsText(duration));
     const Nanos end = machine->scheduler.now() + duration;
-    if (machine->interrupts("sleep", "thread", duration)) {
+    const bool isCutShort = machine->faults.take(Call::kSleep, "").has_value();
+    if (isCutShort) machine->scheduler.sleepFor(duration / 2, "sleep");
+    if (isCutShort || machine->interrupts("sleep", "thread", duration)) {
         *left = end - machine->scheduler.now();
         return SleepEnd::kInterrupted;
     }

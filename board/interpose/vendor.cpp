@@ -36,6 +36,10 @@ int32_t probe(const char* part) {
     return machine != nullptr && !machine->dead() ? machine->probes.probe(part) : -1;
 }
 
+std::optional<Fault> vendorFault(Machine& machine, const char* function) {
+    return machine.faults.take(Call::kVendor, function);
+}
+
 int copyProperty(std::string_view value, char* dest) {
     const size_t length = std::min(value.size(), kPropertyMax - 1);
     memcpy(dest, value.data(), length);
@@ -78,6 +82,7 @@ QUIL_EXPORT int property_set(const char* name, const char* value) {
     Machine* machine = machineForCall();
     const std::string text = value != nullptr ? value : "";
     if (machine == nullptr || name == nullptr || text.size() >= kPropertyMax) return -1;
+    if (machine->faults.take(Call::kPropertySet, name)) return -1;
     machine->properties.set(name, text);
     if (machine->dead()) return -1;
     return 0;
@@ -99,6 +104,7 @@ QUIL_EXPORT int32_t bi_common_ini_get_string(int32_t handle, const char* section
     Machine* machine = machineForCall();
     if (machine == nullptr) return -1;
     Guard guard(boardLock());
+    if (const auto fault = vendorFault(*machine, __func__)) return -fault->error;
     const std::string* value = machine->iniReader.find(handle, section, key);
     if (value == nullptr) return -1;
     memcpy(dest, value->c_str(), value->size() + 1);
@@ -107,12 +113,17 @@ QUIL_EXPORT int32_t bi_common_ini_get_string(int32_t handle, const char* section
 
 QUIL_EXPORT int32_t bi_common_ini_get_int(int32_t handle, const char* section, const char* key) {
     Machine* machine = machineForCall();
-    return machine != nullptr ? machine->iniReader.integer(handle, section, key) : 0;
+    if (machine == nullptr) return 0;
+    Guard guard(boardLock());
+    if (const auto fault = vendorFault(*machine, __func__)) return -fault->error;
+    return machine->iniReader.integer(handle, section, key);
 }
 
 QUIL_EXPORT int32_t bi_info_get_product_info(void* block) {
     Machine* machine = machineForCall();
     if (machine == nullptr || block == nullptr) return -1;
+    Guard guard(boardLock());
+    if (const auto fault = vendorFault(*machine, __func__)) return -fault->error;
     return machine->productInformation.fill(static_cast<uint8_t*>(block));
 }
 

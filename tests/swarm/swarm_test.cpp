@@ -22,7 +22,7 @@ struct RecordedTrace {
     uint64_t seed, hash;
 };
 constexpr std::array<RecordedTrace, 6> kRecordedTraces = {{{1, 13813493919534577430U},
-                                                           {2, 18202674839427886589U},
+                                                           {2, 1804427100948445384U},
                                                            {3, 9833371294536341099U},
                                                            {4, 13682300038741042507U},
                                                            {5, 4201347202351725816U},
