@@ -7,6 +7,5 @@ namespace quil::bench {
 
 bool mcuProgramming(std::ostream& out);
 bool programmerBeside(std::ostream& out);
-bool powerCutSweep(std::ostream& out);
 
 }  // namespace quil::bench

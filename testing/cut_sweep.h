@@ -51,6 +51,25 @@ struct CutState {
     uint64_t cuts = 0;
 };
 
+// The states in the order in which they were first left, each once.
+class CutStates {
+  public:
+    void add(const PowerCut& cut, const KeptFiles& left) {
+        if (mStates.empty() || mStates[mLast].files != left) {
+            const auto [found, isNew] = mKnown.try_emplace(left, mStates.size());
+            if (isNew) mStates.push_back({left, cut});
+            mLast = found->second;
+        }
+        ++mStates[mLast].cuts;
+    }
+    std::vector<CutState> take() { return std::move(mStates); }
+
+  private:
+    std::map<KeptFiles, size_t> mKnown;
+    std::vector<CutState> mStates;
+    size_t mLast = 0;  // most cuts leave what the one before left
+};
+
 // Runs of one board: each starts with the directory's files and those that were kept, and keeps all
 // that it writes in memory.
 class CutSweep {
@@ -78,18 +97,13 @@ class CutSweep {
     // power comes and goes are not among them.
     std::vector<CutState> statesIn(const KeptFiles& files) const {
         const FreshLibrary library;
-        std::map<KeptFiles, size_t> known;
-        std::vector<CutState> states;
+        CutStates states;
         board::Board board(mDirectory, {.store = storeWith(files)});
         board.trace().setRecording(false);
-        board.onEachCut([&](const PowerCut& cut, const KeptFiles& left) {
-            const auto [found, isNew] = known.try_emplace(left, states.size());
-            if (isNew) states.push_back({left, cut});
-            ++states[found->second].cuts;
-        });
+        board.onEachCut([&](const PowerCut& cut, const KeptFiles& left) { states.add(cut, left); });
         mRun(board);
         board.onEachCut(nullptr);
-        return states;
+        return states.take();
     }
 
     // What that cut leaves, by a run that really ends there; nothing if it does not.

@@ -5,7 +5,7 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "tests/swarm/child.h"
+#include "tests/swarm/crew.h"
 #include "tests/swarm/heap_count.h"
 #include "tests/swarm/library_data.h"
 
@@ -13,10 +13,6 @@ namespace quil::swarm {
 namespace {
 
 using nlohmann::json;
-using std::chrono::steady_clock;
-
-// Of a world, in real time. The board ends what waits; this is for what never waits.
-constexpr std::chrono::seconds kWorldMost{60};
 
 constexpr uint64_t kRunAgain = 16;  // every so many seeds
 
@@ -82,65 +78,6 @@ void runAndTell(const World& world, Ground& ground, const Child::Tell& tell) {
     tell(toText(world.seed, outcome));
 }
 
-Outcome endedBadly(Child& child) {
-    Outcome outcome;
-    const bool isEndless = !child.isOver();
-    const std::string how = child.end();
-    outcome.finding = isEndless ? "endless: no end after a minute" : "crash: " + how;
-    return outcome;
-}
-
-// A process that runs its part of the seeds, and its followers when it comes to a bad end.
-class Worker {
-  public:
-    Worker(const Seeds& seeds, uint64_t first, uint64_t step)
-        : mSeeds(seeds), mStep(step), mNext(first) {
-        start();
-    }
-
-    Child& child() { return *mChild; }
-    bool isThrough() const { return mNext >= end() && mChild->isOver(); }
-    // Takes what it has told. Returns how many worlds ended.
-    uint64_t take(const std::function<void(uint64_t seed, const Outcome&)>& ended) {
-        uint64_t worlds = 0;
-        while (const auto line = mChild->line()) {
-            const json told = json::parse(*line);
-            ended(told["seed"], outcomeOf(told));
-            mNext += mStep;
-            ++worlds;
-        }
-        if (mNext >= end()) return worlds;
-        if (!mChild->isOver() && mChild->silence() < kWorldMost) return worlds;
-        if (!mChild->isOver() || mChild->end() != "") return worlds + replace(ended);
-        start();  // it ended after a standstill, which it told
-        return worlds;
-    }
-
-  private:
-    uint64_t end() const { return mSeeds.count == 0 ? UINT64_MAX : mSeeds.size(); }
-
-    uint64_t replace(const std::function<void(uint64_t seed, const Outcome&)>& ended) {
-        ended(mSeeds.at(mNext), endedBadly(*mChild));
-        mNext += mStep;
-        start();
-        return 1;
-    }
-
-    void start() {
-        mChild = std::make_unique<Child>([this](const Child::Tell& tell) {
-            Ground ground;
-            for (uint64_t i = mNext; i < end(); i += mStep) {
-                runAndTell(worldOf(mSeeds.at(i)), ground, tell);
-            }
-        });
-    }
-
-    const Seeds mSeeds;
-    const uint64_t mStep;
-    uint64_t mNext;
-    std::unique_ptr<Child> mChild;
-};
-
 }  // namespace
 
 Outcome runApart(const World& world) {
@@ -149,28 +86,27 @@ Outcome runApart(const World& world) {
         runAndTell(world, ground, tell);
     });
     Child* const only[] = {&child};
-    while (!child.isOver() && child.silence() < kWorldMost) Child::waitForAny(only);
+    while (!child.isOver() && child.silence() < kPieceMost) Child::waitForAny(only);
     if (const auto line = child.line()) return outcomeOf(json::parse(*line));
-    return endedBadly(child);
+    Outcome outcome;
+    outcome.finding = badEndOf(child);
+    return outcome;
 }
 
 uint64_t runAll(const Seeds& seeds, unsigned processes, std::chrono::seconds most,
                 const std::function<void(uint64_t seed, const Outcome&)>& ended) {
-    const auto until = steady_clock::now() + most;
-    std::vector<std::unique_ptr<Worker>> workers;
-    for (unsigned i = 0; i < processes; ++i) {
-        workers.push_back(std::make_unique<Worker>(seeds, i, processes));
-    }
-    uint64_t worlds = 0;
-    for (;;) {
-        std::vector<Child*> running;
-        for (const auto& worker : workers) {
-            if (!worker->isThrough()) running.push_back(&worker->child());
-        }
-        if (running.empty() || steady_clock::now() >= until) return worlds;
-        Child::waitForAny(running);
-        for (const auto& worker : workers) worlds += worker->take(ended);
-    }
+    const Hire hire = [&seeds](const Child::Tell& tell) -> Work {
+        return [&seeds, tell, ground = std::make_shared<Ground>()](uint64_t piece) {
+            runAndTell(worldOf(seeds.at(piece)), *ground, tell);
+        };
+    };
+    const uint64_t count = seeds.count == 0 ? UINT64_MAX : seeds.size();
+    return runPieces(count, processes, most, hire, [&](const PieceEnd& end) {
+        Outcome outcome;
+        if (end.badEnd.empty()) outcome = outcomeOf(json::parse(end.line));
+        if (!end.badEnd.empty()) outcome.finding = end.badEnd;
+        ended(seeds.at(end.piece), outcome);
+    });
 }
 
 }  // namespace quil::swarm

@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "tests/swarm/crew.h"
 #include "tests/swarm/run.h"
 
 namespace quil::swarm {
@@ -14,9 +15,9 @@ namespace quil::swarm {
 // Of `of` shares of the seeds from `first` on, the one with this number.
 struct Seeds {
     uint64_t first = 1, count = 0;  // 0: without end
-    uint64_t shard = 0, shards = 1;
-    uint64_t at(uint64_t index) const { return first + shard + index * shards; }
-    uint64_t size() const { return count <= shard ? 0 : (count - shard - 1) / shards + 1; }
+    Shard shard;
+    uint64_t at(uint64_t index) const { return first + shard.at(index); }
+    uint64_t size() const { return shard.sizeOf(count); }
 };
 
 struct Found {

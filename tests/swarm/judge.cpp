@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <array>
+#include <fstream>
+#include <sstream>
 
 #include "board/core/bytes.h"
 #include "tests/swarm/ground.h"
@@ -28,13 +30,6 @@ std::string unknownMessageOf(const std::vector<board::LogLine>& lines) {
         if (!isKnown) return line.tag + ": " + line.text;
     }
     return "";
-}
-
-// Refused by what stands at the MCU's line, which cannot know that the line is to blame.
-bool isOfTheLink(const std::string& violation, board::Board& board) {
-    const std::string_view source(violation.data(), violation.find(':'));
-    return source == "mcu" || source == board.mcuUart().path() ||
-           source == board.mcuChip().part().name;
 }
 
 bool isKnownMcu(const std::string& version) {
@@ -90,7 +85,35 @@ std::multiset<std::string> entriesOf(const std::string& folder) {
     return entries;
 }
 
+// A thread that was joined may be on its way out for a while yet.
+bool isLiving(const std::string& task) {
+    if (task.front() == '.') return false;  // the folder and the one above it
+    constexpr unsigned kExiting = 0x4;      // the kernel's PF_EXITING
+    std::ifstream file("/proc/self/task/" + task + "/stat");
+    std::string stat;
+    unsigned flags = kExiting;
+    std::getline(file, stat);
+    const size_t name = stat.rfind(')');  // state, five numbers, the flags
+    if (name == std::string::npos) return false;
+    std::istringstream fields(stat.substr(name + 1));
+    std::string skipped;
+    for (int i = 0; i < 6; ++i) fields >> skipped;
+    fields >> flags;
+    return (flags & kExiting) == 0;
+}
+
+size_t livingThreads() {
+    const auto tasks = entriesOf("/proc/self/task/");
+    return static_cast<size_t>(std::count_if(tasks.begin(), tasks.end(), isLiving));
+}
+
 }  // namespace
+
+bool isOfTheLink(const std::string& violation, board::Board& board) {
+    const std::string_view source(violation.data(), violation.find(':'));
+    return source == "mcu" || source == board.mcuUart().path() ||
+           source == board.mcuChip().part().name;
+}
 
 std::string problemOfBoot(const Boot& boot, board::Board& board) {
     for (const std::string& violation : board.violations()) {
@@ -117,7 +140,7 @@ std::string problemOfCleanBoot(const World& world, board::Board& board,
 }
 
 Held Held::now() {
-    return {entriesOf("/proc/self/fd/"), entriesOf("/proc/self/task/").size(),
+    return {entriesOf("/proc/self/fd/"), livingThreads(),
             static_cast<size_t>(NumberedCallback::alive)};
 }
 

@@ -14,6 +14,9 @@ std::string problemOfBoot(const Boot&, board::Board&);
 // After the clean one as well: the shipped firmware runs and stands whole in the flashes.
 std::string problemOfCleanBoot(const World&, board::Board&, const host::HostingComponent&);
 
+// Refused by what stands at the MCU's line, which cannot know that the line is to blame.
+bool isOfTheLink(const std::string& violation, board::Board&);
+
 // What a process holds; the same before and after a world.
 struct Held {
     std::multiset<std::string> descriptors;  // what each stands for

@@ -206,15 +206,18 @@ Outcome run(const World& world, Ground& ground, const RunOptions& options) {
     Outcome outcome;
     const Held before = Held::now();
     const auto factory = ground.factoryOf(world.product);
-    board::OverlayStore::Files kept = Ground::keptBefore(world);
+    board::OverlayStore::Files kept = options.kept ? *options.kept : Ground::keptBefore(world);
     for (const Boot& boot : world.boots) {
         const tests::FreshLibrary library;
         if (options.beforeBoot) options.beforeBoot();
         const auto store = std::make_shared<board::OverlayStore>(factory, kept);
         {
             board::Board board(store, optionsOf(boot, options));
+            if (options.onPower) options.onPower(board);
             BootRun(world, boot, board, outcome).run();
-            const std::string trace = board.trace().toText();
+            if (options.onDone) options.onDone(board);
+            const bool isWanted = options.hashesTraces || options.onTrace;
+            const std::string trace = isWanted ? board.trace().toText() : "";
             outcome.traceHash = hashOf(outcome.traceHash, trace);
             if (options.onTrace) options.onTrace(trace);
             ++outcome.tally.boots;
@@ -222,6 +225,7 @@ Outcome run(const World& world, Ground& ground, const RunOptions& options) {
         }
         kept = store->written();
     }
+    outcome.kept = std::move(kept);
     const std::string held = before.differenceTo(Held::now());
     if (outcome.finding.empty() && !held.empty()) outcome.finding = "held: " + held;
     return outcome;

@@ -18,10 +18,16 @@ struct Tally {
 struct Outcome {
     std::string finding;     // "": nothing is wrong. Its first word says of which kind it is
     uint64_t traceHash = 0;  // of all boots
+    board::OverlayStore::Files kept;  // what the parts hold at the end
     Tally tally;
 };
 
 struct RunOptions {
+    // What the board's parts hold before the first boot; null: what the world says.
+    const board::OverlayStore::Files* kept = nullptr;
+    // Gets the board of each boot: as soon as it is powered, and when it has done its work.
+    std::function<void(board::Board&)> onPower = {}, onDone = {};
+    bool hashesTraces = true;
     // Makes the library one that was just loaded, if the process can.
     std::function<void()> beforeBoot = {};
     // Gets the report of threads that wait for each other, and must not return.

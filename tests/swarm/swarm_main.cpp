@@ -21,14 +21,6 @@ struct Arguments {
     bool stats = false, json = false, steps = false, trace = false, noShrink = false;
 };
 
-std::string problemOfShard(const std::string& text, Seeds& seeds) {
-    unsigned long long shard = 0, shards = 0;
-    const bool isOne = sscanf(text.c_str(), "%llu/%llu", &shard, &shards) == 2 && shard < shards;
-    seeds.shard = shard;
-    seeds.shards = shards;
-    return isOne ? "" : "a shard is I/N, with I from 0 to N - 1";
-}
-
 Seeds seedsOf(const Arguments& arguments) {
     constexpr uint64_t kUsual = 1000;
     Seeds seeds = arguments.seeds;
@@ -168,7 +160,8 @@ int main(int count, char** values) try {
     app.add_option("--seconds", arguments.seconds, "For how long");
     std::string shard;
     app.add_option("--shard", shard, "I/N: every N-th seed, from the I-th on")
-        ->check([&](const std::string& text) { return problemOfShard(text, arguments.seeds); });
+        ->check(
+            [&](const std::string& text) { return problemOfShard(text, arguments.seeds.shard); });
     app.add_option("--jobs", arguments.jobs, "Processes at once")->check(CLI::Range(1, 1024));
     app.add_flag("--stats", arguments.stats, "Says how much was run, and how fast");
     app.add_flag("--json", arguments.json, "A line of JSON for each finding, and one at the end");
