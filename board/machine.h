@@ -12,8 +12,8 @@
 #include "board/board.h"
 #include "board/core/services.h"
 #include "board/devices/lent_devices.h"
+#include "board/devices/memory_files.h"
 #include "board/fpga/fpga_library.h"
-#include "board/interpose/memory_files.h"
 
 namespace quil::board {
 

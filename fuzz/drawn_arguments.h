@@ -68,7 +68,8 @@ class Arguments {
         const uint8_t which = mInput.byte();
         if (which == 0xFF) return nullptr;
         std::string path = which == 0xFE ? "" : kPaths.at(which % kPaths.size());
-        if (which >= 0xF0 && which < 0xFE) path += "/" + std::string(mInput.byte() * 20, 'x');
+        if (which >= 0xF0 && which < 0xFE)
+            path += "/" + std::string(size_t{20} * mInput.byte(), 'x');
         auto* block = reinterpret_cast<char*>(room(path.size() + 1));
         memcpy(block, path.c_str(), path.size() + 1);
         return block;

@@ -1,4 +1,4 @@
-#include "board/interpose/memory_files.h"
+#include "board/devices/memory_files.h"
 
 #include <errno.h>
 #include <fcntl.h>
