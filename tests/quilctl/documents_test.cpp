@@ -93,7 +93,7 @@ TEST_F(Documents, ExamplesOfTheCommandLinesPagePrintWhatItShows) {
 }
 
 TEST_F(Documents, OnlyExamplesThatNeedADeviceAreLeftToTheReader) {
-    EXPECT_EQ(examplesOf("README.md").byHand, 4U);
+    EXPECT_EQ(examplesOf("README.md").byHand, 5U);
     EXPECT_EQ(examplesOf("docs/quilctl.md").byHand, 0U);
 }
 

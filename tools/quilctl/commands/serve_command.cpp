@@ -1,5 +1,4 @@
 #include <filesystem>
-#include <map>
 #include <ostream>
 
 #include "board/core/kept_store.h"
@@ -14,9 +13,12 @@ namespace {
 constexpr int kNoPage = -1;
 
 struct ServeArguments {
-    int speed = 0;
+    std::string speed = "max";
     int pagePort = kNoPage;
 };
+
+// As Serving takes it; 0: as fast as it can.
+int speedOf(const std::string& text) { return text == "max" ? 0 : std::stoi(text); }
 
 // The board of --board, for this program alone, or a temporary one.
 class BoardToServe {
@@ -46,7 +48,7 @@ void serve(const Cli& cli, const ServeArguments& arguments, Result& result) {
     const BoardToServe board(cli);
     const std::string directory = board.path().string();
     const std::string product = productOf(board.path());
-    Serving serving(board.path(), {.speed = arguments.speed, .seed = cli.options.seed});
+    Serving serving(board.path(), {.speed = speedOf(arguments.speed), .seed = cli.options.seed});
     result.json = {{"directory", directory}, {"product", product}};
     std::optional<PageProcess> page;  // before the board has its threads
     if (arguments.pagePort != kNoPage) page.emplace(board.path(), arguments.pagePort);
@@ -74,13 +76,11 @@ void addServeCommand(CLI::App& app, Cli& cli) {
                  "         quilctl --board my-board fpga status",
                  kBoardOption | kProductOption | kSeedOption, Place::kOff},
                 serve);
-    const std::map<std::string, int> speeds = {{"1", 1}, {"10", 10}, {"max", 0}};
     command
         .add_option("--speed", arguments.speed,
                     "Board time: 1, as fast as the workstation's; 10, ten times; max (default), "
                     "it jumps to the next event, and stands still between commands")
-        ->type_name("1|10|max")
-        ->transform(CLI::CheckedTransformer(speeds));
+        ->check(CLI::IsMember({"1", "10", "max"}));
     const auto takePort = [&arguments = arguments](const std::vector<int>& port) {
         arguments.pagePort = port.empty() ? 0 : port.front();
     };

@@ -17,7 +17,7 @@ ServedBoard& served() {
     return ServedBoard::call()->board;
 }
 
-std::string listOf(const std::set<std::string>& names) {
+std::string inOneLine(const std::set<std::string>& names) {
     std::string text;
     for (const std::string& name : names) text += (text.empty() ? "" : " ") + name;
     return text.empty() ? "none" : text;
@@ -43,7 +43,7 @@ struct FaultArguments {
 void addBroken(Result& result) {
     const std::set<std::string> broken = served().broken();
     result.json["broken"] = broken;
-    result.text << "broken: " << listOf(broken) << '\n';
+    result.text << "broken: " << inOneLine(broken) << '\n';
 }
 
 void addFaults(const Cli& /*cli*/, const FaultArguments& arguments, Result& result) {
@@ -86,7 +86,7 @@ void showServedStatus(const Cli& /*cli*/, Result& result) {
                 << "\nMCU      " << std::string(found["mcu"]["state"]) << ' '
                 << std::string(found["mcu"]["version"]) << "\nFPGA     "
                 << (version.empty() ? "not configured" : version) << "\nlink     "
-                << std::string(found["link"]) << "\nbroken   " << listOf(served().broken())
+                << std::string(found["link"]) << "\nbroken   " << inOneLine(served().broken())
                 << "\ncommand  " << (command.empty() ? "none" : command) << '\n';
     for (const Json& violation : found["violations"]) {
         result.text << "violation: " << std::string(violation) << '\n';
@@ -99,7 +99,7 @@ CLI::Validator breakableName() {
             const auto known = breakableNames();
             if (std::find(known.begin(), known.end(), name) != known.end()) return {};
             return "there is no fault '" + name +
-                   "': " + listOf(std::set<std::string>(known.begin(), known.end()));
+                   "': " + inOneLine(std::set<std::string>(known.begin(), known.end()));
         },
         "NAME");
 }

@@ -31,7 +31,7 @@ Failure nobodyServes(const std::string& directory) {
 }
 
 // On the server. A client of another make may ask for anything.
-void requirePlace(const ServedBoard::Call& call, Place place, bool hasBoard) {
+void refuseOtherPlace(const ServedBoard::Call& call, Place place, bool hasBoard) {
     if (!hasBoard || place == Place::kOnClient || place == Place::kOff) {
         throw Failure(kUsage, "this command does not run on a served board");
     }
@@ -69,7 +69,7 @@ std::optional<int> forwardToServer(const Cli& cli, const CommandLine& line,
                                    const Streams& streams) {
     const bool hasBoard = (cli.boardOptions & kBoardOption) != 0;
     if (const auto* call = ServedBoard::call()) {
-        requirePlace(*call, cli.place, hasBoard);
+        refuseOtherPlace(*call, cli.place, hasBoard);
         return {};
     }
     if (!hasBoard) return {};

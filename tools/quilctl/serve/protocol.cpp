@@ -13,7 +13,7 @@ Screen screenIn(const Json& document) {
             document.at("columns").get<size_t>()};
 }
 
-std::vector<std::string> wordsIn(const Json& document) {
+std::vector<std::string> commandWords(const Json& document) {
     std::vector<std::string> words;
     for (const Json& word : document) words.push_back(bytesIn(word));
     return words;
@@ -29,7 +29,7 @@ Request requestOf(const Json& document) {
         for (const Json& kind : document.at("watch")) request.kinds.insert(kind.get<std::string>());
         return request;
     }
-    request.words = wordsIn(document.at("run"));
+    request.words = commandWords(document.at("run"));
     request.folder = bytesIn(document.at("folder"));
     request.board = bytesIn(document.at("board"));
     request.atOnce = document.at("at_once").get<bool>();
