@@ -111,6 +111,7 @@ TEST_F(QuilctlServe, CommandSaysWhatItSaysOnABoardOfItsOwn) {
         {"--log-level", "I", "get", "0xFFFFFFF7"},
     };
     std::vector<Said> alone;
+    alone.reserve(commands.size());
     for (const tools::Words& words : commands) alone.push_back(quilctl(words));
     serve();
     for (size_t i = 0; i < commands.size(); ++i) {
@@ -156,7 +157,8 @@ TEST_F(QuilctlServe, PowerThatWasCutComesBackWithPowerOn) {
 
 // The server's thread may be late: then the update is through before the power goes.
 TEST_F(QuilctlServe, PowerCutInTheMiddleOfAnUpdateEndsItAndTheNextOneMendsTheBoard) {
-    serve();
+    constexpr int kSpeed = 100;  // a cut comes in milliseconds: there is an erase for it
+    serve(kSpeed);
     constexpr int kTries = 20;
     bool wasCut = false;
     for (int i = 0; i < kTries && !wasCut; ++i) {
@@ -289,6 +291,7 @@ TEST_F(QuilctlServe, RequestsOfManyClientsAreAllAnswered) {
     constexpr int kClients = 3, kRequests = 4;
     std::atomic<int> right{0};
     std::vector<std::thread> clients;
+    clients.reserve(kClients);
     for (int client = 0; client < kClients; ++client) {
         clients.emplace_back([&, client] {
             auto server = connection();
@@ -445,7 +448,7 @@ TEST_F(QuilctlServe, ClientsBeyondTheMostAreTurnedAway) {
 }
 
 TEST_F(QuilctlServe, BytesThatAreNoTextArriveAsTheyAre) {
-    const std::string bytes = "a\xff\x00z";
+    const std::string bytes = {'a', '\xff', '\0', 'z'};
     EXPECT_EQ(tools::bytesIn(tools::jsonOfBytes(bytes)), bytes);
     EXPECT_TRUE(tools::jsonOfBytes(bytes).is_array());
     EXPECT_TRUE(tools::jsonOfBytes("plain").is_string());

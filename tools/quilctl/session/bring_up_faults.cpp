@@ -221,6 +221,7 @@ void setBroken(board::Board& board, const std::string& name, bool isBroken) {
 
 std::vector<std::string> breakableNames() {
     std::vector<std::string> names;
+    names.reserve(kPartFaults.size() + kCallFaults.size());
     for (const PartRow& row : kPartFaults) names.emplace_back(row.name);
     for (const CallRow& row : kCallFaults) names.emplace_back(row.name);
     names.emplace_back(kMcuPart);
