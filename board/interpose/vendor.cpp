@@ -93,6 +93,9 @@ QUIL_EXPORT int32_t bi_common_load_ini_file(const char* path) {
     if (machine == nullptr || path == nullptr) return 0;
     Guard guard(boardLock());
     if (machine->faults.take(Call::kOpen, path)) return 0;
+    // From the workstation no more is read than a parser takes.
+    if (!machine->filesInMemory)
+        return machine->iniReader.load(machine->onHost(path).value_or(path));
     if (!Machine::isBoards(path)) return machine->iniReader.load(path);
     std::string text;
     return machine->readFile(path, &text) == 0 ? machine->iniReader.loadText(text) : 0;
