@@ -101,7 +101,7 @@ TEST(Cuts, NamesOfCutsInARowAreReadBack) {
 // The sweep judges what a cut would leave without making it; here some are made.
 TEST(Cuts, SecondCutsLeaveWhatTheMendingBootTellsOfThem) {
     const swarm::World& world = cutFlowNamed("both-Heron-gd32f470").world;
-    constexpr size_t kOfStates = tests::kSlowed ? 61 : 17;
+    constexpr size_t kOfStates = tests::kSlowed ? 23 : 17;
     size_t compared = 0;
     tests::standardOutputOf([&] {
         Cuts cuts;
