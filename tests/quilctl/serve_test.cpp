@@ -460,10 +460,10 @@ TEST_F(QuilctlServe, ProgramServesUntilItIsKilledAndTheBoardIsFreeThen) {
     board = newBoard();
     const std::string quil =
         QUIL_EMULATOR " '" QUIL_BIN_DIR "/quilctl' --quiet --board '" + board + "' ";
-    const std::string script = quil + "serve > '" + board + ".said' & server=$!; until " + quil +
-                               "status > /dev/null 2>&1; do :; done; " + quil +
-                               "get version; kill -9 $server; wait; " + quil + "get version; " +
-                               quil + "status; echo $?";
+    const std::string script =
+        quil + "serve > '" + board + ".said' & server=$!; tries=0; until " + quil +
+        "status > /dev/null 2>&1 || [ $((tries += 1)) -gt 999 ]; do :; " + "done; " + quil +
+        "get version; kill -9 $server; wait; " + quil + "get version; " + quil + "status; echo $?";
     EXPECT_EQ(outputOf("(" + script + ") 2>&1"),
               "56 31 2E 30 2E 30\n56 31 2E 30 2E 30\nquilctl: " + board +
                   " is not served\nquilctl: remedy: quilctl --board " + board +
