@@ -1,6 +1,7 @@
 // The workbench page. What comes from the board is only ever put into text nodes.
 "use strict";
 
+const workbench = {};  // what is on the page
 const byId = id => document.getElementById(id);
 
 function make(tag, text, attributes = {}) {
@@ -85,7 +86,7 @@ function drawBoard() {
     byId("board").append(wire);
   }
   for (const part of kParts) {
-    const group = svg("g", {tabindex: "0"});
+    const group = svg("g", {id: "part-" + part.id, tabindex: "0"});
     group.append(svg("rect", {x: part.x, y: part.y, width: 180, height: 70, rx: 6}));
     const name = svg("text", {x: part.x + 12, y: part.y + 28});
     name.textContent = part.name;
@@ -259,7 +260,7 @@ function watch(timeline) {
 function start() {
   drawBoard();
   addControls();
-  const timeline = new Timeline(byId("timeline"), byId("detail"));
+  const timeline = workbench.timeline = new Timeline(byId("timeline"), byId("detail"));
   byId("search").addEventListener("input", event => timeline.search(event.target.value));
   const acts = {
     earlier: () => timeline.pan(-0.3), later: () => timeline.pan(0.3),

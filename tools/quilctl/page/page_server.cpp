@@ -12,7 +12,8 @@ namespace {
 
 constexpr char kHost[] = "127.0.0.1";
 constexpr size_t kBodyMost = 16384, kThreads = 64;
-constexpr int kBeatMs = 2000;  // how soon a reader that is gone is noticed
+constexpr int kBeatMs = 500;  // how soon a reader that is gone is noticed
+constexpr int kIdleSeconds = 1;  // of a connection, which the server's end waits for
 
 // Nothing but the page's own files, and no other page around it.
 const httplib::Headers kHeaders = {
@@ -76,6 +77,7 @@ PageServer::PageServer(std::string directory, int port)
     : mDirectory(std::move(directory)), mGate{port, newToken()} {
     mServer.new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
     mServer.set_default_headers(kHeaders);
+    mServer.set_keep_alive_timeout(kIdleSeconds);
     mServer.set_payload_max_length(kBodyMost);
     mServer.set_pre_routing_handler(
         [this](const auto& request, auto& response) { return admit(request, response); });

@@ -1,0 +1,192 @@
+#!/usr/bin/python3
+"""The page of a served board, in a browser."""
+import argparse
+import pathlib
+import sys
+import time
+import unittest
+
+from selenium.webdriver.common.by import By
+from selenium.webdriver.common.keys import Keys
+from selenium.webdriver.support.ui import WebDriverWait
+
+import browser as web
+
+WIDTHS = (400, 1000, 2000)
+OPTIONS = argparse.Namespace(quilctl="quilctl", pictures=None)
+
+
+class WebTest(unittest.TestCase):
+    """One browser for all tests, a board for each."""
+
+    @classmethod
+    def setUpClass(cls):
+        cls.browser = web.start_browser()
+        cls.addClassCleanup(cls.browser.quit)
+
+    def setUp(self):
+        self.board = web.Board(OPTIONS.quilctl)
+        self.addCleanup(self.board.end)
+        web.show_as(self.browser, 1000)
+
+    def open(self, address):
+        # What a page before has left is none of this one's.
+        self.browser.get("about:blank")
+        self.browser.get_log("browser")
+        self.browser.get(address)
+        # Before the board's server ends, and with it the stream of events.
+        self.addCleanup(self.leave)
+
+    def leave(self):
+        found = self.browser.get_log("browser")
+        asked = self.browser.execute_script(
+            "return performance.getEntriesByType('resource').map(one => one.name)"
+            ".filter(name => !name.startsWith(location.origin + '/'))")
+        self.browser.get("about:blank")
+        self.assertEqual(found, [], "what the page said on its console")
+        self.assertEqual(asked, [], "what the page asked for elsewhere")
+
+    def find(self, selector):
+        return self.browser.find_element(By.CSS_SELECTOR, selector)
+
+    def text(self, selector):
+        return self.browser.execute_script(
+            "return document.querySelector(arguments[0]).textContent", selector)
+
+    def wait_for(self, what, holds):
+        WebDriverWait(self.browser, web.PATIENCE, 0.05).until(lambda _: holds(), what)
+
+    def wait_for_text(self, selector, text):
+        self.wait_for(f"{text!r} in {selector}", lambda: text in self.text(selector))
+
+    def press(self, label):
+        """A click on the button that says so."""
+        found = [one for one in self.browser.find_elements(By.TAG_NAME, "button")
+                 if one.text == label]
+        self.assertEqual(len(found), 1, label)
+        self.browser.execute_script("arguments[0].scrollIntoView({block: 'center'})", found[0])
+        found[0].click()
+
+    def do(self, label, command):
+        """The same, and waits until the command has ended; what it said."""
+        before = len(self.text("#said"))
+        self.press(label)
+        self.wait_for(f"the end of {command}",
+                      lambda: f"\n> {command}\n" in "\n" + self.text("#said")[before:])
+        return self.text("#said")[before:]
+
+    def part(self, name):
+        return f"#part-{name} .state"
+
+    def take_pictures(self, name, selector):
+        if OPTIONS.pictures is None:
+            return
+        for width in WIDTHS:
+            web.show_as(self.browser, width)
+            self.settle()
+            web.picture_of(self.browser, self.find(selector),
+                           OPTIONS.pictures / f"{name}-{width}.png")
+        web.show_as(self.browser, 1000)
+
+    def settle(self):
+        """Until what was changed has been laid out and drawn."""
+        self.browser.execute_async_script(
+            "const done = arguments[0];"
+            "requestAnimationFrame(() => requestAnimationFrame(() => done()))")
+
+
+class Page(WebTest):
+    def serve(self, speed="10"):
+        address = self.board.serve(speed)
+        self.assertIn("/?token=", address)
+        self.open(address)
+        self.assertNotIn("token", self.browser.current_url)
+        self.wait_for_text("#summary", "power on")
+
+    def test_shows_a_boot_and_what_it_has_done(self):
+        self.serve("max")
+        self.do("boot", "boot")
+        self.wait_for_text(self.part("network"), "link up")
+        self.wait_for_text(self.part("mcu"), "application V1.0.0")
+        self.wait_for_text("#screen", "yes, ")
+        self.assertNotIn(" 0 of 0 events", self.text("#range"))
+        for view in ("board", "controls", "timeline", "screen"):
+            self.take_pictures(view, f"#{view}-section")
+
+    def test_shows_a_part_that_breaks_and_one_that_is_mended(self):
+        self.serve("max")
+        for state in ("broken: link", "link "):
+            self.find("#faults input[name=link]").click()
+            self.wait_for_text(self.part("network"), state)
+            broken = "broken" in self.find("#part-network").get_attribute("class")
+            self.assertEqual(broken, state.startswith("broken"))
+        self.assertEqual(self.board.status()["broken"], [])
+
+    def test_power_that_is_cut_in_the_middle_of_an_mcu_update_is_mended_by_the_next(self):
+        self.board.install_older_mcu()
+        self.serve()
+        self.wait_for_text(self.part("mcu"), "application V0.9.0")
+        self.press("MCU update")
+        self.wait_for_text(self.part("mcu"), "boot loader")
+        self.press("cut the power")
+        self.wait_for_text("#summary", "power off")
+        self.wait_for_text("#said", "> mcu update\n")
+        self.assertIn("power", self.text("#said"))
+        self.do("power on", "power on")
+        self.wait_for_text("#summary", "power on")
+        self.do("MCU update", "mcu update")
+        self.wait_for_text(self.part("mcu"), "application V1.0.0")
+
+    def test_power_that_is_cut_in_the_middle_of_an_fpga_update_is_mended_by_the_next(self):
+        self.serve()
+        self.press("FPGA update")
+        self.wait_for("an erase", lambda: self.events_of("flash") > 0)
+        self.press("cut the power")
+        self.wait_for_text("#summary", "power off")
+        self.do("power on", "power on")
+        self.wait_for_text(self.part("fpga"), "not configured")
+        self.do("FPGA update", "boot --update-fpga")
+        self.wait_for_text(self.part("fpga"), "V2.1.0")
+
+    def events_of(self, kind):
+        return self.browser.execute_script(
+            "return workbench.timeline.events.filter(one => one.kind === arguments[0]).length",
+            kind)
+
+    def test_asks_the_mcu_and_shows_the_bytes_of_its_answer(self):
+        self.serve("max")
+        self.assertIn("56 31 2e 30 2e 30", self.do("get", "get version").lower())
+        self.find("#search").send_keys("answer")
+        timeline = self.find("#timeline")
+        self.wait_for("the answer's frame", lambda: self.events_of("frame") >= 2)
+        timeline.send_keys(Keys.ENTER)
+        self.wait_for_text("#detail", "checksum")
+        self.assertIn('"V1.0.0"', self.text("#detail"))
+
+    def test_self_test_finds_the_part_that_is_broken(self):
+        self.serve("max")
+        self.find("#self-test input[name=rtc]").click()
+        self.wait_for("the verdict", lambda: "RTC Error" in self.do(
+            "run the self-test", "self-test --break rtc"))
+
+    def test_narrow_page_has_nothing_beside_it(self):
+        self.serve("max")
+        for width in WIDTHS:
+            web.show_as(self.browser, width)
+            self.assertLessEqual(self.browser.execute_script(
+                "return document.documentElement.scrollWidth"), width)
+
+
+def main():
+    parser = argparse.ArgumentParser(description=__doc__)
+    parser.add_argument("--quilctl", type=pathlib.Path, required=True)
+    parser.add_argument("--pictures", type=pathlib.Path, help="write pictures of the page there")
+    _, others = parser.parse_known_args(namespace=OPTIONS)
+    began = time.monotonic()
+    result = unittest.main(argv=[sys.argv[0], *others], exit=False, verbosity=2).result
+    print(f"{result.testsRun} tests in {time.monotonic() - began:.1f} s")
+    sys.exit(not result.wasSuccessful())
+
+
+if __name__ == "__main__":
+    main()
