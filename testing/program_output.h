@@ -13,9 +13,14 @@ struct CommandRun {
     std::string output;
 };
 
+// A command that does not end is ended, with the status of exit code 124.
 inline CommandRun runCommand(const std::string& command) {
+    std::string limited = "timeout --kill-after=10 300 sh -c '";
+    for (const char character : command) {
+        limited += character == '\'' ? std::string("'\\''") : std::string(1, character);
+    }
     CommandRun run;
-    FILE* pipe = popen(command.c_str(), "r");
+    FILE* pipe = popen((limited + "'").c_str(), "r");
     if (pipe == nullptr) return run;
     std::array<char, 4096> chunk{};
     for (size_t n = 0; (n = fread(chunk.data(), 1, chunk.size(), pipe)) > 0;) {
