@@ -27,6 +27,9 @@ constexpr std::array kReactions = {
 constexpr std::array kDisturbances = {"the MCU is reset", "the next byte of the MCU is 6 s late",
                                       "the MCU falls silent", "the MCU speaks again",
                                       "the MCU sends what nobody asked for"};
+constexpr std::array kProductFiles = {
+    "as from the factory", "the same in other words", "a line less", "a wrong value", "cut off",
+    "noise in it"};
 constexpr std::array kScreens = {"as from the factory", "missing", "empty", "truncated", "noise"};
 
 std::string timeOf(Nanos time) {
@@ -133,7 +136,8 @@ std::string boardOf(const World& world) {
             std::to_string(world.fpgaImage) + " bytes";
     if (world.fpgaIsPending) text += ", a new FPGA image is pending";
     text += "; log level " + world.logLevel + ", self-test items '" + world.selfTestItems + "', " +
-            world.codecs + " codecs, screen partition " + nameOf(world.screen);
+            world.codecs + " codecs, product file " + nameOf(world.productFile) +
+            ", screen partition " + nameOf(world.screen);
     std::string parts = world.parts;
     for (char& c : parts) c = c == '\n' ? ';' : c;
     return parts.empty() ? text : text + "; " + parts;
@@ -144,6 +148,7 @@ std::string boardOf(const World& world) {
 const char* nameOf(Act act) { return kActs.at(static_cast<size_t>(act)); }
 const char* nameOf(Reaction reaction) { return kReactions.at(static_cast<size_t>(reaction)); }
 const char* nameOf(Disturbance::Kind kind) { return kDisturbances.at(static_cast<size_t>(kind)); }
+const char* nameOf(ProductFile file) { return kProductFiles.at(static_cast<size_t>(file)); }
 const char* nameOf(Screen screen) { return kScreens.at(static_cast<size_t>(screen)); }
 
 std::string describe(const World& world) {

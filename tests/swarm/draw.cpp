@@ -16,7 +16,7 @@ constexpr unsigned kClientsMost = 16, kOperationsMost = 6;
 
 class Draw {
   public:
-    explicit Draw(uint64_t seed) : mRandom(seed, "world") {}
+    explicit Draw(uint64_t seed, const char* what = "world") : mRandom(seed, what) {}
 
     bool oneIn(uint64_t n) { return mRandom.below(n) == 0; }
     uint64_t upTo(uint64_t most) { return mRandom.below(most + 1); }
@@ -229,6 +229,14 @@ std::string drawParts(Draw& draw) {
     return text;
 }
 
+ProductFile drawProductFile(uint64_t seed) {
+    constexpr ProductFile kFiles[] = {ProductFile::kOtherLook, ProductFile::kOtherLook,
+                                      ProductFile::kLineLost,  ProductFile::kValueWrong,
+                                      ProductFile::kCutOff,    ProductFile::kNoise};
+    Draw draw(seed, "product file");
+    return draw.oneIn(3) ? draw.of(kFiles) : ProductFile::kFactory;
+}
+
 void drawProduct(Draw& draw, World& world) {
     using board::McuKind;
     using board::Product;
@@ -254,6 +262,7 @@ void drawProduct(Draw& draw, World& world) {
     world.mcuIsBlank = draw.oneIn(8);
     world.fpgaIsPending = draw.oneIn(2);
     world.screen = draw.of(kScreens);
+    world.productFile = drawProductFile(world.seed);
     world.logLevel = draw.of(kLevels);
     world.selfTestItems = draw.of(kItems);
     world.codecs = draw.of(kCodecs);

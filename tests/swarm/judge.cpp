@@ -115,11 +115,13 @@ bool isOfTheLink(const std::string& violation, board::Board& board) {
            source == board.mcuChip().part().name;
 }
 
-std::string problemOfBoot(const Boot& boot, board::Board& board) {
+std::string problemOfBoot(const Boot& boot, board::Board& board, bool isDescribed) {
+    const bool linkIsClean = isDescribed && boot.linkIsClean();
+
     for (const std::string& violation : board.violations()) {
         if (!boot.faults.empty()) break;         // a step that fails leaves the next one its mess
         if (violation.front() == '#') continue;  // more of a kind
-        if (boot.linkIsClean() || !isOfTheLink(violation, board)) return "violation: " + violation;
+        if (linkIsClean || !isOfTheLink(violation, board)) return "violation: " + violation;
     }
     const std::string message = unknownMessageOf(board.logLines());
     if (!message.empty()) return "message: nobody knows: " + message;

@@ -9,8 +9,9 @@
 
 namespace quil::swarm {
 
-// After any boot: no violation, no message but the known ones, no half image started.
-std::string problemOfBoot(const Boot&, board::Board&);
+// After any boot: no violation, no message but the known ones, no half image started. Where the
+// product file does not describe the board, the MCU may be spoken to in the wrong way.
+std::string problemOfBoot(const Boot&, board::Board&, bool isDescribed);
 // After the clean one as well: the shipped firmware runs and stands whole in the flashes.
 std::string problemOfCleanBoot(const World&, board::Board&, const host::HostingComponent&);
 

@@ -73,7 +73,7 @@ class BootRun {
             runSession(session);
         }
         closeWhatIsLeft();
-        find(problemOfBoot(mBoot, mBoard));
+        find(problemOfBoot(mBoot, mBoard, mWorld.isDescribed()));
     }
 
   private:
@@ -142,7 +142,7 @@ class BootRun {
             host::HostingComponent host;
             const host::StartUpResult result = host.start(jobsOf(session, clients, recorder));
             clients.wait();
-            if (isLast()) judgeClean(host, result);
+            if (isLast() && mWorld.isDescribed()) judgeClean(host, result);
             host.stop();
         }
         mRecorder = nullptr;

@@ -117,6 +117,7 @@ void addBoard(Changes& changes, const World& world) {
             plain.*member);
     };
     add(&World::parts);
+    add(&World::productFile);
     add(&World::screen);
     add(&World::logLevel);
     add(&World::selfTestItems);

@@ -77,6 +77,8 @@ struct Boot {
     bool linkIsClean() const;
 };
 
+// With the damaged ones a board may come up or not, but nothing may break.
+enum class ProductFile { kFactory, kOtherLook, kLineLost, kValueWrong, kCutOff, kNoise };
 enum class Screen { kFactory, kMissing, kEmpty, kTruncated, kNoise };
 
 struct World {
@@ -87,11 +89,14 @@ struct World {
     bool mcuIsOlder = false;                   // than what ships
     bool mcuIsBlank = false;
     bool fpgaIsPending = false;
+    ProductFile productFile = ProductFile::kFactory;
     Screen screen = Screen::kFactory;
     std::string logLevel = "E";
     std::string selfTestItems = "1-2-3-5", codecs = "1";
     std::string parts;        // the board's file of that name: what is broken
     std::vector<Boot> boots;  // the last one is clean: it has to mend what the others left
+
+    bool isDescribed() const { return productFile <= ProductFile::kOtherLook; }
 };
 
 inline constexpr char kShippedMcu[] = "V1.0.0", kOlderMcu[] = "V0.9.0";
@@ -102,6 +107,7 @@ World worldOf(uint64_t seed);
 const char* nameOf(Act);
 const char* nameOf(Reaction);
 const char* nameOf(Disturbance::Kind);
+const char* nameOf(ProductFile);
 const char* nameOf(Screen);
 // The world as numbered steps.
 std::string describe(const World&);

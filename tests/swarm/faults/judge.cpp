@@ -78,7 +78,7 @@ std::string problemOfBoot(const Flow& flow, const Recording& clean, const Fault&
     }
     swarm::Boot boot;
     boot.faults = {fault};
-    return swarm::problemOfBoot(boot, board);
+    return swarm::problemOfBoot(boot, board, true);
 }
 
 std::string problemOfResult(const Flow& flow, const Recording& clean, const Site& site,
