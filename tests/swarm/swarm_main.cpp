@@ -2,12 +2,9 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
-
-#include "board/core/temporary_directory.h"
 #include "tests/swarm/flock.h"
 #include "tests/swarm/shrink.h"
+#include "tests/swarm/spread.h"
 
 namespace quil::swarm {
 namespace {
@@ -15,17 +12,16 @@ namespace {
 using std::chrono::steady_clock;
 
 struct Arguments {
-    Seeds seeds;
-    uint64_t seed = 0, seconds = 0;
-    unsigned jobs = 1;
-    bool stats = false, json = false, steps = false, trace = false, noShrink = false;
+    Spread spread;
+    uint64_t seed = 0, seeds = 0;
+    bool stats = false, steps = false, trace = false, noShrink = false;
 };
 
 Seeds seedsOf(const Arguments& arguments) {
     constexpr uint64_t kUsual = 1000;
-    Seeds seeds = arguments.seeds;
+    Seeds seeds{.count = arguments.seeds, .shard = arguments.spread.shard};
     if (arguments.seed > 0) seeds.first = arguments.seed;
-    if (seeds.count == 0 && arguments.seconds == 0) {
+    if (seeds.count == 0 && arguments.spread.seconds == 0) {
         seeds.count = arguments.seed > 0 ? 1 : kUsual;
     }
     return seeds;
@@ -97,9 +93,7 @@ class Report {
 
   private:
     static unsigned long long count(uint64_t number) { return number; }
-    static void print(const nlohmann::json& line) {
-        printf("%s\n", line.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace).c_str());
-    }
+    static void print(const nlohmann::json& line) { puts(lineOf(line).c_str()); }
     void addTally(const Tally& tally) {
         mTally.boots += tally.boots;
         mTally.sessions += tally.sessions;
@@ -122,13 +116,9 @@ class Report {
 };
 
 int runWorlds(const Arguments& arguments) {
-    const board::TemporaryDirectory place("quil-swarm");  // of processes that come to a bad end
-    setenv("TMPDIR", place.path().c_str(), 1);
-    Report report(arguments.json);
-    const Seeds seeds = seedsOf(arguments);
-    const auto most = arguments.seconds > 0 ? std::chrono::seconds(arguments.seconds)
-                                            : std::chrono::hours(24 * 365);
-    runAll(seeds, arguments.jobs, most,
+    const Spread& spread = arguments.spread;
+    Report report(spread.json);
+    runAll(seedsOf(arguments), spread.jobs, spread.most(),
            [&](uint64_t seed, const Outcome& outcome) { report.add(seed, outcome); });
     report.close(arguments.stats);
     if (!arguments.noShrink) report.shrinkFindings();
@@ -150,30 +140,22 @@ int printTrace(uint64_t seed) {
 }  // namespace
 }  // namespace quil::swarm
 
-int main(int count, char** values) try {
+int main(int count, char** values) {
     using namespace quil::swarm;
     Arguments arguments;
     CLI::App app("Runs worlds by their seeds, judges them, and shrinks those that fail.",
                  "./run swarm");
     app.add_option("--seed", arguments.seed, "The first seed; alone, the only one");
-    app.add_option("--seeds", arguments.seeds.count, "How many (default: 1000)");
-    app.add_option("--seconds", arguments.seconds, "For how long");
-    std::string shard;
-    app.add_option("--shard", shard, "I/N: every N-th seed, from the I-th on")
-        ->check(
-            [&](const std::string& text) { return problemOfShard(text, arguments.seeds.shard); });
-    app.add_option("--jobs", arguments.jobs, "Processes at once")->check(CLI::Range(1, 1024));
+    app.add_option("--seeds", arguments.seeds, "How many (default: 1000)");
     app.add_flag("--stats", arguments.stats, "Says how much was run, and how fast");
-    app.add_flag("--json", arguments.json, "A line of JSON for each finding, and one at the end");
     app.add_flag("--no-shrink", arguments.noShrink, "Leaves the worlds of findings as they are");
     app.add_flag("--steps", arguments.steps, "Only prints the world of --seed");
     app.add_flag("--trace", arguments.trace, "Prints all that happens in the world of --seed");
-    CLI11_PARSE(app, count, values);
-    if (arguments.trace) return printTrace(arguments.seed);
-    if (!arguments.steps) return runWorlds(arguments);
-    printf("%s", describe(worldOf(arguments.seed)).c_str());
-    return 0;
-} catch (const std::exception& error) {
-    fprintf(stderr, "swarm: %s\n", error.what());
-    return 2;
+    addSpread(app, arguments.spread, "seed");
+    return runSpread(app, count, values, [&] {
+        if (arguments.trace) return printTrace(arguments.seed);
+        if (!arguments.steps) return runWorlds(arguments);
+        printf("%s", describe(worldOf(arguments.seed)).c_str());
+        return 0;
+    });
 }

@@ -3,30 +3,27 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
-#include <nlohmann/json.hpp>
 #include <set>
 
 #include "board/core/random.h"
-#include "board/core/temporary_directory.h"
-#include "tests/swarm/crew.h"
 #include "tests/swarm/faults/cuts.h"
 #include "tests/swarm/library_data.h"
+#include "tests/swarm/spread.h"
 
 namespace quil::faults {
 namespace {
 
 using nlohmann::json;
 using std::chrono::steady_clock;
+using swarm::lineOf;
 using tests::CutState;
 using tests::KeptFiles;
 
 struct Arguments {
     std::string flow, only;
-    swarm::Shard shard;
-    uint64_t seconds = 0, samples = 0, seed = 1;
-    unsigned jobs = 1;
-    bool smallest = false, pairs = false, json = false, flows = false;
+    swarm::Spread spread;
+    uint64_t samples = 0, seed = 1;
+    bool smallest = false, pairs = false, flows = false;
 };
 
 // What one piece of the work comes to.
@@ -115,10 +112,6 @@ class Sweeper {
     std::set<KeptFiles> mMended;
 };
 
-std::string lineOf(const json& value) {
-    return value.dump(-1, ' ', false, json::error_handler_t::replace);
-}
-
 json jsonOf(const Share& share) {
     return {{"cuts", share.cuts}, {"boots", share.boots}, {"findings", share.findings}};
 }
@@ -146,7 +139,7 @@ class Report {
         ++mFindings;
         const std::string again = std::string("./run cuts ") +
                                   (mArguments.smallest ? "--smallest " : "") + "--only " + name;
-        if (mArguments.json) {
+        if (mArguments.spread.json) {
             puts(lineOf({{"cut", name}, {"finding", finding}, {"again", again}}).c_str());
         } else {
             printf("%s: %s\n  again: %s\n", name.c_str(), finding.c_str(), again.c_str());
@@ -156,7 +149,7 @@ class Report {
     int close() const {
         const std::chrono::duration<double> took = steady_clock::now() - mStart;
         const double worked = processorSeconds(), cuts = static_cast<double>(mCuts);
-        if (mArguments.json) {
+        if (mArguments.spread.json) {
             puts(lineOf({{"cuts", mCuts},
                          {"boots", mBoots},
                          {"findings", mFindings},
@@ -214,7 +207,7 @@ int sweep(const Arguments& arguments, const std::vector<CutFlow>& flows) {
     };
     const swarm::Hire hire = [&](const swarm::Child::Tell& tell) -> swarm::Work {
         return [&, tell, sweeper = std::make_shared<Sweeper>(flows, cutsFor(tell))](uint64_t at) {
-            const uint64_t piece = arguments.shard.at(at);
+            const uint64_t piece = arguments.spread.shard.at(at);
             try {
                 tell(lineOf(jsonOf(work(*sweeper, piece))));
             } catch (const std::exception& error) {
@@ -225,12 +218,11 @@ int sweep(const Arguments& arguments, const std::vector<CutFlow>& flows) {
         };
     };
     const uint64_t count = isSample ? arguments.samples : flows.size() * kParts;
-    const auto most =
-        arguments.seconds > 0 ? std::chrono::seconds(arguments.seconds) : std::chrono::hours(24);
-    swarm::runPieces(arguments.shard.sizeOf(count), arguments.jobs, most, hire,
+    const swarm::Spread& spread = arguments.spread;
+    swarm::runPieces(spread.shard.sizeOf(count), spread.jobs, spread.most(), hire,
                      [&](const swarm::PieceEnd& end) {
                          if (end.badEnd.empty()) return report.add(json::parse(end.line));
-                         const uint64_t piece = arguments.shard.at(end.piece);
+                         const uint64_t piece = arguments.spread.shard.at(end.piece);
                          report.add("piece " + std::to_string(piece), end.badEnd);
                      });
     return report.close();
@@ -252,8 +244,6 @@ int replay(const Arguments& arguments, const CutFlow& flow) {
 }
 
 int runAs(const Arguments& arguments) {
-    const board::TemporaryDirectory place("quil-cuts");  // of processes that come to a bad end
-    setenv("TMPDIR", place.path().c_str(), 1);
     const std::vector<CutFlow> flows = flowsOf(arguments);
     if (!arguments.only.empty()) return replay(arguments, flows.front());
     if (!arguments.flows) return sweep(arguments, flows);
@@ -264,7 +254,7 @@ int runAs(const Arguments& arguments) {
 }  // namespace
 }  // namespace quil::faults
 
-int main(int count, char** values) try {
+int main(int count, char** values) {
     using namespace quil::faults;
     Arguments arguments;
     CLI::App app(
@@ -276,18 +266,7 @@ int main(int count, char** values) try {
     app.add_option("--samples", arguments.samples, "Pairs and triples that so many seeds draw");
     app.add_option("--seed", arguments.seed, "The first of these seeds");
     app.add_option("--only", arguments.only, "These cuts for real, as findings name them");
-    app.add_option("--seconds", arguments.seconds, "For how long at most");
-    std::string shard;
-    app.add_option("--shard", shard, "I/N: every N-th piece of the work, from the I-th on")
-        ->check([&](const std::string& text) {
-            return quil::swarm::problemOfShard(text, arguments.shard);
-        });
-    app.add_option("--jobs", arguments.jobs, "Processes at once")->check(CLI::Range(1, 1024));
-    app.add_flag("--json", arguments.json, "A line of JSON for each finding, and one at the end");
     app.add_flag("--flows", arguments.flows, "Only prints the flows' names");
-    CLI11_PARSE(app, count, values);
-    return runAs(arguments);
-} catch (const std::exception& error) {
-    fprintf(stderr, "cuts: %s\n", error.what());
-    return 2;
+    quil::swarm::addSpread(app, arguments.spread, "piece of the work");
+    return quil::swarm::runSpread(app, count, values, [&] { return runAs(arguments); });
 }

@@ -2,28 +2,24 @@
 #include <stdio.h>
 #include <unistd.h>
 
-#include <CLI/CLI.hpp>
 #include <map>
-#include <nlohmann/json.hpp>
 
-#include "board/core/temporary_directory.h"
-#include "tests/swarm/crew.h"
 #include "tests/swarm/faults/trial.h"
 #include "tests/swarm/heap_count.h"
 #include "tests/swarm/library_data.h"
+#include "tests/swarm/spread.h"
 
 namespace quil::faults {
 namespace {
 
 using nlohmann::json;
 using std::chrono::steady_clock;
+using swarm::lineOf;
 
 struct Arguments {
     std::string flow, only;
-    swarm::Shard shard;
-    uint64_t seconds = 0;
-    unsigned jobs = 1;
-    bool json = false, flows = false;
+    swarm::Spread spread;
+    bool flows = false;
 };
 
 struct Piece {
@@ -31,10 +27,6 @@ struct Piece {
     Site site;
     Way way;
 };
-
-std::string lineOf(const json& value) {
-    return value.dump(-1, ' ', false, json::error_handler_t::replace);
-}
 
 std::string nameOf(const Flow& flow, const Piece& piece) {
     std::string name = flow.name + ":" + board::nameOf(piece.site.call);
@@ -187,11 +179,10 @@ std::vector<Flow> flowsOf(const Arguments& arguments) {
 }
 
 int runAll(const Arguments& arguments) {
-    const board::TemporaryDirectory place("quil-faults");  // of processes that come to a bad end
-    setenv("TMPDIR", place.path().c_str(), 1);
+    const swarm::Spread& spread = arguments.spread;
     const std::vector<Flow> flows = flowsOf(arguments);
-    const std::vector<Recording> recordings = recordAll(flows, arguments.jobs);
-    Report report(arguments.json);
+    const std::vector<Recording> recordings = recordAll(flows, spread.jobs);
+    Report report(spread.json);
     for (size_t i = 0; i < flows.size(); ++i) {
         if (!recordings[i].finding.empty()) report.addUnrecorded(flows[i], recordings[i].finding);
     }
@@ -201,9 +192,7 @@ int runAll(const Arguments& arguments) {
             return nameOf(flows[piece.flow], piece) != arguments.only;
         });
     }
-    const auto at = [&](uint64_t piece) -> const Piece& {
-        return pieces[arguments.shard.at(piece)];
-    };
+    const auto at = [&](uint64_t piece) -> const Piece& { return pieces[spread.shard.at(piece)]; };
     const swarm::Hire hire = [&](const swarm::Child::Tell& tell) -> swarm::Work {
         return [&, tell, trials = std::make_shared<Trials>(trialsFor(tell))](uint64_t number) {
             const Piece& piece = at(number);
@@ -211,9 +200,7 @@ int runAll(const Arguments& arguments) {
                           runCounted(*trials, flows[piece.flow], recordings[piece.flow], piece)}}));
         };
     };
-    const auto most =
-        arguments.seconds > 0 ? std::chrono::seconds(arguments.seconds) : std::chrono::hours(24);
-    swarm::runPieces(arguments.shard.sizeOf(pieces.size()), arguments.jobs, most, hire,
+    swarm::runPieces(spread.shard.sizeOf(pieces.size()), spread.jobs, spread.most(), hire,
                      [&](const swarm::PieceEnd& end) {
                          const Piece& piece = at(end.piece);
                          const std::string finding = end.badEnd.empty()
@@ -221,8 +208,8 @@ int runAll(const Arguments& arguments) {
                                                          : json(end.badEnd);
                          report.add(piece, nameOf(flows[piece.flow], piece), finding);
                      });
-    const bool isWhole = arguments.only.empty() && arguments.flow.empty() &&
-                         arguments.seconds == 0 && arguments.shard.step == 1;
+    const bool isWhole = arguments.only.empty() && arguments.flow.empty() && spread.seconds == 0 &&
+                         spread.shard.step == 1;
     const size_t empty = report.close();
     return report.isClean() && (empty == 0 || !isWhole) ? 0 : 1;
 }
@@ -230,27 +217,18 @@ int runAll(const Arguments& arguments) {
 }  // namespace
 }  // namespace quil::faults
 
-int main(int count, char** values) try {
+int main(int count, char** values) {
     using namespace quil::faults;
     Arguments arguments;
     CLI::App app("Runs each flow once for each call in it and each way that the call can fail.",
                  "./run faults");
     app.add_option("--flow", arguments.flow, "Only this one");
     app.add_option("--only", arguments.only, "One run, as findings name it");
-    app.add_option("--seconds", arguments.seconds, "For how long at most");
-    std::string shard;
-    app.add_option("--shard", shard, "I/N: every N-th run, from the I-th on")
-        ->check([&](const std::string& text) {
-            return quil::swarm::problemOfShard(text, arguments.shard);
-        });
-    app.add_option("--jobs", arguments.jobs, "Processes at once")->check(CLI::Range(1, 1024));
-    app.add_flag("--json", arguments.json, "A line of JSON for each finding, and one at the end");
     app.add_flag("--flows", arguments.flows, "Only prints the flows' names");
-    CLI11_PARSE(app, count, values);
-    if (!arguments.flows) return runAll(arguments);
-    for (const Flow& flow : everyFlow()) puts(flow.name.c_str());
-    return 0;
-} catch (const std::exception& error) {
-    fprintf(stderr, "faults: %s\n", error.what());
-    return 2;
+    quil::swarm::addSpread(app, arguments.spread, "run");
+    return quil::swarm::runSpread(app, count, values, [&] {
+        if (!arguments.flows) return runAll(arguments);
+        for (const Flow& flow : everyFlow()) puts(flow.name.c_str());
+        return 0;
+    });
 }
