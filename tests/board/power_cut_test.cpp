@@ -3,12 +3,15 @@
 #include <errno.h>
 #include <poll.h>
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
 #include <thread>
 
 #include "board/core/temporary_directory.h"
 #include "board/core/whole_file.h"
+#include "board/fpga/fpga_image.h"
+#include "platform/vendor/include/quil_hal.h"
 #include "testing/cut_sweep.h"
 #include "tests/board/boot_loader_test.h"
 
@@ -221,6 +224,31 @@ TEST_F(BoardPowerCut, BeforeAfterAndInsideAFlashOperationLeaveItUndoneDoneAndTor
     EXPECT_NE(torn, old);
     EXPECT_EQ(torn.substr(8000), old.substr(8000)) << "the last bytes were not reached";
     EXPECT_EQ(leaves(CutPosition::kAfter), "");
+}
+
+TEST_F(BoardPowerCut, InsideAStepOfTheSerialFlashDoesAPartOfIt) {
+    constexpr char kWrittenBefore = '\x5A';
+    constexpr int kFpgaControl = 441;
+    const std::string written(0x10000, kWrittenBefore), image = makeFpgaImage("V9.9.9", 0x10000);
+    writeWholeFile(directory / "mtd0", written);
+    writeWholeFile(directory / "rootfs/vendor/firmware/fpga_Heron.bin", image);
+    const CutSweep steps(directory, [](Board&) {
+        hal_gpio_setvalue(kFpgaControl, 0);
+        system("mtd_debug erase /dev/mtd0 0 0x10000");
+        system("mtd_debug write /dev/mtd0 0 65536 /vendor/firmware/fpga_Heron.bin");
+    });
+    int halfErased = 0, halfProgrammed = 0;
+    for (const CutState& state : steps.statesIn({})) {
+        const auto cells = state.files.find("mtd0");
+        if (cells == state.files.end()) continue;
+        const std::string& left = cells->second.value();
+        const auto rest = std::count(left.begin(), left.end(), kWrittenBefore);
+        halfErased += rest > 0xFFF && left != written ? 1 : 0;
+        const bool isPart = !left.empty() && left.size() < image.size();
+        halfProgrammed += isPart && image.rfind(left, 0) == 0 ? 1 : 0;
+    }
+    EXPECT_GT(halfErased, 0);
+    EXPECT_GT(halfProgrammed, 0);
 }
 
 }  // namespace
