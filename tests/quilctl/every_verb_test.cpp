@@ -171,7 +171,7 @@ TEST_F(QuilctlEveryVerb, RefusesTheOptionsOfABoardThatHaveNoEffectOnIt) {
         {{"--trace", path("t.txt")}, {}},
         {{"--log-level", "D"}, {}},
         {{"--seed", "7"}, {"mcu model", "serve"}},
-        {{"--realtime"}, {"mcu model"}},
+        {{"--realtime"}, {"mcu model", "serve"}},
     };
     forEach([&](const Words& verb, const VerbCase& row) {
         if (row.powersBoard) return;

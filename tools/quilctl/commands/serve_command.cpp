@@ -13,12 +13,15 @@ namespace {
 constexpr int kNoPage = -1;
 
 struct ServeArguments {
-    std::string speed = "max";
+    std::string speed;
     int pagePort = kNoPage;
 };
 
 // As Serving takes it; 0: as fast as it can.
-int speedOf(const std::string& text) { return text == "max" ? 0 : std::stoi(text); }
+int speedOf(const ServeArguments& arguments, const Options& options) {
+    if (arguments.speed.empty()) return options.realtime ? 1 : 0;
+    return arguments.speed == "max" ? 0 : std::stoi(arguments.speed);
+}
 
 // The board of --board, for this program alone, or a temporary one.
 class BoardToServe {
@@ -48,7 +51,8 @@ void serve(const Cli& cli, const ServeArguments& arguments, Result& result) {
     const BoardToServe board(cli);
     const std::string directory = board.path().string();
     const std::string product = productOf(board.path());
-    Serving serving(board.path(), {.speed = speedOf(arguments.speed), .seed = cli.options.seed});
+    Serving serving(board.path(),
+                    {.speed = speedOf(arguments, cli.options), .seed = cli.options.seed});
     result.json = {{"directory", directory}, {"product", product}};
     std::optional<PageProcess> page;  // before the board has its threads
     if (arguments.pagePort != kNoPage) page.emplace(board.path(), arguments.pagePort);
@@ -74,12 +78,14 @@ void addServeCommand(CLI::App& app, Cli& cli) {
                  "Example: quilctl --board my-board serve &\n"
                  "         quilctl --board my-board fpga load\n"
                  "         quilctl --board my-board fpga status",
-                 kBoardOption | kProductOption | kSeedOption, Place::kOff},
+                 kBoardOption | kProductOption | kSeedOption | kRealtimeOption, Place::kOff},
                 serve);
     command
-        .add_option("--speed", arguments.speed,
-                    "Board time: 1, as fast as the workstation's; 10, ten times; max (default), "
-                    "it jumps to the next event, and stands still between commands")
+        .add_option(
+            "--speed", arguments.speed,
+            "Board time: 1, as fast as the workstation's, as with --realtime; 10, ten times; max "
+            "(default), "
+            "it jumps to the next event, and stands still between commands")
         ->check(CLI::IsMember({"1", "10", "max"}));
     const auto takePort = [&arguments = arguments](const std::vector<int>& port) {
         arguments.pagePort = port.empty() ? 0 : port.front();
