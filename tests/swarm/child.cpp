@@ -6,6 +6,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <stdexcept>
 #include <utility>
@@ -57,14 +58,10 @@ std::optional<std::string> Child::line() {
     return first;
 }
 
-std::chrono::steady_clock::duration Child::silence() const {
-    return std::chrono::steady_clock::now() - mLastHeard;
-}
-
 void Child::read() {
     std::array<char, 65536> piece;
     const ssize_t count = ::read(mPipe, piece.data(), piece.size());
-    mLastHeard = std::chrono::steady_clock::now();
+    mSilence = {};
     if (count > 0) {
         mHeard.append(piece.data(), static_cast<size_t>(count));
     } else {
@@ -86,9 +83,15 @@ std::string Child::end() {
 }
 
 void Child::waitForAny(std::span<Child* const> children) {
+    using std::chrono::steady_clock;
+    constexpr std::chrono::seconds kMost{1};
+    const auto start = steady_clock::now();
     std::vector<pollfd> sources;
     for (const Child* child : children) sources.push_back({child->mPipe, POLLIN, 0});
-    if (poll(sources.data(), sources.size(), 1000) <= 0) return;
+    const int found = poll(sources.data(), sources.size(), 1000);
+    const auto waited = std::min<steady_clock::duration>(steady_clock::now() - start, kMost);
+    for (Child* child : children) child->mSilence += waited;
+    if (found <= 0) return;
     for (size_t i = 0; i < sources.size(); ++i) {
         if (sources[i].revents != 0) children[i]->read();
     }

@@ -25,7 +25,9 @@ class Child {
     // A line that it told, if there is one by now.
     std::optional<std::string> line();
     bool isOver() const { return mPipe < 0; }
-    std::chrono::steady_clock::duration silence() const;
+    // Since it told something. Of a wait no more than a second counts: when all of this was stopped
+    // for a while, the child was no more at work than who waits for it.
+    std::chrono::steady_clock::duration silence() const { return mSilence; }
     // Ends it if it still runs. "" if it exited with 0, or how else it ended.
     std::string end();
 
@@ -38,7 +40,7 @@ class Child {
     pid_t mPid = -1;
     int mPipe = -1;
     std::string mHeard, mEnd;
-    std::chrono::steady_clock::time_point mLastHeard = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::duration mSilence{0};
 };
 
 }  // namespace quil::swarm
