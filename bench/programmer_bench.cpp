@@ -6,6 +6,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -13,6 +14,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "bench/mcu_bench.h"
 #include "board/board.h"
@@ -185,10 +187,29 @@ void head(std::ostream& out, int baud) {
     out << text;
 }
 
-// Two runs of one program differ by so much.
-bool isLevel(std::ostream& out, double ours, double theirs) {
-    constexpr double kNoise = 1.005;
-    if (ours <= theirs * kNoise) return true;
+// What one program took in several runs that took turns with the other's: the median.
+class Runs {
+  public:
+    void add(double seconds) { mSeconds.push_back(seconds); }
+    double median() const {
+        std::vector<double> sorted = mSeconds;
+        std::sort(sorted.begin(), sorted.end());
+        return sorted[sorted.size() / 2];
+    }
+
+  private:
+    std::vector<double> mSeconds;
+};
+
+struct Measured {
+    Runs write, work, process;
+};
+
+// Where quilctl may not keep the cores awake, both wait as long, and are ahead by turns.
+bool isAhead(std::ostream& out, const Runs& ours, const Runs& theirs) {
+    const bool mayKeepAwake = access("/dev/cpu_dma_latency", W_OK) == 0;
+    const double noise = mayKeepAwake ? 1 : 1.005;
+    if (ours.median() < theirs.median() * noise) return true;
     out << "  BEHIND stm32flash\n";
     return false;
 }
@@ -196,24 +217,35 @@ bool isLevel(std::ostream& out, double ours, double theirs) {
 // Work with work: from the first erase on, since stm32flash compares no pages before. Its writing
 // is its work but for the erase, whose time is the part's.
 bool sideBySide(std::ostream& out, int baud) {
+    constexpr int kRounds = 3;
     head(out, baud);
     const Ceiling ceiling(baud);
-    const Times theirWrite = stm32flash(baud, ""), theirAll = stm32flash(baud, "-v");
-    const OverPty ours(baud, kOlder), same(baud, kNewer);
-    const double write = ours.write();
-    bool holds = row(out, "quilctl mcu flash: write", write, ceiling.write, 96);
-    row(out, "stm32flash -w", theirWrite.work - ceiling.erase, ceiling.write, 0);
-    holds &= row(out, "quilctl mcu flash: erase, write, verify", ours.times.work, ceiling.all(),
-                 100 / 1.05);
-    row(out, "stm32flash -w -v", theirAll.work, ceiling.all(), 0);
-    holds &=
-        row(out, "quilctl mcu flash: whole process", ours.times.process, ceiling.all(), 100 / 1.05);
-    row(out, "stm32flash -w -v: whole process", theirAll.process, ceiling.all(), 0);
+    Measured ours, theirs;
+    for (int round = 0; round < kRounds; ++round) {
+        const OverPty run(baud, kOlder);
+        const Times writing = stm32flash(baud, ""), all = stm32flash(baud, "-v");
+        ours.write.add(run.write());
+        ours.work.add(run.times.work);
+        ours.process.add(run.times.process);
+        theirs.write.add(writing.work - ceiling.erase);
+        theirs.work.add(all.work);
+        theirs.process.add(all.process);
+    }
+    const OverPty same(baud, kNewer);
+    const double leastOfAll = 100 / 1.05;
+    bool holds = row(out, "quilctl mcu flash: write", ours.write.median(), ceiling.write, 96);
+    row(out, "stm32flash -w", theirs.write.median(), ceiling.write, 0);
+    holds &= row(out, "quilctl mcu flash: erase, write, verify", ours.work.median(), ceiling.all(),
+                 leastOfAll);
+    row(out, "stm32flash -w -v", theirs.work.median(), ceiling.all(), 0);
+    holds &= row(out, "quilctl mcu flash: whole process", ours.process.median(), ceiling.all(),
+                 leastOfAll);
+    row(out, "stm32flash -w -v: whole process", theirs.process.median(), ceiling.all(), 0);
     const double least = baud == 115200 ? kSameShare : 0;
     holds &= row(out, "quilctl mcu flash: already there", same.times.process, ceiling.check, least);
     holds &= same.result["outcome"] == "already_current";
-    return holds && isLevel(out, write, theirWrite.work - ceiling.erase) &&
-           isLevel(out, ours.times.work, theirAll.work);
+    holds &= isAhead(out, ours.write, theirs.write);
+    return isAhead(out, ours.work, theirs.work) && holds;
 }
 
 }  // namespace

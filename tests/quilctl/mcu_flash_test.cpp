@@ -1,11 +1,13 @@
 // quilctl mcu flash, verify, read, info, erase, protect, unprotect, rescue.
 #include <gmock/gmock.h>
+#include <unistd.h>
 
 #include <filesystem>
 
 #include "board/core/whole_file.h"
 #include "board/mcu/mcu_image.h"
 #include "tests/quilctl/test_run.h"
+#include "tools/quilctl/programming/serial_transport.h"
 
 namespace quil::tests {
 namespace {
@@ -173,6 +175,25 @@ TEST_F(QuilctlMcuFlash, ProgressIsAnEventForEachPhase) {
     for (const char* phase : {"compare", "erase", "write", "verify"}) {
         EXPECT_THAT(said.err, HasSubstr(std::string(R"("event":"phase","phase":")") + phase));
     }
+}
+
+size_t opened(const std::filesystem::path& file) {
+    size_t count = 0;
+    std::error_code gone;  // the iterator's own
+    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
+        count += std::filesystem::read_symlink(entry, gone) == file ? 1 : 0;
+    }
+    return count;
+}
+
+TEST(WakefulCores, HoldTheKernelsRequestAsLongAsTheyLive) {
+    const char* const kRequests = "/dev/cpu_dma_latency";
+    if (access(kRequests, W_OK) != 0) GTEST_SKIP() << kRequests << " is not for this user";
+    {
+        const tools::WakefulCores cores;
+        EXPECT_EQ(opened(kRequests), 1U);
+    }
+    EXPECT_EQ(opened(kRequests), 0U);
 }
 
 }  // namespace

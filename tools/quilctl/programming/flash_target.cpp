@@ -50,6 +50,7 @@ FlashTarget::FlashTarget(const Cli& cli, const FlashArguments& arguments) : mPro
     if (isOnWorkstation(arguments.port)) {
         refuseIdleOptions(cli, arguments, false, kAllBoardOptions);
         mPath = arguments.port;
+        mWakeful.emplace();
         mLines = modemLines(mPath, arguments.wiring);
         settings.journal = journalOf(fs::absolute(mPath).string());
     } else {

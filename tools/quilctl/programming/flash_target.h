@@ -51,6 +51,7 @@ class FlashTarget {
     programmer::Callbacks callbacks();
 
     std::optional<BoardSession> mBoard;
+    std::optional<WakefulCores> mWakeful;
     std::string mPath;
     SerialTransport::Lines mLines;
     FlashProgress mProgress;

@@ -186,6 +186,16 @@ Nanos SerialTransport::now() const {
     return std::chrono::seconds(time.tv_sec) + Nanos(time.tv_nsec);
 }
 
+WakefulCores::WakefulCores() : mRequest(open("/dev/cpu_dma_latency", O_WRONLY | O_CLOEXEC)) {
+    constexpr int32_t kLongestWake = 0;  // microseconds
+    if (mRequest < 0) return;
+    [[maybe_unused]] const auto asked = ::write(mRequest, &kLongestWake, sizeof(kLongestWake));
+}
+
+WakefulCores::~WakefulCores() {
+    if (mRequest >= 0) close(mRequest);
+}
+
 SerialTransport::Lines boardLines() {
     return [](bool boot0, bool nrst) {
         writeLevel("MCU_BOOT0", boot0);

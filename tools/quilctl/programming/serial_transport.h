@@ -43,6 +43,19 @@ class SerialTransport : public programmer::Transport {
     programmer::LineMode mMode;
 };
 
+// Keeps this machine's cores from sleeping deeply, as long as it lives and where the kernel lets
+// this user ask for it (mostly root): each exchange with a part waits for a core to wake.
+class WakefulCores {
+  public:
+    WakefulCores();
+    ~WakefulCores();
+    WakefulCores(const WakefulCores&) = delete;
+    WakefulCores& operator=(const WakefulCores&) = delete;
+
+  private:
+    int mRequest;  // holds while the file is open
+};
+
 // The board's sysfs files of MCU_BOOT0 and MCU_NRST.
 SerialTransport::Lines boardLines();
 // The modem lines of the device.
