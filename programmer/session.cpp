@@ -246,14 +246,17 @@ Report Session::compare(std::span<const uint8_t> image, std::vector<bool>& holds
     });
 }
 
-Report Session::read(uint32_t address, Bytes& into) {
+Report Session::read(uint32_t address, size_t size, Bytes& into) {
     return run([&] {
         checkReadout();
-        if (!mPart->inFlash(address) || into.size() > mPart->flashSize() - (address - kFlashBase)) {
+        const size_t rest =
+            mPart->inFlash(address) ? mPart->flashSize() - (address - kFlashBase) : 0;
+        if (rest == 0 || size > rest) {
             throw Refusal("so many bytes from " + hexOf(address) + " on are not in the flash of " +
                               mPart->name,
                           "its size is " + std::to_string(mPart->flashSize()) + " bytes");
         }
+        into.resize(size == 0 ? rest : size);
         mExpected = mLoader->timeToCheck(into.size());
         beginPhase("read", mExpected, into.size());
         mLoader->read(address, into);

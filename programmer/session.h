@@ -56,8 +56,8 @@ class Session {
     // Each is a whole session: into the boot loader, the work, and out of it. None throws.
     Report flash(std::span<const uint8_t> image);
     Report verify(std::span<const uint8_t> image);
-    // As many bytes as `into` has; up to the end of the flash when it is empty.
-    Report read(uint32_t address, Bytes& into);
+    // So many bytes, 0: up to the end of the flash. `into` gets that size.
+    Report read(uint32_t address, size_t size, Bytes& into);
     Report erase(const std::vector<uint32_t>& pages);
     Report eraseEverything();
     Report info(std::span<const uint8_t> image = {});  // an image is checked and compared

@@ -77,9 +77,10 @@ TEST_P(ProgrammerExchange, ProgrammerReadsWhatStm32flashWrote) {
     const std::string image = board::makeMcuImage(GetParam(), "V1.2.3", kExchangeSize);
     board::writeWholeFile(path("image"), image);
     ASSERT_EQ(stm32flash("-w " + path("image")), 0) << said;
-    Bytes bytes(kExchangeSize);
-    const auto report =
-        session([&](programmer::Session& one) { return one.read(programmer::kFlashBase, bytes); });
+    Bytes bytes;
+    const auto report = session([&](programmer::Session& one) {
+        return one.read(programmer::kFlashBase, kExchangeSize, bytes);
+    });
     ASSERT_EQ(report.outcome, Outcome::kDone) << report.reason;
     EXPECT_EQ(textOf(bytes), image);
     // The port has its settings already, but for the parity, which a pseudo terminal never has.

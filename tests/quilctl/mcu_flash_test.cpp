@@ -89,6 +89,21 @@ TEST_F(QuilctlMcuFlash, ReadSavesTheFlash) {
     EXPECT_FALSE(std::filesystem::exists(path("n32.bin")));
 }
 
+TEST_F(QuilctlMcuFlash, ReadWithoutASizeGoesToTheEndOfTheFlash) {
+    EXPECT_EQ(mcu({"read", "--address", "0x0807F000", path("end.bin")}).code, tools::kOk);
+    EXPECT_EQ(board::readWholeFile(path("end.bin")), std::string(0x1000, '\xFF'));
+    const Said tooMany = mcu({"read", "--size", "4294967295", path("all.bin")});
+    EXPECT_EQ(tooMany.code, tools::kRefused);
+    EXPECT_THAT(tooMany.err, HasSubstr("its size is 524288 bytes"));
+}
+
+TEST_F(QuilctlMcuFlash, ReadIntoAFileThatCannotBeWrittenReadsNothing) {
+    const Said said = mcu({"read", path("none/back.bin")});
+    EXPECT_EQ(said.code, tools::kNotWritten);
+    EXPECT_THAT(said.err, HasSubstr("none/back.bin: cannot be written: No such file"));
+    EXPECT_THAT(said.err, testing::Not(HasSubstr("read\n")));
+}
+
 TEST_F(QuilctlMcuFlash, InfoNamesThePartAndWhatAnImageWouldChange) {
     const Said said = mcu({"info", image});
     EXPECT_EQ(said.code, tools::kOk);

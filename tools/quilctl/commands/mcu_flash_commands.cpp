@@ -87,11 +87,13 @@ struct ReadArguments : FlashArguments {
 };
 
 void read(const Cli& cli, const ReadArguments& arguments, Result& result) {
+    requireWritable(arguments.file, arguments.file);
     FlashTarget target(cli, arguments);
     const auto address = static_cast<uint32_t>(*parseNumber(arguments.address, UINT32_MAX));
-    Bytes bytes(static_cast<size_t>(*parseNumber(arguments.size, UINT32_MAX)));
+    const auto size = static_cast<size_t>(*parseNumber(arguments.size, UINT32_MAX));
+    Bytes bytes;
     const Report report =
-        target.run([&](Session& session) { return session.read(address, bytes); });
+        target.run([&](Session& session) { return session.read(address, size, bytes); });
     result.json["file"] = arguments.file;
     result.json["bytes"] = report.outcome == Outcome::kDone ? bytes.size() : 0;
     addReport(result, report, "mcu read");

@@ -189,6 +189,7 @@ void runTask(const Cli& cli, const TaskArguments& arguments, Result& result) {
         throw Failure(kUsage, "--save: no effect on " + arguments.command +
                                   "; only read-memory reads anything to save");
     }
+    if (!arguments.save.empty()) requireWritable(arguments.save, "--save " + arguments.save);
     ProgrammingSession programming(cli, arguments, "");
     std::error_code ignored;
     fs::create_directories(programming.board().hostPath(kReadBack).parent_path(), ignored);

@@ -76,9 +76,9 @@ std::optional<Report> compare(FlashTarget& target, Candidate& candidate) {
 }
 
 Report readFlash(FlashTarget& target, Bytes& flash, size_t end) {
-    Bytes bytes(end);
-    Report report =
-        target.run([&](Session& session) { return session.read(programmer::kFlashBase, bytes); });
+    Bytes bytes;
+    Report report = target.run(
+        [&](Session& session) { return session.read(programmer::kFlashBase, end, bytes); });
     std::copy(bytes.begin(), bytes.end(), flash.begin());
     return report;
 }

@@ -2,8 +2,10 @@
 
 #include <errno.h>
 #include <string.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <filesystem>
 #include <ostream>
 
 #include "tools/quilctl/output/reporter.h"
@@ -45,6 +47,15 @@ const char* nameOf(ExitCode code) {
 
 Failure failureOf(ExitCode code, const std::string& what, int error) {
     return {code, error == 0 ? what : what + ": " + strerror(error)};
+}
+
+void requireWritable(const std::string& file, const std::string& called) {
+    if (access(file.c_str(), W_OK) == 0) return;
+    if (errno == ENOENT) {
+        const std::filesystem::path folder = std::filesystem::path(file).parent_path();
+        if (access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) == 0) return;
+    }
+    throw failureOf(kNotWritten, called + ": cannot be written", errno);
 }
 
 void Result::show() {

@@ -34,6 +34,10 @@ const char* nameOf(ExitCode code);  // "failed"
 // "file: No such file or directory", with the reason of a system call that has just failed.
 Failure failureOf(ExitCode code, const std::string& what, int error);
 
+// Before work of which the output would be lost: throws when the file cannot be written, or made.
+// `called` is its name in the message.
+void requireWritable(const std::string& file, const std::string& called);
+
 // Filled by a command. What was filled before a Failure is printed as well.
 class Result {
   public:

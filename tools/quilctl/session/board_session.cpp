@@ -69,12 +69,7 @@ void requirePlace(const std::filesystem::path& board) {
 // Before anything is done of which the trace would be lost.
 void requireTraceFile(const std::string& name) {
     const std::string file = traceTargetOf(name).file;
-    if (file == "-" || access(file.c_str(), W_OK) == 0) return;
-    if (errno == ENOENT) {
-        const std::filesystem::path folder = std::filesystem::path(file).parent_path();
-        if (access(folder.empty() ? "." : folder.c_str(), W_OK | X_OK) == 0) return;
-    }
-    throw failureOf(kNotWritten, "--trace: " + file + ": cannot be written", errno);
+    if (file != "-") requireWritable(file, "--trace: " + file);
 }
 
 // What a board that lost its power has in its memories.
