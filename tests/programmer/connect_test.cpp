@@ -3,7 +3,7 @@
 
 #include "host/wire_frame.h"
 #include "tests/programmer/part_on_board.h"
-#include "tests/programmer/whole.h"
+#include "testing/whole.h"
 
 namespace quil::tests {
 namespace {

@@ -4,7 +4,7 @@
 
 #include "board/core/whole_file.h"
 #include "tests/programmer/part_on_board.h"
-#include "tests/programmer/whole.h"
+#include "testing/whole.h"
 
 namespace quil::tests {
 namespace {

@@ -13,6 +13,7 @@
 #include "board/core/real_calls.h"
 #include "testing/build.h"
 #include "testing/program_output.h"
+#include "testing/whole.h"
 #include "tests/quilctl/test_run.h"
 #include "tools/quilctl/serve/serving.h"
 #include "tools/quilctl/session/board_session.h"
@@ -311,26 +312,26 @@ TEST_F(QuilctlServe, DirectoryWithALongNameCanBeServed) {
 
 TEST_F(QuilctlServe, RequestsOfManyClientsAreAllAnswered) {
     serve();
-    constexpr int kClients = 3, kRequests = 4;
+    // Each is written and read back.
+    const int clientsMost = isWhole() ? 10 : 3, rounds = isWhole() ? 500 : 4;
     std::atomic<int> right{0};
     std::vector<std::thread> clients;
-    clients.reserve(kClients);
-    for (int client = 0; client < kClients; ++client) {
+    for (int client = 0; client < clientsMost; ++client) {
         clients.emplace_back([&, client] {
             auto server = connection();
             const std::string command = std::to_string(0x200 + client);
-            for (int i = 0; i < kRequests; ++i) {
-                answersTo(server, run({"set", command, std::to_string(10 + i)}));
+            for (int i = 0; i < rounds; ++i) {
+                const std::string value = std::to_string(10 + i % 90);
+                answersTo(server, run({"set", command, value}));
                 const auto said = answersTo(server, run({"get", command}));
-                const bool isRight = said.size() == 2 &&
-                                     said[0].value("out", "") == std::to_string(10 + i) + "\n" &&
+                const bool isRight = said.size() == 2 && said[0].value("out", "") == value + "\n" &&
                                      said[1].value("exit", 1) == 0;
                 right += isRight ? 1 : 0;
             }
         });
     }
     for (std::thread& client : clients) client.join();
-    EXPECT_EQ(right, kClients * kRequests);
+    EXPECT_EQ(right, clientsMost * rounds);
 }
 
 TEST_F(QuilctlServe, ClientThatGoesAwayHoldsNobodyUp) {
@@ -364,6 +365,30 @@ TEST_F(QuilctlServe, MonitorThatDoesNotReadLosesEventsAndIsToldHowMany) {
     }
     EXPECT_GT(seen, 0U);
     EXPECT_GT(lost, 0U);
+}
+
+TEST_F(QuilctlServe, ManyClientsSeeEveryEventAlsoThoseThatReadLate) {
+    const size_t clients = isWhole() ? tools::Server::kClientsMost : 8;
+    const uint64_t rounds = isWhole() ? 100 : 2;
+    constexpr uint64_t kAtOnce = 100;
+    tools::Server server(tools::listenIn(directory), "board", nullptr);
+    std::vector<ServerConnection> watching;
+    for (size_t i = 0; i < clients; ++i) {
+        watching.push_back(*ServerConnection::to(directory));
+        answersTo(watching.back(), {.kind = Request::Kind::kWatch});
+    }
+    const ::quil::board::Event event{{}, ::quil::board::EventKind::kSpi, "spi", "write", {1, 2}};
+    const auto read = [](ServerConnection& client, uint64_t count) {
+        for (uint64_t i = 0; i < count; ++i) {
+            const auto one = client.receive("");
+            ASSERT_TRUE(one && one->contains("event")) << (one ? one->dump() : "the end");
+        }
+    };
+    for (uint64_t round = 0; round < rounds; ++round) {
+        for (uint64_t i = 0; i < kAtOnce; ++i) server.tell(event);
+        read(watching.front(), kAtOnce);
+    }
+    for (size_t i = 1; i < clients; ++i) read(watching[i], rounds * kAtOnce);
 }
 
 TEST_F(QuilctlServe, MonitorPrintsEventsAsTheyCome) {
