@@ -87,6 +87,7 @@ inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& di
         {"fault add", {{"link"}, false, tools::kUsage}},
         {"fault list", {{}, false, tools::kUsage}},
         {"fault clear", {{}, false, tools::kUsage}},
+        {"trace compare", {{path("no.ini"), path("no.ini")}, false, tools::kBadData}},
         {"demo", {}},
         {"completion", {{"bash"}, false}},
         {"man", {{"mcu", "update"}, false}},

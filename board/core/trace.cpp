@@ -123,6 +123,13 @@ std::optional<CutPosition> Trace::add(EventKind kind, std::string source, std::s
     return mCut->position;
 }
 
+void Trace::remark(EventKind kind, std::string source, std::string text,
+                   std::vector<uint8_t> bytes) {
+    Guard guard(boardLock());
+    if (!mPower.isOn()) return;
+    record({mScheduler.now(), kind, std::move(source), std::move(text), std::move(bytes)});
+}
+
 uint64_t Trace::count() const {
     Guard guard(boardLock());
     return mCount;
@@ -171,6 +178,11 @@ void Trace::addWireByte(const WireByte& byte) {
     if (mRecording) mWire.push_back(byte);
 }
 
+void Trace::addSpiTransfer(SpiTransfer transfer) {
+    Guard guard(boardLock());
+    if (mRecording) mSpi.push_back(std::move(transfer));
+}
+
 void Trace::onEvent(std::function<void(const Event&)> listener) {
     Guard guard(boardLock());
     mListeners.push_back(std::move(listener));
@@ -200,6 +212,7 @@ void Trace::clear() {
     Guard guard(boardLock());
     mEvents.clear();
     mWire.clear();
+    mSpi.clear();
 }
 
 std::string Trace::toText() const {

@@ -70,6 +70,12 @@ struct WireByte {
     uint8_t stopBits;
 };
 
+// One transfer on the SPI lines to the FPGA. Of what is not received the line is low.
+struct SpiTransfer {
+    Nanos start, byteTime;
+    std::vector<uint8_t> sent, received;
+};
+
 class Power;
 class Scheduler;
 class Store;
@@ -91,6 +97,9 @@ class Trace {
     // at this event: a part with a non-volatile memory then does part of its work or none.
     std::optional<CutPosition> add(EventKind, std::string source, std::string text,
                                    std::vector<uint8_t> bytes = {});
+    // Records what somebody who watches has to say. It does not happen on the board: it is no place
+    // to cut the power at, and listeners may say it.
+    void remark(EventKind, std::string source, std::string text, std::vector<uint8_t> bytes = {});
     uint64_t count() const;  // events since power-on, also those not recorded
     void cutPowerAt(PowerCut);
     // Cuts the power if the last event was the one to cut after. Called before anything new
@@ -109,6 +118,7 @@ class Trace {
     // thread, without the board's lock.
     void cutSoon(const char* why);
     void addWireByte(const WireByte&);
+    void addSpiTransfer(SpiTransfer);
     // Called with every event from now on, on the thread that caused it. It must not wait.
     void onEvent(std::function<void(const Event&)>);
     size_t listeners() const;
@@ -119,8 +129,7 @@ class Trace {
     void clear();
 
     std::string toText() const;  // one line for each event
-    std::string toVcd() const;   // the serial lines, for waveform viewers
-    std::string toTraceEventJson() const;
+    std::string toVcd() const;   // the lines, for waveform viewers
 
   private:
     void record(Event);
@@ -129,6 +138,7 @@ class Trace {
     Power& mPower;
     std::vector<Event> mEvents;
     std::vector<WireByte> mWire;
+    std::vector<SpiTransfer> mSpi;
     std::vector<std::function<void(const Event&)>> mListeners;
     bool mRecording = true;
     uint64_t mCount = 0;

@@ -55,7 +55,9 @@ bool Fpga::isWellFormed(std::span<const uint8_t> bytes, bool isRead) const {
 
 ssize_t Fpga::spiWrite(std::span<const uint8_t> bytes, bool truncated) {
     const auto count = static_cast<ssize_t>(bytes.size());
+    const Nanos start = now();
     mBoard.spendDeviceTime(kSpiByte * count, "spi");
+    mBoard.trace.addSpiTransfer({start, kSpiByte, {bytes.begin(), bytes.end()}, {}});
     if (truncated ? bytes.size() <= kDataAt : !isWellFormed(bytes, false)) return count;
     const uint32_t address = big32(bytes, kAddressAt);
     const auto data = bytes.subspan(kDataAt, bytes.size() - (truncated ? kDataAt : kOverhead));
@@ -72,6 +74,7 @@ ssize_t Fpga::spiWrite(std::span<const uint8_t> bytes, bool truncated) {
 
 ssize_t Fpga::spiRead(std::span<uint8_t> bytes) {
     const auto count = static_cast<ssize_t>(bytes.size());
+    const Nanos start = now();
     mBoard.spendDeviceTime(kSpiByte * count, "spi");
     if (!isWellFormed(bytes, true)) return count;
     const uint32_t address = big32(bytes, kAddressAt);
@@ -80,6 +83,7 @@ ssize_t Fpga::spiRead(std::span<uint8_t> bytes) {
                 uint8_t{0});  // while the header is sent, the FPGA returns no data
     const auto data = bytes.subspan(kReadDataAt);
     readInto(address, data);
+    mBoard.trace.addSpiTransfer({start, kSpiByte, sent, {bytes.begin(), bytes.end()}});
     record(describeTransfer("read", address, data.size()), data);
     mTransactions.push_back({now(), true, address, sent, {data.begin(), data.end()}});
     return count;

@@ -24,9 +24,10 @@ CLI::Validator traceName() {
         [](std::string& name) -> std::string {
             if (traceTargetOf(name).render != nullptr) return {};
             return "'" + name +
-                   "' must end in .txt, .vcd or .json, or begin with text:, vcd: " + "or json:";
+                   "' must end in .txt, .json, .pftrace or .vcd, or begin with text:, json:, " +
+                   "pftrace: or vcd:";
         },
-        "{text:,json:,vcd:}");
+        "{text:,json:,pftrace:,vcd:}");
 }
 
 CLI::Validator productName() {
@@ -61,8 +62,9 @@ void addGlobalOptions(CLI::App& app, Options& options) {
         ->type_name("NAME")
         ->check(productName());
     app.add_option("--trace", options.traceFiles,
-                   "Write what happened on the board to a .txt, .json (trace events) or .vcd "
-                   "(waveforms) file, or to standard output, as text (-) or as FORMAT:-; the "
+                   "Write what happened on the board to a .txt, .json (trace events), .pftrace "
+                   "(Perfetto) or .vcd (waveforms) file, or to standard output, as text (-) or as "
+                   "FORMAT:-; the "
                    "result is on the error stream then. May be given several times")
         ->type_name("FILE")
         ->take_all()
@@ -85,6 +87,7 @@ void addCommands(CLI::App& app, Cli& cli) {
     addServeCommand(app, cli);
     addServedCommands(app, cli);
     addMonitorCommand(app, cli);
+    addTraceCommands(app, cli);
     addBootCommand(app, cli);
     addFpgaCommands(app, cli);
     addScreenCommands(app, cli);

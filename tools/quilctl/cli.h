@@ -129,6 +129,7 @@ void addBoardCommands(CLI::App& app, Cli& cli);
 void addServeCommand(CLI::App& app, Cli& cli);
 void addServedCommands(CLI::App& app, Cli& cli);  // and parts of "power"
 void addMonitorCommand(CLI::App& app, Cli& cli);
+void addTraceCommands(CLI::App& app, Cli& cli);
 void addBootCommand(CLI::App& app, Cli& cli);
 void addFpgaCommands(CLI::App& app, Cli& cli);
 void addFpgaImageCommands(CLI::App& fpga, Cli& cli);  // parts of "fpga"

@@ -228,8 +228,10 @@ std::vector<UartMode> modesOf(const Wire& wire, std::optional<int> baud) {
 std::vector<WireStream> readVcdUart(const std::string& text, std::optional<int> baud) {
     const Waveform waveform = VcdReader(text).read();
     const auto& wires = waveform.wires;
-    const bool isRecorded = std::any_of(wires.begin(), wires.end(),
-                                        [](const auto& one) { return !one.second.modes.empty(); });
+    // A board's waveform has other wires as well, and tells which are serial lines.
+    const bool isRecorded = std::any_of(wires.begin(), wires.end(), [](const auto& one) {
+        return !one.second.modes.empty() || one.second.name == "mcu_tx";
+    });
     std::vector<WireStream> streams;
     for (const auto& [id, wire] : wires) {
         if (isRecorded && wire.modes.empty()) continue;

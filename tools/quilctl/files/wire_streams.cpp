@@ -99,11 +99,11 @@ std::vector<WireStream> readJson(const WireSource& source) {
     };
     if (!document.contains("traceEvents")) throw notDecoded("it has no traceEvents");
     for (const Json& event : document["traceEvents"]) {
-        const std::string kind = textIn(event, "/cat");
+        const std::string kind = textIn(event, "/args/kind");
         if (!isLineEvent(kind)) continue;
         const auto bytes = parseHex(textIn(event, "/args/bytes"));
-        const bool hasTime = event.contains("ts") && event["ts"].is_number();
-        const double at = hasTime ? event["ts"].get<double>() / 1e6 : 0;
+        const Json& time = event["args"].value("at", Json());  // ns
+        const double at = time.is_number() ? time.get<double>() / 1e9 : 0;
         if (bytes) directions.add(kind, textIn(event, "/args/source"), at, *bytes);
     }
     return directions.take("trace");

@@ -16,6 +16,7 @@ enum ExitCode : int {
     kRefused = 7,
     kLoaderWaits = 8,
     kStateUnknown = 9,
+    kOverBudget = 10,
     kHungUp = 129,  // as a shell numbers a signal
     kInterrupted = 130,
     kTerminated = 143,
@@ -29,7 +30,7 @@ struct ExitCodeRow {
     const char* name;
     const char* meaning;
 };
-inline constexpr std::array<ExitCodeRow, 13> kExitCodes = {{
+inline constexpr std::array<ExitCodeRow, 14> kExitCodes = {{
     {kOk, "ok", "done"},
     {kFailed, "failed", "no answer, a part in error, or a step that failed"},
     {kUsage, "usage", "wrong command line, or a named file that is not there"},
@@ -40,6 +41,7 @@ inline constexpr std::array<ExitCodeRow, 13> kExitCodes = {{
     {kRefused, "refused", "the MCU's flash was not changed: a check failed, or no answer"},
     {kLoaderWaits, "loader_waits", "the MCU's flash is not whole; its boot loader waits"},
     {kStateUnknown, "state_unknown", "the MCU's flash may not be whole; its boot loader is silent"},
+    {kOverBudget, "over_budget", "a stage of a trace took longer than its budget"},
     {kHungUp, "hung_up", "its terminal went away (SIGHUP); as 130"},
     {kInterrupted, "interrupted", "Ctrl-C (SIGINT): the board stopped as at a power cut"},
     {kTerminated, "terminated", "ended from outside (SIGTERM); as 130"},

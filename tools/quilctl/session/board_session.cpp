@@ -22,13 +22,14 @@
 #include "tools/quilctl/serve/served_board.h"
 #include "tools/quilctl/session/stage_advice.h"
 #include "tools/quilctl/session/trace_files.h"
+#include "tools/quilctl/traces/timeline.h"
 
 namespace quil::tools {
 namespace {
 
 void writeTrace(const board::Trace& trace, const std::string& name, std::ostream& standardOutput) {
     const TraceTarget target = traceTargetOf(name);
-    const std::string text = (trace.*target.render)();
+    const std::string text = target.render(trace);
     if (target.file != "-") return board::writeWholeFile(target.file, text);
     errno = 0;
     standardOutput << text;
@@ -297,6 +298,10 @@ void BoardSession::saveTrace(const std::string& name) {
 
 void BoardSession::onRequest(bool isWrite, const Bytes& request) {
     mBoard->trace().add(board::EventKind::kRequest, "client", isWrite ? "set" : "get", request);
+}
+
+void BoardSession::onAnswer(const Bytes& answer) {
+    mBoard->trace().remark(board::EventKind::kRequest, "client", kAnswered, answer);
 }
 
 bool BoardSession::mcuKnows(uint32_t command) { return mBoard->mcu().knows(command); }

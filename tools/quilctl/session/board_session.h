@@ -69,6 +69,7 @@ class BoardSession : public ServiceSession {
     host::HostingComponent& host() { return *mHost; }
     Service& service() override { return *mHost->service(); }
     void onRequest(bool isWrite, const Bytes& request) override;
+    void onAnswer(const Bytes& answer) override;
     bool mcuKnows(uint32_t command) override;
     // The last error message of the library from its log line number `since` on; "" without one.
     std::string lastError(size_t since = 0) const;

@@ -9,6 +9,7 @@
 
 #include "tools/quilctl/output/values.h"
 #include "tools/quilctl/session/stage_advice.h"
+#include "tools/quilctl/traces/timeline.h"
 
 namespace quil::tools {
 namespace {
@@ -125,6 +126,7 @@ class BootStages::Watch {
         const auto now = mBoard.now();
         BootStage stage{name, mEnded, now, ok, said, "", "", ""};
         explain(stage, mError, mBoard.fpga().problem());
+        mark(stage);
         show(stage);
         mStages.push_back(std::move(stage));
         mEnded = now;
@@ -137,6 +139,14 @@ class BootStages::Watch {
     const std::string& error() const { return mError; }
 
   private:
+    void mark(const BootStage& stage) {
+        char took[40];
+        snprintf(took, sizeof(took), ", %.9f s: ", secondsOf(stage.end - stage.start));
+        mBoard.trace().remark(
+            board::EventKind::kNote, kStageSource,
+            stage.name + took + (stage.ok ? "ok" : "failed: " + withoutLineEnd(stage.said)));
+    }
+
     void show(const BootStage& stage) {
         mResult.text << rowsOf(stage, mConsole.screen);
         mResult.json["stages"].push_back(documentOf(stage));

@@ -60,6 +60,7 @@ Bytes ask(ServiceSession& session, bool isWrite, const Bytes& request) {
     auto& service = session.service();
     const Return<void> done = isWrite ? service.set(bytes, keep) : service.get(bytes, keep);
     if (!done.isOk()) throw std::runtime_error("the service failed: " + done.description());
+    session.onAnswer(answer);
     return answer;
 }
 

@@ -19,8 +19,10 @@ class ServiceSession {
 
     virtual Service& service() = 0;
 
-    // Told of every request before it goes out.
+    // Told of every request before it goes out, and of what came back.
     virtual void onRequest(bool /*isWrite*/, const Bytes& /*request*/) {}
+
+    virtual void onAnswer(const Bytes& /*answer*/) {}
 
     // False only where it is certain: a real MCU does not tell.
     virtual bool mcuKnows(uint32_t /*command*/) { return true; }

@@ -3,17 +3,26 @@
 #include <array>
 #include <string_view>
 
+#include "tools/quilctl/traces/viewer_files.h"
+
 namespace quil::tools {
 namespace {
 
 struct TraceFormat {
     std::string_view prefix, ending;
-    std::string (board::Trace::*render)() const;
+    std::string (*render)(const board::Trace&);
 };
-constexpr std::array<TraceFormat, 3> kFormats = {{
-    {"text:", ".txt", &board::Trace::toText},
-    {"json:", ".json", &board::Trace::toTraceEventJson},
-    {"vcd:", ".vcd", &board::Trace::toVcd},
+
+std::string asText(const board::Trace& trace) { return trace.toText(); }
+std::string asJson(const board::Trace& trace) { return toTraceEventJson(trace.events()); }
+std::string asPerfetto(const board::Trace& trace) { return toPerfetto(trace.events()); }
+std::string asVcd(const board::Trace& trace) { return trace.toVcd(); }
+
+constexpr std::array<TraceFormat, 4> kFormats = {{
+    {"text:", ".txt", asText},
+    {"json:", ".json", asJson},
+    {"pftrace:", ".pftrace", asPerfetto},
+    {"vcd:", ".vcd", asVcd},
 }};
 
 bool endsWith(std::string_view text, std::string_view ending) {
@@ -23,7 +32,7 @@ bool endsWith(std::string_view text, std::string_view ending) {
 }  // namespace
 
 TraceTarget traceTargetOf(const std::string& name) {
-    if (name == "-") return {&board::Trace::toText, name};
+    if (name == "-") return {asText, name};
     for (const TraceFormat& format : kFormats) {
         if (name.rfind(format.prefix, 0) != 0) continue;
         const std::string file = name.substr(format.prefix.size());

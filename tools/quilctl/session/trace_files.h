@@ -8,12 +8,12 @@
 namespace quil::tools {
 
 struct TraceTarget {
-    std::string (board::Trace::*render)() const = nullptr;  // null: the format is not known
-    std::string file;                                       // "-": standard output
+    std::string (*render)(const board::Trace&) = nullptr;  // null: the format is not known
+    std::string file;                                      // "-": standard output
 };
 
-// "FORMAT:FILE" with text, json or vcd; a FILE whose name ends in .txt, .json or .vcd; "-", which
-// is text.
+// "FORMAT:FILE" with text, json, pftrace or vcd; a FILE whose name ends in .txt, .json, .pftrace or
+// .vcd; "-", which is text.
 TraceTarget traceTargetOf(const std::string& name);
 
 }  // namespace quil::tools
