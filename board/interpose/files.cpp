@@ -154,33 +154,56 @@ ssize_t readFpga(Fpga& fpga, void* data, size_t whole, size_t count) {
     return resultOf(std::min(done, static_cast<ssize_t>(count)));
 }
 
-ssize_t readOnBoard(Machine& machine, OpenFile file, int fd, void* data, size_t count) {
+// What a transfer needs of its file: while it waits, another thread may close the descriptor.
+struct Transfer {
+    explicit Transfer(const OpenFile& file)
+        : uart(file.uart),
+          fpga(file.fpga),
+          handle(file.handle),
+          isAttribute(file.isAttribute()),
+          nonBlocking((file.flags & O_NONBLOCK) != 0) {}
+
+    Uart* const uart;
+    Fpga* const fpga;
+    const std::shared_ptr<FileHandle> handle;
+    const bool isAttribute, nonBlocking;
+};
+
+// As the kernel says it of a buffer that is not there.
+bool isNowhere(const void* data, size_t count) { return data == nullptr && count > 0; }
+
+ssize_t readOnBoard(Machine& machine, const OpenFile& opened, int fd, void* data, size_t count) {
     const size_t whole = count;
+    const Transfer file(opened);
     if (machine.dead()) return failWith(EIO);
-    if (const auto fault = machine.faults.take(Call::kRead, file.path)) {
+    if (isNowhere(data, count)) return failWith(EFAULT);
+    if (const auto fault = machine.faults.take(Call::kRead, opened.path)) {
         machine.spend(*fault);
         if (fault->error != 0) return failWith(fault->error);
         if (fault->shortTo) count = std::min(count, *fault->shortTo);
     }
-    if (file.isAttribute()) return resultOf(file.handle->read(static_cast<char*>(data), count));
+    if (file.isAttribute) return resultOf(file.handle->read(static_cast<char*>(data), count));
     if (file.fpga != nullptr) return readFpga(*file.fpga, data, whole, count);
     count = machine.chances.transferred(count);
     if (file.handle) return resultOf(file.handle->read(static_cast<char*>(data), count));
     if (file.uart == nullptr) return real().read(fd, data, count);
-    const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
-    if (!nonBlocking && machine.interrupts("read", file.path)) return failWith(EINTR);
-    return resultOf(file.uart->hostRead(static_cast<uint8_t*>(data), count, nonBlocking));
+    const bool mayWait = !file.nonBlocking;
+    if (mayWait && machine.interrupts("read", file.uart->path())) return failWith(EINTR);
+    return resultOf(file.uart->hostRead(static_cast<uint8_t*>(data), count, file.nonBlocking));
 }
 
-ssize_t writeOnBoard(Machine& machine, OpenFile file, int fd, const void* data, size_t count) {
+ssize_t writeOnBoard(Machine& machine, const OpenFile& opened, int fd, const void* data,
+                     size_t count) {
     const size_t whole = count;
+    const Transfer file(opened);
     if (machine.dead()) return failWith(EIO);
-    if (const auto fault = machine.faults.take(Call::kWrite, file.path)) {
+    if (isNowhere(data, count)) return failWith(EFAULT);
+    if (const auto fault = machine.faults.take(Call::kWrite, opened.path)) {
         if (fault->error != 0) return failWith(fault->error);
         if (fault->lostSilently) return static_cast<ssize_t>(count);
         if (fault->shortTo) count = std::min(count, *fault->shortTo);
     }
-    if (file.isAttribute()) {
+    if (file.isAttribute) {
         return resultOf(file.handle->write(static_cast<const char*>(data), count));
     }
     if (file.fpga != nullptr) {
@@ -190,9 +213,10 @@ ssize_t writeOnBoard(Machine& machine, OpenFile file, int fd, const void* data, 
     count = machine.chances.transferred(count);
     if (file.handle) return resultOf(file.handle->write(static_cast<const char*>(data), count));
     if (file.uart == nullptr) return real().write(fd, data, count);
-    const bool nonBlocking = (file.flags & O_NONBLOCK) != 0;
-    if (!nonBlocking && machine.interrupts("write", file.path)) return failWith(EINTR);
-    return resultOf(file.uart->hostWrite(static_cast<const uint8_t*>(data), count, nonBlocking));
+    const bool mayWait = !file.nonBlocking;
+    if (mayWait && machine.interrupts("write", file.uart->path())) return failWith(EINTR);
+    const auto* bytes = static_cast<const uint8_t*>(data);
+    return resultOf(file.uart->hostWrite(bytes, count, file.nonBlocking));
 }
 
 int closeOnBoard(Machine& machine, OpenFile file, int fd) {

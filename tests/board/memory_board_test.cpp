@@ -180,4 +180,20 @@ TEST(BoardInMemory, KeepsItsFilesInItsStoreAndLeavesTheOneBelowAsItIs) {
 }
 
 }  // namespace
+// A caller of the library may hand in no buffer at all.
+TEST(BoardFiles, BufferThatIsNotThereIsRefusedAsTheKernelDoes) {
+    const Board board(newMemory());
+    void* volatile nowhere = nullptr;
+    for (const char* path :
+         {"/dev/ttyS3", "/dev/fpga_spi", "/sdcard/a", "/sys/class/quilgpios/MCU_NRST/value"}) {
+        const int fd = ::open(path, O_RDWR | O_CREAT | O_NONBLOCK, 0600);
+        ASSERT_GE(fd, 0) << path;
+        EXPECT_EQ(write(fd, nowhere, 4), -1) << path;
+        EXPECT_EQ(errno, EFAULT) << path;
+        EXPECT_EQ(read(fd, nowhere, 4), -1) << path;
+        EXPECT_EQ(errno, EFAULT) << path;
+        close(fd);
+    }
+}
+
 }  // namespace quil::tests
