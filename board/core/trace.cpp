@@ -101,7 +101,8 @@ std::vector<Event> Trace::events(EventKind kind) const {
 void Trace::record(Event event) {
     if (!mRecording) return;
     mEvents.push_back(std::move(event));
-    const Event copy = mListeners.empty() ? Event{} : mEvents.back();
+    if (mListeners.empty()) return;
+    const Event copy = mEvents.back();
     for (const auto& listener : mListeners) listener(copy);
 }
 

@@ -135,11 +135,13 @@ uint8_t Fpga::registerValue(uint32_t address) const {
 }
 
 void Fpga::writeMemory(uint32_t address, std::span<const uint8_t> data) {
-    for (size_t i = 0; i < data.size(); ++i) {
-        const auto at = static_cast<uint32_t>(address + i);
-        Page& page = pageOf(at);
-        page.bytes[at % kPage] = data[i];
-        page.written[at % kPage] = true;
+    while (!data.empty()) {
+        Page& page = pageOf(address);
+        const size_t from = address % kPage, count = std::min(kPage - from, data.size());
+        std::copy_n(data.begin(), count, page.bytes.begin() + from);
+        std::fill_n(page.written.begin() + from, count, true);
+        data = data.subspan(count);
+        address += static_cast<uint32_t>(count);
     }
 }
 
@@ -151,10 +153,12 @@ Fpga::Page& Fpga::pageOf(uint32_t address) {
 
 std::map<uint32_t, uint8_t> Fpga::memory() const {
     Guard guard(boardLock());
+    std::map<uint32_t, const Page*> pages;
+    for (const auto& [number, page] : mPages) pages[number] = page.get();
     std::map<uint32_t, uint8_t> all;
-    for (const auto& [number, page] : mPages) {
+    for (const auto& [number, page] : pages) {
         for (uint32_t i = 0; i < kPage; ++i) {
-            if (page->written[i]) all[number * kPage + i] = page->bytes[i];
+            if (page->written[i]) all.emplace_hint(all.end(), number * kPage + i, page->bytes[i]);
         }
     }
     return all;

@@ -17,7 +17,14 @@ constexpr int64_t kNanosPerSecond = 1'000'000'000;
 
 Nanos nanosOf(const timespec& time) { return Nanos(time.tv_sec * kNanosPerSecond + time.tv_nsec); }
 
+// Six digits behind the point. Whole microseconds, as nearly all are, take no floating point.
 std::string secondsText(Nanos duration) {
+    constexpr int64_t kMicrosPerSecond = 1'000'000;
+    const int64_t micros = duration.count() / 1000;
+    if (duration.count() % 1000 == 0 && micros >= 0) {
+        std::string text = std::to_string(kMicrosPerSecond + micros % kMicrosPerSecond) + " s";
+        return text.replace(0, 1, std::to_string(micros / kMicrosPerSecond) + ".");
+    }
     return std::to_string(static_cast<double>(duration.count()) / 1e9) + " s";
 }
 
@@ -30,7 +37,8 @@ SleepEnd sleepOnBoard(Nanos duration, Nanos* left) {
     if (machine == nullptr) return SleepEnd::kElsewhere;
     Guard guard(boardLock());
     if (machine->dead()) return SleepEnd::kOver;
-    machine->trace.add(EventKind::kSleep, "thread", secondsText(duration));
+    const bool isRecorded = machine->trace.recording();
+    machine->trace.add(EventKind::kSleep, "thread", isRecorded ? secondsText(duration) : "");
     const Nanos end = machine->scheduler.now() + duration;
     const bool isCutShort = machine->faults.take(Call::kSleep, "").has_value();
     if (isCutShort) machine->scheduler.sleepFor(duration / 2, "sleep");
