@@ -29,6 +29,8 @@ void quilctlValues(std::span<const uint8_t> input);
 void request(std::span<const uint8_t> input);
 // The partition of screen parameters: quilctl's reader of it, and a load.
 void screenPartition(std::span<const uint8_t> input);
+// A served board's socket and its page's server: whatever is said to them.
+void servedRequests(std::span<const uint8_t> input);
 // The board's shell: a line's parsing and its run.
 void shellLine(std::span<const uint8_t> input);
 // quilctl: what a serial line carried, from traces, logs and waveforms.
@@ -49,6 +51,7 @@ inline constexpr Target kTargets[] = {
     {"quilctl_values", quilctlValues},
     {"request", request},
     {"screen_partition", screenPartition},
+    {"served_requests", servedRequests},
     {"shell_line", shellLine},
     {"wire_streams", wireStreams},
 };
