@@ -39,25 +39,30 @@ OverlayStore::Files filesOf(Input& input) {
 // The same board in a directory, which `board check` reads.
 class Directory {
   public:
-    Directory() { board::createBoardDirectory(mPlace.path() / "board", board::Product::kHeron); }
+    Directory() {
+        board::createBoardDirectory(mPlace.path() / "board", board::Product::kHeron);
+        for (const char* name : kNames) {  // with the small images
+            if (const auto content = PoweredBoard::factory()->read(name)) put(name, *content);
+        }
+    }
 
     std::vector<board::BoardProblem> problemsWith(const OverlayStore::Files& files) const {
-        for (const auto& [name, content] : files) {
-            board::writeWholeFile(mPlace.path() / "board" / name, *content);
-        }
+        for (const auto& [name, content] : files) put(name, *content);
         auto problems = board::checkBoard(mPlace.path() / "board", board::Product::kHeron);
         for (const auto& [name, content] : files) {
-            const auto path = mPlace.path() / "board" / name;
-            std::filesystem::remove(path);
-            if (const auto former = mFactory->read(name)) board::writeWholeFile(path, *former);
+            const auto former = PoweredBoard::factory()->read(name);
+            if (former) put(name, *former);
+            if (!former) std::filesystem::remove(mPlace.path() / "board" / name);
         }
         return problems;
     }
 
   private:
+    void put(const std::string& name, std::string_view content) const {
+        board::writeWholeFile(mPlace.path() / "board" / name, content);
+    }
+
     const board::TemporaryDirectory mPlace{"fuzz"};
-    const std::shared_ptr<const board::Store> mFactory =
-        board::factoryBoard(board::Product::kHeron);
 };
 
 // A board that the check lets pass can be powered; one that cannot says why.

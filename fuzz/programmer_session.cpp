@@ -8,7 +8,6 @@
 #include <array>
 #include <chrono>
 #include <iterator>
-#include <map>
 
 #include "fuzz/check.h"
 #include "fuzz/input.h"
@@ -25,13 +24,14 @@ using programmer::Outcome;
 using std::chrono::milliseconds;
 
 constexpr std::array<size_t, 4> kLengths = {64, 300, 2600, 5000};
+constexpr size_t kCells = 0x4000;  // of the flash; more than the images and their pages
 
 // A line whose other end follows a script: it hears what is written, and sends what it likes. With
 // an empty script it is a simple part, which answers by its flash.
 class HostileLine : public programmer::Transport {
   public:
     HostileLine(const programmer::Part& part, Input script, uint8_t after)
-        : mPart(part), mScript(script), mAfter(after) {}
+        : mPart(part), mScript(script), mAfter(after), mCells(kCells, 0xFF) {}
 
     void write(std::span<const uint8_t> bytes) override {
         mNow += milliseconds(1);
@@ -57,10 +57,7 @@ class HostileLine : public programmer::Transport {
     Nanos now() const override { return mNow; }
 
     bool holds(std::span<const uint8_t> image) const {
-        for (size_t at = 0; at < image.size(); ++at) {
-            if (cell(static_cast<uint32_t>(at)) != image[at]) return false;
-        }
-        return true;
+        return std::equal(image.begin(), image.end(), mCells.begin());
     }
     size_t calls() const { return mCalls; }
 
@@ -79,9 +76,14 @@ class HostileLine : public programmer::Transport {
         mWants = Wants::kSync;
         mWaiting.clear();
     }
-    uint8_t cell(uint32_t at) const {
-        const auto found = mCells.find(at);
-        return found == mCells.end() ? 0xFF : found->second;
+    uint8_t cell(uint32_t at) const { return at < mCells.size() ? mCells[at] : 0xFF; }
+    void programCell(uint32_t at, uint8_t byte) {
+        if (at < mCells.size()) mCells[at] &= byte;
+    }
+    void eraseCells(uint64_t first, uint64_t size) {
+        const auto from = std::min<uint64_t>(first, mCells.size());
+        const auto count = std::min<uint64_t>(size, mCells.size() - from);
+        std::fill_n(mCells.begin() + static_cast<ptrdiff_t>(from), count, uint8_t{0xFF});
     }
     void send(const Bytes& bytes) { mWaiting.insert(mWaiting.end(), bytes.begin(), bytes.end()); }
 
@@ -169,8 +171,7 @@ class HostileLine : public programmer::Transport {
             return send({0x1F});
         }
         for (uint32_t i = 0; i + 2 < mSent.size(); ++i) {
-            const uint8_t byte = cell(mAddress + i);
-            mCells[mAddress + i] = byte & mSent[i + 1];
+            programCell(mAddress + i, mSent[i + 1]);
         }
         send({0x79});
     }
@@ -181,8 +182,7 @@ class HostileLine : public programmer::Transport {
             const auto number = static_cast<uint32_t>(mSent[at] << 8 | mSent[at + 1]);
             if (number >= mPart.pageCount()) continue;
             const programmer::Page page = mPart.page(number);
-            const uint32_t first = page.address - programmer::kFlashBase;
-            mCells.erase(mCells.lower_bound(first), mCells.lower_bound(first + page.size));
+            eraseCells(page.address - programmer::kFlashBase, page.size);
         }
         send({0x79});
     }
@@ -214,14 +214,13 @@ class HostileLine : public programmer::Transport {
         send(answer);
     }
     void eraseOfN32(uint32_t first, uint32_t count) {
-        const uint32_t size = mPart.pageMap[0].size;
-        mCells.erase(mCells.lower_bound(first * size), mCells.lower_bound((first + count) * size));
+        const uint64_t size = mPart.pageMap[0].size;
+        eraseCells(first * size, count * size);
     }
     void programOfN32(size_t blockAt) {
         const uint32_t offset = little(6, 4) - programmer::kFlashBase;
         for (size_t i = blockAt; i + 5 < mSent.size(); ++i) {
-            const auto at = static_cast<uint32_t>(offset + i - blockAt);
-            mCells[at] = cell(at) & mSent[i];
+            programCell(static_cast<uint32_t>(offset + i - blockAt), mSent[i]);
         }
     }
     bool agreesOfN32(size_t at) const {
@@ -240,7 +239,7 @@ class HostileLine : public programmer::Transport {
     Bytes mSent, mWaiting;
     Wants mWants = Wants::kSync;
     uint32_t mAddress = 0;
-    std::map<uint32_t, uint8_t> mCells;
+    Bytes mCells;
 };
 
 Bytes imageFor(const programmer::Part& part, size_t size) {

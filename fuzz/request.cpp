@@ -1,6 +1,6 @@
 // Requests of clients, through the service to the MCU and back. Input, for each request: a byte of
-// circumstances, a length (16 bits), and that number of bytes; with kIsLong also the number (16
-// bits) of bytes 0xA5 to append.
+// circumstances, a length (16 bits), and that number of bytes; with kIsLong also a number (16 bits)
+// that says how many bytes 0xA5 to append.
 #include <unistd.h>
 
 #include <memory>
@@ -26,7 +26,7 @@ constexpr uint8_t kIsSet = 0x01, kMoodMask = 0x06, kIsUpdating = 0x08, kIsLong =
                   kIsLogged = 0x20;
 enum Mood : uint8_t { kAnswers = 0x00, kSilent = 0x02, kCorrupt = 0x04, kNoisy = 0x06 };
 constexpr size_t kRequestsMost = 8, kHeader = 8, kBodyMost = 65535;
-constexpr size_t kPayloadMost = 4112;
+constexpr size_t kPayloadMost = 4112, kFarFrom = 0xFF00;
 constexpr uint32_t kSelfTest = 0xFFFFFFF4, kMcuEnd = 0xF5000002, kVersion = 1;
 constexpr auto kPatience = std::chrono::seconds(5);
 constexpr auto kLineMost = std::chrono::seconds(1);  // the longest frames there and back
@@ -39,7 +39,12 @@ struct Request {
         const uint16_t length = input.word();
         const auto taken = input.take(length);
         bytes.assign(taken.begin(), taken.end());
-        if (has(kIsLong)) bytes.resize(bytes.size() + input.word(), 0xA5);
+        if (has(kIsLong)) bytes.resize(bytes.size() + fillOf(input.word()), 0xA5);
+    }
+    // Around the longest payload, or, seldom, around the longest body: the library passes the log
+    // gate for each byte, and lengths in between are refused like the longest.
+    static size_t fillOf(uint16_t drawn) {
+        return drawn >= kFarFrom ? drawn : drawn % (kPayloadMost + 200);
     }
     bool has(uint8_t bit) const { return (circumstances & bit) != 0; }
     Mood mood() const { return static_cast<Mood>(circumstances & kMoodMask); }
@@ -98,7 +103,8 @@ class Conversation {
         const bool isNoisy = request.mood() == kNoisy;
         mcu.setNoise(isNoisy ? Bytes{0x55, 0xBB, 0x00} : Bytes(), isNoisy ? Bytes{0x55} : Bytes());
         config_info->fw_updating = request.has(kIsUpdating) ? 1 : 0;
-        if (request.has(kIsLogged) && request.bytes.size() < 200) mBoard.logEverything();
+        const bool isLogged = request.has(kIsLogged) && request.bytes.size() < 200;
+        mBoard->properties().setForThisRun("persist.quil.device.log.level", isLogged ? "D" : "E");
     }
 
     void checkConversion(const Request& request) {

@@ -28,9 +28,10 @@ constexpr size_t kTopologiesMost = 20, kFarFromTheEnd = 0x1C0000;
 
 // Mostly zeros: a load may read the data as counts, and large ones would take long.
 void appendData(Bytes& bytes, size_t length, uint8_t seed) {
-    for (size_t i = 0; i < length; ++i) {
-        bytes.push_back(i % (size_t{seed} + 2) == 3 ? seed & 3 : uint8_t{0});
-    }
+    const size_t start = bytes.size(), step = size_t{seed} + 2;
+    bytes.resize(start + length);
+    if (step <= 3) return;
+    for (size_t i = 3; i < length; i += step) bytes[start + i] = seed & 3;
 }
 
 Bytes partitionOf(Input recipe) {

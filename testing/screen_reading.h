@@ -4,8 +4,11 @@
 
 #include <stdint.h>
 
+#include <algorithm>
+#include <array>
 #include <map>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace quil::tests {
@@ -15,7 +18,7 @@ class ScreenReading {
     using Memory = std::map<uint32_t, uint8_t>;
 
     explicit ScreenReading(std::vector<uint8_t> partition) : mPartition(std::move(partition)) {
-        mPartition.resize(0x200000 + 8);
+        mPartition.resize(std::min(mPartition.size(), kPartition) + kFurthest);
         takeBlocks();
         topology();
         for (const Block& block : mBlocks) wholeBlock(block);
@@ -23,9 +26,23 @@ class ScreenReading {
         netGap();
     }
 
-    const Memory& memory() const { return mMemory; }
+    Memory memory() const {
+        Memory all;
+        for (const auto& [number, page] : mPages) {
+            for (size_t i = 0; i < page.size(); ++i) {
+                if (page[i] < 0) continue;
+                all.emplace_hint(all.end(), static_cast<uint32_t>(number * kPage + i),
+                                 static_cast<uint8_t>(page[i]));
+            }
+        }
+        return all;
+    }
 
   private:
+    // Behind the partition and the packed data there are zeros.
+    static constexpr size_t kPartition = 0x200000, kFurthest = 0x30000, kPage = 4096;
+    using Page = std::array<int16_t, kPage>;  // -1: not written
+
     struct Block {
         uint32_t address, length;
         size_t packedAt;
@@ -46,15 +63,22 @@ class ScreenReading {
             mPacked.insert(mPacked.end(), from, from + length);
             at += 8 + length;
         }
-        mPacked.resize(0x200000);
+        mPacked.resize(mPacked.size() + kFurthest);
     }
 
     void put(uint32_t address, const std::vector<uint8_t>& bytes) {
-        for (const uint8_t byte : bytes) mMemory[address++] = byte;
+        for (const uint8_t byte : bytes) putByte(address++, byte);
+    }
+    void putByte(uint32_t address, uint8_t byte) {
+        const auto [page, isNew] = mPages.try_emplace(address / kPage);
+        if (isNew) page->second.fill(-1);
+        page->second[address % kPage] = byte;
     }
     void put(uint32_t address, const Block& block, size_t from, size_t count) {
         for (size_t i = 0; i < count; ++i) {
-            mMemory[static_cast<uint32_t>(address + i)] = mPacked.at(block.packedAt + from + i);
+            const size_t at = block.packedAt + from + i;
+            putByte(static_cast<uint32_t>(address + i),
+                    at < mPacked.size() ? mPacked[at] : uint8_t{0});
         }
     }
 
@@ -143,7 +167,7 @@ class ScreenReading {
     std::vector<uint8_t> mPartition, mPacked;
     std::vector<Block> mBlocks;
     std::map<std::string_view, std::vector<uint8_t>> mFrames;
-    Memory mMemory;
+    std::map<uint32_t, Page> mPages;
 };
 
 }  // namespace quil::tests
