@@ -164,7 +164,7 @@ void mcuSession(std::span<const uint8_t> bytes) {
     if ((circumstances & 1) != 0) board.logEverything();
     check(parseConfigInfo() == 0, "the product file");
     const auto after = static_cast<HostilePeer::After>(input.byte() & 3);
-    addFault(*board, input);
+    const auto failing = addFault(*board, input);
     const HostilePeer peer(*board, after, input.rest());
 
     const auto start = board->now();
@@ -172,7 +172,8 @@ void mcuSession(std::span<const uint8_t> bytes) {
     check(std::count(session.results.begin(), session.results.end(), result) > 0, "another result");
     check(board->now() - start <= session.most, "it takes too long");
     checkMcuIsLeftInItsApplication(*board);
-    check(!board->isOpen(fd), "the port is left open");
+    // A link whose fcntl fails stays open, deliberately, and may have the number that the port had.
+    check(failing == Call::kFcntl || !board->isOpen(fd), "the port is left open");
 }
 
 }  // namespace quil::fuzz
