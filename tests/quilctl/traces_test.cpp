@@ -17,8 +17,6 @@
 using namespace quil;
 using namespace quil::tests;
 using testing::AllOf;
-using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
 using testing::HasSubstr;
 using testing::IsEmpty;
@@ -33,6 +31,7 @@ std::vector<std::string> eventsIn(const std::string& trace) {
         events[record.arguments["event"].get<size_t>()] = toLine(tools::eventIn(record.arguments));
     }
     std::vector<std::string> lines;
+    lines.reserve(events.size());
     for (const auto& [number, line] : events) lines.push_back(line);
     return lines;
 }
