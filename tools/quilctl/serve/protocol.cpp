@@ -1,7 +1,19 @@
 #include "tools/quilctl/serve/protocol.h"
 
+#include <stdint.h>
+
 namespace quil::tools {
 namespace {
+
+// Json would convert a fraction, or what is beyond the type, without a word.
+int64_t numberIn(const Json& document, int64_t most) {
+    if (document.is_number_integer()) {
+        const auto number = document.get<int64_t>();
+        if (number >= 0 && number <= most) return number;
+    }
+    throw Failure(kUsage, "no request: " + document.dump() + " is no number from 0 to " +
+                              std::to_string(most));
+}
 
 Json screenDocument(const Screen& screen) {
     return {
@@ -10,7 +22,7 @@ Json screenDocument(const Screen& screen) {
 
 Screen screenIn(const Json& document) {
     return {document.at("terminal").get<bool>(), document.at("styled").get<bool>(),
-            document.at("columns").get<size_t>()};
+            static_cast<size_t>(numberIn(document.at("columns"), INT32_MAX))};
 }
 
 std::vector<std::string> commandWords(const Json& document) {
@@ -20,7 +32,7 @@ std::vector<std::string> commandWords(const Json& document) {
 }
 
 Request requestOf(const Json& document) {
-    if (document.at("version").get<int>() != kProtocol) {
+    if (numberIn(document.at("version"), INT32_MAX) != kProtocol) {
         throw Failure(kUsage, "this board speaks version " + std::to_string(kProtocol));
     }
     Request request;
@@ -57,8 +69,11 @@ Json jsonOfBytes(const std::string& bytes) {
 std::string bytesIn(const Json& document) {
     try {
         if (document.is_string()) return document.get<std::string>();
-        const auto bytes = document.get<std::vector<uint8_t>>();
-        return {bytes.begin(), bytes.end()};
+        std::string bytes;
+        for (const Json& byte : document.get_ref<const Json::array_t&>()) {
+            bytes += static_cast<char>(numberIn(byte, UINT8_MAX));
+        }
+        return bytes;
     } catch (const Json::exception& error) {
         throw Failure(kUsage, std::string("no text: ") + error.what());
     }
