@@ -21,13 +21,16 @@ std::string lineOf(const nlohmann::json& value) {
     return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-int runSpread(CLI::App& app, int count, char** values, const std::function<int()>& work) try {
+int runSpread(const char* name, const char* does, int count, char** values,
+              const Prepare& prepare) try {
+    CLI::App app(does, name);
+    const auto work = prepare(app);
     CLI11_PARSE(app, count, values);
     const board::TemporaryDirectory place("quil-spread");
     setenv("TMPDIR", place.path().c_str(), 1);
     return work();
 } catch (const std::exception& error) {
-    fprintf(stderr, "%s: %s\n", app.get_name().c_str(), error.what());
+    fprintf(stderr, "%s: %s\n", name, error.what());
     return 2;
 }
 

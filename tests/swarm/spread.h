@@ -26,8 +26,11 @@ void addSpread(CLI::App&, Spread&, const std::string& piece);
 // Bytes that are no UTF-8 are replaced.
 std::string lineOf(const nlohmann::json&);
 
+// Adds the options of a program, and returns its work.
+using Prepare = std::function<std::function<int()>(CLI::App&)>;
+
 // A program of long work: reads its options, gives its processes a directory of their own, so that
 // what ends badly leaves nothing, and does the work. 2 after an error.
-int runSpread(CLI::App&, int count, char** values, const std::function<int()>& work);
+int runSpread(const char* name, const char* does, int count, char** values, const Prepare&);
 
 }  // namespace quil::swarm

@@ -142,20 +142,23 @@ int printTrace(uint64_t seed) {
 
 int main(int count, char** values) {
     using namespace quil::swarm;
-    Arguments arguments;
-    CLI::App app("Runs worlds by their seeds, judges them, and shrinks those that fail.",
-                 "./run swarm");
-    app.add_option("--seed", arguments.seed, "The first seed; alone, the only one");
-    app.add_option("--seeds", arguments.seeds, "How many (default: 1000)");
-    app.add_flag("--stats", arguments.stats, "Says how much was run, and how fast");
-    app.add_flag("--no-shrink", arguments.noShrink, "Leaves the worlds of findings as they are");
-    app.add_flag("--steps", arguments.steps, "Only prints the world of --seed");
-    app.add_flag("--trace", arguments.trace, "Prints all that happens in the world of --seed");
-    addSpread(app, arguments.spread, "seed");
-    return runSpread(app, count, values, [&] {
-        if (arguments.trace) return printTrace(arguments.seed);
-        if (!arguments.steps) return runWorlds(arguments);
-        printf("%s", describe(worldOf(arguments.seed)).c_str());
-        return 0;
+    const char* const kDoes =
+        "Runs worlds by their seeds, judges them, and shrinks those that fail.";
+    return quil::swarm::runSpread("./run swarm", kDoes, count, values, [](CLI::App& app) {
+        const auto arguments = std::make_shared<Arguments>();
+        app.add_option("--seed", arguments->seed, "The first seed; alone, the only one");
+        app.add_option("--seeds", arguments->seeds, "How many (default: 1000)");
+        app.add_flag("--stats", arguments->stats, "Says how much was run, and how fast");
+        app.add_flag("--no-shrink", arguments->noShrink,
+                     "Leaves the worlds of findings as they are");
+        app.add_flag("--steps", arguments->steps, "Only prints the world of --seed");
+        app.add_flag("--trace", arguments->trace, "Prints all that happens in the world of --seed");
+        addSpread(app, arguments->spread, "seed");
+        return [arguments] {
+            if (arguments->trace) return printTrace(arguments->seed);
+            if (!arguments->steps) return runWorlds(*arguments);
+            printf("%s", describe(worldOf(arguments->seed)).c_str());
+            return 0;
+        };
     });
 }

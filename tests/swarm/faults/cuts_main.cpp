@@ -256,17 +256,20 @@ int runAs(const Arguments& arguments) {
 
 int main(int count, char** values) {
     using namespace quil::faults;
-    Arguments arguments;
-    CLI::App app(
-        "Cuts the power at each event of each flow; the next boot has to mend what is left.",
-        "./run cuts");
-    app.add_option("--flow", arguments.flow, "Only this one");
-    app.add_flag("--smallest", arguments.smallest, "The smallest images, not the shipped sizes");
-    app.add_flag("--pairs", arguments.pairs, "A second cut in each boot that mends");
-    app.add_option("--samples", arguments.samples, "Pairs and triples that so many seeds draw");
-    app.add_option("--seed", arguments.seed, "The first of these seeds");
-    app.add_option("--only", arguments.only, "These cuts for real, as findings name them");
-    app.add_flag("--flows", arguments.flows, "Only prints the flows' names");
-    quil::swarm::addSpread(app, arguments.spread, "piece of the work");
-    return quil::swarm::runSpread(app, count, values, [&] { return runAs(arguments); });
+    const char* const kDoes =
+        "Cuts the power at each event of each flow; the next boot has to mend what is left.";
+    return quil::swarm::runSpread("./run cuts", kDoes, count, values, [](CLI::App& app) {
+        const auto arguments = std::make_shared<Arguments>();
+        app.add_option("--flow", arguments->flow, "Only this one");
+        app.add_flag("--smallest", arguments->smallest,
+                     "The smallest images, not the shipped sizes");
+        app.add_flag("--pairs", arguments->pairs, "A second cut in each boot that mends");
+        app.add_option("--samples", arguments->samples,
+                       "Pairs and triples that so many seeds draw");
+        app.add_option("--seed", arguments->seed, "The first of these seeds");
+        app.add_option("--only", arguments->only, "These cuts for real, as findings name them");
+        app.add_flag("--flows", arguments->flows, "Only prints the flows' names");
+        quil::swarm::addSpread(app, arguments->spread, "piece of the work");
+        return [arguments] { return runAs(*arguments); };
+    });
 }

@@ -219,16 +219,18 @@ int runAll(const Arguments& arguments) {
 
 int main(int count, char** values) {
     using namespace quil::faults;
-    Arguments arguments;
-    CLI::App app("Runs each flow once for each call in it and each way that the call can fail.",
-                 "./run faults");
-    app.add_option("--flow", arguments.flow, "Only this one");
-    app.add_option("--only", arguments.only, "One run, as findings name it");
-    app.add_flag("--flows", arguments.flows, "Only prints the flows' names");
-    quil::swarm::addSpread(app, arguments.spread, "run");
-    return quil::swarm::runSpread(app, count, values, [&] {
-        if (!arguments.flows) return runAll(arguments);
-        for (const Flow& flow : everyFlow()) puts(flow.name.c_str());
-        return 0;
+    const char* const kDoes =
+        "Runs each flow once for each call in it and each way that the call can fail.";
+    return quil::swarm::runSpread("./run faults", kDoes, count, values, [](CLI::App& app) {
+        const auto arguments = std::make_shared<Arguments>();
+        app.add_option("--flow", arguments->flow, "Only this one");
+        app.add_option("--only", arguments->only, "One run, as findings name it");
+        app.add_flag("--flows", arguments->flows, "Only prints the flows' names");
+        quil::swarm::addSpread(app, arguments->spread, "run");
+        return [arguments] {
+            if (!arguments->flows) return runAll(*arguments);
+            for (const Flow& flow : everyFlow()) puts(flow.name.c_str());
+            return 0;
+        };
     });
 }
