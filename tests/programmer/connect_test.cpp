@@ -2,8 +2,8 @@
 #include <unistd.h>
 
 #include "host/wire_frame.h"
-#include "tests/programmer/part_on_board.h"
 #include "testing/whole.h"
+#include "tests/programmer/part_on_board.h"
 
 namespace quil::tests {
 namespace {

@@ -3,8 +3,8 @@
 #include <filesystem>
 
 #include "board/core/whole_file.h"
-#include "tests/programmer/part_on_board.h"
 #include "testing/whole.h"
+#include "tests/programmer/part_on_board.h"
 
 namespace quil::tests {
 namespace {

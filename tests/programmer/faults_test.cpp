@@ -1,7 +1,7 @@
 // What a line and a part do to a session: eight faults, each alone and in all ordered pairs.
 #include "testing/project_files.h"
-#include "tests/programmer/part_on_board.h"
 #include "testing/whole.h"
+#include "tests/programmer/part_on_board.h"
 
 namespace quil::tests {
 namespace {

@@ -12,7 +12,7 @@ namespace {
 
 constexpr char kHost[] = "127.0.0.1";
 constexpr size_t kBodyMost = 16384, kThreads = 64;
-constexpr int kBeatMs = 500;  // how soon a reader that is gone is noticed
+constexpr int kBeatMs = 500;     // how soon a reader that is gone is noticed
 constexpr int kIdleSeconds = 1;  // of a connection, which the server's end waits for
 
 // Nothing but the page's own files, and no other page around it.
