@@ -355,4 +355,15 @@ void createBoardDirectory(const fs::path& dir, Product product, std::string_view
     board.finish();
 }
 
+void resetBoardDirectory(const fs::path& dir, Product product, Keeping keeping) {
+    DirectoryStore store(dir, keeping);
+    store.replace(kFormatFile, textOf({kBoardFormat, std::string(nameOf(product))}));
+    for (const std::string& folder : factoryFolders()) fs::create_directories(dir / folder);
+    for (const FactoryFile& file : factoryFiles(product)) {
+        if (file.name != kLockFile) store.replace(file.name, file.content());
+    }
+    for (const char* state : {"parts", "mcu/option_bytes"}) fs::remove(dir / state);
+    store.replace(kFormatFile, textOf(BoardFormat()));
+}
+
 }  // namespace quil::board

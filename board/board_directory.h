@@ -26,6 +26,11 @@ std::optional<Product> productOf(const std::filesystem::path& boardDirectory);
 void createBoardDirectory(const std::filesystem::path& dir, Product,
                           std::string_view flashedMcuVersion = "", Keeping = Keeping::kScratch);
 
+// Makes a board anew as it leaves the factory; files that no such board has stay, but for those of
+// its parts. For the directory's owner. Throws std::runtime_error when it cannot be written, or
+// leaves half a board, which a repair finishes.
+void resetBoardDirectory(const std::filesystem::path& dir, Product, Keeping);
+
 // What a board from the factory has.
 struct FactoryFile {
     std::string name;  // relative to the directory

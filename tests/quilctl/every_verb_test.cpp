@@ -165,7 +165,8 @@ TEST_F(QuilctlEveryVerb, RefusesTheOptionsOfABoardThatHaveNoEffectOnIt) {
     const BoardOptionCase options[] = {
         {{"--board", path("none")},
          {"board show", "board check", "board repair", "config check", "serve", "page", "status",
-          "monitor", "power cut", "power on", "fault add", "fault list", "fault clear"}},
+          "monitor", "board reset", "power cut", "power on", "fault add", "fault list",
+          "fault clear"}},
         {{"--product", "Kestrel"},
          {"board new", "board check", "board repair", "config check", "serve"}},
         {{"--trace", path("t.txt")}, {}},

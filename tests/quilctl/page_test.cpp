@@ -99,7 +99,8 @@ TEST(QuilctlPageGate, RefusesOtherMethodsAndFormsOfOtherPages) {
 TEST(QuilctlPageCommand, IsOneOfTheTableInItsJsonForm) {
     const auto get = tools::pageCommandIn(R"({"words":["get","0x102","--data","0A"]})");
     ASSERT_TRUE(get);
-    EXPECT_THAT(get->words, ElementsAre("--json", "get", "0x102", "--data", "0A"));
+    EXPECT_THAT(get->words,
+                ElementsAre("--json", "--progress", "json", "get", "0x102", "--data", "0A"));
     EXPECT_FALSE(get->atOnce);
     EXPECT_TRUE(tools::pageCommandIn(R"({"words":["power","cut"]})")->atOnce);
     EXPECT_TRUE(tools::pageCommandIn(R"({"words":["commands","list"]})")->isLocal);

@@ -214,4 +214,88 @@ TEST_F(QuilctlScreen, FactorysPartitionIsWithoutDamage) {
     EXPECT_THAT(said.out, StartsWith(" #  offset"));
 }
 
+// The factory's partition, which has blocks of each kind.
+TEST_F(QuilctlScreen, WhatIsExtractedIsBuiltAgainByteForByte) {
+    const std::string screen = newBoard() + "/rootfs/dev/block/by-name/screen";
+    const Said said = quilctl({"screen", "extract", screen, path("blocks")});
+    EXPECT_EQ(said.code, tools::kOk);
+    EXPECT_EQ(said.out, path("blocks") + ": 17 files of 163425 bytes\n");
+    EXPECT_TRUE(fs::exists(directory / "blocks/13-10400000.bin"));
+    EXPECT_EQ(quilctl({"screen", "build", path("blocks"), file}).code, tools::kOk);
+    EXPECT_EQ(read(file), read(screen));
+}
+
+TEST_F(QuilctlScreen, SixtyBlocksOfOneAddressKeepTheirOrder) {
+    std::string content = word(60);
+    for (char i = 0; i < 60; ++i) content += block(0x10300000, std::string(1, i));
+    write(file, content);
+    EXPECT_EQ(quilctl({"screen", "extract", file, path("blocks")}).code, tools::kOk);
+    EXPECT_EQ(quilctl({"screen", "build", path("blocks"), path("again")}).code, tools::kOk);
+    EXPECT_EQ(read(path("again")), content);
+}
+
+TEST_F(QuilctlScreen, ExtractMixesNoTwoPartitionsAndTakesNoDamagedOne) {
+    write(file, word(1) + block(0x10300000, "data"));
+    const std::string folder = blocks({{"00-10300000.bin", "same"}});
+    EXPECT_EQ(quilctl({"screen", "extract", file, folder}).code, tools::kOk);
+    blocks({{"01-10300000.bin", "other"}});
+    EXPECT_EQ(quilctl({"screen", "extract", file, folder}).code, tools::kNotWritten);
+    fs::remove_all(folder);
+    write(file, word(2) + block(0x10300000, "data"));
+    const Said said = quilctl({"screen", "extract", file, path("blocks")});
+    EXPECT_EQ(said.code, tools::kBadData);
+    EXPECT_FALSE(fs::exists(directory / "blocks"));
+}
+
+TEST_F(QuilctlScreen, ShowDrawsCardsAndCurvesOnATerminal) {
+    std::string topology(5120, '\0'), gamma(0x20800, '\0');
+    topology[3] = 3;
+    for (size_t i = 1024; i < 2048; ++i) gamma[0x10000 + i] = '\xff';
+    write(file, word(3) + block(0x10018000, topology) + block(0x10B00000, std::string(32, 't')) +
+                    block(0x10400000, gamma));
+    std::istringstream in;
+    std::ostringstream out, err;
+    exitCodeOf(tools::kBoardProgram, {"screen", "show", file},
+               {in, out, err, {.isTerminal = true, .columns = 80}});
+    EXPECT_THAT(out.str(), HasSubstr("0x10B00000  ■■□  3 cards\n"));
+    std::string low, half;
+    for (int i = 0; i < 64; ++i) {
+        low += "▁";
+        half += i < 32 ? "▁" : "█";
+    }
+    EXPECT_THAT(out.str(), HasSubstr("0x10400000  " + low + "\n0x10410000  " + half + "\n"));
+}
+
+TEST_F(QuilctlScreen, PictureHasEachBlockAndIsWrittenAsSvgAndAsPixels) {
+    const std::string screen = newBoard() + "/rootfs/dev/block/by-name/screen";
+    const std::string svg = path("screen.svg"), png = path("screen.png");
+    const Said said = quilctl({"--json", "screen", "show", screen, "--svg", svg, "--png", png});
+    EXPECT_EQ(said.code, tools::kOk) << said.err;
+    EXPECT_EQ(resultOf(said)["files"], (std::vector<std::string>{svg, png}));
+    EXPECT_THAT(read(png), StartsWith("\x89PNG\r\n"));
+    const std::string drawn = read(svg);
+    EXPECT_THAT(drawn, StartsWith("<svg xmlns"));
+    EXPECT_THAT(drawn, HasSubstr("10 cards"));
+    for (const auto& block : resultOf(said)["blocks"]) {
+        EXPECT_THAT(drawn, HasSubstr("data-address=\"" + block["address"].dump() + "\""));
+    }
+}
+
+TEST_F(QuilctlScreen, PictureThatCannotBeWrittenIsAFailure) {
+    const std::string screen = newBoard() + "/rootfs/dev/block/by-name/screen";
+    for (const char* form : {"--svg", "--png"}) {
+        const Said said = quilctl({"screen", "show", screen, form, path("none") + "/file"});
+        EXPECT_EQ(said.code, tools::kNotWritten) << form;
+    }
+}
+
+// However long a chain is that a partition names, its picture stays small.
+TEST_F(QuilctlScreen, PictureOfTheLongestTopologyIsDrawnInPart) {
+    std::string topology(5120, '\xff');
+    write(file, word(2) + block(0x10018000, topology) + block(0x10B00000, "t"));
+    EXPECT_EQ(quilctl({"screen", "show", file, "--svg", path("screen.svg")}).code, tools::kOk);
+    EXPECT_LT(fs::file_size(path("screen.svg")), 100000U);
+    EXPECT_THAT(read(path("screen.svg")), HasSubstr("65535 cards, 65535 of other blocks' data"));
+}
+
 }  // namespace quil::tests

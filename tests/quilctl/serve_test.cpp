@@ -204,6 +204,20 @@ TEST_F(QuilctlServe, PowerCutInTheMiddleOfAnUpdateEndsItAndTheNextOneMendsTheBoa
     EXPECT_EQ(on({"boot", "--update-fpga"}).code, tools::kOk);
 }
 
+TEST_F(QuilctlServe, ResetMakesTheBoardAsItLeavesTheFactoryAndPowersIt) {
+    board = newBoard();
+    board::replaceWholeFile(board + "/parts", "rtc = faulty\n", false);
+    board::replaceWholeFile(board + "/mcu/flash", "no image", false);
+    board::replaceWholeFile(board + "/rootfs/own", "stays", false);
+    start();
+    EXPECT_EQ(on({"set", "0x102", "0A"}).code, tools::kFailed);
+    EXPECT_EQ(on({"board", "reset"}).out, "the board is as it leaves the factory; power on\n");
+    EXPECT_EQ(on({"get", "1"}).out, "56 31 2E 30 2E 30\n");
+    EXPECT_EQ(on({"self-test"}).code, tools::kOk);
+    EXPECT_EQ(board::readWholeFile(board + "/rootfs/own"), "stays");
+    EXPECT_TRUE(board::formatOf(board).unfinished.empty());
+}
+
 TEST_F(QuilctlServe, BrokenPartStaysBrokenUntilItIsMended) {
     serve();
     EXPECT_EQ(on({"fault", "add", "link", "rtc"}).out, "broken: link rtc\n");

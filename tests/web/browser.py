@@ -50,7 +50,7 @@ def picture_of(browser, element, file):
         "return {x: box.x + scrollX, y: box.y + scrollY, width: box.width, height: box.height}",
         element)
     shot = browser.execute_cdp_cmd("Page.captureScreenshot", {
-        "format": "png", "captureBeyondViewport": True, "clip": {**box, "scale": 1}})
+        "format": "webp", "quality": 50, "captureBeyondViewport": True, "clip": {**box, "scale": 1}})
     file.parent.mkdir(parents=True, exist_ok=True)
     file.write_bytes(base64.b64decode(shot["data"]))
 

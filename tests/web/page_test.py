@@ -8,10 +8,37 @@ import unittest
 
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
-from selenium.webdriver.support.ui import WebDriverWait
+from selenium.webdriver.support.ui import Select, WebDriverWait
 
 import browser as web
 
+# Texts whose contrast with what is behind them is below 4.5 to 1.
+FAINT_TEXTS = """
+const parts = colour => colour.match(/[\\d.]+/g).map(Number);
+const linear = value => value <= 10 ? value / 3294 : ((value / 255 + 0.055) / 1.055) ** 2.4;
+const light = colour => {
+  const [red, green, blue] = parts(colour).map(linear);
+  return 0.2126 * red + 0.7152 * green + 0.0722 * blue + 0.05;
+};
+const behind = one => {
+  for (; one; one = one.parentElement) {
+    const shape = one.id.startsWith("part-") && one.querySelector("rect");
+    if (shape) return getComputedStyle(shape).fill;
+    const colour = getComputedStyle(one).backgroundColor;
+    if (parts(colour)[3] !== 0) return colour;
+  }
+};
+const found = [];
+for (const one of document.body.querySelectorAll("*")) {
+  const text = [...one.childNodes].filter(node => node.nodeType === Node.TEXT_NODE)
+    .map(node => node.textContent.trim()).join("");
+  if (!text || !one.getClientRects().length || one.tagName === "OPTION") continue;
+  const style = getComputedStyle(one);
+  const [a, b] = [light(one.tagName === "text" ? style.fill : style.color), light(behind(one))];
+  if (Math.max(a, b) / Math.min(a, b) < 4.5) found.push(text);
+}
+return found;
+"""
 WIDTHS = (400, 1000, 2000)
 OPTIONS = argparse.Namespace(quilctl="quilctl", pictures=None)
 
@@ -41,7 +68,7 @@ class WebTest(unittest.TestCase):
         found = self.browser.get_log("browser")
         asked = self.browser.execute_script(
             "return performance.getEntriesByType('resource').map(one => one.name)"
-            ".filter(name => !name.startsWith(location.origin + '/'))")
+            ".filter(name => !name.startsWith(location.origin + '/') && !name.startsWith('data:'))")
         self.browser.get("about:blank")
         self.assertEqual(found, [], "what the page said on its console")
         self.assertEqual(asked, [], "what the page asked for elsewhere")
@@ -78,14 +105,14 @@ class WebTest(unittest.TestCase):
     def part(self, name):
         return f"#part-{name} .state"
 
-    def take_pictures(self, name, selector):
+    def take_pictures(self, name, selector, scheme="light", widths=WIDTHS):
         if OPTIONS.pictures is None:
             return
-        for width in WIDTHS:
-            web.show_as(self.browser, width)
+        for width in widths:
+            web.show_as(self.browser, width, scheme=scheme)
             self.settle()
             web.picture_of(self.browser, self.find(selector),
-                           OPTIONS.pictures / f"{name}-{width}.png")
+                           OPTIONS.pictures / f"{name}-{width}.webp")
         web.show_as(self.browser, 1000)
 
     def settle(self):
@@ -169,12 +196,92 @@ class Page(WebTest):
         self.wait_for("the verdict", lambda: "RTC Error" in self.do(
             "run the self-test", "self-test --break rtc"))
 
+    def test_reset_makes_the_board_as_it_leaves_the_factory(self):
+        self.board.install_older_mcu()
+        self.serve("max")
+        self.wait_for_text(self.part("mcu"), "application V0.9.0")
+        self.press("reset to factory")
+        self.browser.switch_to.alert.accept()
+        self.wait_for_text(self.part("mcu"), "application V1.0.0")
+
+    def test_log_of_the_library_comes_with_a_command_that_asks_for_it(self):
+        self.serve("max")
+        self.assertNotIn("D/quil", self.do("get", "get version"))
+        Select(self.find("#log-level")).select_by_value("D")
+        self.assertIn("D/quil", self.do("get", "get version --log-level D"))
+
+    def test_all_that_is_broken_is_mended_at_once(self):
+        self.serve("max")
+        for name in ("link", "rtc"):
+            self.find(f"#faults input[name={name}]").click()
+        self.wait_for("both broken", lambda: self.board.status()["broken"] == ["link", "rtc"])
+        self.do("mend all", "fault clear")
+        self.wait_for("none broken", lambda: self.board.status()["broken"] == [])
+
+    def test_shows_the_configuration_that_the_library_has_read(self):
+        self.serve("max")
+        self.wait_for_text("#configuration", "/vendor/firmware/fpga_Heron.bin")
+
+    def test_keyboard_alone_reaches_a_button_and_runs_its_command(self):
+        self.serve("max")
+        self.find("#request [value=get]").send_keys(Keys.TAB, Keys.TAB)
+        self.assertEqual(self.browser.switch_to.active_element.text, "boot")
+        self.browser.switch_to.active_element.send_keys(Keys.ENTER)
+        self.wait_for_text("#said", "> boot\n")
+
+    def test_texts_stand_out_in_dark_and_in_light(self):
+        self.serve("max")
+        self.find("#faults input[name=link]").click()
+        self.wait_for_text(self.part("network"), "broken: link")
+        for scheme in ("light", "dark"):
+            web.show_as(self.browser, 1000, scheme=scheme)
+            faint = self.browser.execute_script(FAINT_TEXTS)
+            self.assertEqual(faint, [], scheme)
+        self.take_pictures("dark", "main", scheme="dark", widths=WIDTHS[1:2])
+
     def test_narrow_page_has_nothing_beside_it(self):
         self.serve("max")
         for width in WIDTHS:
             web.show_as(self.browser, width)
             self.assertLessEqual(self.browser.execute_script(
                 "return document.documentElement.scrollWidth"), width)
+
+
+class Report(WebTest):
+    def show(self, *words, check=True):
+        """The report of a command, opened with nobody to be asked; how long that took."""
+        file = self.board.file("report.html")
+        self.board.run("--quiet", *words, "--report", file, check=check)
+        self.size = file.stat().st_size
+        self.open(file.as_uri())
+        return self.browser.execute_script(
+            "return performance.getEntriesByType('navigation')[0].domComplete")
+
+    def test_boot_with_both_updates_is_small_and_opens_within_a_second(self):
+        self.board.install_older_mcu()
+        took = self.show("boot", "--update-fpga")
+        self.assertLess(self.size, 2e6)
+        self.assertLess(took, 1000)
+        for part, state in (("mcu", "application V1.0.0"), ("fpga", "V2.1.0")):
+            self.assertIn(state, self.text(self.part(part)))
+        self.assertIn("FPGA flash erased", self.text("#result"))
+        self.assertIn("yes, ", self.text("#screen"))
+        self.take_pictures("report", "body")
+        print(f"  a report of {self.size} bytes opened in {took:.0f} ms")
+
+    def test_product_file_that_names_a_script_does_not_run_it(self):
+        product = self.board.path / "rootfs/vendor/etc/product.ini"
+        script = "</script><script>document.title='run'</script><img src=x onerror=alert(1)>"
+        product.write_text(product.read_text().replace(
+            "fpga_fw_version = V2.1.0", f"fpga_fw_version = {script}").replace(
+            "fpga_fw_version=V2.1.0", f"fpga_fw_version={script}"))
+        self.assertIn(script, product.read_text())
+        self.show("--log-level", "D", "boot", check=False)
+        self.assertIn("boot", self.browser.title)
+        self.assertEqual(self.browser.find_elements(By.TAG_NAME, "img"), [])
+        found = self.browser.execute_script(
+            "return workbench.timeline.events.filter(one => one.text.includes('<script>')).length")
+        self.assertGreater(found, 0)
 
 
 def main():

@@ -318,6 +318,10 @@ int runAndPrint(const Program& program, int argc, const char* const* argv, const
         result.json.clear();
     }
     failures.insert(failures.end(), late.begin(), late.end());
+    if (cli.conclude) {
+        const auto more = failuresOf([&] { cli.conclude(result, failures); });
+        failures.insert(failures.end(), more.begin(), more.end());
+    }
     return print({stream(), report, asJson}, wordsOf(reached(app)), result, failures);
 }
 

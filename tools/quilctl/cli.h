@@ -22,6 +22,7 @@ class App;
 namespace quil::tools {
 
 class ServiceSession;
+struct Recording;
 
 inline constexpr char kVersion[] = "1.0.0", kReleased[] = "2026-11-22";
 
@@ -81,6 +82,7 @@ struct Options {
     unsigned given = 0;       // those of BoardOption that stand on the command line
     std::string commandLine;  // as typed, to be typed again
     std::string progress;
+    std::shared_ptr<Recording> recording;  // of the board, for a report; null: nobody asks
 };
 
 // What the parser leaves behind: the options, and what the chosen command will do.
@@ -89,7 +91,9 @@ struct Cli {
     Console console;
     std::unique_ptr<ServiceSession> (*connect)(const Cli& cli);  // throws std::runtime_error
     std::function<void(Result&)> action;                         // throws Failure
-    unsigned boardOptions = kAllBoardOptions;                    // with an effect on the action
+    // What is left to do when all is known but the exit code. Throws Failure.
+    std::function<void(const Result&, const std::vector<Failure>&)> conclude = {};
+    unsigned boardOptions = kAllBoardOptions;  // with an effect on the action
     Place place = Place::kInTurn;
     std::string directory = {};  // the board's, when an argument of the command names it
 };

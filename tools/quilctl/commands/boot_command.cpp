@@ -6,6 +6,7 @@
 #include "tools/quilctl/session/boot_stages.h"
 #include "tools/quilctl/session/bring_up_faults.h"
 #include "tools/quilctl/session/fpga_status.h"
+#include "tools/quilctl/session/recording.h"
 #include "tools/quilctl/session/stage_advice.h"
 
 namespace quil::tools {
@@ -89,6 +90,7 @@ void addBootCommand(CLI::App& app, Cli& cli) {
     command.add_flag("--update-fpga", arguments.updatesFpga, "Ask for the FPGA's new image first");
     command.add_flag("--as-is", arguments.asIs, "Ask for it even if the image cannot be used");
     addFaultOption(command, arguments.faults);
+    addReportOption(command, cli);
 }
 
 }  // namespace quil::tools

@@ -14,6 +14,7 @@
 #include "tools/quilctl/files/self_test_record.h"
 #include "tools/quilctl/programming/programming_watch.h"
 #include "tools/quilctl/session/client.h"
+#include "tools/quilctl/session/recording.h"
 #include "tools/quilctl/session/self_test.h"
 
 namespace quil::tools {
@@ -251,10 +252,12 @@ void demo(const Cli& cli, Result& result) {
 }  // namespace
 
 void addDemoCommand(CLI::App& app, Cli& cli) {
-    addVerb(app, cli,
-            {"demo", "Power a board and send it requests",
-             "Example: quilctl --product Kestrel --trace demo.vcd demo"},
-            demo);
+    CLI::App& command =
+        addVerb(app, cli,
+                {"demo", "Power a board and send it requests",
+                 "Example: quilctl --product Kestrel --trace demo.vcd demo --report demo.html"},
+                demo);
+    addReportOption(command, cli);
 }
 
 }  // namespace quil::tools

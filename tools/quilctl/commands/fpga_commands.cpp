@@ -5,6 +5,7 @@
 #include "tools/quilctl/session/boot_stages.h"
 #include "tools/quilctl/session/bring_up_faults.h"
 #include "tools/quilctl/session/fpga_status.h"
+#include "tools/quilctl/session/recording.h"
 
 namespace quil::tools {
 namespace {
@@ -50,6 +51,7 @@ void addLoad(CLI::App& fpga, Cli& cli) {
                                                "         quilctl fpga load --fault ddr,link"},
                                               load);
     addFaultOption(command, arguments.faults);
+    addReportOption(command, cli);
 }
 
 }  // namespace

@@ -9,6 +9,7 @@
 #include "tools/quilctl/programming/contract_checks.h"
 #include "tools/quilctl/programming/programming_run.h"
 #include "tools/quilctl/session/mcu_link.h"
+#include "tools/quilctl/session/recording.h"
 
 namespace quil::tools {
 namespace {
@@ -107,6 +108,7 @@ void addUpdate(CLI::App& mcu, Cli& cli) {
                     "Let the MCU have an image of this version before")
         ->check(versionText());
     command.add_flag("--as-is", arguments.asIs, "Also an image that does not suit the flow");
+    addReportOption(command, cli);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "tools/quilctl/programming/port_arguments.h"
 #include "tools/quilctl/programming/programming_run.h"
 #include "tools/quilctl/programming/task_answers.h"
+#include "tools/quilctl/session/recording.h"
 
 namespace quil::tools {
 namespace {
@@ -244,6 +245,7 @@ void addProgram(CLI::App& mcu, Cli& cli) {
     command.add_flag("--as-is", arguments.asIs,
                      "Also another part, or an image that does not suit the flow");
     command.add_option("FILE", arguments.file, "The image")->required()->check(regularFile());
+    addReportOption(command, cli);
 }
 
 void addTask(CLI::App& mcu, Cli& cli) {

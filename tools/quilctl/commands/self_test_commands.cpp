@@ -5,6 +5,7 @@
 
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/self_test_record.h"
+#include "tools/quilctl/session/recording.h"
 #include "tools/quilctl/session/self_test.h"
 
 namespace quil::tools {
@@ -85,6 +86,7 @@ void addSelfTestCommands(CLI::App& app, Cli& cli) {
         ->delimiter(',')
         ->type_name("PART")
         ->check(partName());
+    addReportOption(command, cli);
 }
 
 }  // namespace quil::tools

@@ -3,11 +3,10 @@
 
 #include <algorithm>
 
-#include "board/core/lock.h"
 #include "tools/quilctl/commands/verb.h"
-#include "tools/quilctl/output/values.h"
 #include "tools/quilctl/serve/served_board.h"
 #include "tools/quilctl/session/bring_up_faults.h"
+#include "tools/quilctl/session/recording.h"
 
 namespace quil::tools {
 namespace {
@@ -36,6 +35,12 @@ void switchOn(const Cli& /*cli*/, Result& result) {
     result.text << (wasOn ? "the power is on already\n" : "power on\n");
 }
 
+void resetBoard(const Cli& /*cli*/, Result& result) {
+    served().resetToFactory();
+    result.json["power"] = "on";
+    result.text << "the board is as it leaves the factory; power on\n";
+}
+
 struct FaultArguments {
     std::vector<std::string> names;
 };
@@ -60,22 +65,8 @@ void clearFaults(const Cli& /*cli*/, const FaultArguments& arguments, Result& re
     addBroken(result);
 }
 
-Json servedState(board::Board& board) {
-    const board::Guard guard(board::boardLock());
-    board::McuChip& mcu = board.mcuChip();
-    const board::Fpga& fpga = board.fpga();
-    return {{"power", board.powerIsCut() ? "off" : "on"},
-            {"board_seconds", secondsOf(board.now())},
-            {"mcu", {{"state", nameOf(mcu.state())}, {"version", mcu.version()}}},
-            {"fpga",
-             {{"configured", fpga.isConfigured()},
-              {"version", fpga.isConfigured() ? fpga.version() : ""}}},
-            {"link", board.phy().isLinkUp() ? "up" : "down"},
-            {"violations", board.violations()}};
-}
-
 void showServedStatus(const Cli& /*cli*/, Result& result) {
-    served().use([&](board::Board& board) { result.json = servedState(board); });
+    served().use([&](board::Board& board) { result.json = stateOf(board); });
     result.json["broken"] = served().broken();
     result.json["command"] = served().command();
     const Json& found = result.json;
@@ -146,6 +137,13 @@ void addServedCommands(CLI::App& app, Cli& cli) {
             {"on", "Switch a served board on again", "Example: quilctl --board my-board power on",
              kBoardOption, Place::kTurned},
             switchOn);
+    addVerb(*app.get_subcommand("board"), cli,
+            {"reset", "Make a served board as it leaves the factory",
+             "All that it kept is lost: firmware, values, properties, what is wrong with parts.\n"
+             "Files that no board from the factory has stay. It is powered anew.\n"
+             "Example: quilctl --board my-board board reset",
+             kBoardOption, Place::kTurned},
+            resetBoard);
     addFaultCommands(app, cli);
     addVerb(app, cli,
             {"status", "Print the state of a served board, also in the middle of a command",

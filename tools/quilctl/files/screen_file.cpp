@@ -218,6 +218,22 @@ ScreenFile readScreenFile(std::span<const uint8_t> bytes) {
     return file;
 }
 
+Json jsonOf(const ScreenFile& file) {
+    Json json = {{"count", file.count}, {"size", file.size}, {"blocks", Json::array()}};
+    for (const ScreenFileBlock& block : file.blocks) {
+        json["blocks"].push_back({{"offset", block.offset},
+                                  {"address", block.address},
+                                  {"length", block.data.size()},
+                                  {"kind", block.kind},
+                                  {"sent", block.sent},
+                                  {"remark", block.remark}});
+    }
+    if (file.damage) {
+        json["damage"] = {{"offset", file.damage->offset}, {"reason", file.damage->reason}};
+    }
+    return json;
+}
+
 Bytes buildScreenFile(const std::vector<ScreenFilePart>& parts) {
     if (parts.empty()) throw std::runtime_error("there are no blocks");
     if (parts.size() > kScreenBlocksMax) {

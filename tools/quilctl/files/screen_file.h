@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "tools/quilctl/output/result.h"
 #include "tools/quilctl/output/values.h"
 
 namespace quil::tools {
@@ -47,6 +48,8 @@ struct ScreenFile {
 
 // The blocks refer to `bytes`.
 ScreenFile readScreenFile(std::span<const uint8_t> bytes);
+
+Json jsonOf(const ScreenFile& file);
 
 // What one block file becomes; the partition is these, in order.
 struct ScreenFilePart {

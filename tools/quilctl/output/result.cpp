@@ -62,6 +62,7 @@ void Result::show() {
     if (mLive == nullptr) return;
     *mLive << text.str();
     mLive->flush();
+    mShown += text.str();
     text.str("");
 }
 

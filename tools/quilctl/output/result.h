@@ -48,9 +48,11 @@ class Result {
     void show();
     // Where show() prints; null, as at first, when the text is not wanted.
     void showOn(std::ostream* live) { mLive = live; }
+    std::string whole() const { return mShown + text.str(); }  // all text, also what was shown
 
   private:
     std::ostream* mLive = nullptr;
+    std::string mShown = {};
 };
 
 class Reporter;

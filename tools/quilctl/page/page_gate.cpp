@@ -39,29 +39,19 @@ struct PageCommandRow {
     bool atOnce;
     bool isLocal;
 };
-constexpr std::array<PageCommandRow, 18> kPageCommands = {{
-    {"status", true, false},
-    {"power cut", true, false},
-    {"fault add", true, false},
-    {"fault list", true, false},
-    {"fault clear", true, false},
-    {"power on", false, false},
-    {"power low", false, false},
-    {"power normal", false, false},
-    {"get", false, false},
-    {"set", false, false},
-    {"self-test", false, false},
-    {"boot", false, false},
-    {"mcu update", false, false},
-    {"mcu version", false, false},
-    {"fpga load", false, false},
-    {"fpga status", false, false},
-    {"config show", false, false},
+constexpr std::array<PageCommandRow, 19> kPageCommands = {{
+    {"status", true, false},        {"power cut", true, false},    {"fault add", true, false},
+    {"fault list", true, false},    {"fault clear", true, false},  {"power on", false, false},
+    {"board reset", false, false},  {"power low", false, false},   {"power normal", false, false},
+    {"get", false, false},          {"set", false, false},         {"self-test", false, false},
+    {"boot", false, false},         {"mcu update", false, false},  {"mcu version", false, false},
+    {"fpga load", false, false},    {"fpga status", false, false}, {"config show", false, false},
     {"commands list", false, true},
 }};
 
 bool isAllowedOption(const std::string& word) {
-    static const std::set<std::string> allowed = {"--data", "--break", "--fault", "--update-fpga"};
+    static const std::set<std::string> allowed = {"--data", "--break", "--fault", "--update-fpga",
+                                                  "--log-level"};
     return word.empty() || word.front() != '-' || allowed.count(word) != 0;
 }
 
@@ -129,7 +119,7 @@ std::optional<PageCommand> pageCommandIn(const std::string& body) {
     if (row == nullptr) return std::nullopt;
     command.atOnce = row->atOnce;
     command.isLocal = row->isLocal;
-    command.words.insert(command.words.begin(), "--json");
+    command.words.insert(command.words.begin(), {"--json", "--progress", "json"});
     return command;
 }
 

@@ -3,8 +3,11 @@
 #include <memory>
 #include <sstream>
 
+#include "board/core/bytes.h"
+#include "board/core/whole_file.h"
 #include "tools/quilctl/cli.h"
 #include "tools/quilctl/page/page_files.h"
+#include "tools/quilctl/page/report.h"
 #include "tools/quilctl/serve/board_socket.h"
 
 namespace quil::tools {
@@ -37,10 +40,6 @@ void refuse(httplib::Response& response, int status, const std::string& why) {
     response.set_content(why + "\n", "text/plain; charset=utf-8");
 }
 
-std::string textIn(const Json& answer, const char* stream) {
-    return answer.contains(stream) ? bytesIn(answer.at(stream)) : "";
-}
-
 // A command that needs no board, here.
 Json runHere(const std::vector<std::string>& words) {
     std::vector<const char*> argv = {"quilctl"};
@@ -51,25 +50,17 @@ Json runHere(const std::vector<std::string>& words) {
     return {{"exit", code}, {"out", jsonOfBytes(out.str())}, {"err", jsonOfBytes(err.str())}};
 }
 
-Json runOnBoard(const std::string& directory, const PageCommand& command) {
-    auto server = ServerConnection::to(directory);
-    if (!server) throw Failure(kNoBoard, "the board is not served any more");
-    server->send(
-        {.words = command.words, .folder = "/", .board = directory, .atOnce = command.atOnce});
-    std::string out, err;
-    for (auto answer = server->receive("while the board was at work"); answer;
-         answer = server->receive("while the board was at work")) {
-        out += textIn(*answer, "out");
-        err += textIn(*answer, "err") + textIn(*answer, "error");
-        if (!answer->contains("exit")) continue;
-        return {{"exit", answer->at("exit")}, {"out", jsonOfBytes(out)}, {"err", jsonOfBytes(err)}};
-    }
-    throw Failure(kNoBoard, "the board's server has ended in the middle of the command " + err);
-}
-
 void answer(httplib::Response& response, const Json& document) {
     response.set_content(protocolLine(document), "application/json");
 }
+
+std::shared_ptr<ServerConnection> connectionTo(const std::string& directory) {
+    auto server = ServerConnection::to(directory);
+    if (!server) throw Failure(kNoBoard, "the board is not served any more");
+    return std::make_shared<ServerConnection>(std::move(*server));
+}
+
+bool isLast(const Json& line) { return line.contains("exit") || line.contains("error"); }
 
 }  // namespace
 
@@ -124,21 +115,35 @@ void PageServer::addRoutes() {
     mServer.Get("/events", [this](const auto& /*request*/, auto& response) { stream(response); });
 }
 
+// What the board's server says, as it comes: a line each.
 void PageServer::run(const httplib::Request& request, httplib::Response& response) const {
     const auto command = pageCommandIn(request.body);
     if (!command) return refuse(response, 400, "the page runs no such command");
+    if (command->isLocal) return answer(response, runHere(command->words));
     try {
-        answer(response,
-               command->isLocal ? runHere(command->words) : runOnBoard(mDirectory, *command));
+        const auto server = connectionTo(mDirectory);
+        server->send({.words = command->words,
+                      .folder = "/",
+                      .board = mDirectory,
+                      .atOnce = command->atOnce});
+        response.set_chunked_content_provider(
+            "application/x-ndjson", [this, server](size_t /*offset*/, httplib::DataSink& sink) {
+                const auto line = mEnds ? std::nullopt : server->receiveFor(kBeatMs);
+                if (!line) return false;
+                const std::string text = line->empty() ? "\n" : protocolLine(*line);
+                const bool isRead = sink.write(text.data(), text.size());
+                if (isLast(*line)) sink.done();
+                return isRead;
+            });
     } catch (const Failure& failure) {
         refuse(response, 503, failure.what());
     }
 }
 
 void PageServer::showScreen(httplib::Response& response) const {
-    const Json shown =
-        runHere({"--json", "screen", "show", mDirectory + "/rootfs/dev/block/by-name/screen"});
-    response.set_content(bytesIn(shown.at("out")), "application/json");
+    const auto content = board::readWholeFile(mDirectory + "/rootfs/dev/block/by-name/screen");
+    if (!content) return refuse(response, 404, "there is no screen partition");
+    answer(response, shownScreenOf(board::bytesOf(*content)));
 }
 
 // A reader that is slow holds up its own thread alone; the board's server counts what it misses.
@@ -149,17 +154,12 @@ void PageServer::stream(httplib::Response& response) {
     }
     const auto leave = [this](bool /*success*/) { --mReaders; };
     try {
-        auto server = ServerConnection::to(mDirectory);
-        if (!server) throw Failure(kNoBoard, "the board is not served any more");
-        server->send(
-            {.kind = Request::Kind::kWatch,
-             .kinds = {"power", "request", "frame", "uart-tx", "uart-rx", "spi", "gpio", "flash",
-                       "shell", "mcu", "probe", "vendor", "log", "fault", "violation"}});
-        const auto shared = std::make_shared<ServerConnection>(std::move(*server));
+        const auto server = connectionTo(mDirectory);
+        server->send({.kind = Request::Kind::kWatch, .kinds = shownKinds()});
         response.set_chunked_content_provider(
             "text/event-stream",
-            [this, shared](size_t /*offset*/, httplib::DataSink& sink) {
-                const auto line = mEnds ? std::nullopt : shared->receiveFor(kBeatMs);
+            [this, server](size_t /*offset*/, httplib::DataSink& sink) {
+                const auto line = mEnds ? std::nullopt : server->receiveFor(kBeatMs);
                 if (!line) return false;
                 const std::string text =
                     line->empty() ? ":\n\n" : "data: " + protocolLine(*line) + "\n";

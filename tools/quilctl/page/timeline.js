@@ -1,7 +1,7 @@
 // The timeline: a lane for each kind of event, on a canvas.
 "use strict";
 
-const kLanes = ["request", "frame", "uart", "spi", "gpio", "flash", "shell", "mcu", "probe", "vendor",
+const kLanes = ["stage", "request", "frame", "uart", "spi", "gpio", "flash", "shell", "mcu", "probe", "vendor",
   "log", "fault", "other"];
 const kLaneOf = {"uart-tx": "uart", "uart-rx": "uart", violation: "fault", power: "other"};
 const kMost = 50000, kLaneHeight = 24, kLeft = 74;
@@ -26,9 +26,9 @@ class Timeline {
     event.t = this.offset + event.at;
     event.lane = kLaneOf[event.kind] || event.kind;
     if (!kLanes.includes(event.lane)) event.lane = "other";
-    event.until = event.t;
+    event.until = this.offset + (event.until || event.at);
     if (event.kind === "frame" && event.text.startsWith("answer")) this.pair(event);
-    this.last = Math.max(this.last, event.t);
+    this.last = Math.max(this.last, event.until);
     this.events.push(event);
     if (this.events.length > kMost) {
       this.events.splice(0, kMost / 10);
@@ -36,6 +36,12 @@ class Timeline {
     }
     if (this.follows) this.showAll();
     this.drawSoon();
+  }
+
+  // A stage of a start-up, once it has ended.
+  addStage({stage, from, took, ok, said}) {
+    this.add({at: from, until: from + took, kind: "stage", source: stage,
+      text: `${ok ? "ok" : "FAILED"} ${said}`, bytes: [], label: stage, hasFailed: !ok});
   }
 
   // A request's frame lasts until its answer, which has the same label.
@@ -149,9 +155,18 @@ class Timeline {
     const y = kLanes.indexOf(event.lane) * kLaneHeight + 4;
     const left = this.x(event.t), wide = Math.max(2, this.x(event.until) - left);
     pen.globalAlpha = this.matches(event) ? 1 : 0.15;
-    pen.fillStyle = colour(isChosen ? "mark" : event.lane === "fault" ? "broken" : "active");
-    pen.fillRect(left, y, wide, isChosen ? 17 : 14);
+    const isBad = event.lane === "fault" || event.hasFailed;
+    pen.fillStyle = colour(isChosen ? "mark" : isBad ? "broken" : "active");
+    pen.fillRect(left, y, event.label ? wide - 1 : wide, isChosen ? 17 : 14);
+    if (event.label) this.drawLabel(pen, colour, event.label, left, y, wide);
     pen.globalAlpha = 1;
+  }
+
+  drawLabel(pen, colour, label, left, y, wide) {
+    const from = Math.max(left, kLeft) + 4;
+    if (pen.measureText(label).width > left + wide - from - 4) return;
+    pen.fillStyle = colour("paper");
+    pen.fillText(label, from, y + 11);
   }
 
   place(event) {

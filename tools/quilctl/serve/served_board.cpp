@@ -55,6 +55,14 @@ void ServedBoard::powerOff() {
     mBoard.reset();
 }
 
+void ServedBoard::resetToFactory() {
+    const auto product = board::productOf(mDirectory);
+    if (!product) throw Failure(kNoBoard, mDirectory.string() + ": of no known product");
+    powerOff();
+    board::resetBoardDirectory(mDirectory, *product, board::Keeping::kDurable);
+    powerOn();
+}
+
 board::Board& ServedBoard::lend(const Options& options) {
     requireNoEffect(options);
     if (!isPowered()) throw Failure(kNoBoard, "the board's power is cut", kPowerOnRemedy);

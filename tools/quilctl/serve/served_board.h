@@ -53,6 +53,7 @@ class ServedBoard {
     // For the thread that powers the board.
     void powerOn();
     void powerOff();
+    void resetToFactory();  // and powers on. Throws Failure or std::runtime_error
     // For the next command. Throws Failure when the options ask for another board, or the power is
     // cut.
     board::Board& lend(const Options& options);

@@ -20,6 +20,7 @@
 #include "board/fpga/fpga_image.h"
 #include "board/mcu/mcu_fitting.h"
 #include "tools/quilctl/serve/served_board.h"
+#include "tools/quilctl/session/recording.h"
 #include "tools/quilctl/session/stage_advice.h"
 #include "tools/quilctl/session/trace_files.h"
 #include "tools/quilctl/traces/timeline.h"
@@ -68,9 +69,14 @@ void requirePlace(const std::filesystem::path& board) {
 }
 
 // Before anything is done of which the trace would be lost.
-void requireTraceFile(const std::string& name) {
-    const std::string file = traceTargetOf(name).file;
-    if (file != "-") requireWritable(file, "--trace: " + file);
+void requireOutputs(const Options& options) {
+    for (const std::string& name : options.traceFiles) {
+        const std::string file = traceTargetOf(name).file;
+        if (file != "-") requireWritable(file, "--trace: " + file);
+    }
+    if (!options.recording) return;
+    const std::string& report = options.recording->file;
+    requireWritable(report, "--report: " + report);
 }
 
 // What a board that lost its power has in its memories.
@@ -201,7 +207,7 @@ board::Board* BoardSession::powerOn(Use use) {
     board::takeKeepFailure();  // of an earlier command in this process
     const ServedBoard::Call* call = ServedBoard::call();
     if (call == nullptr) return powerOnOwn(use);
-    for (const std::string& name : mOptions.traceFiles) requireTraceFile(name);
+    requireOutputs(mOptions);
     requireSameProduct(mOptions);
     return &call->board.lend(mOptions);
 }
@@ -210,7 +216,7 @@ board::Board* BoardSession::powerOnOwn(Use use) {
     auto keeping = board::Keeping::kScratch;
     std::filesystem::path directory = mOptions.boardDirectory;
     requirePlace(directory);
-    for (const std::string& name : mOptions.traceFiles) requireTraceFile(name);
+    requireOutputs(mOptions);
     if (directory.empty()) {
         mTemporary.emplace(board::productByName(mOptions.product).value_or(board::Product::kHeron));
         directory = mTemporary->path();
@@ -234,6 +240,7 @@ BoardSession::~BoardSession() {
     mHost.reset();
     if (mFinishLog) mFinishLog();
     for (const std::string& name : mOptions.traceFiles) saveTrace(name);
+    if (mOptions.recording) record(*mBoard, *mOptions.recording);
     if (!mOwn) {
         giveBack();
         return;
