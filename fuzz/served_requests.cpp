@@ -126,12 +126,18 @@ class Pages final : public httplib::Server {
     void checkCommand() const {
         const auto command = tools::pageCommandIn(mBody);
         if (!command) return;
-        check(command->words.size() >= 2 && command->words[0] == "--json", "no command");
+        const std::vector<std::string> before = {"--json", "--progress", "json"};
+        check(command->words.size() > before.size() &&
+                  std::equal(before.begin(), before.end(), command->words.begin()),
+              "no command");
+        const auto verb = command->words.begin() + static_cast<ptrdiff_t>(before.size());
         constexpr std::array<std::string_view, 11> kVerbs = {
             "status", "power", "fault", "get",    "set",     "self-test",
             "boot",   "mcu",   "fpga",  "config", "commands"};
+        const bool isReset = *verb == "board" && std::next(verb) != command->words.end() &&
+                             *std::next(verb) == "reset";
         const bool isKnown =
-            std::find(kVerbs.begin(), kVerbs.end(), command->words[1]) != kVerbs.end();
+            isReset || std::find(kVerbs.begin(), kVerbs.end(), *verb) != kVerbs.end();
         check(isKnown, "a command that the page has no business with");
         for (const char* writes : {"--report", "--trace", "--board", "--out", "--output"}) {
             const auto begins = [=](const auto& word) { return word.rfind(writes, 0) == 0; };

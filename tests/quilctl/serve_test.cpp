@@ -329,6 +329,7 @@ TEST_F(QuilctlServe, RequestsOfManyClientsAreAllAnswered) {
     const int clientsMost = isWhole() ? 10 : 3, rounds = isWhole() ? 500 : 4;
     std::atomic<int> right{0};
     std::vector<std::thread> clients;
+    clients.reserve(static_cast<size_t>(clientsMost));
     for (int client = 0; client < clientsMost; ++client) {
         clients.emplace_back([&, client] {
             auto server = connection();
