@@ -271,12 +271,13 @@ TEST_F(QuilctlScreen, PictureHasEachBlockAndIsWrittenAsSvgAndAsPixels) {
     const std::string svg = path("screen.svg"), png = path("screen.png");
     const Said said = quilctl({"--json", "screen", "show", screen, "--svg", svg, "--png", png});
     EXPECT_EQ(said.code, tools::kOk) << said.err;
-    EXPECT_EQ(resultOf(said)["files"], (std::vector<std::string>{svg, png}));
+    const tools::Json result = resultOf(said);
+    EXPECT_EQ(result["files"], (std::vector<std::string>{svg, png}));
     EXPECT_THAT(read(png), StartsWith("\x89PNG\r\n"));
     const std::string drawn = read(svg);
     EXPECT_THAT(drawn, StartsWith("<svg xmlns"));
     EXPECT_THAT(drawn, HasSubstr("10 cards"));
-    for (const auto& block : resultOf(said)["blocks"]) {
+    for (const tools::Json& block : result["blocks"]) {
         EXPECT_THAT(drawn, HasSubstr("data-address=\"" + block["address"].dump() + "\""));
     }
 }

@@ -7,6 +7,7 @@
 #include <array>
 #include <fstream>
 #include <sstream>
+#include <thread>
 
 #include "board/core/bytes.h"
 #include "tests/swarm/ground.h"
@@ -103,6 +104,8 @@ bool isLiving(const std::string& task) {
 }
 
 size_t livingThreads() {
+    // The thread sanitizer has one of its own, which comes with the program's first.
+    [[maybe_unused]] static const bool isThere = (std::thread([] {}).join(), true);
     const auto tasks = entriesOf("/proc/self/task/");
     return static_cast<size_t>(std::count_if(tasks.begin(), tasks.end(), isLiving));
 }
