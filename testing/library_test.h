@@ -14,20 +14,13 @@
 #include "mculink/uart.h"
 #include "service/quil_service_manager.h"
 #include "testing/bytes.h"
+#include "testing/captured_output.h"
 #include "testing/library_state.h"
 
 namespace quil::tests {
 
 inline constexpr char kHeronUart[] = "/dev/ttyS3";
 inline constexpr char kMcuImage[] = "/vendor/firmware/mcu_Heron.bin";
-
-// Runs `action` and returns what it printed to standard output.
-template <typename Action>
-std::string standardOutputOf(Action action) {
-    testing::internal::CaptureStdout();
-    action();
-    return testing::internal::GetCapturedStdout();
-}
 
 class LibraryTest : public testing::Test {
   protected:

@@ -11,6 +11,7 @@
 #include <fstream>
 
 #include "board/board.h"
+#include "testing/captured_output.h"
 
 namespace {
 
@@ -84,11 +85,11 @@ TEST(BoardGpio, ValueFileIsThereToLookAtAndALineThatIsNotHasNone) {
 
 TEST(BoardGpio, DriverTakesOneDigitOnly) {
     Board board;
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(system("echo high > /sys/class/quilgpios/MCU_BOOT0/value"), 1 << 8);
-    EXPECT_EQ(system("echo 2 > /sys/class/quilgpios/MCU_BOOT0/value"), 1 << 8);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "echo: write: Invalid argument\necho: write: Invalid argument\n");
+    const auto errors = quil::tests::standardErrorOf([] {
+        EXPECT_EQ(system("echo high > /sys/class/quilgpios/MCU_BOOT0/value"), 1 << 8);
+        EXPECT_EQ(system("echo 2 > /sys/class/quilgpios/MCU_BOOT0/value"), 1 << 8);
+    });
+    EXPECT_EQ(errors, "echo: write: Invalid argument\necho: write: Invalid argument\n");
     EXPECT_THAT(edges(board), IsEmpty());
 }
 

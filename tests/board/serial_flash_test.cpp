@@ -8,6 +8,7 @@
 
 #include "board/board.h"
 #include "platform/vendor/include/quil_hal.h"
+#include "testing/captured_output.h"
 #include "testing/files.h"
 
 namespace {
@@ -23,11 +24,9 @@ class BoardSerialFlash : public testing::Test {
     // Runs a line with PROG_B held low, and returns its exit code.
     int run(const std::string& line) {
         hal_gpio_setvalue(441, 0);
-        testing::internal::CaptureStdout();
-        testing::internal::CaptureStderr();
-        const int status = system(line.c_str());
-        out = testing::internal::GetCapturedStdout();
-        err = testing::internal::GetCapturedStderr();
+        int status = -1;
+        out = quil::tests::standardOutputOf(
+            [&] { err = quil::tests::standardErrorOf([&] { status = system(line.c_str()); }); });
         return status >> 8;
     }
     std::string file(const std::string& path) const {

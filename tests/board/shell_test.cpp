@@ -10,6 +10,7 @@
 
 #include "board/board.h"
 #include "board/core/whole_file.h"
+#include "testing/captured_output.h"
 
 namespace {
 
@@ -35,9 +36,7 @@ class BoardShell : public testing::Test {
 
     // Runs a line and returns its standard error; its status goes to `status`.
     std::string errorsOf(const char* line) {
-        testing::internal::CaptureStderr();
-        status = system(line);
-        return testing::internal::GetCapturedStderr();
+        return quil::tests::standardErrorOf([&] { status = system(line); });
     }
 
     Board board;
@@ -97,11 +96,12 @@ TEST_F(BoardShell, SleepTakesBoardTimeAlone) {
 
 TEST_F(BoardShell, OutputGoesToTheProgramsOwnUnlessItIsLedAway) {
     install("both", {0, "out\n", "err\n"});
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(errorsOf("both"), "err\n");
-    EXPECT_EQ(errorsOf("both 2>/dev/null"), "");
-    EXPECT_EQ(errorsOf("both > /vendor/etc/o 2>&1"), "");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "out\nout\n");
+    const auto output = quil::tests::standardOutputOf([&] {
+        EXPECT_EQ(errorsOf("both"), "err\n");
+        EXPECT_EQ(errorsOf("both 2>/dev/null"), "");
+        EXPECT_EQ(errorsOf("both > /vendor/etc/o 2>&1"), "");
+    });
+    EXPECT_EQ(output, "out\nout\n");
     EXPECT_EQ(content(board, "/vendor/etc/o"), "out\nerr\n");
 }
 
@@ -141,10 +141,11 @@ TEST_F(BoardShell, FileIsReplacedAsAWholeSoThatItsReadersKeepTheFormerOne) {
 
 TEST_F(BoardShell, CatShowsFilesAndSaysWhatIsMissing) {
     board.writeFile("/vendor/etc/a", "first\n");
-    testing::internal::CaptureStdout();
-    EXPECT_EQ(errorsOf("cat /vendor/etc/a /vendor/etc/b"),
-              "cat: /vendor/etc/b: No such file or directory\n");
-    EXPECT_EQ(testing::internal::GetCapturedStdout(), "first\n");
+    const auto output = quil::tests::standardOutputOf([&] {
+        EXPECT_EQ(errorsOf("cat /vendor/etc/a /vendor/etc/b"),
+                  "cat: /vendor/etc/b: No such file or directory\n");
+    });
+    EXPECT_EQ(output, "first\n");
     EXPECT_EQ(status, 1 << 8);
 }
 

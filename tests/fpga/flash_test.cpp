@@ -53,13 +53,6 @@ class FpgaFlash : public FpgaTest {
         }
         board.faults().add({.call = Call::kSystem, .times = -1, .lostSilently = true});
     }
-
-    template <typename Action>
-    std::string standardErrorOf(Action action) {
-        testing::internal::CaptureStderr();
-        action();
-        return testing::internal::GetCapturedStderr();
-    }
 };
 
 // The image's size.

@@ -16,8 +16,6 @@ using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 
-namespace {}  // namespace
-
 class FpgaLoad : public FpgaTest {
   protected:
     std::string property() { return board.properties().get(kFpgaUpdateProperty, "(absent)"); }
@@ -152,9 +150,8 @@ TEST_F(FpgaLoadHeron, WriteThatFailsStopsTheUpdate) {
     setProperty("1");
     fakeCommands();
     config_info->fpga_fw_path[0] = '\0';
-    testing::internal::CaptureStderr();
-    const auto lines = run(-1);
-    testing::internal::GetCapturedStderr();
+    std::vector<std::string> lines;
+    standardErrorOf([&] { lines = run(-1); });
     EXPECT_EQ(lines.back(), "E fpgaLoadProcessHeron: fpgaFlashWrite failed\n");
     EXPECT_EQ(lines.size(), 4U);
     EXPECT_EQ(property(), "1");

@@ -294,9 +294,8 @@ TEST_F(McuUpdate, CheckWithoutAConfigurationComparesWithAnEmptyVersion) {
 TEST_F(McuUpdate, MissingImageIsReportedBeforeTheMcuIsTouched) {
     assign(config_info->mcu_fw_path, "/vendor/firmware/none.bin");
     board.trace().clear();
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(doMcuUpdateByIsp(), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "access: No such file or directory\n");
+    const auto errors = standardErrorOf([] { EXPECT_EQ(doMcuUpdateByIsp(), -1); });
+    EXPECT_EQ(errors, "access: No such file or directory\n");
     EXPECT_THAT(said(), ElementsAre("E doMcuUpdateByIsp: /vendor/firmware/none.bin not exist\n"));
     EXPECT_THAT(done(), IsEmpty());
     EXPECT_EQ(property(), "");
@@ -304,9 +303,8 @@ TEST_F(McuUpdate, MissingImageIsReportedBeforeTheMcuIsTouched) {
 
 TEST_F(McuUpdate, ImageThatCannotBeLookedAtIsReportedWithItsReason) {
     board.faults().add({.call = Call::kAccess, .path = kImagePath, .error = EACCES});
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(doMcuUpdateByIsp(), -1);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(), "access: Permission denied\n");
+    const auto errors = standardErrorOf([] { EXPECT_EQ(doMcuUpdateByIsp(), -1); });
+    EXPECT_EQ(errors, "access: Permission denied\n");
 }
 
 TEST_F(McuUpdate, SuccessIsRemembered) {
@@ -368,9 +366,7 @@ TEST_F(McuUpdate, FifthAttemptIsEarlyEnough) {
 
 TEST_F(McuUpdate, ProgrammingWithoutAConfigurationHasNoImage) {
     config_info_t* const parsed = std::exchange(config_info, nullptr);
-    testing::internal::CaptureStderr();
-    EXPECT_EQ(doMcuUpdateByIsp(), -1);
-    testing::internal::GetCapturedStderr();
+    standardErrorOf([] { EXPECT_EQ(doMcuUpdateByIsp(), -1); });
     config_info = parsed;
     EXPECT_THAT(said(), ElementsAre("E doMcuUpdateByIsp:  not exist\n"));
 }

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "testing/build.h"
+#include "testing/captured_output.h"
 #include "testing/fresh_process.h"
 
 namespace {
@@ -320,37 +321,36 @@ TEST_F(PassthroughLoader, AsksTheFactoryAnewEachTime) {
 
 TEST_F(PassthroughLoader, InstanceThatTheFactoryDoesNotKnowGivesNull) {
     searchIn(mFixtures + "working");
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(IServiceNotification::getService("absent", true), nullptr);
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("has no instance 'absent'"));
+    const auto errors = quil::tests::standardErrorOf(
+        [&] { EXPECT_EQ(IServiceNotification::getService("absent", true), nullptr); });
+    EXPECT_THAT(errors, HasSubstr("has no instance 'absent'"));
 }
 
 TEST_F(PassthroughLoader, LibraryWithoutTheFactoryGivesNull) {
     searchIn(mFixtures + "without_factory");
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(IServiceNotification::getService("default", true), nullptr);
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
-                HasSubstr("could not find symbol HIDL_FETCH_IServiceNotification"));
+    const auto errors = quil::tests::standardErrorOf(
+        [&] { EXPECT_EQ(IServiceNotification::getService("default", true), nullptr); });
+    EXPECT_THAT(errors, HasSubstr("could not find symbol HIDL_FETCH_IServiceNotification"));
 }
 
 TEST_F(PassthroughLoader, MissingLibraryGivesNull) {
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(getRawServiceInternal("no.such@1.0::IThing", "default", true, true), nullptr);
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(),
-                HasSubstr("Could not dlopen no.such@1.0-impl.so"));
+    const auto errors = quil::tests::standardErrorOf([&] {
+        EXPECT_EQ(getRawServiceInternal("no.such@1.0::IThing", "default", true, true), nullptr);
+    });
+    EXPECT_THAT(errors, HasSubstr("Could not dlopen no.such@1.0-impl.so"));
 }
 
 TEST_F(PassthroughLoader, NameThatIsNoInterfaceGivesNull) {
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(getRawServiceInternal("nonsense", "default", true, true), nullptr);
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("Invalid interface name"));
+    const auto errors = quil::tests::standardErrorOf(
+        [&] { EXPECT_EQ(getRawServiceInternal("nonsense", "default", true, true), nullptr); });
+    EXPECT_THAT(errors, HasSubstr("Invalid interface name"));
 }
 
 TEST_F(PassthroughLoader, RegistrationIsRefusedWithoutAPoolThatCouldServeIt) {
     const sp<IQuilServiceCallback> object = new Callback;
-    ::testing::internal::CaptureStderr();
-    EXPECT_EQ(object->registerAsService("default"), INVALID_OPERATION);
-    EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("there is no pool"));
+    const auto errors = quil::tests::standardErrorOf(
+        [&] { EXPECT_EQ(object->registerAsService("default"), INVALID_OPERATION); });
+    EXPECT_THAT(errors, HasSubstr("there is no pool"));
     EXPECT_FALSE(IQuilServiceCallback::registerForNotifications("default", nullptr));
 }
 
