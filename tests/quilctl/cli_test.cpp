@@ -125,6 +125,21 @@ TEST_F(QuilctlTest, TraceOnStandardOutputHasItForItself) {
     EXPECT_EQ(quilctl({"--trace", "vcd:", "get", "1"}).code, tools::kUsage);
 }
 
+TEST_F(QuilctlTest, TwoOutputsInOnePlaceAreRefusedBeforeTheBoardIsPowered) {
+    using Words = std::vector<std::string>;
+    for (const Words& words :
+         {Words{"--trace", "vcd:-", "--trace", "json:-", "get", "1"},
+          Words{"--trace", "-", "--trace", "-", "get", "1"},
+          Words{"--trace", path("t.vcd"), "--trace", "json:" + path("./t.vcd"), "get", "1"},
+          Words{"--trace", path("t.txt"), "boot", "--report", path("t.txt")}}) {
+        const Said said = quilctl(words);
+        EXPECT_EQ(said.code, tools::kUsage) << said.err;
+        EXPECT_EQ(said.out, "");
+        EXPECT_THAT(said.err, HasSubstr("is asked for twice"));
+    }
+    EXPECT_FALSE(std::filesystem::exists(path("t.vcd")));
+}
+
 TEST(QuilctlConfig, ShowPrintsWhatTheLibraryRead) {
     const Said said = quilctl({"config", "show"});
     EXPECT_EQ(said.code, tools::kOk);

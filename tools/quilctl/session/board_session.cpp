@@ -12,6 +12,7 @@
 #include <filesystem>
 #include <map>
 #include <ostream>
+#include <set>
 #include <stdexcept>
 
 #include "board/core/bytes.h"
@@ -68,14 +69,28 @@ void requirePlace(const std::filesystem::path& board) {
                   kPlaceRemedy);
 }
 
+// Two outputs in one file, or both on standard output, would leave neither to be read.
+void requireOwnPlace(const std::string& file, const std::string& option,
+                     std::set<std::filesystem::path>& taken) {
+    std::error_code error;
+    std::filesystem::path place = file;
+    if (file != "-") place = std::filesystem::weakly_canonical(place, error);
+    if (taken.insert(place).second) return;
+    throw Failure(kUsage, option + " " + (file == "-" ? "standard output" : file) +
+                              " is asked for twice: each output needs a place of its own");
+}
+
 // Before anything is done of which the trace would be lost.
 void requireOutputs(const Options& options) {
+    std::set<std::filesystem::path> taken;
     for (const std::string& name : options.traceFiles) {
         const std::string file = traceTargetOf(name).file;
+        requireOwnPlace(file, "--trace:", taken);
         if (file != "-") requireWritable(file, "--trace: " + file);
     }
     if (!options.recording) return;
     const std::string& report = options.recording->file;
+    requireOwnPlace(std::filesystem::absolute(report), "--report:", taken);
     requireWritable(report, "--report: " + report);
 }
 
