@@ -43,6 +43,7 @@ Outcome outcomeOf(const json& line) {
 Outcome runOnce(const World& world, Ground& ground, const Child::Tell& tell) {
     static const LibraryData asLoaded;
     RunOptions options;
+    options.hashesTraces = world.seed % kRunAgain == 0;
     options.beforeBoot = [] { asLoaded.putBack(); };
     options.onStandstill = [&](const std::string& report) {
         Outcome outcome;
