@@ -5,6 +5,7 @@
 
 #include "tests/quilctl/test_run.h"
 #include "tools/quilctl/page/page_files.h"
+#include "tools/quilctl/page/timeline_rows.h"
 
 namespace quil::tests {
 namespace {
@@ -49,7 +50,13 @@ TEST_F(QuilctlReport, BootWithBothUpdatesFitsAndTellsWhatCameOfIt) {
     EXPECT_EQ(content["result"]["stages"].size(), 11U);
     EXPECT_EQ(content["screen"]["blocks"].size(), 17U);
     EXPECT_EQ(content["lost"], 0);
-    EXPECT_GT(content["events"].size(), 300U);
+    EXPECT_GT(content["spans"].size(), 300U);
+    std::set<std::string> lanes;
+    for (const auto& span : content["spans"]) {
+        lanes.insert(content["lanes"][span["lane"].get<size_t>()]);
+    }
+    EXPECT_THAT(lanes, testing::IsSupersetOf({"stages", "MCU link", "boot loader", "SPI", "GPIO",
+                                              "flash", "shell", "log"}));
     EXPECT_THAT(content["command"].get<std::string>(), HasSubstr("boot --update-fpga"));
     EXPECT_THAT(content["text"].get<std::string>(), HasSubstr("FPGA image written"));
 }
@@ -80,8 +87,9 @@ TEST_F(QuilctlReport, TextsOfTheBoardStayTextsWhateverTheyName) {
     EXPECT_THAT(page, AllOf(Not(HasSubstr("<SCRIPT>")), Not(HasSubstr("<!-- ")),
                             Not(HasSubstr("alert(1)</SCRIPT>"))));
     const auto content = contentOf(page);
-    EXPECT_THAT(content["events"][0][3].get<std::string>(), HasSubstr("</script><SCRIPT>alert"));
-    EXPECT_EQ(content["events"][1][4], "01 AB");
+    const auto& spans = content["spans"];
+    EXPECT_THAT(spans[0]["name"].get<std::string>(), HasSubstr("</script><SCRIPT>alert"));
+    EXPECT_EQ(spans[1]["fields"][0][1], "01 AB");
     EXPECT_THAT(content["text"].get<std::string>(), HasSubstr("<SCRIPT>"));
 }
 
@@ -89,9 +97,31 @@ TEST_F(QuilctlReport, LogLinesThatDifferOnlyInNumbersAreOneRow) {
     const auto rows = tools::reportRowsOf({logLine("byte[0] = 0x1f"), logLine("byte[1] = 0xa2"),
                                            logLine("byte[10] = 0x00"), logLine("end of byte 1")});
     ASSERT_EQ(rows.rows.size(), 2U);
-    EXPECT_EQ(rows.rows[0][3], "byte[0] = 0x1f .. byte[10] = 0x00 (3 lines)");
-    EXPECT_EQ(rows.rows[1][3], "end of byte 1");
+    EXPECT_EQ(rows.rows[0]["name"], "byte[0] = 0x1f .. byte[10] = 0x00 (3 lines)");
+    EXPECT_EQ(rows.rows[1]["name"], "end of byte 1");
     EXPECT_EQ(rows.lost, 0U);
+}
+
+TEST_F(QuilctlReport, SpanHasItsBytesFieldByField) {
+    const std::vector<board::Event> events = {
+        {{}, board::EventKind::kRequest, "client", "get", {0x02, 0x01, 0, 0, 0, 0, 1, 0, 0x2A}},
+        {{},
+         board::EventKind::kSpi,
+         "/dev/fpga_spi",
+         "write 0x10b00000, 2 bytes",
+         {0x02, 0x10, 0xB0, 0x00, 0x00, 0x41, 0x42}},
+        {{}, board::EventKind::kRequest, "client", tools::kAnswered, {0x56, 0x31}}};
+    using Fields = nlohmann::json::array_t;
+    const auto rows = tools::reportRowsOf(events).rows;
+    EXPECT_EQ(nlohmann::json(rows[0]["fields"]), Fields({{"command", "02 01 00 00", "0x00000102"},
+                                                         {"error code", "00 00", "0x0000"},
+                                                         {"length", "01 00", "0x0001"},
+                                                         {"body", "2A", "\"*\""}}));
+    EXPECT_EQ(nlohmann::json(rows[1]["fields"]), Fields({{"direction", "02", "write"},
+                                                         {"address", "10 B0 00 00", "0x10B00000"},
+                                                         {"data", "41 42", "\"AB\""}}));
+    EXPECT_EQ(nlohmann::json(rows[2]["fields"]), Fields({{"answer", "56 31", "\"V1\""}}));
+    EXPECT_EQ(rows[0]["flow"], rows[2]["flow"]);
 }
 
 TEST_F(QuilctlReport, LeavesOutWhatWouldMakeItTooLarge) {
@@ -101,7 +131,7 @@ TEST_F(QuilctlReport, LeavesOutWhatWouldMakeItTooLarge) {
     EXPECT_GT(rows.lost, 0U);
     EXPECT_EQ(rows.rows.size() + rows.lost, events.size());
     EXPECT_LT(rows.rows.dump().size(), kReportMost);
-    EXPECT_EQ(rows.rows[0][4].get<std::string>().size(), 64U * 3 - 1);
+    EXPECT_EQ(rows.rows[0]["fields"][2][1].get<std::string>().size(), 64U * 3 - 1 + 3);
 }
 
 TEST_F(QuilctlReport, IsMadeOfACommandThatFailsToo) {
@@ -128,7 +158,7 @@ TEST_F(QuilctlReport, ComesFromEachCommandThatHasALongStory) {
     for (const auto& words : commands) {
         const auto content = contentOf(reportOf(words));
         EXPECT_EQ(mCode, tools::kOk) << words.back();
-        EXPECT_FALSE(content["events"].empty()) << words.back();
+        EXPECT_FALSE(content["spans"].empty()) << words.back();
     }
 }
 

@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <map>
 
 #include "testing/bytes.h"
 
@@ -140,6 +141,78 @@ TEST(Timeline, StepsOfTheBootLoaderLastUntilTheirAnswersAndSayWhatWentWrong) {
                             "boot loader: address 0x08000000 20000+6000",
                             "boot loader: write 8 bytes at 0x08000000 30000+21000",
                             "boot loader: write: NACK (0x1F) 60000+3000"));
+}
+
+TEST(Timeline, StepIsMadeOfTheWritesAndReadsThatItTook) {
+    const Timeline timeline = timelineOf(bootLoaderSession());
+    const Span& write = timeline.spans[timeline.spans.size() - 2];
+    EXPECT_EQ(write.name, "write 8 bytes at 0x08000000");
+    EXPECT_THAT(write.parts, ElementsAre(8, 9, 11));
+    EXPECT_FALSE(write.isBad);
+    EXPECT_TRUE(timeline.spans.back().isBad);
+}
+
+namespace {
+
+// What a watcher has in the end, in the order of the whole timeline.
+std::vector<Span> watched(const std::vector<Event>& events, size_t keeps) {
+    std::map<int64_t, Span> byNumber;
+    tools::LiveTimeline live(keeps);
+    for (const Event& event : events) {
+        for (auto& [number, span] : live.see(event)) byNumber[number] = span;
+    }
+    std::vector<Span> spans;
+    for (const auto& [number, span] : byNumber) {
+        if (number >= 0) spans.push_back(span);
+    }
+    for (auto step = byNumber.rbegin(); step != byNumber.rend(); ++step) {
+        if (step->first < 0) spans.push_back(step->second);
+    }
+    return spans;
+}
+
+std::vector<std::string> allShown(const std::vector<Span>& spans) {
+    std::vector<std::string> found;
+    found.reserve(spans.size());
+    for (const Span& span : spans) {
+        found.push_back(shown(span) + (span.isOpen ? " open" : "") +
+                        (span.isMoment ? " moment" : ""));
+    }
+    return found;
+}
+
+}  // namespace
+
+TEST(Timeline, WatcherHasTheSameSpansInTheEndAsWhoLooksAfterwards) {
+    for (std::vector<Event> events : {oneRequest(), bootLoaderSession()}) {
+        events.push_back({99ms, EventKind::kPower, "board", "cut", {}});
+        EXPECT_EQ(allShown(watched(events, 1000)), allShown(timelineOf(events).spans));
+    }
+}
+
+TEST(Timeline, WatcherSeesWhatGoesOnUntilItEndsAndAPowerOnBeginsAnew) {
+    const Event low{1ms, EventKind::kGpio, "MCU_NRST", "0", {}};
+    const Event on{0ms, EventKind::kPower, "board", "on", {}};
+    const Event log{9ms, EventKind::kLog, "tag", "text", {}};
+    EXPECT_THAT(allShown(watched({on, low, log}, 1000)),
+                ElementsAre("board: board: on 0+0 moment", "GPIO MCU_NRST: 0 1000+0 open",
+                            "log: text 9000+0 moment"));
+    EXPECT_THAT(allShown(watched({on, low, log, on, low}, 1000)),
+                ElementsAre("board: board: on 0+0 moment", "GPIO MCU_NRST: 0 1000+8000",
+                            "log: text 9000+0 moment", "board: board: on 0+0 moment",
+                            "GPIO MCU_NRST: 0 1000+0 open"));
+}
+
+TEST(Timeline, WatcherWhoKeepsLittleGetsEachSpanAllTheSame) {
+    std::vector<Event> events;
+    for (int i = 0; i < 20; ++i) {
+        for (Event event : oneRequest()) {
+            event.at += i * 100ms;
+            events.push_back(event);
+        }
+    }
+    EXPECT_EQ(allShown(watched(events, 10)), allShown(timelineOf(events).spans));
+    EXPECT_EQ(watched(events, 1).size(), events.size());
 }
 
 TEST(Timeline, OperationOfTheMcusFlashEndsWhenItsAnswerBegins) {

@@ -6,6 +6,7 @@ import sys
 import time
 import unittest
 
+from selenium.webdriver.common.action_chains import ActionChains
 from selenium.webdriver.common.by import By
 from selenium.webdriver.common.keys import Keys
 from selenium.webdriver.support.ui import Select, WebDriverWait
@@ -136,7 +137,7 @@ class Page(WebTest):
         self.wait_for_text(self.part("network"), "link up")
         self.wait_for_text(self.part("mcu"), "application V1.0.0")
         self.wait_for_text("#screen", "yes, ")
-        self.assertNotIn(" 0 of 0 events", self.text("#range"))
+        self.assertNotIn(" 0 of 0 spans", self.text("#range"))
         for view in ("board", "controls", "timeline", "screen"):
             self.take_pictures(view, f"#{view}-section")
 
@@ -177,8 +178,28 @@ class Page(WebTest):
 
     def events_of(self, kind):
         return self.browser.execute_script(
-            "return workbench.timeline.events.filter(one => one.kind === arguments[0]).length",
-            kind)
+            "return [...workbench.timeline.spans.values()]"
+            ".filter(one => one.kind === arguments[0]).length", kind)
+
+    def click_on(self, name, lane):
+        """A click on the first span that is called so, made wide enough; what it shows."""
+        x, y = self.browser.execute_script("""
+            const timeline = workbench.timeline;
+            const span = [...timeline.spans.values()].find(one =>
+              one.name.startsWith(arguments[0]) && timeline.lanes[one.lane] === arguments[1]);
+            timeline.setFollows(false);
+            timeline.from = span.t - 1e-4;
+            timeline.to = span.until + 1e-4;
+            timeline.draw();
+            timeline.canvas.scrollIntoView({block: "center"});
+            const box = timeline.canvas.getBoundingClientRect();
+            const track = timeline.trackOf.get(`${span.lane}/${span.line}`);
+            return [timeline.x((span.t + span.until) / 2) - box.width / 2,
+              (track + 0.5) * box.height / (timeline.tracks.length + 1) - box.height / 2];
+            """, name, lane)
+        ActionChains(self.browser).move_to_element_with_offset(
+            self.find("#timeline"), round(x), round(y)).click().perform()
+        return self.text("#detail")
 
     def test_asks_the_mcu_and_shows_the_bytes_of_its_answer(self):
         self.serve("max")
@@ -189,6 +210,30 @@ class Page(WebTest):
         timeline.send_keys(Keys.ENTER)
         self.wait_for_text("#detail", "checksum")
         self.assertIn('"V1.0.0"', self.text("#detail"))
+
+    def test_click_on_a_request_shows_its_bytes_the_answer_and_its_log_lines(self):
+        self.serve("max")
+        self.do("get", "get version")
+        self.wait_for("the answer", lambda: self.events_of("request") >= 2)
+        Select(self.find("#log-level")).select_by_value("D")
+        self.do("get", "get version --log-level D")
+        self.wait_for("the answer", lambda: self.events_of("request") >= 4)
+        self.find("#timeline-section #forget").click()
+        self.do("get", "get version --log-level D")
+        self.wait_for("the answer", lambda: self.events_of("request") >= 2)
+        shown = self.click_on("get", "requests")
+        for text in ("took 0.", "command", "MCU link: checksum", "requests: answer", '"V1.0.0"',
+                     "quil_system_hidl_service: "):
+            self.assertIn(text, shown)
+
+    def test_boot_loader_has_a_lane_with_its_steps_their_bytes_and_log_lines(self):
+        self.board.install_older_mcu()
+        self.serve("max")
+        self.do("MCU update", "mcu update")
+        shown = self.click_on("write 256 bytes at 0x08000000", "boot loader")
+        self.assertIn("MCU link to the MCU: bytes", shown)
+        self.assertIn("MCU link from the MCU: bytes79", shown)
+        self.assertIn("took 0.", shown)
 
     def test_self_test_finds_the_part_that_is_broken(self):
         self.serve("max")
@@ -280,7 +325,8 @@ class Report(WebTest):
         self.assertIn("boot", self.browser.title)
         self.assertEqual(self.browser.find_elements(By.TAG_NAME, "img"), [])
         found = self.browser.execute_script(
-            "return workbench.timeline.events.filter(one => one.text.includes('<script>')).length")
+            "return [...workbench.timeline.spans.values()]"
+            ".filter(one => one.name.includes('<script>')).length")
         self.assertGreater(found, 0)
 
 

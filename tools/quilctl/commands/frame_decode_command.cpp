@@ -9,6 +9,7 @@
 
 #include "host/wire_frame.h"
 #include "tools/quilctl/commands/verb.h"
+#include "tools/quilctl/files/frame_fields.h"
 #include "tools/quilctl/files/frame_stream.h"
 #include "tools/quilctl/files/input_file.h"
 #include "tools/quilctl/files/validators.h"
@@ -21,35 +22,6 @@ namespace wire = host::wire;
 
 constexpr uint64_t kBaudMost = 100'000'000;
 
-struct Field {
-    size_t at, size;
-    const char* name;
-};
-
-constexpr Field kFields[] = {
-    {wire::kMagicAt, 2, "magic"},     {wire::kReservedAt, 2, "reserved"},
-    {wire::kFixedWordAt, 2, "fixed"}, {wire::kLabelAt, 2, "label"},
-    {wire::kLengthAt, 2, "length"},   {wire::kFlagsAt, 1, "flags"},
-    {wire::kFieldAAt, 2, "field_a"},  {wire::kPadAt, 1, "reserved"},
-    {wire::kFieldBAt, 4, "field_b"},  {wire::kFieldCAt, 4, "field_c"},
-    {wire::kCommandAt, 4, "command"}, {wire::kTailAt, 4, "reserved"},
-};
-
-uint32_t valueIn(host::ByteView bytes) {
-    uint32_t value = 0;
-    for (size_t i = 0; i < bytes.size(); ++i) value |= uint32_t{bytes[i]} << (8 * i);
-    return value;
-}
-
-std::string meaningOf(const host::WireFrame& frame, const Field& field) {
-    if (field.at != wire::kFlagsAt) return {};
-    const int type = frame.flags & wire::kTypeMask;
-    const char* name = type == wire::kTypeRequest  ? "request"
-                       : type == wire::kTypeAnswer ? "answer"
-                                                   : "unknown type";
-    return std::string("  ") + name + (frame.isWrite() ? ", set" : ", get");
-}
-
 void printLine(std::ostream& out, size_t at, const std::string& hex, const char* name,
                const std::string& value) {
     char text[64];
@@ -57,20 +29,16 @@ void printLine(std::ostream& out, size_t at, const std::string& hex, const char*
     out << text << value << '\n';
 }
 
-void printFields(std::ostream& out, host::ByteView bytes, const host::WireFrame& frame) {
+void printFields(std::ostream& out, host::ByteView bytes) {
     out << "offset  bytes        field     value\n";
-    char value[32];
-    for (const Field& field : kFields) {
-        const auto part = bytes.from(field.at).first(field.size);
-        snprintf(value, sizeof(value), "0x%0*X", static_cast<int>(2 * field.size), valueIn(part));
-        printLine(out, field.at, toHex(part), field.name, value + meaningOf(frame, field));
+    for (const DecodedField& field : frameFields(bytes)) {
+        const std::string hex = toHex(bytes.from(field.at).first(field.size));
+        if (field.at == wire::kPayloadAt) {
+            printLine(out, field.at, "", "payload", hex.empty() ? "(none)" : hex);
+        } else {
+            printLine(out, field.at, hex, field.name.c_str(), field.value);
+        }
     }
-    const size_t sumAt = bytes.size() - wire::kChecksumSize;
-    printLine(out, wire::kPayloadAt, "", "payload",
-              frame.payload.empty() ? "(none)" : toHex(frame.payload));
-    snprintf(value, sizeof(value), "0x%04X  %s", valueIn(bytes.from(sumAt)),
-             host::checksumHolds(bytes) ? "good" : "wrong");
-    printLine(out, sumAt, toHex(bytes.from(sumAt)), "checksum", value);
 }
 
 Json frameDocument(const host::WireFrame& frame, const std::vector<std::string>& problems) {
@@ -145,7 +113,7 @@ void addFrame(Result& result, const Item& item, std::vector<std::string>& wrong)
     const auto frame = host::parseFrame(bytes);
     const auto problems = host::frameProblems(bytes);
     result.text << placeOf(item) << ": a frame of " << bytes.size() << " bytes\n";
-    printFields(result.text, bytes, frame);
+    printFields(result.text, bytes);
     Json document = placeDocument(item);
     document.update(frameDocument(frame, problems));
     result.json["frames"].push_back(document);
@@ -170,7 +138,7 @@ void decodeOne(const Bytes& bytes, Result& result) {
     if (bytes.size() >= wire::kOverhead) {
         const host::WireFrame frame = host::parseFrame(bytes);
         result.json = frameDocument(frame, problems);
-        printFields(result.text, bytes, frame);
+        printFields(result.text, bytes);
     }
     if (!problems.empty()) throw Failure(kBadData, "the frame: " + joined(problems));
 }

@@ -4,6 +4,7 @@
 #include "board/core/trace.h"
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/serve/board_socket.h"
+#include "tools/quilctl/serve/watched_event.h"
 
 namespace quil::tools {
 namespace {
@@ -23,17 +24,6 @@ std::vector<std::string> kindNames() {
         names.emplace_back(board::nameOf(static_cast<board::EventKind>(kind)));
     }
     return names;
-}
-
-board::Event eventIn(const Json& document) {
-    const auto names = kindNames();
-    const std::string kind = document.at("kind");
-    const auto row = std::find(names.begin(), names.end(), kind) - names.begin();
-    return {std::chrono::duration_cast<board::Nanos>(
-                std::chrono::duration<double>(document.at("at").get<double>())),
-            static_cast<board::EventKind>(std::min<long>(row, static_cast<long>(kLastKind))),
-            bytesIn(document.at("source")), bytesIn(document.at("text")),
-            document.at("bytes").get<std::vector<uint8_t>>()};
 }
 
 // A line for each event, as in a trace; with --progress json an object on the error stream.
@@ -60,7 +50,7 @@ class Monitor {
         if (mCli.console.report.form() == ReportForm::kJson) {
             mCli.console.report.tell("board", "", event);
         } else {
-            mResult.text << board::toLine(eventIn(event)) << '\n';
+            mResult.text << board::toLine(watchedEvent(event)) << '\n';
             mResult.show();
         }
         if (mCli.options.json) mEvents.push_back(event);

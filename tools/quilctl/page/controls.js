@@ -73,7 +73,6 @@ function showProgress(one) {
     case "stage":
       say(`${one.from.toFixed(3)} s  ${one.stage}  ${one.ok ? "ok" : "FAILED"}  ${one.said}`);
       if (one.cause) say(`  cause: ${one.cause}\n  remedy: ${one.remedy}`);
-      workbench.timeline.addStage(one);
       return setBar("after: " + one.stage);
     case "bytes":
       return setBar(`${one.done} of ${one.total} bytes`, one.done / one.total);

@@ -3,20 +3,21 @@
 
 const workbench = {};  // what is on the page
 
-function take(event) {
-  for (const member of ["source", "text"]) event[member] = textOf(event[member]);
-  workbench.timeline.add(event);
-  workbench.screen.note(event);
+// What is new lights a part up; the rest changes a span that is there.
+function take(row) {
+  const isNew = workbench.timeline.put(row);
+  if (isNew) workbench.screen.note(row);
+  return isNew;
 }
 
 function watch() {
   const stream = new EventSource("/events");
   stream.addEventListener("message", message => {
-    const line = JSON.parse(message.data);
-    if (line.lost) workbench.timeline.lost += line.lost;
-    if (!line.event) return;
-    take(line.event);
-    light(line.event);
+    const said = JSON.parse(message.data);
+    if (said.lanes) workbench.timeline.begin(said.lanes);
+    if (said.lost) workbench.timeline.lost += said.lost;
+    if (!said.spans) return;
+    said.spans.filter(take).forEach(light);
     refreshSoon();
   });
   stream.addEventListener("error", () => {
@@ -37,12 +38,6 @@ async function startServed() {
 
 // ---- A report: the same page, with everything in it
 
-const bytesOf = hex => hex === "" ? [] : hex.split(" ").map(byte => parseInt(byte, 16));
-
-function addStages(stages) {
-  for (const stage of stages || []) workbench.timeline.addStage(stage);
-}
-
 function startReport(report) {
   byId("controls-section").remove();
   byId("configuration-section").remove();
@@ -52,10 +47,8 @@ function startReport(report) {
   workbench.timeline.setFollows(false);
   workbench.timeline.lost = report.lost;
   workbench.screen = new ScreenView(byId("screen"), report.screen);
-  for (const [at, kind, source, text, bytes, until] of report.events) {
-    take({at, kind, source, text, bytes: bytesOf(bytes), until});
-  }
-  addStages(report.result.stages);
+  workbench.timeline.begin(report.lanes);
+  report.spans.sort((a, b) => a.from - b.from).forEach(take);
   workbench.timeline.showAll();
   showStatus(report.status);
 }

@@ -8,13 +8,16 @@
 #include "tools/quilctl/cli.h"
 #include "tools/quilctl/page/page_files.h"
 #include "tools/quilctl/page/report.h"
+#include "tools/quilctl/page/timeline_rows.h"
 #include "tools/quilctl/serve/board_socket.h"
+#include "tools/quilctl/serve/watched_event.h"
 
 namespace quil::tools {
 namespace {
 
 constexpr char kHost[] = "127.0.0.1";
 constexpr size_t kBodyMost = 16384, kThreads = 64;
+constexpr size_t kBytesShown = 4096, kSpansKept = 25000;  // of an event; for changes
 constexpr int kBeatMs = 500;     // how soon a reader that is gone is noticed
 constexpr int kIdleSeconds = 1;  // of a connection, which the server's end waits for
 
@@ -59,6 +62,33 @@ std::shared_ptr<ServerConnection> connectionTo(const std::string& directory) {
     if (!server) throw Failure(kNoBoard, "the board is not served any more");
     return std::make_shared<ServerConnection>(std::move(*server));
 }
+
+std::string streamed(const Json& document) { return "data: " + protocolLine(document) + "\n"; }
+
+// What the page gets for a line of the board's server: spans that are new or have changed.
+class SpanStream {
+  public:
+    std::string of(const Json& line) {
+        if (line.contains("watching")) return streamed({{"lanes", laneNames()}});
+        if (line.contains("lost")) return streamed({{"lost", line.at("lost")}});
+        if (!line.contains("event")) return ":\n\n";
+        const board::Event event = watchedEvent(line.at("event"));
+        const auto number = static_cast<int64_t>(mEvents++);
+        Json rows = Json::array();
+        for (const auto& [id, span] : mTimeline.see(event)) {
+            if (id == number) {
+                rows.push_back(rowOf(id, span, &event, kBytesShown));
+            } else {
+                rows.push_back(id < 0 ? rowOf(id, span, nullptr, 0) : changeOf(id, span));
+            }
+        }
+        return streamed({{"spans", std::move(rows)}});
+    }
+
+  private:
+    LiveTimeline mTimeline{kSpansKept};
+    uint64_t mEvents = 0;
+};
 
 bool isLast(const Json& line) { return line.contains("exit") || line.contains("error"); }
 
@@ -155,15 +185,19 @@ void PageServer::stream(httplib::Response& response) {
     const auto leave = [this](bool /*success*/) { --mReaders; };
     try {
         const auto server = connectionTo(mDirectory);
-        server->send({.kind = Request::Kind::kWatch, .kinds = shownKinds()});
+        server->send({.kind = Request::Kind::kWatch});
+        const auto spans = std::make_shared<SpanStream>();
         response.set_chunked_content_provider(
             "text/event-stream",
-            [this, server](size_t /*offset*/, httplib::DataSink& sink) {
+            [this, server, spans](size_t /*offset*/, httplib::DataSink& sink) {
                 const auto line = mEnds ? std::nullopt : server->receiveFor(kBeatMs);
                 if (!line) return false;
-                const std::string text =
-                    line->empty() ? ":\n\n" : "data: " + protocolLine(*line) + "\n";
-                return sink.write(text.data(), text.size());
+                try {
+                    const std::string text = spans->of(*line);
+                    return sink.write(text.data(), text.size());
+                } catch (const std::exception&) {
+                    return false;  // a server of another make
+                }
             },
             leave);
     } catch (const Failure& failure) {

@@ -39,14 +39,14 @@ class ScreenView {
         this.mark(one, false);
       }
     }
-    const write = event.kind === "spi" && /write (0x[0-9a-f]+), (\d+) bytes/.exec(event.text);
+    const write = event.kind === "spi" && /write (0x[0-9a-f]+), (\d+) bytes/.exec(event.name);
     if (!write) return;
     const address = parseInt(write[1], 16);
     for (const one of this.rows) {
       if (address < one.from || address >= one.to) continue;
       if (one.bytes === 0) this.mark(one, true);
       one.bytes += Number(write[2]);
-      one.got.textContent = `yes, ${one.bytes} bytes at ${event.at.toFixed(3)} s`;
+      one.got.textContent = `yes, ${one.bytes} bytes at ${event.from.toFixed(3)} s`;
     }
   }
 }

@@ -1,16 +1,12 @@
 // The timeline: a lane for each kind of event, on a canvas.
 "use strict";
 
-const kLanes = ["stage", "request", "frame", "uart", "spi", "gpio", "flash", "shell", "mcu", "probe", "vendor",
-  "log", "fault", "other"];
-const kLaneOf = {"uart-tx": "uart", "uart-rx": "uart", violation: "fault", power: "other"};
-const kMost = 50000, kLaneHeight = 24, kLeft = 74;
+const kMost = 50000, kRowHeight = 24, kLogLinesMost = 50;
 
 class Timeline {
   constructor(canvas, detail) {
-    Object.assign(this, {canvas, detail, events: [], offset: 0, last: 0, from: 0, to: 1,
-      follows: true, needle: "", chosen: -1, lost: 0, isDue: false});
-    canvas.style.height = (kLanes.length + 1) * kLaneHeight + "px";
+    Object.assign(this, {canvas, detail, lanes: [], tracks: [], spans: new Map(), connection: 0,
+      offset: 0, last: 0, from: 0, to: 1, follows: true, needle: "", chosen: null, lost: 0, isDue: false});
     new ResizeObserver(() => this.draw()).observe(canvas);
     matchMedia("(prefers-color-scheme: dark)").addEventListener("change", () => this.draw());
     canvas.addEventListener("wheel", event => this.wheel(event), {passive: false});
@@ -20,52 +16,67 @@ class Timeline {
     canvas.addEventListener("keydown", event => this.key(event));
   }
 
-  // Board time starts anew with each power-on: the page goes on from where it was.
-  add(event) {
-    if (event.kind === "power" && event.text.startsWith("on")) this.offset = this.last;
-    event.t = this.offset + event.at;
-    event.lane = kLaneOf[event.kind] || event.kind;
-    if (!kLanes.includes(event.lane)) event.lane = "other";
-    event.until = this.offset + (event.until || event.at);
-    if (event.kind === "frame" && event.text.startsWith("answer")) this.pair(event);
-    this.last = Math.max(this.last, event.until);
-    this.events.push(event);
-    if (this.events.length > kMost) {
-      this.events.splice(0, kMost / 10);
-      this.chosen = -1;
+  // The lanes' names. Each connection numbers its spans anew.
+  begin(lanes) {
+    this.lanes = lanes;
+    ++this.connection;
+    this.layTracks();
+  }
+
+  spanOf(id, connection = this.connection) { return this.spans.get(`${connection}:${id}`); }
+
+  // A row for each line of a lane, and for a lane without one.
+  layTracks() {
+    const lines = new Map(this.lanes.map((name, i) => [i + "/", {lane: i, line: "", name}]));
+    for (const {lane, line} of this.spans.values()) {
+      const key = `${lane}/${line}`;
+      if (!lines.has(key)) lines.set(key, {lane, line, name: `${this.lanes[lane]} ${line}`});
     }
-    if (this.follows) this.showAll();
+    const isUsed = new Set([...this.spans.values()].map(one => `${one.lane}/${one.line}`));
+    const hasLines = lane => [...lines.values()].some(one => one.lane === lane && one.line);
+    this.tracks = [...lines.entries()]
+      .filter(([key, one]) => one.line || isUsed.has(key) || !hasLines(one.lane))
+      .map(([, one]) => one).sort((a, b) => a.lane - b.lane);
+    this.trackOf = new Map(this.tracks.map((one, i) => [`${one.lane}/${one.line}`, i]));
+    this.canvas.style.height = (this.tracks.length + 1) * kRowHeight + "px";
     this.drawSoon();
   }
 
-  // A stage of a start-up, once it has ended.
-  addStage({stage, from, took, ok, said}) {
-    this.add({at: from, until: from + took, kind: "stage", source: stage,
-      text: `${ok ? "ok" : "FAILED"} ${said}`, bytes: [], label: stage, hasFailed: !ok});
+  // A span, or what has changed of one. True if it is new.
+  put(row) {
+    const known = this.spanOf(row.id);
+    if (!known && row.lane === undefined) return false;  // forgotten
+    // Board time starts anew with each power-on: the page goes on from where it was.
+    if (!known && row.kind === "power" && row.name.startsWith("board: on")) this.offset = this.last;
+    const span = known ||
+      {line: "", source: "", fields: [], offset: this.offset, connection: this.connection};
+    Object.assign(span, {moment: false, open: false, bad: false, parts: []}, row);
+    span.t = span.offset + row.from;
+    span.until = span.offset + row.to;
+    this.last = Math.max(this.last, span.until);
+    if (!known) this.add(span);
+    if (this.follows) this.showAll();
+    this.drawSoon();
+    return !known;
   }
 
-  // A request's frame lasts until its answer, which has the same label.
-  pair(answer) {
-    const label = /label=\d+/.exec(answer.text);
-    for (let i = this.events.length - 1; i >= 0 && i > this.events.length - 200; --i) {
-      const one = this.events[i];
-      if (one.kind !== "frame" || !one.text.startsWith("request") || !label) continue;
-      if (one.text.includes(label[0] + " ")) {
-        one.until = answer.t;
-        one.answer = answer;
-        return;
-      }
-    }
+  add(span) {
+    this.spans.set(`${span.connection}:${span.id}`, span);
+    if (!this.trackOf.has(`${span.lane}/${span.line}`)) this.layTracks();
+    if (this.spans.size <= kMost) return;
+    for (const key of [...this.spans.keys()].slice(0, kMost / 10)) this.spans.delete(key);
   }
 
   forget() {
-    Object.assign(this, {events: [], chosen: -1, offset: this.offset - this.last, last: 0});
+    this.spans.clear();
+    Object.assign(this, {chosen: null, offset: this.offset - this.last, last: 0});
+    this.layTracks();
     this.showAll();
-    this.draw();
   }
 
   showAll() {
-    this.from = this.events.length ? this.events[0].t : 0;
+    const first = this.spans.values().next().value;
+    this.from = first ? first.t : 0;
     this.to = Math.max(this.last, this.from + 1e-3);
   }
 
@@ -98,13 +109,18 @@ class Timeline {
     this.drawSoon();
   }
 
-  matches(event) {
+  matches(span) {
     return this.needle === "" ||
-      `${event.kind} ${event.source} ${event.text}`.toLowerCase().includes(this.needle);
+      `${this.lanes[span.lane]} ${span.line} ${span.kind || ""} ${span.source} ${span.name}`
+        .toLowerCase().includes(this.needle);
   }
 
-  x(t) { return kLeft + (t - this.from) / (this.to - this.from) * (this.width - kLeft - 8); }
-  t(x) { return this.from + (x - kLeft) / (this.width - kLeft - 8) * (this.to - this.from); }
+  // What goes on lasts until now.
+  end(span) { return span.open ? Math.max(span.until, this.last) : span.until; }
+  get left() { return this.width < 600 ? 90 : 160; }
+  get inner() { return this.width - this.left - 8; }
+  x(t) { return this.left + (t - this.from) / (this.to - this.from) * this.inner; }
+  t(x) { return this.from + (x - this.left) / this.inner * (this.to - this.from); }
 
   drawSoon() {
     if (this.isDue) return;
@@ -121,28 +137,30 @@ class Timeline {
     this.canvas.height = height * scale;
     pen.scale(scale, scale);
     pen.font = "12px system-ui, sans-serif";
-    kLanes.forEach((lane, i) => {
+    this.tracks.forEach((track, i) => {
       pen.fillStyle = colour("ink");
-      pen.fillText(lane, 6, i * kLaneHeight + 16);
+      pen.fillText(this.width < 600 && track.line || track.name, 6, i * kRowHeight + 16, this.left - 12);
       pen.fillStyle = colour("line");
-      pen.fillRect(0, (i + 1) * kLaneHeight - 1, this.width, 1);
+      pen.fillRect(0, (i + 1) * kRowHeight - 1, this.width, 1);
     });
     this.drawScale(pen, colour, height);
     pen.save();
     pen.beginPath();
-    pen.rect(kLeft, 0, this.width - kLeft, height);
+    pen.rect(this.left, 0, this.width - this.left, height);
     pen.clip();
-    this.events.forEach((event, i) => this.drawEvent(pen, colour, event, i === this.chosen));
+    const colours = {};
+    for (const name of ["mark", "broken", "active", "paper", "field"]) colours[name] = colour(name);
+    let found = 0;
+    for (const span of this.spans.values()) found += this.drawSpan(pen, colours, span);
     pen.restore();
-    const found = this.events.filter(event => this.matches(event)).length;
     document.getElementById("range").textContent = `${this.from.toFixed(6)} s to ` +
-      `${this.to.toFixed(6)} s, ${found} of ${this.events.length} events` +
-      (this.lost ? `, ${this.lost} lost` : "");
+      `${this.to.toFixed(6)} s, ${found} of ${this.spans.size} spans` +
+      (this.lost ? `, ${this.lost} events lost` : "");
   }
 
   drawScale(pen, colour, height) {
     pen.fillStyle = colour("faint");
-    const steps = Math.max(2, Math.floor((this.width - kLeft) / 130));
+    const steps = Math.max(2, Math.floor(this.inner / 130));
     for (let i = 0; i < steps; ++i) {
       const t = this.from + (this.to - this.from) * i / steps;
       pen.fillRect(this.x(t), 0, 1, height);
@@ -150,22 +168,28 @@ class Timeline {
     }
   }
 
-  drawEvent(pen, colour, event, isChosen) {
-    if (event.until < this.from || event.t > this.to) return;
-    const y = kLanes.indexOf(event.lane) * kLaneHeight + 4;
-    const left = this.x(event.t), wide = Math.max(2, this.x(event.until) - left);
-    pen.globalAlpha = this.matches(event) ? 1 : 0.15;
-    const isBad = event.lane === "fault" || event.hasFailed;
-    pen.fillStyle = colour(isChosen ? "mark" : isBad ? "broken" : "active");
-    pen.fillRect(left, y, event.label ? wide - 1 : wide, isChosen ? 17 : 14);
-    if (event.label) this.drawLabel(pen, colour, event.label, left, y, wide);
+  // True if the search finds it.
+  drawSpan(pen, colours, span) {
+    const isFound = this.matches(span), end = this.end(span), isChosen = span === this.chosen;
+    if (end < this.from || span.t > this.to) return isFound;
+    const y = this.trackOf.get(`${span.lane}/${span.line}`) * kRowHeight + 4;
+    const left = Math.max(this.x(span.t), -4), right = Math.min(this.x(end), this.width + 4);
+    const wide = Math.max(2, right - left);
+    pen.globalAlpha = isFound ? 1 : 0.15;
+    pen.fillStyle = isChosen ? colours.mark : span.bad ? colours.broken : colours.active;
+    pen.fillRect(left, y, wide > 4 ? wide - 1 : wide, isChosen ? 17 : 14);
+    if (wide > 20) this.drawLabel(pen, colours.paper, span, left, y, wide);
     pen.globalAlpha = 1;
+    return isFound;
   }
 
-  drawLabel(pen, colour, label, left, y, wide) {
-    const from = Math.max(left, kLeft) + 4;
-    if (pen.measureText(label).width > left + wide - from - 4) return;
-    pen.fillStyle = colour("paper");
+  // Its name, with its duration where there is room for both.
+  drawLabel(pen, colour, span, left, y, wide) {
+    const from = Math.max(left, this.left) + 4;
+    const label = [`${span.name}  ${(span.to - span.from).toFixed(3)} s`, span.name]
+      .find(text => pen.measureText(text).width <= left + wide - from - 4);
+    if (label === undefined) return;
+    pen.fillStyle = colour;
     pen.fillText(label, from, y + 11);
   }
 
@@ -193,7 +217,7 @@ class Timeline {
     if (Math.abs(moved) < 4 && !this.pressed.hasMoved) return;
     this.pressed.hasMoved = true;
     this.setFollows(false);
-    const shift = moved / (this.width - kLeft - 8) * (this.pressed.to - this.pressed.from);
+    const shift = moved / this.inner * (this.pressed.to - this.pressed.from);
     this.from = this.pressed.from - shift;
     this.to = this.pressed.to - shift;
     this.drawSoon();
@@ -203,15 +227,15 @@ class Timeline {
     const pressed = this.pressed;
     this.pressed = null;
     if (!pressed || pressed.hasMoved) return;
-    const {x, y} = this.place(event), lane = kLanes[Math.floor(y / kLaneHeight)];
-    let nearest = -1, distance = 12;
-    this.events.forEach((one, i) => {
-      if (one.lane !== lane || !this.matches(one)) return;
-      const left = this.x(one.t), right = Math.max(left, this.x(one.until));
+    const {x, y} = this.place(event), track = Math.floor(y / kRowHeight);
+    let nearest = null, distance = 12;
+    for (const one of this.spans.values()) {
+      if (this.trackOf.get(`${one.lane}/${one.line}`) !== track || !this.matches(one)) continue;
+      const left = this.x(one.t), right = Math.max(left, this.x(this.end(one)));
       const away = x < left ? left - x : x > right ? x - right : 0;
-      if (away <= distance) [nearest, distance] = [i, away];
-    });
-    if (nearest >= 0) this.choose(nearest);
+      if (away <= distance) [nearest, distance] = [one, away];
+    }
+    if (nearest) this.choose(nearest);
   }
 
   key(event) {
@@ -225,57 +249,50 @@ class Timeline {
     acts[event.key]();
   }
 
-  // To the next event that the search finds.
+  // To the next span that the search finds.
   step(by) {
-    for (let i = this.chosen + by; i >= 0 && i < this.events.length; i += by) {
-      if (!this.matches(this.events[i])) continue;
-      const t = this.events[i].t;
+    const all = [...this.spans.values()];
+    for (let i = all.indexOf(this.chosen) + by; i >= 0 && i < all.length; i += by) {
+      if (!this.matches(all[i])) continue;
+      const t = all[i].t;
       if (t < this.from || t > this.to) this.pan((t - (this.from + this.to) / 2) / (this.to - this.from));
-      return this.choose(i);
+      return this.choose(all[i]);
     }
   }
 
-  choose(i) {
-    this.chosen = i;
-    const event = this.events[i];
-    const near = this.events.filter(one => one.kind === "log" && one.t >= event.t &&
-      one.t <= Math.max(event.until, event.t + 1e-3)).slice(0, 20);
-    this.detail.replaceChildren(
-      make("p", `${event.at.toFixed(6)} s  ${event.kind}  ${event.source}: ${event.text}`));
-    const rows = [...fieldsOf(event), ...(event.answer ? fieldsOf(event.answer, "answer: ") : [])];
-    const table = make("table");
-    for (const [name, bytes, value] of rows) {
+  nameOf(span) { return `${this.lanes[span.lane]}${span.line && " " + span.line}`; }
+
+  // Its bytes, and those of what it is made of and of what it led to: up to the client's answer.
+  rowsOf(span) {
+    const parts = span.parts.map(id => this.spanOf(id, span.connection)).filter(one => one);
+    const flow = span.flow === undefined ? [] : [...this.spans.values()].filter(one =>
+      one.flow === span.flow && one !== span && one.connection === span.connection);
+    return [span, ...parts, ...flow].flatMap(one => one.fields.map(([name, bytes, value]) =>
+      [one === span ? name : `${this.nameOf(one)}: ${name}`, bytes, value]));
+  }
+
+  logLinesOf(span) {
+    const until = Math.max(this.end(span), span.t + (span.moment ? 1e-3 : 0));
+    return [...this.spans.values()].filter(one => one.kind === "log" && one !== span &&
+      one.t >= span.t && one.t <= until);
+  }
+
+  choose(span) {
+    this.chosen = span;
+    const took = span.moment ? "" : span.open ? ", goes on" : `, took ${(span.to - span.from).toFixed(6)} s`;
+    const told = span.source && span.source !== span.line ? `${span.source}: ${span.name}` : span.name;
+    const table = make("table"), lines = this.logLinesOf(span);
+    for (const [name, bytes, value] of this.rowsOf(span)) {
       const row = make("tr");
       row.append(make("th", name), make("td", bytes), make("td", value));
       table.append(row);
     }
-    this.detail.append(table, ...near.map(one => make("p", `${one.source}: ${one.text}`)));
+    this.detail.replaceChildren(
+      make("p", `${span.from.toFixed(6)} s${took}  ${this.nameOf(span)}: ${told}`), table,
+      ...lines.slice(0, kLogLinesMost).map(one => make("p", `${one.source}: ${one.name}`)));
+    if (lines.length > kLogLinesMost) {
+      this.detail.append(make("p", `and ${lines.length - kLogLinesMost} more log lines`));
+    }
     this.drawSoon();
   }
-}
-
-// ---- Bytes, field by field
-
-const hexOf = bytes => bytes.map(byte => byte.toString(16).padStart(2, "0")).join(" ");
-const kFrameFields = [["magic", 0, 2], ["reserved", 2, 2], ["fixed", 4, 2], ["label", 6, 2],
-  ["length", 8, 2], ["flags", 10, 1], ["field a", 11, 2], ["reserved", 13, 1], ["field b", 14, 4],
-  ["field c", 18, 4], ["command", 22, 4], ["reserved", 26, 4]];
-const kPayloadAt = 30;
-
-function fieldsOf(event, prefix = "") {
-  const bytes = event.bytes;
-  const row = (name, from, to, value = "") => [prefix + name, hexOf(bytes.slice(from, to)), value];
-  if (event.kind === "frame" && bytes.length >= kPayloadAt + 2) {
-    const little = (at, size) => "0x" + bytes.slice(at, at + size).reverse()
-      .map(byte => byte.toString(16).padStart(2, "0")).join("");
-    const end = bytes.length - 2, payload = bytes.slice(kPayloadAt, end);
-    const text = payload.every(byte => byte >= 32 && byte < 127) ? String.fromCharCode(...payload) : "";
-    return [...kFrameFields.map(([name, at, size]) => row(name, at, at + size, little(at, size))),
-      row("payload", kPayloadAt, end, text && `"${text}"`), row("checksum", end, end + 2, little(end, 2))];
-  }
-  if (event.kind === "spi" && bytes.length > 5) {
-    return [row("direction", 0, 1, bytes[0] === 2 ? "write" : ""), row("address", 1, 5),
-      row("data", 5, bytes.length)];
-  }
-  return bytes.length ? [row("bytes", 0, bytes.length)] : [];
 }

@@ -11,7 +11,7 @@
 #include <mutex>
 
 #include "board/core/real_calls.h"
-#include "tools/quilctl/output/values.h"
+#include "tools/quilctl/serve/watched_event.h"
 #include "tools/quilctl/session/interruption.h"
 
 namespace quil::tools {
@@ -30,14 +30,6 @@ void wake(const Descriptor& descriptor) {
 void quieten(const Descriptor& descriptor) {
     uint64_t count = 0;
     [[maybe_unused]] const auto done = board::real().read(descriptor.get(), &count, sizeof(count));
-}
-
-Json eventDocument(const board::Event& event) {
-    return {{"at", secondsOf(event.at)},
-            {"kind", board::nameOf(event.kind)},
-            {"source", jsonOfBytes(event.source)},
-            {"text", jsonOfBytes(event.text)},
-            {"bytes", event.bytes}};
 }
 
 }  // namespace
@@ -241,7 +233,7 @@ void Server::deliverEvents(const std::deque<board::Event>& events, uint64_t lost
             }
             if (client.lost > 0) client.out += protocolLine(Json{{"lost", client.lost}});
             client.lost = 0;
-            if (line.empty()) line = protocolLine(Json{{"event", eventDocument(event)}});
+            if (line.empty()) line = protocolLine(Json{{"event", watchedDocument(event)}});
             client.out += line;
         }
     }

@@ -34,6 +34,8 @@ std::string argumentText(const Json& arguments, const std::string& name) {
     return {bytes.begin(), bytes.end()};
 }
 
+}  // namespace
+
 board::EventKind kindNamed(const std::string& name) {
     for (int kind = 0; kind <= kLastOfKinds; ++kind) {
         if (name == nameOf(static_cast<board::EventKind>(kind))) {
@@ -42,8 +44,6 @@ board::EventKind kindNamed(const std::string& name) {
     }
     throw Failure(kBadData, "'" + name + "' is no kind of event");
 }
-
-}  // namespace
 
 Json argumentsOf(const board::Event& event, size_t number) {
     Json arguments = {{"event", number}, {"kind", nameOf(event.kind)}, {"at", event.at.count()}};

@@ -59,6 +59,7 @@ void LinkSpans::seeTransmitted(const board::Event& event, Span& span) {
         mStep = std::move(step);
         mStepFrom = span.from;
     }
+    mParts.push_back(span.event.value_or(0));
     mLastByte = span.to;
 }
 
@@ -82,6 +83,7 @@ void LinkSpans::seeReceived(const board::Event& event, Span& span) {
     span.to = port.rxUntil = event.at;
     if (!mDialect) return;
     mAnswer.insert(mAnswer.end(), event.bytes.begin(), event.bytes.end());
+    mParts.push_back(span.event.value_or(0));
     mLastByte = event.at;
 }
 
@@ -120,13 +122,16 @@ void LinkSpans::leaveLoader() {
 void LinkSpans::endStep(const Verdict& verdict) {
     const auto step = std::exchange(mStep, std::nullopt);
     mAnswer.clear();
+    auto parts = std::exchange(mParts, {});
     if (!step) return;
     const std::string said = verdict.isGood ? "" : ": " + verdict.said;
     mSteps.push_back({.lane = Lane::kBootLoader,
                       .line = "",
                       .name = step->name + said,
                       .from = mStepFrom,
-                      .to = std::max(mStepFrom, mLastByte)});
+                      .to = std::max(mStepFrom, mLastByte),
+                      .isBad = !verdict.isGood,
+                      .parts = std::move(parts)});
     if (!verdict.isGood || !step->end) return;
     mBlocks[*step->end] = bytesOfBlock(*step);
     double bytes = 0;
@@ -149,6 +154,7 @@ void LinkSpans::endSession(bool isWhole) {
 void LinkSpans::end(board::Nanos at) {
     leaveLoader();
     endSession(false);
+    mPorts.clear();
     if (!mIsQueued) return;
     mSamples.push_back({kQueuedCounter, "bytes", std::min(mQueueEmptyAt, at), 0});
     mIsQueued = false;

@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "tools/quilctl/programming/programming_watch.h"
@@ -24,8 +25,8 @@ class LinkSpans {
     void seeShell(const board::Event& event);
     void seeMcu(const board::Event& event);
     void end(board::Nanos at);
-    // What the boot loader was asked, until then.
-    const std::vector<Span>& steps() const { return mSteps; }
+    // What the boot loader was asked since the last time.
+    std::vector<Span> takeSteps() { return std::exchange(mSteps, {}); }
 
   private:
     struct Port {
@@ -58,6 +59,7 @@ class LinkSpans {
     std::unique_ptr<BootLoaderDialect> mDialect;  // null: the boot loader is not talked to
     std::optional<ProgrammingStep> mStep;
     board::Nanos mStepFrom{0}, mLastByte{0};
+    std::vector<size_t> mParts;  // of the step: events
     Bytes mAnswer;
     std::map<uint32_t, double> mBlocks;  // of the session, by the address after each
     std::vector<Written> mWritten;

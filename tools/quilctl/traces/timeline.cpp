@@ -92,18 +92,32 @@ std::string labelIn(const std::string& text) {
     return at == std::string::npos ? "" : text.substr(at, text.find(' ', at) - at);
 }
 
+}  // namespace
+
 class TimelineBuilder {
   public:
-    explicit TimelineBuilder(const std::vector<Event>& events) : mEvents(events) {}
+    void see(const Event& event) {
+        const size_t i = mForgotten + mTimeline.spans.size();
+        mTimeline.spans.push_back(
+            {.lane = laneOf(event),
+             .line = lineOfLane(event),
+             .name = nameOfSpan(event),
+             .from = event.at,
+             .to = event.at,
+             .isMoment = true,
+             .isBad = event.kind == EventKind::kFault || event.kind == EventKind::kViolation,
+             .event = i});
+        mChanged.push_back(i);
+        act(event, i);
+        mNow = event.at;
+    }
 
-    Timeline build() {
-        for (size_t i = 0; i < mEvents.size(); ++i) see(i);
-        const Nanos end = mEvents.empty() ? Nanos(0) : mEvents.back().at;
-        endAll(end);
+    Timeline finish() {
+        endAll(mNow);
         for (const auto& [request, flow] : mFlows) {
             if (flow.size() > 1) mTimeline.flows.push_back(flow);
         }
-        const auto& steps = mLink.steps();
+        const auto steps = mLink.takeSteps();
         mTimeline.spans.insert(mTimeline.spans.end(), steps.begin(), steps.end());
         setRows();
         std::stable_sort(mTimeline.samples.begin(), mTimeline.samples.end(),
@@ -111,23 +125,35 @@ class TimelineBuilder {
         return std::move(mTimeline);
     }
 
-  private:
-    void see(size_t i) {
-        const Event& event = mEvents[i];
-        mTimeline.spans.push_back({.lane = laneOf(event),
-                                   .line = lineOfLane(event),
-                                   .name = nameOfSpan(event),
-                                   .from = event.at,
-                                   .to = event.at,
-                                   .isMoment = true,
-                                   .event = i});
-        act(event, i);
+    // What is new or has changed since the last time.
+    LiveTimeline::Changes takeChanges() {
+        LiveTimeline::Changes changes;
+        std::sort(mChanged.begin(), mChanged.end());
+        mChanged.erase(std::unique(mChanged.begin(), mChanged.end()), mChanged.end());
+        for (const size_t i : mChanged) changes.emplace_back(i, mTimeline.spans[i - mForgotten]);
+        mChanged.clear();
+        for (Span& step : mLink.takeSteps()) changes.emplace_back(--mLastStep, std::move(step));
+        return changes;
     }
 
+    // After takeChanges(): all but so many of the last spans, and the samples.
+    void forgetBut(size_t count) {
+        mTimeline.samples.clear();
+        if (mTimeline.spans.size() <= count) return;
+        const size_t forgets = mTimeline.spans.size() - count;
+        mTimeline.spans.erase(mTimeline.spans.begin(),
+                              mTimeline.spans.begin() + static_cast<ptrdiff_t>(forgets));
+        mForgotten += forgets;
+        mFlows.erase(mFlows.begin(), mFlows.lower_bound(mForgotten));
+    }
+    size_t size() const { return mTimeline.spans.size(); }
+
+  private:
     void act(const Event& event, size_t i) {
         switch (event.kind) {
             case EventKind::kPower:
-                return begins(event.text, "on") ? void() : endAll(event.at);
+                // Board time begins anew with the power.
+                return endAll(begins(event.text, "on") ? mNow : event.at);
             case EventKind::kOpen:
                 mFiles[event.source] = i;
                 return;
@@ -171,10 +197,24 @@ class TimelineBuilder {
         }
     }
 
-    Span& span(size_t i) { return mTimeline.spans[i]; }
+    // A span that is forgotten may be changed all the same.
+    Span& span(size_t i) {
+        if (i < mForgotten) return mNone;
+        mChanged.push_back(i);
+        return mTimeline.spans[i - mForgotten];
+    }
     void extend(size_t i, Nanos to) {
-        span(i).isMoment = false;
-        span(i).to = std::max(span(i).from, to);
+        Span& one = span(i);
+        one.isMoment = one.isOpen = false;
+        one.to = std::max(one.from, to);
+    }
+    void open(size_t i, Nanos at) {
+        extend(i, at);
+        span(i).isOpen = true;
+    }
+    void join(size_t i, size_t cause) {
+        mFlows[cause].push_back(i);
+        span(i).flow = cause;
     }
 
     // Files that nobody closes are moments: how long they are in use is not known.
@@ -193,7 +233,7 @@ class TimelineBuilder {
         for (const auto& [source, operation] : operations) {
             if (source != board::kFlashDevice) endOperation(source, span(i).from);
         }
-        if (mAwaitsBytes) mFlows[*mAwaitsBytes].push_back(i);
+        if (mAwaitsBytes) join(i, *mAwaitsBytes);
         mAwaitsBytes.reset();
     }
 
@@ -203,19 +243,19 @@ class TimelineBuilder {
         extend(i, event.at);
         if (begins(event.text, "request")) {
             mFrames[label] = i;
-            auto& flow = mFlows[mRequest.value_or(i)];
-            if (mLastWrite) flow.push_back(*mLastWrite);
-            flow.push_back(i);
+            const size_t cause = mRequest.value_or(i);
+            if (mLastWrite) join(*mLastWrite, cause);
+            join(i, cause);
             mLastWrite.reset();
             return;
         }
         const auto asked = mFrames.find(label);
         if (asked == mFrames.end()) return;
         extend(asked->second, event.at);
-        for (auto& [cause, flow] : mFlows) {
-            if (flow.back() != asked->second) continue;
-            flow.push_back(i);
-            mAwaitsBytes = cause;
+        const auto flow = mFlows.find(span(asked->second).flow.value_or(i));
+        if (flow != mFlows.end() && flow->second.back() == asked->second) {
+            mAwaitsBytes = flow->first;
+            join(i, flow->first);
         }
         mFrames.erase(asked);
     }
@@ -224,7 +264,7 @@ class TimelineBuilder {
         const auto before = open.find(event.source);
         if (before != open.end()) extend(before->second, event.at);
         open[event.source] = i;
-        extend(i, event.at);
+        this->open(i, event.at);
     }
 
     void sleep(const Event& event, size_t i) {
@@ -234,11 +274,13 @@ class TimelineBuilder {
     void request(const Event& event, size_t i) {
         extend(i, event.at);
         if (event.text != kAnswered) {
+            if (mRequest) span(*mRequest).isOpen = false;
+            open(i, event.at);
+            join(i, i);
             mRequest = i;
-            mFlows[i] = {i};
         } else if (mRequest) {
             extend(*mRequest, event.at);
-            mFlows[*mRequest].push_back(i);
+            join(i, *mRequest);
             mRequest.reset();
         }
     }
@@ -287,6 +329,7 @@ class TimelineBuilder {
         const bool isOk =
             verdict == std::string::npos || begins(event.text.substr(verdict), ": ok");
         span(i).name = event.text.substr(0, comma) + (isOk ? "" : event.text.substr(verdict));
+        span(i).isBad = !isOk;
         span(i).from = std::max(event.at - took, Nanos(0));
         extend(i, event.at);
     }
@@ -298,10 +341,13 @@ class TimelineBuilder {
         for (const auto& [source, i] : operations) endOperation(source, at);
         if (mRequest) extend(*mRequest, at);
         mLink.end(at);
-        for (Span& one : mTimeline.spans) {
-            one.to = std::min(one.to, at);
-            one.from = std::min(one.from, one.to);
+        const size_t next = mForgotten + mTimeline.spans.size();
+        for (size_t i = std::max(mPoweredAt, mForgotten); i < next; ++i) {
+            if (mTimeline.spans[i - mForgotten].to <= at) continue;
+            span(i).to = at;
+            span(i).from = std::min(span(i).from, at);
         }
+        mPoweredAt = next;
         mLevels.clear();
         mFiles.clear();
         mFrames.clear();
@@ -335,15 +381,18 @@ class TimelineBuilder {
         }
     }
 
-    const std::vector<Event>& mEvents;
     Timeline mTimeline;
+    Span mNone{};
+    Nanos mNow{0};
+    size_t mForgotten = 0;  // so many spans
+    size_t mPoweredAt = 0;  // the first span since the power came
+    int64_t mLastStep = 0;
+    std::vector<size_t> mChanged;
     LinkSpans mLink{mTimeline.samples};
     std::map<std::string, size_t> mFiles, mFrames, mLevels, mOperations, mShellOf;
     std::map<size_t, std::vector<size_t>> mFlows;  // by their first cause
     std::optional<size_t> mRequest, mShell, mLastWrite, mAwaitsBytes;
 };
-
-}  // namespace
 
 const LaneRow& rowOf(Lane lane) { return kLanes.at(static_cast<size_t>(lane)); }
 
@@ -352,6 +401,22 @@ std::string trackOf(const Span& span) {
     return span.line.empty() ? lane : lane + " " + span.line;
 }
 
-Timeline timelineOf(const std::vector<Event>& events) { return TimelineBuilder(events).build(); }
+Timeline timelineOf(const std::vector<Event>& events) {
+    TimelineBuilder builder;
+    for (const Event& event : events) builder.see(event);
+    return builder.finish();
+}
+
+LiveTimeline::LiveTimeline(size_t keeps)
+    : mKeeps(keeps), mBuilder(std::make_unique<TimelineBuilder>()) {}
+
+LiveTimeline::~LiveTimeline() = default;
+
+LiveTimeline::Changes LiveTimeline::see(const board::Event& event) {
+    mBuilder->see(event);
+    Changes changes = mBuilder->takeChanges();
+    if (mBuilder->size() > 2 * mKeeps) mBuilder->forgetBut(mKeeps);
+    return changes;
+}
 
 }  // namespace quil::tools

@@ -4,10 +4,13 @@
 #pragma once
 
 #include <stddef.h>
+#include <stdint.h>
 
 #include <array>
+#include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "board/core/trace.h"
@@ -61,7 +64,11 @@ struct Span {
     std::string name;
     board::Nanos from, to;
     bool isMoment = false;             // it has no duration
+    bool isOpen = false;               // it goes on
+    bool isBad = false;                // something failed, or was done that no part allows
     std::optional<size_t> event = {};  // its number in the list; without: it comes from several
+    std::vector<size_t> parts = {};    // those
+    std::optional<size_t> flow = {};   // the first of its flow
     // Spans of a lane's line that overlap without one being in the other are in different rows.
     unsigned row = 0;
 };
@@ -82,5 +89,26 @@ struct Timeline {
 
 // Of the events since a power-on. What has not ended ends with the last event, or with the power.
 Timeline timelineOf(const std::vector<board::Event>& events);
+
+class TimelineBuilder;
+
+// The same while it grows, over power-ons: of a board that is watched.
+class LiveTimeline {
+  public:
+    // `keeps`: of so many events, and of up to as many before, spans are still brought up to date.
+    explicit LiveTimeline(size_t keeps);
+    ~LiveTimeline();
+    LiveTimeline(const LiveTimeline&) = delete;
+    LiveTimeline& operator=(const LiveTimeline&) = delete;
+
+    // The spans that are new, or others than before. A span of an event has the event's number,
+    // one of several events has a number below 0.
+    using Changes = std::vector<std::pair<int64_t, Span>>;
+    Changes see(const board::Event& event);
+
+  private:
+    const size_t mKeeps;
+    const std::unique_ptr<TimelineBuilder> mBuilder;
+};
 
 }  // namespace quil::tools
