@@ -20,10 +20,15 @@ Properties::Properties(BoardServices& board) : mBoard(board) {
 Properties::~Properties() = default;
 
 std::string_view Properties::find(std::string_view name, std::string_view fallback) const {
-    auto found = mOfThisRun.find(name);
-    if (found != mOfThisRun.end()) return found->second;
-    found = mValues.find(name);
-    return found == mValues.end() || found->second.empty() ? fallback : found->second;
+    if (name != mLastName || mLastName.empty()) {
+        const auto found = mOfThisRun.find(name);
+        const auto kept = mValues.find(name);
+        mLastName = name;
+        mLastValue = found != mOfThisRun.end()                        ? &found->second
+                     : kept != mValues.end() && !kept->second.empty() ? &kept->second
+                                                                      : nullptr;
+    }
+    return mLastValue != nullptr ? std::string_view(*mLastValue) : fallback;
 }
 
 std::string Properties::get(const std::string& name, const std::string& fallback) const {
@@ -35,6 +40,7 @@ void Properties::set(const std::string& name, const std::string& value) {
     Guard guard(boardLock());
     mBoard.trace.add(EventKind::kProperty, name, value);
     if (mBoard.power.isCut()) return;
+    mLastName.clear();
     mValues[name] = value;
     std::string text;
     for (const auto& [key, kept] : mValues) text.append(key).append("=").append(kept).append("\n");
@@ -44,11 +50,13 @@ void Properties::set(const std::string& name, const std::string& value) {
 void Properties::setForThisRun(const std::string& name, const std::string& value) {
     Guard guard(boardLock());
     mBoard.trace.add(EventKind::kProperty, name, value + ", for this run");
+    mLastName.clear();
     mOfThisRun[name] = value;
 }
 
 void Properties::dropForThisRun(const std::string& name) {
     Guard guard(boardLock());
+    mLastName.clear();
     mOfThisRun.erase(name);
 }
 

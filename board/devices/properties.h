@@ -31,6 +31,9 @@ class Properties {
 
     BoardServices& mBoard;
     Values mValues, mOfThisRun;
+    // What was found last, null: nothing. The same property is read before each log message.
+    mutable std::string mLastName;
+    mutable const std::string* mLastValue = nullptr;
 };
 
 }  // namespace quil::board

@@ -157,6 +157,25 @@ TEST_F(BoardPartAlone, PropertyThatIsSetForOneRunIsNotKept) {
     EXPECT_EQ(board.store->read("properties"), "persist.a=1\npersist.b=3\n");
 }
 
+// What was found last is kept at hand: each change has to be seen all the same.
+TEST_F(BoardPartAlone, PropertyThatIsReadAgainHasTheValueOfTheLastChange) {
+    Properties properties(board);
+    const auto read = [&] { return properties.get("persist.a", "none"); };
+    std::vector<std::string> seen = {read(), read()};
+    properties.set("persist.a", "1");
+    seen.push_back(read());
+    properties.setForThisRun("persist.a", "2");
+    seen.push_back(read());
+    EXPECT_EQ(properties.get("persist.b", "other"), "other");
+    seen.push_back(read());
+    properties.dropForThisRun("persist.a");
+    seen.push_back(read());
+    properties.set("persist.a", "");
+    seen.push_back(read());
+    EXPECT_THAT(seen, ElementsAre("none", "none", "1", "2", "2", "1", "none"));
+    EXPECT_EQ(properties.get("", "empty"), "empty");
+}
+
 TEST_F(BoardPartAlone, PropertiesAndProbesOutliveThePartsThatKeepThem) {
     Properties(board).set("persist.a", "1");
     Probes(board, 1).setHealth(kRtc, Health::kFaulty);
