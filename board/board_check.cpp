@@ -11,8 +11,10 @@
 #include <stdexcept>
 #include <system_error>
 
+#include "board/checked_files.h"
 #include "board/core/directory_lock.h"
 #include "board/core/whole_file.h"
+#include "board/devices/ini_reader.h"
 #include "board/devices/probes.h"
 #include "board/fpga/serial_flash.h"
 #include "board/mcu/mcu_chip.h"
@@ -133,15 +135,20 @@ std::vector<std::string> linesOf(const std::string& text) {
 // Remedies are noted with the problems, and applied only by a repair.
 class Checker {
   public:
-    Checker(const fs::path& dir, std::optional<Product> product)
-        : mDir(dir), mStore(dir, Keeping::kDurable), mFormat(formatOf(dir)) {
+    // The directory is that of the files, and only remedies write to it.
+    Checker(const CheckedFiles& files, const fs::path& dir, std::optional<Product> product)
+        : mFiles(files), mDir(dir), mStore(dir, Keeping::kDurable) {
+        if (isThere(kFormatFile)) mFormat = formatOfText(files.read(kFormatFile).value_or(""));
+        IniReader reader;
+        const int handle = reader.loadText(files.read(kProductFile).value_or(""));
+        mPart = &partOfProductFile(reader, handle);
         mProduct = productByName(mFormat.unfinished);
-        if (!mProduct) mProduct = productOf(dir);
+        if (!mProduct) mProduct = productOf(reader, handle, files.read("product_information"));
         if (!mProduct) mProduct = product;
+        mFactory = factoryFiles(mProduct.value_or(Product::kHeron));
     }
 
     void check() {
-        requireTraces(mDir);
         if (mFormat.number > kBoardFormat) {
             return add(Severity::kBlocking, kFormatFile, 0,
                        "format " + std::to_string(mFormat.number) + "; this program knows format " +
@@ -149,14 +156,11 @@ class Checker {
                        "");
         }
         for (const std::string& folder : factoryFolders()) checkFolder(folder);
-        for (const FactoryFile& file : factoryFiles(mProduct.value_or(Product::kHeron))) {
-            checkFactoryFile(file);
-        }
+        for (const FactoryFile& file : mFactory) checkFactoryFile(file);
         checkProductFile();
         for (const TextFile& file : kTextFiles) checkTextFile(file);
         checkModuleId();
-        const McuPart& part = partOfProductFile(mDir / kProductFile);
-        checkSize("mcu/flash", part.flashSize(), std::string("a ") + part.name);
+        checkSize("mcu/flash", mPart->flashSize(), std::string("a ") + mPart->name);
         checkSize("mtd0", SerialFlash::kSize, "the part");
         for (const char* folder : {"", "mcu"}) checkForStrangers(folder);
         checkTree();
@@ -175,29 +179,24 @@ class Checker {
     }
 
     // A name that is free.
-    static std::string keptAs(const fs::path& dir, const std::string& name) {
-        std::error_code ignored;
+    std::string keptAs(const std::string& name) const {
         std::string aside = name + kAside;
-        for (int i = 2; fs::exists(fs::symlink_status(dir / aside, ignored)); ++i) {
+        for (int i = 2; isThere(aside); ++i) {
             aside = name + kAside + "." + std::to_string(i);
         }
         return aside;
     }
 
-    bool isThere(const std::string& name) const {
-        std::error_code ignored;
-        return fs::exists(fs::symlink_status(mDir / name, ignored));
-    }
+    bool isThere(const std::string& name) const { return mFiles.isThere(name); }
 
     // True for a file that can be read; then `content` is it. What is none is a problem.
     bool readAsFile(const std::string& name, std::string& content, const Content& instead = {}) {
-        std::error_code ignored;
         if (!isThere(name)) return false;
-        if (!fs::is_regular_file(mDir / name, ignored)) {
+        if (mFiles.typeOf(name) != fs::file_type::regular) {
             addMisplaced(name, instead);
             return false;
         }
-        const auto text = mStore.read(name);
+        const auto text = mFiles.read(name);
         content = text.value_or("");
         if (!text) add(Severity::kBlocking, name, 0, "cannot be read", "");
         return text.has_value();
@@ -208,7 +207,7 @@ class Checker {
                         [&](const BoardProblem& known) { return known.file == name; })) {
             return;
         }
-        const std::string aside = keptAs(mDir, name);
+        const std::string aside = keptAs(name);
         add(Severity::kBlocking, name, 0, "is no file",
             "kept as " + aside + (instead ? ", and made as in the factory" : ""));
         mends.emplace_back([this, name, aside, instead] {
@@ -233,7 +232,7 @@ class Checker {
         } else if (!isThere(kFormatFile)) {
             add(Severity::kWarning, kFormatFile, 0, "missing; taken as format 1", remedy);
         } else if (mFormat.number < 1) {
-            const std::string aside = keptAs(mDir, kFormatFile);
+            const std::string aside = keptAs(kFormatFile);
             add(Severity::kBlocking, kFormatFile, 0, "says no format",
                 "kept as " + aside + ", and " + remedy);
             mends.emplace_back([this, aside] { fs::rename(mDir / kFormatFile, mDir / aside); });
@@ -244,9 +243,8 @@ class Checker {
     }
 
     void checkFolder(const std::string& name) {
-        std::error_code ignored;
-        if (fs::is_directory(mDir / name, ignored)) return;
-        const std::string aside = isThere(name) ? keptAs(mDir, name) : "";
+        if (mFiles.typeOf(name) == fs::file_type::directory) return;
+        const std::string aside = isThere(name) ? keptAs(name) : "";
         const std::string parent = fs::path(name).parent_path().string();
         if (!aside.empty()) {
             add(Severity::kBlocking, name, 0, "is no folder",
@@ -287,7 +285,7 @@ class Checker {
     }
 
     Content contentOf(const std::string& name) const {
-        for (const FactoryFile& file : factoryFiles(mProduct.value_or(Product::kHeron))) {
+        for (const FactoryFile& file : mFactory) {
             if (file.name == name) return contentOf(file);
         }
         return {};
@@ -296,7 +294,7 @@ class Checker {
     // Without its bad lines; as in the factory if no line is left. True if there were any.
     void mendLines(const std::string& name, Severity severity, const std::string& content,
                    const std::vector<std::string>& whatByLine) {
-        const std::string aside = keptAs(mDir, name);
+        const std::string aside = keptAs(name);
         const auto lines = linesOf(content);
         std::string mended;
         bool isBad = false;
@@ -325,7 +323,6 @@ class Checker {
     void checkTextFile(const TextFile& file) {
         std::string content;
         if (!readAsFile(file.name, content, contentOf(file.name))) return;
-        const McuPart& part = partOfProductFile(mDir / kProductFile);
         const auto lines = linesOf(content);
         std::vector<std::string> what(lines.size());
         std::set<std::string> keys;
@@ -340,7 +337,7 @@ class Checker {
             } else if (!keys.insert(line.key).second && !file.keysRepeat) {
                 what[i] = "a later line says what " + line.key + " is";
             } else {
-                what[i] = file.rule(line, part);
+                what[i] = file.rule(line, *mPart);
             }
         }
         mendLines(file.name, Severity::kBlocking, content, what);
@@ -353,7 +350,7 @@ class Checker {
         const auto lines = linesOf(content);
         const auto number = numberIn(lines.empty() ? "" : trimmed(lines[0]), 10);
         if (number && *number <= INT32_MAX) return;
-        const std::string aside = keptAs(mDir, kName);
+        const std::string aside = keptAs(kName);
         const Content factory = contentOf(kName);
         add(Severity::kBlocking, kName, lines.empty() ? 0 : 1, "no module id",
             factory ? "the product's is written, the former file kept as " + aside : "");
@@ -363,7 +360,7 @@ class Checker {
     void checkSize(const std::string& name, size_t most, const std::string& part) {
         std::string content;
         if (!readAsFile(name, content, contentOf(name)) || content.size() <= most) return;
-        const std::string aside = keptAs(mDir, name);
+        const std::string aside = keptAs(name);
         add(Severity::kBlocking, name, 0,
             std::to_string(content.size()) + " bytes; the flash of " + part + " has " +
                 std::to_string(most),
@@ -397,9 +394,7 @@ class Checker {
     }
 
     void checkForStrangers(const std::string& folder) {
-        std::error_code ignored;
-        for (const auto& entry : fs::directory_iterator(mDir / folder, ignored)) {
-            const std::string name = (fs::path(folder) / entry.path().filename()).string();
+        for (const std::string& name : mFiles.namesIn(folder)) {
             if (isKnownHere(name) || isAside(name) || isStale(name)) continue;
             add(Severity::kWarning, name, 0, "nothing of the board's: it is not read", "");
         }
@@ -408,12 +403,7 @@ class Checker {
     // Files that a killed program did not finish, and what would block who opens it.
     void checkTree() {
         std::error_code error;
-        constexpr auto kOptions = fs::directory_options::skip_permission_denied;
-        for (auto entry = fs::recursive_directory_iterator(mDir, kOptions, error);
-             !error && entry != fs::recursive_directory_iterator(); entry.increment(error)) {
-            const std::string name = entry->path().lexically_relative(mDir).string();
-            std::error_code ignored;
-            const auto type = entry->status(ignored).type();
+        for (const auto& [name, type] : mFiles.all(error)) {
             const bool isPlain = type == fs::file_type::regular ||
                                  type == fs::file_type::directory ||
                                  type == fs::file_type::not_found || type == fs::file_type::none;
@@ -431,10 +421,13 @@ class Checker {
         mends.emplace_back([this, name] { fs::remove_all(mDir / name); });
     }
 
+    const CheckedFiles& mFiles;
     const fs::path mDir;
     DirectoryStore mStore;
-    const BoardFormat mFormat;
+    BoardFormat mFormat;
+    const McuPart* mPart = nullptr;
     std::optional<Product> mProduct;
+    std::vector<FactoryFile> mFactory;
 };
 
 }  // namespace
@@ -461,13 +454,24 @@ void requireTraces(const fs::path& dir) {
 }
 
 std::vector<BoardProblem> checkBoard(const fs::path& dir, std::optional<Product> product) {
-    Checker checker(dir, product);
+    requireTraces(dir);
+    const CheckedDirectory files(dir);
+    Checker checker(files, dir, product);
+    checker.check();
+    return std::move(checker.problems);
+}
+
+std::vector<BoardProblem> checkBoard(const MemoryStore& board, std::optional<Product> product) {
+    const CheckedMemory files(board);
+    Checker checker(files, {}, product);
     checker.check();
     return std::move(checker.problems);
 }
 
 std::vector<BoardProblem> repairBoard(const fs::path& dir, std::optional<Product> product) {
-    Checker checker(dir, product);
+    requireTraces(dir);
+    const CheckedDirectory files(dir);
+    Checker checker(files, dir, product);
     checker.check();
     for (const auto& mend : checker.mends) mend();
     auto& problems = checker.problems;

@@ -32,6 +32,9 @@ void requireTraces(const std::filesystem::path& dir);
 // std::runtime_error when there is nothing of a board.
 std::vector<BoardProblem> checkBoard(const std::filesystem::path& dir,
                                      std::optional<Product> product = std::nullopt);
+// The same of a board in memory.
+std::vector<BoardProblem> checkBoard(const MemoryStore& board,
+                                     std::optional<Product> product = std::nullopt);
 // Applies the remedies, and returns the problems that had one. Files that it changes or replaces
 // stay aside as NAME.damaged. Throws std::runtime_error when it cannot go on.
 std::vector<BoardProblem> repairBoard(const std::filesystem::path& dir,

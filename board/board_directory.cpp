@@ -130,6 +130,8 @@ std::string productFile(const ProductRow& row) {
     return text.str();
 }
 
+constexpr size_t kFormatMost = 100;  // bytes of its file that count
+
 constexpr const char kReadme[] =
     "A simulated board. Everything here may be looked at and edited while the board is off.\n"
     "\n"
@@ -168,12 +170,16 @@ std::string_view nameOf(Product product) { return rowOf(product).name; }
 std::optional<Product> productOf(const fs::path& boardDirectory) {
     IniReader reader;
     const int handle = reader.load(boardDirectory / kProductFile);
-    if (const std::string* name = reader.find(handle, "product", "product")) {
+    return productOf(reader, handle, readWholeFile(boardDirectory / "product_information"));
+}
+
+std::optional<Product> productOf(const IniReader& reader, int productFile,
+                                 const std::optional<std::string>& moduleId) {
+    if (const std::string* name = reader.find(productFile, "product", "product")) {
         if (const auto product = productByName(*name)) return product;
     }
-    const auto module = readWholeFile(boardDirectory / "product_information");
     for (const ProductRow& row : kProducts) {
-        if (module == std::string(row.moduleId) + "\n") return row.product;
+        if (moduleId == std::string(row.moduleId) + "\n") return row.product;
     }
     return std::nullopt;
 }
@@ -243,7 +249,11 @@ BoardFormat formatOf(const fs::path& boardDirectory) {
     std::error_code ignored;
     const fs::path file = boardDirectory / kFormatFile;
     if (!fs::exists(fs::symlink_status(file, ignored))) return {};
-    std::istringstream words(readWholeFile(file, 100).value_or(""));
+    return formatOfText(readWholeFile(file, kFormatMost).value_or(""));
+}
+
+BoardFormat formatOfText(const std::string& text) {
+    std::istringstream words(text.substr(0, kFormatMost));
     BoardFormat format{0};
     std::string quil, board, state;
     if (!(words >> quil >> board >> format.number) || quil != "quil" || board != "board") {

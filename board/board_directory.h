@@ -13,12 +13,16 @@
 
 namespace quil::board {
 
+class IniReader;
+
 enum class Product { kHeron, kKestrel, kWrenT507 };
 
 std::optional<Product> productByName(std::string_view name);
 std::string_view nameOf(Product);
 // What its product file names, or else its module id; nothing when neither is known.
 std::optional<Product> productOf(const std::filesystem::path& boardDirectory);
+std::optional<Product> productOf(const IniReader&, int productFile,
+                                 const std::optional<std::string>& moduleId);
 
 // Makes a board as it leaves the factory. `flashedMcuVersion` is what runs on the MCU; "" is the
 // version that ships with the product. Throws std::runtime_error when the directory is not empty or
@@ -53,6 +57,7 @@ struct BoardFormat {
     std::string unfinished = {};  // the product of a board whose making was interrupted
 };
 BoardFormat formatOf(const std::filesystem::path& boardDirectory);
+BoardFormat formatOfText(const std::string& text);
 std::string textOf(const BoardFormat&);
 
 // Throws std::runtime_error for what is no board, half a board, or one of another format.

@@ -2,6 +2,7 @@
 // make of them. Input, for each file: a byte that names it, a length (16 bits), and its bytes.
 #include <array>
 #include <stdexcept>
+#include <tuple>
 
 #include "board/board_check.h"
 #include "board/core/temporary_directory.h"
@@ -15,6 +16,8 @@ namespace quil::fuzz {
 namespace {
 
 using board::OverlayStore;
+
+constexpr size_t kOneInDirectory = 64;  // of so many lengths of an input
 
 constexpr std::array<const char*, 10> kNames = {"properties",
                                                 "parts",
@@ -36,34 +39,63 @@ OverlayStore::Files filesOf(Input& input) {
     return files;
 }
 
-// The same board in a directory, which `board check` reads.
-class Directory {
+using Problems = std::vector<board::BoardProblem>;
+
+// What `board check` says of a board with the files of one input at a time: in memory, and, a
+// hundred times slower, in a directory.
+class CheckedBoard {
   public:
-    Directory() {
-        board::createBoardDirectory(mPlace.path() / "board", board::Product::kHeron);
-        for (const char* name : kNames) {  // with the small images
-            if (const auto content = PoweredBoard::factory()->read(name)) put(name, *content);
-        }
+    CheckedBoard() {
+        board::createBoardDirectory(mDirectory, board::Product::kHeron);
+        for (const char* name : kNames) restore(name);  // with the small images
     }
 
-    std::vector<board::BoardProblem> problemsWith(const OverlayStore::Files& files) const {
-        for (const auto& [name, content] : files) put(name, *content);
-        auto problems = board::checkBoard(mPlace.path() / "board", board::Product::kHeron);
+    Problems inMemory(const OverlayStore::Files& files) {
+        for (const auto& [name, content] : files) mBoard.replace(name, *content);
+        Problems problems = board::checkBoard(mBoard, board::Product::kHeron);
         for (const auto& [name, content] : files) {
-            const auto former = PoweredBoard::factory()->read(name);
-            if (former) put(name, *former);
-            if (!former) std::filesystem::remove(mPlace.path() / "board" / name);
+            const auto former = mFormer.read(name);
+            if (former) mBoard.replace(name, *former);
+            if (!former) mBoard.remove(name);
         }
+        return problems;
+    }
+    Problems inDirectory(const OverlayStore::Files& files) const {
+        for (const auto& [name, content] : files) {
+            board::writeWholeFile(mDirectory / name, *content);
+        }
+        Problems problems = board::checkBoard(mDirectory, board::Product::kHeron);
+        for (const auto& [name, content] : files) restore(name);
         return problems;
     }
 
   private:
-    void put(const std::string& name, std::string_view content) const {
-        board::writeWholeFile(mPlace.path() / "board" / name, content);
+    void restore(const std::string& name) const {
+        const auto former = mFormer.read(name);
+        if (former) board::writeWholeFile(mDirectory / name, *former);
+        if (!former) std::filesystem::remove(mDirectory / name);
     }
 
+    static board::MemoryStore wholeBoard() {
+        board::MemoryStore store = *PoweredBoard::factory();
+        store.replace(board::kFormatFile, board::textOf(board::BoardFormat()));
+        return store;
+    }
+
+    const board::MemoryStore mFormer = wholeBoard();
+    board::MemoryStore mBoard = mFormer;
     const board::TemporaryDirectory mPlace{"fuzz"};
+    const std::filesystem::path mDirectory = mPlace.path() / "board";
 };
+
+bool saySame(const Problems& some, const Problems& others) {
+    return std::equal(some.begin(), some.end(), others.begin(), others.end(),
+                      [](const board::BoardProblem& one, const board::BoardProblem& other) {
+                          return std::tie(one.severity, one.file, one.line, one.what, one.remedy) ==
+                                 std::tie(other.severity, other.file, other.line, other.what,
+                                          other.remedy);
+                      });
+}
 
 // A board that the check lets pass can be powered; one that cannot says why.
 bool powersOn(const std::shared_ptr<OverlayStore>& store) {
@@ -84,11 +116,15 @@ bool powersOn(const std::shared_ptr<OverlayStore>& store) {
 }  // namespace
 
 void boardFiles(std::span<const uint8_t> bytes) {
-    static const Directory directory;
+    static CheckedBoard checked;
     Input input(bytes);
     const OverlayStore::Files files = filesOf(input);
+    const Problems problems = checked.inMemory(files);
+    if (bytes.size() % kOneInDirectory == 30) {
+        check(saySame(checked.inDirectory(files), problems), "a directory has other problems");
+    }
     bool isBlocked = false;
-    for (const board::BoardProblem& problem : directory.problemsWith(files)) {
+    for (const board::BoardProblem& problem : problems) {
         check(!problem.what.empty() && !problem.file.empty(), "a problem without a word");
         isBlocked = isBlocked || problem.severity == board::Severity::kBlocking;
     }

@@ -20,8 +20,8 @@ class PoweredBoard {
     void logEverything() { mBoard.properties().set("persist.quil.device.log.level", "D"); }
 
     // Small images: the FPGA reads its own at each power-on.
-    static const std::shared_ptr<const board::Store>& factory() {
-        static const std::shared_ptr<const board::Store> kept = [] {
+    static const std::shared_ptr<const board::MemoryStore>& factory() {
+        static const std::shared_ptr<const board::MemoryStore> kept = [] {
             auto store = board::factoryBoard(board::Product::kHeron);
             const std::string mcu =
                 board::makeMcuImage(board::McuKind::kGd32F303, "V1.0.0", kMcuImageSize);

@@ -58,6 +58,10 @@ class MemoryStore : public Store {
     std::optional<std::string> read(const std::string& name) const override;
     void replace(const std::string& name, std::string_view content) override;
     bool isFolder(const std::string& name) const override { return mFolders.count(name) != 0; }
+    void remove(const std::string& name) { mFiles.erase(name); }
+
+    const Files& files() const { return mFiles; }
+    const std::set<std::string>& folders() const { return mFolders; }
 
   private:
     Files mFiles;
