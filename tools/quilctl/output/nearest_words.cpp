@@ -18,7 +18,7 @@ size_t distance(std::string_view a, std::string_view b) {
         row[0] = i;
         for (size_t j = 1; j <= b.size(); ++j) {
             const size_t change = a[i - 1] == b[j - 1] ? 0 : 1;
-            row[j] = std::min({before[j] + 1, row[j - 1] + 1, before[j - 1] + change});
+            row[j] = std::min(std::min(before[j], row[j - 1]) + 1, before[j - 1] + change);
             const bool isSwap = i > 1 && j > 1 && a[i - 1] == b[j - 2] && a[i - 2] == b[j - 1];
             if (isSwap) row[j] = std::min(row[j], twoBefore[j - 2] + 1);
         }
