@@ -1,6 +1,6 @@
 // Requests of clients, through the service to the MCU and back. Input, for each request: a byte of
-// circumstances, a length (16 bits), and that number of bytes; with kIsLong also a number (16 bits)
-// that says how many bytes 0xA5 to append.
+// circumstances, a length (16 bits), and that number of bytes; with kIsFilled also a number (16
+// bits) that says how many bytes 0xA5 to append.
 #include <unistd.h>
 
 #include <memory>
@@ -22,11 +22,14 @@ using namespace hardware::quilservicemanager::implementation;  // NOLINT: the th
 using android::hardware::hidl_vec;
 using tests::Bytes;
 
-constexpr uint8_t kIsSet = 0x01, kMoodMask = 0x06, kIsUpdating = 0x08, kIsLong = 0x10,
+constexpr uint8_t kIsSet = 0x01, kMoodMask = 0x06, kIsUpdating = 0x08, kIsFilled = 0x10,
                   kIsLogged = 0x20;
 enum Mood : uint8_t { kAnswers = 0x00, kSilent = 0x02, kCorrupt = 0x04, kNoisy = 0x06 };
-constexpr size_t kRequestsMost = 8, kHeader = 8, kBodyMost = 65535;
-constexpr size_t kPayloadMost = 4112, kFarFrom = 0xFF00;
+constexpr size_t kRequestsMost = 3, kHeader = 8, kBodyMost = 65535;
+constexpr size_t kPayloadMost = 4112;
+// The library passes the log gate for each byte, which takes most of the time: an input has at most
+// one request of about the longest payload, or is alone with one of about the longest body.
+constexpr uint16_t kLongFrom = 0xF000, kFarFrom = 0xFFF0;
 constexpr uint32_t kSelfTest = 0xFFFFFFF4, kMcuEnd = 0xF5000002, kVersion = 1;
 constexpr auto kPatience = std::chrono::seconds(5);
 constexpr auto kLineMost = std::chrono::seconds(1);  // the longest frames there and back
@@ -35,16 +38,16 @@ struct Request {
     uint8_t circumstances;
     Bytes bytes;
 
-    explicit Request(Input& input) : circumstances(input.byte()) {
+    Request(Input& input, bool isFirst) : circumstances(input.byte()) {
         const uint16_t length = input.word();
         const auto taken = input.take(length);
         bytes.assign(taken.begin(), taken.end());
-        if (has(kIsLong)) bytes.resize(bytes.size() + fillOf(input.word()), 0xA5);
-    }
-    // Around the longest payload, or, seldom, around the longest body: the library passes the log
-    // gate for each byte, and lengths in between are refused like the longest.
-    static size_t fillOf(uint16_t drawn) {
-        return drawn >= kFarFrom ? drawn : drawn % (kPayloadMost + 200);
+        if (!has(kIsFilled)) return;
+        const uint16_t drawn = input.word();
+        size_t fill = drawn % 256;
+        if (isFirst && drawn >= kLongFrom) fill += kPayloadMost - 128;
+        if (isFirst && drawn >= kFarFrom && input.empty()) fill = drawn;
+        bytes.resize(bytes.size() + fill, 0xA5);
     }
     bool has(uint8_t bit) const { return (circumstances & bit) != 0; }
     Mood mood() const { return static_cast<Mood>(circumstances & kMoodMask); }
@@ -84,6 +87,7 @@ class Conversation {
     void run(const Request& request) {
         setScene(request);
         checkConversion(request);
+        if (request.bytes.size() > kBodyMost / 2) return;  // refused like any above the longest
         const size_t sent = mBoard->mcu().requests().size();
         const auto start = mBoard->now();
         const Bytes answer = ask(request);
@@ -172,7 +176,9 @@ class Conversation {
 void request(std::span<const uint8_t> bytes) {
     Input input(bytes);
     Conversation conversation;
-    for (size_t i = 0; i < kRequestsMost && !input.empty(); ++i) conversation.run(Request(input));
+    for (size_t i = 0; i < kRequestsMost && !input.empty(); ++i) {
+        conversation.run(Request(input, i == 0));
+    }
 }
 
 }  // namespace quil::fuzz
