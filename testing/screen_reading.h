@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <map>
+#include <span>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -15,10 +16,10 @@ namespace quil::tests {
 
 class ScreenReading {
   public:
-    using Memory = std::map<uint32_t, uint8_t>;
+    using Memory = std::vector<std::pair<uint32_t, uint8_t>>;  // in the order of the addresses
 
-    explicit ScreenReading(std::vector<uint8_t> partition) : mPartition(std::move(partition)) {
-        mPartition.resize(std::min(mPartition.size(), kPartition) + kFurthest);
+    explicit ScreenReading(std::span<const uint8_t> partition)
+        : mPartition(partition.first(std::min(partition.size(), kPartition))) {
         takeBlocks();
         topology();
         for (const Block& block : mBlocks) wholeBlock(block);
@@ -31,7 +32,7 @@ class ScreenReading {
         for (const auto& [number, page] : mPages) {
             for (size_t i = 0; i < page.size(); ++i) {
                 if (page[i] < 0) continue;
-                all.emplace_hint(all.end(), static_cast<uint32_t>(number * kPage + i),
+                all.emplace_back(static_cast<uint32_t>(number * kPage + i),
                                  static_cast<uint8_t>(page[i]));
             }
         }
@@ -39,8 +40,8 @@ class ScreenReading {
     }
 
   private:
-    // Behind the partition and the packed data there are zeros.
-    static constexpr size_t kPartition = 0x200000, kFurthest = 0x30000, kPage = 4096;
+    static constexpr size_t kPartition = 0x200000, kPage = 4096;
+    using Bytes = std::span<const uint8_t>;
     using Page = std::array<int16_t, kPage>;  // -1: not written
 
     struct Block {
@@ -48,9 +49,13 @@ class ScreenReading {
         size_t packedAt;
     };
 
+    // Behind the partition and the packed data there are zeros.
+    static uint8_t byteOf(Bytes bytes, size_t at) { return at < bytes.size() ? bytes[at] : 0; }
+    uint8_t packed(size_t at) const { return byteOf(mPacked, at); }
     uint32_t bigEndian(size_t at) const {
-        return uint32_t{mPartition[at]} << 24 | uint32_t{mPartition[at + 1]} << 16 |
-               uint32_t{mPartition[at + 2]} << 8 | mPartition[at + 3];
+        uint32_t value = 0;
+        for (size_t i = 0; i < 4; ++i) value = value << 8 | byteOf(mPartition, at + i);
+        return value;
     }
 
     void takeBlocks() {
@@ -59,27 +64,29 @@ class ScreenReading {
             const uint32_t address = bigEndian(at), length = bigEndian(at + 4);
             if (address == 0 || length == 0) break;
             mBlocks.push_back({address, length, mPacked.size()});
-            const auto from = mPartition.begin() + static_cast<ptrdiff_t>(at + 8);
-            mPacked.insert(mPacked.end(), from, from + length);
+            const Bytes rest = mPartition.subspan(std::min(at + 8, mPartition.size()));
+            const Bytes data = rest.first(std::min<size_t>(length, rest.size()));
+            mPacked.insert(mPacked.end(), data.begin(), data.end());
             at += 8 + length;
         }
-        mPacked.resize(mPacked.size() + kFurthest);
     }
 
     void put(uint32_t address, const std::vector<uint8_t>& bytes) {
-        for (const uint8_t byte : bytes) putByte(address++, byte);
+        Page* page = nullptr;
+        for (const uint8_t byte : bytes) {
+            if (page == nullptr || address % kPage == 0) page = &pageOf(address);
+            (*page)[address++ % kPage] = byte;
+        }
     }
-    void putByte(uint32_t address, uint8_t byte) {
+    Page& pageOf(uint32_t address) {
         const auto [page, isNew] = mPages.try_emplace(address / kPage);
         if (isNew) page->second.fill(-1);
-        page->second[address % kPage] = byte;
+        return page->second;
     }
     void put(uint32_t address, const Block& block, size_t from, size_t count) {
-        for (size_t i = 0; i < count; ++i) {
-            const size_t at = block.packedAt + from + i;
-            putByte(static_cast<uint32_t>(address + i),
-                    at < mPacked.size() ? mPacked[at] : uint8_t{0});
-        }
+        std::vector<uint8_t> bytes(count);
+        for (size_t i = 0; i < count; ++i) bytes[i] = packed(block.packedAt + from + i);
+        put(address, bytes);
     }
 
     void topology() {
@@ -88,7 +95,7 @@ class ScreenReading {
             if (block.address != 0x10018000) continue;
             for (size_t i = 0; i < 20; ++i) {
                 const size_t at = block.packedAt + 3 + 256 * i;
-                units[i] = mPacked[at] + 256 * mPacked[at + 1];
+                units[i] = packed(at) + 256 * packed(at + 1);
             }
         }
         size_t k = 0;
@@ -103,7 +110,7 @@ class ScreenReading {
     void frame(const char* kind, size_t size, const Block& block) {
         std::vector<uint8_t>& data = mFrames[kind];
         data.resize(size + 1);
-        for (size_t i = 0; i < block.length && i < size; ++i) data[i] = mPacked[block.packedAt + i];
+        for (size_t i = 0; i < block.length && i < size; ++i) data[i] = packed(block.packedAt + i);
         data[block.length < size ? block.length : size] = 0;
         put(block.address, {data.begin(), data.end() - 1});
     }
@@ -152,7 +159,7 @@ class ScreenReading {
     void netGap() {
         for (const Block& block : mBlocks) {
             if (block.address != 0x10A45000) continue;
-            put(0x10A45000, block, 0, mPacked[block.packedAt + 24] == 0 ? 20 : 1);
+            put(0x10A45000, block, 0, packed(block.packedAt + 24) == 0 ? 20 : 1);
             put(0x10A45014, block, 20, 4);
             put(0x10A45031, block, 49, 108);
             put(0x10A45018, block, 24, 1);
@@ -164,7 +171,8 @@ class ScreenReading {
                          0x00, 0x58, 0x58});
     }
 
-    std::vector<uint8_t> mPartition, mPacked;
+    const Bytes mPartition;
+    std::vector<uint8_t> mPacked;
     std::vector<Block> mBlocks;
     std::map<std::string_view, std::vector<uint8_t>> mFrames;
     std::map<uint32_t, Page> mPages;

@@ -21,7 +21,7 @@
 #include <optional>
 #include <span>
 #include <string>
-#include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "board/core/services.h"
@@ -88,8 +88,9 @@ class Fpga {
     bool isUdpMode() const;
     std::vector<SpiTransaction> transactions() const;
     void forgetTransactions();
-    // The parameter memory: the addresses written since the configuration.
-    std::map<uint32_t, uint8_t> memory() const;
+    // The parameter memory: the addresses written since the configuration, in order.
+    using Memory = std::vector<std::pair<uint32_t, uint8_t>>;
+    Memory memory() const;
     std::optional<uint8_t> memoryAt(uint32_t address) const;
     // What a register would answer now.
     uint8_t registerNow(Register) const;
@@ -147,7 +148,7 @@ class Fpga {
     std::optional<Scheduler::TimerId> mConfiguring;
     Progress mDdr{kDdr, {}}, mClock{kClock, {}}, mNegotiation{kNegotiation, {}};
     bool mTransmitReset = false, mReceiveReset = false;
-    std::unordered_map<uint32_t, std::unique_ptr<Page>> mPages;
+    std::map<uint32_t, std::unique_ptr<Page>> mPages;
     std::map<uint32_t, std::vector<uint8_t>> mScripts;
     std::vector<SpiTransaction> mTransactions;
 };

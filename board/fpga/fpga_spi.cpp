@@ -151,14 +151,12 @@ Fpga::Page& Fpga::pageOf(uint32_t address) {
     return *page;
 }
 
-std::map<uint32_t, uint8_t> Fpga::memory() const {
+Fpga::Memory Fpga::memory() const {
     Guard guard(boardLock());
-    std::map<uint32_t, const Page*> pages;
-    for (const auto& [number, page] : mPages) pages[number] = page.get();
-    std::map<uint32_t, uint8_t> all;
-    for (const auto& [number, page] : pages) {
+    Memory all;
+    for (const auto& [number, page] : mPages) {
         for (uint32_t i = 0; i < kPage; ++i) {
-            if (page->written[i]) all.emplace_hint(all.end(), number * kPage + i, page->bytes[i]);
+            if (page->written[i]) all.emplace_back(number * kPage + i, page->bytes[i]);
         }
     }
     return all;
