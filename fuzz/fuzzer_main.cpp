@@ -1,4 +1,4 @@
-// libFuzzer's entry point: calls the target that this program was built for.
+// libFuzzer's entry points: calls the target that this program was built for.
 #include <signal.h>
 #include <stddef.h>
 #include <stdlib.h>
@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "fuzz/targets.h"
+#include "testing/one_core.h"
 
 namespace {
 
@@ -36,6 +37,14 @@ extern "C" void spins(int /*signal*/) {
 }
 
 }  // namespace
+
+// `./run fuzz` says on which core each of its programs stays.
+extern "C" int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    if (const char* core = getenv("QUIL_FUZZ_CORE")) {
+        quil::tests::stayOnCore(strtoull(core, nullptr, 10));
+    }
+    return 0;
+}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     static const auto former = signal(SIGPROF, spins);

@@ -25,7 +25,7 @@ constexpr uint32_t kAddresses[] = {
     0x10A43000, 0x10810000, 0x10820000, 0x10400000, 0x10000100, 0x10A45000, 0x20000000, 0};
 constexpr size_t kFixedTransfers = 7 + 1 + 7, kTransfersMost = 4000;
 constexpr size_t kTopologiesMost = 20, kFarFromTheEnd = 0x1C0000;
-constexpr uint16_t kLengthsMost = 0x1800, kLongFrom = 0xFF00;
+constexpr uint16_t kLengthsMost = 0x1800, kLongLengthFrom = 0xFF00;
 
 // Mostly zeros: a load may read the data as counts, and large ones would take long.
 void appendData(Bytes& bytes, size_t length, uint8_t seed) {
@@ -38,7 +38,7 @@ void appendData(Bytes& bytes, size_t length, uint8_t seed) {
 // Up to a little more than any kind of block needs, or, seldom, many times that: copying takes most
 // of the time.
 uint16_t lengthOf(uint16_t drawn) {
-    return drawn < kLongFrom ? static_cast<uint16_t>(drawn % kLengthsMost) : drawn;
+    return drawn < kLongLengthFrom ? static_cast<uint16_t>(drawn % kLengthsMost) : drawn;
 }
 
 Bytes partitionOf(Input recipe) {

@@ -16,6 +16,7 @@ using testing::IsEmpty;
 
 std::vector<std::string> textsOf(const std::vector<BoardProblem>& problems) {
     std::vector<std::string> texts;
+    texts.reserve(problems.size());
     for (const BoardProblem& problem : problems) {
         texts.push_back(std::string(nameOf(problem.severity)) + ": " + problem.file + ":" +
                         std::to_string(problem.line) + ": " + problem.what + "; " + problem.remedy);
