@@ -1,28 +1,16 @@
 #include "tests/swarm/crew.h"
 
-#include <sched.h>
 #include <stdio.h>
 
 #include <memory>
 #include <vector>
 
+#include "testing/one_core.h"
+
 namespace quil::swarm {
 namespace {
 
 using std::chrono::steady_clock;
-
-// Keeps the process on one core, the index-th of those it may use. The threads of a board take
-// turns, and a turn that goes to another core costs several times as much.
-void stayOnCore(uint64_t index) {
-    cpu_set_t usable, only;
-    if (sched_getaffinity(0, sizeof(usable), &usable) != 0) return;
-    index %= static_cast<uint64_t>(CPU_COUNT(&usable));
-    size_t core = 0;
-    while (!CPU_ISSET(core, &usable) || index-- > 0) ++core;
-    CPU_ZERO(&only);
-    CPU_SET(core, &only);
-    sched_setaffinity(0, sizeof(only), &only);
-}
 
 // A process that does every so many pieces, and its followers when it comes to a bad end.
 class Worker {
@@ -57,7 +45,7 @@ class Worker {
   private:
     void start() {
         mChild = std::make_unique<Child>([this](const Child::Tell& tell) {
-            stayOnCore(mFirst);
+            tests::stayOnCore(mFirst);
             const Work work = mHire(tell);
             for (uint64_t piece = mNext; piece < mEnd; piece += mStep) work(piece);
         });
