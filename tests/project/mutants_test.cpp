@@ -2,6 +2,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <map>
 #include <set>
@@ -18,9 +19,14 @@ using testing::IsSupersetOf;
 
 namespace {
 
+struct Hunk {
+    size_t size;           // in lines, as its header says
+    std::string replaced;  // the lines that have to be there
+};
+
 struct Patch {
     std::string says, file;
-    std::vector<std::string> replaced;  // of each hunk: the lines that have to be there
+    std::vector<Hunk> hunks;
 };
 
 Patch patchIn(const std::filesystem::path& path) {
@@ -32,9 +38,9 @@ Patch patchIn(const std::filesystem::path& path) {
         if (line.rfind(kFile, 0) == 0) {
             patch.file = line.substr(kFile.size());
         } else if (line.rfind("@@ ", 0) == 0) {
-            patch.replaced.emplace_back();
-        } else if (!patch.replaced.empty() && (line[0] == ' ' || line[0] == '-')) {
-            patch.replaced.back().append(line, 1).append("\n");
+            patch.hunks.push_back({std::stoul(line.substr(line.find(',') + 1)), ""});
+        } else if (!patch.hunks.empty() && (line[0] == ' ' || line[0] == '-')) {
+            patch.hunks.back().replaced.append(line, 1).append("\n");
         }
     }
     return patch;
@@ -63,9 +69,11 @@ TEST(Mutants, EachPatchAppliesToItsFileAndSaysWhatTheDefectIs) {
     for (const auto& [name, patch] : allPatches()) {
         const std::string text = projectText(patch.file);
         if (patch.says.empty() || patch.says.back() != '.') wrong.push_back(name + " says nothing");
-        if (patch.replaced.empty()) wrong.push_back(name + " changes nothing");
-        for (const std::string& replaced : patch.replaced) {
-            if (!standsOnce(text, replaced)) wrong.push_back(name + " does not apply");
+        if (patch.hunks.empty()) wrong.push_back(name + " changes nothing");
+        for (const auto& [size, replaced] : patch.hunks) {
+            const auto lines = std::count(replaced.begin(), replaced.end(), '\n');
+            const bool isWhole = static_cast<size_t>(lines) == size;
+            if (!isWhole || !standsOnce(text, replaced)) wrong.push_back(name + " does not apply");
         }
     }
     EXPECT_THAT(wrong, IsEmpty());
