@@ -141,6 +141,12 @@ TEST_F(Request, WorkBufferThatCannotBeAllocatedFailsWithoutWriting) {
     EXPECT_THAT(board.log(ANDROID_LOG_ERROR), IsEmpty());
 }
 
+TEST_F(Request, MissingWorkBufferIsToldAtDebugOnly) {
+    board.faults().add({.call = Call::kMalloc, .after = 1});
+    EXPECT_EQ(send_mcu_message(0x102, 0, nullptr, 0, out()), -1);
+    EXPECT_THAT(board.log(), IsEmpty());
+}
+
 TEST_F(Request, NullDescriptorPrintsTheNullCodeAndFails) {
     EXPECT_EQ(standardOutputOf([&] { EXPECT_EQ(quil_request(nullptr, 0, nullptr, out()), -1); }),
               "error code -4004");
