@@ -277,8 +277,33 @@ TEST_F(QuilctlTraceCompare, BudgetThatHoldsForNothingIsAMistake) {
     for (const char* budget : {"network", "network=", "=1", "network=x", "network=-1", "a=nan"}) {
         EXPECT_EQ(quilctl({"trace", "compare", a, a, "--budget", budget}).code, tools::kUsage);
     }
-    trace({"get", "1"});
-    EXPECT_EQ(quilctl({"trace", "compare", a, file("t.json")}).code, tools::kBadData);
+    trace({"config", "show"});
+    const Said none = quilctl({"trace", "compare", a, file("t.json")});
+    EXPECT_EQ(none.code, tools::kBadData);
+    EXPECT_THAT(none.err, HasSubstr("it has no stages: no start-up"));
+}
+
+TEST_F(QuilctlTraceCompare, RunThatTellsNoStagesHasThoseOfWhatItDid) {
+    const auto stagesOf = [&](const std::vector<std::string>& words) {
+        trace(words);
+        std::string stages;
+        const auto result =
+            resultOf(quilctl({"--json", "trace", "compare", file("t.json"), file("t.json")}));
+        for (const auto& row : result["stages"]) {
+            stages += row["stage"].get<std::string>() + "; ";
+        }
+        return stages;
+    };
+    const std::string programmed = "MCU connected; MCU flash erased; MCU flash written; total; ";
+    EXPECT_EQ(stagesOf({"mcu", "update", "--installed", "V0.9.0"}), programmed);
+    EXPECT_EQ(stagesOf({"self-test"}), "get self-test; total; ");
+    EXPECT_EQ(stagesOf({"set", "0x102", "01"}), "set 0x00000102; total; ");
+    EXPECT_THAT(stagesOf({"demo"}), AllOf(testing::StartsWith("power on, MCU V0.9.0; "),
+                                          HasSubstr("FPGA updated; get 0x1, its version; ")));
+    EXPECT_EQ(
+        quilctl({"trace", "compare", file("t.json"), file("t.json"), "--budget", "MCU updated=0.1"})
+            .code,
+        tools::kOverBudget);
 }
 
 namespace {

@@ -13,6 +13,7 @@
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/self_test_record.h"
 #include "tools/quilctl/programming/programming_watch.h"
+#include "tools/quilctl/session/boot_stages.h"
 #include "tools/quilctl/session/client.h"
 #include "tools/quilctl/session/recording.h"
 #include "tools/quilctl/session/self_test.h"
@@ -63,6 +64,7 @@ class Demo {
     BoardSession& mSession;
     Result& mResult;
     const Screen mScreen;
+    board::Nanos mRowAt{0};
     size_t mSeen = 0;  // trace events that were decoded already
     std::vector<std::string> mFailed;
 };
@@ -79,6 +81,9 @@ void Demo::row(const std::string& step, const std::string& link, const std::stri
     std::string text = stamp + verdict + std::string(ok ? 5 : 1, ' ') + columns + client;
     text.erase(text.find_last_not_of(' ') + 1);
     note(text + "\n");
+    markStage(mSession.board(), step, mSession.board().now() - mRowAt,
+              ok ? std::nullopt : std::optional(client));
+    mRowAt = mSession.board().now();
     mResult.json["steps"].push_back(
         {{"step", step}, {"at", now}, {"link", link}, {"client", client}, {"ok", ok}});
     if (!ok) mFailed.push_back(step);

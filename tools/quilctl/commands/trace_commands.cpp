@@ -9,7 +9,6 @@
 
 #include "tools/quilctl/commands/verb.h"
 #include "tools/quilctl/files/input_file.h"
-#include "tools/quilctl/traces/timeline.h"
 #include "tools/quilctl/traces/trace_file.h"
 
 namespace quil::tools {
@@ -31,9 +30,13 @@ double secondsOfSpan(int64_t nanoseconds) { return static_cast<double>(nanosecon
 
 // A stage that comes several times counts with all of its times.
 std::map<std::string, double> stagesIn(const std::string& file, std::vector<std::string>& order) {
-    const auto spans = spansOn(readTraceFile(readInput(file)), rowOf(Lane::kStages).name);
+    const auto spans = stagesOf(readTraceFile(readInput(file)));
     if (spans.empty()) {
-        throw Failure(kBadData, file + ": it has no stages", "quilctl --trace " + file + " boot");
+        throw Failure(kBadData,
+                      file +
+                          ": it has no stages: no start-up, no step of the demo, no erasing, "
+                          "writing or reading of a flash, and no request",
+                      "quilctl --trace " + file + " boot");
     }
     std::map<std::string, double> times;
     int64_t end = spans.front().from;
@@ -70,14 +73,24 @@ std::string cell(const std::optional<double>& seconds, const char* form) {
     return text;
 }
 
-void show(const StageTimes& row, Result& result) {
+size_t widthOf(const std::vector<StageTimes>& rows) {
+    size_t width = 20;
+    for (const StageTimes& row : rows) width = std::max(width, row.stage.size());
+    return width;
+}
+
+std::string lineOf(const std::string& stage, size_t width, const std::string& a,
+                   const std::string& b, const std::string& more) {
+    char cells[96];
+    snprintf(cells, sizeof(cells), " %12s %12s %13s\n", a.c_str(), b.c_str(), more.c_str());
+    return stage + std::string(width - stage.size(), ' ') + cells;
+}
+
+void show(const StageTimes& row, size_t width, Result& result) {
     std::optional<double> more;
     if (row.first && row.second) more = *row.second - *row.first;
-    char line[128];
-    snprintf(line, sizeof(line), "%-20s %12s %12s %13s\n", row.stage.c_str(),
-             cell(row.first, "%.3f s").c_str(), cell(row.second, "%.3f s").c_str(),
-             cell(more, "%+.3f s").c_str());
-    result.text << line;
+    result.text << lineOf(row.stage, width, cell(row.first, "%.3f s"), cell(row.second, "%.3f s"),
+                          cell(more, "%+.3f s"));
     const auto number = [](const std::optional<double>& value) {
         return value ? Json(*value) : Json();
     };
@@ -116,10 +129,9 @@ double timeOf(const Budget& budget, const std::vector<StageTimes>& rows, const s
 
 void compareTraces(const Cli& /*cli*/, const CompareArguments& arguments, Result& result) {
     const std::vector<StageTimes> rows = compared(arguments);
-    char head[128];
-    snprintf(head, sizeof(head), "%-20s %12s %12s %13s\n", "stage", "A", "B", "B - A");
-    result.text << head;
-    for (const StageTimes& row : rows) show(row, result);
+    const size_t width = widthOf(rows);
+    result.text << lineOf("stage", width, "A", "B", "B - A");
+    for (const StageTimes& row : rows) show(row, width, result);
     std::string over;
     result.json["over"] = Json::array();
     for (const std::string& text : arguments.budgets) {
@@ -151,10 +163,13 @@ void addTraceCommands(CLI::App& app, Cli& cli) {
         app, {"trace", "What --trace has written", "Example: quilctl trace compare --help"});
     const auto [command, arguments] =
         addVerb(trace, cli,
-                {"compare", "Compare the stages of two start-ups",
-                 "Reads what --trace writes as .json or .pftrace for a command with stages: boot,\n"
-                 "fpga load. The budgets are those of B; 'total' is the time from the first\n"
-                 "stage's beginning to the last one's end. Exit code 10 when one is exceeded.\n"
+                {"compare", "Compare the stages of two runs",
+                 "Reads what --trace writes as .json or .pftrace. Stages are those that boot,\n"
+                 "fpga load and demo tell; of another command what it did: it connected to the\n"
+                 "MCU's boot loader, erased, wrote and read its flash, programmed the FPGA's\n"
+                 "flash, asked the service. The budgets are those of B; 'total' is the time\n"
+                 "from the first stage's beginning to the last one's end. Exit code 10 when one\n"
+                 "is exceeded.\n"
                  "Example: quilctl --trace a.json boot\n"
                  "         quilctl --trace b.pftrace boot --update-fpga\n"
                  "         quilctl trace compare a.json b.pftrace --budget network=1.5",

@@ -126,7 +126,8 @@ class BootStages::Watch {
         const auto now = mBoard.now();
         BootStage stage{name, mEnded, now, ok, said, "", "", ""};
         explain(stage, mError, mBoard.fpga().problem());
-        mark(stage);
+        markStage(mBoard, stage.name, now - mEnded,
+                  stage.ok ? std::nullopt : std::optional(withoutLineEnd(stage.said)));
         show(stage);
         mStages.push_back(std::move(stage));
         mEnded = now;
@@ -139,14 +140,6 @@ class BootStages::Watch {
     const std::string& error() const { return mError; }
 
   private:
-    void mark(const BootStage& stage) {
-        char took[40];
-        snprintf(took, sizeof(took), ", %.9f s: ", secondsOf(stage.end - stage.start));
-        mBoard.trace().remark(
-            board::EventKind::kNote, kStageSource,
-            stage.name + took + (stage.ok ? "ok" : "failed: " + withoutLineEnd(stage.said)));
-    }
-
     void show(const BootStage& stage) {
         mResult.text << rowsOf(stage, mConsole.screen);
         mResult.json["stages"].push_back(documentOf(stage));
@@ -174,6 +167,14 @@ class BootStages::Watch {
     std::string mError;
     bool mFailed = false, mIsOn = true;
 };
+
+void markStage(board::Board& board, const std::string& name, board::Nanos took,
+               const std::optional<std::string>& failure) {
+    char text[40];
+    snprintf(text, sizeof(text), ", %.9f s: ", secondsOf(took));
+    board.trace().remark(board::EventKind::kNote, kStageSource,
+                         name + text + (failure ? "failed: " + *failure : "ok"));
+}
 
 BootStages::BootStages(BoardSession& session, const Console& console, Result& result)
     : mWatch(std::make_shared<Watch>(session.board(), console, result)) {

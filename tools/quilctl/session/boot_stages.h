@@ -2,6 +2,7 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <ostream>
 #include <string>
 #include <vector>
@@ -42,6 +43,10 @@ class BootStages {
     class Watch;
     const std::shared_ptr<Watch> mWatch;  // the trace keeps its listeners
 };
+
+// Says in the trace that a stage has ended now.
+void markStage(board::Board& board, const std::string& name, board::Nanos took,
+               const std::optional<std::string>& failure);
 
 // Throws a Failure that names the stages that failed.
 void throwUnlessAllOk(const std::vector<BootStage>& stages);

@@ -10,6 +10,9 @@
 #include <utility>
 
 #include "board/fpga/fpga.h"
+#include "host/wire_frame.h"
+#include "tools/quilctl/files/command_table.h"
+#include "tools/quilctl/output/values.h"
 #include "tools/quilctl/traces/link_spans.h"
 
 namespace quil::tools {
@@ -65,10 +68,20 @@ std::string lineOfLane(const Event& event) {
     return event.kind == EventKind::kUartRx ? "from the MCU" : "";
 }
 
+std::string nameOfCommand(uint32_t command) {
+    for (const CommandRow& row : commandTable()) {
+        if (row.first == command && row.name[0] != '\0') return row.name;
+    }
+    return hex32(command);
+}
+
 // Without the source where the track has it, or all of its spans have the same.
 std::string nameOfSpan(const Event& event) {
     std::string text = event.text;
     while (!text.empty() && (text.back() == '\n' || text.back() == '\r')) text.pop_back();
+    if (event.kind == EventKind::kRequest && text != kAnswered && event.bytes.size() >= 4) {
+        return text + " " + nameOfCommand(host::load32(event.bytes, 0));
+    }
     const Lane lane = laneOf(event);
     if (lane == Lane::kFiles) return std::string(nameOf(event.kind)) + " " + event.source;
     if (lane != Lane::kBoard) return text.empty() ? event.source : text;
@@ -322,7 +335,7 @@ class TimelineBuilder {
 
     // "network, 0.860000000 s: ok": told at its end.
     void stage(const Event& event, size_t i) {
-        const size_t comma = event.text.find(", ");
+        const size_t comma = event.text.rfind(", ", event.text.find(" s: "));
         if (span(i).lane != Lane::kStages || comma == std::string::npos) return;
         const Nanos took = nanosOf(strtod(event.text.c_str() + comma + 2, nullptr));
         const size_t verdict = event.text.find(": ", comma);

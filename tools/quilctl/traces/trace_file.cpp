@@ -3,12 +3,14 @@
 #include <math.h>
 
 #include <algorithm>
+#include <array>
 #include <protozero/pbf_message.hpp>
 #include <set>
 #include <tuple>
 #include <utility>
 
 #include "tools/quilctl/traces/perfetto_fields.h"
+#include "tools/quilctl/traces/timeline.h"
 
 namespace quil::tools {
 namespace {
@@ -214,6 +216,34 @@ class PerfettoReader {
     std::set<uint64_t> mFlows;
 };
 
+struct PhaseRow {
+    const char* step;  // its beginning
+    const char* stage;
+};
+// An address belongs to the reading or writing that it is of.
+constexpr std::array<PhaseRow, 6> kPhases = {{{"synchronise", "MCU connected"},
+                                              {"handshake", "MCU connected"},
+                                              {"get", "MCU connected"},
+                                              {"erase", "MCU flash erased"},
+                                              {"write", "MCU flash written"},
+                                              {"read", "MCU flash read"}}};
+
+// Steps of the boot loader that follow each other are one stage, which lasts until the next.
+std::vector<TraceSpan> phasesOf(const std::vector<TraceSpan>& steps) {
+    std::vector<TraceSpan> phases;
+    for (const TraceSpan& step : steps) {
+        const auto row = std::find_if(kPhases.begin(), kPhases.end(), [&](const PhaseRow& one) {
+            return step.name.rfind(one.step, 0) == 0;
+        });
+        if (!phases.empty()) phases.back().took = step.from - phases.back().from;
+        const bool isNext =
+            row != kPhases.end() && (phases.empty() || phases.back().name != row->stage);
+        if (isNext) phases.push_back({row->stage, step.from, 0});
+        if (!phases.empty()) phases.back().took = step.from + step.took - phases.back().from;
+    }
+    return phases;
+}
+
 }  // namespace
 
 TraceFile readTraceFile(const std::string& content) {
@@ -248,6 +278,25 @@ std::vector<TraceSpan> spansOn(const TraceFile& file, const std::string& track) 
         return std::pair(a.from, a.took) < std::pair(b.from, b.took);
     });
     return spans;
+}
+
+std::vector<TraceSpan> stagesOf(const TraceFile& file) {
+    const auto on = [&](Lane lane) { return spansOn(file, rowOf(lane).name); };
+    auto stages = on(Lane::kStages);
+    if (!stages.empty()) return stages;
+    stages = phasesOf(on(Lane::kBootLoader));
+    for (const TraceSpan& span :
+         spansOn(file, std::string(rowOf(Lane::kFlash).name) + " /dev/mtd0")) {
+        const bool isErase = span.name.rfind("erase", 0) == 0;
+        stages.push_back(
+            {isErase ? "FPGA flash erased" : "FPGA image written", span.from, span.took});
+    }
+    for (const TraceSpan& span : on(Lane::kRequests)) {
+        if (span.name != kAnswered) stages.push_back(span);
+    }
+    std::stable_sort(stages.begin(), stages.end(),
+                     [](const TraceSpan& a, const TraceSpan& b) { return a.from < b.from; });
+    return stages;
 }
 
 }  // namespace quil::tools

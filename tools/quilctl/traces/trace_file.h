@@ -41,4 +41,9 @@ struct TraceSpan {
 // The spans with a duration on the tracks of this name, in the order of their beginnings.
 std::vector<TraceSpan> spansOn(const TraceFile& file, const std::string& track);
 
+// The stages that the run told. Where it told none, what it did: it connected to the MCU's boot
+// loader, erased, wrote and read its flash, with the pauses between; it programmed the FPGA's
+// flash; it asked the service. Empty where there was none of it.
+std::vector<TraceSpan> stagesOf(const TraceFile& file);
+
 }  // namespace quil::tools
