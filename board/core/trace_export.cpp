@@ -149,8 +149,9 @@ void addSerialWire(VcdFile& file, const SerialWire& wire, const std::vector<Wire
     }
 }
 
-// Mode 0: data changes where a bit begins, the clock rises in its first half and falls in its
-// second. Between two transfers the select line is high, if only for an eighth of a bit.
+// Mode 0: the clock rises in the middle of a bit and falls at its end, where data changes: what is
+// at the same time costs one time stamp, of which the file mostly consists. Between two transfers
+// the select line is high, if only for an eighth of a bit.
 class SpiWires {
   public:
     explicit SpiWires(VcdFile& file)
@@ -164,14 +165,16 @@ class SpiWires {
     void add(const SpiTransfer& transfer) {
         const Nanos bit = transfer.byteTime / 8;
         mFile.set(mSelect, transfer.start, 0);
-        for (size_t i = 0; i < transfer.sent.size() * 8; ++i) {
+        const size_t bits = transfer.sent.size() * 8;
+        for (size_t i = 0; i < bits; ++i) {
             const Nanos begin = transfer.start + bit * static_cast<int64_t>(i);
             change(mOut, mOutLevel, begin, bitAt(transfer.sent, i));
             change(mIn, mInLevel, begin, bitAt(transfer.received, i));
-            mFile.set(mClock, begin + bit / 4, 1);
-            mFile.set(mClock, begin + bit * 3 / 4, 0);
+            mFile.set(mClock, begin + bit / 2, 1);
+            // The last one falls before the select line rises.
+            mFile.set(mClock, i + 1 == bits ? begin + bit * 3 / 4 : begin + bit, 0);
         }
-        const Nanos end = transfer.start + bit * static_cast<int64_t>(transfer.sent.size() * 8);
+        const Nanos end = transfer.start + bit * static_cast<int64_t>(bits);
         mFile.set(mSelect, end - bit / 8, 1);
     }
 
