@@ -21,8 +21,7 @@ extern "C" {
 namespace quil::board {
 namespace {
 
-// Found without a call: the board is loaded with the program, always.
-[[gnu::tls_model("initial-exec")]] thread_local int t_depth = 0;
+thread_local int t_depth = 0;
 
 void futexWait(std::atomic<int>& word, int expected, const timespec* timeout = nullptr) {
     syscall(SYS_futex, reinterpret_cast<int*>(&word), FUTEX_WAIT_PRIVATE, expected, timeout,

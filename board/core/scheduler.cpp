@@ -13,8 +13,7 @@
 namespace quil::board {
 namespace {
 
-// Found without a call: the board is loaded with the program, always.
-[[gnu::tls_model("initial-exec")]] thread_local BoardThread* t_self = nullptr;
+thread_local BoardThread* t_self = nullptr;
 
 }  // namespace
 
