@@ -3,6 +3,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <stdexcept>
 
 #include "board/core/whole_file.h"
@@ -89,6 +90,18 @@ void Board::runFor(Nanos duration) {
     Scheduler::arrive();
     Guard guard(boardLock());
     mMachine->scheduler.sleepFor(duration, "runFor");
+}
+
+bool Board::runUntilIdle(Nanos most) {
+    Scheduler::arrive();
+    Guard guard(boardLock());
+    Scheduler& scheduler = mMachine->scheduler;
+    const Nanos end = scheduler.now() + most;
+    for (auto next = scheduler.nextTimer(); next; next = scheduler.nextTimer()) {
+        if (*next > end) return false;
+        scheduler.sleepUntil(std::max(*next, scheduler.now() + Nanos(1)), "runUntilIdle");
+    }
+    return true;
 }
 
 void Board::after(Nanos delay, std::function<void()> action) {

@@ -83,6 +83,8 @@ class Board {
 
     Nanos now() const;   // since power-on
     void runFor(Nanos);  // the calling thread waits in board time
+    // The calling thread waits until nothing is due any more, or for that time: then false.
+    bool runUntilIdle(Nanos most);
     // Calls the function after that time, with the board's lock held, on any thread.
     void after(Nanos, std::function<void()>);
     Nanos deviceTime() const;  // since power-on: what the program has spent waiting for devices

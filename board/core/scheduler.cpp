@@ -97,6 +97,11 @@ void Scheduler::cancel(const TimerId& id) {
     std::erase_if(mTimers, [&id](const auto& timer) { return timer.first == id; });
 }
 
+std::optional<Nanos> Scheduler::nextTimer() const {
+    if (mTimers.empty()) return std::nullopt;
+    return mTimers.back().first.first;
+}
+
 BoardThread* Scheduler::self() {
     if (t_self == nullptr) {
         mOutsiders.push_back(std::make_shared<BoardThread>());

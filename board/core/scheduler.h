@@ -89,6 +89,7 @@ class Scheduler {
     // The functions from here to `Threads` are called with the board's lock held.
     TimerId at(Nanos when, std::function<void()> action);
     void cancel(const TimerId& id);
+    std::optional<Nanos> nextTimer() const;
 
     // Waits for a wake of `object` or for the deadline; false: the deadline came first. The board's
     // lock is given up meanwhile, at all its levels. It also ends, with false, at `look`.

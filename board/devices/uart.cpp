@@ -65,7 +65,7 @@ Uart::Uart(BoardServices& board, std::string path)
     : mBoard(board),
       mPath(std::move(path)),
       mSettings(factorySettings()),
-      mLine(settingsOf(mSettings)) {}
+      mHost{.line = settingsOf(mSettings)} {}
 Uart::~Uart() = default;
 
 void Uart::note(EventKind kind, const std::string& text, std::vector<uint8_t> bytes) {
@@ -79,20 +79,19 @@ void Uart::noteByte(Nanos start, const LineSettings& line, bool fromHost, uint8_
 
 int Uart::baud() const {
     Guard guard(boardLock());
-    return mLine.baud;
+    return mHost.line.baud;
 }
 
 std::string Uart::mode() const {
     Guard guard(boardLock());
-    return std::to_string(mLine.dataBits) + mLine.parity + std::to_string(mLine.stopBits);
+    return std::to_string(mHost.line.dataBits) + mHost.line.parity +
+           std::to_string(mHost.line.stopBits);
 }
 
 void Uart::unplug() {
     Guard guard(boardLock());
     mPlugged = false;
-    mTx.clear();
-    mRx.clear();
-    mIncoming.clear();
+    forgetBytes();
     note(EventKind::kNote, "unplugged");
     mBoard.scheduler.wakeAll(this);
     mBoard.readinessChanged();
@@ -111,10 +110,16 @@ void Uart::addNoise(uint64_t seed, const NoiseRates& rates) {
 
 void Uart::powerLost() {
     mPlugged = false;
-    mTx.clear();
+    forgetBytes();
+    mBurst.clear();
+}
+
+void Uart::forgetBytes() {
+    mHost.bytes.clear();
+    mFromOutside.bytes.clear();
     mRx.clear();
     mIncoming.clear();
-    mBurst.clear();
+    if (mOutside != nullptr) mOutside->sent();
 }
 
 Nanos Uart::lateness(bool fromHost) const {
@@ -151,7 +156,7 @@ std::vector<uint8_t> Uart::sentByHost() const {
 
 size_t Uart::bytesOnTheWay() const {
     Guard guard(boardLock());
-    return mTx.size();
+    return mHost.bytes.size();
 }
 
 void Uart::attach(UartPeer* peer) { mPeer = peer; }
@@ -165,15 +170,15 @@ int Uart::getattr(termios* settings) const {
 int Uart::setattr(const termios& settings) {
     if (!mPlugged) return EIO;
     mSettings = settings;
-    mLine = settingsOf(settings);
-    note(EventKind::kNote, "set to " + std::to_string(mLine.baud) + " " + mode());
+    mHost.line = settingsOf(settings);
+    note(EventKind::kNote, "set to " + std::to_string(mHost.line.baud) + " " + mode());
     return 0;
 }
 
 int Uart::flush(int queue) {
     if (!mPlugged) return EIO;
     if (queue == TCIFLUSH || queue == TCIOFLUSH) mRx.clear();
-    if (queue == TCOFLUSH || queue == TCIOFLUSH) mTx.clear();
+    if (queue == TCOFLUSH || queue == TCIOFLUSH) mHost.bytes.clear();
     return queue == TCIFLUSH || queue == TCOFLUSH || queue == TCIOFLUSH ? 0 : EINVAL;
 }
 
@@ -183,8 +188,8 @@ ssize_t Uart::hostWrite(const uint8_t* data, size_t count, bool nonBlocking) {
     size_t done = 0;
     while (done < count) {
         if (!mPlugged) return done > 0 ? static_cast<ssize_t>(done) : -EIO;
-        const size_t room = std::min(kBuffer - mTx.size(), count - done);
-        mTx.insert(mTx.end(), data + done, data + done + room);
+        const size_t room = std::min(kBuffer - mHost.bytes.size(), count - done);
+        mHost.bytes.insert(mHost.bytes.end(), data + done, data + done + room);
         done += room;
         startTransmit();
         if (done == count || nonBlocking) break;
@@ -201,20 +206,24 @@ ssize_t Uart::hostWrite(const uint8_t* data, size_t count, bool nonBlocking) {
 }
 
 void Uart::startTransmit() {
-    if (mTransmitting || mTx.empty() || mLine.baud == 0) return;
+    if (mTransmitting) return;
+    if (!mSending->isReady()) mSending = mSending == &mHost ? &mFromOutside : &mHost;
+    if (!mSending->isReady()) return;
     mTransmitting = true;
-    noteByte(mBoard.scheduler.now(), mLine, true, mTx.front());
+    noteByte(mBoard.scheduler.now(), mSending->line, true, mSending->bytes.front());
     const Nanos late = mFaults.empty() ? Nanos(0) : lateness(true);
-    mBoard.scheduler.at(mBoard.scheduler.now() + mLine.byteTime() + late,
+    mBoard.scheduler.at(mBoard.scheduler.now() + mSending->line.byteTime() + late,
                         [this] { transmitted(); });
 }
 
 void Uart::transmitted() {
     mTransmitting = false;
-    if (mTx.empty()) return;  // flushed or unplugged in the middle of the byte
-    const uint8_t byte = mTx.front();
-    const bool wasFull = mTx.size() == kBuffer;
-    mTx.pop_front();
+    Sender& sender = *mSending;
+    if (sender.bytes.empty()) return startTransmit();  // flushed or unplugged in the byte's middle
+    mHeard = &sender;
+    const uint8_t byte = sender.bytes.front();
+    const bool wasFull = mHost.bytes.size() == kBuffer;
+    sender.bytes.pop_front();
     std::vector<uint8_t> faulty;
     if (isFaulty()) faulty = arriving(true, byte);
     ++mPassed[1];
@@ -223,11 +232,27 @@ void Uart::transmitted() {
         mBoard.scheduler.wakeAll(this);
         mBoard.readinessChanged();
     }
+    if (&sender == &mFromOutside && sender.bytes.empty()) mOutside->sent();
     if (mPeer == nullptr) return;
-    if (!isFaulty()) return mPeer->receive(asHeardAt(mLine, mPeer->lineSettings(), byte));
+    if (!isFaulty()) return mPeer->receive(asHeardAt(sender.line, mPeer->lineSettings(), byte));
     for (const uint8_t heard : faulty) {
-        mPeer->receive(asHeardAt(mLine, mPeer->lineSettings(), heard));
+        mPeer->receive(asHeardAt(sender.line, mPeer->lineSettings(), heard));
     }
+}
+
+void Uart::attachOutside(OutsideHost* outside) {
+    Guard guard(boardLock());
+    mOutside = outside;
+}
+
+size_t Uart::sendFromOutside(const std::vector<uint8_t>& bytes, const LineSettings& line) {
+    Guard guard(boardLock());
+    if (!mPlugged || line.baud == 0 || mOutside == nullptr) return 0;
+    mFromOutside.line = line;
+    mFromOutside.bytes.insert(mFromOutside.bytes.end(), bytes.begin(), bytes.end());
+    note(EventKind::kUartTx, std::to_string(bytes.size()) + " bytes from outside", bytes);
+    startTransmit();
+    return mFromOutside.bytes.size();
 }
 
 // A receiver with other line settings samples the wrong bits and hears another byte.
@@ -247,24 +272,26 @@ void Uart::sendToHost(const std::vector<uint8_t>& bytes) {
 void Uart::startReceive() {
     if (mReceiving || mIncoming.empty()) return;
     mReceiving = true;
-    const LineSettings line = mPeer != nullptr ? mPeer->lineSettings() : mLine;
+    const LineSettings line = mPeer != nullptr ? mPeer->lineSettings() : mHost.line;
     noteByte(mBoard.scheduler.now(), line, false, mIncoming.front());
     const Nanos late = mFaults.empty() ? Nanos(0) : lateness(false);
     mBoard.scheduler.at(mBoard.scheduler.now() + line.byteTime() + late, [this] { received(); });
 }
 
 void Uart::keep(uint8_t byte) {
-    if (mOpenCount == 0) return;
-    if (mRx.size() < kBuffer) mRx.push_back(byte);  // a full buffer drops the byte
+    if (mOpenCount == 0 && mOutside == nullptr) return;
+    if (mOpenCount > 0 && mRx.size() < kBuffer) mRx.push_back(byte);  // a full buffer drops it
     mBurst.push_back(byte);
 }
 
 void Uart::received() {
     mReceiving = false;
     if (mIncoming.empty()) return;
-    const LineSettings sender = mPeer != nullptr ? mPeer->lineSettings() : mLine;
-    const uint8_t byte = asHeardAt(sender, mLine, mIncoming.front());
+    const LineSettings sender = mPeer != nullptr ? mPeer->lineSettings() : mHost.line;
+    uint8_t byte = mIncoming.front();
     mIncoming.pop_front();
+    if (mOutside != nullptr) mOutside->hear(byte, sender);
+    if (mOpenCount > 0) byte = asHeardAt(sender, mHost.line, byte);
     if (!isFaulty()) {
         keep(byte);
     } else {
@@ -314,7 +341,7 @@ bool Uart::readable() const {
     return !mPlugged || mRx.size() >= least;
 }
 
-bool Uart::writable() const { return !mPlugged || mTx.size() < kBuffer; }
+bool Uart::writable() const { return !mPlugged || mHost.bytes.size() < kBuffer; }
 
 void Uart::opened() { ++mOpenCount; }
 

@@ -53,6 +53,15 @@ class UartPeer {
     virtual LineSettings lineSettings() const = 0;
 };
 
+// A second host at the line: a program outside of the board. Called with the board's lock held; it
+// must not wait.
+class OutsideHost {
+  public:
+    virtual ~OutsideHost() = default;
+    virtual void hear(uint8_t byte, const LineSettings& sender) = 0;
+    virtual void sent() = 0;  // nothing of it is on the way any more
+};
+
 class Uart {
   public:
     static constexpr size_t kBuffer = 4096;
@@ -75,7 +84,13 @@ class Uart {
     // For the peer.
     void attach(UartPeer*);
     void sendToHost(const std::vector<uint8_t>&);
-    LineSettings hostLine() const { return mLine; }
+    LineSettings hostLine() const { return mHeard->line; }  // of the host that it heard last
+
+    // One for the board's time. It hears what the peer sends; what both hosts send at a time goes
+    // out one after the other.
+    void attachOutside(OutsideHost*);
+    // Returns how many bytes of it are on the way; 0 when they are lost: the line is dead.
+    size_t sendFromOutside(const std::vector<uint8_t>&, const LineSettings&);
 
     // For the C library calls.
     bool plugged() const { return mPlugged; }
@@ -92,10 +107,17 @@ class Uart {
     void powerLost();
 
   private:
+    struct Sender {
+        std::deque<uint8_t> bytes{};
+        LineSettings line{};
+        bool isReady() const { return !bytes.empty() && line.baud != 0; }
+    };
+
     void note(EventKind, const std::string& text, std::vector<uint8_t> bytes = {});
     void noteByte(Nanos start, const LineSettings&, bool fromHost, uint8_t byte);
     void startTransmit();
     void transmitted();
+    void forgetBytes();
     void startReceive();
     void received();
     void keep(uint8_t byte);
@@ -110,10 +132,13 @@ class Uart {
     const std::string mPath;
     UartPeer* mPeer = nullptr;
     termios mSettings{};
-    LineSettings mLine;
+    Sender mHost, mFromOutside;
+    Sender* mSending = &mHost;      // whose turn it is
+    const Sender* mHeard = &mHost;  // whose byte the peer has heard last
+    OutsideHost* mOutside = nullptr;
     bool mPlugged = true;
     int mOpenCount = 0;
-    std::deque<uint8_t> mTx, mRx, mIncoming;
+    std::deque<uint8_t> mRx, mIncoming;
     std::vector<uint8_t> mSent, mBurst;
     std::vector<LineFault> mFaults;
     std::optional<LineNoise> mNoise;

@@ -32,10 +32,11 @@ McuChip::McuChip(BoardServices& board, const McuPart& part, Uart& uart, GpioLine
     : mBoard(board),
       mUart(uart),
       mBoot0(gpio.at(kGpioBoot0)),
+      mNrst(gpio.at(kGpioNrst)),
       mApplication(application),
       mFlash(part, *board.store, kFlashFile),
       mLoader(makeBootLoader(mFlash, *this, mFaults)) {
-    gpio.at(kGpioNrst).onEdge([this](int level) { onReset(level); });
+    mNrst.onEdge([this](int level) { onReset(level); });
     mUart.attach(this);
 }
 
@@ -85,6 +86,16 @@ void McuChip::onReset(int level) {
     }
     mState = State::kStarting;
     after(kStartTime, [this] { startFromReset(); });
+}
+
+void McuChip::resetByAdapter(bool intoBootLoader) {
+    Guard guard(boardLock());
+    mBoot0.setLevel(intoBootLoader ? 1 : 0);
+    mNrst.setLevel(0);
+    mNrst.setLevel(1);
+    if (mBoard.power.isCut()) return;
+    halt(State::kStarting);  // the start that is due comes now
+    startFromReset();
 }
 
 void McuChip::halt(State state) {

@@ -47,6 +47,8 @@ class McuChip : public UartPeer, private McuSurroundings {
 
     void powerOn();
     void powerLost();
+    // A programming adapter at BOOT0 and NRST resets the part, and waits until it has started.
+    void resetByAdapter(bool intoBootLoader);
     // Writes into the store what the part would keep if power went now.
     void leaveIn(Store&) const;
 
@@ -73,7 +75,7 @@ class McuChip : public UartPeer, private McuSurroundings {
 
     BoardServices& mBoard;
     Uart& mUart;
-    GpioLine& mBoot0;
+    GpioLine &mBoot0, &mNrst;
     McuApplication& mApplication;
     McuFlash mFlash;
     LoaderFaults mFaults;

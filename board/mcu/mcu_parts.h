@@ -62,6 +62,7 @@ struct McuPart {
     bool erasesBanks;         // special erases 0xFFFE and 0xFFFD
     bool resetsAfterOptions;  // after a command that changes option bytes
 
+    char loaderParity() const { return commands.empty() ? 'N' : 'E'; }  // of its boot loader's line
     uint32_t flashSize() const;
     uint32_t pageCount() const;
 };

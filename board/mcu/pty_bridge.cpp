@@ -1,18 +1,11 @@
 #include "board/mcu/pty_bridge.h"
 
-#include <errno.h>
-#include <fcntl.h>
 #include <poll.h>
-#include <stdlib.h>
-#include <string.h>
 #include <sys/prctl.h>
 
 #include <algorithm>
-#include <array>
 #include <map>
 #include <optional>
-#include <stdexcept>
-#include <system_error>
 #include <utility>
 
 #include "board/core/real_calls.h"
@@ -34,27 +27,16 @@ Nanos realNow() {
     return std::chrono::seconds(time.tv_sec) + Nanos(time.tv_nsec);
 }
 
-int openMaster(std::string& port) {
-    const int master = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC | O_NONBLOCK);
-    std::array<char, 64> name{};
-    if (master < 0 || grantpt(master) != 0 || unlockpt(master) != 0 ||
-        ptsname_r(master, name.data(), name.size()) != 0) {
-        throw std::runtime_error(std::string("no pseudo terminal: ") + strerror(errno));
-    }
-    port = name.data();
-    return master;
-}
-
 }  // namespace
 
 // The part and its line. While an event runs, the time is the one at which it was due.
 class PtyBridge::Part : public McuSurroundings {
   public:
-    Part(const PtyBridgeOptions& options, int master)
+    Part(const PtyBridgeOptions& options, const PtyPort& port)
         : mStore(options.flash.parent_path()),
           flash(partOf(options.part), mStore, options.flash.filename()),
           loader(makeBootLoader(flash, *this, faults)),
-          mMaster(master),
+          mPort(port),
           mRealtime(options.realtime),
           mFastest(options.fastest),
           mNoise(options.seed, options.noise),
@@ -81,14 +63,8 @@ class PtyBridge::Part : public McuSurroundings {
             });
         }
     }
-    // The frame is the part's: a pseudo terminal tells no parity.
-    LineSettings hostLine() const override {
-        termios settings{};
-        real().tcgetattr(mMaster, &settings);
-        LineSettings line = settingsOf(settings);
-        line.parity = flash.part().commands.empty() ? 'N' : 'E';
-        return line;
-    }
+    // The frame is the part's.
+    LineSettings hostLine() const override { return mPort.lineWith(flash.part().loaderParity()); }
     void note(const std::string&) override {}
     void violation(const std::string& text) override { violations.add(mNow, text); }
     void operate(const std::string&, std::function<Nanos(McuFlash&)> start,
@@ -133,7 +109,7 @@ class PtyBridge::Part : public McuSurroundings {
             event.mapped()();
         }
         if (mRealtime) mNow = std::max(mNow, time);
-        if (!mOut.empty()) writeOut(std::exchange(mOut, {}));
+        if (!mOut.empty()) mPort.write(std::exchange(mOut, {}));
     }
     Nanos untilNext() const {
         if (mQueue.empty()) return kLongestWait;
@@ -151,10 +127,6 @@ class PtyBridge::Part : public McuSurroundings {
     const std::unique_ptr<BootLoader> loader;
 
   private:
-    // A program that does not read loses bytes, as with any receiver.
-    void writeOut(const std::vector<uint8_t>& bytes) const {
-        [[maybe_unused]] const ssize_t sent = real().write(mMaster, bytes.data(), bytes.size());
-    }
     uint8_t heardAt(const LineSettings& sender, const LineSettings& listener, uint8_t byte) {
         if (agree(sender, listener)) return byte;
         violation("framing error on the line");
@@ -178,7 +150,7 @@ class PtyBridge::Part : public McuSurroundings {
         });
     }
 
-    const int mMaster;
+    const PtyPort& mPort;
     const bool mRealtime;
     const int mFastest;
     LineNoise mNoise;
@@ -191,48 +163,9 @@ class PtyBridge::Part : public McuSurroundings {
 };
 
 PtyBridge::PtyBridge(const PtyBridgeOptions& options)
-    : mOptions(options),
-      mMaster(openMaster(mPort)),
-      mPart(std::make_unique<Part>(options, mMaster)) {
-    if (mOptions.link.empty()) return;
-    try {
-        makeLink();
-    } catch (...) {
-        real().close(mMaster);
-        throw;
-    }
-}
+    : mPort(options.link), mPart(std::make_unique<Part>(options, mPort)) {}
+PtyBridge::~PtyBridge() = default;
 
-PtyBridge::~PtyBridge() {
-    std::error_code ignored;
-    if (!mOptions.link.empty() && std::filesystem::read_symlink(mOptions.link, ignored) == mPort) {
-        std::filesystem::remove(mOptions.link, ignored);
-    }
-    real().close(mMaster);
-}
-
-// A port's number is given out again, also to this model: its own port was gone before.
-void PtyBridge::makeLink() {
-    namespace fs = std::filesystem;
-    std::error_code error;
-    const fs::path& link = mOptions.link;
-    if (fs::exists(fs::symlink_status(link, error))) {
-        const std::string target = fs::read_symlink(link, error).string();
-        if (target.rfind("/dev/pts/", 0) != 0) {
-            throw std::runtime_error(link.string() + ": in use, and no link to a pseudo terminal");
-        }
-        if (target != mPort && fs::exists(target, error)) {
-            throw std::runtime_error(link.string() + ": in use, it leads to " + target +
-                                     " (remove it if no model runs there)");
-        }
-        mStaleTarget = target;
-        fs::remove(link);
-    }
-    fs::create_symlink(mPort, link, error);
-    if (error) throw std::system_error(error, link.string() + ": cannot be made");
-}
-
-const std::string& PtyBridge::port() const { return mPort; }
 Nanos PtyBridge::clock() const { return mPart->now(); }
 Nanos PtyBridge::workTime() const { return mPart->workTime(); }
 McuFlash& PtyBridge::flash() { return mPart->flash; }
@@ -248,7 +181,7 @@ void PtyBridge::run() {
 }
 
 void PtyBridge::serveOnce() {
-    pollfd entry{mMaster, POLLIN, 0};
+    pollfd entry{mPort.master(), POLLIN, 0};
     const timespec wait = timespecOf(mPart->untilNext().count());
     const int ready = ppoll(&entry, 1, &wait, nullptr);
     mPart->runDue();
@@ -263,9 +196,7 @@ void PtyBridge::serveOnce() {
 
 void PtyBridge::readBytes() {
     mInUse.store(true);
-    std::array<uint8_t, 512> bytes{};
-    const ssize_t got = real().read(mMaster, bytes.data(), bytes.size());
-    if (got > 0) mPart->arrive(std::span(bytes).first(static_cast<size_t>(got)));
+    mPart->arrive(mPort.read());
     mPart->runDue();
 }
 

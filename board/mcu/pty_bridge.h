@@ -17,16 +17,15 @@
 #include <vector>
 
 #include "board/mcu/boot_loader.h"
+#include "board/mcu/pty_port.h"
 
 namespace quil::board {
 
 struct PtyBridgeOptions {
     McuKind part = McuKind::kGd32F303;
-    std::filesystem::path flash{};  // the file with the part's flash; made when missing
-    // A symbolic link to the port, made and removed; "": none. A name in use is refused, but for
-    // the link that a killed model has left: to a port that is gone.
-    std::filesystem::path link = {};
-    bool realtime = false;  // bytes and flash operations take their real time
+    std::filesystem::path flash{};    // the file with the part's flash; made when missing
+    std::filesystem::path link = {};  // to the port; "": none
+    bool realtime = false;            // bytes and flash operations take their real time
     int fastest = McuSurroundings::kPublishedFastest;  // the highest speed that it measures
     uint64_t seed = 0;                                 // of its flash's times; 0: typical ones
     bool slowest = false;                              // its flash takes its longest times
@@ -40,9 +39,8 @@ class PtyBridge {
     PtyBridge(const PtyBridge&) = delete;
     PtyBridge& operator=(const PtyBridge&) = delete;
 
-    const std::string& port() const;  // "/dev/pts/3"
-    // The port that the link led to before; "" when there was none.
-    const std::string& staleTarget() const { return mStaleTarget; }
+    const std::string& port() const { return mPort.name(); }
+    const std::string& staleTarget() const { return mPort.staleTarget(); }
     void run();   // serves until stop is called
     void stop();  // from any thread or signal handler
     // A program has sent bytes and not closed the port yet. From any thread.
@@ -60,11 +58,8 @@ class PtyBridge {
     class Part;
     void serveOnce();
     void readBytes();
-    void makeLink();
 
-    const PtyBridgeOptions mOptions;
-    std::string mPort, mStaleTarget;
-    int mMaster = -1;
+    const PtyPort mPort;
     std::atomic<bool> mStopped{false}, mInUse{false};
     std::unique_ptr<Part> mPart;
 };

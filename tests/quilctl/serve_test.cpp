@@ -7,15 +7,13 @@
 
 #include <atomic>
 #include <fstream>
-#include <optional>
 #include <thread>
 
 #include "board/core/real_calls.h"
 #include "testing/build.h"
 #include "testing/program_output.h"
 #include "testing/whole.h"
-#include "tests/quilctl/test_run.h"
-#include "tools/quilctl/serve/serving.h"
+#include "tests/quilctl/served_run.h"
 #include "tools/quilctl/session/board_session.h"
 #include "tools/quilctl/session/exclusive.h"
 
@@ -30,16 +28,7 @@ using testing::StartsWith;
 using tools::Request;
 using tools::ServerConnection;
 
-// What the server says to one request, until it has done it or sends the client away.
-std::vector<tools::Json> answersTo(ServerConnection& server, const Request& request) {
-    server.send(request);
-    std::vector<tools::Json> answers;
-    for (auto one = server.receive(""); one; one = server.receive("")) {
-        answers.push_back(*one);
-        if (one->contains("exit") || one->contains("watching")) break;
-    }
-    return answers;
-}
+class QuilctlServe : public ServedRun {};
 
 // As the kernel shows it: R, S, ..
 char stateOfTask(int task) {
@@ -49,54 +38,6 @@ char stateOfTask(int task) {
     const size_t name = stat.rfind(") ");
     return name == std::string::npos ? ' ' : stat[name + 2];
 }
-
-class QuilctlServe : public QuilctlRun {
-  protected:
-    ~QuilctlServe() override { end(); }
-
-    void serve(int speed = 0) {
-        board = newBoard();
-        start(speed);
-    }
-    void start(int speed = 0) {
-        mServing.emplace(board, tools::ServedBoard::Power{.speed = speed});
-        mThread = std::thread([this] {
-            mServing->run([this] {
-                mIsReady = true;
-                mIsReady.notify_one();
-            });
-        });
-        mIsReady.wait(false);
-    }
-    void end() {
-        if (!mServing) return;
-        mServing->close();
-        mThread.join();
-        mServing.reset();
-    }
-    Said on(const tools::Words& words) const {
-        return quilctl(tools::Words{"--board", board} + words);
-    }
-    ServerConnection connection() const { return std::move(*ServerConnection::to(board)); }
-    Request run(const tools::Words& words) const {
-        return {.words = words, .folder = "/", .board = board};
-    }
-
-    // In the middle of a command, whose library on() would make anew.
-    void cutPower() const {
-        auto server = connection();
-        Request cut = run({"power", "cut"});
-        cut.atOnce = true;
-        EXPECT_EQ(answersTo(server, cut).back().value("exit", 1), tools::kOk);
-    }
-
-    std::string board;
-
-  private:
-    std::atomic<bool> mIsReady{false};
-    std::optional<tools::Serving> mServing;
-    std::thread mThread;
-};
 
 TEST_F(QuilctlServe, CommandFindsTheBoardAsTheOneBeforeHasLeftIt) {
     serve();

@@ -13,7 +13,7 @@ namespace {
 constexpr int kNoPage = -1;
 
 struct ServeArguments {
-    std::string speed;
+    std::string speed, link;
     int pagePort = kNoPage;
 };
 
@@ -47,19 +47,31 @@ class BoardToServe {
     std::filesystem::path mDirectory;
 };
 
+void tellOfReplaced(const McuPorts& ports, std::ostream& err) {
+    for (const std::string& link : ports.replaced()) {
+        err << link << ": replaced, it led to a port that is gone\n";
+    }
+}
+
 void serve(const Cli& cli, const ServeArguments& arguments, Result& result) {
     const BoardToServe board(cli);
     const std::string directory = board.path().string();
     const std::string product = productOf(board.path());
     Serving serving(board.path(),
-                    {.speed = speedOf(arguments, cli.options), .seed = cli.options.seed});
+                    {.speed = speedOf(arguments, cli.options), .seed = cli.options.seed},
+                    arguments.link);
     result.json = {{"directory", directory}, {"product", product}};
+    if (serving.ports() != nullptr) tellOfReplaced(*serving.ports(), cli.console.err);
     std::optional<PageProcess> page;  // before the board has its threads
     if (arguments.pagePort != kNoPage) page.emplace(board.path(), arguments.pagePort);
     serving.run([&] {
         result.text << directory << ": the " << product
                     << " is powered until Ctrl-C; quilctl --board " << directory
                     << " .. talks to it\n";
+        if (!arguments.link.empty()) {
+            result.text << arguments.link << ": the MCU's line; " << arguments.link
+                        << ".boot: the same, in the boot loader while it is open\n";
+        }
         result.show();
     });
     const std::string unkept = board::takeKeepFailure();
@@ -75,9 +87,14 @@ void addServeCommand(CLI::App& app, Cli& cli) {
                  "Every command with the same --board then acts on this board, one after the\n"
                  "other, and finds it as the one before has left it (docs/workbench.md). Without\n"
                  "--board it is a temporary one. Ctrl-C and a termination are its normal end.\n"
+                 "\n"
+                 "--pty lets other programs at the MCU's serial line: LINK is the line as it is.\n"
+                 "LINK.boot has BOOT0 and the reset too: from its open to its close the MCU is in\n"
+                 "its boot loader, and then starts what it has got. A pty has no parity.\n"
                  "Example: quilctl --board my-board serve &\n"
                  "         quilctl --board my-board fpga load\n"
-                 "         quilctl --board my-board fpga status",
+                 "         quilctl --board my-board fpga status\n"
+                 "         quilctl serve --pty mcu & stm32flash -m 8n1 -w image.bin -v mcu.boot",
                  kBoardOption | kProductOption | kSeedOption | kRealtimeOption, Place::kOff},
                 serve);
     command
@@ -87,6 +104,10 @@ void addServeCommand(CLI::App& app, Cli& cli) {
             "(default), "
             "it jumps to the next event, and stands still between commands")
         ->check(CLI::IsMember({"1", "10", "max"}));
+    command
+        .add_option("--pty", arguments.link,
+                    "Symbolic links to make to the MCU's line: LINK and LINK.boot")
+        ->type_name("LINK");
     const auto takePort = [&arguments = arguments](const std::vector<int>& port) {
         arguments.pagePort = port.empty() ? 0 : port.front();
     };

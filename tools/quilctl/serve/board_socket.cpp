@@ -41,6 +41,16 @@ Descriptor::~Descriptor() {
     if (mNumber >= 0) board::real().close(mNumber);
 }
 
+void wake(const Descriptor& descriptor) {
+    const uint64_t once = 1;
+    [[maybe_unused]] const auto done = board::real().write(descriptor.get(), &once, sizeof(once));
+}
+
+void quieten(const Descriptor& descriptor) {
+    uint64_t count = 0;
+    [[maybe_unused]] const auto done = board::real().read(descriptor.get(), &count, sizeof(count));
+}
+
 Descriptor listenIn(const std::filesystem::path& directory) {
     const std::string name = (directory / kSocketFile).string();
     const Descriptor folder = openDirectory(directory);

@@ -29,6 +29,10 @@ class Descriptor {
     int mNumber;
 };
 
+// For a descriptor of eventfd, which can be read from a wake to the next quieten.
+void wake(const Descriptor& descriptor);
+void quieten(const Descriptor& descriptor);
+
 // Only for the owner of the directory: a socket that a killed server has left is replaced. Throws
 // Failure.
 Descriptor listenIn(const std::filesystem::path& directory);

@@ -12,6 +12,8 @@ using BoardLocked = std::lock_guard<Exclusive>;
 
 thread_local const ServedBoard::Call* t_call = nullptr;
 
+constexpr board::Nanos kTurn = std::chrono::seconds(1);  // of board time, then a command's
+
 constexpr char kPowerOnRemedy[] = "quilctl power on switches it on again";
 
 void requireNoEffect(const Options& options) {
@@ -47,6 +49,7 @@ void ServedBoard::powerOn() {
     mBoard->trace().onEvent(mOnEvent);
     mStops.emplace([board = mBoard.get()] { board->cutPowerSoon("cut by an interruption"); });
     for (const std::string& name : mBroken) setBroken(*mBoard, name, true);
+    if (mOnPower) mOnPower(*mBoard);
 }
 
 void ServedBoard::powerOff() {
@@ -69,6 +72,12 @@ board::Board& ServedBoard::lend(const Options& options) {
     mBoard->trace().clear();
     mBoard->clearLog();
     return *mBoard;
+}
+
+bool ServedBoard::goOn() {
+    if (!isPowered()) return true;
+    mBoard->trace().clear();  // no command asks for it
+    return mPower.speed > 0 || mBoard->runUntilIdle(kTurn);
 }
 
 void ServedBoard::use(const std::function<void(board::Board&)>& act) {

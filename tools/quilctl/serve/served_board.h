@@ -23,6 +23,7 @@ class ServedBoard {
         uint64_t seed = 0;
     };
     using OnEvent = std::function<void(const board::Event&)>;
+    using OnPower = std::function<void(board::Board&)>;
 
     // The directory's user has it for itself. `onEvent` is told of all that happens; it must not
     // wait.
@@ -50,6 +51,9 @@ class ServedBoard {
 
     const std::filesystem::path& directory() const { return mDirectory; }
 
+    // Called with each board that is powered, while nobody switches it.
+    void onPower(OnPower onPower) { mOnPower = std::move(onPower); }
+
     // For the thread that powers the board.
     void powerOn();
     void powerOff();
@@ -57,6 +61,8 @@ class ServedBoard {
     // For the next command. Throws Failure when the options ask for another board, or the power is
     // cut.
     board::Board& lend(const Options& options);
+    // Between commands: what has come from outside takes effect. False: it takes more time.
+    bool goOn();
 
     // From any thread.
     bool isPowered();
@@ -74,6 +80,7 @@ class ServedBoard {
     const std::filesystem::path mDirectory;
     const Power mPower;
     const OnEvent mOnEvent;
+    OnPower mOnPower;
     Exclusive mLock;  // of what follows
     std::unique_ptr<board::Board> mBoard;
     std::optional<StopsAtInterruption> mStops;

@@ -22,16 +22,6 @@ using ServerLocked = std::lock_guard<Exclusive>;
 constexpr size_t kEventsWaiting = 20000;
 constexpr int kNoLimit = -1, kLastSends = 20, kBetweenLastSendsMs = 20;
 
-void wake(const Descriptor& descriptor) {
-    const uint64_t once = 1;
-    [[maybe_unused]] const auto done = board::real().write(descriptor.get(), &once, sizeof(once));
-}
-
-void quieten(const Descriptor& descriptor) {
-    uint64_t count = 0;
-    [[maybe_unused]] const auto done = board::real().read(descriptor.get(), &count, sizeof(count));
-}
-
 }  // namespace
 
 Server::Server(Descriptor listener, const std::string& directory, AtOnce atOnce)
@@ -67,6 +57,12 @@ std::optional<Server::Job> Server::next() {
 void Server::close() {
     const ServerLocked locked(mLock);
     mIsClosed = true;
+    wake(mJobWake);
+}
+
+void Server::callOwner() {
+    const ServerLocked locked(mLock);
+    if (mJobs.empty() || mJobs.back().client != kNobody) mJobs.push_back({kNobody, {}});
     wake(mJobWake);
 }
 

@@ -27,6 +27,7 @@ class Server {
     };
     using AtOnce = std::function<void(const Job&)>;
 
+    static constexpr ClientId kNobody = 0;  // whose turn it is when callOwner has asked for one
     static constexpr size_t kClientsMost = 100;
     // What waits for a client: an answer that is longer ends the connection, events beyond are
     // counted and dropped.
@@ -44,6 +45,7 @@ class Server {
     void close();
 
     // From any thread.
+    void callOwner();  // a turn for who calls next(), behind the commands that wait
     void say(ClientId client, const Json& what);
     void finish(ClientId client, int exitCode);  // its next request may come
     void tell(const board::Event& event);        // those who watch

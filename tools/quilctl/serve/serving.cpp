@@ -57,12 +57,17 @@ std::string shownWords(const std::vector<std::string>& words) {
 
 }  // namespace
 
-Serving::Serving(const std::filesystem::path& directory, ServedBoard::Power power)
+Serving::Serving(const std::filesystem::path& directory, ServedBoard::Power power,
+                 const std::filesystem::path& ports)
     : mDirectory(std::filesystem::absolute(directory)),
       mFolder(board::real().open(".", O_PATH | O_DIRECTORY | O_CLOEXEC)),
       mBoard(mDirectory, power, [this](const board::Event& event) { mServer.tell(event); }),
       mServer(listenIn(mDirectory), mDirectory.string(),
-              [this](const Server::Job& job) { act(job, true); }) {}
+              [this](const Server::Job& job) { act(job, true); }) {
+    if (ports.empty()) return;
+    mPorts.emplace(ports, mBoard, [this] { mServer.callOwner(); });
+    mBoard.onPower([this](board::Board& board) { mPorts->connectTo(board); });
+}
 
 Serving::~Serving() {
     mBoard.powerOff();  // while the server still hears of it
@@ -72,8 +77,14 @@ Serving::~Serving() {
 void Serving::run(const std::function<void()>& onReady) {
     mBoard.powerOn();
     onReady();
-    while (const auto job = mServer.next()) act(*job, false);
+    while (const auto job = mServer.next()) {
+        job->client == Server::kNobody ? goOn() : act(*job, false);
+    }
     mBoard.powerOff();
+}
+
+void Serving::goOn() {
+    if (!mBoard.goOn()) mServer.callOwner();
 }
 
 void Serving::close() { mServer.close(); }
