@@ -125,6 +125,23 @@ TEST_F(QuilctlTest, TraceOnStandardOutputHasItForItself) {
     EXPECT_EQ(quilctl({"--trace", "vcd:", "get", "1"}).code, tools::kUsage);
 }
 
+TEST_F(QuilctlTest, WhatIsWrittenBesideTheResultNeedsAFile) {
+    const std::string image = path("image"), folder = path("");
+    std::ofstream(image) << "content";
+    const std::vector<std::vector<std::string>> commands = {
+        {"boot", "--report", "-"},
+        {"mcu", "read", "--size", "4", "-"},
+        {"mcu", "task", "read-memory", "--save", "-"},
+        {"screen", "show", image, "--svg", "-"},
+        {"screen", "show", image, "--png", "-"},
+        {"screen", "build", folder, "-"}};
+    for (const auto& command : commands) {
+        const Said said = quilctl(command);
+        EXPECT_EQ(said.code, tools::kUsage) << command[0] << " " << command[1];
+        EXPECT_THAT(said.err, HasSubstr("a file is needed, not standard output"));
+    }
+}
+
 TEST_F(QuilctlTest, TwoOutputsInOnePlaceAreRefusedBeforeTheBoardIsPowered) {
     using Words = std::vector<std::string>;
     for (const Words& words :

@@ -171,7 +171,9 @@ void addRead(CLI::App& mcu, Cli& cli) {
                                                "Example: quilctl mcu read --size 8192 flash.bin",
                                                kFlashBoardOptions},
                                               read);
-    command.add_option("FILE", arguments.file, "The file to write")->required();
+    command.add_option("FILE", arguments.file, "The file to write")
+        ->required()
+        ->check(outputFile());
     command.add_option("--address", arguments.address, "The first byte (default: 0x08000000)")
         ->check(numberUpTo(UINT32_MAX));
     command.add_option("--size", arguments.size, "Bytes (default: to the end of the flash)")

@@ -269,7 +269,8 @@ void addTask(CLI::App& mcu, Cli& cli) {
                     "The image to write, or a file as long as what is read or erased "
                     "(default: the shipped image)")
         ->check(regularFile());
-    command.add_option("--save", arguments.save, "Where to put what read-memory has read");
+    command.add_option("--save", arguments.save, "Where to put what read-memory has read")
+        ->check(outputFile());
 }
 
 }  // namespace

@@ -219,9 +219,12 @@ void addShow(CLI::App& screen, Cli& cli) {
          "         quilctl screen show screen.img --svg screen.svg --png screen.png",
          kNoBoardOption},
         showScreen);
-    command.add_option("--svg", arguments.svg, "Write the picture there")->type_name("FILE");
+    command.add_option("--svg", arguments.svg, "Write the picture there")
+        ->type_name("FILE")
+        ->check(outputFile());
     command.add_option("--png", arguments.png, "Write it as pixels (with rsvg-convert)")
-        ->type_name("FILE");
+        ->type_name("FILE")
+        ->check(outputFile());
     command.add_option("FILE", arguments.file, "The partition's content")
         ->required()
         ->check(CLI::ExistingFile);
@@ -249,7 +252,9 @@ void addBuild(CLI::App& screen, Cli& cli) {
         .add_option("DIR", arguments.directory, "Where the block files are; they go by their names")
         ->required()
         ->check(CLI::ExistingDirectory);
-    command.add_option("OUT", arguments.target, "The partition to write")->required();
+    command.add_option("OUT", arguments.target, "The partition to write")
+        ->required()
+        ->check(outputFile());
 }
 
 }  // namespace

@@ -26,6 +26,15 @@ inline CLI::Validator hexBytes() {
         "HEX");
 }
 
+// For what is written beside the result, which has standard output.
+inline CLI::Validator outputFile() {
+    return CLI::Validator(
+        [](std::string& name) -> std::string {
+            return name != "-" ? "" : "a file is needed, not standard output (./- is one)";
+        },
+        "");
+}
+
 inline CLI::Validator chipName() {
     return CLI::IsMember({"gd32f303", "gd32f470", "gd32e503", "stm32h750", "n32g45x"});
 }

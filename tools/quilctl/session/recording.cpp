@@ -4,6 +4,7 @@
 
 #include "board/core/lock.h"
 #include "board/core/whole_file.h"
+#include "tools/quilctl/files/validators.h"
 #include "tools/quilctl/output/values.h"
 #include "tools/quilctl/page/report.h"
 
@@ -46,7 +47,8 @@ void addReportOption(CLI::App& command, Cli& cli) {
         .add_option_function<std::string>(
             "--report", take,
             "Write what happened as one page for a browser: parts, timeline, screen")
-        ->type_name("FILE.html");
+        ->type_name("FILE.html")
+        ->check(outputFile());
 }
 
 }  // namespace quil::tools
