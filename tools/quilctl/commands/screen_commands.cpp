@@ -145,7 +145,7 @@ struct ExtractArguments {
 
 // Names that build takes in the blocks' order.
 std::string blockName(size_t index, uint32_t address) {
-    char name[32];
+    char name[40];
     snprintf(name, sizeof(name), "%02zu-%08X.bin", index, address);
     return name;
 }

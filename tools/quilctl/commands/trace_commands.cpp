@@ -79,8 +79,8 @@ size_t widthOf(const std::vector<StageTimes>& rows) {
     return width;
 }
 
-std::string lineOf(const std::string& stage, size_t width, const std::string& a,
-                   const std::string& b, const std::string& more) {
+std::string tableLine(const std::string& stage, size_t width, const std::string& a,
+                      const std::string& b, const std::string& more) {
     char cells[96];
     snprintf(cells, sizeof(cells), " %12s %12s %13s\n", a.c_str(), b.c_str(), more.c_str());
     return stage + std::string(width - stage.size(), ' ') + cells;
@@ -89,8 +89,8 @@ std::string lineOf(const std::string& stage, size_t width, const std::string& a,
 void show(const StageTimes& row, size_t width, Result& result) {
     std::optional<double> more;
     if (row.first && row.second) more = *row.second - *row.first;
-    result.text << lineOf(row.stage, width, cell(row.first, "%.3f s"), cell(row.second, "%.3f s"),
-                          cell(more, "%+.3f s"));
+    result.text << tableLine(row.stage, width, cell(row.first, "%.3f s"),
+                             cell(row.second, "%.3f s"), cell(more, "%+.3f s"));
     const auto number = [](const std::optional<double>& value) {
         return value ? Json(*value) : Json();
     };
@@ -130,7 +130,7 @@ double timeOf(const Budget& budget, const std::vector<StageTimes>& rows, const s
 void compareTraces(const Cli& /*cli*/, const CompareArguments& arguments, Result& result) {
     const std::vector<StageTimes> rows = compared(arguments);
     const size_t width = widthOf(rows);
-    result.text << lineOf("stage", width, "A", "B", "B - A");
+    result.text << tableLine("stage", width, "A", "B", "B - A");
     for (const StageTimes& row : rows) show(row, width, result);
     std::string over;
     result.json["over"] = Json::array();
