@@ -4,7 +4,6 @@ import json
 import os
 import pathlib
 import shutil
-import signal
 import struct
 import subprocess
 import tempfile
@@ -102,7 +101,7 @@ class Board:
 
     def end(self):
         if self._server:
-            self._server.send_signal(signal.SIGINT)
+            self._server.terminate()  # what runs in the background may ignore an interrupt
             self._server.communicate(timeout=PATIENCE)
             assert self._server.returncode == 0, self._server.returncode
         self._folder.cleanup()
