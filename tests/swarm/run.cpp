@@ -52,11 +52,6 @@ class BootRun {
     BootRun(const World& world, const Boot& boot, board::Board& board, Outcome& outcome)
         : mWorld(world), mBoot(boot), mBoard(board), mOutcome(outcome) {
         prepareMcu();
-        mBoard.trace().onEvent([this](const board::Event& event) {
-            if (event.kind == board::EventKind::kUartTx && mRecorder != nullptr) {
-                mRecorder->addSent();
-            }
-        });
         for (const board::Fault& fault : boot.faults) mBoard.faults().add(fault);
         for (const Disturbance& disturbance : boot.disturbances) disturb(disturbance);
         if (boot.noise.flipped + boot.noise.dropped + boot.noise.doubled > 0) {
@@ -136,7 +131,6 @@ class BootRun {
 
     void runSession(const Session& session) {
         Recorder recorder(mBoard);
-        mRecorder = &recorder;
         {
             Clients clients(mBoard, recorder);
             host::HostingComponent host;
@@ -145,7 +139,6 @@ class BootRun {
             if (isLast() && mWorld.isDescribed()) judgeClean(host, result);
             host.stop();
         }
-        mRecorder = nullptr;
         judge(recorder.history());
     }
 
@@ -165,8 +158,7 @@ class BootRun {
     void judge(const History& history) {
         ++mOutcome.tally.sessions;
         mOutcome.tally.calls += history.size();
-        MailboxRules rules{.sendMayFail = !mBoot.linkIsClean()};
-        if (mBoot.chances.clockSteps > 0) rules.clockMayJump = mBoot.chances.longestClockStep;
+        const MailboxRules rules{.sendMayFail = !mBoot.linkIsClean()};
         find("answer", problemOfAnswers(history, rules, &mOutcome.tally.answers));
         find("registry", problemOfRegistry(history, &mOutcome.tally.undecided));
     }
@@ -197,7 +189,6 @@ class BootRun {
     const Boot& mBoot;
     board::Board& mBoard;
     Outcome& mOutcome;
-    Recorder* mRecorder = nullptr;
 };
 
 }  // namespace

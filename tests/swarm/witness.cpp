@@ -1,5 +1,10 @@
 #include "tests/swarm/witness.h"
 
+#include <inttypes.h>
+#include <stdio.h>
+
+#include <stdexcept>
+
 #include "board/core/bytes.h"
 #include "host/firmware_update_guard.h"
 
@@ -16,6 +21,15 @@ int numberOf(const android::sp<IQuilServiceCallback>& callback) {
 
 std::atomic<int> NumberedCallback::alive{0};
 
+Recorder::Recorder(board::Board& board) : mBoard(board), mListeners(board.trace().listeners()) {
+    mBoard.trace().onEvent([this](const board::Event& event) {
+        if (event.kind == board::EventKind::kUartTx) addSent();
+        if (event.source == "real-time clock") addClockSet(event);
+    });
+}
+
+Recorder::~Recorder() { mBoard.trace().keepListeners(mListeners); }
+
 uint32_t Recorder::nextCall() {
     const std::lock_guard lock(mMutex);
     return ++mCalls;
@@ -31,6 +45,14 @@ void Recorder::add(Record record) {
 
 void Recorder::addSent() {
     if (t_request != 0) add({.step = Step::kSent, .operation = t_request});
+}
+
+void Recorder::addClockSet(const board::Event& event) {
+    int64_t nanos = 0;
+    if (sscanf(event.text.c_str(), "set by %" SCNd64 " ns", &nanos) != 1) {
+        throw std::logic_error("unknown step of the clock: " + event.text);
+    }
+    add({.step = Step::kClockSet, .by = std::chrono::nanoseconds(nanos)});
 }
 
 Return<int32_t> Witness::hwInvoke(const hidl_vec<uint8_t>& data) {

@@ -19,17 +19,23 @@ using ::quil::hardware::quilservicemanager::V1_0::IQuilServiceManager;
 // The history of one service object. What happens without power is not part of it.
 class Recorder {
   public:
-    explicit Recorder(board::Board& board) : mBoard(board) {}
+    explicit Recorder(board::Board&);
+    ~Recorder();
+    Recorder(const Recorder&) = delete;
+    Recorder& operator=(const Recorder&) = delete;
 
     uint32_t nextCall();
     void add(Record);
-    // Of the request that the calling thread has under way: its frame is written.
-    void addSent();
     const History& history() const { return mHistory; }
 
   private:
+    // Of the request that the calling thread has under way: its frame is written.
+    void addSent();
+    void addClockSet(const board::Event&);
+
     board::Board& mBoard;
-    std::mutex mMutex;  // guards the next
+    const size_t mListeners;  // of the board's trace, before this one
+    std::mutex mMutex;        // guards the next
     History mHistory;
     uint32_t mCalls = 0;
 };

@@ -34,6 +34,8 @@ const char* nameOf(Step step) {
             return "hwNotify";
         case Step::kInvokeDone:
             return "hwInvoke done";
+        case Step::kClockSet:
+            return "real-time clock set";
     }
     return "";
 }
@@ -44,6 +46,9 @@ std::string toLine(const Record& record) {
     line += std::string(": ") + (record.isWrite ? "set " : "") + nameOf(record.step);
     if (record.callback != 0) line += ", callback " + std::to_string(record.callback);
     if (record.result != 0) line += ", result " + std::to_string(record.result);
+    if (record.by != std::chrono::nanoseconds(0)) {
+        line += " by " + std::to_string(record.by.count()) + " ns";
+    }
     if (!record.bytes.empty()) line += " [" + board::hexOf(record.bytes) + "]";
     return line + (record.updating ? " (updating)" : "");
 }

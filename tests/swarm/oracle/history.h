@@ -25,7 +25,8 @@ enum class Step {
     kUnregisterDone,  // `result`
     kInvoke,          // hwInvoke is called
     kNotify,          // it calls `callback`
-    kInvokeDone       // `result`
+    kInvokeDone,      // `result`
+    kClockSet         // the real-time clock is set `by` so much
 };
 
 struct Record {
@@ -37,6 +38,7 @@ struct Record {
     int result = 0;
     bool isWrite = false;   // set
     bool updating = false;  // firmware is being written
+    std::chrono::nanoseconds by{0};
 };
 
 using History = std::vector<Record>;

@@ -12,8 +12,7 @@
 namespace quil::swarm {
 
 struct MailboxRules {
-    bool sendMayFail = false;                  // a request's frame may not reach the line
-    std::chrono::nanoseconds clockMayJump{0};  // the clock of the deadline is set by up to that
+    bool sendMayFail = false;  // a request's frame may not reach the line
 };
 
 struct MailboxTally {

@@ -38,6 +38,7 @@ class Writer {
     Writer& registry(Step step, uint32_t operation, int callback, int result = 0) {
         return add({.step = step, .operation = operation, .callback = callback, .result = result});
     }
+    Writer& clockSet(nanoseconds by) { return add({.step = Step::kClockSet, .by = by}); }
     // A whole call with nothing in between.
     Writer& wakeUp(uint32_t operation, const Bytes& bytes) {
         return step(Step::kWakeUp, operation, bytes).step(Step::kWakeUpDone, operation);
@@ -93,9 +94,29 @@ TEST(SwarmMailbox, RequestThatWaitsBeyondItsDeadlineIsRejected) {
 }
 
 TEST(SwarmMailbox, DeadlineMovesWithItsClock) {
-    const auto history = aRequestThatIsSent().at(seconds(2)).answered(1, {});
-    EXPECT_EQ(history.problem({.clockMayJump = seconds(3)}), "");
-    EXPECT_NE(history.problem({.clockMayJump = seconds(2)}), "");
+    const auto problemOf = [](seconds by, seconds took) {
+        return aRequestThatIsSent()
+            .at(seconds(1))
+            .clockSet(by)
+            .clockSet(by)
+            .at(took)
+            .answered(1, {})
+            .problem();
+    };
+    EXPECT_EQ(problemOf(seconds(1), seconds(3)), "");
+    EXPECT_NE(problemOf(seconds(1), seconds(2)), "");
+    EXPECT_EQ(problemOf(-seconds(4), seconds(13)), "");
+    EXPECT_NE(problemOf(-seconds(4), seconds(14)), "");
+}
+
+TEST(SwarmMailbox, StepOfTheClockBeforeTheWaitDoesNotMoveItsDeadline) {
+    const auto history = Writer()
+                             .clockSet(-seconds(4))
+                             .step(Step::kRequest, 1, kMcuRequest)
+                             .step(Step::kSent, 1)
+                             .at(seconds(9))
+                             .answered(1, {});
+    EXPECT_NE(history.problem(), "");
 }
 
 TEST(SwarmMailbox, RequestThatSleepsOnAfterItsAnswerIsRejected) {
