@@ -30,18 +30,8 @@ constexpr size_t kPropertyValueMost = 91;  // characters
 
 bool isOfTheFileSystem(const std::string& name) { return name.rfind("rootfs", 0) == 0; }
 
-std::string trimmed(std::string_view text) {
-    const size_t first = text.find_first_not_of(" \t\r");
-    if (first == std::string_view::npos) return "";
-    return std::string(text.substr(first, text.find_last_not_of(" \t\r") - first + 1));
-}
-
-// The rules of text files. Each returns what is wrong with a line, "" when nothing is. A line of
-// "key = value" comes in its two parts.
-struct Line {
-    std::string key, value;
-};
-using LineRule = std::string (*)(const Line&, const McuPart&);
+// The rules of text files. Each returns what is wrong with a line, "" when nothing is.
+using LineRule = std::string (*)(const Setting&, const McuPart&);
 
 std::optional<unsigned long> numberIn(const std::string& text, int base) {
     unsigned long number = 0;
@@ -51,7 +41,7 @@ std::optional<unsigned long> numberIn(const std::string& text, int base) {
                                                               : std::nullopt;
 }
 
-std::string valueProblem(const Line& line, const McuPart&) {
+std::string valueProblem(const Setting& line, const McuPart&) {
     const bool isHex = line.key.rfind("0x", 0) == 0 || line.key.rfind("0X", 0) == 0;
     const auto command = numberIn(line.key.substr(isHex ? 2 : 0), 16);
     if (!command || *command > UINT32_MAX) return "'" + line.key + "' is no command";
@@ -65,12 +55,12 @@ std::string valueProblem(const Line& line, const McuPart&) {
                                : "the MCU keeps at most " + std::to_string(kValueMost) + " bytes";
 }
 
-std::string propertyProblem(const Line& line, const McuPart&) {
+std::string propertyProblem(const Setting& line, const McuPart&) {
     if (line.value.size() <= kPropertyValueMost) return "";
     return "a value has at most " + std::to_string(kPropertyValueMost) + " characters";
 }
 
-std::string partProblem(const Line& line, const McuPart&) {
+std::string partProblem(const Setting& line, const McuPart&) {
     return Probes::problemOf(line.key, line.value);
 }
 
@@ -84,7 +74,7 @@ std::string wearProblem(const std::string& value, const McuPart& part) {
     return isGood ? "" : "no place in the flash with the bits that are stuck low and high";
 }
 
-std::string optionProblem(const Line& line, const McuPart& part) {
+std::string optionProblem(const Setting& line, const McuPart& part) {
     const auto number = numberIn(line.value, 10);
     if (line.key == "readout_protected") return number && *number < 2 ? "" : "neither 0 nor 1";
     if (line.key == "worn") return wearProblem(line.value, part);
@@ -327,17 +317,14 @@ class Checker {
         std::vector<std::string> what(lines.size());
         std::set<std::string> keys;
         for (size_t i = lines.size(); i-- > 0;) {
-            const size_t equals = lines[i].find('=');
             if (trimmed(lines[i]).empty()) continue;
-            const Line line{
-                trimmed(lines[i].substr(0, std::min(equals, lines[i].size()))),
-                equals == std::string::npos ? "" : trimmed(lines[i].substr(equals + 1))};
-            if (isBinary(lines[i]) || equals == std::string::npos || line.key.empty()) {
+            const auto setting = settingIn(lines[i]);
+            if (isBinary(lines[i]) || !setting || setting->key.empty()) {
                 what[i] = "no \"name = value\": " + shown(lines[i]);
-            } else if (!keys.insert(line.key).second && !file.keysRepeat) {
-                what[i] = "a later line says what " + line.key + " is";
+            } else if (!keys.insert(setting->key).second && !file.keysRepeat) {
+                what[i] = "a later line says what " + setting->key + " is";
             } else {
-                what[i] = file.rule(line, *mPart);
+                what[i] = file.rule(*setting, *mPart);
             }
         }
         mendLines(file.name, Severity::kBlocking, content, what);

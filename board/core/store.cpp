@@ -10,6 +10,19 @@ namespace quil::board {
 
 namespace fs = std::filesystem;
 
+std::string trimmed(std::string_view text) {
+    constexpr std::string_view kBlanks = " \t\r";
+    const size_t first = text.find_first_not_of(kBlanks);
+    if (first == std::string_view::npos) return "";
+    return std::string(text.substr(first, text.find_last_not_of(kBlanks) - first + 1));
+}
+
+std::optional<Setting> settingIn(std::string_view line) {
+    const size_t equals = line.find('=');
+    if (equals == std::string_view::npos) return std::nullopt;
+    return Setting{trimmed(line.substr(0, equals)), trimmed(line.substr(equals + 1))};
+}
+
 DirectoryStore::DirectoryStore(fs::path directory, Keeping keeping)
     : mDirectory(std::move(directory)), mKeeping(keeping) {}
 

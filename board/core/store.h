@@ -26,6 +26,15 @@ class Store {
     virtual int obstacle(const std::string& /*name*/) const { return 0; }
 };
 
+std::string trimmed(std::string_view text);  // without spaces, tabs, returns at both ends
+
+// A line "key = value" of a file that people edit; blanks around both do not count. Nothing: there
+// is no '='.
+struct Setting {
+    std::string key, value;
+};
+std::optional<Setting> settingIn(std::string_view line);
+
 // What a directory's files have to survive.
 enum class Keeping {
     kScratch,   // a program that dies; for boards that are thrown away

@@ -87,18 +87,17 @@ Probes::Probes(BoardServices& board, int codecs) : mBoard(board), mCodecs(codecs
     int number = 0;
     for (std::string line; std::getline(lines, line);) {
         ++number;
-        std::istringstream words(line);
-        std::string name, equals, state, more;
-        if (!(words >> name)) continue;
-        const bool isWhole = words >> equals >> state && equals == "=" && !(words >> more);
-        const std::string wrong = isWhole ? problemOf(name, state) : "not \"name = state\"";
+        if (trimmed(line).empty()) continue;
+        const auto setting = settingIn(line);
+        const std::string wrong =
+            setting ? problemOf(setting->key, setting->value) : "not \"name = state\"";
         if (!wrong.empty()) {
             std::string complaint("the board's file ");
             complaint.append(kPartsFile).append(", line ").append(std::to_string(number));
             complaint.append(": '").append(line).append("': ").append(wrong);
             throw std::runtime_error(complaint);
         }
-        mStates[name] = state;
+        mStates[setting->key] = setting->value;
     }
 }
 

@@ -46,12 +46,15 @@ McuFlash::~McuFlash() {
 
 void McuFlash::loadOptions() {
     std::istringstream lines(mStore->read(mOptionsFile).value_or(""));
-    for (std::string name, equals; lines >> name >> equals;) {
-        if (name == "readout_protected") lines >> mReadoutProtected;
+    for (std::string line; std::getline(lines, line);) {
+        const auto setting = settingIn(line);
+        if (!setting) continue;
+        std::istringstream value(setting->value);
+        if (setting->key == "readout_protected") value >> mReadoutProtected;
         uint32_t page = 0;
-        if (name == "write_protected" && lines >> page) mWriteProtected.insert(page);
+        if (setting->key == "write_protected" && value >> page) mWriteProtected.insert(page);
         int low = 0, high = 0;
-        if (name == "worn" && lines >> page >> low >> high) {
+        if (setting->key == "worn" && value >> page >> low >> high) {
             wear(page, {static_cast<uint8_t>(low), static_cast<uint8_t>(high)});
         }
     }

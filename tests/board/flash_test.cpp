@@ -146,6 +146,13 @@ TEST_F(BoardFlash, ContentsAndProtectionOutliveThePower) {
     EXPECT_THAT(flash.writeProtectedPages(), ElementsAre(3U, 5U));
 }
 
+TEST_F(BoardFlash, OptionsMayBeWrittenWithoutBlanks) {
+    store.replace("mcu/option_bytes", "readout_protected=1\r\nwrite_protected=\t3\n");
+    const McuFlash flash = flashOf(McuKind::kGd32F303);
+    EXPECT_TRUE(flash.readoutProtected());
+    EXPECT_THAT(flash.writeProtectedPages(), ElementsAre(3U));
+}
+
 // The cells before the point of the power cut are programmed, those behind it are not.
 TEST_F(BoardFlash, PowerThatGoesInAProgrammingLeavesAPartOfItTheSameForTheSameSeed) {
     std::set<size_t> lengths;

@@ -79,6 +79,14 @@ TEST(BoardProbes, StatesOutliveThePower) {
     EXPECT_EQ(first.probes().health(kRtc), Health::kHealthy);
 }
 
+TEST(BoardProbes, StatesMayBeWrittenWithoutBlanks) {
+    const auto store = std::make_shared<OverlayStore>(factoryBoard(Product::kHeron));
+    store->replace("parts", "\n\trtc=faulty\r\nsdcard =full\n");
+    Board board(store);
+    EXPECT_EQ(board.probes().health(kRtc), Health::kFaulty);
+    EXPECT_EQ(board.probes().sdCard(), SdCard::kFull);
+}
+
 TEST(BoardProbes, PartsThatTheBoardDoesNotHaveAreRefused) {
     Board board;
     for (const char* name : {"", "toaster", "es8316.", "es8316.x", "es8316.12x"}) {
