@@ -41,22 +41,25 @@ uint16_t lengthOf(uint16_t drawn) {
     return drawn < kLongLengthFrom ? static_cast<uint16_t>(drawn % kLengthsMost) : drawn;
 }
 
+// Written where the one before was: blocks of memory that grow are mapped anew for each input. What
+// is returned ends where the partition ends.
 Bytes partitionOf(Input recipe) {
+    static Bytes partition;
+    partition.assign(4, 0);
     const auto deviation = static_cast<int8_t>(recipe.byte());
-    Bytes blocks;
     uint32_t count = 0;
     while (!recipe.empty() && count < 64) {
         const uint8_t kind = recipe.byte();
         const uint16_t length = lengthOf(recipe.word());
-        tests::appendWord(blocks, kAddresses[kind % std::size(kAddresses)]);
-        tests::appendWord(blocks, kind >= 0xF0 ? UINT32_MAX - length : length);
-        appendData(blocks, length, recipe.byte());
+        tests::appendWord(partition, kAddresses[kind % std::size(kAddresses)]);
+        tests::appendWord(partition, kind >= 0xF0 ? UINT32_MAX - length : length);
+        appendData(partition, length, recipe.byte());
         ++count;
     }
-    Bytes partition;
-    tests::appendWord(partition, count + static_cast<uint32_t>(deviation));
-    partition.insert(partition.end(), blocks.begin(), blocks.end());
-    return partition;
+    Bytes header;
+    tests::appendWord(header, count + static_cast<uint32_t>(deviation));
+    std::copy(header.begin(), header.end(), partition.begin());
+    return {partition.begin(), partition.end()};
 }
 
 size_t transfersOf(const ScreenFile& file) {
