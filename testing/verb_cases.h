@@ -22,6 +22,11 @@ struct VerbCase {
     bool logs = true;  // the library has a part in it
 };
 
+// A trace of a boot with one stage.
+inline constexpr char kVerbTrace[] = R"({"traceEvents": [
+{"ph": "M", "pid": 1, "tid": 1, "name": "thread_name", "args": {"name": "stages"}},
+{"ph": "X", "pid": 1, "tid": 1, "name": "network", "ts": 0, "dur": 860000}]})";
+
 // The files that the arguments name, as far as there are any.
 inline void makeVerbFiles(const std::filesystem::path& directory) {
     board::createBoardDirectory(directory / "board", board::Product::kHeron);
@@ -31,6 +36,7 @@ inline void makeVerbFiles(const std::filesystem::path& directory) {
                           std::string("\0\0\0\1\x10\1\x80\0\0\0\0\1x", 13));
     board::writeWholeFile(directory / "no.ini", "[mcu]\n");
     board::writeWholeFile(directory / "no.bin", "no image");
+    board::writeWholeFile(directory / "trace.json", kVerbTrace);
     board::writeWholeFile(directory / "image.bin",
                           board::makeMcuImage(board::McuKind::kGd32F303, "V2.0.0", 2048));
 }
@@ -55,12 +61,12 @@ inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& di
         {"board check", {{path("board")}, false}},
         {"board repair", {{path("board")}, false}},
         {"board reset", {{}, false, tools::kUsage}},
-        {"boot", {}},
+        {"boot", {{"--report", path("boot.html")}}},
         {"fpga status", {}},
         {"fpga load", {}},
         {"fpga info", {{path("no.bin")}, false, tools::kBadData}},
         {"fpga flash", {{"--as-is", path("no.bin")}, true, tools::kFailed}},
-        {"screen show", {{path("screen.img")}, false}},
+        {"screen show", {{path("screen.img"), "--svg", path("screen.svg")}, false}},
         {"screen extract", {{path("screen.img"), path("extracted")}, false}},
         {"screen build", {{path("blocks"), path("built.img")}, false}},
         {"mcu version", {}},
@@ -89,7 +95,7 @@ inline std::map<std::string, VerbCase> verbCases(const std::filesystem::path& di
         {"fault add", {{"link"}, false, tools::kUsage}},
         {"fault list", {{}, false, tools::kUsage}},
         {"fault clear", {{}, false, tools::kUsage}},
-        {"trace compare", {{path("no.ini"), path("no.ini")}, false, tools::kBadData}},
+        {"trace compare", {{path("trace.json"), path("trace.json")}, false}},
         {"demo", {}},
         {"completion", {{"bash"}, false}},
         {"man", {{"mcu", "update"}, false}},

@@ -100,6 +100,7 @@ int SerialFlash::erase(uint32_t offset, uint32_t length) {
         mBoard.spendDeviceTime(kSectorErase, "flash erase");
         if (!fault) eraseCells(mCells, at, kSector);
         if (fault) error = fault->error;
+        if (error == 0) tell("erase", at + kSector - offset, length);
     }
     save();
     note(error == 0 ? "erased" : "erase failed");
@@ -128,10 +129,15 @@ int SerialFlash::program(uint32_t offset, std::span<const uint8_t> data) {
         }
         if (fault) error = fault->error;
         done += size;
+        if (error == 0) tell("program", done, data.size());
     }
     save();
     note(error == 0 ? "programmed" : "programming failed");
     return error;
+}
+
+void SerialFlash::tell(const char* operation, size_t done, size_t size) const {
+    if (mProgress) mProgress(operation, static_cast<double>(done) / static_cast<double>(size));
 }
 
 void SerialFlash::eraseCells(Cells& cells, uint32_t offset, size_t length) {

@@ -51,6 +51,10 @@ class SerialFlash {
 
     // Called before each erase and programming, to check that the host may use the flash.
     void onUse(std::function<void()> listener) { mListener = std::move(listener); }
+    // Called after each sector that is erased and each page that is programmed; `done` is the
+    // finished part of the operation, 0 to 1.
+    using OnProgress = std::function<void(const char* operation, double done)>;
+    void onProgress(OnProgress listener) { mProgress = std::move(listener); }
 
   private:
     using Cells = std::vector<uint8_t>;  // the cells behind its end are 0xFF
@@ -66,12 +70,14 @@ class SerialFlash {
 
     std::optional<Fault> faultOf(Call);
     void note(const std::string& text) { mBoard.trace.add(EventKind::kFlash, kFlashDevice, text); }
+    void tell(const char* operation, size_t done, size_t size) const;
     // Begins an operation of that many bytes. False if power is cut at it: that part of it is done.
     bool begin(const std::string& text, size_t size, const Part&);
 
     BoardServices& mBoard;
     Cells mCells;
     std::function<void()> mListener;
+    OnProgress mProgress;
 };
 
 }  // namespace quil::board

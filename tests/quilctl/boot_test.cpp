@@ -5,7 +5,10 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
 #include <nlohmann/json.hpp>
+#include <sstream>
+#include <vector>
 
 #include "tests/quilctl/test_run.h"
 
@@ -13,7 +16,9 @@ namespace quil::tests {
 
 namespace fs = std::filesystem;
 using testing::ContainsRegex;
+using testing::ElementsAre;
 using testing::HasSubstr;
+using testing::Key;
 
 class QuilctlBoot : public QuilctlRun {};
 
@@ -41,6 +46,29 @@ TEST_F(QuilctlBoot, PendingFpgaImageIsWrittenFirst) {
                                         "FPGA configured .* 0.500 s  ok\n"));
     EXPECT_THAT(said.out, ContainsRegex("switch to UDP .* ok\nready for requests .* ok\n$"));
     EXPECT_THAT(quilctl({"--board", board, "fpga", "status"}).out, HasSubstr("V2.1.0"));
+}
+
+TEST_F(QuilctlBoot, ProgressOfTheFpgasFlashRisesToTheEndOfEachOperation) {
+    const Said said = quilctl({"--progress", "json", "boot", "--update-fpga"});
+    std::map<std::string, std::vector<int>> percents;
+    std::istringstream lines(said.err);
+    for (std::string line; std::getline(lines, line);) {
+        const auto told = nlohmann::json::parse(line);
+        if (told["event"] == "phase") percents[told["phase"]].push_back(told["percent"]);
+    }
+    EXPECT_THAT(percents, ElementsAre(Key("FPGA flash: erase"), Key("FPGA flash: program")));
+    for (const auto& [operation, told] : percents) {
+        EXPECT_GE(told.size(), 4U) << operation;
+        EXPECT_TRUE(std::is_sorted(told.begin(), told.end())) << operation;
+        EXPECT_EQ(told.back(), 100) << operation;
+    }
+}
+
+TEST_F(QuilctlBoot, EraseOfTheFpgasFlashThatFailsIsNoProgress) {
+    const Said said = quilctl({"--progress", "json", "boot", "--update-fpga", "--fault", "erase"});
+    EXPECT_EQ(said.code, tools::kFailed);
+    EXPECT_THAT(said.err, HasSubstr("FPGA flash erased"));
+    EXPECT_THAT(said.err, testing::Not(HasSubstr("\"phase\"")));
 }
 
 TEST_F(QuilctlBoot, OtherProductsHaveTheirOwnStages) {

@@ -13,7 +13,7 @@
 
 namespace quil::tests {
 
-// What the server says to one request, until it has done it or sends the client away.
+// What the server says to one request, until it has done it. Throws Failure if it is refused.
 inline std::vector<tools::Json> answersTo(tools::ServerConnection& server,
                                           const tools::Request& request) {
     server.send(request);

@@ -76,7 +76,7 @@ Cases readOnlyDirectory(const Subject& subject) {
 Cases unwritableTrace(const Subject& subject) {
     Cases cases;
     const Demand demand = subject.powersBoard ? Demand::kNotWritten : Demand::kAnyCode;
-    for (const std::string ending : {".txt", ".vcd", ".json"}) {
+    for (const std::string ending : {".txt", ".vcd", ".json", ".pftrace"}) {
         for (const std::string folder : {"/none", "/screen.img"}) {
             const std::string file = std::string(folder).append("/trace").append(ending);
             cases.push_back({.name = file,

@@ -74,7 +74,10 @@ std::string Folder::tree() const {
         std::error_code ignored;
         const bool isFile = fs::is_regular_file(disk() / name, ignored);
         const std::string content = isFile ? tests::contentOf(disk() / name) : "";
-        tree += name + " " + std::to_string(std::hash<std::string>()(content)) + "\n";
+        // A report has the folder's name and a random number in it: whether it is whole counts.
+        const bool isReport = name.ends_with(".html") && content.ends_with("</html>\n");
+        tree +=
+            name + " " + std::to_string(isReport ? 0 : std::hash<std::string>()(content)) + "\n";
     }
     return tree;
 }

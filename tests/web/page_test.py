@@ -169,7 +169,8 @@ class Page(WebTest):
     def test_power_that_is_cut_in_the_middle_of_an_fpga_update_is_mended_by_the_next(self):
         self.serve()
         self.press("FPGA update")
-        self.wait_for("an erase", lambda: self.events_of("flash") > 0)
+        self.wait_for_text("#progress-text", "FPGA flash: erase")
+        self.wait_for("a part of it", lambda: self.find("#progress").get_attribute("value"))
         self.press("cut the power")
         self.wait_for_text("#summary", "power off")
         self.do("power on", "power on")
@@ -184,10 +185,22 @@ class Page(WebTest):
 
     def click_on(self, name, lane):
         """A click on the first span that is called so, made wide enough; what it shows."""
-        x, y = self.browser.execute_script("""
+        find = """
             const timeline = workbench.timeline;
             const span = [...timeline.spans.values()].find(one =>
               one.name.startsWith(arguments[0]) && timeline.lanes[one.lane] === arguments[1]);
+            """
+        counts = []
+
+        def has_settled():
+            count, is_there = self.browser.execute_script(
+                find + "return [timeline.spans.size, span !== undefined]", name, lane)
+            counts.append(count)
+            return is_there and counts[-5:] == [count] * 5
+
+        # Events come a little after the end of their command.
+        self.wait_for(f"{name} in the lane {lane}", has_settled)
+        x, y = self.browser.execute_script(find + """
             timeline.setFollows(false);
             timeline.from = span.t - 1e-4;
             timeline.to = span.until + 1e-4;
@@ -227,7 +240,7 @@ class Page(WebTest):
                      "quil_system_hidl_service: "):
             self.assertIn(text, shown)
 
-    def test_boot_loader_has_a_lane_with_its_steps_their_bytes_and_log_lines(self):
+    def test_boot_loader_has_a_lane_with_its_steps_and_their_bytes(self):
         self.board.install_older_mcu()
         self.serve("max")
         self.do("MCU update", "mcu update")

@@ -3,8 +3,9 @@
 
 #include "board/core/trace.h"
 #include "tools/quilctl/commands/verb.h"
+#include "tools/quilctl/output/values.h"
 #include "tools/quilctl/serve/board_socket.h"
-#include "tools/quilctl/serve/watched_event.h"
+#include "tools/quilctl/traces/event_arguments.h"
 
 namespace quil::tools {
 namespace {
@@ -26,6 +27,14 @@ std::vector<std::string> kindNames() {
     return names;
 }
 
+Json shownEvent(const board::Event& event) {
+    return {{"at", secondsOf(event.at)},
+            {"kind", board::nameOf(event.kind)},
+            {"source", jsonOfBytes(event.source)},
+            {"text", jsonOfBytes(event.text)},
+            {"bytes", event.bytes}};
+}
+
 // A line for each event, as in a trace; with --progress json an object on the error stream.
 class Monitor {
   public:
@@ -34,7 +43,7 @@ class Monitor {
 
     void show(const Json& line) {
         if (line.contains("lost")) showLost(line.at("lost").get<uint64_t>());
-        if (line.contains("event")) showEvent(line.at("event"));
+        if (line.contains("event")) showEvent(eventIn(line.at("event")));
     }
     bool isDone() const { return mArguments.count > 0 && mShown >= mArguments.count; }
     void finish() { mResult.json = {{"events", mEvents}, {"lost", mLost}}; }
@@ -45,15 +54,15 @@ class Monitor {
         const std::string text = std::to_string(lost) + " events are lost: read too slowly";
         mCli.console.report.tell("lost", text, {{"count", lost}});
     }
-    void showEvent(const Json& event) {
+    void showEvent(const board::Event& event) {
         ++mShown;
         if (mCli.console.report.form() == ReportForm::kJson) {
-            mCli.console.report.tell("board", "", event);
+            mCli.console.report.tell("board", "", shownEvent(event));
         } else {
-            mResult.text << board::toLine(watchedEvent(event)) << '\n';
+            mResult.text << board::toLine(event) << '\n';
             mResult.show();
         }
-        if (mCli.options.json) mEvents.push_back(event);
+        if (mCli.options.json) mEvents.push_back(shownEvent(event));
     }
 
     const Cli& mCli;

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <ostream>
 
 #include "tools/quilctl/commands/verb.h"
@@ -8,6 +10,8 @@
 
 namespace quil::tools {
 namespace {
+
+constexpr int kBehindTheBoard = 10;  // a page may be late, a board may not
 
 struct PageArguments {
     int port = 0;
@@ -23,6 +27,8 @@ void waitForTheEnd(ServerConnection& server) {
 void page(const Cli& cli, const PageArguments& arguments, Result& result) {
     auto server = ServerConnection::to(cli.options.boardDirectory);
     if (!server) throw Failure(kNoBoard, cli.options.boardDirectory + " is not served any more");
+    server->receiveFor(0);  // it may refuse
+    [[maybe_unused]] const int niceness = nice(kBehindTheBoard);
     const PageServer page(bytesIn(server->greeting().at("board")), arguments.port);
     result.json = {{"address", page.address()}};
     result.text << page.address() << '\n';

@@ -39,6 +39,17 @@ std::string documentOf(const std::string& command, const Json& result,
 
 }  // namespace
 
+// Nearly all text is ASCII, which shows without encoding it.
+bool isText(const std::string& bytes) {
+    const auto isAscii = [](char c) { return static_cast<unsigned char>(c) < 0x80; };
+    if (std::all_of(bytes.begin(), bytes.end(), isAscii)) return true;
+    try {
+        return !Json(bytes).dump().empty();
+    } catch (const Json::type_error&) {
+        return false;
+    }
+}
+
 const char* nameOf(ExitCode code) {
     const auto row = std::find_if(kExitCodes.begin(), kExitCodes.end(),
                                   [code](const ExitCodeRow& one) { return one.code == code; });

@@ -15,6 +15,8 @@ namespace quil::tools {
 
 using Json = nlohmann::ordered_json;  // members stay in the order in which they were added
 
+bool isText(const std::string& bytes);  // true for UTF-8, the only text that JSON can hold
+
 // Ends a command: thrown by it with what failed, where, and why.
 class Failure : public std::runtime_error {
   public:

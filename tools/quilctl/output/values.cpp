@@ -47,12 +47,13 @@ std::optional<Bytes> parseHex(const std::string& text) {
 }
 
 std::string toHex(host::ByteView bytes) {
+    constexpr char kDigits[] = "0123456789ABCDEF";
     std::string text;
-    char pair[4];
+    text.reserve(3 * bytes.size());
     for (const uint8_t byte : bytes) {
-        snprintf(pair, sizeof(pair), "%02X", byte);
         if (!text.empty()) text += ' ';
-        text += pair;
+        text += kDigits[byte >> 4U];
+        text += kDigits[byte & 0xFU];
     }
     return text;
 }

@@ -15,6 +15,7 @@ function watch() {
   stream.addEventListener("message", message => {
     const said = JSON.parse(message.data);
     if (said.lanes) workbench.timeline.begin(said.lanes);
+    if (said.error) say(said.error);
     if (said.lost) workbench.timeline.lost += said.lost;
     if (!said.spans) return;
     said.spans.filter(take).forEach(light);

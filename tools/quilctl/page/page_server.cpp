@@ -2,15 +2,17 @@
 
 #include <memory>
 #include <sstream>
+#include <utility>
 
 #include "board/core/bytes.h"
+#include "board/core/real_calls.h"
 #include "board/core/whole_file.h"
 #include "tools/quilctl/cli.h"
 #include "tools/quilctl/page/page_files.h"
 #include "tools/quilctl/page/report.h"
 #include "tools/quilctl/page/timeline_rows.h"
 #include "tools/quilctl/serve/board_socket.h"
-#include "tools/quilctl/serve/watched_event.h"
+#include "tools/quilctl/traces/event_arguments.h"
 
 namespace quil::tools {
 namespace {
@@ -18,6 +20,9 @@ namespace {
 constexpr char kHost[] = "127.0.0.1";
 constexpr size_t kBodyMost = 16384, kThreads = 64;
 constexpr size_t kBytesShown = 4096, kSpansKept = 25000;  // of an event; for changes
+constexpr int kEventsInAMessage = 2000;
+constexpr int kBetweenMessagesMs =
+    50;                          // sending more often would take processor time from the board
 constexpr int kBeatMs = 500;     // how soon a reader that is gone is noticed
 constexpr int kIdleSeconds = 1;  // of a connection, which the server's end waits for
 
@@ -65,30 +70,59 @@ std::shared_ptr<ServerConnection> connectionTo(const std::string& directory) {
 
 std::string streamed(const Json& document) { return "data: " + protocolLine(document) + "\n"; }
 
-// What the page gets for a line of the board's server: spans that are new or have changed.
+// What the page gets: spans that are new or have changed. All events that are waiting share a
+// message.
 class SpanStream {
   public:
-    std::string of(const Json& line) {
-        if (line.contains("watching")) return streamed({{"lanes", laneNames()}});
-        if (line.contains("lost")) return streamed({{"lost", line.at("lost")}});
-        if (!line.contains("event")) return ":\n\n";
-        const board::Event event = watchedEvent(line.at("event"));
-        const auto number = static_cast<int64_t>(mEvents++);
-        Json rows = Json::array();
-        for (const auto& [id, span] : mTimeline.see(event)) {
-            if (id == number) {
-                rows.push_back(rowOf(id, span, &event, kBytesShown));
-            } else {
-                rows.push_back(id < 0 ? rowOf(id, span, nullptr, 0) : changeOf(id, span));
-            }
+    // For this line and those that have come since.
+    std::string of(const Json& line, ServerConnection& server) {
+        add(line);
+        for (int i = 0; i < kEventsInAMessage; ++i) {
+            const auto next = server.receiveFor(0);
+            if (!next || next->empty()) break;
+            add(*next);
         }
-        return streamed({{"spans", std::move(rows)}});
+        endMessage();
+        return mText.empty() ? ":\n\n" : std::exchange(mText, "");
     }
 
   private:
+    void add(const Json& line) {
+        if (line.contains("event")) return addSpans(eventIn(line.at("event")));
+        endMessage();
+        if (line.contains("watching")) mText += streamed({{"lanes", laneNames()}});
+        if (line.contains("error")) mText += streamed({{"error", line.at("error")}});
+        if (line.contains("lost")) mText += streamed({{"lost", line.at("lost")}});
+    }
+    void addSpans(const board::Event& event) {
+        const auto number = static_cast<int64_t>(mEvents++);
+        for (const auto& [id, span] : mTimeline.see(event)) {
+            if (id == number) {
+                mRows.push_back(rowOf(id, span, &event, kBytesShown));
+            } else {
+                mRows.push_back(id < 0 ? rowOf(id, span, nullptr, 0) : changeOf(id, span));
+            }
+        }
+    }
+    void endMessage() {
+        if (mRows.empty()) return;
+        mText += streamed({{"spans", std::exchange(mRows, Json::array())}});
+    }
+
     LiveTimeline mTimeline{kSpansKept};
     uint64_t mEvents = 0;
+    Json mRows = Json::array();
+    std::string mText;
 };
+
+// An empty object when there is none for a while, a refusal as an object with "error".
+std::optional<Json> spokenLineOf(ServerConnection& server) {
+    try {
+        return server.receiveFor(kBeatMs);
+    } catch (const Failure& failure) {
+        return Json{{"error", failure.what()}};
+    }
+}
 
 bool isLast(const Json& line) { return line.contains("exit") || line.contains("error"); }
 
@@ -158,7 +192,7 @@ void PageServer::run(const httplib::Request& request, httplib::Response& respons
                       .atOnce = command->atOnce});
         response.set_chunked_content_provider(
             "application/x-ndjson", [this, server](size_t /*offset*/, httplib::DataSink& sink) {
-                const auto line = mEnds ? std::nullopt : server->receiveFor(kBeatMs);
+                const auto line = mEnds ? std::nullopt : spokenLineOf(*server);
                 if (!line) return false;
                 const std::string text = line->empty() ? "\n" : protocolLine(*line);
                 const bool isRead = sink.write(text.data(), text.size());
@@ -190,13 +224,15 @@ void PageServer::stream(httplib::Response& response) {
         response.set_chunked_content_provider(
             "text/event-stream",
             [this, server, spans](size_t /*offset*/, httplib::DataSink& sink) {
-                const auto line = mEnds ? std::nullopt : server->receiveFor(kBeatMs);
+                const auto line = mEnds ? std::nullopt : spokenLineOf(*server);
                 if (!line) return false;
                 try {
-                    const std::string text = spans->of(*line);
-                    return sink.write(text.data(), text.size());
+                    const std::string text = spans->of(*line, *server);
+                    const bool isRead = sink.write(text.data(), text.size());
+                    board::real().poll(nullptr, 0, kBetweenMessagesMs);
+                    return isRead;
                 } catch (const std::exception&) {
-                    return false;  // a server of another make
+                    return false;  // the server speaks another protocol
                 }
             },
             leave);

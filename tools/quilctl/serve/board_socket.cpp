@@ -10,6 +10,7 @@
 
 #include <array>
 
+#include "board/core/lock.h"
 #include "board/core/real_calls.h"
 #include "tools/quilctl/session/interruption.h"
 
@@ -37,8 +38,12 @@ Descriptor openDirectory(const std::filesystem::path& directory) {
 
 }  // namespace
 
+// Past the board, which may be going while another thread closes; but not by the C library's own
+// function: ThreadSanitizer would take the next file of this number for the same.
 Descriptor::~Descriptor() {
-    if (mNumber >= 0) board::real().close(mNumber);
+    if (mNumber < 0) return;
+    const board::Guard guard(board::boardLock());
+    close(mNumber);
 }
 
 void wake(const Descriptor& descriptor) {
@@ -106,16 +111,22 @@ void ServerConnection::sendBytes(const std::string& bytes) {
         const ssize_t count =
             ::send(mDescriptor.get(), bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
         if (count < 0 && errno == EINTR) continue;
-        if (count < 0) throw failureOf(kNoBoard, "the board's server has ended", errno);
+        if (count < 0 && errno != EPIPE && errno != ECONNRESET) {
+            throw failureOf(kNoBoard, "the board's server cannot be asked", errno);
+        }
+        if (count < 0) return;  // it may have said why it went, which is read next
         sent += static_cast<size_t>(count);
     }
 }
 
-std::optional<Json> ServerConnection::nextDocument() {
+std::optional<Json> ServerConnection::heard() {
     const auto line = mLines.next();
     if (!line) return std::nullopt;
     auto document = Json::parse(*line, nullptr, false);
     if (!document.is_object()) throw Failure(kNoBoard, "the board's server answers nonsense");
+    if (const auto refusal = document.find("error"); refusal != document.end()) {
+        throw Failure(kNoBoard, "the board's server: " + bytesIn(*refusal));
+    }
     return document;
 }
 
@@ -128,7 +139,7 @@ bool ServerConnection::hear() {
 
 std::optional<Json> ServerConnection::receive(const std::string& toldOfInterruption) {
     for (;;) {
-        if (auto document = nextDocument()) return document;
+        if (auto document = heard()) return document;
         if (waitToRead(mDescriptor.get()) == Readiness::kInterrupted) {
             const int signal = interruption();
             throw Failure(exitCodeOf(signal),
@@ -140,7 +151,7 @@ std::optional<Json> ServerConnection::receive(const std::string& toldOfInterrupt
 
 std::optional<Json> ServerConnection::receiveFor(int timeoutMs) {
     for (;;) {
-        if (auto document = nextDocument()) return document;
+        if (auto document = heard()) return document;
         const Readiness readiness = waitToRead(mDescriptor.get(), timeoutMs);
         if (readiness == Readiness::kNothing) return Json::object();
         if (readiness == Readiness::kInterrupted || !hear()) return std::nullopt;

@@ -46,11 +46,12 @@ class ServerConnection {
 
     // What the server says first: its process and the board's directory.
     const Json& greeting() const { return mGreeting; }
-    std::string server() const;         // "process 123"
-    void send(const Request& request);  // throws Failure when the server has ended
+    std::string server() const;  // "process 123"
+    // Fails silently if the server has ended: what is received then is its refusal, or nothing.
+    void send(const Request& request);
     void sendBytes(const std::string& bytes);
-    // The next line. None when the server has ended. An interruption of the program throws Failure
-    // with `toldOfInterruption`.
+    // The next line. None when the server has ended. Its refusal throws Failure; an interruption of
+    // the program does so with `toldOfInterruption`.
     std::optional<Json> receive(const std::string& toldOfInterruption);
     // The same; an empty object when none comes in that time, none also at an interruption. -1: no
     // limit.
@@ -59,8 +60,8 @@ class ServerConnection {
   private:
     explicit ServerConnection(Descriptor descriptor) : mDescriptor(std::move(descriptor)) {}
 
-    std::optional<Json> nextDocument();
-    bool hear();  // false: the server has ended
+    std::optional<Json> heard();  // the next line that has been read already
+    bool hear();                  // false: the server has ended
 
     Descriptor mDescriptor;
     Lines mLines;

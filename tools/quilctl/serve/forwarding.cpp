@@ -50,9 +50,6 @@ int runOn(ServerConnection& server, const Request& request, const Streams& strea
     while (const auto answer = server.receive(kGoesOn)) {
         if (answer->contains("out")) write(streams.out, answer->at("out"));
         if (answer->contains("err")) write(streams.err, answer->at("err"));
-        if (answer->contains("error")) {
-            throw Failure(kNoBoard, "the board's server: " + bytesIn(answer->at("error")));
-        }
         if (!answer->contains("exit")) continue;
         if (!streams.out) {
             throw failureOf(kNotWritten, "standard output cannot be written", errno);

@@ -57,13 +57,8 @@ std::string protocolLine(const Json& document) {
 }
 
 Json jsonOfBytes(const std::string& bytes) {
-    try {
-        Json text = bytes;
-        [[maybe_unused]] const std::string valid = text.dump();
-        return text;
-    } catch (const Json::exception&) {
-        return std::vector<uint8_t>(bytes.begin(), bytes.end());
-    }
+    if (isText(bytes)) return bytes;
+    return std::vector<uint8_t>(bytes.begin(), bytes.end());
 }
 
 std::string bytesIn(const Json& document) {

@@ -12,7 +12,7 @@
 
 namespace quil::tools {
 
-inline constexpr int kProtocol = 1;
+inline constexpr int kProtocol = 2;
 // A client that sends longer lines is sent away.
 inline constexpr size_t kLongestRequest = size_t{1} << 20;
 

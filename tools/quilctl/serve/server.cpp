@@ -8,18 +8,19 @@
 
 #include <algorithm>
 #include <array>
+#include <iterator>
 #include <mutex>
 
 #include "board/core/real_calls.h"
-#include "tools/quilctl/serve/watched_event.h"
 #include "tools/quilctl/session/interruption.h"
+#include "tools/quilctl/traces/event_arguments.h"
 
 namespace quil::tools {
 namespace {
 
 using ServerLocked = std::lock_guard<Exclusive>;
 
-constexpr size_t kEventsWaiting = 20000;
+constexpr size_t kEventsWaiting = 20000, kEventsAtOnce = 256;
 constexpr int kNoLimit = -1, kLastSends = 20, kBetweenLastSendsMs = 20;
 
 }  // namespace
@@ -94,6 +95,8 @@ void Server::tell(const board::Event& event) {
 void Server::serve() {
     while (!mEnds) pollOnce(kNoLimit);
     const auto waits = [](const auto& one) { return !one.second.out.empty(); };
+    while (deliver()) {
+    }
     for (int i = 0; i < kLastSends; ++i) {
         deliver();
         if (std::none_of(mClients.begin(), mClients.end(), waits)) return;
@@ -171,6 +174,8 @@ void Server::takeRequest(ClientId id, Client& client, const std::string& line) {
         return;
     }
     if (request.kind == Request::Kind::kWatch) {
+        while (deliverEvents()) {  // what was before is for those who have watched
+        }
         if (!client.watches) ++mWatchers;
         client.watches = true;
         client.kinds = std::move(request.kinds);
@@ -184,26 +189,24 @@ void Server::takeRequest(ClientId id, Client& client, const std::string& line) {
     wake(mJobWake);
 }
 
-// What other threads have said, to the clients that are still there.
-void Server::deliver() {
+// What other threads have said, to the clients that are still there. Answers come first, then some
+// of the events: a command's end does not wait for those who watch.
+bool Server::deliver() {
     std::vector<std::pair<ClientId, std::string>> said;
     std::vector<ClientId> finished;
-    std::deque<board::Event> events;
-    uint64_t lost = 0;
     {
         const ServerLocked locked(mLock);
         said.swap(mSaid);
         finished.swap(mFinished);
-        events.swap(mEvents);
-        std::swap(lost, mEventsLost);
     }
     for (const auto& [id, line] : said) {
         const auto found = mClients.find(id);
         if (found == mClients.end()) continue;
         found->second.out += line;
         if (found->second.out.size() > kAnswerMost) found->second.isLeaving = true;
+        send(found->second);
     }
-    deliverEvents(events, lost);
+    const bool isMore = deliverEvents();
     for (auto& [id, client] : mClients) send(client);
     for (const ClientId id : finished) {
         const auto found = mClients.find(id);
@@ -211,9 +214,23 @@ void Server::deliver() {
         found->second.isBusy = false;
         takeLines(id, found->second);
     }
+    return isMore;
 }
 
-void Server::deliverEvents(const std::deque<board::Event>& events, uint64_t lost) {
+bool Server::deliverEvents() {
+    std::vector<board::Event> events;
+    uint64_t lost = 0;
+    bool isMore = false;
+    {
+        const ServerLocked locked(mLock);
+        const auto end =
+            mEvents.begin() + static_cast<ptrdiff_t>(std::min(mEvents.size(), kEventsAtOnce));
+        std::move(mEvents.begin(), end, std::back_inserter(events));
+        mEvents.erase(mEvents.begin(), end);
+        isMore = !mEvents.empty();
+        if (isMore) wake(mWake);
+        std::swap(lost, mEventsLost);
+    }
     for (auto& [id, client] : mClients) {
         if (client.watches) client.lost += lost;
     }
@@ -229,10 +246,11 @@ void Server::deliverEvents(const std::deque<board::Event>& events, uint64_t lost
             }
             if (client.lost > 0) client.out += protocolLine(Json{{"lost", client.lost}});
             client.lost = 0;
-            if (line.empty()) line = protocolLine(Json{{"event", watchedDocument(event)}});
+            if (line.empty()) line = protocolLine(Json{{"event", documentOf(argumentsOf(event))}});
             client.out += line;
         }
     }
+    return isMore;
 }
 
 void Server::send(Client& client) {

@@ -67,8 +67,9 @@ class Server {
     void hear(ClientId id, Client& client);
     void takeLines(ClientId id, Client& client);
     void takeRequest(ClientId id, Client& client, const std::string& line);
-    void deliver();
-    void deliverEvents(const std::deque<board::Event>& events, uint64_t lost);
+    // Both return true if events are left.
+    bool deliver();
+    bool deliverEvents();
     static void send(Client& client);
     void dismiss();
 

@@ -8,6 +8,7 @@
 #include <utility>
 
 #include "tools/quilctl/output/values.h"
+#include "tools/quilctl/programming/flash_progress.h"
 #include "tools/quilctl/session/stage_advice.h"
 #include "tools/quilctl/traces/timeline.h"
 
@@ -135,7 +136,17 @@ class BootStages::Watch {
         mFailed = false;
     }
 
-    void turnOff() { mIsOn = false; }
+    // The flash of the FPGA takes most of an update's time.
+    void showFlash(const char* operation, double done) {
+        if (!mIsOn || (mConsole.showsResult && !mConsole.report.hasBar())) return;
+        const std::string phase = std::string("FPGA flash: ") + operation;
+        mFlash.show({.phase = phase.c_str(), .done = done});
+    }
+
+    void turnOff() {
+        mIsOn = false;
+        mFlash.finish();
+    }
     const std::vector<BootStage>& stages() const { return mStages; }
     const std::string& error() const { return mError; }
 
@@ -143,6 +154,7 @@ class BootStages::Watch {
     void show(const BootStage& stage) {
         mResult.text << rowsOf(stage, mConsole.screen);
         mResult.json["stages"].push_back(documentOf(stage));
+        mFlash.finish();
         if (mConsole.screen.isTerminal) mResult.show();
         if (mConsole.showsResult) return;
         char line[64];
@@ -163,6 +175,7 @@ class BootStages::Watch {
     const Console& mConsole;
     Result& mResult;
     board::Nanos mEnded;
+    FlashProgress mFlash{mConsole};
     std::vector<BootStage> mStages;
     std::string mError;
     bool mFailed = false, mIsOn = true;
@@ -184,6 +197,9 @@ BootStages::BootStages(BoardSession& session, const Console& console, Result& re
     }
     session.board().trace().onEvent(
         [watch = mWatch](const board::Event& event) { watch->see(event); });
+    session.board().flash().onProgress([watch = mWatch](const char* operation, double done) {
+        watch->showFlash(operation, done);
+    });
 }
 
 BootStages::~BootStages() { mWatch->turnOff(); }

@@ -10,27 +10,16 @@ namespace {
 
 constexpr auto kLastOfKinds = static_cast<int>(board::EventKind::kMcu);
 
-bool isText(const std::string& text) {
-    try {
-        return !Json(text).dump().empty();
-    } catch (const Json::type_error&) {
-        return false;
-    }
+Argument textArgument(const char* name, const char* nameOfBytes, const std::string& text) {
+    if (isText(text)) return {name, text};
+    return {nameOfBytes, toHex(Bytes(text.begin(), text.end()))};
 }
 
-void addTextTo(Json& arguments, const std::string& name, const std::string& text) {
-    if (isText(text)) {
-        arguments[name] = text;
-    } else {
-        arguments[name + "_bytes"] = toHex(Bytes(text.begin(), text.end()));
-    }
-}
-
-std::string argumentText(const Json& arguments, const std::string& name) {
-    if (const auto text = arguments.find(name); text != arguments.end()) {
+std::string argumentText(const Json& document, const std::string& name) {
+    if (const auto text = document.find(name); text != document.end()) {
         return text->get<std::string>();
     }
-    const Bytes bytes = parseHex(arguments.value(name + "_bytes", "")).value_or(Bytes());
+    const Bytes bytes = parseHex(document.value(name + "_bytes", "")).value_or(Bytes());
     return {bytes.begin(), bytes.end()};
 }
 
@@ -45,26 +34,36 @@ board::EventKind kindNamed(const std::string& name) {
     throw Failure(kBadData, "'" + name + "' is no kind of event");
 }
 
-Json argumentsOf(const board::Event& event, size_t number) {
-    Json arguments = {{"event", number}, {"kind", nameOf(event.kind)}, {"at", event.at.count()}};
-    addTextTo(arguments, "source", event.source);
-    addTextTo(arguments, "text", event.text);
-    if (!event.bytes.empty()) arguments["bytes"] = toHex(event.bytes);
+std::vector<Argument> argumentsOf(const board::Event& event) {
+    std::vector<Argument> arguments = {{"kind", nameOf(event.kind)},
+                                       {"at", event.at.count()},
+                                       textArgument("source", "source_bytes", event.source),
+                                       textArgument("text", "text_bytes", event.text)};
+    if (!event.bytes.empty()) arguments.push_back({"bytes", toHex(event.bytes)});
     return arguments;
 }
 
-board::Event eventIn(const Json& arguments) {
+Json documentOf(const std::vector<Argument>& arguments) {
+    Json document;
+    for (const auto& [name, value] : arguments) {
+        std::visit([&document, name = name](const auto& one) { document[name] = one; }, value);
+    }
+    return document;
+}
+
+board::Event eventIn(const Json& document) {
     try {
-        return {board::Nanos(arguments.at("at").get<int64_t>()),
-                kindNamed(arguments.at("kind").get<std::string>()),
-                argumentText(arguments, "source"), argumentText(arguments, "text"),
-                parseHex(arguments.value("bytes", "")).value_or(Bytes())};
+        return {board::Nanos(document.at("at").get<int64_t>()),
+                kindNamed(document.at("kind").get<std::string>()), argumentText(document, "source"),
+                argumentText(document, "text"),
+                parseHex(document.value("bytes", "")).value_or(Bytes())};
     } catch (const Json::exception& error) {
-        throw Failure(kBadData, std::string("an event of the trace: ") + error.what());
+        throw Failure(kBadData, std::string("an event of a board: ") + error.what());
     }
 }
 
 std::string shownText(const std::string& text) {
+    if (isText(text)) return text;
     const Json document = text;
     return Json::parse(document.dump(-1, ' ', false, Json::error_handler_t::replace))
         .get<std::string>();

@@ -102,17 +102,15 @@ class PerfettoTrace {
         std::vector<Nanos> open;
         const auto endUntil = [&](Nanos until) {
             for (; !open.empty() && open.back() <= until; open.pop_back()) {
-                add(open.back(), perfetto::EventType::kEnd, track, {});
+                add(open.back(), perfetto::EventType::kEnd, track, [](auto& /*event*/) {});
             }
         };
         for (const size_t i : spans) {
             endUntil(at(i).from);
-            if (at(i).isMoment) {
-                add(at(i).from, perfetto::EventType::kInstant, track, detailsOf(i));
-            } else {
-                add(at(i).from, perfetto::EventType::kBegin, track, detailsOf(i));
-                open.push_back(at(i).to);
-            }
+            add(at(i).from,
+                at(i).isMoment ? perfetto::EventType::kInstant : perfetto::EventType::kBegin, track,
+                [this, i](auto& event) { addDetails(event, i); });
+            if (!at(i).isMoment) open.push_back(at(i).to);
         }
         endUntil(Nanos::max());
     }
@@ -122,18 +120,15 @@ class PerfettoTrace {
         if (isNew) {
             found->second = addTrackIn(rowOf(Lane::kMcuLink).where, sample.counter, &sample.unit);
         }
-        std::string value;
-        Builder<perfetto::TrackEvent>(value).add_double(perfetto::TrackEvent::doubleValue,
-                                                        sample.value);
-        add(sample.at, perfetto::EventType::kCounter, found->second, value);
+        add(sample.at, perfetto::EventType::kCounter, found->second, [&](auto& event) {
+            event.add_double(perfetto::TrackEvent::doubleValue, sample.value);
+        });
     }
 
     const Span& at(size_t i) const { return mTimeline.spans[i]; }
 
-    std::string detailsOf(size_t i) const {
+    void addDetails(Builder<perfetto::TrackEvent>& builder, size_t i) const {
         const Span& span = at(i);
-        std::string details;
-        Builder<perfetto::TrackEvent> builder(details);
         builder.add_string(perfetto::TrackEvent::categories, rowOf(span.lane).name);
         builder.add_string(perfetto::TrackEvent::name, shownText(span.name));
         for (const size_t flow : mFlowsOf[i]) {
@@ -141,34 +136,32 @@ class PerfettoTrace {
             builder.add_fixed64(
                 isLast ? perfetto::TrackEvent::endedFlows : perfetto::TrackEvent::flows, flow + 1);
         }
-        if (!span.event) return details;
-        const Json arguments = argumentsOf(mEvents[*span.event], *span.event);
-        for (const auto& [name, value] : arguments.items()) {
-            std::string annotation;
-            Builder<perfetto::Annotation> one(annotation);
-            one.add_string(perfetto::Annotation::name, name);
-            if (value.is_string()) {
-                one.add_string(perfetto::Annotation::stringValue, value.get<std::string>());
-            } else {
-                one.add_int64(perfetto::Annotation::intValue, value.get<int64_t>());
-            }
-            builder.add_message(perfetto::TrackEvent::annotations, annotation);
-        }
-        return details;
+        if (!span.event) return;
+        annotate(builder, {"event", static_cast<int64_t>(*span.event)});
+        for (const Argument& one : argumentsOf(mEvents[*span.event])) annotate(builder, one);
     }
 
-    // `details`: encoded fields of the TrackEvent beside these.
-    void add(Nanos at, perfetto::EventType type, uint64_t track, const std::string& details) {
-        std::string event, packet;
-        Builder<perfetto::TrackEvent> builder(event);
-        builder.add_enum(perfetto::TrackEvent::type, static_cast<int32_t>(type));
-        builder.add_uint64(perfetto::TrackEvent::track, track);
-        event += details;
-        Builder<perfetto::TracePacket> whole(packet);
-        whole.add_uint64(perfetto::TracePacket::timestamp, static_cast<uint64_t>(at.count()));
-        whole.add_uint32(perfetto::TracePacket::sequenceId, kSequence);
-        whole.add_message(perfetto::TracePacket::trackEvent, event);
-        mTimed.emplace_back(at, std::move(packet));
+    static void annotate(Builder<perfetto::TrackEvent>& event, const Argument& argument) {
+        Builder<perfetto::Annotation> one(event, perfetto::TrackEvent::annotations);
+        one.add_string(perfetto::Annotation::name, argument.name);
+        if (const auto* number = std::get_if<int64_t>(&argument.value)) {
+            one.add_int64(perfetto::Annotation::intValue, *number);
+        } else {
+            one.add_string(perfetto::Annotation::stringValue,
+                           std::get<std::string>(argument.value));
+        }
+    }
+
+    // `addMore`: fields of the TrackEvent beside these.
+    template <typename AddMore>
+    void add(Nanos at, perfetto::EventType type, uint64_t track, const AddMore& addMore) {
+        Builder<perfetto::TracePacket> packet(mTimed.emplace_back(at, std::string()).second);
+        packet.add_uint64(perfetto::TracePacket::timestamp, static_cast<uint64_t>(at.count()));
+        packet.add_uint32(perfetto::TracePacket::sequenceId, kSequence);
+        Builder<perfetto::TrackEvent> event(packet, perfetto::TracePacket::trackEvent);
+        event.add_enum(perfetto::TrackEvent::type, static_cast<int32_t>(type));
+        event.add_uint64(perfetto::TrackEvent::track, track);
+        addMore(event);
     }
 
     const std::vector<board::Event>& mEvents;

@@ -373,22 +373,23 @@ class TimelineBuilder {
 
     // Outer spans first: each goes into the first row where it is inside of another, or of none.
     void setRows() {
-        std::vector<size_t> order(mTimeline.spans.size());
+        std::vector<Span>& spans = mTimeline.spans;
+        std::vector<size_t> order(spans.size());
         std::iota(order.begin(), order.end(), 0);
-        std::stable_sort(order.begin(), order.end(), [this](size_t a, size_t b) {
-            return std::pair(span(a).from, span(b).to) < std::pair(span(b).from, span(a).to);
+        std::stable_sort(order.begin(), order.end(), [&spans](size_t a, size_t b) {
+            return std::pair(spans[a].from, spans[b].to) < std::pair(spans[b].from, spans[a].to);
         });
         std::map<std::string, std::vector<std::vector<Nanos>>> tracks;  // ends of what is open
         for (const size_t i : order) {
-            if (span(i).isMoment) continue;
-            auto& rows = tracks[trackOf(span(i))];
+            if (spans[i].isMoment) continue;
+            auto& rows = tracks[trackOf(spans[i])];
             for (unsigned row = 0;; ++row) {
                 if (row == rows.size()) rows.emplace_back();
                 auto& open = rows[row];
-                while (!open.empty() && open.back() <= span(i).from) open.pop_back();
-                if (!open.empty() && open.back() < span(i).to) continue;
-                open.push_back(span(i).to);
-                span(i).row = row;
+                while (!open.empty() && open.back() <= spans[i].from) open.pop_back();
+                if (!open.empty() && open.back() < spans[i].to) continue;
+                open.push_back(spans[i].to);
+                spans[i].row = row;
                 break;
             }
         }

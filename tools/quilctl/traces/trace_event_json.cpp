@@ -98,7 +98,10 @@ class JsonTrace {
 
     void addSpan(const Span& span, size_t number) {
         Json one = commonOf(span, span.from);
-        if (span.event) one["args"] = argumentsOf(mEvents[*span.event], *span.event);
+        if (span.event) {
+            one["args"] = {{"event", *span.event}};
+            one["args"].update(documentOf(argumentsOf(mEvents[*span.event])));
+        }
         if (span.isMoment) {
             one.update({{"ph", "i"}, {"s", "t"}});
         } else if (mOverlapping.count(trackOf(span)) == 0) {
