@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <fstream>
 #include <sstream>
 #include <thread>
@@ -108,16 +109,29 @@ size_t threadsNow() {
     return static_cast<size_t>(std::count_if(tasks.begin(), tasks.end(), isLiving));
 }
 
+// Under emulation a thread may be joined before the kernel knows that it ends, and on a busy
+// machine its last instructions wait for a processor.
+template <typename Condition>
+void waitUntil(const Condition& holds) {
+    using Clock = std::chrono::steady_clock;
+    constexpr std::chrono::seconds kEndMost(10);
+    const auto deadline = Clock::now() + kEndMost;
+    while (!holds() && Clock::now() < deadline) std::this_thread::yield();
+}
+
+// The thread sanitizer has one of its own, which comes with the program's first.
+size_t threadsOfTheProgram() {
+    std::string first;
+    std::thread([&first] { first = std::to_string(gettid()); }).join();
+    waitUntil([&first] { return !isLiving(first); });
+    return threadsNow();
+}
+
 size_t livingThreads() {
-    // The thread sanitizer has one of its own, which comes with the program's first.
-    static const size_t usual = (std::thread([] {}).join(), threadsNow());
-    // Under emulation a thread may be joined before the kernel knows that it ends.
-    constexpr int kLooksMost = 1000;
-    size_t living = threadsNow();
-    for (int looks = 0; living > usual && looks < kLooksMost; ++looks) {
-        std::this_thread::yield();
-        living = threadsNow();
-    }
+    static size_t usual = threadsOfTheProgram();
+    size_t living = 0;
+    waitUntil([&living] { return (living = threadsNow()) <= usual; });
+    usual = std::max(usual, living);  // those that stay are waited for once
     return living;
 }
 
