@@ -4,10 +4,12 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <spawn.h>
+#include <stdint.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <fstream>
 #include <string>
 #include <utility>
 
@@ -39,6 +41,16 @@ class StartedProgram {
     // Waits until the program has printed something.
     void waitForOutput() { takeOutput(); }
     void signal(int number) const { kill(mPid, number); }
+    // False once a signal that the program blocks has been taken.
+    bool hasPending(int number) const {
+        std::ifstream status("/proc/" + std::to_string(mPid) + "/status");
+        std::string word;
+        while (status >> word && word != "ShdPnd:") {
+        }
+        uint64_t pending = 0;
+        status >> std::hex >> pending;
+        return (pending >> static_cast<unsigned>(number - 1) & 1U) != 0;
+    }
     bool hasEnded() {
         if (mPid > 0 && waitpid(mPid, &mStatus, WNOHANG) == mPid) mPid = -1;
         return mPid <= 0;

@@ -1,4 +1,5 @@
 // Signals in the middle of a command.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <signal.h>
 #include <stdlib.h>
@@ -6,10 +7,12 @@
 
 #include <algorithm>
 #include <chrono>
+#include <thread>
 
 #include "board/mcu/mcu_image.h"
 #include "testing/build.h"
 #include "testing/pty_part.h"
+#include "testing/slowed.h"
 #include "testing/started_program.h"
 #include "tests/quilctl/test_run.h"
 
@@ -272,6 +275,24 @@ TEST_F(QuilctlInterruption, SecondOneEndsWhatDoesNotComeToItsEnd) {
     }
     EXPECT_EQ(check.end(), tools::kTerminated);
     EXPECT_TRUE(check.diedOfASignal());
+}
+
+// Whoever starts programs may signal one of them and then its group, as timeout(1) does.
+TEST_F(QuilctlInterruption, EchoOfTheFirstOneIsNoSecondOne) {
+    if (kEmulated) GTEST_SKIP() << "the emulator has pending signals of its own";
+    ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
+    StartedProgram show(kQuilctlCommand + "screen show '" + path("fifo") + "'");
+    int writer = -1;  // with one the program reads, and never comes to an end
+    while (writer < 0 && !show.hasEnded()) {
+        writer = open(path("fifo").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        show.signal(signal);
+        while (show.hasPending(signal)) std::this_thread::yield();
+    }
+    EXPECT_EQ(show.end(), 128 + SIGHUP);
+    EXPECT_TRUE(show.diedOfASignal());
+    close(writer);
 }
 
 TEST_F(QuilctlInterruption, IgnoredSignalStaysIgnored) {

@@ -115,6 +115,14 @@ TEST_F(QuilctlMcuPorts, Stm32flashWritesVerifiesAndReadsAndTheBoardStartsWhatIsW
     EXPECT_EQ(::quil::board::readWholeFile(path("copy")), image);
 }
 
+TEST_F(QuilctlMcuPorts, EndThatIsForcedTakesTheLinksAway) {
+    serve();
+    EXPECT_TRUE(std::filesystem::is_symlink(line));
+    tools::removeLeftovers();
+    EXPECT_FALSE(std::filesystem::is_symlink(line));
+    EXPECT_FALSE(std::filesystem::is_symlink(adapter));
+}
+
 TEST_F(QuilctlMcuPorts, McuIsInItsBootLoaderWhileTheAdapterIsOpen) {
     serve();
     {

@@ -67,6 +67,7 @@ void model(const Cli& cli, const ModelArguments& arguments, Result& result) {
                              .realtime = cli.options.realtime,
                              .seed = cli.options.seed,
                              .slowest = arguments.slowest});
+    const Leftover leftover(arguments.link);
     const StopsAtInterruption stops([&bridge] { bridge.stop(); });
     if (!bridge.staleTarget().empty()) {
         cli.console.err << arguments.link << ": replaced, it led to " << bridge.staleTarget()

@@ -13,6 +13,7 @@
 #include "board/mcu/pty_port.h"
 #include "tools/quilctl/serve/board_socket.h"
 #include "tools/quilctl/serve/served_board.h"
+#include "tools/quilctl/session/interruption.h"
 
 namespace quil::tools {
 
@@ -40,6 +41,7 @@ class McuPorts : private board::OutsideHost {
         const std::filesystem::path link;
         const bool hasLines;  // BOOT0 and the reset
         const board::PtyPort port;
+        const Leftover leftover{link};
         const int watch;               // its number among those of mOpenings
         std::atomic<int> programs{0};  // that have it open
     };

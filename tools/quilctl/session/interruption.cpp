@@ -37,8 +37,11 @@ const SignalRow& signalRow(int signal) {
     return row == kSignals.end() ? kSignals.front() : *row;
 }
 
+// timeout(1) and service managers signal a program and then its group: a second signal within this
+// time is the first one's echo. A third is none.
+constexpr timespec kEcho{0, 500'000'000};
 // How long a command may take to its end; then nothing but its end helps.
-constexpr time_t kPatienceS = 10;
+constexpr timespec kPatience{10, 0};
 
 // Never destroyed: the thread that waits for signals outlives main.
 struct State {
@@ -68,19 +71,25 @@ sigset_t watchedSignals() {
     return set;
 }
 
+// -1: there was none within `patience`.
+int nextOf(const sigset_t& signals, const timespec& patience) {
+    int signal = -1;
+    do {
+        signal = sigtimedwait(&signals, nullptr, &patience);
+    } while (signal < 0 && errno == EINTR);
+    return signal;
+}
+
 void waitForSignals(const sigset_t& signals) {
     int first = 0;
     while (sigwait(&signals, &first) != 0) {
     }
     interrupt(first);
-    const timespec patience{kPatienceS, 0};
-    int second = -1;
-    do {
-        second = sigtimedwait(&signals, nullptr, &patience);
-    } while (second < 0 && errno == EINTR);
+    nextOf(signals, kEcho);
+    const int second = nextOf(signals, kPatience);
     if (second < 0) {
         endAtOnce(exitCodeOf(first), std::string(wordFor(first)) + ", and not at an end " +
-                                         std::to_string(kPatienceS) + " s later: ended");
+                                         std::to_string(kPatience.tv_sec) + " s later: ended");
     }
     removeLeftovers();
     pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
