@@ -214,6 +214,12 @@ void Trace::clear() {
     mEvents.clear();
     mWire.clear();
     mSpi.clear();
+    for (const auto& clearRecord : mRecords) clearRecord();
+}
+
+void Trace::onClear(std::function<void()> clearRecord) {
+    Guard guard(boardLock());
+    mRecords.push_back(std::move(clearRecord));
 }
 
 std::string Trace::toText() const {

@@ -126,7 +126,9 @@ class Trace {
     // Without recording, events are only counted: for runs whose events would not fit the memory.
     void setRecording(bool);
     bool recording() const;
+    // Empties the record; called with it, what parts recorded of their own is emptied as well.
     void clear();
+    void onClear(std::function<void()>);
 
     std::string toText() const;  // one line for each event
     std::string toVcd() const;   // the lines, for waveform viewers
@@ -140,6 +142,7 @@ class Trace {
     std::vector<WireByte> mWire;
     std::vector<SpiTransfer> mSpi;
     std::vector<std::function<void(const Event&)>> mListeners;
+    std::vector<std::function<void()>> mRecords;
     bool mRecording = true;
     uint64_t mCount = 0;
     std::optional<PowerCut> mCut;

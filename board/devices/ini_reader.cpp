@@ -113,7 +113,8 @@ int IniReader::load(const std::filesystem::path& hostPath) {
 int IniReader::loadText(std::string text) {
     Guard guard(boardLock());
     text.resize(std::min<size_t>(text.size(), kLongest));
-    mFiles.push_back(parseIni(text));
+    Values values = parseIni(text);
+    if (mFiles.empty() || mFiles.back() != values) mFiles.push_back(std::move(values));
     return static_cast<int>(mFiles.size());
 }
 

@@ -24,7 +24,8 @@ class IniReader {
 
     void setMissingInteger(int);  // the value of a missing integer, default 0
 
-    // Each gives a handle; load 0 when the file cannot be read.
+    // Each gives a handle, the last one again for the same values: nobody closes files, and a board
+    // stays on for long. load gives 0 when the file cannot be read.
     int load(const std::filesystem::path& hostPath);
     int loadText(std::string text);
     const std::string* find(int handle, const char* section, const char* key) const;

@@ -65,7 +65,9 @@ Uart::Uart(BoardServices& board, std::string path)
     : mBoard(board),
       mPath(std::move(path)),
       mSettings(factorySettings()),
-      mHost{.line = settingsOf(mSettings)} {}
+      mHost{.line = settingsOf(mSettings)} {
+    mBoard.trace.onClear([this] { mSent.clear(); });
+}
 Uart::~Uart() = default;
 
 void Uart::note(EventKind kind, const std::string& text, std::vector<uint8_t> bytes) {

@@ -78,7 +78,7 @@ class Uart {
     void unplug();             // the device is gone: EIO, and end of file to readers
     void addFault(const LineFault&);
     void addNoise(uint64_t seed, const NoiseRates&);  // in both directions, from now on
-    std::vector<uint8_t> sentByHost() const;          // every byte accepted by write()
+    std::vector<uint8_t> sentByHost() const;          // recorded, every byte accepted by write()
     size_t bytesOnTheWay() const;                     // accepted by write(), not yet at the peer
 
     // For the peer.

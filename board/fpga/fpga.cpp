@@ -38,6 +38,7 @@ uint8_t Fpga::Progress::value(Nanos now) const {
 
 Fpga::Fpga(BoardServices& board, Lines lines, SerialFlash& flash, bool bootsFromFlash)
     : mBoard(board), mLines(lines), mFlash(flash), mBootsFromFlash(bootsFromFlash) {
+    mBoard.trace.onClear([this] { mTransactions.clear(); });
     mLines.control.onEdge([this](int) { linesChanged(); });
     mLines.config.onEdge([this](int) { linesChanged(); });
     mFlash.onUse([this] {

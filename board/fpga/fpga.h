@@ -87,7 +87,6 @@ class Fpga {
     std::string problem() const;  // why the last configuration failed
     bool isUdpMode() const;
     std::vector<SpiTransaction> transactions() const;
-    void forgetTransactions();
     // The parameter memory: the addresses written since the configuration, in order.
     using Memory = std::vector<std::pair<uint32_t, uint8_t>>;
     Memory memory() const;

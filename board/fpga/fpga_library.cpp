@@ -15,7 +15,9 @@ constexpr char kBlockDevices[] = "/dev/block/by-name/";
 
 }  // namespace
 
-FpgaLibrary::FpgaLibrary(BoardServices& board, const Parts& parts) : mBoard(board), mParts(parts) {}
+FpgaLibrary::FpgaLibrary(BoardServices& board, const Parts& parts) : mBoard(board), mParts(parts) {
+    mBoard.trace.onClear([this] { mTexts.clear(); });
+}
 FpgaLibrary::~FpgaLibrary() = default;
 
 template <typename Work>

@@ -49,8 +49,8 @@ class FpgaLibrary {
     int32_t updateProgram();
     int32_t loadParameters();
 
-    // The address of every text that a caller passed. A closed library may keep such addresses, so
-    // that callers must not free the texts.
+    // Recorded, the address of every text that a caller passed. A closed library may keep such
+    // addresses, so that callers must not free the texts.
     const std::vector<const char*>& texts() const { return mTexts; }
 
   private:

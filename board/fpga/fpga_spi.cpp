@@ -188,11 +188,6 @@ std::vector<SpiTransaction> Fpga::transactions() const {
     return mTransactions;
 }
 
-void Fpga::forgetTransactions() {
-    Guard guard(boardLock());
-    mTransactions.clear();
-}
-
 // After a reset of the PHY, the FPGA negotiates only when its own side is reset once more.
 void Fpga::phyWasReset() { mNegotiation.since.reset(); }
 

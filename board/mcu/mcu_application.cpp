@@ -68,6 +68,7 @@ std::string describeFrame(const char* what, const std::vector<uint8_t>& frame) {
 McuApplication::McuApplication(BoardServices& board, Uart& uart, int baud)
     : mBoard(board), mUart(uart) {
     mLine.baud = baud;
+    mBoard.trace.onClear([this] { mRequests.clear(); });
     load();
 }
 
@@ -170,7 +171,6 @@ void McuApplication::accept() {
     if (mBoard.trace.recording()) {
         mBoard.trace.add(EventKind::kFrame, "mcu", describeFrame("request", frame), frame);
         mRequests.push_back(request);
-        mFramesSeen.push_back(frame);
     }
     if (!mBoard.power.isOn()) return;
     answer(request);
@@ -225,11 +225,6 @@ void McuApplication::send(std::vector<uint8_t> frame) {
 std::vector<McuApplication::Request> McuApplication::requests() const {
     Guard guard(boardLock());
     return mRequests;
-}
-
-std::vector<std::vector<uint8_t>> McuApplication::framesSeen() const {
-    Guard guard(boardLock());
-    return mFramesSeen;
 }
 
 size_t McuApplication::badFrames() const {

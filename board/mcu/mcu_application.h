@@ -37,8 +37,7 @@ class McuApplication : public UartPeer {
     McuApplication(const McuApplication&) = delete;
     McuApplication& operator=(const McuApplication&) = delete;
 
-    std::vector<Request> requests() const;
-    std::vector<std::vector<uint8_t>> framesSeen() const;  // every well-formed frame, in order
+    std::vector<Request> requests() const;  // recorded, the well-formed ones, in order
     size_t badFrames() const;
     // False: a get of this command is answered with four zero bytes, since nothing was ever set.
     bool knows(uint32_t cmd) const;
@@ -80,7 +79,6 @@ class McuApplication : public UartPeer {
     Nanos mLastByte{0};
     size_t mBadFrames = 0;
     std::vector<Request> mRequests;
-    std::vector<std::vector<uint8_t>> mFramesSeen;
     bool mSilent = false, mCorrupt = false;
     std::vector<uint8_t> mNoiseBefore, mNoiseAfter;
 };

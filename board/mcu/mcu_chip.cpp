@@ -37,6 +37,7 @@ McuChip::McuChip(BoardServices& board, const McuPart& part, Uart& uart, GpioLine
       mFlash(part, *board.store, kFlashFile),
       mLoader(makeBootLoader(mFlash, *this, mFaults)) {
     mNrst.onEdge([this](int level) { onReset(level); });
+    mBoard.trace.onClear([this] { mStarts.clear(); });
     mUart.attach(this);
 }
 

@@ -36,7 +36,7 @@ class McuChip : public UartPeer, private McuSurroundings {
     const McuPart& part() const { return mFlash.part(); }
     State state() const;
     std::string version() const;        // of the running application, else ""
-    std::vector<Start> starts() const;  // since power-on
+    std::vector<Start> starts() const;  // recorded since power-on
     LoaderFaults& loaderFaults() { return mFaults; }
     McuFlash& flash() { return mFlash; }
     // How fast a line the boot loader measures; parts in the field go beyond what is published.

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include "platform/vendor/include/quil_bi.h"
 #include "testing/build.h"
 #include "testing/library_test.h"
 
@@ -352,6 +353,15 @@ TEST_F(ConfigInfo, SecondParseReusesTheRecordAndStartsFromZero) {
     EXPECT_STREQ(config_info->product, "");
     EXPECT_EQ(config_info->mcu_fd, 0);
     EXPECT_EQ(config_info->fw_updating, 0);
+}
+
+// Nobody closes a product file, and a board that stays on parses it with each command.
+TEST_F(ConfigInfo, FileThatIsAsItWasIsKeptOnce) {
+    board.writeFile(kProductFile, kWholeFile);
+    const int32_t first = bi_common_load_ini_file(kProductFile);
+    EXPECT_EQ(bi_common_load_ini_file(kProductFile), first);
+    board.writeFile(kProductFile, with("M1", "M2"));
+    EXPECT_NE(bi_common_load_ini_file(kProductFile), first);
 }
 
 TEST_F(ConfigInfo, ModuleIdIsTheLeadingDecimalNumberOfItsText) {

@@ -110,7 +110,7 @@ class HostilePartition : public FpgaScreen {
             if (dice.oneIn(4)) scrambleRows(dice);
             putPartition(hostilePartition(dice));
             ASSERT_THAT(fpgaLoadScreenParamsBySpi(), AnyOf(0, -1)) << "seed " << seed;
-            board.fpga().forgetTransactions();
+            board.trace().clear();
             ASSERT_THAT(board.violations(), IsEmpty()) << "seed " << seed;
         }
     }
@@ -151,7 +151,7 @@ TEST_F(HostilePartition, WithRowsOfGarbageIsSafeForTheExportedSenders) {
         sendNetGapeEnable(static_cast<int>(dice.word()), packed.data());
         sendTopologyPara(packed.data(), dice.oneIn(2) ? dice.word() : 0x1FFF00,
                          dice.word() | 0x10000000, static_cast<int>(dice.word()));
-        board.fpga().forgetTransactions();
+        board.trace().clear();
     }
     SUCCEED();
 }

@@ -266,6 +266,8 @@ TEST_F(FpgaLoadKestrel, ClosedLibraryMayKeepItsTextsForTheyAreTheRecordsOwn) {
                                              config_info->fpga_parameter,
                                              config_info->hex_parameter};
     EXPECT_EQ(board.fpgaLibrary().texts(), fields);
+    board.trace().clear();
+    EXPECT_THAT(board.fpgaLibrary().texts(), IsEmpty());
 }
 
 TEST_F(FpgaLoadKestrel, RestsASecondBeforeAndBehindEth1) {

@@ -23,7 +23,9 @@ using quil::tests::kHeronUart;
 using quil::tests::LibraryTest;
 using std::chrono::milliseconds;
 using std::chrono::seconds;
+using testing::Each;
 using testing::ElementsAre;
+using testing::Gt;
 using testing::HasSubstr;
 using testing::IsEmpty;
 
@@ -68,6 +70,22 @@ TEST_F(HostingComponentTest, AnswerOfTheMcuReachesTheClientThatAsked) {
     EXPECT_EQ(getVersion(), version);
     EXPECT_EQ(host.reader()->statistics().frames, 1u);
     EXPECT_THAT(board.violations(), IsEmpty());
+}
+
+// A board that stays on would otherwise grow with each command.
+TEST_F(HostingComponentTest, ClearedTraceTakesWhatThePartsRecordedWithIt) {
+    ASSERT_TRUE(start().ok());
+    EXPECT_EQ(loadFpga(), FpgaLoad::kUp);
+    getVersion();
+    const auto records = [this] {
+        return std::vector<size_t>{board.trace().events().size(), board.mcu().requests().size(),
+                                   board.mcuUart().sentByHost().size(),
+                                   board.mcuChip().starts().size(),
+                                   board.fpga().transactions().size()};
+    };
+    EXPECT_THAT(records(), Each(Gt(0U)));
+    board.trace().clear();
+    EXPECT_THAT(records(), Each(0U));
 }
 
 TEST_F(HostingComponentTest, ValueThatWasSetIsReadBack) {
