@@ -214,12 +214,12 @@ void Trace::clear() {
     mEvents.clear();
     mWire.clear();
     mSpi.clear();
-    for (const auto& clearRecord : mRecords) clearRecord();
+    for (const auto& clearRecord : mOnClear) clearRecord();
 }
 
 void Trace::onClear(std::function<void()> clearRecord) {
     Guard guard(boardLock());
-    mRecords.push_back(std::move(clearRecord));
+    mOnClear.push_back(std::move(clearRecord));
 }
 
 std::string Trace::toText() const {

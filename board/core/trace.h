@@ -126,7 +126,7 @@ class Trace {
     // Without recording, events are only counted: for runs whose events would not fit the memory.
     void setRecording(bool);
     bool recording() const;
-    // Empties the record; called with it, what parts recorded of their own is emptied as well.
+    // Empties the record, and calls what was given to onClear: parts empty records of their own.
     void clear();
     void onClear(std::function<void()>);
 
@@ -142,7 +142,7 @@ class Trace {
     std::vector<WireByte> mWire;
     std::vector<SpiTransfer> mSpi;
     std::vector<std::function<void(const Event&)>> mListeners;
-    std::vector<std::function<void()>> mRecords;
+    std::vector<std::function<void()>> mOnClear;
     bool mRecording = true;
     uint64_t mCount = 0;
     std::optional<PowerCut> mCut;
