@@ -277,22 +277,34 @@ TEST_F(QuilctlInterruption, SecondOneEndsWhatDoesNotComeToItsEnd) {
     EXPECT_TRUE(check.diedOfASignal());
 }
 
+// How a program ends that gets three signals, the first two one right behind the other. With a
+// writer at the named pipe it reads, and never comes to an end of its own.
+int endAfterThreeSignals(const std::string& fifo) {
+    StartedProgram show(kQuilctlCommand + "screen show '" + fifo + "'");
+    int writer = -1;
+    while (writer < 0 && !show.hasEnded()) {
+        writer = open(fifo.c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    }
+    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
+        show.signal(signal);
+        while (show.hasPending(signal) && !show.hasEnded()) std::this_thread::yield();
+    }
+    const int end = show.end();
+    close(writer);
+    EXPECT_TRUE(show.diedOfASignal());
+    return end;
+}
+
 // Whoever starts programs may signal one of them and then its group, as timeout(1) does.
 TEST_F(QuilctlInterruption, EchoOfTheFirstOneIsNoSecondOne) {
     if (kEmulated) GTEST_SKIP() << "the emulator has pending signals of its own";
     ASSERT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
-    StartedProgram show(kQuilctlCommand + "screen show '" + path("fifo") + "'");
-    int writer = -1;  // with one the program reads, and never comes to an end
-    while (writer < 0 && !show.hasEnded()) {
-        writer = open(path("fifo").c_str(), O_WRONLY | O_NONBLOCK | O_CLOEXEC);
+    constexpr int kTries = 20;  // a busy machine may need longer for the second than an echo takes
+    int end = 0;
+    for (int i = 0; i < kTries && end != tools::kHungUp; ++i) {
+        end = endAfterThreeSignals(path("fifo"));
     }
-    for (const int signal : {SIGINT, SIGTERM, SIGHUP}) {
-        show.signal(signal);
-        while (show.hasPending(signal)) std::this_thread::yield();
-    }
-    EXPECT_EQ(show.end(), 128 + SIGHUP);
-    EXPECT_TRUE(show.diedOfASignal());
-    close(writer);
+    EXPECT_EQ(end, tools::kHungUp);
 }
 
 TEST_F(QuilctlInterruption, IgnoredSignalStaysIgnored) {
