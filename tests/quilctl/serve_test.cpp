@@ -14,6 +14,7 @@
 #include "testing/program_output.h"
 #include "testing/whole.h"
 #include "tests/quilctl/served_run.h"
+#include "tests/swarm/heap_count.h"
 #include "tools/quilctl/session/board_session.h"
 #include "tools/quilctl/session/exclusive.h"
 
@@ -109,6 +110,25 @@ TEST_F(QuilctlServe, FilesAreThoseOfTheClientsFolder) {
     std::filesystem::current_path(former);
     EXPECT_THAT(::quil::board::readWholeFile(directory / "here.txt").value_or(""),
                 HasSubstr("client: get"));
+}
+
+TEST_F(QuilctlServe, CommandsLeaveNothingInTheServersMemory) {
+    const swarm::BlockCount blocks = swarm::blockCount();
+    if (blocks == nullptr) GTEST_SKIP() << "a sanitizer has the heap";
+    serve();
+    const auto runCommands = [this] {
+        const std::vector<tools::Words> commands = {
+            {"get", "1"}, {"fpga", "load"}, {"mcu", "update"}, {"boot"}, {"self-test"}};
+        for (const tools::Words& words : commands) {
+            for (int i = 0; i < 5; ++i) EXPECT_EQ(on(words).code, tools::kOk) << words.front();
+        }
+    };
+    runCommands();
+    const long before = blocks();
+    runCommands();
+    // The server tidies up behind its answers.
+    for (int i = 0; i < 1000 && blocks() > before; ++i) on({"status"});
+    EXPECT_LE(blocks(), before);
 }
 
 TEST_F(QuilctlServe, PowerThatWasCutComesBackWithPowerOn) {
