@@ -11,10 +11,10 @@
 
 #include "board/core/real_calls.h"
 #include "testing/build.h"
+#include "testing/heap_count.h"
 #include "testing/program_output.h"
 #include "testing/whole.h"
 #include "tests/quilctl/served_run.h"
-#include "tests/swarm/heap_count.h"
 #include "tools/quilctl/session/board_session.h"
 #include "tools/quilctl/session/exclusive.h"
 
@@ -113,7 +113,7 @@ TEST_F(QuilctlServe, FilesAreThoseOfTheClientsFolder) {
 }
 
 TEST_F(QuilctlServe, CommandsLeaveNothingInTheServersMemory) {
-    const swarm::BlockCount blocks = swarm::blockCount();
+    const BlockCount blocks = blockCount();
     if (blocks == nullptr) GTEST_SKIP() << "a sanitizer has the heap";
     serve();
     const auto runCommands = [this] {

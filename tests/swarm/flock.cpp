@@ -5,8 +5,8 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "testing/heap_count.h"
 #include "tests/swarm/crew.h"
-#include "tests/swarm/heap_count.h"
 #include "tests/swarm/library_data.h"
 
 namespace quil::swarm {
@@ -58,7 +58,7 @@ Outcome runOnce(const World& world, Ground& ground, const Child::Tell& tell) {
 // there already, so that no heap block may be left.
 std::string problemOfAgain(const World& world, uint64_t trace, Ground& ground,
                            const Child::Tell& tell) {
-    const BlockCount count = blockCount();
+    const tests::BlockCount count = tests::blockCount();
     if (count == nullptr) return "";
     const long before = count();
     {

@@ -4,8 +4,8 @@
 
 #include <map>
 
+#include "testing/heap_count.h"
 #include "tests/swarm/faults/trial.h"
-#include "tests/swarm/heap_count.h"
 #include "tests/swarm/library_data.h"
 #include "tests/swarm/spread.h"
 
@@ -93,7 +93,7 @@ std::vector<Piece> piecesOf(const std::vector<Flow>& flows,
 // A run that leaves heap blocks is repeated: what it made for good is there by then.
 std::string runCounted(Trials& trials, const Flow& flow, const Recording& recording,
                        const Piece& piece) {
-    const swarm::BlockCount count = swarm::blockCount();
+    const tests::BlockCount count = tests::blockCount();
     long left = 0;
     for (int tries = 0; tries < 2; ++tries) {
         const long before = count != nullptr ? count() : 0;

@@ -1,4 +1,4 @@
-#include "tests/swarm/heap_count.h"
+#include "testing/heap_count.h"
 
 #include <errno.h>
 #include <stdlib.h>
@@ -9,9 +9,9 @@
 
 #if QUIL_SANITIZED
 
-namespace quil::swarm {
+namespace quil::tests {
 BlockCount blockCount() { return nullptr; }
-}  // namespace quil::swarm
+}  // namespace quil::tests
 
 #else
 
@@ -26,11 +26,11 @@ void* counted(void* block) {
 
 }  // namespace
 
-namespace quil::swarm {
+namespace quil::tests {
 BlockCount blockCount() {
     return [] { return g_blocks.load(); };
 }
-}  // namespace quil::swarm
+}  // namespace quil::tests
 
 extern "C" {
 
