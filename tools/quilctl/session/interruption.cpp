@@ -37,8 +37,8 @@ const SignalRow& signalRow(int signal) {
     return row == kSignals.end() ? kSignals.front() : *row;
 }
 
-// timeout(1) and service managers signal a program and then its group: a second signal within this
-// time is the first one's echo. A third is none.
+// timeout(1) and service managers signal a program and then its group: one more signal within this
+// time is the first one's echo, and ignored.
 constexpr timespec kEcho{0, 500'000'000};
 // How long a command may take to its end; then nothing but its end helps.
 constexpr timespec kPatience{10, 0};
